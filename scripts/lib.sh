@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # What the scripts share. To be sourced from bash with `set -euo pipefail`; leaves the repository's root in $root.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

@@ -5,17 +5,19 @@
 #include <span>
 #include <vector>
 
-// Damage on purpose. Feeds a decoder every prefix of a good input, and the input with every single byte flipped:
-// each byte in turn with all its bits inverted, with its lowest and its highest bit inverted, and set to 0 and to
-// 255 (so that counts and lengths become nothing, huge, and off by one).
+// Damage on purpose. Feeds a decoder every prefix of a good input, and the input with every single byte
+// flipped: each byte in turn with all its bits inverted, with its lowest and its highest bit inverted, and
+// set to 0 and to 255 (so that counts and lengths become nothing, huge, and off by one).
 //
-// The decoder takes a std::span<const std::uint8_t> and shall refuse or accept as it sees fit: what it must not do
-// is crash, hang, or read or allocate beyond reason. Run it under the sanitizers. Each input is a copy of exactly
-// its own size, so that reading one byte past its end is seen. What the decoder throws goes on to the test.
+// The decoder takes a std::span<const std::uint8_t> and shall refuse or accept as it sees fit: what it must
+// not do is crash, hang, or read or allocate beyond reason. Run it under the sanitizers. Each input is a copy
+// of exactly its own size, so that reading one byte past its end is seen. What the decoder throws goes on to
+// the test.
 template <class Decode>
 void sweepDamage(std::span<const std::uint8_t> good, Decode decode) {
     for (std::size_t length = 0; length < good.size(); ++length) {
-        const std::vector<std::uint8_t> prefix(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length));
+        const std::vector<std::uint8_t> prefix(good.begin(),
+                                               good.begin() + static_cast<std::ptrdiff_t>(length));
         decode(std::span<const std::uint8_t>(prefix));
     }
     for (std::size_t at = 0; at < good.size(); ++at) {
