@@ -1,0 +1,62 @@
+// The hex examples of docs/*.md, each decoded by the code that it documents.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <set>
+#include <span>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/hex_examples.h"
+
+namespace {
+
+// By an example's name: true if the bytes read as what the page says, with nothing left over. For instance
+// {"pref.met", [](std::span<const std::uint8_t> bytes) { ... }}; a page has as many examples of a name as it
+// likes.
+using Decoder = std::function<bool(std::span<const std::uint8_t>)>;
+const std::map<std::string, Decoder> decoders = {};
+
+TEST(FormatPages, EveryHexExampleDecodesAndEveryDecoderHasAnExample) {
+    std::set<std::string> unused;
+    for (const auto& [name, decoder] : decoders) unused.insert(name);
+    const std::filesystem::path docs = std::filesystem::path(TARNWICK_SOURCE_DIR) / "docs";
+    ASSERT_TRUE(std::filesystem::is_directory(docs));
+    for (const auto& entry : std::filesystem::directory_iterator(docs)) {
+        if (entry.path().extension() != ".md") continue;
+        std::ifstream page(entry.path());
+        for (const HexExample& example : readHexExamples(page)) {
+            SCOPED_TRACE(entry.path().filename().string() + ":" + std::to_string(example.line));
+            const auto decoder = decoders.find(example.name);
+            ASSERT_NE(decoder, decoders.end()) << "no decoder is called " << example.name;
+            unused.erase(example.name);
+            EXPECT_TRUE(decoder->second(example.bytes)) << "the example doesn't decode";
+        }
+    }
+    EXPECT_THAT(unused, testing::IsEmpty()) << "decoders of examples that no page has";
+}
+
+TEST(FormatPages, ExamplesAreReadStrictly) {
+    std::istringstream page(
+        "# Page\n```hex one\n01 fF  ; two bytes\n\n0203\n```\n```sh\nzz\n```\n```hex two\n```\n");
+    const std::vector<HexExample> examples = readHexExamples(page);
+    ASSERT_EQ(examples.size(), 2u);
+    EXPECT_EQ(examples[0].name, "one");
+    EXPECT_EQ(examples[0].line, 2);
+    EXPECT_EQ(examples[0].bytes, (std::vector<std::uint8_t>{1, 0xff, 2, 3}));
+    EXPECT_EQ(examples[1].name, "two");
+    EXPECT_THAT(examples[1].bytes, testing::IsEmpty());
+    for (const char* bad :
+         {"```hex\n00\n```\n", "```hex a\n0\n```\n", "```hex a\n0g\n```\n", "```hex a\n00\n"}) {
+        std::istringstream broken(bad);
+        EXPECT_THROW(readHexExamples(broken), std::runtime_error) << bad;
+    }
+}
+
+}  // namespace
