@@ -1,0 +1,197 @@
+// LL, the singly linked list of pointers in which nearly everything is kept.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+#include "i4min/memory/types.h"
+
+template <class T>
+struct LLNode {
+    T* value = nullptr;
+    LLNode* next = nullptr;
+};
+
+// A list of non-null pointers. It owns nothing: destroying it frees its nodes, not what they point at.
+// Thread: none of its own; see LLsafe for the form with a lock.
+//
+// The list object is its own sentinel: a node whose value is null, so that the nodes form a ring through it
+// and a walk ends at the first null value:
+//
+//     for (typename LL<T>::Cursor c; T* v = list.next(c);) use(v);
+template <class T>
+class LL {
+    using Node = LLNode<T>;
+
+  public:
+    // Where a walk stands. A fresh cursor stands before the first element. Removing the element that it
+    // stands on makes it invalid.
+    class Cursor {
+        friend class LL;
+        const Node* node_ = nullptr;
+    };
+
+    LL() { sentinel_.next = &sentinel_; }
+    LL(const LL&) = delete;
+    LL& operator=(const LL&) = delete;
+    virtual ~LL() { freeNodes(); }
+
+    virtual void add(T* value) {  // null is ignored
+        if (value) linkAfter(tail_, value);
+    }
+    virtual void addFront(T* value) {  // null is ignored
+        if (value) linkAfter(&sentinel_, value);
+    }
+    virtual bool addUnique(T* value) {  // false if it is there already
+        if (contains(value)) return false;
+        add(value);
+        return true;
+    }
+    virtual void replaceAt(u32 index, T* value) {  // past the end: add
+        if (Node* before = beforeIndex(index)) {
+            before->next->value = value;
+        } else {
+            LL::add(value);
+        }
+    }
+    virtual void insertAt(u32 index, T* value) {  // past the end: add
+        if (Node* before = beforeIndex(index)) {
+            linkAfter(before, value);
+        } else {
+            LL::add(value);
+        }
+    }
+    virtual bool remove(T* value) {  // the first node that holds it
+        if (!value) return false;
+        for (Node* before = &sentinel_; before->next != end(); before = before->next) {
+            if (before->next->value == value) {
+                unlinkAfter(before);
+                return true;
+            }
+        }
+        return false;
+    }
+    virtual T* removeAt(u32 index) {  // null past the end
+        Node* before = beforeIndex(index);
+        return before ? unlinkAfter(before) : nullptr;
+    }
+    virtual void clear() {
+        freeNodes();
+        sentinel_.next = &sentinel_;
+        tail_ = &sentinel_;
+    }
+    virtual u32 count() const {  // a walk
+        u32 n = 0;
+        for (const Node* node = head(); node != end(); node = node->next) ++n;
+        return n;
+    }
+    virtual T* getAt(u16 index) const {  // null past the end
+        const Node* node = head();
+        while (node != end() && index > 0) {
+            node = node->next;
+            --index;
+        }
+        return node->value;
+    }
+    // Removes the element behind the cursor. With the cursor as it stood before the step that returned the
+    // element to remove, the result serves as the cursor of the walk from there on. If nothing follows the
+    // cursor, the result is a fresh one.
+    virtual Cursor removeNext(Cursor cursor) {
+        auto* before = cursor.node_ ? const_cast<Node*>(cursor.node_) : &sentinel_;
+        Cursor result;
+        if (before->next == end()) return result;
+        unlinkAfter(before);
+        result.node_ = before;
+        return result;
+    }
+    virtual bool contains(const T* value) const {
+        for (const Node* node = head(); node != end(); node = node->next) {
+            if (node->value == value) return true;
+        }
+        return false;
+    }
+    virtual void addAll(const LL& other) {
+        for (const Node* node = other.head(); node != other.end(); node = node->next) add(node->value);
+    }
+    virtual void removeAll(const LL& other) {
+        for (const Node* node = other.head(); node != other.end(); node = node->next) remove(node->value);
+    }
+    // Sorts so that compare(a, b) holds for neighbours a, b. `compare` is a less-or-equal or greater-or-equal
+    // test. Of equal elements the one that stood further back comes first.
+    virtual void sort(bool (*compare)(const T* a, const T* b)) {
+        std::vector<T*> values = take();
+        std::reverse(values.begin(), values.end());
+        std::stable_sort(values.begin(), values.end(),
+                         [&](const T* a, const T* b) { return !compare(b, a); });
+        for (T* value : values) linkAfter(tail_, value);
+    }
+    // Random order, by the system library's rand().
+    virtual void shuffle() {
+        std::vector<T*> values = take();
+        while (!values.empty()) {
+            const auto at =
+                static_cast<std::ptrdiff_t>(static_cast<std::size_t>(std::rand()) % values.size());
+            linkAfter(tail_, values[static_cast<std::size_t>(at)]);
+            values.erase(values.begin() + at);
+        }
+    }
+
+    T* first() const { return head()->value; }  // null when empty
+    bool isEmpty() const { return head() == end(); }
+
+    // Moves the cursor to the next element and returns it, null at the end.
+    T* next(Cursor& cursor) const {
+        cursor.node_ = cursor.node_ ? cursor.node_->next : head();
+        return cursor.node_->value;
+    }
+
+  private:
+    Node* head() const { return sentinel_.next; }
+    const Node* end() const { return &sentinel_; }
+
+    void linkAfter(Node* before, T* value) {
+        auto* node = new Node{value, before->next};
+        before->next = node;
+        if (tail_ == before) tail_ = node;
+    }
+    T* unlinkAfter(Node* before) {
+        Node* node = before->next;
+        T* value = node->value;
+        before->next = node->next;
+        if (tail_ == node) tail_ = before;
+        delete node;
+        return value;
+    }
+    // The node in front of the position, null where the position is past the last element.
+    Node* beforeIndex(u32 index) {
+        Node* before = &sentinel_;
+        while (before->next != end() && index > 0) {
+            before = before->next;
+            --index;
+        }
+        return before->next == end() ? nullptr : before;
+    }
+    void freeNodes() {
+        for (Node* node = head(); node != end();) {
+            Node* following = node->next;
+            delete node;
+            node = following;
+        }
+    }
+    std::vector<T*> take() {
+        std::vector<T*> values;
+        for (const Node* node = head(); node != end(); node = node->next) values.push_back(node->value);
+        LL::clear();
+        return values;
+    }
+
+    Node sentinel_;
+    Node* tail_ = &sentinel_;
+};
+
+// Destroys what the list points at and empties it, for an owner of the elements. Takes no lock.
+template <class T>
+void deleteAll(LL<T>& list) {
+    while (T* value = list.LL<T>::removeAt(0)) delete value;
+}

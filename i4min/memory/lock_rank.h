@@ -1,0 +1,32 @@
+// The order in which locks are taken, as one table. A thread may take a lock only if its rank is above the
+// rank of the last one that it holds; a debug build aborts otherwise. `none` opts out: a leaf that is never
+// held across a call into another class, and the tests' own locks.
+#pragma once
+
+enum class LockRank : int {
+    none = 0,
+    connection = 10,       // Connection::lock_, held for a whole turn
+    hashThread = 15,       // HashThread::lock_, held for a whole file
+    uploadPool = 20,       // UploadPool::lock_
+    downloads = 30,        // the list of DLPool
+    download = 40,         // Download::lock_
+    call = 45,             // Call::lock_
+    serverPool = 50,       // ServerPool::lock_
+    protocol = 52,         // i4_protocol::lock_
+    metaList = 60,         // FileList, ServerList, UserList, the FriendList
+    remoteQueue = 61,      // RemoteQueueList
+    uiList = 62,           // ConClientApp's lists of downloads and uploads
+    peers = 64,            // the list of live Peer connections
+    controller = 66,       // TcpipUI's controller
+    preferences = 70,      // Preferences::selfLock, pathLock
+    filter = 71,           // FilterList
+    partialRead = 72,      // PartialFile::fileLock
+    gapList = 74,          // GapList
+    progress = 76,         // GapCounterList, DLProgress
+    connectRegistry = 78,  // ConnectRegistry::lock
+    socketPool = 80,       // SocketPool's additions, removals and tasks
+    sendQueue = 84,        // Connection::sendQueue
+    messageQueue = 86,     // MessageQ's queue
+    socket = 88,           // i4_tcpip_sock::lock_
+    leaf = 100,            // held for a field access alone
+};

@@ -1,0 +1,148 @@
+#include "i4min/string/string.h"
+
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "i4min/memory/error.h"
+#include "i4min/memory/malloc4.h"
+
+namespace {
+
+char* duplicate(const char* source, std::size_t length) {
+    auto* copy = static_cast<char*>(i4_malloc(length + 1));
+    std::memcpy(copy, source, length);
+    copy[length] = 0;
+    return copy;
+}
+
+template <class Fold>
+int compareText(const char* a, const char* b, Fold fold) {
+    if (a == b) return 0;
+    if (!a) return -1;
+    if (!b) return 1;
+    for (;; ++a, ++b) {
+        const char l = fold(*a);
+        const char r = fold(*b);
+        if (l != r) return static_cast<signed char>(l) < static_cast<signed char>(r) ? -1 : 1;
+        if (!l) return 0;
+    }
+}
+
+template <class FoldHay, class FoldNeedle>
+const char* findText(const char* hay, const char* needle, FoldHay foldHay, FoldNeedle foldNeedle) {
+    if (!hay || !needle) return nullptr;
+    for (;; ++hay) {
+        std::size_t i = 0;
+        while (needle[i] && hay[i] && foldHay(hay[i]) == foldNeedle(needle[i])) ++i;
+        if (!needle[i]) return hay;
+        if (!*hay) return nullptr;
+    }
+}
+
+char same(char c) { return c; }
+
+bool isDelimiter(char c, const char* delimiters) { return c && std::strchr(delimiters, c); }
+
+}  // namespace
+
+i4_string::i4_string() : text_(duplicate("", 0)) {}
+i4_string::i4_string(const char* text) : text_(i4_strdup(text)) {}
+i4_string::i4_string(const char* source, std::size_t length) : text_(duplicate(source, length)) {}
+i4_string::i4_string(const i4_string& other) : text_(i4_strdup(other.text_)) {}
+i4_string::i4_string(i4_string&& other) noexcept : text_(std::exchange(other.text_, nullptr)) {}
+i4_string::~i4_string() { i4_free(text_); }
+
+i4_string& i4_string::operator=(const i4_string& other) { return *this = other.text_; }
+
+i4_string& i4_string::operator=(i4_string&& other) noexcept {
+    std::swap(text_, other.text_);
+    return *this;
+}
+
+i4_string& i4_string::operator=(const char* text) {
+    // The copy comes first: `text` may be a piece of the old value.
+    char* copy = i4_strdup(text);
+    i4_free(text_);
+    text_ = copy;
+    return *this;
+}
+
+i4_string& i4_string::operator+=(const char* text) {
+    if (!text) return *this;
+    const std::size_t head = length();
+    const std::size_t tail = i4_strlen(text);
+    auto* joined = static_cast<char*>(i4_malloc(head + tail + 1));
+    if (head > 0) std::memcpy(joined, text_, head);
+    std::memcpy(joined + head, text, tail + 1);
+    i4_free(text_);
+    text_ = joined;
+    return *this;
+}
+
+bool i4_string::operator==(const i4_string& other) const { return i4_strcmp(text_, other.text_) == 0; }
+bool i4_string::operator==(const char* other) const { return i4_strcmp(text_, other) == 0; }
+
+void i4_string::toLower() {
+    for (char* c = text_; c && *c; ++c) *c = i4_tolower(*c);
+}
+
+std::size_t i4_string::length() const { return i4_strlen(text_); }
+
+std::size_t i4_strlen(const char* s) { return s ? std::strlen(s) : 0; }
+int i4_strcmp(const char* a, const char* b) { return compareText(a, b, same); }
+int i4_stricmp(const char* a, const char* b) { return compareText(a, b, i4_toupper); }
+char* i4_strcpy(char* d, const char* s) { return std::strcpy(d, s); }
+char* i4_strcat(char* d, const char* s) { return std::strcat(d, s); }
+
+char* i4_strncpy(char* d, const char* s, std::size_t n) {
+    if (n == 0) return d;
+    std::size_t i = 0;
+    for (; i + 1 < n && s[i]; ++i) d[i] = s[i];
+    d[i] = 0;
+    return d;
+}
+
+char* i4_strdup(const char* s) { return s ? duplicate(s, std::strlen(s)) : nullptr; }
+
+const char* i4_strstr(const char* hay, const char* needle) { return findText(hay, needle, same, same); }
+const char* stristr(const char* hay, const char* needle) {
+    return findText(hay, needle, i4_toupper, i4_toupper);
+}
+
+const char* i4_stristr_lower(const char* hay, const char* needle) {
+    return findText(hay, needle, i4_tolower, same);
+}
+
+i32 i4_atoi(const char* s) {
+    const bool negative = *s == '-';
+    if (negative) ++s;
+    u32 value = 0;
+    for (; *s >= '0' && *s <= '9'; ++s) value = value * 10 + static_cast<u32>(*s - '0');
+    return static_cast<i32>(negative ? 0 - value : value);
+}
+
+i32 i4_strtok(const char* text, const char* delimiters, i32 offset, char* out, std::size_t out_size) {
+    if (offset < 0 || out_size < 2) return 0;
+    i32 at = offset;
+    while (isDelimiter(text[at], delimiters)) ++at;
+    if (!text[at]) return 0;
+    std::size_t copied = 0;
+    while (text[at]) {
+        out[copied++] = text[at++];
+        if (copied == out_size - 1 || isDelimiter(text[at], delimiters)) {
+            out[copied] = 0;
+            return at;
+        }
+    }
+    out[copied] = 0;
+    return -1;
+}
+
+char i4_getline(char* out, const char* text, u32& cursor) {
+    const auto endsLine = [](char c) { return c == '\n' || c == '\r'; };
+    while (endsLine(text[cursor])) ++cursor;
+    while (text[cursor] && !endsLine(text[cursor])) *out++ = text[cursor++];
+    *out = 0;
+    return text[cursor];
+}

@@ -1,0 +1,63 @@
+// Thread, the base of every long-running object.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+#include "i4min/memory/types.h"
+
+// Runs turns of run() on a thread of its own from start() until stop(), or until run() calls endLoop().
+//
+//   state            event                        to
+//   2 not running    start                        0 running
+//   0 running        stop, from another thread    1 asked to stop
+//   0 running        run() calls endLoop()        2, once run() has returned
+//   1 asked to stop  run() returns                2 not running
+//
+// Thread: start() and stop() from any thread but its own. The destructor of the most derived class calls
+// stop(), so that no turn runs on a half-destroyed object.
+class Thread {
+  public:
+    enum State : u32 { running = 0, askedToStop = 1, notRunning = 2 };
+
+    Thread() = default;
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+    virtual ~Thread();
+    virtual void start();     // nothing unless the thread isn't running
+    virtual void finished();  // on the thread, when its loop ended without stop(); nothing by default
+    virtual void run() = 0;   // one turn of the work; it paces itself by sleepFor()
+
+    // Asks the thread to stop and waits until it has. Nothing if it isn't running.
+    void stop();
+    // Reports success and changes nothing: the host decides on priorities.
+    bool setPriority(i32 level);
+
+    State state() const { return state_.load(std::memory_order_acquire); }
+    bool isStopping() const { return stopping_.load(std::memory_order_acquire); }
+
+  protected:
+    // Sleeps that long, or until stop() or wake() is called. Called on the thread itself.
+    void sleepFor(u32 ms);
+    // Ends a sleepFor() that is going on, or makes the next one return at once. Thread: any.
+    void wake();
+    // Called in run(): this turn is the last one.
+    void endLoop();
+
+  private:
+    static void* enter(void* self);
+    void loop();
+    void join();  // with lifecycle_ held
+
+    std::atomic<State> state_{notRunning};
+    std::atomic<bool> stopping_{false};
+    std::mutex lifecycle_;  // held through start() and stop()
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool woken_ = false;     // guarded by mutex_
+    bool joinable_ = false;  // guarded by lifecycle_
+    pthread_t thread_{};     // guarded by lifecycle_
+};

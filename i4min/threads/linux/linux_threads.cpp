@@ -1,0 +1,157 @@
+#include "i4min/threads/linux/linux_threads.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+
+#include "i4min/memory/error.h"
+
+namespace {
+
+std::atomic<u32> threadCount{0};
+pthread_t mainThread{};
+bool initialized = false;
+i4_init_class* initList = nullptr;
+i4_thread_init_class* threadInitList = nullptr;
+
+struct StartArguments {
+    void* (*function)(void*);
+    void* argument;
+};
+
+void* countedEntry(void* packed) {
+    const std::unique_ptr<StartArguments> start(static_cast<StartArguments*>(packed));
+    void* result = i4_run_guarded(start->function, start->argument);
+    threadCount.fetch_sub(1, std::memory_order_release);
+    return result;
+}
+
+[[noreturn]] void endProcess() {
+    std::fflush(nullptr);
+    ::_exit(0);
+}
+
+}  // namespace
+
+// Static start-up objects of other files enter themselves before this file's own statics are built, so the
+// list heads above are constant-initialized.
+LL<i4_string> i4_argv;
+
+void* i4_run_guarded(void* (*function)(void*), void* argument) {
+    try {
+        return function(argument);
+    } catch (const i4_err& error) {
+        i4_debug_printf("Thread error : %s\n", error.message());
+        endProcess();
+    } catch (...) {
+        i4_debug_printf("Thread unkown error\n");
+        endProcess();
+    }
+}
+
+u32 i4_add_thread(void* (*function)(void*), u32, void* argument) {
+    threadCount.fetch_add(1, std::memory_order_acquire);
+    pthread_t thread{};
+    auto start = std::make_unique<StartArguments>(StartArguments{function, argument});
+    if (::pthread_create(&thread, nullptr, countedEntry, start.get()) == 0) {
+        static_cast<void>(start.release());
+        ::pthread_detach(thread);
+    } else {
+        threadCount.fetch_sub(1, std::memory_order_release);
+        i4_warning()("a thread couldn't be started");
+    }
+    return 0;
+}
+
+void i4_wait_for_threads() {
+    while (threadCount.load(std::memory_order_acquire) != 0) i4_thread_yield();
+}
+
+void i4_thread_yield() { ::sched_yield(); }
+pthread_t i4_get_thread_id() { return ::pthread_self(); }
+pthread_t i4_get_main_thread() { return mainThread; }
+
+void i4_suspend_thread(u32) { i4_error()("implemenet_me"); }
+void i4_resume_thread(u32) { i4_error()("implemenet_me"); }
+void i4_kill_thread(u32) { i4_error()("implemenet_me"); }
+
+u32 i4_tls_create() {
+    pthread_key_t key = 0;
+    ::pthread_key_create(&key, nullptr);
+    return key;
+}
+
+void i4_tls_set(u32 key, void* value) { ::pthread_setspecific(key, value); }
+void* i4_tls_get(u32 key) { return ::pthread_getspecific(key); }
+void i4_tls_delete(u32 key) { ::pthread_key_delete(key); }
+
+i4_init_class::i4_init_class() : next_(initList) { initList = this; }
+
+i4_init_class::~i4_init_class() {
+    for (i4_init_class** link = &initList; *link; link = &(*link)->next_) {
+        if (*link == this) {
+            *link = next_;
+            return;
+        }
+    }
+}
+
+i4_thread_init_class::i4_thread_init_class() : next_thread_(threadInitList) { threadInitList = this; }
+
+i4_thread_init_class::~i4_thread_init_class() {
+    for (i4_thread_init_class** link = &threadInitList; *link; link = &(*link)->next_thread_) {
+        if (*link == this) {
+            *link = next_thread_;
+            return;
+        }
+    }
+}
+
+void i4_init() {
+    for (u32 phase = 0; phase <= 9; ++phase) {
+        for (i4_init_class* object = initList; object; object = object->next_) {
+            if (object->init_type() == phase) object->init();
+        }
+        initialized = true;
+    }
+    for (i4_thread_init_class* object = threadInitList; object; object = object->next_thread_) {
+        object->thread_init();
+    }
+}
+
+void i4_uninit() {
+    for (i4_thread_init_class* object = threadInitList; object; object = object->next_thread_) {
+        object->thread_uninit();
+    }
+    for (u32 phase = 10; phase-- > 0;) {
+        for (i4_init_class* object = initList; object; object = object->next_) {
+            if (object->init_type() == phase) object->uninit();
+        }
+    }
+    initialized = false;
+}
+
+bool i4_is_initialized() { return initialized; }
+
+int i4_main(int argc, char** argv, void (*application)(int argc, char** argv)) {
+    mainThread = i4_get_thread_id();
+    for (int i = 0; i < argc; ++i) i4_argv.add(new i4_string(argv[i]));
+    try {
+        application(argc, argv);
+    } catch (const i4_err& error) {
+        const char* file = nullptr;
+        int line = 0;
+        i4_get_file_line(file, line);
+        if (file) {
+            std::printf("Unrecoverable error at %s:%d : %s", file, line, error.message());
+        } else {
+            std::printf("Unrecoverable error");
+        }
+    }
+    deleteAll(i4_argv);
+    return 1;
+}

@@ -1,0 +1,75 @@
+// Plain threads, thread-local words, start-up objects and the process's entry.
+#pragma once
+
+#include <pthread.h>
+
+#include "i4min/memory/LL.h"
+#include "i4min/memory/types.h"
+#include "i4min/string/string.h"
+
+// Starts a detached thread. The stack size is not used. Returns 0. What the function lets through ends the
+// process: an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n".
+u32 i4_add_thread(void* (*function)(void*), u32 stack_size, void* argument);
+// Yields until no thread of the foundation runs.
+void i4_wait_for_threads();
+void i4_thread_yield();
+pthread_t i4_get_thread_id();
+pthread_t i4_get_main_thread();  // as stored by i4_main
+
+// Runs a thread's function as i4_add_thread does, on the calling thread.
+void* i4_run_guarded(void* (*function)(void*), void* argument);
+
+// Not offered by this host: each raises "implemenet_me".
+void i4_suspend_thread(u32 id);
+void i4_resume_thread(u32 id);
+void i4_kill_thread(u32 id);
+
+u32 i4_tls_create();
+void i4_tls_set(u32 key, void* value);
+void* i4_tls_get(u32 key);
+void i4_tls_delete(u32 key);
+
+// A start-up object: constructing one enters it into the process's list, at the head.
+class i4_init_class {
+  public:
+    i4_init_class();
+    i4_init_class(const i4_init_class&) = delete;
+    i4_init_class& operator=(const i4_init_class&) = delete;
+    virtual u32 init_type() { return 9; }  // the phase, 0 to 9
+    virtual void init() {}
+    virtual void uninit() {}
+    virtual ~i4_init_class();
+
+  private:
+    friend void i4_init();
+    friend void i4_uninit();
+    i4_init_class* next_;
+};
+
+// A start-up object that is also told of the main thread.
+class i4_thread_init_class : public i4_init_class {
+  public:
+    i4_thread_init_class();
+    u32 init_type() override { return 1; }
+    ~i4_thread_init_class() override;
+    virtual void thread_init() {}
+    virtual void thread_uninit() {}
+
+  private:
+    friend void i4_init();
+    friend void i4_uninit();
+    i4_thread_init_class* next_thread_;
+};
+
+// Phases 0 to 9 of init, then thread_init of each; and thread_uninit of each, then phases 9 to 0 of uninit.
+// Once, on the main thread.
+void i4_init();
+void i4_uninit();
+bool i4_is_initialized();
+
+// The process's arguments, its name first; owned.
+extern LL<i4_string> i4_argv;
+
+// The process's entry: takes the arguments into i4_argv and runs the application. An i4_err that leaves it
+// prints "Unrecoverable error at %s:%d : %s" or "Unrecoverable error". Returns 1, always.
+int i4_main(int argc, char** argv, void (*application)(int argc, char** argv));
