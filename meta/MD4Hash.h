@@ -26,9 +26,9 @@ struct MD4Hash {
 
 template <>
 struct std::hash<MD4Hash> {
-    std::size_t operator()(const MD4Hash& hash) const noexcept {
+    std::size_t operator()(const MD4Hash& key) const noexcept {
         std::size_t value = 0;
-        for (std::size_t i = 0; i < sizeof value; ++i) value = value << 8 | hash.bytes[i];
+        for (std::size_t i = 0; i < sizeof value; ++i) value = value << 8 | key.bytes[i];
         return value;
     }
 };
