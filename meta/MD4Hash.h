@@ -4,6 +4,8 @@
 #include <array>
 #include <cstddef>
 #include <functional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "i4min/memory/types.h"
@@ -15,13 +17,47 @@ inline constexpr u32 hashBlock = 1024;
 inline constexpr u32 blocksPerPart = 9500;
 inline constexpr u32 PARTSIZE = blocksPerPart * hashBlock;  // 9,728,000 bytes
 
-// A digest. All zero means that it isn't known. Copied bytewise; a plain value.
+// How hashing a file ended. Only `whole` gives a hash; after all else the results are as they were.
+enum class HashOutcome {
+    whole,
+    notOpened,   // no such file, not allowed, or not a regular file
+    unreadable,  // a read failed
+    changed,     // the file grew, shrank or was written to meanwhile: what was read is no version of it
+    abandoned,   // the caller gave up
+};
+
+// Asked between reads, some thousand times for a gigabyte: true ends the hashing. Empty never does.
+using GiveUp = std::function<bool()>;
+
+// A digest. All zero means that it isn't known. Copied bytewise; a plain value. The functions that compute
+// one keep their state to themselves. Thread: any, at the same time.
 struct MD4Hash {
     std::array<u8, 16> bytes{};
 
     bool operator==(const MD4Hash&) const = default;
     bool isZero() const { return *this == MD4Hash(); }
     void clear() { bytes.fill(0); }
+
+    // 32 lower-case hexadecimal digits, two for each byte, in byte order.
+    std::string toText() const;
+    void toText(char (&out)[33]) const;  // terminated
+    // False, and the hash is as it was, unless the text is exactly 32 hexadecimal digits of either case.
+    bool fromText(const char* text);  // null is no hash
+    bool fromText(std::string_view text);
+
+    // The MD4 of the bytes from `start` up to but not including `end`. False if the stream can't seek there
+    // or ends before, or if `end` is below `start`; `out` is then as it was.
+    static bool compute(MD4Hash& out, i4_file& stream, u32 start, u32 end);
+
+    // The MD4 of part hashes in order: the hash of a file of two parts or more.
+    static MD4Hash ofParts(const std::vector<MD4Hash>& parts);
+
+    // Hashes the file with exactly this path: `out` is the file's hash, `parts` the hashes of its parts. A
+    // file of one part, so one below PARTSIZE, has an empty list, and its part's hash is its own. A file
+    // whose size is an exact multiple of PARTSIZE ends with an empty part, which counts. `size`, where given,
+    // gets the number of bytes that were hashed. Takes 256 KiB of memory, whatever the file's size.
+    static HashOutcome computeFile(MD4Hash& out, const char* path, std::vector<MD4Hash>& parts,
+                                   const GiveUp& giveUp = {}, u64* size = nullptr);
 };
 
 template <>

@@ -1,0 +1,28 @@
+// MD4, the one digest of the system, as RFC 1320 defines it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "i4min/memory/types.h"
+#include "meta/MD4Hash.h"
+
+// One digest in the making. Thread: one at a time. A fresh object has taken no bytes.
+class MD4 {
+  public:
+    void update(const void* bytes, std::size_t count);
+    // The digest of all that was given. The object is then fresh again.
+    MD4Hash finish();
+
+    static MD4Hash of(std::string_view bytes);
+
+  private:
+    static constexpr std::size_t blockSize = 64;
+
+    void transform(const u8* blocks, std::size_t count);
+
+    std::array<u32, 4> state_{0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
+    u64 taken_ = 0;                      // bytes so far; the last taken_ % blockSize of them wait in block_
+    std::array<u8, blockSize> block_{};  // never full
+};
