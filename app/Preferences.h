@@ -15,8 +15,8 @@ struct i4_proxy_settings;
 
 // The settings of the process, read from pref.met at start and written back by save(). A first run makes an
 // identity of its own: user hash and name.
-// Thread: any. Single words are shared as they stand; texts that commands change are guarded by pathLock and handed
-// out as copies; the user record is guarded by selfLock. The paths are constant after load().
+// Thread: any. Single words are shared as they stand; texts that commands change are guarded by pathLock and
+// handed out as copies; the user record is guarded by selfLock. The paths are constant after load().
 class Preferences {
   public:
     Preferences();
@@ -24,8 +24,8 @@ class Preferences {
     Preferences(const Preferences&) = delete;
     Preferences& operator=(const Preferences&) = delete;
 
-    // Once, at start. A pref.met that is missing means a first run; one that is damaged is set aside and means one
-    // too. Fills the string table.
+    // Once, at start. A pref.met that is missing means a first run; one that is damaged is set aside and
+    // means one too. Fills the string table.
     void load();
     void save();
 
@@ -54,8 +54,8 @@ class Preferences {
     i4_string adminPass() const EXCLUDES(pathLock);
     void setAdmin(const char* name, const char* password) EXCLUDES(pathLock);
 
-    // Limits in KB/s, 0 for none. The download limit is kept in proportion to a small upload limit: at most three
-    // times an upload limit below 5, four times one below 10.
+    // Limits in KB/s, 0 for none. The download limit is kept in proportion to a small upload limit: at most
+    // three times an upload limit below 5, four times one below 10.
     void setMaxUp(f32 limit);
     void setMaxDown(f32 limit);
 

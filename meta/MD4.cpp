@@ -11,8 +11,8 @@ u32 littleEndian(const u8* bytes) {
            static_cast<u32>(bytes[3]) << 24;
 }
 
-// The three kinds of step. `b` is what the step before has just made, so each is written to leave as little as
-// possible to do once it is there: the digest is as fast as this chain.
+// The three kinds of step. `b` is what the step before has just made, so each is written to leave as little
+// as possible to do once it is there: the digest is as fast as this chain.
 
 // b selects between c and d.
 [[gnu::always_inline]] inline void stepF(u32& a, u32 b, u32 c, u32 d, u32 word, int turn) {
