@@ -1,9 +1,76 @@
 #include "app/entry.h"
 
+#include <csignal>
+#include <cstdio>
+
+#include "app/ClientApp.h"
+#include "app/MessageQ.h"
+#include "app/UIInterface.h"
 #include "app/version.h"
+#include "console/CLUI.h"
+#include "console/ConClientApp.h"
 #include "i4min/memory/error.h"
+#include "i4min/threads/linux/i4_time.h"
+#include "i4min/threads/linux/linux_threads.h"
+
+namespace {
+
+// `w5` waits five seconds; `w` alone, or w0, doesn't wait.
+void waitSeconds(const char* argument) {
+    int seconds = 0;
+    if (std::sscanf(argument, "w%d", &seconds) != 1) seconds = 0;
+    i4_debug_printf("Waiting %d\n", seconds);
+    if (seconds > 0) i4_sleep(static_cast<u32>(seconds));
+}
+
+// For a process without a console: a controller ends it.
+void waitForEnd() {
+    while (conClientApp.running) i4_sleep(1);
+}
+
+// By the first character: w waits, ! runs without a console, anything else is a console command.
+void takeArgument(const char* argument) {
+    switch (argument[0]) {
+        case '-':
+            break;
+        case 'w':
+            waitSeconds(argument);
+            break;
+        case '!':
+            waitForEnd();
+            break;
+        default:
+            conClientApp.dispatch(argument);
+            break;
+    }
+}
+
+void takeArguments() {
+    LL<i4_string> arguments;
+    for (LL<i4_string>::Cursor c; const i4_string* argument = i4_argv.next(c);) {
+        arguments.add(new i4_string(*argument));
+    }
+    LL<i4_string>::Cursor c;
+    arguments.next(c);  // the program's name
+    while (const i4_string* argument = arguments.next(c)) takeArgument(argument->c_str());
+    deleteAll(arguments);
+}
+
+}  // namespace
 
 void runApplication(int, char**) {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    static CLUI console;
+    theUI = &console;
+    theLog = &console;
+    i4_init();
+    clientApp.init();
+    messageQ.post(MESSAGE_LOAD);
+    takeArguments();
     i4_debug_printf("Welcome to Tarnwick command line client v%d.%d.%d.\n", versionMajor, versionMinor,
                     protocolVersion);
+    i4_debug_printf("Enter commands at any time (type '?' for help)\n");
+    while (conClientApp.running) conClientApp.run();
+    clientApp.shutdown();
 }

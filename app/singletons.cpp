@@ -1,5 +1,9 @@
 // The objects of which the process has one each, in the order in which they are built; they go in the reverse
 // order.
+#include "app/ClientApp.h"
 #include "app/messages.h"
+#include "console/ConClientApp.h"
 
 MessageQ messageQ(applicationDuties);
+ClientApp clientApp;
+ConClientApp conClientApp;

@@ -1,0 +1,5 @@
+#include "console/ConClientApp.h"
+
+#include "console/commands.h"
+
+ConClientApp::ConClientApp() { addCommands(*this); }

@@ -1,0 +1,83 @@
+#include "console/Servant.h"
+
+#include <cstring>
+
+#include "app/UIInterface.h"
+
+namespace {
+
+constexpr std::size_t lineSize = 255;   // a line and its terminator
+constexpr std::size_t answerSize = 82;  // an answer to confirm() and its terminator
+constexpr std::size_t argumentSize = 256;
+
+}  // namespace
+
+bool readLine(std::FILE* input, char* out, std::size_t size) {
+    std::size_t length = 0;
+    bool any = false;
+    for (int c = std::getc(input); c != EOF; c = std::getc(input)) {
+        any = true;
+        if (c == '\n') break;
+        if (length + 1 < size) out[length++] = static_cast<char>(c);
+    }
+    out[length] = 0;
+    return any;
+}
+
+const char* Tokens::next() {
+    rest_ += std::strspn(rest_, consoleSeparators);
+    if (!*rest_) return nullptr;
+    const char* token = rest_;
+    rest_ += std::strcspn(rest_, consoleSeparators);
+    if (*rest_) *rest_++ = 0;
+    return token;
+}
+
+const char* restOfLine(const char* line) {
+    char word[argumentSize];
+    const i32 end = i4_strtok(line, consoleSeparators, 0, word, sizeof word);
+    if (end < 1 || !line[end + 1]) return nullptr;
+    return line + end + 1;
+}
+
+Servant::Servant() : prompt("> ") {}
+Servant::~Servant() { deleteAll(*this); }
+
+void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
+    add(new ServantCommand{name, handler});
+}
+
+void Servant::run() {
+    std::fputs(prompt.c_str(), stdout);
+    std::fflush(stdout);
+    char line[lineSize];
+    if (readLine(stdin, line, sizeof line)) {
+        dispatch(line);
+    } else {
+        running = 0;
+    }
+}
+
+void Servant::dispatch(const char* line) {
+    i4_string whole(line);
+    i4_string pieces(line);
+    Tokens tokens(&pieces[0]);
+    if (const char* word = tokens.next()) {
+        for (Cursor c; ServantCommand* command = next(c);) {
+            if (command->name == word) {
+                command->handler(*this, &whole[0]);
+                return;
+            }
+        }
+    }
+    unknownCommand(whole.c_str());
+}
+
+void Servant::unknownCommand(const char*) { theLog->printLine("Unrecognized command. type ? for help\n"); }
+
+bool Servant::confirm(const char* question) {
+    theLog->printLine("%s?(y or n): ", question);
+    char answer[answerSize];
+    if (!readLine(stdin, answer, sizeof answer)) return false;
+    return answer[0] == 'y' || answer[0] == 'Y';
+}

@@ -1,0 +1,59 @@
+// Servant, a small command interpreter: named commands, a prompt, and one turn of reading and dispatching.
+#pragma once
+
+#include <cstdio>
+
+#include "i4min/memory/LL.h"
+#include "i4min/memory/relaxed.h"
+#include "i4min/string/string.h"
+
+class Servant;
+
+// A comma separates arguments just as a blank does, and a quote is no quoting: it is a separator.
+inline constexpr char consoleSeparators[] = " ,\t\n\"";
+
+struct ServantCommand {
+    // The line is the handler's own copy, command word included; it may cut it up.
+    using Handler = void (*)(Servant& servant, char* line);
+
+    i4_string name;  // compared exactly
+    Handler handler;
+};
+
+// Reads one line of at most `size` - 1 bytes without its newline; what is over that is dropped to the end of the
+// line. False when the input ends with no line left.
+bool readLine(std::FILE* input, char* out, std::size_t size);
+
+// Cuts a line into tokens at the console's separators. Keeps its state itself: commands run on several threads.
+class Tokens {
+  public:
+    explicit Tokens(char* line) : rest_(line) {}
+    const char* next();  // null when none is left
+
+  private:
+    char* rest_;
+};
+
+// The rest of a command's line behind the one separator that ends the command word, exactly as typed: for names
+// that may hold blanks. Null where there is none.
+const char* restOfLine(const char* line);
+
+// Owns its commands; the list of them is constant after construction.
+// Thread: run() on the entry thread; dispatch() on any, also at the same time.
+class Servant : public LL<ServantCommand> {
+  public:
+    Servant();
+    ~Servant() override;
+    virtual void unknownCommand(const char* line);
+
+    void addCommand(const char* name, ServantCommand::Handler handler);
+    // One turn: prompt, line, dispatch. The end of the input ends the loop as a confirmed `q` does.
+    void run();
+    // Runs one command line. The line is not changed.
+    void dispatch(const char* line);
+    // Asks on the console; true if the answer begins with y or Y.
+    bool confirm(const char* question);
+
+    i4_string prompt;
+    Relaxed<u8> running{1};
+};
