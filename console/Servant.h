@@ -20,11 +20,12 @@ struct ServantCommand {
     Handler handler;
 };
 
-// Reads one line of at most `size` - 1 bytes without its newline; what is over that is dropped to the end of the
-// line. False when the input ends with no line left.
+// Reads one line of at most `size` - 1 bytes without its newline; what is over that is dropped to the end of
+// the line. False when the input ends with no line left.
 bool readLine(std::FILE* input, char* out, std::size_t size);
 
-// Cuts a line into tokens at the console's separators. Keeps its state itself: commands run on several threads.
+// Cuts a line into tokens at the console's separators. Keeps its state itself: commands run on several
+// threads.
 class Tokens {
   public:
     explicit Tokens(char* line) : rest_(line) {}
@@ -34,8 +35,8 @@ class Tokens {
     char* rest_;
 };
 
-// The rest of a command's line behind the one separator that ends the command word, exactly as typed: for names
-// that may hold blanks. Null where there is none.
+// The rest of a command's line behind the one separator that ends the command word, exactly as typed: for
+// names that may hold blanks. Null where there is none.
 const char* restOfLine(const char* line);
 
 // Owns its commands; the list of them is constant after construction.

@@ -15,8 +15,9 @@ class Process {
   public:
     enum class Input { terminal, pipe };
 
-    // Starts `program` in `directory`. With Input::terminal all three standard descriptors are a pseudo-terminal
-    // without echo; with Input::pipe standard input is a pipe, and output and error go to another one.
+    // Starts `program` in `directory`. With Input::terminal all three standard descriptors are a
+    // pseudo-terminal without echo; with Input::pipe standard input is a pipe, and output and error go to
+    // another one.
     Process(const std::string& program, const std::vector<std::string>& arguments,
             const std::string& directory, Input input = Input::terminal);
     Process(const Process&) = delete;
@@ -25,13 +26,15 @@ class Process {
 
     void type(const std::string& line);  // and a newline
     void closeInput();
-    // Waits until `text` appears behind what was awaited before. False when the time ran out or the output ended.
+    // Waits until `text` appears behind what was awaited before. False when the time ran out or the output
+    // ended.
     bool waitFor(const std::string& text, std::chrono::milliseconds limit = patience);
     // Takes in what there is to read and returns all output so far, CR LF as LF.
     const std::string& output();
     // Output behind the last text that was awaited.
     std::string rest();
-    // Waits for the end of the process. The exit status, minus the signal that ended it, or -1000 when time ran out.
+    // Waits for the end of the process. The exit status, minus the signal that ended it, or -1000 when time
+    // ran out.
     int wait(std::chrono::milliseconds limit = patience);
     void signal(int number);
     pid_t pid() const { return pid_; }
