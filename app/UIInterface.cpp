@@ -2,6 +2,9 @@
 
 #include <cstdio>
 
+#include "meta/FileList.h"
+#include "meta/UserList.h"
+
 void UIInterface::printLine(const char* format, ...) {
     va_list list;
     va_start(list, format);
@@ -40,6 +43,18 @@ void CoreUIInterface::connected(const char*) {}
 void CoreUIInterface::disconnected() {}
 void CoreUIInterface::serverStats(u32, u32) {}
 void CoreUIInterface::extending(const char*) {}
+void CoreUIInterface::addResult(FileMeta* file) { delete file; }
+
+void CoreUIInterface::setResults(FileList* list, u8) {
+    if (list) list->deleteAll();
+    delete list;
+}
+
+void CoreUIInterface::gotUserList(UserList* list) {
+    if (list) list->deleteAll();
+    delete list;
+}
+
 void CoreUIInterface::downloadAdded(Download*) {}
 void CoreUIInterface::downloadRemoved(Download*) {}
 void CoreUIInterface::uploadAdded(Upload*) {}

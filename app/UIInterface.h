@@ -9,8 +9,11 @@
 
 class Call;
 class Download;
+class FileList;
+class FileMeta;
 class Upload;
 class UploadSlot;
+class UserList;
 
 #define PRINTF_LIKE __attribute__((format(printf, 2, 3)))
 
@@ -36,6 +39,11 @@ class CoreUIInterface : public UIInterface {
     virtual void disconnected();
     virtual void serverStats(u32 files, u32 users);
     virtual void extending(const char* name);
+    // With these three, the record, or the list and its records, become the interface's own: by default it
+    // destroys them.
+    virtual void addResult(FileMeta* file);
+    virtual void setResults(FileList* list, u8 more);
+    virtual void gotUserList(UserList* list);
     virtual void downloadAdded(Download* download);
     virtual void downloadRemoved(Download* download);
     virtual void uploadAdded(Upload* upload);

@@ -13,6 +13,8 @@ enum class LockRank : int {
     call = 45,             // Call::lock_
     serverPool = 50,       // ServerPool::lock_
     protocol = 52,         // i4_protocol::lock_
+    knownFiles = 58,       // the list of files that were ever hashed
+    sharedFiles = 59,      // the list of files that are shared; a record in both changes under both
     metaList = 60,         // FileList, ServerList, UserList, the FriendList
     remoteQueue = 61,      // RemoteQueueList
     uiList = 62,           // ConClientApp's lists of downloads and uploads

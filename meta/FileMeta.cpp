@@ -1,0 +1,73 @@
+#include "meta/FileMeta.h"
+
+#include "i4min/memory/error.h"
+
+std::unique_ptr<FileMeta> FileMeta::withTagsOf(const Meta& other) {
+    auto file = std::make_unique<FileMeta>();
+    file->Meta::copyFrom(&other);
+    return file;
+}
+
+bool FileMeta::toNetwork(i4_file& file) const {
+    return file.write(hash.bytes.data(), 16) == 16 && file.write_32(0) == 4 && file.write_16(0) == 2 &&
+           Meta::toNetwork(file);
+}
+
+bool FileMeta::fromNetwork(i4_file& file) {
+    try {
+        file.readAll(hash.bytes.data(), 16);
+        file.read_32();
+        file.read_16();
+    } catch (const i4_err&) {
+        return false;
+    }
+    return Meta::fromNetwork(file);
+}
+
+bool FileMeta::toDisk(i4_file& file) {
+    return file.write_32(date) == 4 && file.write(hash.bytes.data(), 16) == 16 && writePartHashes(file) &&
+           Meta::toDisk(file);
+}
+
+bool FileMeta::fromDisk(i4_file& file) {
+    try {
+        date = file.read_32();
+        file.readAll(hash.bytes.data(), 16);
+        readPartHashes(file);
+    } catch (const i4_err&) {
+        return false;
+    }
+    return Meta::fromDisk(file);
+}
+
+void FileMeta::copyFrom(const Meta* other) {
+    if (other == this) return;
+    Meta::copyFrom(other);
+    if (const auto* file = dynamic_cast<const FileMeta*>(other)) {
+        path = file->path;
+        hash = file->hash;
+        partHashes.insert(partHashes.end(), file->partHashes.begin(), file->partHashes.end());
+    }
+}
+
+bool FileMeta::matches(u32 size, u32 fileDate, const char* name) const {
+    const MetaTag* tag = findTag(TAG_NAME);
+    return date == fileDate && getSize() == size && tag && name && i4_strcmp(getName(), name) == 0;
+}
+
+bool FileMeta::writePartHashes(i4_file& file) const {
+    if (file.write_16(static_cast<u16>(partHashes.size())) != 2) return false;
+    for (const MD4Hash& part : partHashes) {
+        if (file.write(part.bytes.data(), 16) != 16) return false;
+    }
+    return true;
+}
+
+void FileMeta::readPartHashes(i4_file& file) {
+    partHashes.clear();
+    const u16 count = file.read_16();
+    file.expect(u64{count} * 16);
+    std::vector<MD4Hash> parts(count);
+    for (MD4Hash& part : parts) file.readAll(part.bytes.data(), 16);
+    partHashes = std::move(parts);
+}

@@ -1,0 +1,75 @@
+// Meta, a record: an ordered bag of tags.
+#pragma once
+
+#include <memory>
+
+#include "i4min/memory/LL.h"
+#include "meta/MetaTag.h"
+#include "meta/Serializable.h"
+
+// Owns its tags. Thread: none of its own; a record that threads share is used under the lock of the list that
+// holds it. A name may stand twice when a stream says so: look-ups find the first, and pass over tags without
+// a name. Names are compared exactly; an index stands for its row's one-byte name.
+//
+//     bytes  field
+//     4      count of tags, u32; with its top bit set it counts as 0
+//     ...    the tags, see MetaTag
+class Meta : public Serializable {
+  public:
+    Meta() = default;
+    Meta(const Meta&) = delete;
+    Meta& operator=(const Meta&) = delete;
+    ~Meta() override;
+
+    // Reading keeps what was read before a failure. From the network it adds to what is there, from disk it
+    // replaces it.
+    bool toNetwork(i4_file& file) const override;
+    bool fromNetwork(i4_file& file) override;
+    bool toDisk(i4_file& file) override;
+    bool fromDisk(i4_file& file) override;
+    u32 byteSize() const override;
+    virtual void copyFrom(const Meta* other);  // null does nothing
+
+    MetaTag* findTag(const char* name) const;
+    MetaTag* findTag(TagIndex index) const { return findTag(tagTable[index].wireName); }
+    void addTag(std::unique_ptr<MetaTag> tag);  // null is ignored
+    bool addTag(const char* name, int type);    // an empty tag; false if the name is there or no such type
+    bool removeTag(const char* name);           // the first of that name; false if there is none
+    bool removeTag(TagIndex index) { return removeTag(tagTable[index].wireName); }
+    void clearTags();
+
+    // `value` is a pointer of the form that `type` takes, see MetaTag. setTagValue is false where there is no
+    // tag of that name, or one of another type. setTag adds what isn't there, and puts a new tag into the
+    // place of one of another type: records come from strangers.
+    bool setTagValue(const char* name, const void* value, int type);
+    void setTag(const char* name, const void* value, int type);
+    void setTag(TagIndex index, const void* value);
+    void setInt(const char* name, u32 value) { setTag(name, &value, META_TAG_INT); }
+    void setInt(TagIndex index, u32 value);
+    void setText(const char* name, const char* value) { setTag(name, value, META_TAG_STRING); }
+    void setText(TagIndex index, const char* value);
+
+    // The value, whatever its type; null if there is no such tag.
+    const void* getValue(const char* name) const;
+    const void* getValue(TagIndex index) const { return getValue(tagTable[index].wireName); }
+    // The value of a tag of just that type, else null.
+    const void* getValue(const char* name, int type) const;
+    const void* getValue(TagIndex index, int type) const { return getValue(tagTable[index].wireName, type); }
+    const char* getText(const char* name) const;  // null but for a string tag
+    const char* getText(TagIndex index) const { return getText(tagTable[index].wireName); }
+    // The four bytes of an int or float tag, taken as the asked type; 0 for other types and for none.
+    u32 getInt(const char* name) const;
+    u32 getInt(TagIndex index) const { return getInt(tagTable[index].wireName); }
+    f32 getFloat(const char* name) const;
+    f32 getFloat(TagIndex index) const { return getFloat(tagTable[index].wireName); }
+
+    char* printable(const char* name, char* dst, i32 n) const;  // an empty text if there is no such tag
+    void print() const;
+    const LL<MetaTag>& getTags() const { return tags_; }
+
+  private:
+    bool readTags(i4_file& file, bool& damaged);
+    void place(MetaTag* old, std::unique_ptr<MetaTag> tag);  // instead of `old`, or at the end
+
+    LL<MetaTag> tags_;
+};

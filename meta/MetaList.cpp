@@ -1,0 +1,264 @@
+#include "meta/MetaList.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+
+#include "app/UIInterface.h"
+#include "i4min/file/save_file.h"
+
+namespace {
+
+constexpr u8 diskMark = 14;
+
+// Reads a stream ahead in large pieces, since records are read a byte at a time. Borrows the stream.
+class ReadAhead : public i4_file {
+  public:
+    explicit ReadAhead(i4_file& source) : source_(source), left_(source.bytesLeft()) {}
+
+    i32 read(void* buffer, u32 count) override {
+        if (at_ == end_) {
+            at_ = 0;
+            end_ = static_cast<u32>(std::max(0, source_.read(pending_.data(), room)));
+            if (left_) left_ = *left_ - std::min(*left_, end_);
+        }
+        const u32 length = std::min(count, end_ - at_);
+        if (length > 0) std::memcpy(buffer, pending_.data() + at_, length);
+        at_ += length;
+        return static_cast<i32>(length);
+    }
+    i32 write(const void*, u32) override { return -1; }
+    u32 seek(u32) override { return tell(); }
+    u32 size() override { return source_.size(); }
+    u32 tell() override { return source_.tell() - (end_ - at_); }
+    std::optional<u32> bytesLeft() override {
+        if (!left_) return std::nullopt;
+        return static_cast<u32>(std::min<u64>(u64{*left_} + (end_ - at_), UINT32_MAX));
+    }
+
+  private:
+    static constexpr u32 room = 64 * 1024;
+    i4_file& source_;
+    std::optional<u32> left_;
+    std::vector<u8> pending_ = std::vector<u8>(room);
+    u32 at_ = 0;
+    u32 end_ = 0;
+};
+
+std::string translated(const char* name) {
+    std::string path(std::strlen(name) + 1, 0);  // a rewritten name is never longer
+    i4_translate_path(name, path.data(), path.size());
+    path.resize(std::strlen(path.c_str()));
+    return path;
+}
+
+}  // namespace
+
+bool MetaList::toNetwork(i4_file& file) const { return saveList(list_, file, StreamForm::network); }
+
+bool MetaList::toDisk(i4_file& file) {
+    return file.write_8(diskMark) == 1 && saveList(list_, file, StreamForm::disk);
+}
+
+bool MetaList::fromNetwork(i4_file& file) {
+    try {
+        return readRecords(file, StreamForm::network);
+    } catch (const i4_err&) {
+        return false;
+    }
+}
+
+bool MetaList::fromDisk(i4_file& file) {
+    return file.read_8() == diskMark && readRecords(file, StreamForm::disk);
+}
+
+// The count needs no bound of its own: nothing is taken for it in advance, and each turn reads a record or
+// ends.
+bool MetaList::readRecords(i4_file& file, StreamForm form) {
+    const auto count = static_cast<i32>(file.read_32());
+    for (i32 i = 0; i < count; ++i) {
+        std::unique_ptr<Meta> record = newMeta();
+        if (!(form == StreamForm::disk ? record->fromDisk(file) : record->fromNetwork(file))) {
+            theLog->printVerbose("meta #:%d, n=%d\n", count, i);
+            if (form == StreamForm::disk) {
+                theLog->print("ERROR: MetaList::fromDisk()\n");
+            } else {
+                theLog->printVerbose("ERROR: MetaList::fromNetwork()\n");
+            }
+            return false;
+        }
+        add(record.release());
+    }
+    return true;
+}
+
+u32 MetaList::byteSize() const {
+    const i4_guard guard(*this);
+    u32 size = 4;
+    for (Cursor c; const Meta* record = next(c);) size += record->byteSize();
+    return size;
+}
+
+std::unique_ptr<Meta> MetaList::newMeta() { return std::make_unique<Meta>(); }
+
+LoadResult MetaList::load(const char* name) {
+    const std::unique_ptr<i4_file> file = i4_open_exact(translated(name).c_str(), I4_FILE_READ);
+    if (!file) return errno == ENOENT || errno == ENOTDIR ? LoadResult::missing : LoadResult::damaged;
+    ReadAhead reader(*file);
+    try {
+        return fromDisk(reader) ? LoadResult::whole : LoadResult::damaged;
+    } catch (const i4_err&) {
+        return LoadResult::damaged;
+    }
+}
+
+bool MetaList::save(const char* name) {
+    return saveFile(translated(name).c_str(), [this](i4_file& file) { return toDisk(file); });
+}
+
+bool MetaList::loadOrSetAside(const char* name) {
+    if (load(name) != LoadResult::damaged) return true;
+    theLog->printLine("Error loading: %s", name);
+    setAsideDamaged(translated(name).c_str());
+    return false;
+}
+
+void MetaList::copyFrom(MetaList* other) {
+    if (!other) return;
+    std::vector<std::unique_ptr<Meta>> copies;
+    {
+        const i4_guard guard(*other);
+        copies.reserve(other->countUnsafe());
+        for (Cursor c; const Meta* record = other->next(c);) {
+            copies.push_back(newMeta());
+            copies.back()->copyFrom(record);
+        }
+    }
+    const i4_guard guard(*this);
+    clearUnsafe();
+    for (std::unique_ptr<Meta>& copy : copies) addUnsafe(copy.release());
+}
+
+void MetaList::removeAll(MetaList* other) {
+    // One walk, however long both are: each record goes as often as the other list has it.
+    std::unordered_map<Meta*, u32> times;
+    for (Meta* record : other->pointers()) ++times[record];
+    const i4_guard guard(*this);
+    for (Cursor before, at; Meta *record = next(at);) {
+        const auto found = times.find(record);
+        if (found == times.end() || found->second == 0) {
+            before = at;
+            continue;
+        }
+        --found->second;
+        at = before = removeNext(before);
+    }
+}
+
+void MetaList::add(Meta* record) {
+    const i4_guard guard(*this);
+    addUnsafe(record);
+}
+
+void MetaList::addAll(const MetaList& other) {
+    const i4_guard guard(*this);
+    for (Cursor c; Meta* record = other.list_.next(c);) addUnsafe(record);
+}
+
+bool MetaList::remove(Meta* record) {
+    const i4_guard guard(*this);
+    return removeUnsafe(record);
+}
+
+Meta* MetaList::get(u16 index) const {
+    const i4_guard guard(*this);
+    return list_.LL<Meta>::getAt(index);
+}
+
+u32 MetaList::count() const {
+    const i4_guard guard(*this);
+    return count_;
+}
+
+void MetaList::clear() {
+    const i4_guard guard(*this);
+    clearUnsafe();
+}
+
+void MetaList::deleteAll() {
+    const i4_guard guard(*this);
+    indexDrop();
+    count_ = 0;
+    ::deleteAll(list_);
+}
+
+void MetaList::print() const {
+    const i4_guard guard(*this);
+    int position = 0;
+    for (Cursor c; const Meta* record = next(c);) {
+        theLog->printLine("\nMeta (%d)", position++);
+        record->print();
+    }
+}
+
+void MetaList::search(const MetaMatcher& matcher, MetaList& out, u32 limit) {
+    std::vector<Meta*> found;
+    {
+        const i4_guard guard(*this);
+        for (Cursor c; Meta* record = next(c);) {
+            if (!matcher.matches(*record)) continue;
+            found.push_back(record);
+            if (found.size() == limit) break;
+        }
+    }
+    for (Meta* record : found) out.add(record);
+}
+
+void MetaList::sort(Compare compare) {
+    const i4_guard guard(*this);
+    sortUnsafe(compare);
+}
+
+void MetaList::addUnsafe(Meta* record) {
+    if (!record) return;
+    list_.LL<Meta>::add(record);
+    ++count_;
+    indexAdd(record);
+}
+
+bool MetaList::removeUnsafe(Meta* record) {
+    if (!list_.LL<Meta>::remove(record)) return false;
+    --count_;
+    indexRemove(record);
+    return true;
+}
+
+MetaList::Cursor MetaList::removeNext(Cursor cursor) {
+    Cursor behind = cursor;
+    if (Meta* record = next(behind)) {
+        --count_;
+        indexRemove(record);
+    }
+    return list_.LL<Meta>::removeNext(cursor);
+}
+
+void MetaList::sortUnsafe(Compare compare) {
+    list_.LL<Meta>::sort(compare);
+    indexDrop();
+}
+
+void MetaList::clearUnsafe() {
+    list_.LL<Meta>::clear();
+    count_ = 0;
+    indexDrop();
+}
+
+std::vector<Meta*> MetaList::pointers() const {
+    const i4_guard guard(*this);
+    std::vector<Meta*> records;
+    records.reserve(count_);
+    for (Cursor c; Meta* record = next(c);) records.push_back(record);
+    return records;
+}

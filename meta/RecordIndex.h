@@ -1,0 +1,86 @@
+// RecordIndex, the index beside a list of records.
+#pragma once
+
+#include <set>
+#include <tuple>
+#include <utility>
+
+#include "i4min/memory/types.h"
+#include "meta/Meta.h"
+
+// Finds the first record of a key, in the order of the list, in logarithmic time whatever the keys are: they
+// may come from a stranger who chose them. It isn't built before somebody looks something up, so that a list
+// which is only walked pays nothing. An entry whose record has changed its key behind the index's back is
+// passed over, never returned. Thread: under the lock of its list.
+template <class Record, class Key, Key (*keyOf)(const Record&)>
+class RecordIndex {
+  public:
+    void drop() {
+        entries_.clear();
+        built_ = false;
+    }
+    // True if it isn't built: the caller then adds every record of the list, in order.
+    bool startBuilding() { return !std::exchange(built_, true); }
+    // Nothing unless it's built.
+    void add(Record& record) {
+        if (built_) entries_.insert({keyOf(record), ++last_, &record});
+    }
+    // Takes the first entry of the record out.
+    void remove(const Record& record) {
+        if (!built_) return;
+        auto entry = find(keyOf(record), record);
+        if (entry == entries_.end()) entry = findByWalk(record);
+        if (entry != entries_.end()) entries_.erase(entry);
+    }
+    // Moves the record's entries from the key that it had. The places in the order stay.
+    void rekey(Record& record, const Key& old) {
+        const Key now = keyOf(record);
+        if (!built_ || now == old) return;
+        for (auto entry = find(old, record); entry != entries_.end(); entry = find(old, record)) {
+            const u64 place = entry->place;
+            entries_.erase(entry);
+            entries_.insert({now, place, &record});
+        }
+    }
+    // The first record of that key, or null. `matches` has the last word.
+    template <class Matches>
+    Record* first(const Key& key, Matches matches) const {
+        for (auto entry = entries_.lower_bound({key, 0, nullptr});
+             entry != entries_.end() && entry->key == key; ++entry) {
+            if (matches(*entry->record)) return entry->record;
+        }
+        return nullptr;
+    }
+
+  private:
+    struct Entry {
+        Key key;
+        u64 place;  // rises along the list
+        Record* record;
+        bool operator<(const Entry& other) const {
+            return std::tie(key, place) < std::tie(other.key, other.place);
+        }
+    };
+    using Entries = std::set<Entry>;
+
+    typename Entries::iterator find(const Key& key, const Record& record) const {
+        for (auto entry = entries_.lower_bound({key, 0, nullptr});
+             entry != entries_.end() && entry->key == key; ++entry) {
+            if (entry->record == &record) return entry;
+        }
+        return entries_.end();
+    }
+    typename Entries::iterator findByWalk(const Record& record) const {
+        auto found = entries_.end();
+        for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+            if (entry->record == &record && (found == entries_.end() || entry->place < found->place)) {
+                found = entry;
+            }
+        }
+        return found;
+    }
+
+    Entries entries_;
+    u64 last_ = 0;
+    bool built_ = false;
+};

@@ -1,0 +1,69 @@
+// Serializable, what writes itself onto any stream, and the way a list of such things is written.
+#pragma once
+
+#include "i4min/file/file.h"
+#include "i4min/memory/LL.h"
+#include "i4min/memory/LLsafe.h"
+#include "i4min/memory/error.h"
+#include "i4min/memory/types.h"
+
+// Which of its two byte forms an element writes.
+enum class StreamForm { disk, network };
+
+// A tag, a record or a list of records. Each operation is true on success; a short stream is a failure.
+class Serializable {
+  public:
+    virtual bool toNetwork(i4_file& file) const = 0;
+    virtual bool fromNetwork(i4_file& file) = 0;
+    // Not const: a record may bring its tags up to date first.
+    virtual bool toDisk(i4_file& file) = 0;
+    virtual bool fromDisk(i4_file& file) = 0;
+    virtual u32 byteSize() const = 0;  // of the form that toNetwork writes
+    virtual ~Serializable() = default;
+
+    // Writes a u32 count and the elements. Each element that fails is told in one line; the first ends the
+    // writing with false. What the stream raises goes on to the caller.
+    template <class T>
+    static bool saveList(const LL<T>& list, i4_file& file, StreamForm form);
+    // The same under the list's lock, except that the elements behind a failed one are written too, and that
+    // a raise of the stream gives false.
+    template <class T>
+    static bool saveList(LLsafe<T>& list, i4_file& file, StreamForm form);
+
+  protected:
+    Serializable() = default;
+    Serializable(const Serializable&) = default;
+    Serializable& operator=(const Serializable&) = default;
+
+  private:
+    static void reportFailedElement();
+    template <class T>
+    static bool saveElement(T& element, i4_file& file, StreamForm form) {
+        if (form == StreamForm::disk ? element.toDisk(file) : element.toNetwork(file)) return true;
+        reportFailedElement();
+        return false;
+    }
+};
+
+template <class T>
+bool Serializable::saveList(const LL<T>& list, i4_file& file, StreamForm form) {
+    if (file.write_32(list.LL<T>::count()) != 4) return false;
+    for (typename LL<T>::Cursor c; T* element = list.next(c);) {
+        if (!saveElement(*element, file, form)) return false;
+    }
+    return true;
+}
+
+template <class T>
+bool Serializable::saveList(LLsafe<T>& list, i4_file& file, StreamForm form) {
+    const i4_guard guard(list);
+    try {
+        bool whole = file.write_32(list.countUnsafe()) == 4;
+        for (typename LL<T>::Cursor c; T* element = list.next(c);) {
+            if (!saveElement(*element, file, form)) whole = false;
+        }
+        return whole;
+    } catch (const i4_err&) {
+        return false;
+    }
+}

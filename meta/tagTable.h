@@ -1,0 +1,65 @@
+// The tags that everyone knows: rows by which they are addressed, and their one-byte names on a stream.
+#pragma once
+
+#include <array>
+#include <atomic>
+
+#include "i4min/memory/types.h"
+
+// The type byte of a tag on a stream.
+enum MetaTagType : u8 {
+    META_TAG_HASH = 1,
+    META_TAG_STRING = 2,
+    META_TAG_INT = 3,
+    META_TAG_FLOAT = 4,
+    META_TAG_BOOL = 5,
+    META_TAG_BOOLARRAY = 6,
+    META_TAG_BLOB = 7,
+};
+
+// A row of tagTable. Its number is the tag's name on a stream.
+enum TagIndex : u8 {
+    TAG_NAME = 1,
+    TAG_SIZE,
+    TAG_TYPE,
+    TAG_FORMAT,
+    TAG_COLLECTION_TYPE,
+    TAG_PART_PATH,
+    TAG_PART_HASH,
+    TAG_PART_TRANS,
+    TAG_GAP_START,
+    TAG_GAP_END,
+    TAG_DESCRIPTION,
+    TAG_PING,
+    TAG_HISTORY,
+    TAG_PREF,
+    TAG_PORT,
+    TAG_IP,
+    TAG_VERSION,
+    TAG_TEMPFILENAME,
+    TAG_PRIORITY,
+    TAG_STATE,
+    TAG_AVAILABILITY,
+    TAG_QTIME,
+    TAG_PARTS,
+};
+
+struct MetaTagRow {
+    u8 type;
+    u8 flagA;
+    u8 flagB;
+    std::atomic<const char*> displayName;  // changes with the language; never null but in row 0
+    char wireName[2];
+};
+
+inline constexpr u32 tagRows = 24;  // row 0 is no tag
+
+// Ready before any code of ours runs. Thread: any; all but displayName never changes.
+extern std::array<MetaTagRow, tagRows> tagTable;
+
+// Names the row in the user's language. The text is copied, and the copy stays for the life of the process,
+// as do the names it takes the place of.
+void setTagDisplayName(TagIndex index, const char* text);
+
+// The terminated text of one character, in memory that lasts: what one-byte names of tags point at.
+const char* oneByteName(u8 character);
