@@ -137,6 +137,19 @@ class LL {
         }
     }
 
+    // Inserts behind the element that the cursor stands on, in front of all for a fresh one. The result
+    // stands on the new element. The value must not be null.
+    Cursor insertAfter(Cursor cursor, T* value) {
+        auto* before = cursor.node_ ? const_cast<Node*>(cursor.node_) : &sentinel_;
+        linkAfter(before, value);
+        Cursor result;
+        result.node_ = before->next;
+        return result;
+    }
+
+    // The element that the cursor stands on, null for a fresh one.
+    T* at(Cursor cursor) const { return cursor.node_ ? cursor.node_->value : nullptr; }
+
     T* first() const { return head()->value; }  // null when empty
     bool isEmpty() const { return head() == end(); }
 
