@@ -147,14 +147,12 @@ i32 i4_ram_file_class::write(const void* buffer, u32 count) {
 u32 i4_ram_file_class::seek(u32 offset) {
     if (offset > capacity_) {
         if (grow_step_ != 0) {
-            const u32 old = capacity_;
             growFor(offset);
-            // What a seek skips is readable afterwards: it must not show what the allocator left there.
-            std::memset(buffer_ + old, 0, capacity_ - old);
         } else {
             offset = capacity_;
         }
     }
+    // What a seek skips is readable afterwards: it must not show what the allocator left there.
     if (offset > used_) std::memset(buffer_ + used_, 0, offset - used_);
     position_ = offset;
     used_ = std::max(used_, position_);

@@ -122,8 +122,7 @@ class LL {
     virtual void sort(bool (*compare)(const T* a, const T* b)) {
         std::vector<T*> values = take();
         std::reverse(values.begin(), values.end());
-        std::stable_sort(values.begin(), values.end(),
-                         [&](const T* a, const T* b) { return !compare(b, a); });
+        mergeSort(values, [&](const T* a, const T* b) { return !compare(b, a); });
         for (T* value : values) linkAfter(tail_, value);
     }
     // Random order, by the system library's rand().
@@ -197,6 +196,23 @@ class LL {
         for (const Node* node = head(); node != end(); node = node->next) values.push_back(node->value);
         LL::clear();
         return values;
+    }
+
+    // Stable, and safe where the compared fields change meanwhile (speeds do, while a view sorts by them): the
+    // order is then a rough one, where the library's sorts would run out of the range.
+    template <class Less>
+    static void mergeSort(std::vector<T*>& values, Less less) {
+        const auto n = static_cast<std::ptrdiff_t>(values.size());
+        std::vector<T*> merged(values.size());
+        for (std::ptrdiff_t width = 1; width < n; width *= 2) {
+            for (std::ptrdiff_t at = 0; at < n; at += 2 * width) {
+                const auto left = values.begin() + at;
+                const auto right = values.begin() + std::min(at + width, n);
+                const auto end = values.begin() + std::min(at + 2 * width, n);
+                std::merge(left, right, right, end, merged.begin() + at, less);
+            }
+            values.swap(merged);
+        }
     }
 
     Node sentinel_;

@@ -41,6 +41,7 @@ void i4_mutex::lock() {
 }
 
 void i4_mutex::unlock() {
-    mutex_.unlock();
+    // Once unlocked, another thread may destroy this object.
     i4_rank_pop(rank_);
+    mutex_.unlock();
 }

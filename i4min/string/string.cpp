@@ -1,7 +1,6 @@
 #include "i4min/string/string.h"
 
 #include <cstring>
-#include <limits>
 #include <utility>
 
 #include "i4min/memory/error.h"
@@ -11,7 +10,7 @@ namespace {
 
 char* duplicate(const char* source, std::size_t length) {
     auto* copy = static_cast<char*>(i4_malloc(length + 1));
-    std::memcpy(copy, source, length);
+    if (length > 0) std::memcpy(copy, source, length);
     copy[length] = 0;
     return copy;
 }
