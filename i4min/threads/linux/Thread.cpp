@@ -2,7 +2,6 @@
 
 #include <chrono>
 
-#include "i4min/memory/error.h"
 #include "i4min/threads/linux/linux_threads.h"
 
 Thread::~Thread() { stop(); }
@@ -13,37 +12,31 @@ void Thread::start() {
     std::lock_guard<std::mutex> lock(lifecycle_);
     if (state() != notRunning) return;
     join();
-    stopping_.store(false, std::memory_order_release);
-    state_.store(running, std::memory_order_release);
-    if (::pthread_create(&thread_, nullptr, enter, this) != 0) {
-        state_.store(notRunning, std::memory_order_release);
-        i4_error()("a thread couldn't be started");
-        return;
+    {
+        std::lock_guard<std::mutex> turn(mutex_);
+        woken_ = false;
+        stopping_.store(false, std::memory_order_release);
+        state_.store(running, std::memory_order_release);
     }
-    joinable_ = true;
+    joinable_ = i4_start_thread(thread_, enter, this);
+    if (!joinable_) state_.store(notRunning, std::memory_order_release);
 }
 
 void* Thread::enter(void* self) {
-    return i4_run_guarded(
-        [](void* thread) -> void* {
-            static_cast<Thread*>(thread)->loop();
-            return nullptr;
-        },
-        self);
+    static_cast<Thread*>(self)->loop();
+    return nullptr;
 }
 
 void Thread::loop() {
     while (state() == running) run();
-    if (!isStopping()) finished();
+    const bool ownEnd = !isStopping();
     state_.store(notRunning, std::memory_order_release);
+    if (ownEnd) finished();
 }
 
 void Thread::stop() {
     std::lock_guard<std::mutex> lock(lifecycle_);
-    State expected = running;
-    stopping_.store(true, std::memory_order_release);
-    state_.compare_exchange_strong(expected, askedToStop);
-    wake();
+    leaveRunning(true);
     join();
 }
 
@@ -71,7 +64,12 @@ void Thread::wake() {
     changed_.notify_one();
 }
 
-void Thread::endLoop() {
-    State expected = running;
-    state_.compare_exchange_strong(expected, askedToStop);
+void Thread::endLoop() { leaveRunning(false); }
+
+void Thread::leaveRunning(bool byStop) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state() != running) return;
+    stopping_.store(byStop, std::memory_order_release);
+    state_.store(askedToStop, std::memory_order_release);
+    changed_.notify_one();
 }

@@ -17,7 +17,7 @@
 //   0 running        run() calls endLoop()        2, once run() has returned
 //   1 asked to stop  run() returns                2 not running
 //
-// Thread: start() and stop() from any thread but its own. The destructor of the most derived class calls
+// Thread: start() and stop() from any thread but its own, so neither in run() nor in finished(). The destructor of the most derived class calls
 // stop(), so that no turn runs on a half-destroyed object.
 class Thread {
   public:
@@ -27,11 +27,14 @@ class Thread {
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
     virtual ~Thread();
-    virtual void start();     // nothing unless the thread isn't running
-    virtual void finished();  // on the thread, when its loop ended without stop(); nothing by default
-    virtual void run() = 0;   // one turn of the work; it paces itself by sleepFor()
+    // Nothing unless the thread isn't running. Where the host has no thread to give, a warning tells so and
+    // the state stays at 2.
+    virtual void start();
+    // On the thread, in state 2, when its loop ended without stop(); nothing by default.
+    virtual void finished();
+    virtual void run() = 0;  // one turn of the work; it paces itself by sleepFor()
 
-    // Asks the thread to stop and waits until it has. Nothing if it isn't running.
+    // Asks the thread to stop. When it returns, run() and finished() have returned too.
     void stop();
     // Reports success and changes nothing: the host decides on priorities.
     bool setPriority(i32 level);
@@ -50,11 +53,12 @@ class Thread {
   private:
     static void* enter(void* self);
     void loop();
-    void join();  // with lifecycle_ held
+    void leaveRunning(bool byStop);  // from 0 to 1; nothing in another state
+    void join();                     // with lifecycle_ held
 
-    std::atomic<State> state_{notRunning};
-    std::atomic<bool> stopping_{false};
-    std::mutex lifecycle_;  // held through start() and stop()
+    std::atomic<State> state_{notRunning};  // left for 1 with mutex_ held
+    std::atomic<bool> stopping_{false};     // the way it was left: by stop()
+    std::mutex lifecycle_;                  // held through start() and stop()
     std::mutex mutex_;
     std::condition_variable changed_;
     bool woken_ = false;     // guarded by mutex_

@@ -10,7 +10,12 @@ namespace {
 
 constexpr i32 microsPerSecond = 1'000'000;
 
-const std::chrono::steady_clock::time_point processStart = std::chrono::steady_clock::now();
+// The same for every caller, the constructors of static objects included.
+std::chrono::steady_clock::time_point processStart() {
+    static const auto start = std::chrono::steady_clock::now();
+    return start;
+}
+[[maybe_unused]] const auto startTaken = processStart();
 
 i64 measureClocksPerSecond() {
     const i4_time start;
@@ -46,7 +51,8 @@ void i4_time::set(i32 ms) {
 }
 
 i32 i4_time::diff(const i4_time& other) const {
-    return (seconds - other.seconds) * 1000 + (microseconds - other.microseconds) / 1000;
+    const i64 apart = static_cast<i64>(seconds) - other.seconds;
+    return static_cast<i32>(apart * 1000 + (microseconds - other.microseconds) / 1000);
 }
 
 bool i4_time::operator<(const i4_time& other) const {
@@ -54,7 +60,7 @@ bool i4_time::operator<(const i4_time& other) const {
 }
 
 u32 i4_ticks() {
-    const auto elapsed = std::chrono::steady_clock::now() - processStart;
+    const auto elapsed = std::chrono::steady_clock::now() - processStart();
     return static_cast<u32>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() + 1);
 }
 

@@ -10,7 +10,7 @@ class i4_time {
     void get();                            // takes the present time
     void add(i32 ms);                      // moves the point, both ways
     void set(i32 ms);                      // the point that many milliseconds after the clock's zero
-    i32 diff(const i4_time& other) const;  // milliseconds from `other` to this
+    i32 diff(const i4_time& other) const;  // milliseconds from `other` to this; wraps after 24 days
 
     bool operator<(const i4_time& other) const;
     bool operator<=(const i4_time& other) const { return !(other < *this); }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -23,16 +24,25 @@ struct StartArguments {
     void* argument;
 };
 
-void* countedEntry(void* packed) {
-    const std::unique_ptr<StartArguments> start(static_cast<StartArguments*>(packed));
-    void* result = i4_run_guarded(start->function, start->argument);
-    threadCount.fetch_sub(1, std::memory_order_release);
-    return result;
-}
-
 [[noreturn]] void endProcess() {
     std::fflush(nullptr);
     ::_exit(0);
+}
+
+void* commonEntry(void* packed) {
+    const std::unique_ptr<StartArguments> start(static_cast<StartArguments*>(packed));
+    void* result = nullptr;
+    try {
+        result = start->function(start->argument);
+    } catch (const i4_err& error) {
+        i4_debug_printf("Thread error : %s\n", error.message());
+        endProcess();
+    } catch (...) {
+        i4_debug_printf("Thread unkown error\n");
+        endProcess();
+    }
+    threadCount.fetch_sub(1, std::memory_order_release);
+    return result;
 }
 
 }  // namespace
@@ -41,29 +51,21 @@ void* countedEntry(void* packed) {
 // list heads above are constant-initialized.
 LL<i4_string> i4_argv;
 
-void* i4_run_guarded(void* (*function)(void*), void* argument) {
-    try {
-        return function(argument);
-    } catch (const i4_err& error) {
-        i4_debug_printf("Thread error : %s\n", error.message());
-        endProcess();
-    } catch (...) {
-        i4_debug_printf("Thread unkown error\n");
-        endProcess();
+bool i4_start_thread(pthread_t& thread, void* (*function)(void*), void* argument) {
+    auto start = std::make_unique<StartArguments>(StartArguments{function, argument});
+    threadCount.fetch_add(1, std::memory_order_acquire);
+    if (const int error = ::pthread_create(&thread, nullptr, commonEntry, start.get())) {
+        threadCount.fetch_sub(1, std::memory_order_release);
+        i4_warning()("a thread couldn't be started: %s", std::strerror(error));
+        return false;
     }
+    static_cast<void>(start.release());
+    return true;
 }
 
 u32 i4_add_thread(void* (*function)(void*), u32, void* argument) {
-    threadCount.fetch_add(1, std::memory_order_acquire);
     pthread_t thread{};
-    auto start = std::make_unique<StartArguments>(StartArguments{function, argument});
-    if (::pthread_create(&thread, nullptr, countedEntry, start.get()) == 0) {
-        static_cast<void>(start.release());
-        ::pthread_detach(thread);
-    } else {
-        threadCount.fetch_sub(1, std::memory_order_release);
-        i4_warning()("a thread couldn't be started");
-    }
+    if (i4_start_thread(thread, function, argument)) ::pthread_detach(thread);
     return 0;
 }
 

@@ -7,17 +7,17 @@
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
-// Starts a detached thread. The stack size is not used. Returns 0. What the function lets through ends the
-// process: an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n".
+// Starts a thread that its owner joins or detaches. What the function lets through ends the process with
+// status 0: an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n". False, with a
+// warning, where the host has no thread to give.
+bool i4_start_thread(pthread_t& thread, void* (*function)(void*), void* argument);
+// The same for a thread that nobody waits for. The stack size is not used. Returns 0.
 u32 i4_add_thread(void* (*function)(void*), u32 stack_size, void* argument);
-// Yields until no thread of the foundation runs.
+// Yields until none of these threads runs.
 void i4_wait_for_threads();
 void i4_thread_yield();
 pthread_t i4_get_thread_id();
 pthread_t i4_get_main_thread();  // as stored by i4_main
-
-// Runs a thread's function as i4_add_thread does, on the calling thread.
-void* i4_run_guarded(void* (*function)(void*), void* argument);
 
 // Not offered by this host: each raises "implemenet_me".
 void i4_suspend_thread(u32 id);
