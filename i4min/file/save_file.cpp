@@ -4,10 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,10 @@ class SavingFile : public i4_unix_file_class {
     u32 tell() override {
         flush();
         return i4_unix_file_class::tell();
+    }
+    u32 size() override {
+        flush();
+        return i4_unix_file_class::size();
     }
     i4_file* flush() override {
         std::size_t done = 0;
@@ -68,17 +73,73 @@ class SavingFile : public i4_unix_file_class {
     int error_ = 0;
 };
 
-bool report(const char* path, int error) {
-    theLog->printLine("Couldn't save %s: %s", path, std::strerror(error));
+bool report(const char* path, const std::string& reason) {
+    theLog->printLine("Couldn't save %s: %s", path, reason.c_str());
     return false;
 }
 
-// The path that a save replaces: the file behind a link, so that the link stays.
+// The path that a save replaces: the file behind a link, so that the link stays. The file itself may be
+// missing yet.
 std::string realPath(const char* path) {
-    char* resolved = ::realpath(path, nullptr);
-    std::string result(resolved ? resolved : path);
-    std::free(resolved);
+    std::string result(path);
+    for (int links = 0; links < 40; ++links) {
+        std::error_code none;
+        const std::filesystem::path target = std::filesystem::read_symlink(result, none);
+        if (none) break;
+        result = std::filesystem::path(result).parent_path() / target;
+    }
     return result;
+}
+
+// The name of the file that is written beside the old one. While another thread saves to the same path, the
+// two write to files of different names; what a crash left behind is written over.
+class Beside {
+  public:
+    explicit Beside(const std::string& target) {
+        std::lock_guard<std::mutex> lock(mutex());
+        for (int n = 1; path_.empty(); ++n) {
+            const std::string name = target + (n == 1 ? ".new" : ".new" + std::to_string(n));
+            if (taken().insert(name).second) path_ = name;
+        }
+    }
+    Beside(const Beside&) = delete;
+    Beside& operator=(const Beside&) = delete;
+    // Anything still under that name is not to stay.
+    ~Beside() {
+        std::lock_guard<std::mutex> lock(mutex());
+        if (!moved_) ::unlink(path());
+        taken().erase(path_);
+    }
+    const char* path() const { return path_.c_str(); }
+    bool moveTo(const std::string& target) {
+        moved_ = ::rename(path(), target.c_str()) == 0;
+        return moved_;
+    }
+
+  private:
+    static std::mutex& mutex() {
+        static std::mutex theMutex;
+        return theMutex;
+    }
+    static std::set<std::string>& taken() {
+        static std::set<std::string> names;
+        return names;
+    }
+    std::string path_;
+    bool moved_ = false;
+};
+
+// Writes and syncs the file; what went wrong, empty when all is on the disk.
+std::string writeWhole(int descriptor, const std::function<bool(i4_file&)>& write) {
+    SavingFile file(descriptor);
+    std::string reason;
+    try {
+        if (!write(file)) reason = "its contents couldn't be written";
+    } catch (const i4_err& error) {
+        reason = error.message();
+    }
+    if (!file.sync()) reason = std::strerror(file.error());
+    return reason;
 }
 
 void syncFolderOf(const std::string& path) {
@@ -94,39 +155,21 @@ void syncFolderOf(const std::string& path) {
 
 bool saveFile(const char* path, const std::function<bool(i4_file&)>& write) {
     const std::string target = realPath(path);
-    const std::string beside = target + ".new";
+    Beside beside(target);
     struct stat old {};
     const bool replaces = ::stat(target.c_str(), &old) == 0;
-    const int descriptor = ::open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                                  replaces ? old.st_mode & 0777 : 0777);
-    if (descriptor < 0) return report(path, errno);
-    bool whole = false;
-    int error = EIO;
-    {
-        SavingFile file(descriptor);
-        try {
-            whole = write(file);
-        } catch (const i4_err&) {
-            whole = false;
-        }
-        if (!file.sync()) {
-            whole = false;
-            error = file.error();
-        }
-    }
-    if (whole && ::rename(beside.c_str(), target.c_str()) != 0) {
-        whole = false;
-        error = errno;
-    }
-    if (!whole) {
-        ::unlink(beside.c_str());
-        return report(path, error);
-    }
+    const int descriptor = ::open(beside.path(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+    if (descriptor < 0) return report(path, std::strerror(errno));
+    // A file that its user closed to others stays closed, and is so before the first byte is in it.
+    if (replaces) ::fchmod(descriptor, old.st_mode & 0777);
+    const std::string reason = writeWhole(descriptor, write);
+    if (!reason.empty()) return report(path, reason);
+    if (!beside.moveTo(target)) return report(path, std::strerror(errno));
     syncFolderOf(target);
     return true;
 }
 
 void setAsideDamaged(const char* path) {
     const std::string aside = std::string(path) + ".bad";
-    if (::rename(path, aside.c_str()) != 0) report(aside.c_str(), errno);
+    if (::rename(path, aside.c_str()) != 0) report(aside.c_str(), std::strerror(errno));
 }

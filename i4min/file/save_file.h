@@ -5,6 +5,8 @@
 
 class i4_file;
 
+// Thread: any; of two that save to one path at the same time, the last to finish wins.
+//
 // Writes `path` through `write`: the bytes go to a file beside it, are synced, take the place of the old
 // file, and the folder is synced. `write` returns false, or raises, to give up: the old file then stays. Each
 // failure is told in one line with the file's name. The path is taken exactly as it stands. True when the new
