@@ -60,7 +60,8 @@ class SaveFile : public ::testing::Test {
     CapturedLog log_;
 };
 
-// Thirty strings of different lengths and a count that is filled in at the end, as the lists write themselves.
+// Thirty strings of different lengths and a count that is filled in at the end, as the lists write
+// themselves.
 void writeRecords(i4_file& file, const std::function<void()>& beforeEach) {
     file.write_32(0);
     for (u32 n = 0; n < 30; ++n) {

@@ -198,8 +198,8 @@ class LL {
         return values;
     }
 
-    // Stable, and safe where the compared fields change meanwhile (speeds do, while a view sorts by them): the
-    // order is then a rough one, where the library's sorts would run out of the range.
+    // Stable, and safe where the compared fields change meanwhile (speeds do, while a view sorts by them):
+    // the order is then a rough one, where the library's sorts would run out of the range.
     template <class Less>
     static void mergeSort(std::vector<T*>& values, Less less) {
         const auto n = static_cast<std::ptrdiff_t>(values.size());

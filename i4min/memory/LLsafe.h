@@ -7,7 +7,8 @@
 // Thread: any, for single calls. A walk, or two calls that belong together, hold lock() around them and use
 // only the Unsafe forms, next() and contains() meanwhile: the lock is not recursive.
 //
-//   locked for one call    add addFront replaceAt remove removeAt clear count getAt addAll removeAll sort first
+//   locked for one call    add addFront replaceAt remove removeAt clear count getAt addAll removeAll sort
+//                          first
 //   not locked as a whole  addUnique: contains() without the lock, then add()
 //   no lock of their own   insertAt removeNext contains shuffle next
 template <class T>

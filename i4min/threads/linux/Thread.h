@@ -17,8 +17,8 @@
 //   0 running        run() calls endLoop()        2, once run() has returned
 //   1 asked to stop  run() returns                2 not running
 //
-// Thread: start() and stop() from any thread but its own, so neither in run() nor in finished(). The destructor of the most derived class calls
-// stop(), so that no turn runs on a half-destroyed object.
+// Thread: start() and stop() from any thread but its own, so neither in run() nor in finished(). The
+// destructor of the most derived class calls stop(), so that no turn runs on a half-destroyed object.
 class Thread {
   public:
     enum State : u32 { running = 0, askedToStop = 1, notRunning = 2 };
