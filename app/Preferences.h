@@ -16,22 +16,30 @@ struct i4_proxy_settings;
 // The settings of the process, read from pref.met at start and written back by save(). A first run makes an
 // identity of its own: user hash and name.
 // Thread: any. Single words are shared as they stand; texts that commands change are guarded by pathLock and
-// handed out as copies; the user record is guarded by selfLock. The paths are constant after load().
+// handed out as copies; the user record and the tags of pref.met are guarded by selfLock. The paths are
+// constant after load().
 class Preferences {
   public:
+    // The working directory is the current directory of this moment.
     Preferences();
     ~Preferences();
     Preferences(const Preferences&) = delete;
     Preferences& operator=(const Preferences&) = delete;
 
-    // Once, at start. A pref.met that is missing means a first run; one that is damaged is set aside and
-    // means one too. Fills the string table.
-    void load();
-    void save();
+    // Once, at start. A pref.met that is missing means a first run; one that is damaged, or has no name or
+    // user hash in it, is named in one line, set aside as pref.met.bad, and means a first run too. Seeds
+    // rand(). Fills the string table.
+    void load() EXCLUDES(selfLock, pathLock);
+    // A failure is told in one line; the old file then stays.
+    void save() EXCLUDES(selfLock, pathLock);
+    // The same on a stream, in the form of pref.met. fromDisk is false where the bytes are no whole file with
+    // a name and a user hash: the tags that were read then stay, and no setting takes a value.
+    bool fromDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
+    bool toDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
 
     // The client's own record.
     u32 clientId() const EXCLUDES(selfLock);
-    // A changed ID empties the record of remote queues and tells every download.
+    // A changed ID goes on to onClientIdChanged.
     void setClientId(u32 id) EXCLUDES(selfLock);
     u32 serverIp() const EXCLUDES(selfLock);
     u16 serverPort() const EXCLUDES(selfLock);
@@ -47,25 +55,33 @@ class Preferences {
     i4_string incomingDir() const EXCLUDES(pathLock);
     i4_string tempDir() const EXCLUDES(pathLock);
     void setIncoming(const char* path) EXCLUDES(pathLock);  // and creates the directory
-    // Refused with a message while there are downloads; nothing where it is the present one.
+    // And creates the directory. Refused with a message while hasDownloads; nothing where it is the present
+    // one.
     void setTemp(const char* path) EXCLUDES(pathLock);
 
     i4_string adminName() const EXCLUDES(pathLock);
     i4_string adminPass() const EXCLUDES(pathLock);
     void setAdmin(const char* name, const char* password) EXCLUDES(pathLock);
 
-    // Limits in KB/s, 0 for none. The download limit is kept in proportion to a small upload limit: at most
-    // three times an upload limit below 5, four times one below 10.
-    void setMaxUp(f32 limit);
-    void setMaxDown(f32 limit);
+    // Limits in KB/s, 0 for none, as is anything below. The download limit is kept in proportion to a small
+    // upload limit: where it would pass four times the upload limit, it becomes three times one below 5, and
+    // four times one below 10.
+    void setMaxUp(f32 wish);
+    void setMaxDown(f32 wish);
 
     // Makes NAME.str of the working directory the language file, and renames the common tags.
-    void setLanguage(const char* name);
+    void setLanguage(const char* name) EXCLUDES(pathLock);
+    i4_string stringFile() const EXCLUDES(pathLock);  // its name, such as fr.str
 
-    // The proxy that pref.met holds; type 0 for none. Owned here.
-    const i4_proxy_settings& proxy() const { return *proxy_; }
+    // The proxy that pref.met holds; type 0 for none.
+    i4_proxy_settings proxy() const EXCLUDES(pathLock);
     // Stored by the next save(); takes effect at the next start.
-    void setProxy(const i4_proxy_settings& settings);
+    void setProxy(const i4_proxy_settings& settings) EXCLUDES(pathLock);
+
+    // What the engine above has to do with a setting; the entry sets both before any other thread runs. They
+    // are called without a lock held. Null while there is no engine.
+    void (*onClientIdChanged)() = nullptr;
+    bool (*hasDownloads)() = nullptr;
 
     // File names, in the working directory; constant after load().
     i4_string workDir;
@@ -76,7 +92,6 @@ class Preferences {
     i4_string sharePath;
     i4_string prefPath;
     i4_string filterPath;
-    i4_string stringFile;  // changed by setLanguage on the thread of the command alone
     const char pathSeparator = '/';
 
     Relaxed<f32> maxUpSpeed{5.0F};    // KB/s, the estimate of what the line can carry
@@ -102,17 +117,31 @@ class Preferences {
     Relaxed<i32> adminDoorPort{4663};
 
   private:
+    struct Texts;  // what pathLock guards, as pref.met has it
+
+    void makePaths();
+    bool readFile() EXCLUDES(selfLock, pathLock);
+    void makeFirstRun() EXCLUDES(selfLock, pathLock);
+    void takeNumbers() REQUIRES(selfLock);
+    Texts readTexts() const REQUIRES(selfLock);
+    void takeTexts(const Texts& texts) EXCLUDES(pathLock);
+    Texts copyTexts() const EXCLUDES(pathLock);
+    void storeTags(const Texts& texts) REQUIRES(selfLock);
+    i4_string inWorkDir(const char* name) const;
+
+    // Neither is taken while the other is held.
     mutable i4_mutex pathLock{LockRank::preferences};
     mutable i4_mutex selfLock{LockRank::preferences};
-    std::unique_ptr<Meta> settings_;
-    std::unique_ptr<UserMeta> self_ PT_GUARDED_BY(selfLock);
-    std::unique_ptr<i4_proxy_settings> proxy_;
+    const std::unique_ptr<Meta> settings_ PT_GUARDED_BY(selfLock);
+    const std::unique_ptr<UserMeta> self_ PT_GUARDED_BY(selfLock);
+    const std::unique_ptr<i4_proxy_settings> proxy_ PT_GUARDED_BY(pathLock);
     i4_string incomingDir_ GUARDED_BY(pathLock);
     i4_string tempDir_ GUARDED_BY(pathLock);
-    i4_string userName_;
-    i4_string password_;
+    i4_string userName_ GUARDED_BY(pathLock);
+    i4_string password_ GUARDED_BY(pathLock);
     i4_string adminName_ GUARDED_BY(pathLock);
     i4_string adminPass_ GUARDED_BY(pathLock);
+    i4_string stringFile_ GUARDED_BY(pathLock);
 };
 
 extern Preferences preferences;
