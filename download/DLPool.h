@@ -1,0 +1,62 @@
+// DLPool, which holds all downloads and is the clock of the download engine.
+#pragma once
+
+#include "download/Download.h"
+#include "i4min/memory/LLsafe.h"
+#include "i4min/memory/relaxed.h"
+#include "i4min/threads/linux/Thread.h"
+#include "i4min/threads/linux/i4_time.h"
+
+class Peer;
+class UserMeta;
+
+// Thread: any; each operation takes the list's lock but for those that say otherwise. Lock order: the list,
+// then Download's lock, then the lists inside.
+// Owns: one reference on each Download.
+class DLPool : public Thread {
+  public:
+    DLPool() = default;
+    ~DLPool() override;
+    void start() override;
+    void run() override;
+
+    void add(const FileMeta& meta);     // message 10: starts a download, or tells why not
+    void loadDownload(FileMeta& meta);  // one found at start
+    Ref<Download> find(const MD4Hash& hash);
+    void remove(const Ref<Download>& download);  // message 11
+    void stopAll();                              // at shut-down
+    void republish();
+    u64 checkDisk();  // fits the downloads to the free space; the bytes that those which run still need
+    void peerConnected(Peer& peer);
+    void peerGone(Peer& peer);
+    void slotGranted(Peer& peer);  // also message 23
+    void slotEnded(Peer& peer);
+    void callbackFailed(u32 serverIp, u32 clientId);
+    void connectFailed(u32 ip, u16 port);
+    void idChanged();
+    i32 count();
+    LLsafe<Download>& getDownloads() RETURN_CAPABILITY(downloads_) { return downloads_; }
+
+    // A source was just tried: none other is for half a second. No lock.
+    void sourceStarted();
+    bool canStart() const { return canStart_ != 0; }
+    // The number of sources that transfer now. No lock.
+    Relaxed<i32> transferCount{0};
+
+  private:
+    void updateCanStart();
+    void tickDownloads(i32 elapsedMs);
+    void closeIdlePeers(i32 elapsedMs);
+    void saveDownloads();
+    void measureFreeSpace();
+
+    i4_time lastTick_;
+    LLsafe<Download> downloads_{LockRank::downloads};  // in the order of adding
+    i32 saveTimer_ = 300'000;                          // ms
+    i32 diskTimer_ = 60'000;                           // ms
+    Relaxed<i32> sinceStart_{500};                     // ms since a source was last tried
+    Relaxed<u8> canStart_{1};
+    Relaxed<u64> freeSpace_{0};  // bytes, the smaller of the temp and the incoming file system
+};
+
+extern DLPool dlPool;

@@ -1,0 +1,99 @@
+// Download, one file that the user wants. It holds the lock and forwards to its state.
+#pragma once
+
+#include <memory>
+
+#include "download/CompleteFileThread.h"
+#include "download/DLProgress.h"
+#include "download/DownloadState.h"
+#include "download/PartialFile.h"
+#include "i4min/memory/mutex.h"
+#include "i4min/memory/relaxed.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "i4min/threads/linux/semaphore.h"
+
+// The lock of a Download: a semaphore of one, so that a display can try it for a moment. Not recursive.
+class CAPABILITY("download") DownloadLock {
+  public:
+    DownloadLock() { semaphore_.signal(); }
+    void lock() ACQUIRE();
+    bool tryLock(u32 ms) TRY_ACQUIRE(true);
+    void unlock() RELEASE();
+
+  private:
+    i4_semaphore semaphore_;
+};
+
+// Thread: any. Operations take the lock around the state's, but for those that say otherwise. A forwarded
+// operation must not call a locked one of the same Download.
+// Owns: its state, progress and completer; one reference on its PartialFile.
+class Download : public RefCounter {
+  public:
+    Download();
+    ~Download() override;
+
+    bool create(FileMeta& meta) EXCLUDES(lock_);  // false, and said, when there is no room for the temp file
+    void load(FileMeta& meta) EXCLUDES(lock_);
+    void hashingEnded() EXCLUDES(lock_);   // all parts of a loaded file are checked
+    void hashingFailed() EXCLUDES(lock_);  // a part of a loaded file couldn't be read
+
+    i32 getStatus();        // waits 1 ms at most, 0 where the lock can't be had
+    f32 getAvailability();  // the share of the file that is here, coming, or with a source
+    // The same in percent, cut: below the whole it never shows as 100.
+    i32 availabilityPercent();
+    bool isPaused() const { return paused_.get() != 0; }
+    u32 bytesToFill() EXCLUDES(lock_);
+    u32 diskNeeded() EXCLUDES(lock_);
+    i4_string getName() const;
+
+    void tick(i32 elapsedMs) EXCLUDES(lock_);
+    void pause() EXCLUDES(lock_);
+    void resume() EXCLUDES(lock_);
+    void cancel() EXCLUDES(lock_);
+    void diskFull() EXCLUDES(lock_);
+    u32 diskFreed() EXCLUDES(lock_);
+    void idChanged() EXCLUDES(lock_);
+    void stop() EXCLUDES(lock_);
+    void addSource(const UserMeta& user) EXCLUDES(lock_);
+    void peerConnected(Peer& peer) EXCLUDES(lock_);
+    bool offerSlot(Peer& peer) EXCLUDES(lock_);
+    bool slotEnded(Peer& peer) EXCLUDES(lock_);
+    bool gotFileStatus(Peer& peer, const BoolArray& parts) EXCLUDES(lock_);
+    void noSuchFile(Peer& peer) EXCLUDES(lock_);
+    void peerGone(Peer& peer) EXCLUDES(lock_);
+    void gotFileName(const char* name, Peer& peer) EXCLUDES(lock_);
+    void callbackFailed(u32 serverIp, u32 clientId) EXCLUDES(lock_);
+    void connectFailed(u32 ip, u16 port) EXCLUDES(lock_);
+    void gotData(i4_ram_file_class& packet, Peer& peer) EXCLUDES(lock_);
+    void gotHashSet(i4_file& stream) EXCLUDES(lock_);
+
+    // Destroys the old state first.
+    void setState(std::unique_ptr<DownloadState> state) REQUIRES(lock_);
+    DownloadLock& stateLock() RETURN_CAPABILITY(lock_) { return lock_; }
+
+    // For states, sources and the completer.
+    PartialFile& partial() const { return *partial_; }
+    // Null before create() or load(). Thread: any.
+    Ref<PartialFile> partialRef() const { return partial_; }
+    DLProgress& progress() { return progress_; }
+    CompleteFileThread& completer() { return completer_; }
+    DownloadState& state() REQUIRES(lock_) { return *state_; }
+
+    // All zero until the file is set up; for a loaded file, until hashing ends. Thread: any.
+    MD4Hash hash() const EXCLUDES(hashLock_);
+
+    Relaxed<f32> speed;        // bytes per ms, the mean of the last eight samples
+    Relaxed<i32> priority{1};  // 0 low, 1 normal, 2 high
+
+  private:
+    void setHash(const MD4Hash& hash) EXCLUDES(hashLock_);
+
+    mutable DownloadLock lock_;
+    std::unique_ptr<DownloadState> state_ GUARDED_BY(lock_);
+    DLProgress progress_;
+    Ref<PartialFile> partial_;  // set once, before the download is in the pool
+    mutable i4_mutex hashLock_{LockRank::leaf};
+    MD4Hash hash_ GUARDED_BY(hashLock_);
+    Relaxed<u8> paused_{0};
+    CompleteFileThread completer_{*this};
+};

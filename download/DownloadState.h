@@ -1,0 +1,66 @@
+// DownloadState, what a Download does in one of its states. This class has the default of every operation;
+// the DLS_* classes override what differs.
+#pragma once
+
+#include "i4min/file/file.h"
+#include "i4min/memory/LL.h"
+#include "meta/BoolArray.h"
+
+class Download;
+class FileSource;
+class Peer;
+class UserMeta;
+
+// The number of a state's text in the string table.
+enum DownloadStatus : i32 {
+    DL_STATUS_UNREADABLE = 0,
+    DL_STATUS_QUEUED = 1,
+    DL_STATUS_LOOKING = 2,
+    DL_STATUS_PAUSED = 4,
+    DL_STATUS_DISKFULL = 5,
+    DL_STATUS_NOSOURCES = 6,
+    DL_STATUS_HASHING = 8,
+    DL_STATUS_ERROR_LOADING = 9,
+    DL_STATUS_COMPLETING = 10,
+    DL_STATUS_COMPLETE = 11,
+    DL_STATUS_CORRUPTED = 12,
+    DL_STATUS_ERROR_HASHING = 13,
+};
+
+// Thread: under Download's lock. Owned by its Download, whose setState() destroys it: an operation that has
+// changed the state touches no member of itself afterwards.
+class DownloadState {
+  public:
+    DownloadState(Download& owner, i32 statusNumber) : download(owner), status(statusNumber) {}
+    DownloadState(const DownloadState&) = delete;
+    DownloadState& operator=(const DownloadState&) = delete;
+    virtual ~DownloadState() = default;
+
+    virtual u32 bytesToFill();  // what the file can still grow by
+    virtual u32 diskNeeded() { return 0; }
+    virtual bool isPaused() { return false; }
+    virtual LL<FileSource>* getSources() { return nullptr; }
+    virtual void tick(i32 /*elapsedMs*/) {}
+    virtual void pause() {}
+    virtual void resume() {}
+    virtual void cancel();  // deletes the files and leaves the pool
+    virtual void diskFull() {}
+    virtual u32 diskFreed() { return 0; }
+    virtual void hashDone() {}
+    virtual void stop() {}
+    virtual void idChanged() {}
+    virtual void gotData(i4_ram_file_class& /*packet*/, Peer& /*peer*/) {}
+    virtual void addSource(const UserMeta& /*user*/) {}
+    virtual void peerConnected(Peer& /*peer*/) {}
+    virtual bool offerSlot(Peer& /*peer*/) { return false; }
+    virtual bool slotEnded(Peer& /*peer*/) { return false; }
+    virtual bool gotFileStatus(Peer& /*peer*/, const BoolArray& /*parts*/) { return false; }
+    virtual void noSuchFile(Peer& /*peer*/) {}
+    virtual void peerGone(Peer& /*peer*/) {}
+    virtual void gotFileName(const char* /*name*/, Peer& /*peer*/) {}
+    virtual void callbackFailed(u32 /*serverIp*/, u32 /*clientId*/) {}
+    virtual void connectFailed(u32 /*ip*/, u16 /*port*/) {}
+
+    Download& download;
+    const i32 status;
+};

@@ -1,0 +1,28 @@
+// PartFileNamer gives each data file of a download its name, and moves a finished file to its place.
+#pragma once
+
+#include "i4min/memory/mutex.h"
+#include "i4min/memory/types.h"
+#include "i4min/string/string.h"
+
+// Thread: any.
+class PartFileNamer {
+  public:
+    // The next bare name N.part that is free in the temp directory.
+    void makeTempName(i4_string& out) EXCLUDES(lock_);
+    // Moves `source` into `directory` under `name` made safe, or under 2_name, 3_name and so on where that is
+    // taken: a file that exists is never replaced. Across file systems the file is copied, synced and its
+    // size compared, and appears under its name only when it is whole. `path` becomes where the file lies
+    // now: the source where it couldn't be moved, which is said in one line.
+    void moveFile(const char* source, const char* name, const char* directory, i4_string& path);
+
+  private:
+    i4_mutex lock_{LockRank::leaf};
+    u32 counter_ GUARDED_BY(lock_) = 0;
+};
+
+// A name from the network as one plain path component: the last component only; '/', '\', NUL and control
+// characters as '_'; never empty, "." or ".."; at most 255 bytes, with the extension kept.
+i4_string safeFileName(const char* name);
+
+extern PartFileNamer partFileNamer;

@@ -1,0 +1,92 @@
+// PartialFile, one file on its way in: its data file in the temp directory, what is missing of it, and which
+// parts have passed their hash.
+#pragma once
+
+#include <memory>
+
+#include "download/GapList.h"
+#include "i4min/file/file.h"
+#include "i4min/memory/relaxed.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "meta/BoolArray.h"
+#include "meta/FileMeta.h"
+
+class Download;
+class PartialList;
+
+// The gaps are the ranges that are still missing, or that failed their hash.
+// Thread: under Download's lock, but for what says otherwise.
+// Owns: its files.    Borrows: its Download, which owns it; the published record, which lives with the
+// process.
+class PartialFile : public GapList, public RefCounter {
+  public:
+    enum Status : i32 { open = 0, moved = 1, gone = 2 };
+    enum class Load { failed = 0, running = 1, paused = 2 };
+    enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
+
+    explicit PartialFile(Download* download) : download_(download) {}
+    ~PartialFile() override;
+
+    // A new download of `meta`. False when the data file can't be made.
+    bool create(const FileMeta& meta);
+    // A download found at start; the record is from its meta file and loses the tags that describe the
+    // download. A failure is said in one line.
+    Load load(FileMeta& meta);
+
+    // Writes a packet's data, which stands behind opcode and hash: u32 start, u32 end, bytes. A range that
+    // makes no sense writes nothing and leaves start and end alone. True while gaps remain.
+    bool writeData(i4_ram_file_class& packet, u32& start, u32& end);
+    // Verifies every part that has become complete. False when a part couldn't be read.
+    bool checkParts();
+    // For uploads. Thread: any.
+    Read readData(u8* buffer, u32 start, u32 end) EXCLUDES(fileLock_);
+    void closeFiles() EXCLUDES(fileLock_);
+    // Hashes the whole file and moves it to the incoming directory. Thread: the completer, in a state that
+    // accepts no data. True when the file is what its hash says.
+    bool complete();
+    void cancel();  // deletes data and meta file
+    // Adds the record of the meta file to the list, which owns it.
+    void saveToList(PartialList& list);
+    void publish();    // enters the file, still incomplete, into the shared lists
+    void republish();  // again, after the shared list was emptied
+    // The part hashes, as a peer sent them: u16 count, 16 bytes each. They count only if there are as many as
+    // the file has parts and their MD4 is the file's hash.
+    void setPartHashes(i4_file& stream);
+    bool hasNeededPart(const BoolArray& parts) const;  // false for an array of another length
+
+    i4_string getName() const;
+    const FileMeta& getMeta() const { return meta_; }
+    const MD4Hash& getHash() const { return meta_.hash; }
+    u32 getPartCount() const { return partCount_; }
+    const BoolArray& partsDone() const { return partsDone_; }
+    // The flags of the parts that may be told to a peer. Thread: any.
+    void copyPartsDone(BoolArray& out) const EXCLUDES(doneLock_);
+    bool partHashesKnown() const { return partHashesKnown_; }
+    u32 fileSize() const { return fileSize_; }
+    u32 fileEnd() const { return fileEnd_; }
+    u32 transferred() const { return transferred_; }
+    Status status() const { return static_cast<Status>(status_.get()); }
+    const i4_string& tempFileName() const { return tempFileName_; }
+
+  private:
+    void finishSetup(const FileMeta& meta);
+    bool checkPart(u32 part);
+    void reopenPart(u32 start, u32 end);
+    i4_string metaPath() const;
+
+    mutable i4_mutex fileLock_{LockRank::partialRead};
+    mutable i4_mutex doneLock_{LockRank::leaf};
+    i4_string tempFileName_;
+    std::unique_ptr<i4_file> readFile_ GUARDED_BY(fileLock_);
+    std::unique_ptr<i4_file> writeFile_;
+    u32 partCount_ = 0;
+    Relaxed<i32> status_{open};
+    FileMeta meta_;
+    FileMeta* sharedMeta_ = nullptr;
+    BoolArray partsDone_;  // written under Download's lock and doneLock_
+    Download* const download_;
+    u32 fileEnd_ = 0;
+    Relaxed<u32> fileSize_;
+    Relaxed<u32> transferred_;
+    bool partHashesKnown_ = false;
+};

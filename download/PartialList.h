@@ -1,0 +1,18 @@
+// PartialList carries the records of unfinished downloads between disk and the running Download objects.
+#pragma once
+
+#include "meta/FileList.h"
+
+// Empty between its uses. Owns its records until startDownloads() or saveToDir() destroys them.
+// Thread: MessageQ's at start, DLPool's for its saves, the entry thread at the end.
+class PartialList : public FileList {
+  public:
+    ~PartialList() override;
+
+    // Reads every .met file of the directory that is a download's. One that is damaged is named in one line,
+    // skipped and left untouched. False when the directory can't be read, which is said.
+    bool loadFromDir(const char* directory);
+    void startDownloads();  // hands each record to DLPool
+    // Writes each record to its .met file and destroys it.
+    void saveToDir(const char* directory);
+};

@@ -1,0 +1,25 @@
+// RemoteQueueList, the uploaders in whose queues this client stands, with the time of the request.
+#pragma once
+
+#include "i4min/memory/LLsafe.h"
+#include "i4min/memory/types.h"
+
+class Peer;
+class UserMeta;
+
+// Thread: any. Owns its entries.
+class RemoteQueueList {
+  public:
+    ~RemoteQueueList();
+    void note(Peer& peer);                 // asks the peer for a slot and stamps the entry
+    bool isWaiting(const UserMeta& user);  // asked within the last 30 minutes; false for a low ID
+    void release(Peer& peer);              // gives the slot back, whether there is an entry or not
+    void forget(u32 serverIp, u32 clientId);
+    void forgetAddress(u32 ip, u16 port);
+    void clear();
+
+  private:
+    LLsafe<UserMeta> entries_{LockRank::remoteQueue};
+};
+
+extern RemoteQueueList remoteQueueList;

@@ -1,0 +1,61 @@
+// Upload, one running transfer of one file to one Peer.
+#pragma once
+
+#include <array>
+#include <memory>
+
+#include "i4min/file/file.h"
+#include "i4min/memory/relaxed.h"
+#include "i4min/string/string.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "meta/MD4Hash.h"
+
+class Peer;
+class UserMeta;
+
+// Reads the file piece by piece and has one packet in flight: the next is built when the last has left.
+// Thread: setRanges() and sendNext() on the socket pool's, updateSpeed() on MessageQ's; the words are any
+// thread's.
+// Owns: its file.    Borrows: its Peer, counted.
+class Upload : public RefCounter {
+  public:
+    // `hash` names the file; `name` is what it is called.
+    Upload(std::unique_ptr<i4_file> file, Peer& peer, const char* name, const MD4Hash& hash);
+    ~Upload() override;
+    // Reads `length` bytes at the present position. False on failure.
+    virtual bool readData(u8* buffer, u32 length);
+    virtual void updateSpeed(i32 elapsedMs);
+    virtual void setRanges(const u32 (&starts)[3], const u32 (&ends)[3]);
+
+    // Sends the next packet, or ends the transfer.
+    void sendNext();
+    void stop() { stopped_ = 1; }
+    bool isPeer(const Peer& peer) const;
+    Peer& peer() const;
+    i4_string getPeerName() const;
+    void copyPeerUser(UserMeta& out) const;
+    const char* getName() const { return name_.c_str(); }
+    const MD4Hash& hash() const { return hash_; }
+
+    Relaxed<u32> bytesSent;  // written on the socket by this transfer's packets
+    Relaxed<f32> speed;      // KB/s, the mean of the last eight samples
+
+  protected:
+    i4_string name_;
+    std::unique_ptr<i4_file> file_;
+    u32 position_ = 0;  // the next byte to send
+
+  private:
+    u32 starts_[3] = {};  // the ranges asked for; the first is being sent
+    u32 ends_[3] = {};
+    u32 lastStart_ = 0;  // the range that was finished last
+    u32 lastEnd_ = 0;
+    i32 speedClock_ = 0;  // ms since the last sample
+    std::array<f32, 8> speeds_{};
+    u32 lastBytes_ = 0;
+    u32 speedIndex_ = 0;
+    Relaxed<u32> packetSize_{10'240};  // most file bytes per packet
+    Relaxed<u8> stopped_{0};
+    const Ref<Peer> peer_;
+    const MD4Hash hash_;
+};

@@ -1,0 +1,68 @@
+// UploadPool decides who may download from this client: the queue, the slots, and the running uploads.
+#pragma once
+
+#include "i4min/file/file.h"
+#include "i4min/memory/LL.h"
+#include "i4min/memory/mutex.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "meta/MD4Hash.h"
+
+class Peer;
+class Upload;
+class UploadSlot;
+class UserMeta;
+
+// The rule that sets the number of transfers, all in KB/s and numbers of transfers.
+struct SlotRule {
+    f32 capacity;  // what the line carries up
+    f32 used;      // speed of the uploads that aren't replaceable
+    u32 slots;     // granted, not used yet
+    u32 active;    // slots and uploads, less the replaceable ones
+
+    bool canStart() const;
+};
+
+// What a user goes through:
+//
+//   state         where                    entered by                      left by
+//   waiting       queue                    gotSlotRequest, endUpload       assignSlots; 45 minutes
+//   called        slots                    assignSlots, gotSlotRequest     gotPartRequest; time-out, failure,
+// peerGone
+//   transferring  uploads                  gotPartRequest                  endUpload to waiting; peerGone
+//   replaceable   uploads, replaceable     markReplaceable                 another's start, to waiting
+//
+// Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
+// Owns: queue and slots, one reference on each upload.
+class UploadPool {
+  public:
+    ~UploadPool();
+    void gotSlotRequest(Peer& peer);
+    void gotCall(Peer& peer);  // a hello came in
+    void gotPartRequest(i4_file& stream, Peer& peer);
+    void stopUpload(const MD4Hash& hash, Peer& peer);
+    void peerGone(Peer& peer);
+    void connectFailed(u32 ip, u16 port);
+    void callbackFailed(u32 serverIp, u32 clientId);
+    void endUpload(Upload& upload);
+    void markReplaceable(Upload& upload);
+    void tick(i32 elapsedMs);
+    void clear();
+
+    // For views: the lock, and the lists under it.
+    void lock() ACQUIRE(lock_) { lock_.lock(); }
+    void unlock() RELEASE(lock_) { lock_.unlock(); }
+    const LL<UploadSlot>& getSlots() const REQUIRES(lock_) { return slots_; }
+    const LL<UserMeta>& getQueue() const REQUIRES(lock_) { return queue_; }
+
+    // The rest of the private part is UploadPool.cpp's owner's to lay out.
+  private:
+    i4_mutex lock_{LockRank::uploadPool};
+    LL<Upload> uploads_ GUARDED_BY(lock_);
+    LL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
+    LL<UploadSlot> slots_ GUARDED_BY(lock_);
+    LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
+    i32 assignTimer_ GUARDED_BY(lock_) = 0;     // ms since the last assignment
+    i32 queueLength_ GUARDED_BY(lock_) = 0;
+};
+
+extern UploadPool uploadPool;

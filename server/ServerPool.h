@@ -1,0 +1,70 @@
+// ServerPool keeps the list of index servers alive and decides which of them the client logs on to.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "app/MessageQ.h"
+#include "i4min/memory/LL.h"
+#include "i4min/memory/mutex.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "meta/ServerList.h"
+#include "server/ServerAsk.h"
+
+class ExServerAnnex;
+class MainServer;
+class Search;
+class SocketPool;
+struct MD4Hash;
+
+//   state       connecting  mainServer   entered by
+//   idle        0           none         start; the queue ran out; disconnect; the end of a logged-on
+// connection
+//   trying      1           none         tryNext
+//   logging on  1           set          MainServer::connected
+//   connected   0           set          stopTrying
+//
+// Thread: any, but for connect, disconnect, tryNext and the search operations: MessageQ's.
+// Lock order: its own lock, then the list's.
+// Owns: the list, the annex, one reference on the current MainServer.
+class ServerPool {
+  public:
+    ServerPool();
+    ~ServerPool();
+
+    // The list.
+    bool addServer(u32 ip, u16 port);  // false for an ip or port of 0
+    void removeServer(u32 ip, u16 port);
+    void gotServerInfo(const ServerMeta& server);
+    void gotPing(u32 ip, u16 port, i32 ping, u32 users, u32 files);
+    void load(const char* path);
+    void merge(const char* path);  // message 25
+    ServerList& servers() { return servers_; }
+
+    void setSocketPool(SocketPool* pool);
+
+    // The connection.
+    void connect(const ServerAddress* target);  // message 2; null for the best
+    void disconnect();                          // message 3
+    void tryNext();                             // message 4
+    void stopTrying();
+    void serverFailed(u32 ip);
+    void setMainServer(MainServer* server);
+    void mainServerGone(MainServer* server);
+    Ref<MainServer> mainServer() const;  // empty where there is none
+
+    // Routing.
+    void search(const Search& search, bool alternate);        // messages 5 and 6
+    void moreResults();                                       // message 7
+    void extendSearch(const Search& search, bool alternate);  // messages 8 and 9
+    bool findSources(const ServerAddress& address, const MD4Hash& hash);
+    bool requestCallback(u32 serverIp, u16 serverPort, u32 clientId);
+    void listSourceServers(std::vector<ServerAsk>& out);
+    void tick(i32 elapsedMs);
+
+    // The rest of the private part is ServerPool.cpp's owner's to lay out.
+  private:
+    ServerList servers_;
+};
+
+extern ServerPool serverPool;
