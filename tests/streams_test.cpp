@@ -71,18 +71,16 @@ TEST(RamStream, GrowsByWholeStepsOrIsCut) {
     const struct {
         u32 capacity, step, write, seek;
         u32 written, newCapacity, used, position;
-    } cases[] = {
-        {0, 512, 1000, 0, 1000, 1024, 1000, 1000},
-        {0, 512, 512, 0, 512, 512, 512, 512},
-        {0, 512, 513, 0, 513, 1024, 513, 513},
-        {0, 512, 0, 5000, 0, 5120, 5000, 5000},
-        {4, 0, 10, 0, 4, 4, 4, 4},
-        {4, 0, 0, 10, 0, 4, 4, 4},
-        {4, 0, 4, 2, 4, 4, 4, 2},
-        {4, 3, 5, 0, 5, 7, 5, 5},
-        {4, 3, 0, 11, 0, 13, 11, 11},
-        {0, 0, 5, 3, 0, 0, 0, 0},
-    };
+    } cases[] = {{0, 512, 1000, 0, 1000, 1024, 1000, 1000},
+                 {0, 512, 512, 0, 512, 512, 512, 512},
+                 {0, 512, 513, 0, 513, 1024, 513, 513},
+                 {0, 512, 0, 5000, 0, 5120, 5000, 5000},
+                 {4, 0, 10, 0, 4, 4, 4, 4},
+                 {4, 0, 0, 10, 0, 4, 4, 4},
+                 {4, 0, 4, 2, 4, 4, 4, 2},
+                 {4, 3, 5, 0, 5, 7, 5, 5},
+                 {4, 3, 0, 11, 0, 13, 11, 11},
+                 {0, 0, 5, 3, 0, 0, 0, 0}};
     for (const auto& c : cases) {
         i4_ram_file_class stream(c.capacity ? i4_malloc(c.capacity) : nullptr, c.capacity, c.step);
         EXPECT_EQ(stream.size(), c.capacity);
@@ -142,17 +140,14 @@ TEST(Stream, NumbersAreLittleEndianAndShortReadsAreLoud) {
         u32 length;
         const char* error;
         void (*read)(i4_file&);
-    } cases[] = {
-        {0, "read_8 error", [](i4_file& s) { s.read_8(); }},
-        {1, "read_16 error", [](i4_file& s) { s.read_16(); }},
-        {3, "read_32 error", [](i4_file& s) { s.read_32(); }},
-        {3, "read_32 error", [](i4_file& s) { s.read_float(); }},
-        {3, "readAll error",
-         [](i4_file& s) {
-             char four[4];
-             s.readAll(four, 4);
-         }},
-    };
+    } cases[] = {{0, "read_8 error", [](i4_file& s) { s.read_8(); }},
+                 {1, "read_16 error", [](i4_file& s) { s.read_16(); }},
+                 {3, "read_32 error", [](i4_file& s) { s.read_32(); }},
+                 {3, "read_32 error", [](i4_file& s) { s.read_float(); }},
+                 {3, "readAll error", [](i4_file& s) {
+                      char four[4];
+                      s.readAll(four, 4);
+                  }}};
     for (const auto& c : cases) {
         Drip drip(std::string(c.length, 'x'), 2);
         EXPECT_EQ(errorOf([&] { c.read(drip); }), c.error);
@@ -242,11 +237,10 @@ TEST_F(Folder, OpensByTheFlags) {
         bool creates;
         const char* afterWriting;  // "N" through it, then closed
         bool reads;
-    } cases[] = {
-        {1, false, "old", true}, {2, true, "Nld", false}, {3, true, "Nld", true}, {6, true, "oldN", false},
-        {7, true, "oldN", true}, {10, true, "N", false},  {11, true, "N", true},  {14, true, "N", false},
-        {5, false, "old", true}, {9, false, "old", true}, {0, true, "old", true},
-    };
+    } cases[] = {{1, false, "old", true},  {2, true, "Nld", false}, {3, true, "Nld", true},
+                 {6, true, "oldN", false}, {7, true, "oldN", true}, {10, true, "N", false},
+                 {11, true, "N", true},    {14, true, "N", false},  {5, false, "old", true},
+                 {9, false, "old", true},  {0, true, "old", true}};
     for (const auto& c : cases) {
         const std::string missing = path("missing");
         EXPECT_EQ(i4_open(missing.c_str(), c.flags) != nullptr, c.creates) << c.flags;

@@ -38,18 +38,16 @@ TEST(Strtok, SplitsAsToldAndSaysWhereItStands) {
         std::size_t room;
         Texts tokens;
         i32 lastOffset;
-    } cases[] = {
-        {"Hello OUT THere", 256, {"Hello", "OUT", "THere"}, -1},
-        {".)Hello(test]]]]", 256, {"Hello", "test"}, 12},
-        {flood.c_str(), 256, {flood}, -1},
-        {"longstring", 5, {"long", "stri", "ng"}, -1},
-        {"longstri", 5, {"long", "stri"}, 8},  // full at the very end: a position, not -1
-        {".!!{} ____", 256, {}, 0},
-        {"", 256, {}, 0},
-        {"abc", 1, {}, 0},  // no room for a character
-        {"abc", 0, {}, 0},
-        {"a\xffz z", 256, {"a\xffz", "z"}, -1},
-    };
+    } cases[] = {{"Hello OUT THere", 256, {"Hello", "OUT", "THere"}, -1},
+                 {".)Hello(test]]]]", 256, {"Hello", "test"}, 12},
+                 {flood.c_str(), 256, {flood}, -1},
+                 {"longstring", 5, {"long", "stri", "ng"}, -1},
+                 {"longstri", 5, {"long", "stri"}, 8},  // full at the very end: a position, not -1
+                 {".!!{} ____", 256, {}, 0},
+                 {"", 256, {}, 0},
+                 {"abc", 1, {}, 0},  // no room for a character
+                 {"abc", 0, {}, 0},
+                 {"a\xffz z", 256, {"a\xffz", "z"}, -1}};
     for (const auto& c : cases) {
         EXPECT_EQ(tokens(c.text, words, c.room), std::make_pair(c.tokens, c.lastOffset)) << c.text;
     }
@@ -83,8 +81,7 @@ TEST(Compare, OrdersBySignedCharacterAndNullFirst) {
     } cases[] = {
         {nullptr, nullptr, 0, 0}, {nullptr, "", -1, -1}, {"", nullptr, 1, 1}, {a, a, 0, 0},
         {"abc", "abd", -1, -1},   {"ab", "abc", -1, -1}, {"B", "a", -1, 1},   {"Tag", "tAG", -1, 0},
-        {"[", "a", -1, 1},        {"\xe9", "a", -1, -1}, {"_", "A", 1, 1},    {"\xe4", "\xc4", 1, 1},
-    };
+        {"[", "a", -1, 1},        {"\xe9", "a", -1, -1}, {"_", "A", 1, 1},    {"\xe4", "\xc4", 1, 1}};
     for (const auto& c : cases) {
         EXPECT_EQ(i4_strcmp(c.left, c.right), c.exact) << c.left << "," << c.right;
         EXPECT_EQ(i4_stricmp(c.left, c.right), c.folded) << c.left << "," << c.right;
@@ -114,14 +111,12 @@ TEST(Find, ExactIgnoringCaseAndWithALowerNeedle) {
 }
 
 TEST(Numbers, StopAtTheFirstOtherCharacterAndWrap) {
-    const std::pair<const char*, i32> cases[] = {
-        {"42", 42},        {"-17x9", -17},
-        {"", 0},           {"-", 0},
-        {" 5", 0},         {"+5", 0},
-        {"--5", 0},        {"007", 7},
-        {"12.9", 12},      {"2147483647", 2147483647},
-        {"4294967297", 1}, {"-2147483648", -2147483647 - 1},
-    };
+    const std::pair<const char*, i32> cases[] = {{"42", 42},        {"-17x9", -17},
+                                                 {"", 0},           {"-", 0},
+                                                 {" 5", 0},         {"+5", 0},
+                                                 {"--5", 0},        {"007", 7},
+                                                 {"12.9", 12},      {"2147483647", 2147483647},
+                                                 {"4294967297", 1}, {"-2147483648", -2147483647 - 1}};
     for (const auto& [text, value] : cases) EXPECT_EQ(i4_atoi(text), value) << text;
 }
 
