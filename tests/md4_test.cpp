@@ -2,6 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,6 +19,7 @@
 #include "i4min/file/file.h"
 #include "meta/MD4.h"
 #include "meta/MD4Hash.h"
+#include "meta/md4_by_hand.h"
 
 namespace {
 
@@ -65,6 +76,169 @@ TEST(MD4Test, TextForm) {
         EXPECT_EQ(read, hash) << (bad ? bad : "null");
     }
     EXPECT_FALSE(read.fromText(std::string_view(text.c_str(), 33))) << "with a zero behind";
+}
+
+class FileHashTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = (std::filesystem::temp_directory_path() / "md4_test.XXXXXX").string();
+        ASSERT_NE(::mkdtemp(name.data()), nullptr);
+        folder_ = name;
+    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+
+    std::string path(const std::string& name) const { return (folder_ / name).string(); }
+    std::string write(const std::string& name, std::string_view bytes) const {
+        std::ofstream(path(name), std::ios::binary)
+            .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        return path(name);
+    }
+    // The digest as the openssl program computes it.
+    MD4Hash independent(std::string_view bytes) const {
+        const std::string command = "openssl dgst -md4 -r -provider legacy -provider default '" +
+                                    write("independent", bytes) + "' 2>&1";
+        std::FILE* pipe = ::popen(command.c_str(), "r");
+        char answer[200] = {};
+        if (pipe) {
+            static_cast<void>(std::fgets(answer, sizeof answer, pipe));
+            ::pclose(pipe);
+        }
+        MD4Hash hash;
+        EXPECT_TRUE(hash.fromText(std::string_view(answer).substr(0, 32)))
+            << "this test needs the openssl program with its legacy provider; it said: " << answer;
+        return hash;
+    }
+
+    std::filesystem::path folder_;
+};
+
+std::string someBytes(std::size_t count) {
+    std::string bytes(count, '\0');
+    std::mt19937 random(1320);
+    for (char& byte : bytes) byte = static_cast<char>(random());
+    return bytes;
+}
+
+TEST_F(FileHashTest, PartsAgainstAnIndependentDigest) {
+    const std::string all = someBytes(20'000'000);
+    const std::pair<std::size_t, std::size_t> sizes[] = {{0, 0},         {1, 0},         {9'727'999, 0},
+                                                         {9'728'000, 2}, {9'728'001, 2}, {20'000'000, 3}};
+    for (const auto& [size, partCount] : sizes) {
+        const std::string_view bytes = std::string_view(all).substr(0, size);
+        std::vector<MD4Hash> expectedParts;
+        std::string together;
+        for (std::size_t i = 0; i < partCount; ++i) {
+            expectedParts.push_back(
+                independent(bytes.substr(std::min<std::size_t>(i * 9'728'000, size), 9'728'000)));
+            together.append(reinterpret_cast<const char*>(expectedParts.back().bytes.data()), 16);
+        }
+        const MD4Hash expected = independent(partCount ? std::string_view(together) : bytes);
+        MD4Hash hash;
+        std::vector<MD4Hash> parts(7);
+        u64 hashed = 1;
+        const std::string file = write("file", bytes);
+        ASSERT_EQ(MD4Hash::computeFile(hash, file.c_str(), parts, {}, &hashed), HashOutcome::whole) << size;
+        EXPECT_EQ(hash, expected) << size;
+        EXPECT_EQ(parts, expectedParts) << size;
+        EXPECT_EQ(hashed, size);
+        MD4Hash onePiece;
+        EXPECT_TRUE(md4File(onePiece, file.c_str()));
+        EXPECT_EQ(onePiece, MD4::of(bytes)) << size;
+    }
+}
+
+TEST_F(FileHashTest, WhatIsNoFileOrCantBeReadHasNoHash) {
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    const std::pair<std::string, HashOutcome> cases[] = {
+        {path("missing"), HashOutcome::notOpened},   {folder_.string(), HashOutcome::notOpened},
+        {path("fifo"), HashOutcome::notOpened},      {"/dev/null", HashOutcome::notOpened},
+        {"/proc/self/mem", HashOutcome::unreadable},  // calls itself a regular file; reading at 0 fails
+    };
+    for (const auto& [name, outcome] : cases) {
+        MD4Hash hash = MD4::of("before");
+        std::vector<MD4Hash> parts(3);
+        EXPECT_EQ(MD4Hash::computeFile(hash, name.c_str(), parts), outcome) << name;
+        EXPECT_EQ(hash, MD4::of("before")) << name;
+        EXPECT_EQ(parts.size(), 3u) << name;
+    }
+    const std::string odd = write("C: a\\b\xff", "abc");
+    MD4Hash hash;
+    std::vector<MD4Hash> parts;
+    EXPECT_EQ(MD4Hash::computeFile(hash, odd.c_str(), parts), HashOutcome::whole) << "an exact path";
+    EXPECT_EQ(hash, MD4::of("abc"));
+}
+
+TEST_F(FileHashTest, AFileThatChangesMeanwhileHasNoHash) {
+    const std::string bytes = someBytes(1'000'000);
+    const auto append = [](const std::string& file) { std::ofstream(file, std::ios::app) << "more"; };
+    const auto rewrite = [](const std::string& file) {
+        std::filesystem::last_write_time(
+            file, std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
+    };
+    const std::function<void(const std::string&)> changes[] = {
+        append, rewrite, [](const std::string& file) { std::filesystem::resize_file(file, 300'000); },
+        [](const std::string& file) { std::filesystem::resize_file(file, 0); }};
+    for (const auto& change : changes) {
+        for (int when = 1; when <= 5; ++when) {
+            const std::string file = write("file", bytes);
+            MD4Hash hash;
+            std::vector<MD4Hash> parts;
+            int reads = 0;
+            const GiveUp meanwhile = [&] {
+                if (++reads == when) change(file);
+                return false;
+            };
+            EXPECT_EQ(MD4Hash::computeFile(hash, file.c_str(), parts, meanwhile), HashOutcome::changed)
+                << when;
+            EXPECT_TRUE(hash.isZero());
+        }
+    }
+    int reads = 0;
+    MD4Hash hash;
+    std::vector<MD4Hash> parts;
+    const std::string file = write("file", bytes);
+    EXPECT_EQ(MD4Hash::computeFile(hash, file.c_str(), parts, [&] { return ++reads == 3; }),
+              HashOutcome::abandoned);
+    EXPECT_EQ(reads, 3);
+    EXPECT_TRUE(hash.isZero());
+}
+
+TEST_F(FileHashTest, ARangeOfAStream) {
+    const std::string bytes = someBytes(1'000'000);
+    const std::string file = write("file", bytes);
+    const auto stream = i4_open_exact(file.c_str(), I4_FILE_READ);
+    ASSERT_TRUE(stream);
+    for (const auto& [start, end] : {std::pair{0u, 1'000'000u},
+                                     {0u, 0u},
+                                     {77u, 77u},
+                                     {5u, 262'149u},
+                                     {262'144u, 786'432u},
+                                     {999'999u, 1'000'000u},
+                                     {1'000'000u, 1'000'000u}}) {
+        MD4Hash hash;
+        EXPECT_TRUE(MD4Hash::compute(hash, *stream, start, end));
+        EXPECT_EQ(hash, MD4::of(std::string_view(bytes).substr(start, end - start)))
+            << start << " to " << end;
+    }
+    MD4Hash hash;
+    EXPECT_FALSE(MD4Hash::compute(hash, *stream, 999'999, 1'000'001)) << "the stream ends before";
+    EXPECT_FALSE(MD4Hash::compute(hash, *stream, 4'294'967'294, 4'294'967'295));
+    EXPECT_FALSE(MD4Hash::compute(hash, *stream, 10, 9));
+    i4_debug_file_class terminal;
+    EXPECT_FALSE(MD4Hash::compute(hash, terminal, 1, 2)) << "no seeking there";
+    EXPECT_TRUE(hash.isZero());
+}
+
+TEST_F(FileHashTest, ByHand) {
+    const std::string file = write("file", "abc");
+    testing::internal::CaptureStdout();
+    md4String("message digest");
+    md4File(file.c_str());
+    md4File(path("missing").c_str());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "MD4 (\"message digest\") = d9130a8164549fe818874806e1c7014b\n"
+              "MD4 (" +
+                  file + ") = a448017aaf21d8525fc10ae87aa6729d\n" + path("missing") + " can't be opened\n");
 }
 
 }  // namespace
