@@ -100,10 +100,11 @@ i4_tcpip_sock::~i4_tcpip_sock() {
 
 i32 i4_tcpip_sock::read(void* buffer, u32 count) {
     if (closed_) return -1;
+    if (count == 0) return 0;  // the system would wait for a byte
     const ssize_t got = uninterrupted([&] { return ::recv(fd_, buffer, std::min(count, largest), 0); });
     if (got < 0) return errno == EAGAIN ? 0 : -1;
     if (closed_) return -1;
-    if (got == 0 && count > 0) at_end_ = true;
+    if (got == 0) at_end_ = true;
     return static_cast<i32>(got);
 }
 
