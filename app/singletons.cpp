@@ -5,9 +5,11 @@
 #include "app/StringTable.h"
 #include "app/messages.h"
 #include "console/ConClientApp.h"
+#include "transport/ConnectRegistry.h"
 
 Preferences preferences;
 StringTable stringTable;
 MessageQ messageQ(applicationDuties);
+ConnectRegistry connectRegistry;
 ClientApp clientApp;
 ConClientApp conClientApp;

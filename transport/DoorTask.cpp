@@ -1,0 +1,106 @@
+#include "transport/DoorTask.h"
+
+#include <cerrno>
+
+#include "app/UIInterface.h"
+#include "i4min/memory/error.h"
+#include "i4min/network/protocol.h"
+#include "i4min/network/socket.h"
+#include "i4min/threads/linux/i4_time.h"
+#include "transport/SocketPool.h"
+
+namespace {
+
+constexpr u32 restLimit = 1000;  // ms
+
+bool descriptorsRanOut(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+DoorTask::DoorTask(SocketPool* pool, u32 openPort) : Connection(nullptr, pool), doorPort(openPort) {}
+
+bool DoorTask::canAccept() { return true; }
+
+bool DoorTask::listen(i32 timeout_ms) {
+    if (socket()) return true;
+    std::unique_ptr<i4_socket> made =
+        theProtocol->listen(static_cast<u16>(doorPort), timeout_ms, I4_STREAM, nullptr);
+    if (!made) {
+        theLog->printLine(
+            "Can't Listen for connections. Please adjust your proxy settings in the options tab.");
+        return false;
+    }
+    made->set_blocking(false);
+    if (const std::unique_ptr<i4_address> local = made->local_address()) localPort_ = local->get_port();
+    setOwnSocket(std::move(made));
+    pool()->addConnection(this);
+    return true;
+}
+
+u32 DoorTask::wantedEvents() {
+    if (resting_ && (pool()->leftCount() != leftAtRest_ || i4_ticks() - restedAt_ >= restLimit)) {
+        resting_ = false;
+    }
+    return resting_ ? I4_SELECT_ERROR : I4_SELECT_READ | I4_SELECT_ERROR;
+}
+
+bool DoorTask::isReady() {
+    if (isBusy()) return false;
+    if (isClosing()) return Connection::isReady();
+    if (!pool()->set() || !socket()) return false;
+    lastEvents_ = socket()->check_in_set(*pool()->set(), I4_SELECT_READ | I4_SELECT_ERROR);
+    if (lastEvents_ & I4_SELECT_ERROR) {
+        setBusy(true);
+        pool()->removeConnection(this);
+        return false;
+    }
+    if (!(lastEvents_ & I4_SELECT_READ) || resting_) return false;
+    setBusy(true);
+    return true;
+}
+
+void DoorTask::doTask(SocketPool* pool) {
+    const Ref<DoorTask> self(this);
+    if (isClosing()) {
+        pool->removeConnection(this);
+        return;
+    }
+    try {
+        acceptOne(*pool);
+    } catch (const i4_err&) {
+        theLog->printVerbose("*** Exception in Door\n");
+    }
+    setBusy(false);
+}
+
+void DoorTask::acceptOne(SocketPool& pool) {
+    std::unique_ptr<i4_socket> accepted;
+    errno = 0;
+    if (!socket()->accept(accepted)) {
+        if (descriptorsRanOut(errno)) {
+            outOfDescriptors(pool);
+        } else {
+            theLog->printVerbose("Door couldn't accept new socket?\n");
+        }
+        return;
+    }
+    pool.noteProgress();
+    told_ = false;
+    if (!canAccept()) {
+        accepted->cancel();
+        return;
+    }
+    accepted->set_blocking(false);
+    pool.addConnection(newConnection(std::move(accepted), &pool));
+}
+
+void DoorTask::outOfDescriptors(SocketPool& pool) {
+    resting_ = true;
+    restedAt_ = i4_ticks();
+    leftAtRest_ = pool.leftCount();
+    if (told_) return;
+    told_ = true;
+    theLog->printLine("Too many open files: new connections on port %u wait until others end.", localPort());
+}

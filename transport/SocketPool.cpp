@@ -1,0 +1,201 @@
+#include "transport/SocketPool.h"
+
+#include "app/UIInterface.h"
+#include "i4min/memory/error.h"
+#include "i4min/network/protocol.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "i4min/threads/linux/i4_time.h"
+#include "transport/Connection.h"
+#include "transport/Worker.h"
+
+namespace {
+
+constexpr i32 pollLimit = 200;
+constexpr u32 idleSleep = 100;
+constexpr u32 checkInterval = 1000;
+
+// The pool whose thread this is.
+thread_local const SocketPool* ownPool = nullptr;
+
+// A connection's turn on a worker.
+class TurnTask : public Task {
+  public:
+    explicit TurnTask(Connection* connection) : connection_(connection) {}
+    void doTask(SocketPool* pool) override {
+        const std::unique_ptr<TurnTask> self(this);
+        connection_->doTask(pool);
+    }
+
+  private:
+    const Ref<Connection> connection_;
+};
+
+}  // namespace
+
+SocketPool::SocketPool() = default;
+
+SocketPool::~SocketPool() {
+    stop();
+    deleteConnections();
+}
+
+void SocketPool::start() {
+    if (!set_) {
+        set_ = theProtocol->new_socket_set(0);
+        wakeSet_.store(set_.get(), std::memory_order_release);
+    }
+    Thread::start();
+}
+
+// Tasks.
+
+void SocketPool::addTask(Task* task) {
+    i4_lock guard(tasksLock_);
+    tasks_.add(task);
+    for (LL<Worker>::Cursor c; Worker* worker = workers_.next(c);) worker->taskAdded();
+}
+
+Task* SocketPool::nextTask() {
+    i4_lock guard(tasksLock_);
+    return tasks_.removeAt(0);
+}
+
+void SocketPool::addWorker(Worker* worker) {
+    i4_lock guard(tasksLock_);
+    workers_.addUnique(worker);
+}
+
+void SocketPool::removeWorker(Worker* worker) {
+    i4_lock guard(tasksLock_);
+    workers_.remove(worker);
+}
+
+// Connections in and out.
+
+void SocketPool::addConnection(Connection* connection) {
+    if (!connection) return;
+    {
+        i4_lock guard(additionsLock_);
+        if (!additions_.addUnique(connection)) return;
+        connection->addRef();
+        count.add(1);
+    }
+    if (ownPool != this) wake();
+}
+
+void SocketPool::removeConnection(Connection* connection) {
+    if (!connection) return;
+    {
+        i4_lock guard(removalsLock_);
+        if (!removals_.addUnique(connection)) return;
+        connection->addRef();
+    }
+    if (ownPool != this) wake();
+}
+
+void SocketPool::processChanges() {
+    takeAdditions();
+    takeRemovals();
+}
+
+void SocketPool::takeAdditions() {
+    LL<Connection> twice;
+    {
+        i4_lock guard(additionsLock_);
+        while (Connection* connection = additions_.removeAt(0)) {
+            if (active_.addUnique(connection)) {
+                connection->addToSet();
+            } else {
+                count.add(-1);
+                theLog->print("ERROR: connection already on list\n");
+                twice.add(connection);
+            }
+        }
+    }
+    while (Connection* connection = twice.removeAt(0)) connection->release();
+}
+
+void SocketPool::takeRemovals() {
+    LL<Connection> removed;
+    {
+        i4_lock guard(removalsLock_);
+        if (removals_.isEmpty()) return;
+        removed.addAll(removals_);
+        removals_.clear();
+    }
+    // Their ends run without the lock: what they tell may ask for further removals.
+    while (Connection* connection = removed.removeAt(0)) {
+        const Ref<Connection> asked = Ref<Connection>::adopt(connection);
+        const bool wasHere = active_.remove(connection);
+        if (wasHere) {
+            count.add(-1);
+            leaving(connection);
+        }
+        left_.add(1);
+        connection->cleanup();
+        if (wasHere) connection->release();
+    }
+}
+
+void SocketPool::leaving(Connection*) {}
+
+void SocketPool::deleteConnections() {
+    takeAdditions();
+    while (Connection* connection = active_.removeAt(0)) {
+        count.add(-1);
+        leaving(connection);
+        connection->cleanup();
+        connection->release();
+    }
+    takeRemovals();
+    while (Task* task = nextTask()) task->abandon();
+}
+
+// Waiting.
+
+void SocketPool::wake() {
+    if (ownPool == this) {
+        again_ = true;
+        return;
+    }
+    if (wakeAsked_.exchange(true, std::memory_order_acq_rel)) return;
+    if (i4_socket_set* set = wakeSet_.load(std::memory_order_acquire)) set->wake();
+}
+
+void SocketPool::refreshConnections() {
+    const u32 now = i4_ticks();
+    const bool check = now - lastCheck_ >= checkInterval;
+    if (check) lastCheck_ = now;
+    for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+        if (check) connection->checkStall(now);
+        connection->refreshInterest();
+    }
+}
+
+SocketPool::Polled SocketPool::pollSet() {
+    ownPool = this;
+    refreshConnections();
+    const i4_time before;
+    const i32 ready = set_->poll(again_ ? 0 : pollLimit);
+    const bool woken = wakeAsked_.exchange(false, std::memory_order_acq_rel) || again_;
+    again_ = false;
+    return {ready, woken, i4_time().diff(before)};
+}
+
+void SocketPool::run() {
+    bool idle = true;
+    try {
+        const Polled polled = pollSet();
+        if (polled.ready > 0 || polled.woken) {
+            for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+                if (!connection->isReady()) continue;
+                idle = false;
+                addTask(new TurnTask(connection));
+            }
+        }
+        processChanges();
+    } catch (const i4_err&) {
+        theLog->printVerbose("*** Exception in socketpool::run()\n");
+    }
+    if (idle) sleepFor(idleSleep);
+}

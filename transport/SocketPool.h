@@ -1,0 +1,84 @@
+// SocketPool, which polls the sockets of all connections and gives each ready one its turn.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "i4min/memory/LL.h"
+#include "i4min/memory/mutex.h"
+#include "i4min/memory/relaxed.h"
+#include "i4min/memory/types.h"
+#include "i4min/network/socket_set.h"
+#include "i4min/threads/linux/Thread.h"
+#include "transport/Task.h"
+
+class Connection;
+class Worker;
+
+// The base: its run() hands ready connections to workers as tasks.
+// Thread: the public operations any, where they don't say otherwise; run() and what is protected, the
+// pool's own.
+// Counts: one reference for each connection that it has.
+class SocketPool : public Thread {
+  public:
+    SocketPool();
+    ~SocketPool() override;
+    void start() override;
+    void run() override;
+
+    void addTask(Task* task) EXCLUDES(tasksLock_);
+    Task* nextTask() EXCLUDES(tasksLock_);  // null where there is none
+    void addWorker(Worker* worker) EXCLUDES(tasksLock_);
+    void removeWorker(Worker* worker) EXCLUDES(tasksLock_);
+
+    // Both take effect at the end of the pool's present turn, and may be asked for twice. Null does
+    // nothing.
+    void addConnection(Connection* connection) EXCLUDES(additionsLock_);
+    void removeConnection(Connection* connection) EXCLUDES(removalsLock_);
+    // Ends every connection that the pool has, and drops its tasks: for the shut-down, when the thread
+    // has stopped.
+    void deleteConnections();
+
+    // Has the pool look at its connections now, if it waits in its poll.
+    void wake();
+    // Something moved that no connection's counters show; on the pool's thread.
+    void noteProgress() { progress_ = true; }
+    u32 leftCount() const { return left_; }            // connections that have left since the start; wraps
+    i4_socket_set* set() const { return set_.get(); }  // on the pool's thread; null before start()
+
+    Relaxed<i32> count;  // connections in the pool or on their way into it
+
+  protected:
+    // What a poll and the moments around it found.
+    struct Polled {
+        i32 ready;   // sockets with events; below 0 when the poll failed
+        bool woken;  // wake() was called
+        i32 waited;  // ms that the poll took
+    };
+    Polled pollSet();
+    // Takes additions and removals into effect.
+    void processChanges() EXCLUDES(additionsLock_, removalsLock_);
+    virtual void leaving(Connection* connection);  // it was taken out of `active_`; nothing by default
+
+    LL<Connection> active_;
+    bool progress_ = false;
+
+  private:
+    void takeAdditions() EXCLUDES(additionsLock_);
+    void takeRemovals() EXCLUDES(removalsLock_);
+    void refreshConnections();
+
+    i4_mutex tasksLock_{LockRank::socketPool};
+    LL<Task> tasks_ GUARDED_BY(tasksLock_);
+    LL<Worker> workers_ GUARDED_BY(tasksLock_);
+    i4_mutex additionsLock_{LockRank::socketPool};
+    LL<Connection> additions_ GUARDED_BY(additionsLock_);
+    i4_mutex removalsLock_{LockRank::socketPool};
+    LL<Connection> removals_ GUARDED_BY(removalsLock_);
+    std::unique_ptr<i4_socket_set> set_;
+    std::atomic<i4_socket_set*> wakeSet_{nullptr};  // the same, for other threads
+    std::atomic<bool> wakeAsked_{false};
+    bool again_ = false;  // the pool's own thread asked for another turn
+    Relaxed<u32> left_;
+    u32 lastCheck_ = 0;  // ticks
+};
