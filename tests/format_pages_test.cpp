@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "app/Preferences.h"
+#include "i4min/file/file.h"
 #include "tests/support/hex_examples.h"
 
 namespace {
@@ -21,7 +23,16 @@ namespace {
 // {"pref.met", [](std::span<const std::uint8_t> bytes) { ... }}; a page has as many examples of a name as it
 // likes.
 using Decoder = std::function<bool(std::span<const std::uint8_t>)>;
-const std::map<std::string, Decoder> decoders = {};
+
+bool readsAsSettings(std::span<const std::uint8_t> bytes) {
+    std::vector<std::uint8_t> copy(bytes.begin(), bytes.end());
+    i4_ram_file_class stream(copy.data(), static_cast<u32>(copy.size()), 0);
+    Preferences settings;
+    return settings.fromDisk(stream) && stream.bytesLeft() == 0u && settings.getName() == "kit" &&
+           settings.doorPort == 4662 && settings.maxCon == 300 && settings.lineDown == 50.0F;
+}
+
+const std::map<std::string, Decoder> decoders = {{"pref.met", readsAsSettings}};
 
 TEST(FormatPages, EveryHexExampleDecodesAndEveryDecoderHasAnExample) {
     std::set<std::string> unused;
