@@ -1,0 +1,35 @@
+#include "import/ImporterList.h"
+
+#include <algorithm>
+
+#include "app/UIInterface.h"
+#include "i4min/file/file.h"
+#include "i4min/memory/error.h"
+#include "import/AVIImporter.h"
+#include "import/ColImporter.h"
+#include "import/ExtensionImporters.h"
+#include "import/MP3Importer.h"
+#include "meta/FileMeta.h"
+
+ImporterList::ImporterList()
+    : importers_{std::make_unique<MP3Importer>(),     std::make_unique<AVIImporter>(),
+                 std::make_unique<PictureImporter>(), std::make_unique<RMImporter>(),
+                 std::make_unique<AppImporter>(),     std::make_unique<ColImporter>()} {}
+
+bool ImporterList::importFile(FileMeta& meta, const char* path, const char* name) const {
+    const std::unique_ptr<i4_file> file = i4_open_exact(path, I4_FILE_READ);
+    if (!file) return false;
+    try {
+        const u32 size = file->size();
+        meta.addTag(MetaTag::makeTag(TAG_NAME, name));
+        meta.addTag(MetaTag::makeTag(TAG_SIZE, &size));
+        std::any_of(importers_.begin(), importers_.end(), [&](const auto& importer) {
+            file->seek(0);
+            return importer->import(meta, name, path, *file);
+        });
+    } catch (const i4_err&) {
+        theLog->printVerbose("Exception in import\n");
+    }
+    meta.setPath(path);
+    return true;
+}

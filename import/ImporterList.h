@@ -1,0 +1,23 @@
+// ImporterList, all importers in the order in which they are asked.
+#pragma once
+
+#include <array>
+#include <memory>
+
+#include "import/Importer.h"
+
+// Owns the importers. Constant once it is made. Thread: the hash thread.
+class ImporterList {
+  public:
+    ImporterList();
+
+    // Fills `meta` with what can be said about the file: TAG_NAME and TAG_SIZE always, and what the first
+    // importer that knows the file adds. Sets its path. False only if the file can't be opened: one that
+    // can't be read through goes without its details. The path is taken exactly as it stands. For files of up
+    // to
+    // 4,294,967,295 bytes.
+    bool importFile(FileMeta& meta, const char* path, const char* name) const;
+
+  private:
+    std::array<std::unique_ptr<const Importer>, 6> importers_;
+};

@@ -1,0 +1,40 @@
+#include "import/MP3Importer.h"
+
+#include "import/MP3Info.h"
+#include "meta/FileMeta.h"
+
+namespace {
+
+void addIfAny(FileMeta& meta, const char* name, const char* value) {
+    if (*value) addTextTag(meta, name, value);
+}
+
+bool importMP3(FileMeta& meta, const char* path) {
+    MP3Info info;
+    if (info.open(path) != MP3Info::found) return false;
+    addTypeTags(meta, "Audio", "mp3");
+    if (info.hasTag) {
+        addIfAny(meta, "Artist", info.tag.artist);
+        addIfAny(meta, "Album", info.tag.album);
+        addIfAny(meta, "Title", info.tag.title);
+    }
+    char length[32];
+    info.lengthText(length, sizeof length);
+    addTextTag(meta, "length", length);
+    const u32 bitrate = info.bitrate();
+    meta.addTag(MetaTag::makeTag(META_TAG_INT, "bitrate", &bitrate));
+    return true;
+}
+
+}  // namespace
+
+bool MP3Importer::import(FileMeta& meta, const char* name, const char* path, i4_file&) const {
+    if (hasExtension(name, ".mp3")) return importMP3(meta, path);
+    for (const char* format : {"ogg", "mod"}) {
+        const char extension[] = {'.', format[0], format[1], format[2], 0};
+        if (!hasExtension(name, extension)) continue;
+        addTypeTags(meta, "Audio", format);
+        return true;
+    }
+    return false;
+}
