@@ -14,10 +14,13 @@
 #include <vector>
 
 #include "app/Preferences.h"
+#include "download/Collection.h"
 #include "i4min/file/file.h"
 #include "tests/support/hex_examples.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 // By an example's name: true if the bytes read as what the page says, with nothing left over. For instance
 // {"pref.met", [](std::span<const std::uint8_t> bytes) { ... }}; a page has as many examples of a name as it
@@ -32,7 +35,17 @@ bool readsAsSettings(std::span<const std::uint8_t> bytes) {
            settings.doorPort == 4662 && settings.maxCon == 300 && settings.lineDown == 50.0F;
 }
 
-const std::map<std::string, Decoder> decoders = {{"pref.met", readsAsSettings}};
+bool readsAsCollection(std::span<const std::uint8_t> bytes) {
+    std::vector<std::uint8_t> copy(bytes.begin(), bytes.end());
+    i4_ram_file_class stream(copy.data(), static_cast<u32>(copy.size()), 0);
+    Collection collection;
+    return collection.read(stream) && stream.bytesLeft() == 0u && collection.self.getName() == "Set"s &&
+           collection.self.getText(TAG_TYPE) == "Col"s && collection.count() == 1 &&
+           collection.get(0)->getName() == "a.txt"s && collection.get(0)->getSize() == 0;
+}
+
+const std::map<std::string, Decoder> decoders = {{"pref.met", readsAsSettings},
+                                                 {"collection", readsAsCollection}};
 
 TEST(FormatPages, EveryHexExampleDecodesAndEveryDecoderHasAnExample) {
     std::set<std::string> unused;

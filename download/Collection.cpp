@@ -1,0 +1,92 @@
+#include "download/Collection.h"
+
+#include <cerrno>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "i4min/file/file.h"
+#include "i4min/file/save_file.h"
+#include "i4min/memory/error.h"
+#include "import/ColImporter.h"
+
+namespace {
+
+constexpr std::size_t maxName = 251;  // saving puts ".new" behind it for a moment
+
+// The name as one plain component of a path: it may come from a stranger's collection.
+std::string plainName(const char* text) {
+    std::string name(text ? text : "");
+    name.erase(0, name.find_last_of("/\\") + 1);
+    for (char& c : name) {
+        if (static_cast<u8>(c) < ' ' || c == 0x7f) c = '_';
+    }
+    if (name.size() > maxName) name.resize(maxName);
+    return name.empty() || name == "." || name == ".." ? "_" : name;
+}
+
+}  // namespace
+
+Collection::~Collection() { deleteAll(); }
+
+LoadResult Collection::load(const char* path) {
+    deleteAll();
+    const std::unique_ptr<i4_file> file = i4_open_exact(path, I4_FILE_READ);
+    if (!file) return errno == ENOENT || errno == ENOTDIR ? LoadResult::missing : LoadResult::damaged;
+    // One byte more than is taken tells a file that is too large from one that just fits.
+    std::vector<u8> bytes = readBlock(*file, maxFile + 1);
+    if (bytes.size() > maxFile) return LoadResult::damaged;
+    i4_ram_file_class stream(bytes.data(), static_cast<u32>(bytes.size()), 0);
+    return read(stream) ? LoadResult::whole : LoadResult::damaged;
+}
+
+bool Collection::read(i4_file& file) {
+    try {
+        const i4_string magic(file);
+        return self.fromDisk(file) && fromDisk(file);
+    } catch (const i4_err&) {
+        return false;
+    }
+}
+
+bool Collection::save(const char* path) {
+    return saveFile(path, [this](i4_file& file) {
+        if (file.write(collectionMagic.data(), collectionMagic.size()) != i32{collectionMagic.size()})
+            return false;
+        try {
+            return self.toDisk(file) && toDisk(file);
+        } catch (const i4_err&) {
+            theLog->printVerbose("**I4 error in Collection::save\n");
+            return false;
+        }
+    });
+}
+
+bool Collection::store() {
+    const std::string path =
+        std::string(preferences.incomingDir().view()) + preferences.pathSeparator + plainName(self.getName());
+    self.setText(TAG_TYPE, "Col");
+    u64 size = 0;
+    MD4Hash hash;
+    std::vector<MD4Hash> parts;
+    if (!save(path.c_str()) ||
+        MD4Hash::computeFile(hash, path.c_str(), parts, {}, &size) != HashOutcome::whole) {
+        return false;
+    }
+    self.setInt(TAG_SIZE, static_cast<u32>(size));
+    self.setPath(path.c_str());
+    self.hash = hash;
+    self.partHashes = std::move(parts);
+    return true;
+}
+
+void Collection::fetchAll(MessageQ& queue) {
+    const i4_guard guard(*this);
+    for (Cursor c; const FileMeta* member = next(c);) {
+        auto copy = std::make_shared<FileMeta>();
+        copy->copyFrom(member);
+        queue.post(MESSAGE_DOWNLOAD, std::move(copy));
+    }
+}

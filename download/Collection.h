@@ -1,0 +1,41 @@
+// Collection, a file that lists other files.
+#pragma once
+
+#include "app/MessageQ.h"
+#include "meta/FileList.h"
+
+// The members of one collection, and its own record. Shared like any other file, and known by its first
+// bytes.
+// Thread: any for the members, see MetaList; `self`, load(), save() and store() one at a time.
+// Owns: its members.
+//
+//     offset  bytes   field
+//     0       2       10
+//     2       10      "collectio2"
+//     12      varies  self, in the disk form of FileMeta
+//     then    1       14
+//     then    4       count of members, u32
+//     then    varies  the members, each in the disk form of FileMeta
+class Collection : public FileList {
+  public:
+    static constexpr u32 maxFile = 32 * 1024 * 1024;  // a larger file isn't loaded
+
+    using FileList::FileList;
+    ~Collection() override;
+
+    // Instead of what was here. Paths are taken exactly as they stand.
+    LoadResult load(const char* path) override;
+    // Through saveFile: on a failure, which is told, the old file stays.
+    bool save(const char* path) override;
+    // The same from the bytes of a file: false if they don't read whole. What was read stays.
+    bool read(i4_file& file);
+
+    // Saves the collection into the incoming directory under the name that `self` has. `self` then says what
+    // the file is: type, path, size, hash and part hashes; but the record in the file holds the hash from
+    // before. False if it can't be saved or read again.
+    bool store();
+    // Asks for each member to be downloaded.
+    void fetchAll(MessageQ& queue = messageQ);
+
+    FileMeta self;
+};
