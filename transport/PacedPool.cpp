@@ -22,15 +22,18 @@ i32 charged(i32 budget, u32 moved) {
 i32 BudgetClock::grant(f32 limit, const i4_time& now) {
     if (limit <= 0) {
         last_ = now;
+        left_ = 0;
         return unlimitedBudget;
     }
     const i32 elapsed = now.diff(last_);
-    if (elapsed < shortestGrant) return 0;
     const f32 bytes = static_cast<f32>(elapsed) * limit;
-    if (bytes < 1) return 0;
+    if (elapsed < shortestGrant || bytes < 1) return left_;
     last_.add(elapsed);
-    return bytes < static_cast<f32>(unlimitedBudget) ? static_cast<i32>(bytes) : unlimitedBudget;
+    left_ = bytes < static_cast<f32>(unlimitedBudget) ? static_cast<i32>(bytes) : unlimitedBudget;
+    return left_;
 }
+
+void BudgetClock::charge(u32 bytes) { left_ = charged(left_, bytes); }
 
 void BudgetClock::waited(i32 ms) {
     if (ms > longestWait) last_.add(ms - longestWait);
@@ -75,8 +78,8 @@ bool PacedPool::runPolled(const Polled& polled) {
 
 void PacedPool::pace(const Polled& polled, bool idle) {
     if (polled.ready == 0) return;  // the poll itself took its time, or a wake-up wants the next one
-    const bool freeUp = movedUp_ && preferences.userMaxUpF <= 0;
-    const bool freeDown = movedDown_ && preferences.userMaxDownF <= 0;
+    const bool freeUp = movedUp_ && (preferences.userMaxUpF <= 0 || upClock_.left() > 0);
+    const bool freeDown = movedDown_ && (preferences.userMaxDownF <= 0 || downClock_.left() > 0);
     if (progress_ || freeUp || freeDown) return;
     sleepFor(idle ? idleSleep : turnSleep);
 }
@@ -102,6 +105,8 @@ void PacedPool::runTurn(Connection& connection) {
     const u32 down = connection.bytesReceived - received;
     sendBudget = charged(sendBudget, up);
     recvBudget = charged(recvBudget, down);
+    upClock_.charge(up);
+    downClock_.charge(down);
     movedUp_ = movedUp_ || up > 0;
     movedDown_ = movedDown_ || down > 0;
 }

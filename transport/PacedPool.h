@@ -4,8 +4,8 @@
 #include "i4min/threads/linux/i4_time.h"
 #include "transport/SocketPool.h"
 
-// What a speed limit grants one direction: bytes for the time since the last grant. Unused budget isn't
-// kept. A plain value.
+// What a speed limit grants one direction: bytes for the time since the last grant. What a turn leaves of a
+// grant serves the turns up to the next one, and isn't kept beyond. A plain value.
 class BudgetClock {
   public:
     // Under a limit, grants are this many milliseconds apart at least.
@@ -15,21 +15,25 @@ class BudgetClock {
     static constexpr i32 longestWait = 40;
 
     void begin(const i4_time& now) { last_ = now; }
-    // The budget for a turn at `now` with a limit in KB/s: elapsed time x limit, truncated; unlimited for
-    // a limit of 0. Time too short for a byte is kept for the next grant.
+    // The budget for a turn at `now` with a limit in KB/s: elapsed time x limit, truncated; what is left of
+    // the last grant if that is too recent; unlimited for a limit of 0. Time too short for a byte is kept.
     i32 grant(f32 limit, const i4_time& now);
+    void charge(u32 bytes);
+    i32 left() const { return left_; }
+    // The pool waited that long with nothing to move.
     void waited(i32 ms);
 
   private:
     i4_time last_;
+    i32 left_ = 0;
 };
 
 // One connection after the other, in the order of the list, whose head moves to the end with each turn;
 // the limits are userMaxUpF and userMaxDownF of the preferences.
 //
-// Pace: a turn that moved bytes in a direction without a limit, or accepted a connection, is followed by
-// the next one at once. Otherwise the pool sleeps 10 ms, or 60 ms after a turn that ran nothing or used
-// up a budget. With nothing to do it stays in its poll, and wakes five times a second.
+// Pace: a turn that moved bytes in a direction without a limit or with budget left, or accepted a connection,
+// is followed by the next one at once. Otherwise the pool sleeps 10 ms, or 60 ms after a turn that ran
+// nothing or used up a budget. With nothing to do it stays in its poll, and wakes five times a second.
 // Thread: run() and what is protected, the pool's own.
 class PacedPool : public SocketPool {
   public:

@@ -169,6 +169,8 @@ void SocketPool::refreshConnections() {
     for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
         if (check) connection->checkStall(now);
         connection->refreshInterest();
+        // One that was closed before it came here has its turn too.
+        if (connection->isClosing() && !connection->isBusy()) again_ = true;
     }
 }
 

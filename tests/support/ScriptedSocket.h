@@ -1,0 +1,60 @@
+// A socket that follows a script, for what moves packets.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <string>
+
+#include "i4min/network/socket.h"
+
+// Each read takes from the next piece of `pieces`, and gives 0 where the piece is empty; behind the last one it
+// meets the end of the stream if `ends`, and otherwise would block. Each write takes at most `room` bytes, and
+// fails below 0.
+class ScriptedSocket : public i4_socket {
+  public:
+    std::deque<std::string> pieces;
+    bool ends = false;
+    i32 room = 1 << 30;
+    std::string written;
+
+    i32 read(void* buffer, u32 count) override {
+        if (pieces.empty()) {
+            at_end_ = ends;
+            return 0;
+        }
+        std::string& piece = pieces.front();
+        const std::size_t n = std::min<std::size_t>(count, piece.size());
+        std::memcpy(buffer, piece.data(), n);
+        piece.erase(0, n);
+        if (piece.empty()) pieces.pop_front();
+        return static_cast<i32>(n);
+    }
+    i32 write(const void* buffer, u32 count) override {
+        if (room < 0) return -1;
+        const u32 n = std::min(count, static_cast<u32>(room));
+        written.append(static_cast<const char*>(buffer), n);
+        return static_cast<i32>(n);
+    }
+    i32 write_more(const void* buffer, u32 count) override { return write(buffer, count); }
+    bool atEnd() const override { return at_end_; }
+
+    u32 seek(u32) override { return 0; }
+    u32 size() override { return 0; }
+    u32 tell() override { return 0; }
+    bool accept(std::unique_ptr<i4_socket>&) override { return false; }
+    i32 read_from(void*, u32, std::unique_ptr<i4_address>*) override { return -1; }
+    i32 write_to(const void*, u32, const i4_address&) override { return -1; }
+    u32 ready(u32, i32, i4_status_class*) override { return 0; }
+    void add_to_set(i4_socket_set&, u32) override {}
+    void remove_from_set(i4_socket_set&) override {}
+    u32 check_in_set(const i4_socket_set&, u32) override { return 0; }
+    bool cancel() override { return true; }
+    void set_blocking(bool) override {}
+    std::unique_ptr<i4_address> local_address() override { return nullptr; }
+    std::unique_ptr<i4_address> remote_address() override { return nullptr; }
+    void change_in_set(i4_socket_set&, u32) override {}
+
+  private:
+    bool at_end_ = false;
+};
