@@ -1,4 +1,4 @@
-// The pools: who is in them, whose turn it is, what the speed limits grant, and what is estimated of the line.
+// The pools: who is in them, whose turn it is, what speed limits grant, what is estimated of the line.
 #include <gtest/gtest.h>
 
 #include "app/Preferences.h"

@@ -8,9 +8,9 @@
 
 #include "i4min/network/socket.h"
 
-// Each read takes from the next piece of `pieces`, and gives 0 where the piece is empty; behind the last one it
-// meets the end of the stream if `ends`, and otherwise would block. Each write takes at most `room` bytes, and
-// fails below 0.
+// Each read takes from the next piece of `pieces`, and gives 0 where the piece is empty; behind the last
+// one it meets the end of the stream if `ends`, and otherwise would block. Each write takes at most
+// `room` bytes, and fails below 0.
 class ScriptedSocket : public i4_socket {
   public:
     std::deque<std::string> pieces;
