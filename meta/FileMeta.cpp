@@ -56,6 +56,7 @@ bool FileMeta::matches(u32 size, u32 fileDate, const char* name) const {
 }
 
 bool FileMeta::writePartHashes(i4_file& file) const {
+    if (partHashes.size() > 0xFFFF) return false;
     if (file.write_16(static_cast<u16>(partHashes.size())) != 2) return false;
     for (const MD4Hash& part : partHashes) {
         if (file.write(part.bytes.data(), 16) != 16) return false;
