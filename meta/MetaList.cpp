@@ -7,44 +7,26 @@
 #include <unordered_map>
 
 #include "app/UIInterface.h"
+#include "i4min/file/buffered_file.h"
 #include "i4min/file/save_file.h"
 
 namespace {
 
 constexpr u8 diskMark = 14;
 
-// Reads a stream ahead in large pieces, since records are read a byte at a time. Borrows the stream.
-class ReadAhead : public i4_file {
+// A file that is read in large pieces, since records are read a byte at a time. Each string asks what is
+// left, so the answer comes from the length that the file had when it was opened, not from the system.
+class RecordFile : public i4_buffered_file_class {
   public:
-    explicit ReadAhead(i4_file& source) : source_(source), left_(source.bytesLeft()) {}
-
-    i32 read(void* buffer, u32 count) override {
-        if (at_ == end_) {
-            at_ = 0;
-            end_ = static_cast<u32>(std::max(0, source_.read(pending_.data(), room)));
-            if (left_) left_ = *left_ - std::min(*left_, end_);
-        }
-        const u32 length = std::min(count, end_ - at_);
-        if (length > 0) std::memcpy(buffer, pending_.data() + at_, length);
-        at_ += length;
-        return static_cast<i32>(length);
-    }
-    i32 write(const void*, u32) override { return -1; }
-    u32 seek(u32) override { return tell(); }
-    u32 size() override { return source_.size(); }
-    u32 tell() override { return source_.tell() - (end_ - at_); }
+    RecordFile(std::unique_ptr<i4_file> file, std::optional<u32> length)
+        : i4_buffered_file_class(std::move(file), 64 * 1024, 0), length_(length) {}
     std::optional<u32> bytesLeft() override {
-        if (!left_) return std::nullopt;
-        return static_cast<u32>(std::min<u64>(u64{*left_} + (end_ - at_), UINT32_MAX));
+        if (!length_) return i4_buffered_file_class::bytesLeft();
+        return *length_ - std::min(*length_, tell());
     }
 
   private:
-    static constexpr u32 room = 64 * 1024;
-    i4_file& source_;
-    std::optional<u32> left_;
-    std::vector<u8> pending_ = std::vector<u8>(room);
-    u32 at_ = 0;
-    u32 end_ = 0;
+    const std::optional<u32> length_;
 };
 
 std::string translated(const char* name) {
@@ -104,9 +86,10 @@ u32 MetaList::byteSize() const {
 std::unique_ptr<Meta> MetaList::newMeta() { return std::make_unique<Meta>(); }
 
 LoadResult MetaList::load(const char* name) {
-    const std::unique_ptr<i4_file> file = i4_open_exact(translated(name).c_str(), I4_FILE_READ);
+    std::unique_ptr<i4_file> file = i4_open_exact(translated(name).c_str(), I4_FILE_READ);
     if (!file) return errno == ENOENT || errno == ENOTDIR ? LoadResult::missing : LoadResult::damaged;
-    ReadAhead reader(*file);
+    const std::optional<u32> length = file->bytesLeft();
+    RecordFile reader(std::move(file), length);
     try {
         return fromDisk(reader) ? LoadResult::whole : LoadResult::damaged;
     } catch (const i4_err&) {

@@ -9,11 +9,16 @@
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A memory stream over exactly these bytes, for reading.
+// A memory stream over a copy of exactly these bytes, for reading.
 class BytesFile : public i4_ram_file_class {
   public:
     explicit BytesFile(std::span<const std::uint8_t> bytes)
-        : i4_ram_file_class(const_cast<std::uint8_t*>(bytes.data()), static_cast<u32>(bytes.size()), 0) {}
+        : i4_ram_file_class(nullptr, 0, 0), bytes_(bytes.begin(), bytes.end()) {
+        reset(bytes_.data(), static_cast<u32>(bytes_.size()), 0);
+    }
+
+  private:
+    Bytes bytes_;
 };
 
 // What `write` puts onto a stream.
