@@ -2,12 +2,12 @@
 // print the ratio to one read of the same bytes, and what the records take in memory.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -27,12 +27,7 @@ double secondsOf(const auto& work) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-double residentMegabytes() {
-    std::size_t total = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident;
-    return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1e6;
-}
+double allocatedMegabytes() { return static_cast<double>(::mallinfo2().uordblks) / 1e6; }
 
 void tagRoundTrip(benchmark::State& state) {
     const u32 size = 1000;
@@ -115,9 +110,9 @@ void loadKnownMet(benchmark::State& state) {
     double megabytes = 0;
     for (auto _ : state) {
         FileList list;
-        const double before = residentMegabytes();
+        const double before = allocatedMegabytes();
         const double taken = secondsOf([&] { list.load(known.path()); });
-        megabytes = std::max(megabytes, residentMegabytes() - before);
+        megabytes = std::max(megabytes, allocatedMegabytes() - before);
         if (list.count() != knownFiles) state.SkipWithError("known.met didn't load");
         list.deleteAll();
         seconds += taken;

@@ -24,7 +24,7 @@ bool holds(std::string_view hay, const i4_string& needle) {
     if (needle.isNull() || hay.empty()) return false;
     const std::string_view wanted = needle.view();
     if (hay.size() < wanted.size()) return false;
-    std::array<char, 256> room;
+    std::array<char, 256> room{};
     std::string longer;
     char* lowered = room.data();
     if (hay.size() > room.size()) {
