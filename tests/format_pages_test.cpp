@@ -16,6 +16,11 @@
 #include "app/Preferences.h"
 #include "download/Collection.h"
 #include "i4min/file/file.h"
+#include "meta/FileList.h"
+#include "meta/ServerList.h"
+#include "meta/UserList.h"
+#include "meta/address.h"
+#include "tests/support/bytes.h"
 #include "tests/support/hex_examples.h"
 
 namespace {
@@ -44,8 +49,43 @@ bool readsAsCollection(std::span<const std::uint8_t> bytes) {
            collection.get(0)->getName() == "a.txt"s && collection.get(0)->getSize() == 0;
 }
 
-const std::map<std::string, Decoder> decoders = {{"pref.met", readsAsSettings},
-                                                 {"collection", readsAsCollection}};
+bool readsAsTag(std::span<const std::uint8_t> bytes) {
+    BytesFile file(bytes);
+    const auto tag = MetaTag::readTag(file);
+    if (!tag || file.bytesLeft() != 0u) return false;
+    const u32 value = *static_cast<const u32*>(tag->getValue());
+    return tag->id() == TAG_SIZE ? value == 1000 : tag->isNamed("users") && value == 5;
+}
+
+// Reads a list of one record, which `holds` then looks at.
+template <class List, class Holds>
+Decoder listOfOne(Holds holds) {
+    return [holds](std::span<const std::uint8_t> bytes) {
+        BytesFile file(bytes);
+        List list;
+        const bool good =
+            list.fromDisk(file) && file.bytesLeft() == 0u && list.count() == 1 && holds(*list.get(0));
+        list.deleteAll();
+        return good;
+    };
+}
+
+const std::map<std::string, Decoder> decoders = {
+    {"pref.met", readsAsSettings},
+    {"collection", readsAsCollection},
+    {"tag", readsAsTag},
+    {"server.met", listOfOne<ServerList>([](const ServerMeta& server) {
+         return ipToString(server.ip) == "1.2.3.4" && server.port == 4661;
+     })},
+    {"known.met", listOfOne<FileList>([](const FileMeta& file) {
+         return file.matches(0, 1007496960, "empty") && file.partHashes.empty() &&
+                file.hash.toText() == "31d6cfe0d16ae931b73c59d7e0c089c0";
+     })},
+    {"friend.met", listOfOne<UserList>([](const UserMeta& user) {
+         return user.id == 0 && user.port == 0 && user.hash.bytes[0] == 0x6e &&
+                std::string(user.getName()) == "kit";
+     })},
+};
 
 TEST(FormatPages, EveryHexExampleDecodesAndEveryDecoderHasAnExample) {
     std::set<std::string> unused;
