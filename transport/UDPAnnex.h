@@ -22,6 +22,9 @@ class UDPAnnex : public Connection {
     void doTask(SocketPool* pool) override;
     bool isReady() override;
 
+  private:
+    std::array<u8, largestDatagram> block_{};
+
   protected:
     // A datagram, in `buffer_` from its marker on; reading past its end raises, which costs this datagram
     // only.
@@ -33,6 +36,4 @@ class UDPAnnex : public Connection {
   private:
     void receiveAll(SocketPool& pool);
     void sendOne(SocketPool& pool);
-
-    std::array<u8, largestDatagram> block_{};
 };

@@ -23,6 +23,10 @@ class UDPDoor : public Connection {
 
     const u32 doorPort;
 
+  private:
+    std::array<u8, largestDatagram> inBlock_{};
+    std::array<u8, largestDatagram> outBlock_{};
+
   protected:
     // As in UDPAnnex, in `inBuffer_`. A reply is written to `outBuffer_`, which stands at 0.
     virtual void handleDatagram() = 0;
@@ -35,6 +39,4 @@ class UDPDoor : public Connection {
 
   private:
     Relaxed<u32> localPort_;
-    std::array<u8, largestDatagram> inBlock_{};
-    std::array<u8, largestDatagram> outBlock_{};
 };
