@@ -44,6 +44,8 @@ FOR_EVERYONE = ["app/UIInterface.h", "app/Preferences.h", "app/version.h"]
 FOR_EVERYONE_STANDS_ON = ["i4min/string", "i4min/memory"]
 FOR_ENGINE = ["app/ClientApp.h", "app/MessageQ.h", "app/StringTable.h"]
 FOR_ENGINE_STANDS_ON = ["i4min", "meta", "transport"]
+# Of the client the index server may include the search trees, which it evaluates, and the version.
+INDEX_SHARES = ["server/SearchNode.h", "server/TagSource.h", "app/version.h"]
 # The entry and the list of singletons know every floor.
 KNOWS_ALL = ["app/main.cpp", "app/entry.cpp", "app/singletons.cpp"]
 INCLUDES_ANYTHING = ["tests", "fuzz", "bench"]
@@ -147,6 +149,8 @@ def may_include(path, target):
     if path in FOR_ENGINE:
         return target in FOR_ENGINE or any(inside(target, folder) for folder in FOR_ENGINE_STANDS_ON)
     if target in FOR_ENGINE and any(inside(path, folder) for folder in ENGINE):
+        return True
+    if inside(path, "index") and target in INDEX_SHARES:
         return True
     for folder, allowed in MAY_INCLUDE.items():
         if inside(path, folder):

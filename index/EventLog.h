@@ -1,0 +1,27 @@
+// EventLog, one line for each event on standard output.
+#pragma once
+
+#include <cstdarg>
+
+// Thread: one.
+class EventLog {
+  public:
+    enum class Level { quiet, info, debug };
+
+    explicit EventLog(Level level) : level_(level) {}
+    virtual ~EventLog() = default;
+
+    // The start, the end, and what the operator has to act on: always told.
+    void always(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    void info(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    void debug(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+  protected:
+    // A line without its newline. Control characters in it are strangers' and become question marks.
+    virtual void write(const char* line);
+
+  private:
+    void tell(const char* format, va_list list);
+
+    const Level level_;
+};

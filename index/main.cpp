@@ -1,0 +1,76 @@
+// tarnwick-index, an index server for private networks.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "app/UIInterface.h"
+#include "app/version.h"
+#include "index/IndexServer.h"
+#include "index/options.h"
+
+namespace {
+
+// What the shared code says of broken trees is no news of this program.
+class Silence : public CoreUIInterface {
+  public:
+    void printLine(const char*, ...) override {}
+    void print(const char*, ...) override {}
+    void printVerbose(const char*, ...) override {}
+    void printFlush(const char*, ...) override {}
+};
+
+// SIGINT and SIGTERM make it readable from now on.
+Descriptor stopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return Descriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// Each client takes a descriptor, and one more while its door is tested.
+void allowDescriptors(u32 clients, EventLog& log) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    const rlim_t wanted = 2 * rlim_t{clients} + 64;
+    if (limit.rlim_cur >= wanted) return;
+    limit.rlim_cur = std::min(wanted, limit.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < wanted) {
+        log.always("The system allows %llu open files; %u clients may need %llu",
+                   static_cast<unsigned long long>(limit.rlim_cur), clients,
+                   static_cast<unsigned long long>(wanted));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    IndexOptions options;
+    std::string error;
+    if (!readOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
+        std::fprintf(stderr, "tarnwick-index: %s\nTry tarnwick-index --help\n", error.c_str());
+        return 2;
+    }
+    if (options.help) return std::fputs(indexHelp, stdout) < 0;
+    if (options.version) {
+        std::printf("tarnwick-index %d.%d.%u\n", versionMajor, versionMinor, protocolVersion);
+        return 0;
+    }
+    static Silence silence;
+    theLog = &silence;
+    const Descriptor stop = stopSignals();
+    EventLog log(options.level);
+    allowDescriptors(options.identity.maxClients, log);
+    IndexServer server(options.identity, IndexLimits(), log);
+    if (!server.listen(options.ip, options.port)) return 1;
+    server.run(stop.get());
+    return 0;
+}

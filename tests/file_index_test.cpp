@@ -1,0 +1,290 @@
+// The index of published files, against a plain walk over the same files.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "i4min/file/file.h"
+#include "index/FileIndex.h"
+#include "meta/FileMeta.h"
+#include "tests/support/damage.h"
+
+namespace {
+
+MD4Hash hashOf(u32 number) {
+    MD4Hash hash;
+    hash.bytes[15] = 1;
+    for (std::size_t i = 0; i < 4; ++i) hash.bytes[i] = static_cast<u8>(number >> (8 * i));
+    return hash;
+}
+
+Bytes tagsOf(const Meta& meta) {
+    i4_owned_ram_file stream;
+    meta.Meta::toNetwork(stream);
+    return Bytes(stream.buffer(), stream.buffer() + stream.tell());
+}
+
+FileRecord recordOf(const Meta& meta) {
+    const Bytes bytes = tagsOf(meta);
+    ByteReader in(bytes);
+    FileRecord record;
+    EXPECT_TRUE(record.read(in));
+    return record;
+}
+
+// Clients, their files, and the index that is told the same.
+class World {
+  public:
+    void publish(ClientNumber client, u32 file, std::unique_ptr<FileMeta> meta) {
+        const auto number = index.publish(client, hashOf(file), recordOf(*meta));
+        EXPECT_EQ(number.has_value(), clients[file].count(client) == 0);
+        if (number) numbers[{client, file}] = *number;
+        if (clients[file].empty() || clients[file] == std::set{client}) records[file] = std::move(meta);
+        clients[file].insert(client);
+    }
+    void withdraw(ClientNumber client, u32 file) {
+        const auto found = numbers.find({client, file});
+        if (found == numbers.end()) return;
+        index.withdraw(client, found->second);
+        numbers.erase(found);
+        clients[file].erase(client);
+        if (!clients[file].empty()) return;
+        clients.erase(file);
+        records.erase(file);
+    }
+    std::set<u32> walk(const SearchNode& tree) {
+        std::set<u32> found;
+        for (const auto& [file, meta] : records) {
+            meta->setInt(TAG_AVAILABILITY, static_cast<u32>(clients[file].size()));
+            if (tree.matches(*meta)) found.insert(file);
+            meta->removeTag(TAG_AVAILABILITY);
+        }
+        return found;
+    }
+    // Asks a few results at a time, and with little work at a time.
+    std::set<u32> ask(const SearchNode& tree, u32 page, u64 slice) const {
+        SearchRun run(tree.clone(), 3);
+        std::set<u32> found;
+        while (!run.atEnd()) {
+            u64 work = slice;
+            u32 taken = 0;
+            index.search(run, work, [&](const FileRecord&, const MD4Hash& hash, u32) {
+                if (taken == page) return false;
+                u32 file = 0;
+                for (std::size_t i = 4; i > 0; --i) file = file << 8 | hash.bytes[i - 1];
+                EXPECT_TRUE(found.insert(file).second) << "met twice";
+                ++taken;
+                return true;
+            });
+        }
+        return found;
+    }
+
+    FileIndex index;
+    std::map<u32, std::set<ClientNumber>> clients;
+    std::map<u32, std::unique_ptr<FileMeta>> records;
+    std::map<std::pair<ClientNumber, u32>, FileNumber> numbers;
+};
+
+class Dice {
+  public:
+    u32 below(u32 n) { return std::uniform_int_distribution<u32>(0, n - 1)(engine_); }
+    // Few letters, so that texts share pieces; some capitals, blanks and bytes past ASCII.
+    std::string text(u32 longest) {
+        static const std::string letters = "aabbccdeABC  \xc3\xa9.";
+        std::string result(below(longest + 1), ' ');
+        for (char& c : result) c = letters[below(static_cast<u32>(letters.size()))];
+        return result;
+    }
+    std::unique_ptr<FileMeta> meta() {
+        auto meta = std::make_unique<FileMeta>();
+        meta->setName((text(12) + "x").c_str());
+        meta->setInt(TAG_SIZE, below(2000));
+        if (below(2)) meta->setText(TAG_TYPE, below(2) ? "Audio" : "Video");
+        if (below(3) == 0) meta->setText("Artist", text(4).c_str());
+        return meta;
+    }
+    std::unique_ptr<SearchNode> tree(u32 depth) {
+        if (depth > 0 && below(2))
+            return std::make_unique<SN_Compound>(below(5), tree(depth - 1), tree(depth - 1));
+        static const char* const names[] = {"\x01", "\x03", "Artist"};
+        static const char* const numbers[] = {"\x02", "\x15"};
+        switch (below(6)) {
+            case 0:
+                return std::make_unique<SN_StrTagCompare>("\x03", "audio");
+            case 1:
+                return std::make_unique<SN_StrTagCompare>(names[below(3)], text(3).c_str());
+            case 2:
+                return std::make_unique<SN_IntTagCompare>(numbers[below(2)], static_cast<i32>(below(4)),
+                                                          below(6));
+            case 3:
+                return std::make_unique<SN_MatchAll>();
+            default:
+                return std::make_unique<SN_FindStr>(text(5).c_str());
+        }
+    }
+
+  private:
+    std::mt19937 engine_{20260115};
+};
+
+std::string printed(const SearchNode& node) {
+    char out[500] = "";
+    node.printable(out, sizeof out);
+    return out;
+}
+
+TEST(FileIndex, FindsWhatAWalkFinds) {
+    World world;
+    Dice dice;
+    const auto compare = [&](int trees) {
+        world.index.checkInvariants();
+        for (int i = 0; i < trees; ++i) {
+            const auto tree = dice.tree(3);
+            ASSERT_EQ(world.ask(*tree, 1 + dice.below(1000), 10'000 + dice.below(500'000)), world.walk(*tree))
+                << printed(*tree);
+        }
+        for (const char* text : {"a", "ab", "abc", "abca", "AB", "x", "\xa9", "cx", "o", "abcabcab", ""}) {
+            const SN_FindStr tree(text);
+            ASSERT_EQ(world.ask(tree, 5000, 1'000'000), world.walk(tree)) << text;
+        }
+    };
+    for (u32 i = 0; i < 14'000; ++i) world.publish(1 + dice.below(3), i % 13'000, dice.meta());
+    compare(25);
+    // Most files go: segments dissolve, and what is left is still found.
+    for (u32 i = 0; i < 13'000; ++i) {
+        if (dice.below(4)) {
+            for (ClientNumber client = 1; client <= 3; ++client) world.withdraw(client, i);
+        }
+    }
+    compare(15);
+    for (u32 i = 20'000; i < 26'000; ++i) world.publish(7, i, dice.meta());
+    compare(15);
+    for (u32 i = 0; i < 26'000; ++i) {
+        for (const ClientNumber client : {1u, 2u, 3u, 7u}) world.withdraw(client, i);
+    }
+    EXPECT_EQ(world.index.fileCount(), 0u);
+    compare(3);
+    EXPECT_LT(world.index.wordIndexBytes(), 100'000u) << "what has gone takes no room";
+}
+
+TEST(FileIndex, ComingAndGoingTakesNoRoom) {
+    FileIndex index;
+    Dice dice;
+    for (u32 i = 0; i < 50'000; ++i) {
+        const auto number = index.publish(1, hashOf(i), recordOf(*dice.meta()));
+        ASSERT_TRUE(number);
+        index.withdraw(1, *number);
+    }
+    index.checkInvariants();
+    EXPECT_LT(index.wordIndexBytes(), 100'000u);
+}
+
+TEST(FileIndex, ASearchGoesOnWhileFilesComeAndGo) {
+    World world;
+    Dice dice;
+    for (u32 i = 0; i < 9000; ++i) world.publish(1, i, dice.meta());
+    SearchRun run(std::make_unique<SN_FindStr>("x"), 1);
+    std::set<u32> found;
+    for (u32 step = 0; !run.atEnd(); ++step) {
+        u64 work = 200'000;
+        world.index.search(run, work, [&](const FileRecord&, const MD4Hash& hash, u32) {
+            found.insert(hash.bytes[0] + hash.bytes[1] * 256u);
+            return true;
+        });
+        for (u32 i = 0; i < 300; ++i) world.withdraw(1, dice.below(6000));
+        if (step < 5) world.publish(1, 60'000 + step, dice.meta());
+    }
+    for (u32 i = 6000; i < 9000; ++i) EXPECT_EQ(found.count(i), 1u) << i;
+    world.index.checkInvariants();
+}
+
+TEST(FileIndex, CountsClientsAndKeepsTheFirstRecord) {
+    FileIndex index(FileIndex::Limits{2, 1u << 20});
+    FileMeta first;
+    first.setName("first");
+    first.setInt(TAG_AVAILABILITY, 77);
+    FileMeta second;
+    second.setName("second");
+    const auto seen = [&] {
+        std::string text;
+        SearchRun run(std::make_unique<SN_MatchAll>(), 1);
+        u64 work = 1'000'000;
+        index.search(run, work, [&](const FileRecord& record, const MD4Hash& hash, u32 availability) {
+            Bytes bytes;
+            record.write(bytes, hash, availability);
+            FileMeta meta;
+            i4_ram_file_class stream(bytes.data(), static_cast<u32>(bytes.size()), 0);
+            stream.setUsed(static_cast<u32>(bytes.size()));
+            EXPECT_TRUE(meta.fromNetwork(stream));
+            EXPECT_EQ(*stream.bytesLeft(), 0u);
+            EXPECT_EQ(meta.hash, hash);
+            text += std::string(meta.getName()) + " " + std::to_string(meta.getInt(TAG_AVAILABILITY)) + ";";
+            return true;
+        });
+        return text;
+    };
+    const auto a = index.publish(1, hashOf(1), recordOf(first));
+    EXPECT_EQ(seen(), "first 1;") << "what a client says of the availability isn't asked for";
+    const auto b = index.publish(2, hashOf(1), recordOf(second));
+    EXPECT_EQ(seen(), "first 2;");
+    EXPECT_FALSE(index.publish(2, hashOf(1), recordOf(second))) << "again";
+    EXPECT_EQ(seen(), "first 2;");
+    index.withdraw(1, *a);
+    EXPECT_EQ(seen(), "first 1;");
+    EXPECT_FALSE(index.publish(2, hashOf(1), recordOf(second)));
+    EXPECT_EQ(seen(), "second 1;") << "its only client may rename it";
+    EXPECT_EQ(index.sources(hashOf(1))->size(), 1u);
+    const auto c = index.publish(2, hashOf(2), recordOf(first));
+    EXPECT_TRUE(c);
+    EXPECT_FALSE(index.publish(2, hashOf(3), recordOf(first))) << "full";
+    index.withdraw(2, *b);
+    EXPECT_EQ(index.sources(hashOf(1)), nullptr);
+    EXPECT_TRUE(index.publish(2, hashOf(3), recordOf(first)));
+    index.checkInvariants();
+}
+
+TEST(FileIndex, RecordsKeepWhatFitsAndCanBeFound) {
+    FileMeta meta;
+    meta.setName("name");
+    meta.setText("long", std::string(3000, 'x').c_str());
+    meta.setInt("number", 5);
+    BoolArray bits(8);
+    meta.setTag("bits", &bits, META_TAG_BOOLARRAY);
+    MetaBlob blob{1, 2, 3};
+    meta.setTag("blob", &blob, META_TAG_BLOB);
+    const FileRecord record = recordOf(meta);
+    EXPECT_TRUE(record.hasName());
+    std::string names;
+    FileRecordTags tags(record, 3);
+    for (TagView tag; tags.next(tag);) names += std::string(tag.name) + ",";
+    EXPECT_EQ(names, "\x01,number,bits,blob,\x15,");
+
+    // A zero byte in a text, a tag without a name, a count that isn't one.
+    const Bytes bytes = {3, 0, 0, 0, 2, 1, 0, 1, 2, 0, 'a', 0, 3, 1, 0, 'n', 1, 0, 0, 0, 5, 1, 0, 'b', 1};
+    ByteReader in(bytes);
+    FileRecord odd;
+    EXPECT_TRUE(odd.read(in));
+    EXPECT_FALSE(odd.hasName());
+    EXPECT_EQ(odd.size(), 5u);
+    const Bytes negative = {0, 0, 0, 0x80};
+    ByteReader none(negative);
+    EXPECT_TRUE(odd.read(none));
+    EXPECT_EQ(odd.size(), 0u);
+
+    sweepDamage(tagsOf(meta), [](std::span<const u8> damaged) {
+        ByteReader reader(damaged);
+        FileRecord result;
+        if (!result.read(reader)) return;
+        FileRecordTags walked(result, 1);
+        int count = 0;
+        for (TagView tag; walked.next(tag);) ++count;
+        EXPECT_GE(count, 1);
+    });
+}
+
+}  // namespace
