@@ -124,14 +124,18 @@ void FileIndex::dissolve(FileSegment& segment) {
 }
 
 void FileIndex::seal(FileSegment& segment) {
+    TagNumbers numbers;
     for (u32 slot = 0; slot < segment.slots(); ++slot) {
         if (segment.file(slot) == noFile) continue;
         FileRecordTags tags(files_[segment.file(slot)].record, 0);
         for (TagView tag; tags.next(tag);) {
             if (tag.type == META_TAG_STRING) keys_.add(tag.text, slot);
+            if (tag.type == META_TAG_INT && tag.name != availabilityName) {
+                numbers.add(tag.name, tag.number, slot);
+            }
         }
     }
-    segment.seal(keys_);
+    segment.seal(keys_, std::move(numbers));
 }
 
 const std::vector<ClientNumber>* FileIndex::sources(const MD4Hash& hash) const {

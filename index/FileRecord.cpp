@@ -2,11 +2,7 @@
 
 #include <algorithm>
 
-#include "meta/tagTable.h"
-
 namespace {
-
-constexpr char availabilityName[] = {TAG_AVAILABILITY, 0};
 
 bool holdsZero(std::string_view text) { return text.find('\0') != std::string_view::npos; }
 bool isRow(const TagView& tag, TagIndex row) {

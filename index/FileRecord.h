@@ -5,7 +5,12 @@
 #include <string_view>
 
 #include "index/Bytes.h"
+#include "meta/tagTable.h"
 #include "server/TagSource.h"
+
+// The name of the tag that counts a file's clients.
+inline constexpr char availabilityCharacter = TAG_AVAILABILITY;
+inline constexpr std::string_view availabilityName{&availabilityCharacter, 1};
 
 // A tag on a stream; see MetaTag for its bytes.
 struct EncodedTag {

@@ -1,5 +1,7 @@
 #include "index/FileSegment.h"
 
+#include "index/FileRecord.h"
+
 #include <algorithm>
 #include <array>
 #include <bitset>
@@ -35,6 +37,14 @@ Candidates either(Candidates a, const Candidates& b) {
     return a;
 }
 
+Candidates marked(const std::bitset<FileSegment::capacity>& slots) {
+    Candidates result;
+    for (u32 slot = 0; slot < FileSegment::capacity; ++slot) {
+        if (slots.test(slot)) result.slots.push_back(static_cast<u16>(slot));
+    }
+    return result;
+}
+
 }  // namespace
 
 void TextKeys::add(std::string_view text, u32 slot) {
@@ -49,8 +59,52 @@ std::vector<u64> TextKeys::take() {
     return std::exchange(pairs_, {});
 }
 
+void TagNumbers::add(std::string_view name, i32 value, u32 slot) {
+    auto found = rows_.find(name);
+    if (found == rows_.end()) {
+        if (rows_.size() == namesLimit) {
+            overflowed_ = true;
+            return;
+        }
+        found = rows_.emplace(name, std::vector<Row>()).first;
+    }
+    found->second.push_back({value, slot});
+}
+
+void TagNumbers::sort() {
+    for (auto& [name, rows] : rows_) {
+        std::sort(rows.begin(), rows.end());
+        rows.shrink_to_fit();
+    }
+}
+
+Candidates TagNumbers::holding(std::string_view name, i32 value, u32 op) const {
+    const auto found = rows_.find(name);
+    if (found == rows_.end()) return {overflowed_, {}};
+    const std::vector<Row>& rows = found->second;
+    const auto first = std::lower_bound(rows.begin(), rows.end(), value,
+                                        [](const Row& row, i32 wanted) { return row.value < wanted; });
+    const auto last = std::upper_bound(rows.begin(), rows.end(), value,
+                                       [](i32 wanted, const Row& row) { return wanted < row.value; });
+    std::bitset<FileSegment::capacity> slots;
+    const auto mark = [&slots](auto from, auto to) {
+        for (; from != to; ++from) slots.set(from->slot);
+    };
+    if (op == COMPARE_EQUAL || op == COMPARE_AT_LEAST || op == COMPARE_AT_MOST) mark(first, last);
+    if (op == COMPARE_BELOW || op == COMPARE_AT_MOST || op == COMPARE_NOT_EQUAL) mark(rows.begin(), first);
+    if (op == COMPARE_ABOVE || op == COMPARE_AT_LEAST || op == COMPARE_NOT_EQUAL) mark(last, rows.end());
+    return marked(slots);
+}
+
+std::size_t TagNumbers::bytes() const {
+    std::size_t bytes = 0;
+    for (const auto& [name, rows] : rows_)
+        bytes += rows.capacity() * sizeof(Row) + sizeof(rows) + name.size() + 64;
+    return bytes;
+}
+
 std::size_t FileSegment::indexBytes() const {
-    return files_.capacity() * sizeof(FileNumber) + keys_.capacity() * sizeof(u32) +
+    return numbers_.bytes() + files_.capacity() * sizeof(FileNumber) + keys_.capacity() * sizeof(u32) +
            starts_.capacity() * sizeof(u32) + keySlots_.capacity() * sizeof(u16);
 }
 
@@ -65,7 +119,9 @@ void FileSegment::remove(u32 slot) {
     --live_;
 }
 
-void FileSegment::seal(TextKeys& keys) {
+void FileSegment::seal(TextKeys& keys, TagNumbers&& numbers) {
+    numbers_ = std::move(numbers);
+    numbers_.sort();
     const std::vector<u64> pairs = keys.take();
     keySlots_.reserve(pairs.size());
     for (const u64 pair : pairs) {
@@ -99,11 +155,7 @@ Candidates FileSegment::holdingShort(std::string_view text) const {
     for (u32 i = starts_[static_cast<std::size_t>(first)]; i < starts_[static_cast<std::size_t>(last)]; ++i) {
         found.set(keySlots_[i]);
     }
-    Candidates result;
-    for (u32 slot = 0; slot < capacity; ++slot) {
-        if (found.test(slot)) result.slots.push_back(static_cast<u16>(slot));
-    }
-    return result;
+    return marked(found);
 }
 
 // Slots that have all keys of the text, rarest first. Lists that would narrow no more are passed over.
@@ -160,6 +212,12 @@ Candidates FileSegment::candidates(const SearchNode& tree) const {
             return holding(static_cast<const SN_FindStr&>(tree).text);
         case SEARCH_STR_TAG:
             return holding(static_cast<const SN_StrTagCompare&>(tree).value);
+        case SEARCH_INT_TAG: {
+            const auto& node = static_cast<const SN_IntTagCompare&>(tree);
+            if (node.tagName.view() == availabilityName) return {true, {}};  // changes as clients come and go
+            if (!node.value) return {};
+            return numbers_.holding(node.tagName.view(), *node.value, node.op);
+        }
         default:
             return {true, {}};
     }

@@ -1,6 +1,11 @@
 // FileSegment, a run of the index: up to 4,096 files, and once it is full, where each three characters stand.
 #pragma once
 
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "index/Bytes.h"
@@ -29,9 +34,31 @@ class TextKeys {
     std::vector<u64> pairs_;
 };
 
+// Collects the values of integer tags, by name. Only so many names are kept apart.
+class TagNumbers {
+  public:
+    struct Row {
+        i32 value;
+        u32 slot;
+        auto operator<=>(const Row&) const = default;
+    };
+    static constexpr std::size_t namesLimit = 32;
+
+    void add(std::string_view name, i32 value, u32 slot);
+    void sort();
+
+    // The slots of the files that have such a tag which compares so.
+    Candidates holding(std::string_view name, i32 value, u32 op) const;
+    std::size_t bytes() const;
+
+  private:
+    std::map<std::string, std::vector<Row>, std::less<>> rows_;
+    bool overflowed_ = false;  // there are names that aren't kept
+};
+
 // While a segment is open files are added, and every slot is a candidate. Sealed, it has an index: a sorted
-// array of keys, each with the slots of the files that have it in some string tag. A file that goes
-// leaves its slot empty; the index isn't changed by that.
+// array of keys, each with the slots of the files that have it in some string tag; and the sorted numbers of
+// its integer tags. A file that goes leaves its slot empty; the index isn't changed by that.
 class FileSegment {
   public:
     static constexpr u32 capacity = 1u << TextKeys::slotBits;
@@ -48,7 +75,7 @@ class FileSegment {
 
     u32 add(FileNumber file);  // returns the slot; wants an open segment that isn't full
     void remove(u32 slot);
-    void seal(TextKeys& keys);
+    void seal(TextKeys& keys, TagNumbers&& numbers);
 
     // Every slot that may match the tree is among them. The tree decides.
     Candidates candidates(const SearchNode& tree) const;
@@ -66,4 +93,5 @@ class FileSegment {
     std::vector<u32> keys_;
     std::vector<u32> starts_;  // of each key's slots in keySlots_, and the end
     std::vector<u16> keySlots_;
+    TagNumbers numbers_;
 };

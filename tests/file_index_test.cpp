@@ -103,7 +103,9 @@ class Dice {
     std::unique_ptr<FileMeta> meta() {
         auto meta = std::make_unique<FileMeta>();
         meta->setName((text(12) + "x").c_str());
-        meta->setInt(TAG_SIZE, below(2000));
+        meta->setInt(TAG_SIZE, below(2000) - 3);
+        // More names than are kept apart.
+        if (below(3) == 0) meta->setInt(("number" + std::to_string(below(40))).c_str(), below(5));
         if (below(2)) meta->setText(TAG_TYPE, below(2) ? "Audio" : "Video");
         if (below(3) == 0) meta->setText("Artist", text(4).c_str());
         return meta;
@@ -112,14 +114,14 @@ class Dice {
         if (depth > 0 && below(2))
             return std::make_unique<SN_Compound>(below(5), tree(depth - 1), tree(depth - 1));
         static const char* const names[] = {"\x01", "\x03", "Artist"};
-        static const char* const numbers[] = {"\x02", "\x15"};
+        static const char* const numbers[] = {"\x02", "\x15", "number1", "number39"};
         switch (below(6)) {
             case 0:
                 return std::make_unique<SN_StrTagCompare>("\x03", "audio");
             case 1:
                 return std::make_unique<SN_StrTagCompare>(names[below(3)], text(3).c_str());
             case 2:
-                return std::make_unique<SN_IntTagCompare>(numbers[below(2)], static_cast<i32>(below(4)),
+                return std::make_unique<SN_IntTagCompare>(numbers[below(4)], static_cast<i32>(below(4)),
                                                           below(6));
             case 3:
                 return std::make_unique<SN_MatchAll>();
