@@ -6,16 +6,31 @@
 #include "i4min/memory/mutex.h"
 #include "i4min/string/string.h"
 
-// share.dat has no header: a sequence of strings (u16 length, bytes) to its end. The incoming directory is
-// always shared. Thread: any.
+class i4_file;
+
+// share.dat has neither header nor count: a path each, to its end.
+//
+//     bytes  field
+//     2      length n, u16
+//     n      a directory's path
+//
+// The incoming directory is always shared: load() and setDirs() put it behind the others if it isn't there.
+// Thread: any.
 class ShareList {
   public:
+    // From Preferences::sharePath, instead of what was here. Of a file that doesn't read to its end, what was
+    // read stays, and the file is set aside. A missing one is silent.
     void load() EXCLUDES(lock_);
-    void save() EXCLUDES(lock_);
-    void copyTo(std::vector<i4_string>& out) const EXCLUDES(lock_);
-    void addDir(const char* path) EXCLUDES(lock_);     // unless it is there
-    void removeDir(const char* path) EXCLUDES(lock_);  // the first that equals it
+    // A failure is told in one line; the old file then stays.
+    void save() const EXCLUDES(lock_);
+    void copyTo(std::vector<i4_string>& out) const EXCLUDES(lock_);  // behind what is there
+    void addDir(const char* path) EXCLUDES(lock_);                   // unless it is there
+    void removeDir(const char* path) EXCLUDES(lock_);                // the first that equals it
     void setDirs(const std::vector<i4_string>& dirs) EXCLUDES(lock_);
+
+    // The bytes of share.dat. Reading appends; false where they end too early.
+    static bool readPaths(i4_file& stream, std::vector<i4_string>& out);
+    static void writePaths(i4_file& stream, const std::vector<i4_string>& paths);
 
   private:
     mutable i4_mutex lock_{LockRank::leaf};

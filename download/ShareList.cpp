@@ -1,0 +1,86 @@
+#include "download/ShareList.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "i4min/file/file.h"
+#include "i4min/file/save_file.h"
+#include "i4min/memory/error.h"
+
+namespace {
+
+void addUnlessThere(std::vector<i4_string>& dirs, const i4_string& path) {
+    if (std::find(dirs.begin(), dirs.end(), path) == dirs.end()) dirs.push_back(path);
+}
+
+}  // namespace
+
+bool ShareList::readPaths(i4_file& stream, std::vector<i4_string>& out) {
+    try {
+        while (stream.tell() != stream.size()) out.emplace_back(stream);
+    } catch (const i4_err&) {
+        return false;
+    }
+    return true;
+}
+
+void ShareList::writePaths(i4_file& stream, const std::vector<i4_string>& paths) {
+    for (const i4_string& path : paths) path.write(stream);
+}
+
+void ShareList::load() {
+    const char* file = preferences.sharePath.c_str();
+    std::vector<i4_string> dirs;
+    bool whole = true;
+    if (const std::unique_ptr<i4_file> stream = i4_open_exact(file, I4_FILE_READ)) {
+        whole = readPaths(*stream, dirs);
+    }
+    if (!whole) {
+        theLog->printVerbose("Error loading shared directory list.\n");
+        theLog->printLine("Error loading: %s", file);
+        setAsideDamaged(file);
+    }
+    addUnlessThere(dirs, preferences.incomingDir());
+    const i4_lock guard(lock_);
+    dirs_ = std::move(dirs);
+}
+
+void ShareList::save() const {
+    std::vector<i4_string> dirs;
+    copyTo(dirs);
+    saveFile(preferences.sharePath.c_str(), [&dirs](i4_file& stream) {
+        try {
+            writePaths(stream, dirs);
+        } catch (const i4_err&) {
+            theLog->printVerbose("**I4 error in ShareList::save()\n");
+            throw;
+        }
+        return true;
+    });
+}
+
+void ShareList::copyTo(std::vector<i4_string>& out) const {
+    const i4_lock guard(lock_);
+    out.insert(out.end(), dirs_.begin(), dirs_.end());
+}
+
+void ShareList::addDir(const char* path) {
+    const i4_lock guard(lock_);
+    addUnlessThere(dirs_, path);
+}
+
+void ShareList::removeDir(const char* path) {
+    const i4_lock guard(lock_);
+    const auto found = std::find(dirs_.begin(), dirs_.end(), path);
+    if (found != dirs_.end()) dirs_.erase(found);
+}
+
+void ShareList::setDirs(const std::vector<i4_string>& dirs) {
+    std::vector<i4_string> unique;
+    for (const i4_string& path : dirs) addUnlessThere(unique, path);
+    addUnlessThere(unique, preferences.incomingDir());
+    const i4_lock guard(lock_);
+    dirs_ = std::move(unique);
+}
