@@ -6,7 +6,6 @@
 #include "app/Preferences.h"
 #include "app/StringTable.h"
 #include "app/UIInterface.h"
-#include "download/Download.h"
 #include "download/ShareList.h"
 #include "i4min/file/filesystem.h"
 #include "i4min/memory/error.h"
@@ -122,7 +121,7 @@ void HashThread::verifyPartial() {
         download = std::move(partials_.front());
         partials_.pop_front();
     }
-    duties_.verify(*download, [this] { return isStopping(); });
+    duties_.verify(download, [this] { return isStopping(); });
 }
 
 void HashThread::takeFiles() {
@@ -203,14 +202,27 @@ void HashThread::readFile(const std::string& path, const char* name, const i4_fi
     file->date = status.last_modified;
     file->hash = hash;
     file->partHashes = std::move(parts);
-    if (!duties_.importFile(*file, path.c_str(), name) || hash.isZero()) {
+    i4_file_status now;
+    if (!duties_.importFile(*file, path.c_str(), name) || file->hash.isZero()) {
         theLog->printLine("Import failed: %s", name);
-    } else if (file->getSize() != size) {
-        couldntHash(name);  // it has changed since it was hashed
+    } else if (!i4_get_status(path.c_str(), now) || now.size != size ||
+               now.last_modified != status.last_modified) {
+        couldntHash(name);
     } else {
-        shared_.push_back(file.get());
-        duties_.addSharedFile(file.release());
+        enter(std::move(file));
     }
+}
+
+void HashThread::enter(std::unique_ptr<FileMeta> file) {
+    // A collection brings a record of its own, which doesn't tell this file's time: it is hashed at each
+    // start, and is known all the same.
+    FileMeta* known = duties_.known().find(file->getSize(), file->date, file->getName());
+    if (known && known->hash == file->hash) {
+        share(known, [&file](FileMeta& record) { record.setPath(file->path.c_str()); });
+        return;
+    }
+    shared_.push_back(file.get());
+    duties_.addSharedFile(file.release());
 }
 
 void HashThread::share(FileMeta* file, const std::function<void(FileMeta&)>& change) {

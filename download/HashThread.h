@@ -38,15 +38,15 @@ class HashDuties {
     virtual bool importFile(FileMeta& file, const char* path, const char* name) = 0;
     // Checks the parts of a loaded file and tells the download how it ended; nothing of it once `giveUp` says
     // so.
-    virtual void verify(Download& download, const GiveUp& giveUp) = 0;
+    virtual void verify(const Ref<Download>& download, const GiveUp& giveUp) = 0;
     virtual void publish() = 0;  // a whole run has ended: what is shared may be offered
 
   protected:
     ~HashDuties() = default;
 };
 
-// One request is one run: first the partial files, one a turn, then directory by directory. Whoever asks never
-// waits for a file: a new request ends the reading of the file at hand and starts the run over.
+// One request is one run: first the partial files, one a turn, then directory by directory. Whoever asks
+// never waits for a file: a new request ends the reading of the file at hand and starts the run over.
 //
 // A file that has to be read is a turn of its own, with a pause before it. Files that are known unchanged are
 // taken together, by what the listing says of them, up to 40 ms a turn.
@@ -74,6 +74,7 @@ class HashThread : public Thread {
     void leaveDirectory();
     bool takeFile();
     void readFile(const std::string& path, const char* name, const i4_file_status& status);
+    void enter(std::unique_ptr<FileMeta> file);
     void share(FileMeta* file, const std::function<void(FileMeta&)>& change);
     void endRun() EXCLUDES(lock_);
     bool endUnlessAsked(bool finished) EXCLUDES(lock_);

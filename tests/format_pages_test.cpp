@@ -15,6 +15,7 @@
 
 #include "app/Preferences.h"
 #include "download/Collection.h"
+#include "download/ShareList.h"
 #include "i4min/file/file.h"
 #include "meta/FileList.h"
 #include "meta/ServerList.h"
@@ -70,9 +71,16 @@ Decoder listOfOne(Holds holds) {
     };
 }
 
+bool readsAsDirectories(std::span<const std::uint8_t> bytes) {
+    BytesFile file(bytes);
+    std::vector<i4_string> paths;
+    return ShareList::readPaths(file, paths) && paths == std::vector<i4_string>{"/a", "/bc"};
+}
+
 const std::map<std::string, Decoder> decoders = {
     {"pref.met", readsAsSettings},
     {"collection", readsAsCollection},
+    {"share.dat", readsAsDirectories},
     {"tag", readsAsTag},
     {"server.met", listOfOne<ServerList>([](const ServerMeta& server) {
          return ipToString(server.ip) == "1.2.3.4" && server.port == 4661;

@@ -5,13 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +17,7 @@
 #include "meta/MD4.h"
 #include "meta/MD4Hash.h"
 #include "meta/md4_by_hand.h"
+#include "tests/support/independent_digest.h"
 
 namespace {
 
@@ -93,31 +91,8 @@ class FileHashTest : public testing::Test {
             .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         return path(name);
     }
-    // The digest as the openssl program computes it.
-    MD4Hash independent(std::string_view bytes) const {
-        const std::string command = "openssl dgst -md4 -r -provider legacy -provider default '" +
-                                    write("independent", bytes) + "' 2>&1";
-        std::FILE* pipe = ::popen(command.c_str(), "r");
-        char answer[200] = {};
-        if (pipe) {
-            static_cast<void>(std::fgets(answer, sizeof answer, pipe));
-            ::pclose(pipe);
-        }
-        MD4Hash hash;
-        EXPECT_TRUE(hash.fromText(std::string_view(answer).substr(0, 32)))
-            << "this test needs the openssl program with its legacy provider; it said: " << answer;
-        return hash;
-    }
-
     std::filesystem::path folder_;
 };
-
-std::string someBytes(std::size_t count) {
-    std::string bytes(count, '\0');
-    std::mt19937 random(1320);
-    for (char& byte : bytes) byte = static_cast<char>(random());
-    return bytes;
-}
 
 TEST_F(FileHashTest, PartsAgainstAnIndependentDigest) {
     const std::string all = someBytes(20'000'000);
@@ -126,13 +101,8 @@ TEST_F(FileHashTest, PartsAgainstAnIndependentDigest) {
     for (const auto& [size, partCount] : sizes) {
         const std::string_view bytes = std::string_view(all).substr(0, size);
         std::vector<MD4Hash> expectedParts;
-        std::string together;
-        for (std::size_t i = 0; i < partCount; ++i) {
-            expectedParts.push_back(
-                independent(bytes.substr(std::min<std::size_t>(i * 9'728'000, size), 9'728'000)));
-            together.append(reinterpret_cast<const char*>(expectedParts.back().bytes.data()), 16);
-        }
-        const MD4Hash expected = independent(partCount ? std::string_view(together) : bytes);
+        const MD4Hash expected = independentFileHash(bytes, path("independent"), expectedParts);
+        EXPECT_EQ(expectedParts.size(), partCount);
         MD4Hash hash;
         std::vector<MD4Hash> parts(7);
         u64 hashed = 1;

@@ -6,7 +6,6 @@
 enum class LockRank : int {
     none = 0,
     connection = 10,       // Connection::lock_, held for a whole turn
-    hashThread = 15,       // HashThread::lock_, held for a whole file
     uploadPool = 20,       // UploadPool::lock_
     downloads = 30,        // the list of DLPool
     download = 40,         // Download::lock_

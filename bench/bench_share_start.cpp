@@ -1,0 +1,92 @@
+// What the shared directories cost at a start where every file is known: known.met is loaded, each file is
+// recognised by its name, size and time, known.met is saved. The time for each file stays the same however
+// many there are.
+#include <benchmark/benchmark.h>
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "app/Preferences.h"
+#include "app/StringTable.h"
+#include "i4min/file/filesystem.h"
+#include "tests/support/SharedFiles.h"
+
+namespace {
+
+class Home {
+  public:
+    Home() : path_(std::filesystem::temp_directory_path() / "bench_share_start.XXXXXX") {
+        if (!::mkdtemp(path_.data())) throw std::runtime_error("no temporary directory can be made");
+    }
+    Home(const Home&) = delete;
+    Home& operator=(const Home&) = delete;
+    ~Home() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+// A directory of empty files and a known.met that knows them.
+void makeKnownFiles(const std::string& directory, i64 count, FileList& known) {
+    std::filesystem::create_directory(directory);
+    for (i64 i = 0; i < count; ++i) {
+        const std::string name = "Some film or other, part " + std::to_string(i) + ".avi";
+        const std::string path = directory + "/" + name;
+        std::ofstream(path, std::ios::binary).close();
+        i4_file_status status;
+        if (!i4_get_status(path.c_str(), status)) return;
+        auto file = std::make_unique<FileMeta>();
+        file->setName(name.c_str());
+        file->setInt(TAG_SIZE, 0);
+        file->setText(TAG_TYPE, "Video");
+        file->setText(TAG_FORMAT, "avi");
+        file->date = status.last_modified;
+        for (std::size_t b = 0; b < 8; ++b) file->hash.bytes[b] = static_cast<u8>((i + 1) >> (8 * b));
+        file->partHashes.resize(72);  // as many as a film of 700 MB has
+        known.add(file.release());
+    }
+}
+
+void startWithKnownFiles(benchmark::State& state) {
+    const Home home;
+    const std::string directory = home.file("shared");
+    stringTable.reload("");
+    preferences.knownPath = home.file("known.met").c_str();
+    preferences.sharePath = home.file("share.dat").c_str();
+    {
+        FileList known;
+        makeKnownFiles(directory, state.range(0), known);
+        known.save(preferences.knownPath.c_str());
+        known.deleteAll();
+    }
+    for (auto _ : state) {
+        SharedFiles files;
+        files.knownFiles.load(preferences.knownPath.c_str());
+        HashThread thread(files);
+        thread.hashDirs({directory.c_str()});
+        files.published.wait(0);
+        thread.stop();
+        if (files.sharedFiles.count() != state.range(0)) state.SkipWithError("not all files were recognised");
+    }
+    state.counters["per file"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(startWithKnownFiles)
+    ->RangeMultiplier(2)
+    ->Range(5000, 40'000)
+    ->Arg(10'000)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
