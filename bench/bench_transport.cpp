@@ -1,0 +1,205 @@
+// The socket pool beside a plain write and read loop on the same pieces, what idle connections cost, and how a
+// limit holds.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <chrono>
+#include <ctime>
+
+#include "app/Preferences.h"
+#include "tests/support/Conversation.h"
+#include "transport/STSocketPool.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point begun) {
+    return std::chrono::duration<double>(Clock::now() - begun).count();
+}
+
+// Keeps a packet on its way until it was sent often enough, or counts the bytes that come in.
+class Mover : public Connection {
+  public:
+    using Connection::Connection;
+    bool handleMessage(u8, i4_ram_file_class& stream) override {
+        received += stream.size();
+        return true;
+    }
+    void sendNext();
+
+    std::atomic<u64> received{0};
+    u32 size = 0;
+    std::atomic<int> left{0};
+};
+
+class NextPacket : public Packet {
+  public:
+    explicit NextPacket(Mover& mover) : Packet(mover.size), mover_(mover) { stream.write_8(70); }
+    void sent() override { mover_.sendNext(); }
+
+  private:
+    Mover& mover_;
+};
+
+void Mover::sendNext() {
+    if (left.fetch_sub(1) > 0) send(std::make_unique<NextPacket>(*this));
+}
+
+class MoverDoor : public DoorTask {
+  public:
+    using DoorTask::DoorTask;
+    Connection* newConnection(std::unique_ptr<i4_socket> socket, SocketPool* pool) override {
+        auto* mover = new Mover(std::move(socket), pool);
+        last = mover;
+        return mover;
+    }
+    std::atomic<Mover*> last{nullptr};
+};
+
+struct Ends {
+    explicit Ends(SocketPool& pool) : door(new MoverDoor(&pool, 0)) {
+        pool.start();
+        door->listen(500);
+    }
+    Mover& accepted(Caller& caller) {
+        door->last = nullptr;
+        caller.connect(door->localPort());
+        while (!door->last) std::this_thread::yield();
+        return *door->last;
+    }
+    Ref<MoverDoor> door;
+};
+
+// One pool moves the packets, from a connection that sends to one that receives.
+double poolRate(u32 size, int packets) {
+    STSocketPool pool;
+    Ends ends(pool);
+    Caller caller;
+    Mover& receiver = ends.accepted(caller);
+    const Ref<Mover> sender(
+        new Mover(std::make_unique<i4_tcpip_sock>(::dup(caller.descriptor()), I4_STREAM), &pool));
+    caller.close();
+    const auto socketIsReady = [&] { return pool.count == 3; };
+    pool.addConnection(sender.get());
+    eventually(socketIsReady);
+    sender->size = size;
+    sender->left = packets;
+    const u64 all = u64{size} * static_cast<u64>(packets);
+    const auto begun = Clock::now();
+    sender->sendNext();
+    while (receiver.received < all) std::this_thread::sleep_for(std::chrono::microseconds(100));
+    const double seconds = secondsSince(begun);
+    pool.stop();
+    pool.deleteConnections();
+    return static_cast<double>(all) / seconds / 1e6;
+}
+
+// The same pieces on one thread: written whole as far as the socket takes them, then read.
+double plainRate(u32 size, int packets) {
+    STSocketPool pool;
+    Ends ends(pool);
+    const auto door = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = loopbackIp;
+    socklen_t length = sizeof address;
+    ::bind(door, reinterpret_cast<sockaddr*>(&address), length);
+    ::listen(door, 1);
+    ::getsockname(door, reinterpret_cast<sockaddr*>(&address), &length);
+    Caller caller(ntohs(address.sin_port));
+    const int reader = ::accept(door, nullptr, nullptr);
+    const std::string out(size + 5, 'x');
+    std::string in(size + 5, '\0');
+    const auto begun = Clock::now();
+    for (int i = 0; i < packets; ++i) {
+        for (std::size_t sent = 0, got = 0; got < out.size();) {
+            if (sent < out.size()) {
+                const ssize_t n =
+                    ::send(caller.descriptor(), out.data() + sent, out.size() - sent, MSG_DONTWAIT);
+                if (n > 0) sent += static_cast<std::size_t>(n);
+            }
+            const ssize_t n = ::recv(reader, in.data() + got, in.size() - got, MSG_DONTWAIT);
+            if (n > 0) got += static_cast<std::size_t>(n);
+        }
+    }
+    const double seconds = secondsSince(begun);
+    ::close(reader);
+    ::close(door);
+    pool.stop();
+    pool.deleteConnections();
+    return static_cast<double>(size) * packets / seconds / 1e6;
+}
+
+void PacketsOverLoopback(benchmark::State& state) {
+    const u32 size = static_cast<u32>(state.range(0));
+    const int packets = static_cast<int>(400'000'000 / size);
+    for (auto _ : state) {
+        const double plain = plainRate(size, packets);
+        const double pool = poolRate(size, packets);
+        state.SetIterationTime(static_cast<double>(size) * packets / pool / 1e6);
+        state.counters["plain_MB/s"] = plain;
+        state.counters["pool_MB/s"] = pool;
+        state.counters["ratio"] = pool / plain;
+    }
+}
+BENCHMARK(PacketsOverLoopback)
+    ->Arg(180'000)
+    ->Arg(10'240)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly()
+    ->Unit(benchmark::kMillisecond);
+
+void IdleConnections(benchmark::State& state) {
+    const int connections = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        STSocketPool pool;
+        Ends ends(pool);
+        const double before = static_cast<double>(::mallinfo2().uordblks);
+        std::vector<std::unique_ptr<Caller>> callers;
+        for (int i = 0; i < connections; ++i) {
+            callers.push_back(std::make_unique<Caller>());
+            ends.accepted(*callers.back());
+        }
+        eventually([&] { return pool.count == connections + 1; });
+        state.counters["bytes_each"] =
+            (static_cast<double>(::mallinfo2().uordblks) - before) / static_cast<double>(connections);
+        const std::clock_t cpu = std::clock();
+        const auto begun = Clock::now();
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+        const double seconds = secondsSince(begun);
+        state.counters["percent_of_a_core"] =
+            100 * static_cast<double>(std::clock() - cpu) / CLOCKS_PER_SEC / seconds;
+        state.SetIterationTime(seconds);
+        pool.stop();
+        pool.deleteConnections();
+    }
+}
+BENCHMARK(IdleConnections)->Arg(500)->UseManualTime()->Iterations(1);
+
+void UploadLimit(benchmark::State& state) {
+    for (auto _ : state) {
+        STSocketPool pool;
+        Ends ends(pool);
+        preferences.userMaxUpF = static_cast<f32>(state.range(0));
+        Caller caller;
+        Mover& sender = ends.accepted(caller);
+        sender.size = static_cast<u32>(state.range(1));
+        sender.left = 1'000'000;
+        sender.sendNext();
+        const auto begun = Clock::now();
+        std::size_t got = 0;
+        while (secondsSince(begun) < 10) got += caller.read(100).size();
+        const double seconds = secondsSince(begun);
+        state.counters["KB/s"] = static_cast<double>(got) / seconds / 1000;
+        state.SetIterationTime(seconds);
+        pool.stop();
+        pool.deleteConnections();
+        preferences.userMaxUpF = 0.0F;
+    }
+}
+BENCHMARK(UploadLimit)->Args({100, 10'240})->Args({100, 180'000})->UseManualTime()->Iterations(1);
+
+}  // namespace

@@ -1,0 +1,40 @@
+// Reception of packets from a stream that comes in pieces: the first byte tells how long they are, the second
+// how small the budgets get.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "tests/support/ScriptedSocket.h"
+#include "transport/Packet.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 2) return 0;
+    constexpr u32 limit = 8 << 20;
+    const std::size_t longest = data[0] % 4 == 0 ? size : data[0];
+    const i32 budget = data[1] % 2 == 0 ? unlimitedBudget : data[1];
+    const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
+    ScriptedSocket socket;
+    socket.ends = true;
+    for (std::size_t at = 0; at < bytes.size(); at += longest)
+        socket.pieces.push_back(bytes.substr(at, longest));
+
+    Packet packet;
+    std::size_t done = 0;  // bytes of packets that are complete
+    while (!socket.atEnd()) {
+        recvBudget = budget;
+        u32 moved = 0;
+        const Packet::Result result = packet.receive(socket, moved, limit);
+        if (result == Packet::failed) break;
+        if (packet.stream.capacity() > std::max(Packet::firstBlock, 4 * packet.bodyDone)) __builtin_trap();
+        if (result == Packet::more) continue;
+        if (packet.size == 0 || packet.stream.bytesLeft() != packet.size) __builtin_trap();
+        done += Packet::headerSize;
+        if (std::memcmp(packet.stream.buffer(), bytes.data() + done, packet.size) != 0) __builtin_trap();
+        done += packet.size;
+        packet.reset();
+    }
+    recvBudget = unlimitedBudget;
+    return 0;
+}
