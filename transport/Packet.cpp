@@ -60,13 +60,19 @@ Packet::Result Packet::receive(i4_socket& socket, u32& out_bytes, u32 limit) {
         if (headerDone < headerSize) return more;
         if (beginBody(limit) == failed) return failed;
     }
-    if (bodyDone == stream.capacity()) growBody();
-    const u32 chunk = withinBudget(stream.capacity() - bodyDone, recvBudget);
-    if (chunk == 0) return more;
-    const i32 got = socket.read(stream.buffer() + bodyDone, chunk);
-    if (got < 0) return failed;
-    out_bytes += static_cast<u32>(got);
-    bodyDone += static_cast<u32>(got);
+    // A block that was filled grows and is read on into at once, so that what comes in keeps up with what the
+    // other side sends in a turn of its own.
+    for (i32 budget = recvBudget; bodyDone < size;) {
+        if (bodyDone == stream.capacity()) growBody();
+        const u32 chunk = withinBudget(stream.capacity() - bodyDone, budget);
+        if (chunk == 0) break;
+        const i32 got = socket.read(stream.buffer() + bodyDone, chunk);
+        if (got < 0) return failed;
+        out_bytes += static_cast<u32>(got);
+        bodyDone += static_cast<u32>(got);
+        budget -= got;
+        if (static_cast<u32>(got) < chunk) break;
+    }
     if (bodyDone < size) return more;
     stream.seek(0);
     return complete;

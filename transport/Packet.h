@@ -46,7 +46,7 @@ class Packet {
     // Once, when the whole packet has left. On the pool's thread, within the connection's turn.
     virtual void sent();
 
-    // Reads as much as socket and budget give: the rest of the header, then one piece of the body.
+    // Reads as much as socket and budget give: the rest of the header, then of the body.
     // Failed: the socket, a wrong marker, a length of 0 or above `limit`. Complete: `stream` stands at
     // the opcode and ends with the body.
     Result receive(i4_socket& socket, u32& out_bytes, u32 limit);
