@@ -20,9 +20,12 @@ class DLPool : public Thread {
     void start() override;
     void run() override;
 
-    void add(const FileMeta& meta);     // message 10: starts a download, or tells why not
-    void loadDownload(FileMeta& meta);  // one found at start
+    void add(const FileMeta& meta);             // message 10: starts a download, or tells why not
+    void loadDownload(const FileMeta& record);  // one found at start
+    // One whose file is set up; one that is still being verified isn't found.
     Ref<Download> find(const MD4Hash& hash);
+    // Also one that is still being verified, or couldn't be loaded.
+    Ref<Download> findByRecord(const MD4Hash& hash);
     void remove(const Ref<Download>& download);  // message 11
     void stopAll();                              // at shut-down
     void republish();
@@ -45,7 +48,12 @@ class DLPool : public Thread {
 
   private:
     void updateCanStart();
-    void tickDownloads(i32 elapsedMs);
+    template <class Operation>
+    void forEach(Operation operation);
+    // High priority first; the operation ends the walk by returning true.
+    template <class Operation>
+    bool byPriority(Operation operation) REQUIRES(downloads_);
+    f32 tickDownloads(i32 elapsedMs);  // their total speed
     void closeIdlePeers(i32 elapsedMs);
     void saveDownloads();
     void measureFreeSpace();

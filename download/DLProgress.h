@@ -25,7 +25,7 @@ class DLProgress : public GapCounterList {
 
   private:
     void changeParts(const BoolArray& parts, i32 delta);
-    bool findFree(i64 partStart, i64 partEnd, u32& start, u32& end) const;
+    bool findFree(i64 partStart, i64 partEnd, u32& start, u32& end);
 
     LL<GapCounter> partList_;  // rarest first; a complete part stays, it has no free range any more
 };

@@ -36,12 +36,9 @@ class DLS_Downloading : public DownloadState {
     void callbackFailed(u32 serverIp, u32 clientId) override;
     void connectFailed(u32 ip, u16 port) override;
 
-    // For sources: part hashes are asked for as soon as one transfers, while they are unknown.
-    bool wantsPartHashes() const;
-    // A part that failed its hash is missing again: sources without a use may have one now.
-    void partReopened();
-
   private:
+    void finish();
+    void askHashSet(i32 elapsedMs);
     void updateSpeed(i32 elapsedMs);
     void startMore();
     void refreshServers(i32 elapsedMs);

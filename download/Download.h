@@ -33,7 +33,7 @@ class Download : public RefCounter {
     ~Download() override;
 
     bool create(FileMeta& meta) EXCLUDES(lock_);  // false, and said, when there is no room for the temp file
-    void load(FileMeta& meta) EXCLUDES(lock_);
+    void load(const FileMeta& record) EXCLUDES(lock_);
     void hashingEnded() EXCLUDES(lock_);   // all parts of a loaded file are checked
     void hashingFailed() EXCLUDES(lock_);  // a part of a loaded file couldn't be read
 

@@ -27,12 +27,14 @@ class FileSource {
     bool isPeer(const Peer& peer) const;
     // Which parts the source has, kept in step with the download's progress.
     void setParts(const BoolArray& parts);
-    void setAllParts();  // an array of the file's part count, all set
+    void takeAllParts();  // an array of the file's part count, all set
     void clearParts();
     const BoolArray* parts() const { return parts_.get(); }  // null while unknown
     // A connection to this source stands.
     void gotPeer(Peer& peer);
     void gotName(const char* name, const Peer& peer);
+    // False, and nothing is asked, for a file of at most one part's bytes.
+    bool askFileStatus(Peer& peer) const;
 
     UserMeta user;   // renewed from the Peer at connection
     i4_string name;  // under which this source knows the file; empty until it has said so

@@ -2,7 +2,9 @@
 // parts have passed their hash.
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <utility>
 
 #include "download/GapList.h"
 #include "i4min/file/file.h"
@@ -23,15 +25,16 @@ class PartialFile : public GapList, public RefCounter {
     enum Status : i32 { open = 0, moved = 1, gone = 2 };
     enum class Load { failed = 0, running = 1, paused = 2 };
     enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
+    enum class Completion { good, corrupted, abandoned };
 
     explicit PartialFile(Download* download) : download_(download) {}
     ~PartialFile() override;
 
     // A new download of `meta`. False when the data file can't be made.
     bool create(const FileMeta& meta);
-    // A download found at start; the record is from its meta file and loses the tags that describe the
-    // download. A failure is said in one line.
-    Load load(FileMeta& meta);
+    // A download found at start, from the record of its meta file. A failure is said in one line. `priority`
+    // is what the record tells.
+    Load load(const FileMeta& record, i32& priority);
 
     // Writes a packet's data, which stands behind opcode and hash: u32 start, u32 end, bytes. A range that
     // makes no sense writes nothing and leaves start and end alone. True while gaps remain.
@@ -41,20 +44,26 @@ class PartialFile : public GapList, public RefCounter {
     // For uploads. Thread: any.
     Read readData(u8* buffer, u32 start, u32 end) EXCLUDES(fileLock_);
     void closeFiles() EXCLUDES(fileLock_);
-    // Hashes the whole file and moves it to the incoming directory. Thread: the completer, in a state that
-    // accepts no data. True when the file is what its hash says.
-    bool complete();
+    // Hashes the whole file and moves it to the incoming directory, or gives up, with everything as it was.
+    // Thread: the completer, in a state that accepts no data.
+    Completion complete(const GiveUp& giveUp);
     void cancel();  // deletes data and meta file
     // Adds the record of the meta file to the list, which owns it.
-    void saveToList(PartialList& list);
+    void saveToList(PartialList& list, i32 priority, bool paused);
     void publish();    // enters the file, still incomplete, into the shared lists
     void republish();  // again, after the shared list was emptied
     // The part hashes, as a peer sent them: u16 count, 16 bytes each. They count only if there are as many as
     // the file has parts and their MD4 is the file's hash.
     void setPartHashes(i4_file& stream);
+    // True, once, if a part has failed its hash and is missing again.
+    bool takeReopened() { return std::exchange(reopened_, false); }
     bool hasNeededPart(const BoolArray& parts) const;  // false for an array of another length
 
+    // Where the finished file lies, null before. Thread: any.
+    i4_string finalPath() const EXCLUDES(fileLock_);
     i4_string getName() const;
+    // The file's record, part hashes included. Thread: any.
+    void copyMeta(FileMeta& out) const EXCLUDES(doneLock_);
     const FileMeta& getMeta() const { return meta_; }
     const MD4Hash& getHash() const { return meta_.hash; }
     u32 getPartCount() const { return partCount_; }
@@ -69,24 +78,32 @@ class PartialFile : public GapList, public RefCounter {
     const i4_string& tempFileName() const { return tempFileName_; }
 
   private:
-    void finishSetup(const FileMeta& meta);
-    bool checkPart(u32 part);
+    enum class PartCheck { missing, unknown, good, corrupted, unreadable };
+    void finishSetup();
+    bool openForWriting(u32 flags);
+    PartCheck checkPart(u32 part);
     void reopenPart(u32 start, u32 end);
+    void keepCorrupted();
+    void enterIncoming();
     i4_string metaPath() const;
 
     mutable i4_mutex fileLock_{LockRank::partialRead};
     mutable i4_mutex doneLock_{LockRank::leaf};
     i4_string tempFileName_;
     std::unique_ptr<i4_file> readFile_ GUARDED_BY(fileLock_);
+    i4_string finalPath_ GUARDED_BY(fileLock_){nullptr};
     std::unique_ptr<i4_file> writeFile_;
     u32 partCount_ = 0;
     Relaxed<i32> status_{open};
     FileMeta meta_;
-    FileMeta* sharedMeta_ = nullptr;
+    std::atomic<FileMeta*> sharedMeta_{nullptr};
     BoolArray partsDone_;  // written under Download's lock and doneLock_
     Download* const download_;
-    u32 fileEnd_ = 0;
+    Relaxed<u32> fileEnd_;
     Relaxed<u32> fileSize_;
     Relaxed<u32> transferred_;
     bool partHashesKnown_ = false;
+    bool reopened_ = false;
+    bool failed_ = false;      // it couldn't be loaded: its files stay as they are
+    Relaxed<u8> finished_{0};  // completed or cancelled: there is nothing to save any more
 };

@@ -25,15 +25,17 @@ class Upload : public RefCounter {
     // Reads `length` bytes at the present position. False on failure.
     virtual bool readData(u8* buffer, u32 length);
     virtual void updateSpeed(i32 elapsedMs);
+    // What the peer asks for; the first range is sent first. A range whose end isn't above its start is empty.
     virtual void setRanges(const u32 (&starts)[3], const u32 (&ends)[3]);
 
     // Sends the next packet, or ends the transfer.
     void sendNext();
     void stop() { stopped_ = 1; }
-    bool isPeer(const Peer& peer) const;
+    bool isPeer(const Peer& other) const;
     Peer& peer() const;
     i4_string getPeerName() const;
     void copyPeerUser(UserMeta& out) const;
+    MD4Hash userHash() const { return userHash_; }  // the peer's, when the transfer was made
     const char* getName() const { return name_.c_str(); }
     const MD4Hash& hash() const { return hash_; }
 
@@ -41,16 +43,23 @@ class Upload : public RefCounter {
     Relaxed<f32> speed;      // KB/s, the mean of the last eight samples
 
   protected:
-    i4_string name_;
+    u32 position() const { return position_; }
+
     std::unique_ptr<i4_file> file_;
-    u32 position_ = 0;  // the next byte to send
 
   private:
-    u32 starts_[3] = {};  // the ranges asked for; the first is being sent
-    u32 ends_[3] = {};
-    u32 lastStart_ = 0;  // the range that was finished last
-    u32 lastEnd_ = 0;
-    i32 speedClock_ = 0;  // ms since the last sample
+    struct Range {
+        u32 start = 0;
+        u32 end = 0;
+        bool operator==(const Range&) const = default;
+    };
+    void finishRange();
+
+    i4_string name_;
+    std::array<Range, 3> ranges_{};  // asked for; the first is being sent
+    Range last_;                     // the range that was finished last
+    u32 position_ = 0;               // the next byte to send
+    i32 speedClock_ = 0;             // ms since the last sample
     std::array<f32, 8> speeds_{};
     u32 lastBytes_ = 0;
     u32 speedIndex_ = 0;
@@ -58,4 +67,5 @@ class Upload : public RefCounter {
     Relaxed<u8> stopped_{0};
     const Ref<Peer> peer_;
     const MD4Hash hash_;
+    const MD4Hash userHash_;
 };

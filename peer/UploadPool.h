@@ -54,8 +54,21 @@ class UploadPool {
     const LL<UploadSlot>& getSlots() const REQUIRES(lock_) { return slots_; }
     const LL<UserMeta>& getQueue() const REQUIRES(lock_) { return queue_; }
 
-    // The rest of the private part is UploadPool.cpp's owner's to lay out.
   private:
+    bool canStartSlot() const REQUIRES(lock_);
+    UploadSlot* slotOf(const MD4Hash& user) const REQUIRES(lock_);
+    UploadSlot* slotOf(const Peer& peer) const REQUIRES(lock_);  // by the user hash where it is known
+    void addSlot(const UserMeta& user) REQUIRES(lock_);
+    void removeSlot(UploadSlot* slot) REQUIRES(lock_);  // and destroys it
+    void dropSlot(UploadSlot* slot) REQUIRES(lock_);    // and gives its place away; null does nothing
+    void assignSlots() REQUIRES(lock_);
+    void enqueue(const UserMeta& user) REQUIRES(lock_);
+    Ref<Upload> uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) EXCLUDES(lock_);
+    Upload* findUpload(const MD4Hash& hash, const Peer& peer) const REQUIRES(lock_);
+    void replaceOldest() REQUIRES(lock_);
+    void endLocked(Upload& upload) REQUIRES(lock_);
+    bool removeUpload(Upload& upload) REQUIRES(lock_);  // false if it isn't running
+
     i4_mutex lock_{LockRank::uploadPool};
     LL<Upload> uploads_ GUARDED_BY(lock_);
     LL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first

@@ -1,11 +1,11 @@
 // ServerPool keeps the list of index servers alive and decides which of them the client logs on to.
 #pragma once
 
+#include <deque>
 #include <memory>
 #include <vector>
 
 #include "app/MessageQ.h"
-#include "i4min/memory/LL.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/ServerList.h"
@@ -51,7 +51,8 @@ class ServerPool {
     void serverFailed(u32 ip);
     void setMainServer(MainServer* server);
     void mainServerGone(MainServer* server);
-    Ref<MainServer> mainServer() const;  // empty where there is none
+    Ref<MainServer> mainServer() const;    // empty where there is none
+    ServerAddress currentAddress() const;  // of the current server, zero where there is none
 
     // Routing.
     void search(const Search& search, bool alternate);        // messages 5 and 6
@@ -62,8 +63,21 @@ class ServerPool {
     void listSourceServers(std::vector<ServerAsk>& out);
     void tick(i32 elapsedMs);
 
-    // The rest of the private part is ServerPool.cpp's owner's to lay out.
   private:
+    // The servers by rating, the best first, are tried one after the other.
+    void fillQueue() REQUIRES(lock_);
+    void tryNextLocked() REQUIRES(lock_);
+    bool connectTo(const ServerAddress& target) REQUIRES(lock_);
+    bool pingDue(ServerMeta& server) REQUIRES(servers_);
+
+    i4_mutex lock_{LockRank::serverPool};
+    bool connecting_ GUARDED_BY(lock_) = false;
+    std::deque<std::unique_ptr<ServerMeta>> queue_ GUARDED_BY(lock_);  // still to be tried
+    u32 extendIndex_ = 0;  // the next server of the list for an extended search; of MessageQ's thread
+    SocketPool* pool_ = nullptr;
+    Ref<ExServerAnnex> annex_;  // set once, before the threads start
+    mutable i4_mutex mainLock_{LockRank::leaf};
+    Ref<MainServer> mainServer_ GUARDED_BY(mainLock_);
     ServerList servers_;
 };
 

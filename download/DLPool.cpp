@@ -1,0 +1,239 @@
+#include "download/DLPool.h"
+
+#include <algorithm>
+
+#include "app/ClientApp.h"
+#include "app/MessageQ.h"
+#include "app/Preferences.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "download/PartialList.h"
+#include "i4min/file/filesystem.h"
+#include "peer/Peer.h"
+#include "peer/RemoteQueueList.h"
+
+namespace {
+
+constexpr u32 turn = 100;               // ms
+constexpr i32 saveEvery = 300'000;      // ms
+constexpr i32 checkDiskEvery = 60'000;  // ms
+constexpr i32 sourcePacing = 500;       // ms
+constexpr u32 idleLimit = 120'000;      // ms after which a silent Peer is closed
+constexpr f32 leastThreshold = 0.5F;    // KB/s
+
+void sayAbout(u32 number, const FileMeta& file) {
+    const char* name = file.getName();
+    theLog->printLine("%s %s.", stringTable.get(number), name ? name : "");
+}
+
+}  // namespace
+
+DLPool::~DLPool() {
+    stop();
+    while (Download* download = downloads_.removeAt(0)) download->release();
+}
+
+void DLPool::start() {
+    lastTick_.get();
+    measureFreeSpace();
+    Thread::start();
+}
+
+template <class Operation>
+void DLPool::forEach(Operation operation) {
+    const i4_guard guard(downloads_);
+    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) operation(*download);
+}
+
+template <class Operation>
+bool DLPool::byPriority(Operation operation) {
+    for (i32 priority = 2; priority >= 0; --priority) {
+        for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+            if (download->priority == priority && operation(*download)) return true;
+        }
+    }
+    return false;
+}
+
+void DLPool::run() {
+    const i4_time now;
+    const i32 elapsed = now.diff(lastTick_);
+    lastTick_ = now;
+    sinceStart_ = std::min(sinceStart_ + elapsed, sourcePacing);
+    updateCanStart();
+    const f32 total = tickDownloads(elapsed);
+    preferences.curDownSpeed = total;
+    if (total > preferences.maxDownSpeed) preferences.maxDownSpeed = total;
+    closeIdlePeers(elapsed);
+    diskTimer_ -= elapsed;
+    if (diskTimer_ < 1) {
+        diskTimer_ = checkDiskEvery;
+        measureFreeSpace();
+        checkDisk();
+    }
+    saveTimer_ -= elapsed;
+    if (saveTimer_ < 1) {
+        saveTimer_ = saveEvery;
+        saveDownloads();
+    }
+    sleepFor(turn);
+}
+
+f32 DLPool::tickDownloads(i32 elapsedMs) {
+    f32 total = 0;
+    const i4_guard guard(downloads_);
+    byPriority([&](Download& download) {
+        download.tick(elapsedMs);
+        total += download.speed;
+        return false;
+    });
+    return total;
+}
+
+void DLPool::closeIdlePeers(i32 elapsedMs) {
+    const i4_guard guard(peers);
+    for (LL<Peer>::Cursor c; Peer* peer = peers.next(c);) {
+        peer->idle.add(static_cast<u32>(elapsedMs));
+        if (peer->idle > idleLimit) peer->close();
+    }
+}
+
+// Whether the line has room for a further source: with a second transfer under way, only while a tenth of it is idle.
+void DLPool::updateCanStart() {
+    const f32 limit = preferences.userMaxDownF != 0
+                          ? preferences.userMaxDownF.get()
+                          : std::max(preferences.maxDownSpeed.get(), preferences.lineDown.get());
+    const f32 threshold = std::max(limit / 10, leastThreshold);
+    const bool room = transferCount <= 1 || limit - preferences.curDownSpeed > threshold;
+    canStart_ = room && sinceStart_ >= sourcePacing ? 1 : 0;
+}
+
+void DLPool::sourceStarted() {
+    sinceStart_ = 0;
+    canStart_ = 0;
+}
+
+void DLPool::saveDownloads() {
+    theLog->printVerbose("Saving downloads.\n");
+    PartialList& partials = clientApp.partials();
+    partials.deleteAll();
+    forEach([&](Download& download) {
+        if (const Ref<PartialFile> partial = download.partialRef()) {
+            partial->saveToList(partials, download.priority, download.isPaused());
+        }
+    });
+    partials.saveToDir(preferences.tempDir().c_str());
+}
+
+void DLPool::measureFreeSpace() {
+    freeSpace_ = std::min(i4_disk_free(preferences.tempDir().c_str()),
+                          i4_disk_free(preferences.incomingDir().c_str()));
+}
+
+void DLPool::add(const FileMeta& meta) {
+    if (findByRecord(meta.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, meta);
+    if (clientApp.shared.find(meta.hash)) return sayAbout(STRINGS_ALREADY_HAVE, meta);
+    const char* name = meta.getName();
+    theLog->printLine("%s: %s", stringTable.get(STRINGS_DOWNLOADING), name ? name : "");
+    FileMeta record;
+    record.copyFrom(&meta);
+    Ref<Download> download(new Download);
+    if (download->create(record)) downloads_.add(download.detach());
+    checkDisk();
+}
+
+void DLPool::loadDownload(const FileMeta& record) {
+    if (findByRecord(record.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
+    Ref<Download> download(new Download);
+    download->load(record);
+    downloads_.add(download.detach());
+}
+
+Ref<Download> DLPool::find(const MD4Hash& hash) {
+    const i4_guard guard(downloads_);
+    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+        if (download->hash() == hash) return Ref<Download>(download);
+    }
+    return {};
+}
+
+Ref<Download> DLPool::findByRecord(const MD4Hash& hash) {
+    const i4_guard guard(downloads_);
+    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+        if (download->partialRef()->getHash() == hash) return Ref<Download>(download);
+    }
+    return {};
+}
+
+void DLPool::remove(const Ref<Download>& download) {
+    if (!download) return;
+    if (downloads_.remove(download.get())) download->release();
+    theUI->downloadRemoved(download.get());
+    messageQ.post(MESSAGE_CHECK_DISK);
+}
+
+void DLPool::stopAll() {
+    while (Download* download = downloads_.removeAt(0)) {
+        download->stop();
+        download->release();
+    }
+}
+
+void DLPool::republish() {
+    forEach([](Download& download) {
+        if (const Ref<PartialFile> partial = download.partialRef()) partial->republish();
+    });
+}
+
+u64 DLPool::checkDisk() {
+    u64 reserved = 0;
+    const i4_guard guard(downloads_);
+    byPriority([&](Download& download) {
+        if (reserved + download.bytesToFill() <= freeSpace_) {
+            reserved += download.diskNeeded();
+            reserved += download.diskFreed();
+        } else {
+            download.diskFull();
+        }
+        return false;
+    });
+    return reserved;
+}
+
+void DLPool::slotGranted(Peer& peer) {
+    bool taken = false;
+    {
+        const i4_guard guard(downloads_);
+        taken = byPriority([&](Download& download) { return download.offerSlot(peer); });
+    }
+    if (!taken) remoteQueueList.release(peer);
+}
+
+void DLPool::slotEnded(Peer& peer) {
+    const i4_guard guard(downloads_);
+    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+        if (download->slotEnded(peer)) return;
+    }
+}
+
+void DLPool::peerConnected(Peer& peer) {
+    forEach([&](Download& download) { download.peerConnected(peer); });
+}
+
+void DLPool::peerGone(Peer& peer) {
+    forEach([&](Download& download) { download.peerGone(peer); });
+}
+
+void DLPool::callbackFailed(u32 serverIp, u32 clientId) {
+    forEach([&](Download& download) { download.callbackFailed(serverIp, clientId); });
+}
+
+void DLPool::connectFailed(u32 ip, u16 port) {
+    forEach([&](Download& download) { download.connectFailed(ip, port); });
+}
+
+void DLPool::idChanged() {
+    forEach([](Download& download) { download.idChanged(); });
+}
+
+i32 DLPool::count() { return static_cast<i32>(downloads_.count()); }

@@ -1,0 +1,78 @@
+#include "download/DLProgress.h"
+
+#include <algorithm>
+
+#include "app/Preferences.h"
+#include "download/PartialFile.h"
+
+namespace {
+
+bool rarerFirst(const GapCounter* a, const GapCounter* b) { return a->count <= b->count; }
+
+}  // namespace
+
+DLProgress::~DLProgress() { deleteAll(partList_); }
+
+void DLProgress::setup(PartialFile& partial) {
+    reset();
+    deleteAll(partList_);
+    GapList here;
+    here.assign(partial);
+    here.invert(partial.fileSize());
+    setSize(partial.fileSize());
+    for (const Gap& range : here.gaps()) addDone(range.start, range.end);
+    for (i64 part = 0; part < partial.getPartCount(); ++part) {
+        const i64 start = part * PARTSIZE;
+        if (partial.overlaps(start, start + PARTSIZE))
+            partList_.add(new GapCounter(start, start + PARTSIZE, 0));
+    }
+    partList_.shuffle();
+}
+
+void DLProgress::addParts(const BoolArray* parts) {
+    if (parts) changeParts(*parts, 1);
+}
+
+void DLProgress::removeParts(const BoolArray* parts) {
+    if (parts) changeParts(*parts, -1);
+}
+
+void DLProgress::changeParts(const BoolArray& parts, i32 delta) {
+    for (i64 part = 0; part < parts.size(); ++part) {
+        if (parts.get(static_cast<i32>(part))) change(part * PARTSIZE, (part + 1) * PARTSIZE, delta);
+    }
+    bool changed = false;
+    for (LL<GapCounter>::Cursor c; GapCounter* part = partList_.next(c);) {
+        if (!parts.get(static_cast<i32>(part->start / PARTSIZE))) continue;
+        part->count = std::max(0, part->count + delta);
+        changed = true;
+    }
+    if (changed) partList_.sort(rarerFirst);
+}
+
+bool DLProgress::pickChunk(const BoolArray* parts, u32& start, u32& end) {
+    if (!parts) return false;
+    for (LL<GapCounter>::Cursor c; const GapCounter* part = partList_.next(c);) {
+        if (!parts->get(static_cast<i32>(part->start / PARTSIZE))) continue;
+        if (findFree(part->start, part->end, start, end)) {
+            addRequested(start, end);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool DLProgress::findFree(i64 partStart, i64 partEnd, u32& start, u32& end) {
+    const i4_guard guard(*this);
+    for (Cursor c; const GapCounter* run = next(c);) {
+        if (run->start >= partEnd) return false;
+        if (run->count >= countRequested) continue;
+        const i64 from = std::max(partStart, run->start);
+        const i64 to = std::min({partEnd, run->end, from + preferences.pSize});
+        if (from >= to) continue;
+        start = static_cast<u32>(from);
+        end = static_cast<u32>(to);
+        return true;
+    }
+    return false;
+}

@@ -1,0 +1,204 @@
+#include "download/DLS_Downloading.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "app/MessageQ.h"
+#include "app/Preferences.h"
+#include "download/DLPool.h"
+#include "download/DLS_States.h"
+#include "download/Download.h"
+#include "download/FileSourceState.h"
+#include "peer/Peer.h"
+#include "server/ServerPool.h"
+
+namespace {
+
+constexpr i32 hashSetEvery = 60'000;        // ms
+constexpr i32 serverListEvery = 1'200'000;  // ms
+constexpr i32 speedSample = 2000;           // ms
+constexpr i32 smallFileChunks = 4;          // a file of that many chunks that moves gets no more sources
+constexpr f32 smallFileSpeed = 1.0F;        // KB/s
+
+}  // namespace
+
+DLS_Downloading::DLS_Downloading(Download& owner)
+    : DownloadState(owner, DL_STATUS_LOOKING), lastTransferred_(owner.partial().transferred()) {
+    serverPool.listSourceServers(servers_);
+}
+
+DLS_Downloading::~DLS_Downloading() { deleteAll(sources_); }
+
+template <class Operation>
+void DLS_Downloading::forEachSource(Operation operation) {
+    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) operation(source->state());
+}
+
+template <class Operation>
+bool DLS_Downloading::untilTrue(Operation operation) {
+    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+        if (operation(source->state())) return true;
+    }
+    return false;
+}
+
+void DLS_Downloading::tick(i32 elapsedMs) {
+    // Nothing is missing: an empty file, or one that was whole when the program ended.
+    if (download.partial().isEmpty()) return finish();
+    updateSpeed(elapsedMs);
+    LL<FileSource>::Cursor before;
+    LL<FileSource>::Cursor at;
+    while (FileSource* source = sources_.next(at)) {
+        if (source->state().tick(elapsedMs)) {
+            before = at;
+        } else {
+            at = before = sources_.removeNext(before);
+            delete source;
+        }
+    }
+    refreshServers(elapsedMs);
+    startMore();
+    askHashSet(elapsedMs);
+}
+
+void DLS_Downloading::askHashSet(i32 elapsedMs) {
+    if (download.partial().partHashesKnown()) return;
+    hashTimer_ += elapsedMs;
+    if (hashTimer_ <= hashSetEvery) return;
+    hashTimer_ = 0;
+    untilTrue([](FileSourceState& state) { return state.askHashSet(); });
+}
+
+// A window in which a failed part took bytes back counts as no progress.
+void DLS_Downloading::updateSpeed(i32 elapsedMs) {
+    speedWindow_ += elapsedMs;
+    if (speedWindow_ <= speedSample) return;
+    const u32 transferred = download.partial().transferred();
+    const i32 delta = static_cast<i32>(transferred - lastTransferred_);
+    samples_[sampleIndex_] = delta > 0 ? static_cast<f32>(delta) / static_cast<f32>(speedWindow_) : 0.0F;
+    sampleIndex_ = (sampleIndex_ + 1) % static_cast<u32>(samples_.size());
+    download.speed =
+        std::accumulate(samples_.begin(), samples_.end(), 0.0F) / static_cast<f32>(samples_.size());
+    speedWindow_ = 0;
+    lastTransferred_ = transferred;
+}
+
+// The server that we have logged on to meanwhile stands at the head and is due at once; the list is made anew every
+// 20 minutes, and what a server's timer says stays.
+void DLS_Downloading::refreshServers(i32 elapsedMs) {
+    for (ServerAsk& server : servers_) server.timer = std::min(server.timer + elapsedMs, 2 * serverListEvery);
+    serverListAge_ += elapsedMs;
+    if (serverListAge_ > serverListEvery) {
+        serverListAge_ = 0;
+        std::vector<ServerAsk> fresh;
+        serverPool.listSourceServers(fresh);
+        for (ServerAsk& server : fresh) {
+            for (const ServerAsk& old : servers_) {
+                if (old.address == server.address) server.timer = old.timer;
+            }
+        }
+        servers_ = std::move(fresh);
+    }
+    const ServerAddress current = serverPool.currentAddress();
+    if (current.ip == 0) return;
+    const auto isCurrent = [&](const ServerAsk& server) { return server.address == current; };
+    if (std::find_if(servers_.begin(), servers_.end(), isCurrent) == servers_.end()) {
+        servers_.insert(servers_.begin(), ServerAsk{current, serverListEvery + 1});
+    }
+}
+
+void DLS_Downloading::startMore() {
+    if (!dlPool.canStart()) return;
+    const i64 small = static_cast<i64>(smallFileChunks) * preferences.pSize;
+    if (download.partial().fileSize() <= small && download.speed >= smallFileSpeed) return;
+    if (untilTrue([](FileSourceState& state) { return state.tryConnect(); })) return dlPool.sourceStarted();
+    for (ServerAsk& server : servers_) {
+        if (server.ask(download.partial().getHash())) return;
+    }
+}
+
+void DLS_Downloading::pause() {
+    forEachSource([](FileSourceState& state) { state.pause(); });
+    messageQ.post(MESSAGE_CHECK_DISK);
+    download.setState(std::make_unique<DLS_Paused>(download));
+}
+
+void DLS_Downloading::cancel() {
+    forEachSource([](FileSourceState& state) { state.drop(); });
+    DownloadState::cancel();
+}
+
+void DLS_Downloading::diskFull() {
+    forEachSource([](FileSourceState& state) { state.diskFull(); });
+    download.setState(std::make_unique<DLS_DiskFull>(download));
+}
+
+void DLS_Downloading::stop() {
+    forEachSource([](FileSourceState& state) { state.stop(); });
+}
+
+void DLS_Downloading::idChanged() {
+    forEachSource([](FileSourceState& state) { state.idChanged(); });
+}
+
+void DLS_Downloading::gotData(i4_ram_file_class& packet, Peer& peer) {
+    u32 start = 0;
+    u32 end = 0;
+    const bool more = download.partial().writeData(packet, start, end);
+    if (!more) return finish();
+    if (download.partial().takeReopened()) {
+        forEachSource([](FileSourceState& state) { state.partReopened(); });
+    }
+    forEachSource([&](FileSourceState& state) { state.gotData(peer); });
+}
+
+void DLS_Downloading::finish() {
+    forEachSource([](FileSourceState& state) { state.complete(); });
+    Download& owner = download;
+    owner.setState(std::make_unique<DLS_Done>(owner, DL_STATUS_COMPLETING));
+    owner.completer().start();
+}
+
+void DLS_Downloading::addSource(const UserMeta& user) {
+    for (LL<FileSource>::Cursor c; const FileSource* source = sources_.next(c);) {
+        if (source->sameUser(user)) return;
+    }
+    sources_.addFront(new FileSource(user, download));
+    sources_.shuffle();
+}
+
+void DLS_Downloading::peerConnected(Peer& peer) {
+    forEachSource([&](FileSourceState& state) { state.peerConnected(peer); });
+}
+
+bool DLS_Downloading::offerSlot(Peer& peer) {
+    return untilTrue([&](FileSourceState& state) { return state.offerSlot(peer); });
+}
+
+bool DLS_Downloading::slotEnded(Peer& peer) {
+    return untilTrue([&](FileSourceState& state) { return state.slotEnded(peer); });
+}
+
+bool DLS_Downloading::gotFileStatus(Peer& peer, const BoolArray& parts) {
+    return untilTrue([&](FileSourceState& state) { return state.gotFileStatus(peer, parts); });
+}
+
+void DLS_Downloading::noSuchFile(Peer& peer) {
+    forEachSource([&](FileSourceState& state) { state.noSuchFile(peer); });
+}
+
+void DLS_Downloading::peerGone(Peer& peer) {
+    forEachSource([&](FileSourceState& state) { state.peerGone(peer); });
+}
+
+void DLS_Downloading::gotFileName(const char* name, Peer& peer) {
+    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) source->gotName(name, peer);
+}
+
+void DLS_Downloading::callbackFailed(u32 serverIp, u32 clientId) {
+    forEachSource([&](FileSourceState& state) { state.callbackFailed(serverIp, clientId); });
+}
+
+void DLS_Downloading::connectFailed(u32 ip, u16 port) {
+    forEachSource([&](FileSourceState& state) { state.connectFailed(ip, port); });
+}

@@ -1,0 +1,231 @@
+#include "download/Download.h"
+
+#include "app/ClientApp.h"
+#include "app/MessageQ.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "download/DLS_States.h"
+#include "download/HashThread.h"
+#include "download/PartialList.h"
+
+void DownloadLock::lock() {
+    i4_rank_push(LockRank::download);
+    semaphore_.wait(0);
+}
+
+// A display's short try is outside of the order of locks: it gives up rather than waits.
+bool DownloadLock::tryLock(u32 ms) { return semaphore_.wait(ms); }
+
+void DownloadLock::unlock() {
+    semaphore_.signal();
+    i4_rank_pop(LockRank::download);
+}
+
+Download::Download() : state_(std::make_unique<DLS_Queued>(*this)) {}
+
+Download::~Download() { completer_.stop(); }
+
+bool Download::create(FileMeta& meta) {
+    const i4_guard guard(lock_);
+    meta.removeTag(TAG_AVAILABILITY);
+    partial_ = Ref<PartialFile>(new PartialFile(this));
+    if (!partial_->create(meta)) {
+        theLog->printLine("%s", stringTable.get(STRINGS_COULDNT_CREATE_TEMP_FILE));
+        return false;
+    }
+    setHash(partial_->getHash());
+    progress_.setup(*partial_);
+    theUI->downloadAdded(this);
+    return true;
+}
+
+void Download::load(const FileMeta& record) {
+    const i4_guard guard(lock_);
+    partial_ = Ref<PartialFile>(new PartialFile(this));
+    i32 recorded = 1;
+    const PartialFile::Load result = partial_->load(record, recorded);
+    priority = recorded;
+    switch (result) {
+        case PartialFile::Load::failed:
+            setState(std::make_unique<DLS_Done>(*this, DL_STATUS_ERROR_LOADING));
+            break;
+        case PartialFile::Load::running:
+            setState(std::make_unique<DLS_Hashing>(*this));
+            break;
+        case PartialFile::Load::paused:
+            setState(std::make_unique<DLS_PausedHashing>(*this));
+            break;
+    }
+    if (result != PartialFile::Load::failed) hashThread.addPartial(Ref<Download>(this));
+    theUI->downloadAdded(this);
+}
+
+void Download::hashingEnded() {
+    const i4_guard guard(lock_);
+    setHash(partial_->getHash());
+    progress_.setup(*partial_);
+    state_->hashDone();
+}
+
+void Download::hashingFailed() {
+    const i4_guard guard(lock_);
+    setState(std::make_unique<DLS_Done>(*this, DL_STATUS_ERROR_HASHING));
+    messageQ.post(MESSAGE_DOWNLOAD_GONE, Ref<Download>(this));
+}
+
+i32 Download::getStatus() {
+    if (!lock_.tryLock(1)) return DL_STATUS_UNREADABLE;
+    const i32 status = state_->status;
+    lock_.unlock();
+    return status;
+}
+
+f32 Download::getAvailability() {
+    const i64 size = partial_ ? partial_->fileSize() : 0;
+    if (size == 0) return 1.0F;
+    i64 without = 0;
+    const i4_guard guard(progress_);
+    for (DLProgress::Cursor c; const GapCounter* run = progress_.next(c);) {
+        if (run->count == 0) without += run->end - run->start;
+    }
+    return static_cast<f32>(size - without) / static_cast<f32>(size);
+}
+
+i32 Download::availabilityPercent() {
+    const f32 percent = getAvailability() * 100.0F;
+    const i32 whole = static_cast<i32>(percent);
+    return percent < 100.0F && whole >= 100 ? 99 : whole;
+}
+
+i4_string Download::getName() const { return partial_ ? partial_->getName() : i4_string(); }
+
+void Download::setState(std::unique_ptr<DownloadState> state) {
+    state_.reset();
+    state_ = std::move(state);
+    paused_ = state_->isPaused() ? 1 : 0;
+}
+
+MD4Hash Download::hash() const {
+    i4_lock guard(hashLock_);
+    return hash_;
+}
+
+void Download::setHash(const MD4Hash& hash) {
+    i4_lock guard(hashLock_);
+    hash_ = hash;
+}
+
+void Download::stop() {
+    completer_.stop();
+    const i4_guard guard(lock_);
+    state_->stop();
+    partial_->saveToList(clientApp.partials(), priority, isPaused());
+    partial_->closeFiles();
+}
+
+void Download::gotHashSet(i4_file& stream) {
+    const i4_guard guard(lock_);
+    partial_->setPartHashes(stream);
+}
+
+// What follows only takes the lock and forwards to the state.
+
+u32 Download::bytesToFill() {
+    const i4_guard guard(lock_);
+    return state_->bytesToFill();
+}
+
+u32 Download::diskNeeded() {
+    const i4_guard guard(lock_);
+    return state_->diskNeeded();
+}
+
+void Download::tick(i32 elapsedMs) {
+    const i4_guard guard(lock_);
+    state_->tick(elapsedMs);
+}
+
+void Download::pause() {
+    const i4_guard guard(lock_);
+    state_->pause();
+}
+
+void Download::resume() {
+    const i4_guard guard(lock_);
+    state_->resume();
+}
+
+void Download::cancel() {
+    const i4_guard guard(lock_);
+    state_->cancel();
+}
+
+void Download::diskFull() {
+    const i4_guard guard(lock_);
+    state_->diskFull();
+}
+
+u32 Download::diskFreed() {
+    const i4_guard guard(lock_);
+    return state_->diskFreed();
+}
+
+void Download::idChanged() {
+    const i4_guard guard(lock_);
+    state_->idChanged();
+}
+
+void Download::addSource(const UserMeta& user) {
+    const i4_guard guard(lock_);
+    state_->addSource(user);
+}
+
+void Download::peerConnected(Peer& peer) {
+    const i4_guard guard(lock_);
+    state_->peerConnected(peer);
+}
+
+bool Download::offerSlot(Peer& peer) {
+    const i4_guard guard(lock_);
+    return state_->offerSlot(peer);
+}
+
+bool Download::slotEnded(Peer& peer) {
+    const i4_guard guard(lock_);
+    return state_->slotEnded(peer);
+}
+
+bool Download::gotFileStatus(Peer& peer, const BoolArray& parts) {
+    const i4_guard guard(lock_);
+    return state_->gotFileStatus(peer, parts);
+}
+
+void Download::noSuchFile(Peer& peer) {
+    const i4_guard guard(lock_);
+    state_->noSuchFile(peer);
+}
+
+void Download::peerGone(Peer& peer) {
+    const i4_guard guard(lock_);
+    state_->peerGone(peer);
+}
+
+void Download::gotFileName(const char* name, Peer& peer) {
+    const i4_guard guard(lock_);
+    state_->gotFileName(name, peer);
+}
+
+void Download::callbackFailed(u32 serverIp, u32 clientId) {
+    const i4_guard guard(lock_);
+    state_->callbackFailed(serverIp, clientId);
+}
+
+void Download::connectFailed(u32 ip, u16 port) {
+    const i4_guard guard(lock_);
+    state_->connectFailed(ip, port);
+}
+
+void Download::gotData(i4_ram_file_class& packet, Peer& peer) {
+    const i4_guard guard(lock_);
+    state_->gotData(packet, peer);
+}

@@ -1,0 +1,168 @@
+#include "download/PartFileNamer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "app/Preferences.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "i4min/file/filesystem.h"
+
+namespace {
+
+constexpr std::size_t longestName = 255;  // bytes
+constexpr std::size_t copyBlock = 1024 * 1024;
+
+// What taking a name for a file came to.
+enum class Take { done, nameTaken, otherFileSystem, failed };
+
+// A descriptor that closes itself.
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (number_ >= 0) ::close(number_);
+    }
+    int get() const { return number_; }
+    explicit operator bool() const { return number_ >= 0; }
+
+  private:
+    const int number_;
+};
+
+Take outcome(int error) {
+    if (error == EEXIST) return Take::nameTaken;
+    return error == EXDEV ? Take::otherFileSystem : Take::failed;
+}
+
+// Gives a file a new path, never in the place of another file.
+Take renameTo(const char* source, const char* target) {
+    if (::renameat2(AT_FDCWD, source, AT_FDCWD, target, RENAME_NOREPLACE) == 0) return Take::done;
+    if (errno != EINVAL && errno != ENOSYS) return outcome(errno);
+    // The file system doesn't know that kind of rename; a link never replaces either.
+    if (::link(source, target) != 0) return outcome(errno);
+    ::unlink(source);
+    return Take::done;
+}
+
+bool copyBytes(int from, int to) {
+    std::vector<char> block(copyBlock);
+    for (;;) {
+        const ssize_t got = ::read(from, block.data(), block.size());
+        if (got == 0) return true;
+        if (got < 0) return false;
+        for (ssize_t done = 0; done < got;) {
+            const ssize_t written = ::write(to, block.data() + done, static_cast<std::size_t>(got - done));
+            if (written <= 0) return false;
+            done += written;
+        }
+    }
+}
+
+bool sameSize(int a, int b) {
+    struct stat first {};
+    struct stat second {};
+    return ::fstat(a, &first) == 0 && ::fstat(b, &second) == 0 && first.st_size == second.st_size;
+}
+
+void syncFolder(const char* path) {
+    const Descriptor folder(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder) ::fsync(folder.get());
+}
+
+// A whole copy of a file in another directory, on the disk but without a name yet.
+class NamelessCopy {
+  public:
+    NamelessCopy(const char* source, const char* directory)
+        : copy_(::open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0777)) {
+        const Descriptor from(::open(source, O_RDONLY | O_CLOEXEC));
+        whole_ = copy_ && from && copyBytes(from.get(), copy_.get()) && ::fsync(copy_.get()) == 0 &&
+                 sameSize(from.get(), copy_.get());
+    }
+    bool isWhole() const { return whole_; }
+    Take nameIt(const char* target) {
+        const std::string self = "/proc/self/fd/" + std::to_string(copy_.get());
+        return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target, AT_SYMLINK_FOLLOW) == 0 ? Take::done
+                                                                                          : outcome(errno);
+    }
+
+  private:
+    const Descriptor copy_;
+    bool whole_ = false;
+};
+
+// name, 2_name, 3_name, ... in the directory, until one can be taken or it fails. `path` is the last one tried.
+template <class TakePath>
+Take takeFreeName(const char* name, const char* directory, i4_string& path, TakePath takePath) {
+    const std::string plain(safeFileName(name).view());
+    for (u32 n = 1;; ++n) {
+        const i4_string tried =
+            n == 1 ? i4_string(plain.c_str()) : safeFileName((std::to_string(n) + "_" + plain).c_str());
+        path.format("%s%c%S", directory, preferences.pathSeparator, &tried);
+        const Take taken = takePath(path.c_str());
+        if (taken != Take::nameTaken) return taken;
+    }
+}
+
+}  // namespace
+
+i4_string safeFileName(const char* name) {
+    std::string text(name ? name : "");
+    const std::size_t component = text.find_last_of("/\\");
+    if (component != std::string::npos) text.erase(0, component + 1);
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '_';
+    }
+    if (text.empty() || text == "." || text == "..") return "_";
+    if (text.size() > longestName) {
+        const std::size_t dot = text.rfind('.');
+        const std::string extension =
+            dot != std::string::npos && text.size() - dot < longestName ? text.substr(dot) : "";
+        std::size_t end = longestName - extension.size();
+        // Not inside a character.
+        while (end > 1 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+        text = text.substr(0, end) + extension;
+    }
+    return text.c_str();
+}
+
+void PartFileNamer::makeTempName(i4_string& out) {
+    i4_lock guard(lock_);
+    const i4_string directory = preferences.tempDir();
+    i4_file_status status;
+    i4_string path;
+    do {
+        ++counter_;
+        path.format("%S%c%u.part", &directory, preferences.pathSeparator, counter_);
+    } while (i4_get_status(path.c_str(), status));
+    out.format("%u.part", counter_);
+}
+
+void PartFileNamer::moveFile(const char* source, const char* name, const char* directory, i4_string& path) {
+    Take taken =
+        takeFreeName(name, directory, path, [&](const char* target) { return renameTo(source, target); });
+    if (taken == Take::otherFileSystem) {
+        NamelessCopy copy(source, directory);
+        taken = Take::failed;
+        if (copy.isWhole()) {
+            taken =
+                takeFreeName(name, directory, path, [&](const char* target) { return copy.nameIt(target); });
+        }
+        if (taken == Take::done) ::unlink(source);
+    }
+    if (taken == Take::done) {
+        syncFolder(directory);
+        return;
+    }
+    theLog->printLine("%s %s %s", source, stringTable.get(STRINGS_COULDNT_BE_MOVED), path.c_str());
+    path = source;
+}

@@ -1,0 +1,90 @@
+#include "download/PartialList.h"
+
+#include <memory>
+
+#include "app/Preferences.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "download/DLPool.h"
+#include "download/PartFileNamer.h"
+#include "i4min/file/buffered_file.h"
+#include "i4min/file/filesystem.h"
+#include "i4min/file/save_file.h"
+#include "i4min/memory/error.h"
+
+namespace {
+
+constexpr u8 metaFileMagic = 0xE0;
+constexpr u32 readBuffer = 64 * 1024;
+constexpr std::string_view extension = ".met";
+
+// A meta file:
+//
+//   offset  bytes  field
+//   0       1      0xE0
+//   1       ...    the record of the file in its disk form, see FileMeta: date 0, hash, part hashes, tags
+//
+// The tags are the file's own and behind them TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE (1 when
+// paused) and the gaps, see PartialFile.cpp.
+enum class ReadResult { whole, foreign, damaged, notOpened };
+
+ReadResult readMetaFile(const char* path, FileMeta& record) {
+    std::unique_ptr<i4_file> file = i4_open_exact(path, I4_FILE_READ);
+    if (!file) return ReadResult::notOpened;
+    i4_buffered_file_class stream(std::move(file), readBuffer, 0);
+    try {
+        if (stream.read_8() != metaFileMagic) return ReadResult::foreign;
+        return record.fromDisk(stream) ? ReadResult::whole : ReadResult::damaged;
+    } catch (const i4_err&) {
+        return ReadResult::damaged;
+    }
+}
+
+}  // namespace
+
+PartialList::~PartialList() { deleteAll(); }
+
+bool PartialList::loadFromDir(const char* directory) {
+    i4_directory_list listing;
+    if (!i4_get_directory(directory, listing, true)) {
+        theLog->printLine("%s: %s", stringTable.get(STRINGS_COULDNT_LOAD_PARTS), directory);
+        return false;
+    }
+    for (std::size_t i = 0; i < listing.files.size(); ++i) {
+        const i4_string& name = listing.files[i];
+        if (name.length() <= extension.size() || !name.view().ends_with(extension)) continue;
+        if (listing.file_status[i].kind != i4_file_kind::regular) continue;
+        i4_string path;
+        path.format("%s%c%S", directory, preferences.pathSeparator, &name);
+        auto record = std::make_unique<FileMeta>();
+        switch (readMetaFile(path.c_str(), *record)) {
+            case ReadResult::whole:
+                add(record.release());
+                break;
+            case ReadResult::damaged:
+                theLog->printLine("Error loading: %s", path.c_str());
+                break;
+            case ReadResult::foreign:
+            case ReadResult::notOpened:
+                break;
+        }
+    }
+    return true;
+}
+
+void PartialList::startDownloads() {
+    for (FileMeta* record : snapshot()) dlPool.loadDownload(*record);
+    deleteAll();
+}
+
+void PartialList::saveToDir(const char* directory) {
+    for (FileMeta* record : snapshot()) {
+        i4_string path;
+        path.format("%s%c%s.met", directory, preferences.pathSeparator, record->getText(TAG_TEMPFILENAME));
+        const bool saved = saveFile(path.c_str(), [&](i4_file& stream) {
+            return stream.write_8(metaFileMagic) == 1 && record->toDisk(stream);
+        });
+        if (!saved) theLog->print("ERROR: partial info not saved: %s", path.c_str());
+    }
+    deleteAll();
+}

@@ -1,0 +1,69 @@
+#include "peer/Call.h"
+
+#include "app/ClientApp.h"
+#include "app/UIInterface.h"
+#include "peer/Peer.h"
+
+Call::Call(const UserMeta& user) {
+    Ref<Peer> peer;
+    const ConnectResult result = clientApp.connectToUser(user, peer);
+    i4_lock guard(lock_);
+    user_.copyFrom(&user);
+    peer_ = std::move(peer);
+    if (result == ConnectResult::peerThere) state_ = CALL_CONNECTED;
+    if (result == ConnectResult::connecting) state_ = CALL_CONNECTING;
+}
+
+// As UserMeta::sameUser, but two unknown hashes count as equal.
+bool Call::isUser(const UserMeta& other) const { return user_.sameUser(&other) || user_.hash == other.hash; }
+
+bool Call::send(const char* text) {
+    i4_lock guard(lock_);
+    if (state_ != CALL_CONNECTED || !peer_) return false;
+    peer_->sendMessage(text);
+    return true;
+}
+
+void Call::copyUser(UserMeta& out) const {
+    i4_lock guard(lock_);
+    out.copyFrom(&user_);
+}
+
+MD4Hash Call::userHash() const {
+    i4_lock guard(lock_);
+    return user_.hash;
+}
+
+void Call::peerConnected(Peer& peer) {
+    UserMeta other;
+    peer.copyUser(other);
+    {
+        i4_lock guard(lock_);
+        if (state_ != CALL_CONNECTING || !isUser(other)) return;
+        state_ = CALL_CONNECTED;
+        peer_ = Ref<Peer>(&peer);
+        user_.copyFrom(&other);
+    }
+    theUI->callOpened(this);
+}
+
+void Call::peerGone(Peer& peer) {
+    {
+        i4_lock guard(lock_);
+        if (peer_.get() != &peer) return;
+        peer_.reset();
+        state_ = CALL_ENDED;
+    }
+    theUI->callMessage(this, "Disconnected.");
+    theUI->callOpened(this);
+}
+
+void Call::refused(const UserMeta& other) {
+    {
+        i4_lock guard(lock_);
+        if (!isUser(other)) return;
+        state_ = CALL_ENDED;
+    }
+    theUI->callMessage(this, "Is not accepting calls.");
+    theUI->callOpened(this);
+}

@@ -1,0 +1,61 @@
+#include "peer/CallList.h"
+
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "peer/FriendList.h"
+
+namespace {
+
+enum CallsAllowed : i32 { everyone = 0, withCall = 1, friendsAndWithCall = 2 };
+
+// Strangers may not fill the memory with calls.
+constexpr std::size_t mostCalls = 1000;
+
+}  // namespace
+
+CallList::~CallList() { deleteAll(list_); }
+
+std::vector<Call*> CallList::calls() {
+    std::vector<Call*> result;
+    const i4_guard guard(list_);
+    for (LL<Call>::Cursor c; Call* call = list_.next(c);) result.push_back(call);
+    return result;
+}
+
+Call* CallList::find(const UserMeta& user) {
+    for (Call* call : calls()) {
+        if (call->userHash() == user.hash) return call;
+    }
+    return nullptr;
+}
+
+Call* CallList::open(const UserMeta& user) {
+    if (Call* known = find(user)) return known;
+    auto* call = new Call(user);
+    list_.add(call);
+    return call;
+}
+
+bool CallList::gotMessage(const UserMeta& user, const char* text) {
+    Call* known = find(user);
+    if (!known) {
+        if (preferences.pmAllow == withCall) return false;
+        if (preferences.pmAllow == friendsAndWithCall && !friendList.find(user.hash)) return false;
+        if (list_.count() >= mostCalls) return false;
+        known = open(user);
+    }
+    theUI->callMessage(known, text);
+    return true;
+}
+
+void CallList::peerConnected(Peer& peer) {
+    for (Call* call : calls()) call->peerConnected(peer);
+}
+
+void CallList::peerGone(Peer& peer) {
+    for (Call* call : calls()) call->peerGone(peer);
+}
+
+void CallList::refused(const UserMeta& user) {
+    for (Call* call : calls()) call->refused(user);
+}

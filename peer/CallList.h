@@ -1,0 +1,28 @@
+// CallList, the chats.
+#pragma once
+
+#include <vector>
+
+#include "i4min/memory/LLsafe.h"
+#include "peer/Call.h"
+
+// Thread: any. Owns its calls, which stay for the life of the process.
+class CallList {
+  public:
+    ~CallList();
+    Call* find(const UserMeta& user);  // by the user hash, null where there is none
+    Call* open(const UserMeta& user);  // found, or made. Message 21
+    // False if the setting pmAllow keeps this user from opening a call.
+    bool gotMessage(const UserMeta& user, const char* text);
+    void peerConnected(Peer& peer);
+    void peerGone(Peer& peer);
+    void refused(const UserMeta& user);
+
+  private:
+    std::vector<Call*> calls();
+
+    // A walk takes the locks of the calls, whose rank is above.
+    LLsafe<Call> list_{LockRank::none};
+};
+
+extern CallList callList;

@@ -1,0 +1,142 @@
+#include "peer/FriendList.h"
+
+#include "app/ClientApp.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "peer/Peer.h"
+
+namespace {
+
+void askPeer(Peer& peer, const char* name) {
+    theLog->printLine("%s %s %s", stringTable.get(STRINGS_ASKING), name ? name : "",
+                      stringTable.get(STRINGS_FOR_FILE_LIST));
+    peer.askSharedFiles();
+}
+
+}  // namespace
+
+FriendList::~FriendList() {
+    deleteAll();
+    files_.deleteAll();
+}
+
+UserMeta* FriendList::findFriend(const UserMeta& user) {
+    for (Cursor c; UserMeta* known = next(c);) {
+        if (known->sameUser(&user)) return known;
+    }
+    return nullptr;
+}
+
+bool FriendList::add(u32 ip, u16 port) {
+    if (ip == 0) return false;
+    UserMeta user;
+    user.id = ip;
+    user.port = port;
+    addFriend(user);
+    return true;
+}
+
+void FriendList::addFriend(const UserMeta& user) {
+    {
+        const i4_guard guard(*this);
+        if (findFriend(user)) return;
+        auto known = std::make_unique<UserMeta>();
+        known->copyFrom(&user);
+        addUnsafe(known.release());
+    }
+    theUI->friendsChanged();
+}
+
+void FriendList::remove(const UserMeta& user) {
+    {
+        const i4_guard guard(*this);
+        const std::unique_ptr<UserMeta> known(findFriend(user));
+        if (!known) return;
+        removeUnsafe(known.get());
+    }
+    theUI->friendsChanged();
+}
+
+void FriendList::setState(const UserMeta& user, u32 state) {
+    const i4_guard guard(*this);
+    if (UserMeta* known = findFriend(user)) known->friendState = state;
+}
+
+void FriendList::askFiles(const UserMeta& user) {
+    {
+        auto asked = std::make_unique<UserMeta>();
+        asked->copyFrom(&user);
+        const i4_guard guard(*this);
+        asked_ = std::move(asked);
+    }
+    if (user.id == 0) {
+        theLog->printLine("Need to look for user. Not yet implemented.");
+        return;
+    }
+    Ref<Peer> peer;
+    switch (clientApp.connectToUser(user, peer)) {
+        case ConnectResult::peerThere:
+            askPeer(*peer, peer->userName().c_str());
+            break;
+        case ConnectResult::connecting:
+            setState(user, FRIEND_WAITING);
+            theLog->printLine("%s", stringTable.get(STRINGS_WAITING_CONNECTION));
+            break;
+        case ConnectResult::neitherReachable:
+            setState(user, FRIEND_UNREACHABLE);
+            theLog->printLine("%s", stringTable.get(STRINGS_CANT_CONNECT_USER));
+            break;
+        case ConnectResult::impossible:
+        case ConnectResult::tooManyConnections:
+            break;
+    }
+}
+
+void FriendList::peerConnected(Peer& peer) {
+    UserMeta user;
+    peer.copyUser(user);
+    bool asks = false;
+    {
+        const i4_guard guard(*this);
+        UserMeta* known = findFriend(user);
+        // Someone who isn't a friend may have been asked, too.
+        asks = asked_ && asked_->sameUser(&user);
+        if (!known && !asks) return;
+        if (known) {
+            known->copyFrom(&user);
+            known->friendState = FRIEND_CONNECTED;
+        }
+    }
+    if (asks) askPeer(peer, user.getName());
+    theUI->friendsChanged();
+}
+
+void FriendList::peerGone(Peer& peer) {
+    UserMeta user;
+    peer.copyUser(user);
+    {
+        const i4_guard guard(*this);
+        UserMeta* known = findFriend(user);
+        if (!known) return;
+        known->friendState = FRIEND_NOT_CONNECTED;
+    }
+    theUI->friendsChanged();
+}
+
+void FriendList::gotFiles(Peer& peer, std::unique_ptr<FileList> list) {
+    UserMeta user;
+    peer.copyUser(user);
+    bool expected = false;
+    {
+        const i4_guard guard(*this);
+        expected = asked_ && asked_->sameUser(&user);
+        if (expected) asked_.reset();
+    }
+    if (expected) {
+        files_.deleteAll();
+        files_.addAll(*list);
+        list->clear();
+        theUI->friendFiles();
+    }
+    list->deleteAll();
+}

@@ -1,0 +1,43 @@
+// FriendList, the saved list of the users whom the user knows.
+#pragma once
+
+#include <memory>
+
+#include "meta/FileList.h"
+#include "meta/UserList.h"
+
+class Peer;
+
+// UserMeta::friendState of a friend.
+enum FriendState : u32 {
+    FRIEND_NOT_CONNECTED = 0,
+    FRIEND_WAITING = 1,
+    FRIEND_CONNECTED = 2,
+    FRIEND_UNREACHABLE = 3,
+};
+
+// friend.met has its records. Thread: any.
+// Owns: its records and the files that a friend told.
+class FriendList : public UserList {
+  public:
+    ~FriendList() override;
+
+    bool add(u32 ip, u16 port);  // false for an ip of 0
+    void addFriend(const UserMeta& user);
+    void remove(const UserMeta& user);
+    void askFiles(const UserMeta& user);  // message 19
+    void peerConnected(Peer& peer);
+    void peerGone(Peer& peer);
+    void gotFiles(Peer& peer, std::unique_ptr<FileList> list);
+    // The shared files of the friend who answered last.
+    FileList& getFiles() { return files_; }
+
+  private:
+    UserMeta* findFriend(const UserMeta& user) REQUIRES(this);
+    void setState(const UserMeta& user, u32 state) EXCLUDES(this);
+
+    FileList files_;
+    std::unique_ptr<UserMeta> asked_ GUARDED_BY(this);  // whose list is awaited, null if nobody's
+};
+
+extern FriendList friendList;

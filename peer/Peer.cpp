@@ -1,0 +1,425 @@
+#include "peer/Peer.h"
+
+#include <memory>
+#include <utility>
+
+#include "app/ClientApp.h"
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "download/DLPool.h"
+#include "i4min/network/socket.h"
+#include "meta/FileList.h"
+#include "meta/address.h"
+#include "peer/CallList.h"
+#include "peer/FriendList.h"
+#include "peer/PeerOpcodes.h"
+#include "peer/UploadPool.h"
+#include "transport/OpcodeTable.h"
+
+namespace {
+
+constexpr u8 helloMark = 16;
+constexpr u32 hashSize = 16;
+constexpr u32 strangerBodyLimit = 64 * 1024;
+constexpr u32 peerBodyLimit = 8 * 1024 * 1024;
+
+// The body behind the opcode; a hash is 16 bytes and names a file, a record is u32 count and tags.
+constexpr Opcode rows[] = {
+    {OP_HELLO, "Hello", Direction::both, 33, Opcode::unbounded},  // u8 16, user, u32 server ip, u16 port
+    {OP_PEER_OUT_OF_DATE, "OutOfDate", Direction::in, 0, Opcode::unbounded},  // not read
+    {OP_FILE_DATA, "FileData", Direction::both, 24, Opcode::unbounded},  // hash, u32 start, u32 end, bytes
+    {OP_REQUEST_PARTS, "RequestParts", Direction::both, 40,
+     Opcode::unbounded},  // hash, 3 u32 starts, 3 u32 ends
+    {OP_NO_SUCH_FILE, "NoSuchFile", Direction::both, 16, Opcode::unbounded},  // hash
+    {OP_STOP_UPLOAD, "StopUpload", Direction::both, 16, Opcode::unbounded},   // hash
+    {OP_GET_SHARED_FILES, "GetSharedFiles", Direction::both, 0, Opcode::unbounded},
+    {OP_SHARED_FILES, "SharedFiles", Direction::both, 4, Opcode::unbounded},  // list of files
+    {OP_HELLO_ANSWER, "HelloAnswer", Direction::both, 32,
+     Opcode::unbounded},                                                      // user; u32 server ip, u16 port
+    {OP_NEW_IDENTITY, "NewIdentity", Direction::both, 8, Opcode::unbounded},  // u32 client id, u32 server ip
+    {OP_CHAT_MESSAGE, "ChatMessage", Direction::both, 2, Opcode::unbounded},  // string
+    {OP_GET_FILE_STATUS, "GetFileStatus", Direction::both, 16, Opcode::unbounded},  // hash
+    {OP_FILE_STATUS, "FileStatus", Direction::both, 18, Opcode::unbounded},         // hash, array
+    {OP_GET_HASH_SET, "GetHashSet", Direction::both, 16, Opcode::unbounded},        // hash
+    {OP_HASH_SET, "HashSet", Direction::both, 18, Opcode::unbounded},  // hash, u16 count, count hashes
+    {OP_CHAT_REFUSED, "ChatRefused", Direction::both, 0, Opcode::unbounded},
+    {OP_REQUEST_SLOT, "RequestSlot", Direction::both, 0, Opcode::unbounded},
+    {OP_SLOT_GRANTED, "SlotGranted", Direction::both, 0, Opcode::unbounded},
+    {OP_RELEASE_SLOT, "ReleaseSlot", Direction::both, 0, Opcode::unbounded},
+    {OP_SLOT_ENDED, "SlotEnded", Direction::both, 0, Opcode::unbounded},
+    {OP_GET_FILE_NAME, "GetFileName", Direction::both, 16, Opcode::unbounded},  // hash
+    {OP_FILE_NAME, "FileName", Direction::both, 18, Opcode::unbounded},         // hash, string
+};
+constexpr OpcodeTable table(rows);
+
+MD4Hash readHash(i4_file& stream) {
+    MD4Hash hash;
+    stream.readAll(hash.bytes.data(), hashSize);
+    return hash;
+}
+
+void writeHash(i4_file& stream, const MD4Hash& hash) { stream.write(hash.bytes.data(), hashSize); }
+
+std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
+    auto packet = std::make_unique<Packet>(payload + 1);
+    packet->stream.write_8(opcode);
+    return packet;
+}
+
+std::unique_ptr<Packet> makePacket(u8 opcode, const MD4Hash& hash, u32 payload = 0) {
+    auto packet = makePacket(opcode, hashSize + payload);
+    writeHash(packet->stream, hash);
+    return packet;
+}
+
+// Our own record and the server that gave us our ID.
+void writeIdentity(i4_file& stream) {
+    preferences.writeSelf(stream);
+    stream.write_32(preferences.serverIp());
+    stream.write_16(preferences.serverPort());
+}
+
+// What we tell of a shared file, copied under the list's lock. Empty where the file isn't shared.
+struct SharedFile {
+    bool found = false;
+    bool complete = false;
+    i4_string name{nullptr};
+    std::vector<MD4Hash> partHashes;
+};
+
+SharedFile findShared(const MD4Hash& hash) {
+    SharedFile result;
+    FileList& shared = clientApp.shared;
+    const i4_guard guard(shared);
+    if (const FileMeta* file = shared.findUnsafe(hash)) {
+        result.found = true;
+        result.complete = !file->path.isNull();
+        result.name = file->getName();
+        result.partHashes = file->partHashes;
+    }
+    return result;
+}
+
+}  // namespace
+
+LLsafe<Peer> peers(LockRank::peers);
+
+Peer::Peer(u32 toId, u16 toPort) : Connection(toId, toPort) {
+    user_.id = toId;
+    user_.port = toPort;
+}
+
+Peer::Peer(std::unique_ptr<i4_socket> accepted, SocketPool* pool) : Connection(std::move(accepted), pool) {}
+Peer::~Peer() = default;
+
+Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted, SocketPool* pool) {
+    return new Peer(std::move(accepted), pool);
+}
+
+const OpcodeTable* Peer::opcodes() const { return &table; }
+u32 Peer::bodyLimit() const { return gotHello_ ? peerBodyLimit : strangerBodyLimit; }
+
+void Peer::connected() {
+    auto packet = makePacket(OP_HELLO, preferences.selfByteSize() + 7);
+    packet->stream.write_8(helloMark);
+    writeIdentity(packet->stream);
+    packet->finish();
+    send(std::move(packet));
+    joinPeers();
+}
+
+void Peer::connectFailed() {
+    const u16 toPort = static_cast<u16>(port.get());
+    dlPool.connectFailed(ip, toPort);
+    uploadPool.connectFailed(ip, toPort);
+    Connection::connectFailed();
+}
+
+// A connection that never received a message has, for the others, never existed.
+void Peer::gone() {
+    peers.remove(this);
+    if (!gotFirst) return;
+    uploadPool.peerGone(*this);
+    dlPool.peerGone(*this);
+    friendList.peerGone(*this);
+    callList.peerGone(*this);
+}
+
+void Peer::joinPeers() {
+    const i4_guard guard(peers);
+    if (!peers.contains(this)) peers.addUnsafe(this);
+}
+
+bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
+    idle = 1;
+    switch (opcode) {
+        case OP_HELLO:
+            return gotHello(stream);
+        case OP_PEER_OUT_OF_DATE:
+            theLog->printLine("Either your client or one you are connected to is out of date.");
+            return true;
+        case OP_FILE_DATA:
+            return forDownload(stream, [&](Download& file) { file.gotData(stream, *this); });
+        case OP_REQUEST_PARTS:
+            uploadPool.gotPartRequest(stream, *this);
+            return true;
+        case OP_NO_SUCH_FILE:
+            return forDownload(stream, [&](Download& file) { file.noSuchFile(*this); });
+        case OP_STOP_UPLOAD:
+            uploadPool.stopUpload(readHash(stream), *this);
+            return true;
+        case OP_GET_SHARED_FILES:
+            return tellSharedFiles();
+        case OP_SHARED_FILES:
+            return gotSharedFiles(stream);
+        case OP_HELLO_ANSWER:
+            return gotHelloAnswer(stream);
+        case OP_NEW_IDENTITY:
+            return gotNewIdentity(stream);
+        case OP_CHAT_MESSAGE:
+            return gotChatMessage(stream);
+        case OP_GET_FILE_STATUS:
+            return tellFileStatus(readHash(stream));
+        case OP_FILE_STATUS:
+            return gotFileStatus(stream);
+        case OP_GET_HASH_SET:
+            return tellHashSet(readHash(stream));
+        case OP_HASH_SET:
+            return forDownload(stream, [&](Download& file) { file.gotHashSet(stream); });
+        case OP_CHAT_REFUSED:
+            return gotChatRefused();
+        case OP_REQUEST_SLOT:
+            uploadPool.gotSlotRequest(*this);
+            return true;
+        case OP_SLOT_GRANTED:
+            dlPool.slotGranted(*this);
+            return true;
+        case OP_RELEASE_SLOT:
+            uploadPool.peerGone(*this);
+            return true;
+        case OP_SLOT_ENDED:
+            dlPool.slotEnded(*this);
+            return true;
+        case OP_GET_FILE_NAME:
+            return tellFileName(readHash(stream));
+        case OP_FILE_NAME:
+            return forDownload(stream,
+                               [&](Download& file) { file.gotFileName(i4_string(stream).c_str(), *this); });
+        default:
+            return Connection::handleMessage(opcode, stream);
+    }
+}
+
+// Reads the hash and acts on the download of that file; what is left of the message is dropped where there is none.
+template <class Act>
+bool Peer::forDownload(i4_file& stream, Act act) {
+    if (const Ref<Download> download = dlPool.find(readHash(stream))) act(*download);
+    return true;
+}
+
+// Reads who is on the other side: record, server. False where that can't be read.
+bool Peer::readUser(i4_file& stream) {
+    UserMeta user;
+    if (!user.fromNetwork(stream)) return false;
+    user.serverIp = stream.read_32();
+    user.serverPort = stream.read_16();
+    {
+        i4_lock guard(userLock_);
+        user_.copyFrom(&user);
+    }
+    setIdentity(user.id);
+    gotHello_ = true;
+    return true;
+}
+
+// An ID of 0 means the address of the socket.
+void Peer::setIdentity(u32 id) {
+    const u32 known = id != 0 ? id : remoteIp();
+    {
+        i4_lock guard(userLock_);
+        user_.id = known;
+    }
+    setIp(known);
+}
+
+bool Peer::gotHello(i4_file& stream) {
+    if (stream.read_8() != helloMark || !readUser(stream)) return false;
+    auto packet = makePacket(OP_HELLO_ANSWER, preferences.selfByteSize() + 6);
+    writeIdentity(packet->stream);
+    packet->finish();
+    send(std::move(packet));
+    joinPeers();
+    dlPool.peerConnected(*this);
+    friendList.peerConnected(*this);
+    uploadPool.gotCall(*this);
+    return true;
+}
+
+bool Peer::gotHelloAnswer(i4_file& stream) {
+    if (!readUser(stream)) return false;
+    dlPool.peerConnected(*this);
+    friendList.peerConnected(*this);
+    callList.peerConnected(*this);
+    uploadPool.gotCall(*this);
+    return true;
+}
+
+bool Peer::gotNewIdentity(i4_file& stream) {
+    const u32 id = stream.read_32();
+    const u32 server = stream.read_32();
+    {
+        i4_lock guard(userLock_);
+        user_.serverIp = server;
+    }
+    setIdentity(id);
+    dlPool.peerConnected(*this);
+    friendList.peerConnected(*this);
+    callList.peerConnected(*this);
+    return true;
+}
+
+bool Peer::tellSharedFiles() {
+    auto packet = makePacket(OP_SHARED_FILES, clientApp.shared.byteSize());
+    clientApp.shared.toNetwork(packet->stream);
+    packet->finish();
+    send(std::move(packet));
+    return true;
+}
+
+bool Peer::gotSharedFiles(i4_file& stream) {
+    auto list = std::make_unique<FileList>();
+    if (!list->fromNetwork(stream)) {
+        list->deleteAll();
+        return false;
+    }
+    friendList.gotFiles(*this, std::move(list));
+    return true;
+}
+
+bool Peer::gotChatMessage(i4_file& stream) {
+    const i4_string text(stream);
+    UserMeta user;
+    copyUser(user);
+    if (!callList.gotMessage(user, text.c_str())) send(makePacket(OP_CHAT_REFUSED, 0));
+    return true;
+}
+
+bool Peer::gotChatRefused() {
+    UserMeta user;
+    copyUser(user);
+    callList.refused(user);
+    return true;
+}
+
+bool Peer::tellFileStatus(const MD4Hash& hash) {
+    const SharedFile file = findShared(hash);
+    if (!file.found) {
+        noSuchFile(hash);
+        return true;
+    }
+    // An empty array says that all is here.
+    BoolArray parts;
+    if (!file.complete) {
+        if (const Ref<Download> download = dlPool.find(hash)) download->partial().copyPartsDone(parts);
+    }
+    auto packet = makePacket(OP_FILE_STATUS, hash, parts.byteSize());
+    parts.write(packet->stream);
+    packet->finish();
+    send(std::move(packet));
+    return true;
+}
+
+bool Peer::gotFileStatus(i4_file& stream) {
+    const MD4Hash hash = readHash(stream);
+    BoolArray parts;
+    parts.read(stream);
+    const Ref<Download> download = dlPool.find(hash);
+    if (!download) return true;
+    if (parts.size() == 0) {
+        parts.setSize(static_cast<i32>(download->partial().getPartCount()));
+        parts.setAll(true);
+    }
+    download->gotFileStatus(*this, parts);
+    return true;
+}
+
+bool Peer::tellHashSet(const MD4Hash& hash) {
+    const SharedFile file = findShared(hash);
+    if (!file.found) {
+        noSuchFile(hash);
+        return true;
+    }
+    FileMeta record;
+    record.partHashes = file.partHashes;
+    auto packet = makePacket(OP_HASH_SET, hash, record.partHashesSize());
+    record.writePartHashes(packet->stream);
+    send(std::move(packet));
+    return true;
+}
+
+bool Peer::tellFileName(const MD4Hash& hash) {
+    const SharedFile file = findShared(hash);
+    if (!file.found) return true;
+    auto packet = makePacket(OP_FILE_NAME, hash, static_cast<u32>(2 + file.name.length()));
+    file.name.write(packet->stream);
+    send(std::move(packet));
+    return true;
+}
+
+void Peer::requestParts(const MD4Hash& file, const u32 (&starts)[3], const u32 (&ends)[3]) {
+    auto packet = makePacket(OP_REQUEST_PARTS, file, 24);
+    for (const u32 start : starts) packet->stream.write_32(start);
+    for (const u32 end : ends) packet->stream.write_32(end);
+    send(std::move(packet));
+}
+
+void Peer::noSuchFile(const MD4Hash& file) { send(makePacket(OP_NO_SUCH_FILE, file)); }
+void Peer::stopUpload(const MD4Hash& file) { send(makePacket(OP_STOP_UPLOAD, file)); }
+void Peer::askSharedFiles() { send(makePacket(OP_GET_SHARED_FILES, 0)); }
+
+void Peer::sendIdentity() {
+    auto packet = makePacket(OP_NEW_IDENTITY, 8);
+    packet->stream.write_32(preferences.clientId());
+    packet->stream.write_32(preferences.serverIp());
+    send(std::move(packet));
+}
+
+void Peer::sendMessage(const char* text) {
+    idle = 1;
+    auto packet = makePacket(OP_CHAT_MESSAGE, static_cast<u32>(2 + i4_strlen(text)));
+    i4_write_string(packet->stream, text);
+    send(std::move(packet));
+}
+
+bool Peer::askFileStatus(const MD4Hash& file, u32 fileSize) {
+    if (fileSize <= PARTSIZE) return false;
+    send(makePacket(OP_GET_FILE_STATUS, file));
+    return true;
+}
+
+void Peer::askHashSet(const MD4Hash& file) { send(makePacket(OP_GET_HASH_SET, file)); }
+void Peer::requestSlot() { send(makePacket(OP_REQUEST_SLOT, 0)); }
+void Peer::grantSlot() { send(makePacket(OP_SLOT_GRANTED, 0)); }
+void Peer::releaseSlot() { send(makePacket(OP_RELEASE_SLOT, 0)); }
+void Peer::endSlot() { send(makePacket(OP_SLOT_ENDED, 0)); }
+void Peer::askFileName(const MD4Hash& file) { send(makePacket(OP_GET_FILE_NAME, file)); }
+
+void Peer::copyUser(UserMeta& out) const {
+    i4_lock guard(userLock_);
+    out.copyFrom(&user_);
+}
+
+bool Peer::sameUser(const UserMeta& user) const {
+    i4_lock guard(userLock_);
+    return user_.sameUser(&user);
+}
+
+i4_string Peer::userName() const {
+    i4_lock guard(userLock_);
+    return user_.getName();
+}
+
+MD4Hash Peer::userHash() const {
+    i4_lock guard(userLock_);
+    return user_.hash;
+}

@@ -1,0 +1,80 @@
+// Peer, a TCP connection to another client, in either direction.
+#pragma once
+
+#include "i4min/memory/LLsafe.h"
+#include "i4min/memory/relaxed.h"
+#include "meta/BoolArray.h"
+#include "meta/MD4Hash.h"
+#include "meta/UserMeta.h"
+#include "transport/Connection.h"
+
+// Each message is handed to DLPool, UploadPool, FriendList or the call list, and through them to their states; a Peer
+// itself remembers who is on the other side. peer/Peer.cpp has the table of the messages.
+// Thread: handlers on the socket pool's; the sending operations on any.
+class Peer : public Connection {
+  public:
+    Peer(u32 toId, u16 toPort);                                   // an outgoing connection
+    Peer(std::unique_ptr<i4_socket> accepted, SocketPool* pool);  // one that came in
+    ~Peer() override;
+
+    bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
+    Connection* spawn(std::unique_ptr<i4_socket> accepted, SocketPool* pool) override;
+    void connected() override;  // hello, and joins `peers`
+    void connectFailed() override;
+    i4_string getText() override { return userName(); }
+
+    // Requests; each queues one packet.
+    void requestParts(const MD4Hash& file, const u32 (&starts)[3], const u32 (&ends)[3]);
+    void noSuchFile(const MD4Hash& file);
+    void stopUpload(const MD4Hash& file);
+    void askSharedFiles();
+    void sendIdentity();
+    void sendMessage(const char* text);
+    // False, and nothing sent, for a file of at most one part's bytes: its status is known from its presence.
+    bool askFileStatus(const MD4Hash& file, u32 fileSize);
+    void askHashSet(const MD4Hash& file);
+    void requestSlot();
+    void grantSlot();
+    void releaseSlot();
+    void endSlot();
+    void askFileName(const MD4Hash& file);
+
+    // Who is on the other side, as the hello told. Thread: any.
+    void copyUser(UserMeta& out) const EXCLUDES(userLock_);
+    bool sameUser(const UserMeta& user) const EXCLUDES(userLock_);
+    i4_string userName() const EXCLUDES(userLock_);
+    MD4Hash userHash() const EXCLUDES(userLock_);
+
+    Relaxed<u32> idle{1};  // ms since the connection last did something
+
+  protected:
+    void gone() override;
+    u32 bodyLimit() const override;
+    const OpcodeTable* opcodes() const override;
+
+  private:
+    void joinPeers();
+    bool readUser(i4_file& stream);
+    void setIdentity(u32 id);
+    template <class Act>
+    bool forDownload(i4_file& stream, Act act);
+    bool gotHello(i4_file& stream);
+    bool gotHelloAnswer(i4_file& stream);
+    bool gotNewIdentity(i4_file& stream);
+    bool gotSharedFiles(i4_file& stream);
+    bool gotChatMessage(i4_file& stream);
+    bool gotChatRefused();
+    bool gotFileStatus(i4_file& stream);
+    bool tellSharedFiles();
+    bool tellFileStatus(const MD4Hash& hash);
+    bool tellHashSet(const MD4Hash& hash);
+    bool tellFileName(const MD4Hash& hash);
+
+    bool gotHello_ = false;  // of the pool's thread
+    mutable i4_mutex userLock_{LockRank::leaf};
+    UserMeta user_ GUARDED_BY(userLock_);
+};
+
+// The live connections to other clients. An entry is valid while the lock is held; whoever keeps it longer takes a
+// reference under the lock.
+extern LLsafe<Peer> peers;

@@ -1,0 +1,75 @@
+#include "peer/RemoteQueueList.h"
+
+#include "i4min/threads/linux/i4_time.h"
+#include "meta/UserMeta.h"
+#include "meta/address.h"
+#include "peer/Peer.h"
+
+namespace {
+
+constexpr u32 remembered = 1'800'000;  // ms
+
+// The first entry for which `matches` holds, null if there is none. With the list locked.
+template <class Matches>
+UserMeta* findEntry(const LL<UserMeta>& entries, Matches matches) {
+    for (LL<UserMeta>::Cursor c; UserMeta* entry = entries.next(c);) {
+        if (matches(*entry)) return entry;
+    }
+    return nullptr;
+}
+
+template <class Matches>
+void removeEntry(LLsafe<UserMeta>& entries, Matches matches) {
+    const i4_guard guard(entries);
+    UserMeta* entry = findEntry(entries, matches);
+    if (!entry) return;
+    entries.removeUnsafe(entry);
+    delete entry;
+}
+
+}  // namespace
+
+RemoteQueueList::~RemoteQueueList() { clear(); }
+
+void RemoteQueueList::note(Peer& peer) {
+    peer.requestSlot();
+    UserMeta user;
+    peer.copyUser(user);
+    const i4_guard guard(entries_);
+    UserMeta* entry = findEntry(entries_, [&](const UserMeta& other) { return other.hash == user.hash; });
+    if (!entry) {
+        entry = new UserMeta;
+        entry->copyFrom(&user);
+        entries_.addUnsafe(entry);
+    }
+    entry->stamp = i4_ticks();
+}
+
+bool RemoteQueueList::isWaiting(const UserMeta& user) {
+    if (isLowId(user.id)) return false;
+    const i4_guard guard(entries_);
+    const UserMeta* entry = findEntry(
+        entries_, [&](const UserMeta& other) { return other.id == user.id && other.port == user.port; });
+    return entry && i4_ticks() - entry->stamp < remembered;
+}
+
+void RemoteQueueList::release(Peer& peer) {
+    const MD4Hash hash = peer.userHash();
+    removeEntry(entries_, [&](const UserMeta& other) { return other.hash == hash; });
+    peer.releaseSlot();
+}
+
+void RemoteQueueList::forget(u32 serverIp, u32 clientId) {
+    removeEntry(entries_,
+                [&](const UserMeta& other) { return other.serverIp == serverIp && other.id == clientId; });
+}
+
+void RemoteQueueList::forgetAddress(u32 ip, u16 port) {
+    removeEntry(entries_, [&](const UserMeta& other) { return other.id == ip && other.port == port; });
+}
+
+void RemoteQueueList::clear() {
+    const i4_guard guard(entries_);
+    for (LL<UserMeta>::Cursor c; const UserMeta* entry = entries_.next(c);) delete entry;
+    entries_.clearUnsafe();
+}

@@ -1,0 +1,107 @@
+#include "peer/Upload.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "app/UIInterface.h"
+#include "i4min/memory/error.h"
+#include "peer/Peer.h"
+#include "peer/PeerOpcodes.h"
+#include "peer/UploadPacket.h"
+#include "peer/UploadPool.h"
+
+namespace {
+
+constexpr u32 dataHead = 25;       // opcode, hash, start, end
+constexpr i32 speedSample = 2000;  // ms
+constexpr f32 basePacket = 10'240.0F;
+
+// A peer that goes on to another part has had its turn, if others wait.
+bool otherPart(u32 a, u32 b) { return a / PARTSIZE != b / PARTSIZE; }
+
+}  // namespace
+
+Upload::Upload(std::unique_ptr<i4_file> file, Peer& peer, const char* name, const MD4Hash& hash)
+    : file_(std::move(file)), name_(name), peer_(&peer), hash_(hash), userHash_(peer.userHash()) {
+    theLog->printLine("New Upload");
+}
+
+Upload::~Upload() { theLog->printLine("~Upload"); }
+
+bool Upload::isPeer(const Peer& other) const { return peer_.get() == &other; }
+Peer& Upload::peer() const { return *peer_; }
+
+bool Upload::readData(u8* buffer, u32 length) {
+    try {
+        if (file_->seek(position_) != position_) return false;
+        file_->readAll(buffer, length);
+        return true;
+    } catch (const i4_err&) {
+        return false;
+    }
+}
+
+void Upload::updateSpeed(i32 elapsedMs) {
+    speedClock_ += elapsedMs;
+    if (speedClock_ <= speedSample) return;
+    const u32 sent = bytesSent;
+    speeds_[speedIndex_] = static_cast<f32>(sent - lastBytes_) / static_cast<f32>(speedClock_);
+    speedIndex_ = (speedIndex_ + 1) % static_cast<u32>(speeds_.size());
+    speed = std::accumulate(speeds_.begin(), speeds_.end(), 0.0F) / 8.0F;
+    speedClock_ = 0;
+    lastBytes_ = sent;
+    packetSize_ = static_cast<u32>((speed / 100.0F + 1.0F) * basePacket);
+}
+
+void Upload::setRanges(const u32 (&starts)[3], const u32 (&ends)[3]) {
+    if (bytesSent != 0 && otherPart(ranges_[0].start, starts[0])) uploadPool.markReplaceable(*this);
+    for (std::size_t i = 0; i < ranges_.size(); ++i) {
+        ranges_[i] = starts[i] < ends[i] ? Range{starts[i], ends[i]} : Range{};
+    }
+    // A range that was just sent in full and that the request only repeats goes; so do empty ones in front of
+    // others, which would end the transfer.
+    if (last_ != Range{}) {
+        const auto repeated = std::find(ranges_.begin(), ranges_.end(), last_);
+        if (repeated != ranges_.end()) *repeated = {};
+    }
+    std::stable_partition(ranges_.begin(), ranges_.end(),
+                          [](const Range& range) { return range != Range{}; });
+    if (position_ <= ranges_[0].start || position_ >= ranges_[0].end) position_ = ranges_[0].start;
+}
+
+void Upload::sendNext() {
+    if (ranges_[0].end == position_ || stopped_ != 0) {
+        uploadPool.endUpload(*this);
+        return;
+    }
+    if (ranges_[0].end < position_) {
+        theLog->printVerbose("Crazy packet\n");
+        return;
+    }
+    const u32 length = std::min(ranges_[0].end - position_, packetSize_.get());
+    auto packet = std::make_unique<UploadPacket>(dataHead + length, *this);
+    i4_ram_file_class& body = packet->stream;
+    body.write_8(OP_FILE_DATA);
+    body.write(hash_.bytes.data(), static_cast<u32>(hash_.bytes.size()));
+    body.write_32(position_);
+    body.write_32(position_ + length);
+    if (!readData(body.here(), length)) {
+        uploadPool.endUpload(*this);
+        return;
+    }
+    position_ += length;
+    peer_->send(std::move(packet));
+    peer_->idle = 1;
+    if (position_ >= ranges_[0].end) finishRange();
+}
+
+void Upload::finishRange() {
+    if (otherPart(ranges_[0].start, ranges_[1].start)) uploadPool.markReplaceable(*this);
+    last_ = ranges_[0];
+    std::move(ranges_.begin() + 1, ranges_.end(), ranges_.begin());
+    ranges_.back() = {};
+    position_ = ranges_[0].start;
+}
+
+i4_string Upload::getPeerName() const { return peer_->userName(); }
+void Upload::copyPeerUser(UserMeta& out) const { peer_->copyUser(out); }

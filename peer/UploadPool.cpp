@@ -1,0 +1,285 @@
+#include "peer/UploadPool.h"
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "i4min/threads/linux/i4_time.h"
+#include "meta/UserMeta.h"
+#include "peer/Peer.h"
+#include "peer/Upload.h"
+#include "peer/UploadSlot.h"
+
+namespace {
+
+constexpr u32 queueMemory = 2'699'999;  // ms after which a user who didn't ask again is forgotten
+constexpr i32 queueLimit = 50;          // users who wait, but for those who had an upload
+constexpr i32 assignEvery = 30'000;     // ms
+constexpr f32 speedOfTransfer = 3.0F;   // KB/s that a new transfer wants
+constexpr f32 transferShare = 6.0F;     // KB/s of the line for each transfer that always runs
+constexpr u32 leastTransfers = 2;
+
+std::unique_ptr<UserMeta> copyOf(const UserMeta& user) {
+    auto copy = std::make_unique<UserMeta>();
+    copy->copyFrom(&user);
+    return copy;
+}
+
+// The first element for which `matches` holds, null if there is none.
+template <class T, class Matches>
+T* findIn(const LL<T>& list, Matches matches) {
+    for (typename LL<T>::Cursor c; T* element = list.next(c);) {
+        if (matches(*element)) return element;
+    }
+    return nullptr;
+}
+
+const char* textOf(const char* text) { return text ? text : ""; }
+
+}  // namespace
+
+bool SlotRule::canStart() const {
+    const f32 spare = capacity - used - 0.1F * capacity;
+    const u32 always = std::max(leastTransfers, static_cast<u32>(std::max(0.0F, capacity / transferShare)));
+    return active < always || speedOfTransfer * static_cast<f32>(slots + 1) < spare;
+}
+
+UploadPool::~UploadPool() { clear(); }
+
+bool UploadPool::canStartSlot() const {
+    const f32 limit = preferences.userMaxUpF;
+    SlotRule rule{limit != 0 ? limit : preferences.maxUpSpeed.get(), preferences.curUpSpeed, slots_.count(),
+                  0};
+    for (LL<Upload>::Cursor c; const Upload* upload = replaceable_.next(c);) rule.used -= upload->speed;
+    rule.active = rule.slots + uploads_.count() - replaceable_.count();
+    return rule.canStart();
+}
+
+UploadSlot* UploadPool::slotOf(const MD4Hash& user) const {
+    return findIn(slots_, [&](const UploadSlot& slot) { return slot.getUser().hash == user; });
+}
+
+UploadSlot* UploadPool::slotOf(const Peer& peer) const {
+    const MD4Hash hash = peer.userHash();
+    if (!hash.isZero()) return slotOf(hash);
+    return findIn(slots_, [&](const UploadSlot& slot) { return peer.sameUser(slot.getUser()); });
+}
+
+void UploadPool::addSlot(const UserMeta& user) {
+    auto* slot = new UploadSlot(user);
+    slots_.add(slot);
+    slot->tellPeer();
+    theUI->slotAdded(slot, textOf(slot->getName()));
+}
+
+void UploadPool::removeSlot(UploadSlot* slot) {
+    slots_.remove(slot);
+    theUI->slotRemoved(slot);
+    delete slot;
+}
+
+void UploadPool::assignSlots() {
+    if (!canStartSlot()) return;
+    while (const std::unique_ptr<UserMeta> user{queue_.removeAt(0)}) {
+        --queueLength_;
+        if (i4_ticks() - user->getInt(TAG_QTIME) > queueMemory) continue;
+        addSlot(*user);
+        return;
+    }
+}
+
+void UploadPool::gotSlotRequest(Peer& peer) {
+    UserMeta user;
+    peer.copyUser(user);
+    i4_lock guard(lock_);
+    if (findIn(uploads_, [&](const Upload& upload) { return upload.isPeer(peer); }) || slotOf(peer)) return;
+    UserMeta* waiting = findIn(queue_, [&](const UserMeta& other) { return other.hash == user.hash; });
+    if (canStartSlot()) {
+        if (waiting) {
+            queue_.remove(waiting);
+            delete waiting;
+            --queueLength_;
+        }
+        addSlot(user);
+    } else if (queueLength_ < queueLimit) {
+        if (waiting) {
+            waiting->setInt(TAG_QTIME, i4_ticks());
+        } else {
+            enqueue(user);
+        }
+    }
+}
+
+void UploadPool::enqueue(const UserMeta& user) {
+    std::unique_ptr<UserMeta> entry = copyOf(user);
+    entry->setInt(TAG_QTIME, i4_ticks());
+    queue_.add(entry.release());
+    ++queueLength_;
+}
+
+void UploadPool::gotCall(Peer& peer) {
+    i4_lock guard(lock_);
+    if (!slotOf(peer)) return;
+    peer.grantSlot();
+    theLog->printVerbose("UploadPool::gotCall(%s)\n", textOf(peer.getText().c_str()));
+}
+
+void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
+    MD4Hash hash;
+    stream.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    u32 starts[3];
+    u32 ends[3];
+    for (u32& start : starts) start = stream.read_32();
+    for (u32& end : ends) end = stream.read_32();
+    bool isNew = false;
+    const Ref<Upload> upload = uploadFor(hash, peer, isNew);
+    if (!upload) return;
+    upload->setRanges(starts, ends);
+    if (isNew) upload->sendNext();
+}
+
+// The running transfer of that file to that peer, or a new one in the place of the peer's slot. Empty where the peer
+// has neither, or there is no such file, which it is told.
+Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) {
+    Ref<Upload> upload;
+    {
+        i4_lock guard(lock_);
+        if (Upload* running = findUpload(hash, peer)) return Ref<Upload>(running);
+        UploadSlot* slot = slotOf(peer);
+        if (!slot) {
+            theLog->printVerbose("Invalid upload request\n");
+            return {};
+        }
+        upload = slot->makeUpload(hash, peer);
+        if (upload) {
+            replaceOldest();
+            // Ending one may have given the slot's place away, but not the slot itself.
+            removeSlot(slot);
+            theUI->uploadAdded(upload.get());
+            upload->addRef();
+            uploads_.add(upload.get());
+            isNew = true;
+        }
+    }
+    if (!upload) peer.noSuchFile(hash);
+    return upload;
+}
+
+Upload* UploadPool::findUpload(const MD4Hash& hash, const Peer& peer) const {
+    return findIn(uploads_,
+                  [&](const Upload& upload) { return upload.hash() == hash && upload.isPeer(peer); });
+}
+
+// A new transfer takes the place of the oldest that may be ended.
+void UploadPool::replaceOldest() {
+    Upload* oldest = replaceable_.first();
+    if (!oldest) return;
+    theLog->printVerbose("Queueing: %s\n", textOf(oldest->peer().getText().c_str()));
+    endLocked(*oldest);
+}
+
+void UploadPool::endUpload(Upload& upload) {
+    i4_lock guard(lock_);
+    endLocked(upload);
+}
+
+// A user who has had a turn stands in line again, at the end.
+void UploadPool::endLocked(Upload& upload) {
+    upload.stop();
+    const Ref<Upload> keep(&upload);
+    if (!removeUpload(upload)) return;
+    upload.peer().endSlot();
+    UserMeta user;
+    upload.copyPeerUser(user);
+    enqueue(user);
+    theUI->uploadRemoved(&upload);
+    assignSlots();
+}
+
+bool UploadPool::removeUpload(Upload& upload) {
+    replaceable_.remove(&upload);
+    if (!uploads_.remove(&upload)) return false;
+    upload.release();
+    return true;
+}
+
+void UploadPool::markReplaceable(Upload& upload) {
+    i4_lock guard(lock_);
+    if (!queue_.isEmpty() && uploads_.contains(&upload)) replaceable_.addUnique(&upload);
+}
+
+void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
+    theLog->printVerbose("UploadPool::stopUpload(%s)\n", textOf(peer.getText().c_str()));
+    i4_lock guard(lock_);
+    if (Upload* upload = findUpload(hash, peer)) endLocked(*upload);
+}
+
+// The user goes away, and not to the queue.
+void UploadPool::peerGone(Peer& peer) {
+    i4_lock guard(lock_);
+    bool changed = false;
+    if (UploadSlot* slot = slotOf(peer)) {
+        removeSlot(slot);
+        changed = true;
+    }
+    while (Upload* upload = findIn(uploads_, [&](const Upload& other) { return other.isPeer(peer); })) {
+        const Ref<Upload> keep(upload);
+        upload->stop();
+        removeUpload(*upload);
+        theUI->uploadRemoved(upload);
+        changed = true;
+    }
+    if (changed) assignSlots();
+}
+
+void UploadPool::connectFailed(u32 ip, u16 port) {
+    i4_lock guard(lock_);
+    dropSlot(findIn(slots_, [&](const UploadSlot& slot) {
+        return slot.getUser().id == ip && slot.getUser().port == port;
+    }));
+}
+
+void UploadPool::callbackFailed(u32 serverIp, u32 clientId) {
+    i4_lock guard(lock_);
+    dropSlot(findIn(slots_, [&](const UploadSlot& slot) {
+        return slot.getUser().id == clientId && slot.getUser().serverIp == serverIp;
+    }));
+}
+
+void UploadPool::dropSlot(UploadSlot* slot) {
+    if (!slot) return;
+    removeSlot(slot);
+    assignSlots();
+}
+
+void UploadPool::tick(i32 elapsedMs) {
+    i4_lock guard(lock_);
+    std::vector<UploadSlot*> over;
+    for (LL<UploadSlot>::Cursor c; UploadSlot* slot = slots_.next(c);) {
+        if (!slot->tick(elapsedMs)) over.push_back(slot);
+    }
+    for (UploadSlot* slot : over) removeSlot(slot);
+    assignTimer_ += elapsedMs;
+    f32 total = 0;
+    for (LL<Upload>::Cursor c; Upload* upload = uploads_.next(c);) {
+        upload->updateSpeed(elapsedMs);
+        total += upload->speed;
+    }
+    preferences.curUpSpeed = total;
+    if (total > preferences.maxUpSpeed) preferences.maxUpSpeed = total;
+    if (!over.empty() || assignTimer_ > assignEvery) {
+        assignSlots();
+        assignTimer_ = 0;
+    }
+}
+
+void UploadPool::clear() {
+    i4_lock guard(lock_);
+    while (Upload* upload = uploads_.removeAt(0)) upload->release();
+    deleteAll(queue_);
+    deleteAll(slots_);
+    replaceable_.clear();
+    queueLength_ = 0;
+}

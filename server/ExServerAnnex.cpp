@@ -1,0 +1,142 @@
+// Datagrams, each 0xE3, u8 opcode and the body:
+//
+//   out  150 ServerPing               u32 time stamp
+//        152 ExtendedSearch           tree
+//        154 ExtendedGetSources       16 bytes file hash
+//        156 ExtendedCallback         u32 own client ID, u16 own door port, u32 client ID of the user to call
+//        157 ExtendedAlternateSearch  tree
+//   in   151 ServerPingAnswer         u32 time stamp as sent, u32 users, u32 files
+//        153 ExtendedResult           one file record
+//        155 ExtendedFoundSources     16 bytes file hash, u8 count, count times u32 client ID, u16 port
+//        158 ExtendedCallbackFailed   u32 client ID
+#include "server/ExServerAnnex.h"
+
+#include <memory>
+
+#include "app/ClientApp.h"
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "download/DLPool.h"
+#include "i4min/network/protocol.h"
+#include "i4min/threads/linux/i4_time.h"
+#include "meta/FileMeta.h"
+#include "meta/UserMeta.h"
+#include "peer/UploadPool.h"
+#include "server/Search.h"
+#include "server/ServerPool.h"
+#include "transport/UDPPacket.h"
+
+namespace {
+
+constexpr u32 udpPortOffset = 4;
+
+enum UdpOpcode : u8 {
+    UDP_SERVER_PING = 150,
+    UDP_SERVER_PING_ANSWER = 151,
+    UDP_EXTENDED_SEARCH = 152,
+    UDP_EXTENDED_RESULT = 153,
+    UDP_GET_SOURCES = 154,
+    UDP_FOUND_SOURCES = 155,
+    UDP_CALLBACK = 156,
+    UDP_ALTERNATE_SEARCH = 157,
+    UDP_CALLBACK_FAILED = 158,
+};
+
+std::unique_ptr<UDPPacket> makeDatagram(u8 opcode, u32 payload, const ServerAddress& server) {
+    auto packet = std::make_unique<UDPPacket>(payload + 1, server.ip, server.port + udpPortOffset);
+    packet->stream.write_8(opcode);
+    return packet;
+}
+
+}  // namespace
+
+void ExServerAnnex::ping(const ServerAddress& server) {
+    auto packet = makeDatagram(UDP_SERVER_PING, 4, server);
+    packet->stream.write_32(i4_ticks());
+    send(std::move(packet));
+}
+
+void ExServerAnnex::sendTree(u8 opcode, const Search& search, const ServerAddress& server) {
+    auto packet = makeDatagram(opcode, search.byteSize(), server);
+    search.toBytes(packet->stream);
+    send(std::move(packet));
+}
+
+void ExServerAnnex::sendSearch(const Search& search, const ServerAddress& server) {
+    sendTree(UDP_EXTENDED_SEARCH, search, server);
+}
+
+void ExServerAnnex::sendAlternateSearch(const Search& search, const ServerAddress& server) {
+    sendTree(UDP_ALTERNATE_SEARCH, search, server);
+}
+
+void ExServerAnnex::findSources(const MD4Hash& hash, const ServerAddress& server) {
+    auto packet = makeDatagram(UDP_GET_SOURCES, 16, server);
+    packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    send(std::move(packet));
+}
+
+void ExServerAnnex::requestCallback(u32 clientId, const ServerAddress& server) {
+    auto packet = makeDatagram(UDP_CALLBACK, 10, server);
+    packet->stream.write_32(preferences.clientId());
+    packet->stream.write_16(static_cast<u16>(preferences.doorPort.get()));
+    packet->stream.write_32(clientId);
+    send(std::move(packet));
+}
+
+void ExServerAnnex::handleDatagram() {
+    if (buffer_.read_8() != Packet::marker) return;
+    const ServerAddress server{ipOfAddress(*from_), static_cast<u16>(from_->get_port() - udpPortOffset)};
+    const u8 opcode = buffer_.read_8();
+    switch (opcode) {
+        case UDP_SERVER_PING_ANSWER:
+            gotPing(server);
+            break;
+        case UDP_EXTENDED_RESULT:
+            gotResult();
+            break;
+        case UDP_FOUND_SOURCES:
+            gotSources(server);
+            break;
+        case UDP_CALLBACK_FAILED:
+            gotCallbackFailed(server);
+            break;
+        default:
+            theLog->printVerbose("ExServer Unknown Msg: %d\n", opcode);
+            break;
+    }
+}
+
+void ExServerAnnex::gotPing(const ServerAddress& server) {
+    const u32 stamp = buffer_.read_32();
+    const u32 users = buffer_.read_32();
+    const u32 files = buffer_.read_32();
+    serverPool.gotPing(server.ip, server.port, static_cast<i32>(i4_ticks() - stamp), users, files);
+}
+
+void ExServerAnnex::gotResult() {
+    auto file = std::make_unique<FileMeta>();
+    if (file->fromNetwork(buffer_)) clientApp.gotResult(file.release());
+}
+
+// The sources remember the server that named them: a callback request for one goes by UDP to that very server.
+void ExServerAnnex::gotSources(const ServerAddress& server) {
+    MD4Hash hash;
+    buffer_.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    const Ref<Download> download = dlPool.find(hash);
+    if (!download) return;
+    for (u32 count = buffer_.read_8(); count > 0; --count) {
+        UserMeta user;
+        user.id = buffer_.read_32();
+        user.port = buffer_.read_16();
+        user.serverIp = server.ip;
+        user.serverPort = server.port;
+        download->addSource(user);
+    }
+}
+
+void ExServerAnnex::gotCallbackFailed(const ServerAddress& server) {
+    const u32 id = buffer_.read_32();
+    dlPool.callbackFailed(server.ip, id);
+    uploadPool.callbackFailed(server.ip, id);
+}

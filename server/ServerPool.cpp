@@ -1,0 +1,336 @@
+#include "server/ServerPool.h"
+
+#include "app/ClientApp.h"
+#include "app/Preferences.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "meta/address.h"
+#include "server/ExServerAnnex.h"
+#include "server/MainServer.h"
+#include "server/Search.h"
+#include "transport/ConnectRegistry.h"
+
+namespace {
+
+constexpr u32 pingEvery = 1'800'000;  // ms; an entry at this value is due at the next tick
+constexpr u32 mostSilentPings = 5;    // with one more unanswered, a server is dead at the next
+constexpr u32 prefHigh = 1;
+constexpr std::size_t mostToTry = 6000;
+
+bool byRating(const Meta* a, const Meta* b) {
+    return static_cast<const ServerMeta*>(a)->rating >= static_cast<const ServerMeta*>(b)->rating;
+}
+
+ServerAddress addressOf(const ServerMeta& server) { return {server.ip, static_cast<u16>(server.port)}; }
+
+ServerAddress addressOf(const MainServer& server) { return {server.ip, static_cast<u16>(server.port.get())}; }
+
+void say(u32 number) { theLog->printLine("%s", stringTable.get(number)); }
+
+}  // namespace
+
+bool ServerAsk::ask(const MD4Hash& hash) {
+    if (timer <= 1'200'000 || !serverPool.findSources(address, hash)) return false;
+    timer = 0;
+    return true;
+}
+
+ServerPool::ServerPool() = default;
+ServerPool::~ServerPool() { servers_.deleteAll(); }
+
+bool ServerPool::addServer(u32 ip, u16 port) {
+    if (ip == 0 || port == 0) return false;
+    auto server = std::make_unique<ServerMeta>();
+    server->ip = ip;
+    server->port = port;
+    server->idleTime = pingEvery;
+    if (!servers_.addIfNew(server.get())) static_cast<void>(server.release());
+    return true;
+}
+
+void ServerPool::removeServer(u32 ip, u16 port) {
+    const i4_guard guard(servers_);
+    std::unique_ptr<ServerMeta> server(servers_.find(ip, port));
+    if (server) servers_.removeUnsafe(server.get());
+}
+
+// New tags come in, and what we know of the server by ourselves stays.
+void ServerPool::gotServerInfo(const ServerMeta& server) {
+    const i4_guard guard(servers_);
+    if (ServerMeta* entry = servers_.find(server.ip, server.port)) {
+        const i32 ping = entry->ping;
+        const u32 history = entry->history;
+        const u32 pref = entry->pref;
+        const u32 idleTime = entry->idleTime;
+        const u32 users = entry->getUsers();
+        const u32 files = entry->getFiles();
+        entry->copyFrom(&server);
+        entry->setPref(pref);
+        entry->setPing(ping);
+        entry->setCounts(users, files);
+        entry->history = history;
+        entry->idleTime = idleTime;
+        return;
+    }
+    auto added = std::make_unique<ServerMeta>();
+    added->copyFrom(&server);
+    servers_.addUnsafe(added.release());
+}
+
+void ServerPool::gotPing(u32 ip, u16 port, i32 ping, u32 users, u32 files) {
+    const i4_guard guard(servers_);
+    ServerMeta* server = servers_.find(ip, port);
+    if (!server) return;
+    // A server that answers within the same millisecond is rated too.
+    server->setPing(std::max(2, ping));
+    server->setCounts(users, files);
+}
+
+void ServerPool::load(const char* path) {
+    servers_.loadOrSetAside(path);
+    const i4_guard guard(servers_);
+    for (ServerList::Cursor c; ServerMeta* server = servers_.next(c);) server->idleTime = pingEvery;
+}
+
+void ServerPool::merge(const char* path) {
+    ServerList read(LockRank::none);
+    read.load(path);
+    for (ServerMeta* server : read.snapshot()) {
+        server->idleTime = pingEvery;
+        if (servers_.addIfNew(server)) delete server;
+    }
+}
+
+void ServerPool::setSocketPool(SocketPool* pool) {
+    pool_ = pool;
+    annex_ = Ref<ExServerAnnex>(new ExServerAnnex(pool));
+    annex_->open();
+}
+
+void ServerPool::connect(const ServerAddress* target) {
+    i4_lock guard(lock_);
+    if (target) {
+        if (connectTo(*target)) tryNextLocked();
+    } else if (mainServer()) {
+        say(STRINGS_ALREADY_CONNECTED);
+    } else if (connecting_) {
+        say(STRINGS_ALREADY_TRYING_CONNECT);
+    } else {
+        fillQueue();
+        tryNextLocked();
+    }
+}
+
+// Makes the target the only one to try. False, and said, where there is nothing to do.
+bool ServerPool::connectTo(const ServerAddress& target) {
+    if (connecting_) {
+        say(STRINGS_ALREADY_TRYING_CONNECT);
+        return false;
+    }
+    if (const Ref<MainServer> current = mainServer()) {
+        if (addressOf(*current) == target) {
+            say(STRINGS_ALREADY_CONNECTED_TO);
+            return false;
+        }
+        current->close();
+        mainServerGone(current.get());
+    }
+    auto entry = std::make_unique<ServerMeta>();
+    entry->ip = target.ip;
+    entry->port = target.port;
+    {
+        const i4_guard list(servers_);
+        if (const ServerMeta* known = servers_.find(target.ip, target.port)) entry->copyFrom(known);
+    }
+    queue_.clear();
+    queue_.push_back(std::move(entry));
+    return true;
+}
+
+void ServerPool::fillQueue() {
+    queue_.clear();
+    const i4_guard list(servers_);
+    servers_.sortUnsafe(byRating);
+    for (ServerList::Cursor c; const ServerMeta* server = servers_.next(c);) {
+        if (queue_.size() == mostToTry) break;
+        auto copy = std::make_unique<ServerMeta>();
+        copy->copyFrom(server);
+        queue_.push_back(std::move(copy));
+    }
+}
+
+void ServerPool::disconnect() {
+    if (const Ref<MainServer> current = mainServer()) current->close();
+    stopTrying();
+}
+
+void ServerPool::tryNext() {
+    i4_lock guard(lock_);
+    tryNextLocked();
+}
+
+void ServerPool::tryNextLocked() {
+    if (queue_.empty()) {
+        connecting_ = false;
+        return;
+    }
+    const std::unique_ptr<ServerMeta> entry = std::move(queue_.front());
+    queue_.pop_front();
+    i4_string name;
+    theLog->printLine("%s %s ....", stringTable.get(STRINGS_CONNECTING_TO), entry->getName(name));
+    if (connectRegistry.connect(pool_, Ref<Connection>(new MainServer(*entry)))) {
+        connecting_ = true;
+    } else {
+        // The attempt that is pending moves things on when it ends.
+        say(STRINGS_ALREADY_TRYING_THIS_CONNECT);
+    }
+}
+
+void ServerPool::stopTrying() {
+    i4_lock guard(lock_);
+    connecting_ = false;
+    queue_.clear();
+}
+
+void ServerPool::serverFailed(u32 ip) {
+    i4_lock guard(lock_);
+    if (!connecting_) return;
+    theLog->printLine("%s: %s", stringTable.get(STRINGS_CANT_CONNECT_TO), ipToString(ip).c_str());
+    messageQ.post(MESSAGE_TRY_NEXT_SERVER);
+}
+
+void ServerPool::setMainServer(MainServer* server) {
+    Ref<MainServer> next(server);
+    i4_lock guard(mainLock_);
+    std::swap(mainServer_, next);
+}
+
+void ServerPool::mainServerGone(MainServer* server) {
+    Ref<MainServer> old;
+    {
+        i4_lock guard(mainLock_);
+        if (mainServer_.get() != server) return;
+        std::swap(mainServer_, old);
+    }
+    theUI->disconnected();
+    clientApp.clearPublished();
+}
+
+Ref<MainServer> ServerPool::mainServer() const {
+    i4_lock guard(mainLock_);
+    return mainServer_;
+}
+
+ServerAddress ServerPool::currentAddress() const {
+    const Ref<MainServer> server = mainServer();
+    return server ? addressOf(*server) : ServerAddress{};
+}
+
+void ServerPool::search(const Search& search, bool alternate) {
+    const Ref<MainServer> server = mainServer();
+    if (!server) return say(STRINGS_NOT_CONNECTED);
+    if (alternate) {
+        server->sendAlternateSearch(search);
+    } else {
+        server->sendSearch(search);
+    }
+    extendIndex_ = 0;
+}
+
+void ServerPool::moreResults() {
+    if (const Ref<MainServer> server = mainServer()) {
+        server->moreResults();
+    } else {
+        say(STRINGS_NOT_CONNECTED);
+    }
+}
+
+void ServerPool::extendSearch(const Search& search, bool alternate) {
+    const Ref<MainServer> current = mainServer();
+    if (!current) return;
+    ServerAddress address{};
+    i4_string name;
+    {
+        const i4_guard list(servers_);
+        u32 place = 0;
+        ServerList::Cursor c;
+        const ServerMeta* server = servers_.next(c);
+        while (server && (place < extendIndex_ || addressOf(*server) == addressOf(*current))) {
+            server = servers_.next(c);
+            ++place;
+        }
+        extendIndex_ = place;
+        if (server) {
+            address = addressOf(*server);
+            server->getName(name);
+        }
+    }
+    if (address.ip == 0) return say(STRINGS_NO_MORE_EXTEND);
+    if (alternate) {
+        annex_->sendAlternateSearch(search, address);
+    } else {
+        annex_->sendSearch(search, address);
+    }
+    ++extendIndex_;
+    theUI->extending(name.c_str());
+}
+
+bool ServerPool::findSources(const ServerAddress& address, const MD4Hash& hash) {
+    const Ref<MainServer> server = mainServer();
+    if (!server) return false;
+    if (addressOf(*server) == address) {
+        server->requestSources(hash);
+    } else {
+        annex_->findSources(hash, address);
+    }
+    return true;
+}
+
+bool ServerPool::requestCallback(u32 serverIp, u16 serverPort, u32 clientId) {
+    const Ref<MainServer> server = mainServer();
+    if (!server) return false;
+    const ServerAddress address{serverIp, serverPort};
+    if (addressOf(*server) == address) {
+        server->requestCallback(clientId);
+    } else {
+        annex_->requestCallback(clientId, address);
+    }
+    return true;
+}
+
+void ServerPool::listSourceServers(std::vector<ServerAsk>& out) {
+    const Ref<MainServer> current = mainServer();
+    if (current) out.push_back({addressOf(*current)});
+    const i4_guard list(servers_);
+    servers_.sortUnsafe(byRating);
+    for (ServerList::Cursor c; const ServerMeta* server = servers_.next(c);) {
+        if (current && addressOf(*server) == addressOf(*current)) continue;
+        if (server->history == 0) out.push_back({addressOf(*server)});
+    }
+}
+
+void ServerPool::tick(i32 elapsedMs) {
+    const i4_guard list(servers_);
+    for (ServerList::Cursor c; ServerMeta* server = servers_.next(c);) {
+        server->idleTime += static_cast<u32>(elapsedMs);
+        if (server->idleTime <= pingEvery) continue;
+        if (!pingDue(*server)) {
+            // The walk ends with the first dead server: others wait for the next turn.
+            servers_.removeUnsafe(server);
+            delete server;
+            return;
+        }
+    }
+}
+
+// False for a server that is dead.
+bool ServerPool::pingDue(ServerMeta& server) {
+    if (preferences.servRemove != 0 && server.history > mostSilentPings && server.pref != prefHigh)
+        return false;
+    server.idleTime = 0;
+    ++server.history;
+    server.setPing(0);
+    server.setCounts(0, 0);
+    if (annex_) annex_->ping(addressOf(server));
+    return true;
+}
