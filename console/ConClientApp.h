@@ -1,12 +1,32 @@
 // ConClientApp, the console front end: the commands, and what the console shows.
 #pragma once
 
-#include "console/Servant.h"
+#include <atomic>
 
-// Thread: as Servant.
+#include "console/Servant.h"
+#include "download/Download.h"
+#include "i4min/memory/LLsafe.h"
+#include "i4min/memory/relaxed.h"
+#include "meta/FileList.h"
+#include "peer/Upload.h"
+
+class Collection;
+
+// Thread: as Servant; CLUI fills the lists from any.
+// Owns: the results, and one reference on each download and upload.
 class ConClientApp : public Servant {
   public:
     ConClientApp();
+    ~ConClientApp() override;
+
+    Relaxed<u32> serverFiles;  // as the server told last, 0 when not connected
+    Relaxed<u32> serverUsers;
+    LLsafe<Download> downloads{LockRank::uiList};
+    LLsafe<Upload> uploads{LockRank::uiList};
+    FileList results;
+    // A user interface that offers collections sets it; the console has no command that does.
+    std::atomic<Collection*> selectedCollection{nullptr};
+    Relaxed<i32> testNumber;  // what `test #` stored
 };
 
 extern ConClientApp conClientApp;

@@ -2,11 +2,15 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "i4min/memory/LL.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/string/string.h"
 
+class Meta;
+class MetaList;
 class Servant;
 
 // A comma separates arguments just as a blank does, and a quote is no quoting: it is a separator.
@@ -54,6 +58,12 @@ class Servant : public LL<ServantCommand> {
     void dispatch(const char* line);
     // Asks on the console; true if the answer begins with y or Y.
     bool confirm(const char* question);
+
+    // Tables of records. The columns are the tags of the record that the header was printed from.
+    using Keys = std::vector<std::string>;
+    void printHeader(const Meta* record, Keys& keys);
+    void printRow(const Meta* record, const Keys& keys, u32 index);
+    void printList(MetaList* list);
 
     i4_string prompt;
     Relaxed<u8> running{1};

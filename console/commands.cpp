@@ -1,6 +1,9 @@
 #include "console/commands.h"
 
-#include "console/Servant.h"
+#include <cstdlib>
+
+#include "app/UIInterface.h"
+#include "console/ConClientApp.h"
 
 namespace {
 
@@ -8,17 +11,140 @@ void quit(Servant& servant, char*) {
     if (servant.confirm("Are you sure you want to exit")) servant.running = 0;
 }
 
+void nothing(Servant&, char*) {}
+
 struct Row {
     const char* name;
     ServantCommand::Handler handler;
 };
 
 constexpr Row table[] = {
+    {"?", showHelp},
+    {"a", shareDirectory},
+    {"a+", shareTree},
+    {"n", addServer},
     {"q", quit},
+    {"vr", viewResults},
+    {"vm", viewServers},
+    {"vd", viewDownloads},
+    {"vu", viewUploads},
+    {"vs", viewSharedDirectories},
+    {"vc", nothing},
+    {"vf", viewSharedFiles},
+    {"vp", viewConnections},
+    {"vq", viewQueue},
+    {"u", unshareDirectory},
+    {"b", removeServer},
+    {"c", connectToServer},
+    {"d", downloadResult},
+    {"m", changeDownload},
+    {"s", search},
+    {"xs", extendSearch},
+    {"t", nothing},
+    {"p", downloadPart},
+    {"pass", setController},
+    {"dumax", setLimits},
+    {"auto", setAutoConnect},
+    {"name", setName},
+    {"verbose", setVerbose},
+    {"port", setPort},
+    {"aport", setControllerPort},
+    {"temp", setTempDirectory},
+    {"in", setIncomingDirectory},
+    {"line", setLineSpeed},
+    {"vo", viewOptions},
+    {"g", viewServerState},
+    {"x", disconnectFromServer},
+    {"space", viewDiskSpace},
+    {"lang", setLanguage},
+    {"save", setSaveCorrupted},
+    {"asr", setRemoveServers},
+    {"mcon", setMaxConnections},
+    {"dllink", downloadLink},
+    {"test", runTests},
+};
+
+constexpr const char* help[] = {
+    "Commands: (optional arguments)",
+    "add new server: n servername",
+    "\tExample: n 192.0.2.34",
+    "b # : remove server",
+    "\tExample: b 2",
+    "connect: c (#) [# is the number displayed in the server view]",
+    "\tExample: c",
+    "\tExample: c 2",
+    "search: s searchstring (-searchtype[Audio, Video, Image, Pro, Doc, Col ])",
+    "\tExample: s fat day -Audio",
+    "view results: vr",
+    "extend search: xs",
+    "space: show space available and the amount of space needed by downloads",
+    "download: d # ",
+    "\tExample: d 5",
+    "view downloads: vd",
+    "change download: m # [option] [# is the number displayed in the download view]",
+    "\toptions: c -cancel the download",
+    "\toptions: p -pause the download",
+    "\toptions: r -resume the download",
+    "\toptions: l -change download priority to low",
+    "\toptions: n -change download priority to normal",
+    "\toptions: h -change download priority to high",
+    "\toptions: v -view the details of the download",
+    "g\t\t: get server stats",
+    "name [desired name]\t: change your user name",
+    "temp [dirname]\t: sets the temp directory.",
+    "in [dirname]\t: sets the incoming directory.",
+    "lang [string table name]\t: changes the string table used.",
+    "dumax # #\t: sets the maximum download and upload bandwidth.(in KB/sec)",
+    "line #\t: Sets the maximum possible download speed of your line.(in KB/sec)",
+    "auto (-)\t: sets auto connect on or off(-).",
+    "save (-)\t: sets 'save corrupted complete downloads' on or off(-).",
+    "asr (-)\t: sets 'automatically remove dead servers' on or off(-).",
+    "mcon #\t: sets max. number of connections from peers allowed to your machine.",
+    "dllink\t: starts a download from an tnwk-link - usage:",
+    "dllink tnwk://|file|<filename>|<size in bytes>|<hash>|",
+    "pass (name password)\t: sets the name and password to allow a remote controller",
+    "\t\t\t of this client. If name ans password are left blank then the username",
+    "\t\t\t and password are cleared and no remote control is allowed.",
+    "\tExample: pass kit kitpass",
+    "verbose (-)\t: sets debugging messages on or off(-).",
+    "port #\t: sets the port that you listen for other clients on. Takes effect upon restart.",
+    "aport #\t: sets the port that you listen for controllers on. Takes effect upon restart.",
+    "vo\tview options",
+    "vu\tView Uploads",
+    "vq\tView Upload Queue",
+    "vm\tview servers",
+    "vf\tview shared files",
+    "vs\tview shared directories",
+    "vp\tview connections to other clients",
+    "a dirname\t:add shared directory.",
+    "\tExample: a usr/movies",
+    "a+ dirname\t:add shared directory include subdirectories",
+    "\tExample: a+ c:\\program files",
+    "unshared directory: u # ",
+    "\tExample: u 7",
+    "disconnect: x",
+    "quit: q",
+    "\nhttps://tarnwick.example",
 };
 
 }  // namespace
 
 void addCommands(Servant& servant) {
     for (const Row& row : table) servant.addCommand(row.name, row.handler);
+}
+
+void showHelp(Servant&, char*) {
+    for (const char* line : help) theLog->printLine("%s", line);
+}
+
+std::optional<i32> numberArgument(char* line) {
+    Tokens tokens(line);
+    tokens.next();
+    const char* number = tokens.next();
+    return number ? std::optional<i32>(i4_atoi(number)) : std::nullopt;
+}
+
+std::optional<u16> listPlace(std::optional<i32> number) {
+    if (!number || *number < 1 || *number > 0xFFFF) return std::nullopt;
+    return static_cast<u16>(*number - 1);
 }

@@ -1,0 +1,125 @@
+// The commands for downloads.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "app/MessageQ.h"
+#include "app/UIInterface.h"
+#include "console/ConClientApp.h"
+#include "console/commands.h"
+#include "download/Collection.h"
+
+namespace {
+
+// A copy of the record at a place of the list, for a message of its own. Null where there is none.
+std::shared_ptr<FileMeta> copyAt(FileList& list, std::optional<u16> place) {
+    if (!place) return nullptr;
+    const i4_guard guard(list);
+    u16 index = 0;
+    for (FileList::Cursor c; const FileMeta* file = list.next(c); ++index) {
+        if (index != *place) continue;
+        auto copy = std::make_shared<FileMeta>();
+        copy->copyFrom(file);
+        return copy;
+    }
+    return nullptr;
+}
+
+Ref<Download> downloadAt(u16 place) {
+    LLsafe<Download>& downloads = conClientApp.downloads;
+    const i4_guard guard(downloads);
+    return Ref<Download>(downloads.getAtUnsafe(place));
+}
+
+}  // namespace
+
+void downloadResult(Servant&, char* line) {
+    if (auto file = copyAt(conClientApp.results, listPlace(numberArgument(line)))) {
+        messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    } else {
+        theLog->printLine("Invalid Result number\n");
+    }
+}
+
+// tnwk://|file|NAME|SIZE|HASH|; whatever stands before "|file|" is ignored.
+void downloadLink(Servant&, char* line) {
+    const char* fields = std::strstr(line, "|file|");
+    if (!fields) return;
+    char name[256];
+    char sizeText[21];
+    char hashText[256];
+    errno = 0;
+    const bool read =
+        std::sscanf(fields, "|file|%255[^|]|%20[0-9]|%255[0-9a-fA-F]", name, sizeText, hashText) == 3;
+    const unsigned long long size = read ? std::strtoull(sizeText, nullptr, 10) : 0;
+    if (!read || errno != 0 || size > std::numeric_limits<u32>::max()) {
+        theLog->printLine("This is not a valid tnwk-link. see help screen for format required.");
+        return;
+    }
+    auto file = std::make_shared<FileMeta>();
+    file->setName(name);
+    file->setInt(TAG_SIZE, static_cast<u32>(size));
+    if (!file->hash.fromText(hashText)) {
+        theLog->printLine("Invalid hash in tnwk-link.");
+        return;
+    }
+    messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+}
+
+void downloadPart(Servant&, char* line) {
+    Collection* collection = conClientApp.selectedCollection;
+    const std::optional<i32> number = numberArgument(line);
+    if (!collection || !number) {
+        theLog->printLine("No Collection selected.\n");
+        return;
+    }
+    auto file = copyAt(*collection, listPlace(number));
+    if (!file) {
+        theLog->printLine("Invalid Part number.\n");
+        return;
+    }
+    const i4_string name(file->getName());
+    messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    theLog->printLine("Downloading: %s\n", name.isNull() ? "" : name.c_str());
+}
+
+void changeDownload(Servant&, char* line) {
+    Tokens tokens(line);
+    tokens.next();
+    const char* number = tokens.next();
+    const char* option = tokens.next();
+    if (!number || !option) return;
+    const i32 counted = i4_atoi(number);
+    if (counted == 0) {
+        theLog->printLine("Invalid Download number.\n");
+        return;
+    }
+    const std::optional<u16> place = listPlace(counted);
+    const Ref<Download> download = place ? downloadAt(*place) : Ref<Download>();
+    if (!download) return;
+    switch (option[0]) {
+        case 'c':
+            messageQ.post(MESSAGE_CANCEL, download);
+            break;
+        case 'p':
+            messageQ.post(MESSAGE_PAUSE, download);
+            break;
+        case 'r':
+            messageQ.post(MESSAGE_RESUME, download);
+            break;
+        case 'l':
+            download->priority = 0;
+            break;
+        case 'n':
+            download->priority = 1;
+            break;
+        case 'h':
+            download->priority = 2;
+            break;
+        default:
+            break;
+    }
+}

@@ -1,0 +1,102 @@
+// The commands for servers and searches.
+#include <string>
+
+#include "app/ClientApp.h"
+#include "app/MessageQ.h"
+#include "app/StringTable.h"
+#include "app/UIInterface.h"
+#include "console/Servant.h"
+#include "console/commands.h"
+#include "meta/address.h"
+#include "server/Search.h"
+#include "server/ServerPool.h"
+
+namespace {
+
+constexpr i32 defaultServerPort = 4661;
+constexpr std::size_t longestSearch = 49;  // bytes
+constexpr int mostSearchTokens = 4;
+
+// The address of the server at a place of the list. Empty where there is none.
+std::optional<ServerAddress> serverAt(std::optional<u16> place) {
+    if (!place) return std::nullopt;
+    ServerList& servers = serverPool.servers();
+    const i4_guard guard(servers);
+    u16 index = 0;
+    for (ServerList::Cursor c; const ServerMeta* server = servers.next(c); ++index) {
+        if (index == *place) return ServerAddress{server->ip, static_cast<u16>(server->port)};
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+void addServer(Servant&, char* line) {
+    Tokens tokens(line);
+    tokens.next();
+    const char* address = tokens.next();
+    const char* portText = tokens.next();
+    const i32 port = portText ? i4_atoi(portText) : defaultServerPort;
+    if (!address || port < 1 || port > 0xFFFF ||
+        !serverPool.addServer(stringToIp(address), static_cast<u16>(port))) {
+        theLog->printLine("%s", stringTable.get(STRINGS_INVALID_ARGUMENTS));
+        return;
+    }
+    theLog->printLine("%s %s\n", address, stringTable.get(STRINGS_ADDED));
+}
+
+void removeServer(Servant&, char* line) {
+    const std::optional<ServerAddress> address = serverAt(listPlace(numberArgument(line)));
+    if (!address) {
+        theLog->printLine("Invalid server number\n");
+        return;
+    }
+    serverPool.removeServer(address->ip, address->port);
+    theLog->printLine("Server Removed.\n");
+}
+
+void connectToServer(Servant&, char* line) {
+    const std::optional<i32> number = numberArgument(line);
+    if (!number) {
+        messageQ.post(MESSAGE_CONNECT);
+    } else if (*number == 0) {
+        theLog->printLine("Invalid server number\n");
+    } else if (const std::optional<ServerAddress> address = serverAt(listPlace(number))) {
+        messageQ.post(MESSAGE_CONNECT, *address);
+    }
+}
+
+void disconnectFromServer(Servant&, char*) { messageQ.post(MESSAGE_DISCONNECT); }
+
+void search(Servant&, char* line) {
+    Tokens tokens(line);
+    tokens.next();
+    std::string text;
+    std::string type;
+    for (int i = 0; i < mostSearchTokens; ++i) {
+        const char* token = tokens.next();
+        if (!token) break;
+        if (token[0] == '-') {
+            type = token + 1;
+        } else {
+            text += token;
+            text += ' ';
+        }
+    }
+    if (!text.empty()) text.pop_back();
+    if (text.size() > longestSearch) text.resize(longestSearch);
+    if (text.empty()) {
+        theLog->printLine("No search string.\n");
+        return;
+    }
+    Ref<Search> search(new Search);
+    if (!type.empty()) {
+        search->add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, type.c_str()), 0);
+    }
+    search->add(std::make_unique<SN_FindStr>(text.c_str()), 0);
+    clientApp.startSearch(std::move(search));
+}
+
+void extendSearch(Servant&, char*) {
+    if (!clientApp.extendSearch()) theLog->printLine("%s", stringTable.get(STRINGS_NO_SEARCH_EXTEND));
+}

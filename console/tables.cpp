@@ -1,0 +1,58 @@
+// Records as tables: what the views of results, files and servers rest on.
+#include <string>
+
+#include "app/UIInterface.h"
+#include "console/Servant.h"
+#include "meta/Meta.h"
+#include "meta/MetaList.h"
+
+namespace {
+
+constexpr std::size_t rowSize = 255;  // characters of a header or a row
+
+// Cuts a line at the limit, but never inside a character.
+std::string cut(std::string line) {
+    if (line.size() <= rowSize) return line;
+    std::size_t end = rowSize;
+    while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
+    line.resize(end);
+    return line;
+}
+
+}  // namespace
+
+void Servant::printHeader(const Meta* record, Keys& keys) {
+    if (!record) return;
+    std::string line;
+    for (LL<MetaTag>::Cursor c; const MetaTag* tag = record->getTags().next(c);) {
+        const char* name = tag->displayName();
+        if (!name || !tag->name()) continue;
+        keys.emplace_back(tag->name());
+        line += name;
+        line += '\t';
+    }
+    theLog->printLine("%s", cut(std::move(line)).c_str());
+}
+
+void Servant::printRow(const Meta* record, const Keys& keys, u32 index) {
+    if (!record) return;
+    std::string line = "(" + std::to_string(index + 1) + ") ";
+    for (const std::string& key : keys) {
+        char value[256];
+        line += record->printable(key.c_str(), value, sizeof value) ? value : "";
+        line += '\t';
+    }
+    theLog->printLine("%s", cut(std::move(line)).c_str());
+}
+
+void Servant::printList(MetaList* list) {
+    if (!list) return;
+    const i4_guard guard(*list);
+    Keys keys;
+    u32 index = 0;
+    for (MetaList::Cursor c; const Meta* record = list->next(c); ++index) {
+        if (index == 0) printHeader(record, keys);
+        printRow(record, keys, index);
+    }
+    if (index == 0) theLog->printLine("None.");
+}
