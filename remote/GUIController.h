@@ -1,0 +1,60 @@
+// GUIController, the connection of one remote controller.
+#pragma once
+
+#include "i4min/memory/relaxed.h"
+#include "meta/MD4Hash.h"
+#include "remote/UIStatusThread.h"
+#include "server/Search.h"
+#include "transport/Connection.h"
+
+class Download;
+class TcpipUI;
+class Upload;
+
+// Not logged on until a good log-on (opcode 100), then logged on until it closes. remote/GUIController.cpp has the
+// table of the messages.
+// Thread: handlers on the socket pool's; sendStatus() on the status thread's; sending on any.
+class GUIController : public Connection {
+  public:
+    GUIController(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool, TcpipUI& ui);
+    ~GUIController() override;
+
+    // A controller's traffic is neither limited by the speed limits nor counted in them.
+    void doTask(SocketPool* socketPool) override;
+    bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
+    bool firstMessage(u8 opcode, i4_ram_file_class& stream) override;
+
+    void sendStatus();
+    void sendDownload(Download& download);
+    void sendUpload(const Upload& upload);
+
+  protected:
+    void gone() override;
+    u32 bodyLimit() const override;
+    const OpcodeTable* opcodes() const override;
+
+  private:
+    bool logOn(i4_file& stream);
+    void sendStartState();
+    bool handleEngine(u8 opcode, i4_ram_file_class& stream);
+    bool handleSettings(u8 opcode, i4_ram_file_class& stream);
+    void runCommand(i4_file& stream);
+    void connectToServer(i4_file& stream);
+    void startSearch(u32 message, i4_file& stream);
+    void downloadResult(i4_file& stream);
+    void downloadRecord(i4_file& stream);
+    void setDownloadPriority(i4_file& stream);
+    void setServerPreference(i4_file& stream);
+    void wantStatus(Relaxed<u8>& status, u8 wanted);
+    void sendSharedDirs();
+    void sendSettings();
+    void sendDownloadStatus();
+    void sendUploadStatus();
+
+    UIStatusThread statusThread_;
+    Relaxed<u8> uploadStatus_;
+    Relaxed<u8> downloadStatus_;
+    bool loggedOn_ = false;
+    TcpipUI& ui_;
+    Ref<Search> search_;  // as the controller sent it last
+};

@@ -1,0 +1,17 @@
+// GUIControllerDoor, the listener for remote controllers.
+#pragma once
+
+#include "transport/DoorTask.h"
+
+class TcpipUI;
+
+// Thread: see DoorTask.    Borrows: the TcpipUI, which owns it.
+class GUIControllerDoor : public DoorTask {
+  public:
+    GUIControllerDoor(SocketPool* socketPool, u16 listenPort, TcpipUI& ui)
+        : DoorTask(socketPool, listenPort), ui_(ui) {}
+    Connection* newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) override;
+
+  private:
+    TcpipUI& ui_;
+};

@@ -1,0 +1,240 @@
+#include "remote/TcpipUI.h"
+
+#include <cstdio>
+
+#include "app/ClientApp.h"
+#include "app/Preferences.h"
+#include "download/Download.h"
+#include "i4min/network/socket.h"
+#include "meta/UserMeta.h"
+#include "peer/FriendList.h"
+#include "peer/Upload.h"
+#include "peer/UploadSlot.h"
+#include "remote/ControllerOpcodes.h"
+#include "remote/GUIController.h"
+#include "remote/GUIControllerDoor.h"
+
+namespace {
+
+constexpr i32 doorTimeout = 10'000;  // ms
+constexpr std::size_t textSize = 256;
+
+std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
+    auto packet = std::make_unique<Packet>(payload + 1);
+    packet->stream.write_8(opcode);
+    return packet;
+}
+
+// A text of at most 255 bytes, cut where it is longer, but never inside a character.
+struct Text {
+    char bytes[textSize];
+
+    Text(const char* format, va_list list) {
+        const int length = std::vsnprintf(bytes, textSize, format, list);
+        if (length < static_cast<int>(textSize)) return;
+        std::size_t end = textSize - 1;
+        while (end > 0 && (static_cast<unsigned char>(bytes[end - 1]) & 0xC0) == 0x80) --end;
+        if (end > 0 && static_cast<unsigned char>(bytes[end - 1]) >= 0xC0) --end;
+        bytes[end] = 0;
+    }
+};
+
+}  // namespace
+
+#define FORMAT_TEXT(text, format)  \
+    va_list list;                  \
+    va_start(list, format);        \
+    const Text text(format, list); \
+    va_end(list)
+
+Connection* GUIControllerDoor::newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) {
+    return new GUIController(std::move(accepted), socketPool, ui_);
+}
+
+TcpipUI::TcpipUI(CoreUIInterface& inner)
+    : door_(new GUIControllerDoor(&clientApp.socketPool, static_cast<u16>(preferences.adminDoorPort.get()),
+                                  *this)),
+      inner_(inner) {
+    verbose = inner.verbose.load();
+    door_->listen(doorTimeout);
+}
+
+TcpipUI::~TcpipUI() { results_.deleteAll(); }
+
+bool TcpipUI::attach(GUIController& controller) {
+    i4_lock guard(lock_);
+    if (controller_) return false;
+    controller_ = Ref<GUIController>(&controller);
+    return true;
+}
+
+void TcpipUI::detach(const GUIController& controller) {
+    Ref<GUIController> old;
+    i4_lock guard(lock_);
+    if (controller_.get() == &controller) std::swap(old, controller_);
+}
+
+Ref<GUIController> TcpipUI::controller() {
+    i4_lock guard(lock_);
+    return controller_;
+}
+
+std::shared_ptr<FileMeta> TcpipUI::findResult(const MD4Hash& hash) {
+    const i4_guard guard(results_);
+    const FileMeta* file = results_.findUnsafe(hash);
+    if (!file) return nullptr;
+    auto copy = std::make_shared<FileMeta>();
+    copy->copyFrom(file);
+    return copy;
+}
+
+bool TcpipUI::sendText(u8 opcode, const char* text) {
+    const Ref<GUIController> to = controller();
+    if (!to) return false;
+    auto packet = makePacket(opcode, static_cast<u32>(2 + i4_strlen(text)));
+    i4_write_string(packet->stream, text);
+    to->send(std::move(packet));
+    return true;
+}
+
+bool TcpipUI::sendEmpty(u8 opcode) { return sendWords(opcode, {}); }
+
+bool TcpipUI::sendWords(u8 opcode, std::initializer_list<u32> words) {
+    const Ref<GUIController> to = controller();
+    if (!to) return false;
+    auto packet = makePacket(opcode, static_cast<u32>(4 * words.size()));
+    for (const u32 word : words) packet->stream.write_32(word);
+    to->send(std::move(packet));
+    return true;
+}
+
+bool TcpipUI::sendList(u8 opcode, const MetaList& list) {
+    const Ref<GUIController> to = controller();
+    if (!to) return false;
+    auto packet = makePacket(opcode, list.byteSize());
+    list.toNetwork(packet->stream);
+    packet->finish();
+    to->send(std::move(packet));
+    return true;
+}
+
+void TcpipUI::printLine(const char* format, ...) {
+    FORMAT_TEXT(text, format);
+    sendText(CTL_PRINT_LINE, text.bytes);
+    inner_.printLine("%s", text.bytes);
+}
+
+void TcpipUI::print(const char* format, ...) {
+    FORMAT_TEXT(text, format);
+    if (!sendText(CTL_PRINT, text.bytes)) inner_.print("%s", text.bytes);
+}
+
+void TcpipUI::printVerbose(const char* format, ...) {
+    FORMAT_TEXT(text, format);
+    inner_.printVerbose("%s", text.bytes);
+}
+
+void TcpipUI::printFlush(const char* format, ...) {
+    FORMAT_TEXT(text, format);
+    inner_.printFlush("%s", text.bytes);
+}
+
+void TcpipUI::connected(const char* name) {
+    if (!sendText(CTL_CONNECTED, name)) inner_.connected(name);
+}
+
+void TcpipUI::disconnected() {
+    if (!sendEmpty(CTL_DISCONNECTED)) inner_.disconnected();
+}
+
+void TcpipUI::serverStats(u32 files, u32 users) {
+    if (!sendWords(CTL_SERVER_STATS, {files, users})) inner_.serverStats(files, users);
+}
+
+void TcpipUI::extending(const char* name) {
+    if (!sendText(CTL_EXTENDING, name)) inner_.extending(name);
+}
+
+void TcpipUI::addResult(FileMeta* file) {
+    const Ref<GUIController> to = controller();
+    if (!to) return inner_.addResult(file);
+    auto packet = makePacket(CTL_RESULT, file->byteSize());
+    file->toNetwork(packet->stream);
+    packet->finish();
+    to->send(std::move(packet));
+    results_.add(file);
+}
+
+void TcpipUI::setResults(FileList* list, u8 more) {
+    const Ref<GUIController> to = controller();
+    if (!to) return inner_.setResults(list, more);
+    const std::unique_ptr<FileList> owned(list);
+    auto packet = makePacket(CTL_RESULTS, list->byteSize() + 1);
+    list->toNetwork(packet->stream);
+    packet->stream.write_8(more);
+    packet->finish();
+    to->send(std::move(packet));
+    results_.deleteAll();
+    results_.addAll(*list);
+}
+
+void TcpipUI::downloadAdded(Download* download) {
+    if (const Ref<GUIController> to = controller()) to->sendDownload(*download);
+    inner_.downloadAdded(download);
+}
+
+void TcpipUI::downloadRemoved(Download* download) {
+    if (const Ref<GUIController> to = controller()) {
+        const Ref<PartialFile> partial = download->partialRef();
+        const MD4Hash hash = partial ? partial->getHash() : MD4Hash();
+        auto packet = makePacket(CTL_DOWNLOAD_REMOVED, 16);
+        packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+        to->send(std::move(packet));
+    }
+    inner_.downloadRemoved(download);
+}
+
+void TcpipUI::uploadAdded(Upload* upload) {
+    if (const Ref<GUIController> to = controller()) to->sendUpload(*upload);
+    inner_.uploadAdded(upload);
+}
+
+// Only uploads that the controller was told of.
+void TcpipUI::uploadRemoved(Upload* upload) {
+    const Ref<GUIController> to = controller();
+    if (to && upload->getName()) {
+        const MD4Hash hash = upload->userHash();
+        auto packet = makePacket(CTL_UPLOAD_REMOVED, 16);
+        packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+        to->send(std::move(packet));
+    }
+    inner_.uploadRemoved(upload);
+}
+
+void TcpipUI::slotAdded(UploadSlot* slot, const char* name) {
+    const Ref<GUIController> to = controller();
+    if (!to) return inner_.slotAdded(slot, name);
+    auto packet = makePacket(CTL_SLOT_ADDED, static_cast<u32>(6 + i4_strlen(name)));
+    packet->stream.write_32(slot->identity());
+    i4_write_string(packet->stream, name);
+    to->send(std::move(packet));
+}
+
+void TcpipUI::slotRemoved(UploadSlot* slot) {
+    if (!sendWords(CTL_SLOT_REMOVED, {slot->identity()})) inner_.slotRemoved(slot);
+}
+
+void TcpipUI::hashing(const char* name) {
+    if (!sendText(CTL_HASHING, name)) inner_.hashing(name);
+}
+
+void TcpipUI::friendsChanged() {
+    if (!sendEmpty(CTL_FRIENDS)) inner_.friendsChanged();
+}
+
+void TcpipUI::friendFiles() {
+    if (!sendList(CTL_FRIEND_FILES, friendList.getFiles())) inner_.friendFiles();
+}
+
+LLsafe<Upload>* TcpipUI::getUploads() { return inner_.getUploads(); }
+LLsafe<Download>* TcpipUI::getDownloads() { return inner_.getDownloads(); }

@@ -1,0 +1,65 @@
+// TcpipUI, a user interface that wraps another one and hands the engine's events to a remote controller.
+#pragma once
+
+#include <memory>
+
+#include "app/UIInterface.h"
+#include "i4min/memory/mutex.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "meta/FileList.h"
+
+class GUIController;
+class GUIControllerDoor;
+class Packet;
+
+// While a controller is attached, most events go to it as packets; while none is, everything goes to the wrapped
+// interface. Events of downloads and uploads always go to both, since the status packets walk the lists that the
+// wrapped one keeps.
+// Thread: any, at the same time.
+// Owns: its door.    Borrows: the wrapped interface, which lives as long as the process; the controller, counted.
+class TcpipUI : public CoreUIInterface {
+  public:
+    explicit TcpipUI(CoreUIInterface& inner);
+    ~TcpipUI() override;
+
+    bool attach(GUIController& controller);  // false if another one is attached
+    void detach(const GUIController& controller);
+    // A copy of that search result, null where it isn't known.
+    std::shared_ptr<FileMeta> findResult(const MD4Hash& hash);
+
+    void printLine(const char* format, ...) override PRINTF_LIKE;
+    void print(const char* format, ...) override PRINTF_LIKE;
+    void printVerbose(const char* format, ...) override PRINTF_LIKE;
+    void printFlush(const char* format, ...) override PRINTF_LIKE;
+    void connected(const char* name) override;
+    void disconnected() override;
+    void serverStats(u32 files, u32 users) override;
+    void extending(const char* name) override;
+    void addResult(FileMeta* file) override;
+    void setResults(FileList* list, u8 more) override;
+    void downloadAdded(Download* download) override;
+    void downloadRemoved(Download* download) override;
+    void uploadAdded(Upload* upload) override;
+    void uploadRemoved(Upload* upload) override;
+    void slotAdded(UploadSlot* slot, const char* name) override;
+    void slotRemoved(UploadSlot* slot) override;
+    void hashing(const char* name) override;
+    void friendsChanged() override;
+    void friendFiles() override;
+    LLsafe<Upload>* getUploads() override;
+    LLsafe<Download>* getDownloads() override;
+
+  private:
+    Ref<GUIController> controller() EXCLUDES(lock_);
+    // False where no controller is attached.
+    bool sendText(u8 opcode, const char* text);
+    bool sendEmpty(u8 opcode);
+    bool sendWords(u8 opcode, std::initializer_list<u32> words);
+    bool sendList(u8 opcode, const MetaList& list);
+
+    Ref<GUIControllerDoor> door_;
+    i4_mutex lock_{LockRank::controller};
+    Ref<GUIController> controller_ GUARDED_BY(lock_);
+    CoreUIInterface& inner_;
+    FileList results_;
+};
