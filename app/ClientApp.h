@@ -1,16 +1,94 @@
-// ClientApp, the owner of the engine: brings it up, and takes it down again in a fixed order.
+// ClientApp, the owner of the engine: brings it up, takes it down in a fixed order, and is what the other subsystems
+// reach the application through.
 #pragma once
 
-// Thread: init() and shutdown() on the entry thread, once each; load() and saveAll() on the MessageQ thread,
-// and saveAll() once more within shutdown().
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "i4min/memory/LL.h"
+#include "i4min/threads/linux/RefCounter.h"
+#include "meta/FileList.h"
+#include "transport/STSocketPool.h"
+
+class FilterList;
+class ImporterList;
+class PartialList;
+class Peer;
+class PeerDoor;
+class Search;
+class ShareList;
+class UserList;
+class UserMeta;
+class Worker;
+struct i4_proxy_settings;
+
+// How ClientApp::connectToUser ended.
+enum class ConnectResult {
+    peerThere = 0,         // a connection is there
+    connecting = 1,        // one is under way
+    neitherReachable = 2,  // both sides are firewalled
+    impossible = 3,
+    tooManyConnections = 4,
+};
+
+// Thread: init() and shutdown() on the entry thread, once each; load(), publish() and saveAll() on MessageQ's, and
+// saveAll() once more within shutdown(); the rest on any.
+// Owns: the lists; through `known`, every record that is or was shared; the socket pool and the workers.
 class ClientApp {
   public:
-    virtual ~ClientApp() = default;
+    ClientApp();
+    virtual ~ClientApp();
+    ClientApp(const ClientApp&) = delete;
+    ClientApp& operator=(const ClientApp&) = delete;
 
     void init();
     void load();
     void saveAll();
     void shutdown();
+    // Applies a proxy setting, null for none, and opens the client's listener unless a proxy is in force.
+    void listen(const i4_proxy_settings* proxy, i32 timeoutMs);
+
+    void publish();                      // offers the server what it hasn't seen
+    void addSharedFile(FileMeta* file);  // hashed or completed; ownership passes to `known`
+    // Changes a record of `known` that may be in `shared` too, under both lists' locks.
+    void changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change);
+    void clearPublished();
+    void setSharedDirs(const std::vector<i4_string>& dirs);
+    void getSharedDirs(std::vector<i4_string>& out) const;
+    void findCollections(FileList& out);  // what is shared of the type "Col"
+
+    void startSearch(Ref<Search> search);
+    bool extendSearch();                         // false where there was no search yet
+    void gotResult(FileMeta* file);              // ownership passes
+    void gotResults(FileList* list, bool more);  // ownership passes, of the records too
+    void gotUserList(UserList* list);            // ownership passes, of the records too
+
+    // Reaches a user; with peerThere, `out` is the connection.
+    ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out);
+
+    FilterList& filter() { return *filter_; }
+    ShareList& shareDirs() { return *shareDirs_; }
+    PartialList& partials() { return *partials_; }
+    ImporterList& importers() { return *importers_; }
+
+    FileList known;      // every file that was ever hashed
+    FileList shared{LockRank::sharedList};  // the files that are shared at present
+    FileList published;  // copies of what the current server was offered
+    STSocketPool socketPool;
+
+  private:
+    void startWorkers();
+    bool isSelf(const UserMeta& user) const;
+
+    std::vector<std::unique_ptr<Worker>> workers_;
+    i4_mutex searchLock_{LockRank::leaf};
+    Ref<Search> currentSearch_ GUARDED_BY(searchLock_);
+    std::unique_ptr<FilterList> filter_;
+    std::unique_ptr<ShareList> shareDirs_;
+    std::unique_ptr<PartialList> partials_;
+    std::unique_ptr<ImporterList> importers_;
+    Ref<PeerDoor> door_;
 };
 
 extern ClientApp clientApp;

@@ -12,6 +12,8 @@
 #include "i4min/memory/error.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "i4min/threads/linux/linux_threads.h"
+#include "meta/tagTable.h"
+#include "remote/TcpipUI.h"
 
 namespace {
 
@@ -28,7 +30,15 @@ void waitForEnd() {
     while (conClientApp.running) i4_sleep(1);
 }
 
-// By the first character: w waits, ! runs without a console, anything else is a console command.
+// A controller may attach from now on. A user interface lives as long as the process: the last object that goes may
+// still print.
+void wrapForController() {
+    auto* wrapper = new TcpipUI(*theUI.get());
+    theUI = wrapper;
+    theLog = wrapper;
+}
+
+// By the first character: - opens the door for a controller, w waits, ! runs without a console, anything else is a console command.
 void takeArgument(const char* argument) {
     switch (argument[0]) {
         case '-':
@@ -61,9 +71,9 @@ void takeArguments() {
 void runApplication(int, char**) {
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    static CLUI console;
-    theUI = &console;
-    theLog = &console;
+    auto* console = new CLUI;
+    theUI = console;
+    theLog = console;
     i4_init();
     clientApp.init();
     messageQ.post(MESSAGE_LOAD);

@@ -1,0 +1,135 @@
+// What the subsystems ask of ClientApp at run time.
+#include "app/ClientApp.h"
+#include "app/FilterList.h"
+#include "app/MessageQ.h"
+#include "app/Preferences.h"
+#include "app/UIInterface.h"
+#include "download/DLPool.h"
+#include "download/HashThread.h"
+#include "download/ShareList.h"
+#include "meta/UserList.h"
+#include "peer/Peer.h"
+#include "server/MainServer.h"
+#include "server/Search.h"
+#include "server/ServerPool.h"
+#include "transport/ConnectRegistry.h"
+
+void ClientApp::publish() {
+    const Ref<MainServer> server = serverPool.mainServer();
+    if (!server || !hashThread.isFinished()) return;
+    FileList offer(LockRank::none);
+    for (const FileMeta* file : shared.snapshot()) {
+        auto copy = std::make_unique<FileMeta>();
+        {
+            const i4_guard guard(shared);
+            copy->copyFrom(file);
+        }
+        if (published.addUnique(copy.get())) continue;
+        offer.add(copy.release());
+    }
+    if (offer.count() > 0) server->publish(offer);
+}
+
+void ClientApp::addSharedFile(FileMeta* file) {
+    shared.add(file);
+    known.add(file);
+    const Ref<MainServer> server = serverPool.mainServer();
+    if (!server) return;
+    FileMeta copy;
+    {
+        const i4_guard guard(shared);
+        copy.copyFrom(file);
+    }
+    FileList offer(LockRank::none);
+    offer.add(&copy);
+    server->publish(offer);
+}
+
+void ClientApp::changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) {
+    const i4_guard guard(shared);
+    known.change(file, change);
+}
+
+void ClientApp::clearPublished() { published.deleteAll(); }
+
+void ClientApp::setSharedDirs(const std::vector<i4_string>& dirs) {
+    shareDirs_->setDirs(dirs);
+    shared.clear();
+    dlPool.republish();
+    messageQ.post(MESSAGE_HASH_SHARED);
+}
+
+void ClientApp::getSharedDirs(std::vector<i4_string>& out) const { shareDirs_->copyTo(out); }
+
+void ClientApp::findCollections(FileList& out) {
+    Search search;
+    search.add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, "col"), 0);
+    shared.search(search, out, 0);
+}
+
+void ClientApp::startSearch(Ref<Search> search) {
+    {
+        i4_lock guard(searchLock_);
+        currentSearch_ = search;
+    }
+    const u32 message = search->alternate ? MESSAGE_SEARCH_ALTERNATE : MESSAGE_SEARCH;
+    messageQ.post(message, std::move(search));
+}
+
+bool ClientApp::extendSearch() {
+    Ref<Search> search;
+    {
+        i4_lock guard(searchLock_);
+        search = currentSearch_;
+    }
+    if (!search) return false;
+    const u32 message = search->alternate ? MESSAGE_EXTEND_ALTERNATE : MESSAGE_EXTEND;
+    messageQ.post(message, std::move(search));
+    return true;
+}
+
+void ClientApp::gotResult(FileMeta* file) {
+    if (filter_->matches(*file)) {
+        delete file;
+    } else {
+        theUI->addResult(file);
+    }
+}
+
+void ClientApp::gotResults(FileList* list, bool more) {
+    filter_->filter(*list);
+    theUI->setResults(list, more ? 1 : 0);
+}
+
+void ClientApp::gotUserList(UserList* list) { theUI->gotUserList(list); }
+
+bool ClientApp::isSelf(const UserMeta& user) const {
+    const u32 own = preferences.clientId();
+    if (own <= highestLowId) return user.id == own && user.serverIp == preferences.serverIp();
+    return user.id == own && user.port == preferences.doorPort;
+}
+
+ConnectResult ClientApp::connectToUser(const UserMeta& user, Ref<Peer>& out) {
+    if (isSelf(user)) return ConnectResult::impossible;
+    {
+        const i4_guard guard(peers);
+        for (LL<Peer>::Cursor c; Peer* peer = peers.next(c);) {
+            if (peer->sameUser(user)) {
+                out = Ref<Peer>(peer);
+                return ConnectResult::peerThere;
+            }
+        }
+    }
+    if (socketPool.count >= preferences.maxCon) {
+        theLog->printVerbose("Can't accept more connections.\n");
+        return ConnectResult::tooManyConnections;
+    }
+    // 0xFFFFFF itself counts as an address here, and as none in isSelf().
+    if (user.id >= highestLowId) {
+        connectRegistry.connect(&socketPool, Ref<Connection>(new Peer(user.id, user.port)));
+        return ConnectResult::connecting;
+    }
+    if (preferences.clientId() < highestLowId) return ConnectResult::neitherReachable;
+    return serverPool.requestCallback(user.serverIp, user.serverPort, user.id) ? ConnectResult::connecting
+                                                                               : ConnectResult::impossible;
+}
