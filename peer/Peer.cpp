@@ -102,7 +102,6 @@ SharedFile findShared(const MD4Hash& hash) {
 
 }  // namespace
 
-LLsafe<Peer> peers(LockRank::peers);
 
 Peer::Peer(u32 toId, u16 toPort) : Connection(toId, toPort) {
     user_.id = toId;
