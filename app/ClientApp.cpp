@@ -49,7 +49,8 @@ void ClientApp::init() {
     };
     preferences.hasDownloads = [] { return dlPool.count() > 0; };
     preferences.load();
-    makeProtocol(&preferences.proxy());
+    const i4_proxy_settings proxy = preferences.proxy();
+    makeProtocol(&proxy);
     i4_mkdir(preferences.incomingDir().c_str());
     i4_mkdir(preferences.tempDir().c_str());
     serverPool.load(preferences.serverPath.c_str());
@@ -57,7 +58,7 @@ void ClientApp::init() {
     socketPool.setPriority(3);
     serverPool.setSocketPool(&socketPool);
     startWorkers();
-    listen(&preferences.proxy(), doorTimeout);
+    listen(&proxy, doorTimeout);
     dlPool.start();
     dlPool.setPriority(3);
     messageQ.start();

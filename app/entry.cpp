@@ -42,6 +42,7 @@ void wrapForController() {
 void takeArgument(const char* argument) {
     switch (argument[0]) {
         case '-':
+            wrapForController();
             break;
         case 'w':
             waitSeconds(argument);

@@ -1,9 +1,8 @@
 #include "console/SelfTest.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
-#include <iterator>
+#include <vector>
 
 #include "app/StringTable.h"
 #include "app/UIInterface.h"
@@ -131,13 +130,15 @@ class LLTest : public Test {
     }
 };
 
-bool isRuns(GapCounterList& list, std::initializer_list<GapCounter> runs) {
+std::vector<GapCounter> runsOf(GapCounterList& list) {
+    std::vector<GapCounter> runs;
     const i4_guard guard(list);
-    auto expected = runs.begin();
-    for (GapCounterList::Cursor c; const GapCounter* run = list.next(c); ++expected) {
-        if (expected == runs.end() || *run != *expected) return false;
-    }
-    return expected == runs.end();
+    for (GapCounterList::Cursor c; const GapCounter* run = list.next(c);) runs.push_back(*run);
+    return runs;
+}
+
+bool isRuns(GapCounterList& list, std::initializer_list<GapCounter> runs) {
+    return runsOf(list) == std::vector<GapCounter>(runs);
 }
 
 class GapCounterListTest : public Test {
@@ -232,9 +233,8 @@ class GapSyncTest : public Test {
 
   private:
     static bool inStep(GapCounterList& counters, const GapList& gaps) {
-        const i4_guard guard(counters);
-        for (GapCounterList::Cursor c; const GapCounter* run = counters.next(c);) {
-            if (run->count == countDone && gaps.overlaps(run->start, run->end)) return false;
+        for (const GapCounter& run : runsOf(counters)) {
+            if (run.count == countDone && gaps.overlaps(run.start, run.end)) return false;
         }
         return true;
     }
