@@ -72,9 +72,9 @@ class ClientApp {
     PartialList& partials() { return *partials_; }
     ImporterList& importers() { return *importers_; }
 
-    FileList known;      // every file that was ever hashed
-    FileList shared{LockRank::sharedList};  // the files that are shared at present
-    FileList published;  // copies of what the current server was offered
+    FileList known{LockRank::knownFiles};    // every file that was ever hashed
+    FileList shared{LockRank::sharedFiles};  // the files that are shared at present
+    FileList published;                      // copies of what the current server was offered
     STSocketPool socketPool;
 
   private:

@@ -46,8 +46,7 @@ void ClientApp::addSharedFile(FileMeta* file) {
 }
 
 void ClientApp::changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) {
-    const i4_guard guard(shared);
-    known.change(file, change);
+    known.change(file, [&](FileMeta& record) { shared.change(&record, change); });
 }
 
 void ClientApp::clearPublished() { published.deleteAll(); }

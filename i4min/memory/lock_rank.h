@@ -14,7 +14,6 @@ enum class LockRank : int {
     protocol = 52,         // i4_protocol::lock_
     knownFiles = 58,       // the list of files that were ever hashed
     sharedFiles = 59,      // the list of files that are shared; a record in both changes under both
-    sharedList = 58,      // the list of shared files, whose records stand in another list too
     metaList = 60,         // FileList, ServerList, UserList, the FriendList
     remoteQueue = 61,      // RemoteQueueList
     uiList = 62,           // ConClientApp's lists of downloads and uploads

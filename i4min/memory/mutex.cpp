@@ -1,33 +1,39 @@
 #include "i4min/memory/mutex.h"
 
 #ifndef NDEBUG
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
 
 namespace {
 
-thread_local std::vector<LockRank> heldRanks;
+// The ranks that this thread holds, in the order of taking. It needs no destructor: static objects still take locks
+// when the thread-local ones of the main thread have gone.
+struct HeldRanks {
+    static constexpr int most = 32;
+    LockRank ranks[most];
+    int count;
+};
+thread_local constinit HeldRanks held{};
 
 }  // namespace
 
 void i4_rank_push(LockRank rank) {
     if (rank == LockRank::none) return;
-    if (!heldRanks.empty() && heldRanks.back() >= rank) {
+    if (held.count == HeldRanks::most || (held.count > 0 && held.ranks[held.count - 1] >= rank)) {
         std::fprintf(stderr, "lock order: rank %d taken while rank %d is held\n", static_cast<int>(rank),
-                     static_cast<int>(heldRanks.back()));
+                     static_cast<int>(held.ranks[held.count - 1]));
         std::abort();
     }
-    heldRanks.push_back(rank);
+    held.ranks[held.count++] = rank;
 }
 
 void i4_rank_pop(LockRank rank) {
-    if (rank == LockRank::none) return;
-    for (auto held = heldRanks.end(); held != heldRanks.begin();) {
-        if (*--held == rank) {
-            heldRanks.erase(held);
-            return;
-        }
+    for (int i = held.count; i-- > 0;) {
+        if (held.ranks[i] != rank) continue;
+        std::copy(held.ranks + i + 1, held.ranks + held.count, held.ranks + i);
+        --held.count;
+        return;
     }
 }
 #else
