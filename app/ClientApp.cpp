@@ -1,4 +1,5 @@
-// The life cycle: start, load, save, shut-down. ClientApp_services.cpp has what the subsystems ask of it at run time.
+// The life cycle: start, load, save, shut-down. ClientApp_services.cpp has what the subsystems ask of it at
+// run time.
 #include "app/ClientApp.h"
 
 #include "app/FilterList.h"

@@ -1,5 +1,5 @@
-// ClientApp, the owner of the engine: brings it up, takes it down in a fixed order, and is what the other subsystems
-// reach the application through.
+// ClientApp, the owner of the engine: brings it up, takes it down in a fixed order, and is what the other
+// subsystems reach the application through.
 #pragma once
 
 #include <functional>
@@ -32,8 +32,8 @@ enum class ConnectResult {
     tooManyConnections = 4,
 };
 
-// Thread: init() and shutdown() on the entry thread, once each; load(), publish() and saveAll() on MessageQ's, and
-// saveAll() once more within shutdown(); the rest on any.
+// Thread: init() and shutdown() on the entry thread, once each; load(), publish() and saveAll() on
+// MessageQ's, and saveAll() once more within shutdown(); the rest on any.
 // Owns: the lists; through `known`, every record that is or was shared; the socket pool and the workers.
 class ClientApp {
   public:

@@ -30,15 +30,16 @@ void waitForEnd() {
     while (conClientApp.running) i4_sleep(1);
 }
 
-// A controller may attach from now on. A user interface lives as long as the process: the last object that goes may
-// still print.
+// A controller may attach from now on. A user interface lives as long as the process: the last object that
+// goes may still print.
 void wrapForController() {
     auto* wrapper = new TcpipUI(*theUI.get());
     theUI = wrapper;
     theLog = wrapper;
 }
 
-// By the first character: - opens the door for a controller, w waits, ! runs without a console, anything else is a console command.
+// By the first character: - opens the door for a controller, w waits, ! runs without a console, anything else
+// is a console command.
 void takeArgument(const char* argument) {
     switch (argument[0]) {
         case '-':

@@ -1,6 +1,7 @@
 // The objects of which the process has one each, in the order in which they are built; they go in the reverse
 // order.
 #include "app/ClientApp.h"
+#include "app/HashDuties.h"
 #include "app/Preferences.h"
 #include "app/StringTable.h"
 #include "app/messages.h"
@@ -27,7 +28,8 @@ FriendList friendList;
 UploadPool uploadPool;
 PartFileNamer partFileNamer;
 DLPool dlPool;
-HashThread hashThread;
+ApplicationHashDuties hashDuties;
+HashThread hashThread(hashDuties);
 ServerPool serverPool;
 ClientApp clientApp;
 ConClientApp conClientApp;

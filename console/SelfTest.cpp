@@ -240,7 +240,8 @@ class GapSyncTest : public Test {
     }
 };
 
-// A file that is on its way needs the parts that it doesn't have, of sources that know as many parts as it has.
+// A file that is on its way needs the parts that it doesn't have, of sources that know as many parts as it
+// has.
 class PFTest : public Test {
   public:
     bool run() override {

@@ -1,5 +1,5 @@
-// The program's self-tests, which the console's `test` command runs: the containers and the gap lists, on the machine
-// that the program runs on.
+// The program's self-tests, which the console's `test` command runs: the containers and the gap lists, on the
+// machine that the program runs on.
 #pragma once
 
 #include "i4min/memory/LL.h"

@@ -1,4 +1,5 @@
-// The commands of the console. Each is a plain function that owns the line it gets and finds its arguments there.
+// The commands of the console. Each is a plain function that owns the line it gets and finds its arguments
+// there.
 #pragma once
 
 #include <optional>
@@ -11,10 +12,11 @@ class Servant;
 // Adds every command, in the order of the table in commands.cpp.
 void addCommands(Servant& servant);
 
-// The number behind the command word, by atoi: a word that is no number counts as 0. Empty where there is none.
+// The number behind the command word, by atoi: a word that is no number counts as 0. Empty where there is
+// none.
 std::optional<i32> numberArgument(char* line);
-// A number that the user counts from 1 as a place in a list, which counts from 0. Empty for 0, and for what no list
-// can hold.
+// A number that the user counts from 1 as a place in a list, which counts from 0. Empty for 0, and for what
+// no list can hold.
 std::optional<u16> listPlace(std::optional<i32> number);
 
 void showHelp(Servant& servant, char* line);

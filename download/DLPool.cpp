@@ -98,7 +98,8 @@ void DLPool::closeIdlePeers(i32 elapsedMs) {
     }
 }
 
-// Whether the line has room for a further source: with a second transfer under way, only while a tenth of it is idle.
+// Whether the line has room for a further source: with a second transfer under way, only while a tenth of it
+// is idle.
 void DLPool::updateCanStart() {
     const f32 limit = preferences.userMaxDownF != 0
                           ? preferences.userMaxDownF.get()

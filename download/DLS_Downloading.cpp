@@ -83,7 +83,8 @@ void DLS_Downloading::updateSpeed(i32 elapsedMs) {
     lastTransferred_ = transferred;
 }
 
-// The server that we have logged on to meanwhile stands at the head and is due at once; the list is made anew every
+// The server that we have logged on to meanwhile stands at the head and is due at once; the list is made anew
+// every
 // 20 minutes, and what a server's timer says stays.
 void DLS_Downloading::refreshServers(i32 elapsedMs) {
     for (ServerAsk& server : servers_) server.timer = std::min(server.timer + elapsedMs, 2 * serverListEvery);

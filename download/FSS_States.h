@@ -14,7 +14,8 @@
 //                           4 minutes                              removed
 //   FSS_WaitForChunksBQ     gotFileStatus: needed parts / none     FSS_OnQueue / FSS_NoNeededParts
 //                           peerGone, noSuchFile                   FSS_BadSource
-//   FSS_WaitForChunks       gotFileStatus: needed parts / none     FSS_Transfering / FSS_NoNeededParts, message 23
+//   FSS_WaitForChunks       gotFileStatus: needed parts / none     FSS_Transfering / FSS_NoNeededParts,
+// message 23
 //                           slotEnded                              FSS_OnQueue
 //                           drop, stop, noSuchFile                 FSS_BadSource, message 23
 //                           peerGone                               FSS_BadSource

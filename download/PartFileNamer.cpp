@@ -100,7 +100,8 @@ class NamelessCopy {
     bool whole_ = false;
 };
 
-// name, 2_name, 3_name, ... in the directory, until one can be taken or it fails. `path` is the last one tried.
+// name, 2_name, 3_name, ... in the directory, until one can be taken or it fails. `path` is the last one
+// tried.
 template <class TakePath>
 Take takeFreeName(const char* name, const char* directory, i4_string& path, TakePath takePath) {
     const std::string plain(safeFileName(name).view());

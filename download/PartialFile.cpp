@@ -17,8 +17,9 @@
 
 namespace {
 
-// The gaps in a meta file's record are pairs of named ints: the name of the k-th start is the byte of TAG_GAP_START
-// and the decimal k, that of its end the byte of TAG_GAP_END and k; k counts from 0, in list order.
+// The gaps in a meta file's record are pairs of named ints: the name of the k-th start is the byte of
+// TAG_GAP_START and the decimal k, that of its end the byte of TAG_GAP_END and k; k counts from 0, in list
+// order.
 i4_string gapTagName(TagIndex index, u32 k) {
     i4_string name;
     name.format("%s%d", tagTable[index].wireName, k);

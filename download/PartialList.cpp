@@ -24,8 +24,8 @@ constexpr std::string_view extension = ".met";
 //   0       1      0xE0
 //   1       ...    the record of the file in its disk form, see FileMeta: date 0, hash, part hashes, tags
 //
-// The tags are the file's own and behind them TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE (1 when
-// paused) and the gaps, see PartialFile.cpp.
+// The tags are the file's own and behind them TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE (1
+// when paused) and the gaps, see PartialFile.cpp.
 enum class ReadResult { whole, foreign, damaged, notOpened };
 
 ReadResult readMetaFile(const char* path, FileMeta& record) {

@@ -102,7 +102,6 @@ SharedFile findShared(const MD4Hash& hash) {
 
 }  // namespace
 
-
 Peer::Peer(u32 toId, u16 toPort) : Connection(toId, toPort) {
     user_.id = toId;
     user_.port = toPort;
@@ -209,7 +208,8 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     }
 }
 
-// Reads the hash and acts on the download of that file; what is left of the message is dropped where there is none.
+// Reads the hash and acts on the download of that file; what is left of the message is dropped where there is
+// none.
 template <class Act>
 bool Peer::forDownload(i4_file& stream, Act act) {
     if (const Ref<Download> download = dlPool.find(readHash(stream))) act(*download);

@@ -8,8 +8,8 @@
 #include "meta/UserMeta.h"
 #include "transport/Connection.h"
 
-// Each message is handed to DLPool, UploadPool, FriendList or the call list, and through them to their states; a Peer
-// itself remembers who is on the other side. peer/Peer.cpp has the table of the messages.
+// Each message is handed to DLPool, UploadPool, FriendList or the call list, and through them to their
+// states; a Peer itself remembers who is on the other side. peer/Peer.cpp has the table of the messages.
 // Thread: handlers on the socket pool's; the sending operations on any.
 class Peer : public Connection {
   public:
@@ -75,6 +75,6 @@ class Peer : public Connection {
     UserMeta user_ GUARDED_BY(userLock_);
 };
 
-// The live connections to other clients. An entry is valid while the lock is held; whoever keeps it longer takes a
-// reference under the lock.
+// The live connections to other clients. An entry is valid while the lock is held; whoever keeps it longer
+// takes a reference under the lock.
 extern LLsafe<Peer> peers;

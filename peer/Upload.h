@@ -25,7 +25,8 @@ class Upload : public RefCounter {
     // Reads `length` bytes at the present position. False on failure.
     virtual bool readData(u8* buffer, u32 length);
     virtual void updateSpeed(i32 elapsedMs);
-    // What the peer asks for; the first range is sent first. A range whose end isn't above its start is empty.
+    // What the peer asks for; the first range is sent first. A range whose end isn't above its start is
+    // empty.
     virtual void setRanges(const u32 (&starts)[3], const u32 (&ends)[3]);
 
     // Sends the next packet, or ends the transfer.

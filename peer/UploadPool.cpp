@@ -140,8 +140,8 @@ void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
     if (isNew) upload->sendNext();
 }
 
-// The running transfer of that file to that peer, or a new one in the place of the peer's slot. Empty where the peer
-// has neither, or there is no such file, which it is told.
+// The running transfer of that file to that peer, or a new one in the place of the peer's slot. Empty where
+// the peer has neither, or there is no such file, which it is told.
 Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) {
     Ref<Upload> upload;
     {

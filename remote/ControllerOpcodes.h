@@ -1,5 +1,5 @@
-// The messages between a controller and this client, by opcode; remote/GUIController.cpp has the table of their
-// bodies.
+// The messages between a controller and this client, by opcode; remote/GUIController.cpp has the table of
+// their bodies.
 #pragma once
 
 #include "i4min/memory/types.h"

@@ -11,8 +11,8 @@ class Download;
 class TcpipUI;
 class Upload;
 
-// Not logged on until a good log-on (opcode 100), then logged on until it closes. remote/GUIController.cpp has the
-// table of the messages.
+// Not logged on until a good log-on (opcode 100), then logged on until it closes. remote/GUIController.cpp
+// has the table of the messages.
 // Thread: handlers on the socket pool's; sendStatus() on the status thread's; sending on any.
 class GUIController : public Connection {
   public:

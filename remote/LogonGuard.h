@@ -5,8 +5,8 @@
 
 #include "i4min/memory/types.h"
 
-// After five refused log-ons from one address within a minute, further ones from it are refused unread for that
-// minute. Thread: the socket pool's. Time comes in as milliseconds of a clock that only goes on.
+// After five refused log-ons from one address within a minute, further ones from it are refused unread for
+// that minute. Thread: the socket pool's. Time comes in as milliseconds of a clock that only goes on.
 class LogonGuard {
   public:
     bool isBlocked(u32 ip, u32 now);

@@ -12,11 +12,12 @@ class GUIController;
 class GUIControllerDoor;
 class Packet;
 
-// While a controller is attached, most events go to it as packets; while none is, everything goes to the wrapped
-// interface. Events of downloads and uploads always go to both, since the status packets walk the lists that the
-// wrapped one keeps.
+// While a controller is attached, most events go to it as packets; while none is, everything goes to the
+// wrapped interface. Events of downloads and uploads always go to both, since the status packets walk the
+// lists that the wrapped one keeps.
 // Thread: any, at the same time.
-// Owns: its door.    Borrows: the wrapped interface, which lives as long as the process; the controller, counted.
+// Owns: its door.    Borrows: the wrapped interface, which lives as long as the process; the controller,
+// counted.
 class TcpipUI : public CoreUIInterface {
   public:
     explicit TcpipUI(CoreUIInterface& inner);

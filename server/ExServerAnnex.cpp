@@ -119,7 +119,8 @@ void ExServerAnnex::gotResult() {
     if (file->fromNetwork(buffer_)) clientApp.gotResult(file.release());
 }
 
-// The sources remember the server that named them: a callback request for one goes by UDP to that very server.
+// The sources remember the server that named them: a callback request for one goes by UDP to that very
+// server.
 void ExServerAnnex::gotSources(const ServerAddress& server) {
     MD4Hash hash;
     buffer_.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));

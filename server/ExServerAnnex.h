@@ -7,9 +7,9 @@
 class Search;
 struct MD4Hash;
 
-// Pings every server, and extends searches, source requests and callback requests to those that the client isn't
-// logged on to. Each datagram stands alone. A server's UDP port is its TCP port plus 4; every address here has the
-// TCP port. server/ExServerAnnex.cpp has the table of the messages.
+// Pings every server, and extends searches, source requests and callback requests to those that the client
+// isn't logged on to. Each datagram stands alone. A server's UDP port is its TCP port plus 4; every address
+// here has the TCP port. server/ExServerAnnex.cpp has the table of the messages.
 // Thread: sending on any, answers on the socket pool's.
 class ExServerAnnex : public UDPAnnex {
   public:

@@ -15,7 +15,8 @@ class Search;
 //   waiting for ID  connected                   ClientIdChange, the connection's end
 //   online          ClientIdChange              the connection's end
 //
-// Thread: handlers and gone() as Connection, connected() on a Worker's; requests on any: each queues one packet.
+// Thread: handlers and gone() as Connection, connected() on a Worker's; requests on any: each queues one
+// packet.
 class MainServer : public Connection {
   public:
     explicit MainServer(const ServerMeta& server);

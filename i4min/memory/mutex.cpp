@@ -7,8 +7,8 @@
 
 namespace {
 
-// The ranks that this thread holds, in the order of taking. It needs no destructor: static objects still take locks
-// when the thread-local ones of the main thread have gone.
+// The ranks that this thread holds, in the order of taking. It needs no destructor: static objects still take
+// locks when the thread-local ones of the main thread have gone.
 struct HeldRanks {
     static constexpr int most = 32;
     LockRank ranks[most];
