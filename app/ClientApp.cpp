@@ -110,6 +110,8 @@ void ClientApp::shutdown() {
     socketPool.stop();
     hashThread.stop();
     messageQ.stop();
+    // A message that was handled meanwhile may have started it again.
+    hashThread.stop();
     partials_->clear();
     dlPool.stop();
     dlPool.stopAll();

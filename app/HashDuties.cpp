@@ -18,12 +18,13 @@ bool ApplicationHashDuties::importFile(FileMeta& file, const char* path, const c
     return clientApp.importers().importFile(file, path, name);
 }
 
-void ApplicationHashDuties::verify(Download& download, const GiveUp& giveUp) {
+void ApplicationHashDuties::verify(const Ref<Download>& download, const GiveUp& giveUp) {
+    const bool readable = download->partial().checkParts();
     if (giveUp()) return;
-    if (download.partial().checkParts()) {
-        download.hashingEnded();
+    if (readable) {
+        download->hashingEnded();
     } else {
-        download.hashingFailed();
+        download->hashingFailed();
     }
 }
 

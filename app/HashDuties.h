@@ -11,6 +11,6 @@ class ApplicationHashDuties final : public HashDuties {
     void addSharedFile(FileMeta* file) override;
     void changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) override;
     bool importFile(FileMeta& file, const char* path, const char* name) override;
-    void verify(Download& download, const GiveUp& giveUp) override;
+    void verify(const Ref<Download>& download, const GiveUp& giveUp) override;
     void publish() override;
 };
