@@ -137,8 +137,8 @@ i4_string safeFileName(const char* name) {
 }
 
 void PartFileNamer::makeTempName(i4_string& out) {
-    i4_lock guard(lock_);
     const i4_string directory = preferences.tempDir();
+    i4_lock guard(lock_);
     i4_file_status status;
     i4_string path;
     do {
