@@ -55,6 +55,8 @@ void ClientApp::init() {
     i4_mkdir(preferences.incomingDir().c_str());
     i4_mkdir(preferences.tempDir().c_str());
     serverPool.load(preferences.serverPath.c_str());
+    // Before the first command, which may add a directory.
+    shareDirs_->load();
     socketPool.start();
     socketPool.setPriority(3);
     serverPool.setSocketPool(&socketPool);
@@ -85,7 +87,6 @@ void ClientApp::listen(const i4_proxy_settings* proxy, i32 timeoutMs) {
 
 void ClientApp::load() {
     filter_->load(preferences.filterPath.c_str());
-    shareDirs_->load();
     friendList.loadOrSetAside(preferences.friendPath.c_str());
     known.loadOrSetAside(preferences.knownPath.c_str());
     partials_->loadFromDir(preferences.tempDir().c_str());
