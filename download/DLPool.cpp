@@ -205,7 +205,10 @@ void DLPool::slotGranted(Peer& peer) {
     bool taken = false;
     {
         const i4_guard guard(downloads_);
-        taken = byPriority([&](Download& download) { return download.offerSlot(peer); });
+        // A slot that is in use already may be offered once more: the message that one download has left it
+        // crosses with the peer's next grant. Giving it back would end the transfer.
+        taken = byPriority([&](Download& download) { return download.offerSlot(peer); }) ||
+                byPriority([&](Download& download) { return download.usesSlot(peer); });
     }
     if (!taken) remoteQueueList.release(peer);
 }

@@ -176,6 +176,10 @@ bool DLS_Downloading::offerSlot(Peer& peer) {
     return untilTrue([&](FileSourceState& state) { return state.offerSlot(peer); });
 }
 
+bool DLS_Downloading::usesSlot(const Peer& peer) {
+    return untilTrue([&](FileSourceState& state) { return state.usesSlot(peer); });
+}
+
 bool DLS_Downloading::slotEnded(Peer& peer) {
     return untilTrue([&](FileSourceState& state) { return state.slotEnded(peer); });
 }

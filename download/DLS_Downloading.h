@@ -28,6 +28,7 @@ class DLS_Downloading : public DownloadState {
     void addSource(const UserMeta& user) override;
     void peerConnected(Peer& peer) override;
     bool offerSlot(Peer& peer) override;
+    bool usesSlot(const Peer& peer) override;
     bool slotEnded(Peer& peer) override;
     bool gotFileStatus(Peer& peer, const BoolArray& parts) override;
     void noSuchFile(Peer& peer) override;

@@ -190,6 +190,11 @@ bool Download::offerSlot(Peer& peer) {
     return state_->offerSlot(peer);
 }
 
+bool Download::usesSlot(const Peer& peer) {
+    const i4_guard guard(lock_);
+    return state_->usesSlot(peer);
+}
+
 bool Download::slotEnded(Peer& peer) {
     const i4_guard guard(lock_);
     return state_->slotEnded(peer);

@@ -57,6 +57,7 @@ class Download : public RefCounter {
     void addSource(const UserMeta& user) EXCLUDES(lock_);
     void peerConnected(Peer& peer) EXCLUDES(lock_);
     bool offerSlot(Peer& peer) EXCLUDES(lock_);
+    bool usesSlot(const Peer& peer) EXCLUDES(lock_);  // a source transfers by the slot that this peer gave
     bool slotEnded(Peer& peer) EXCLUDES(lock_);
     bool gotFileStatus(Peer& peer, const BoolArray& parts) EXCLUDES(lock_);
     void noSuchFile(Peer& peer) EXCLUDES(lock_);

@@ -53,6 +53,7 @@ class DownloadState {
     virtual void addSource(const UserMeta& /*user*/) {}
     virtual void peerConnected(Peer& /*peer*/) {}
     virtual bool offerSlot(Peer& /*peer*/) { return false; }
+    virtual bool usesSlot(const Peer& /*peer*/) { return false; }
     virtual bool slotEnded(Peer& /*peer*/) { return false; }
     virtual bool gotFileStatus(Peer& /*peer*/, const BoolArray& /*parts*/) { return false; }
     virtual void noSuchFile(Peer& /*peer*/) {}

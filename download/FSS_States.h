@@ -93,6 +93,7 @@ class FSS_WaitForChunks : public PeerState {
     FSS_WaitForChunks(FileSource& owner, Peer& peer) : PeerState(owner, "Waiting for Chunks", peer) {}
     void drop() override;
     void stop() override;
+    bool usesSlot(const Peer& peer) const override { return isMine(peer); }
     bool gotFileStatus(Peer& peer, const BoolArray& parts) override;
     bool slotEnded(Peer& peer) override;
     void peerGone(Peer& peer) override;
@@ -110,6 +111,7 @@ class FSS_Transfering : public PeerState {
     void diskFull() override { pause(); }
     void stop() override { drop(); }
     void requestChunks() override;
+    bool usesSlot(const Peer& peer) const override { return isMine(peer); }
     bool gotFileStatus(Peer& peer, const BoolArray& parts) override;
     bool slotEnded(Peer& peer) override;
     void peerGone(Peer& peer) override;

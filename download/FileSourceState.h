@@ -32,6 +32,8 @@ class FileSourceState {
     virtual bool askHashSet() { return false; }
     virtual void peerConnected(Peer& /*peer*/) {}
     virtual bool offerSlot(Peer& /*peer*/) { return false; }
+    // The slot that this peer gave is in use here.
+    virtual bool usesSlot(const Peer& /*peer*/) const { return false; }
     virtual bool gotFileStatus(Peer& /*peer*/, const BoolArray& /*parts*/) { return false; }
     virtual bool slotEnded(Peer& /*peer*/) { return false; }
     virtual void peerGone(Peer& /*peer*/) {}

@@ -1,0 +1,231 @@
+#include "tests/support/Network.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <thread>
+
+namespace {
+
+constexpr std::chrono::milliseconds between{20};
+const std::string banner = "Enter commands at any time (type '?' for help)\n";
+const std::string loaded = "Done loading shared files.\n";
+
+// A program and its arguments, to be run on that host.
+std::vector<std::string> onHost(const Host& host, const std::string& program,
+                                const std::vector<std::string>& arguments) {
+    std::vector<std::string> words;
+    if (!host.space.empty()) words = {"/usr/bin/nsenter", "--net=" + host.space, "--"};
+    words.push_back(program);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return words;
+}
+
+std::unique_ptr<Process> startOn(const Host& host, const std::string& program,
+                                 const std::vector<std::string>& arguments, const std::string& directory,
+                                 Process::Input input) {
+    const std::vector<std::string> words = onHost(host, programPath(program), arguments);
+    return std::make_unique<Process>(words[0], std::vector<std::string>(words.begin() + 1, words.end()),
+                                     directory, input);
+}
+
+std::string pathOf(int space) {
+    return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(space);
+}
+
+}  // namespace
+
+bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(between);
+    }
+    return true;
+}
+
+std::string bytesOfSeed(unsigned seed, std::size_t size) {
+    std::mt19937_64 random(seed);
+    std::string bytes(size + 8, '\0');
+    for (std::size_t at = 0; at < size; at += 8) {
+        const std::uint64_t word = random();
+        std::memcpy(bytes.data() + at, &word, sizeof word);
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+void writeFile(const std::string& path, const std::string& bytes) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+bool hasBytes(const std::string& path, const std::string& bytes) {
+    std::ifstream file(path, std::ios::binary);
+    return file && std::string(std::istreambuf_iterator<char>(file), {}) == bytes;
+}
+
+int freePort() {
+    const int door = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    const bool bound = ::bind(door, generic, length) == 0 && ::getsockname(door, generic, &length) == 0;
+    ::close(door);
+    return bound ? ntohs(address.sin_port) : 0;
+}
+
+// --- NamespaceNetwork
+
+NamespaceNetwork::NamespaceNetwork(std::size_t hosts) {
+    const int own = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    bool made = ::geteuid() == 0 && addSpace();
+    for (std::size_t i = 0; made && i < hosts; ++i) made = addSpace();
+    if (::setns(own, CLONE_NEWNET) != 0) made = false;
+    ::close(own);
+    if (!made) {
+        why_ = "network namespaces can't be made here: they take root and CAP_SYS_ADMIN";
+        return;
+    }
+    const std::string hub = pathOf(spaces_[0]);
+    made =
+        ip(hub, "link add bridge type bridge") && ip(hub, "link set bridge up") && ip(hub, "link set lo up");
+    for (std::size_t i = 0; made && i < hosts; ++i) {
+        const std::string space = pathOf(spaces_[i + 1]);
+        const std::string cable = "cable" + std::to_string(i);
+        hosts_.push_back({"10.77.0." + std::to_string(i + 1), space});
+        made = ip(hub, "link add " + cable + " type veth peer name net0 netns " + space) &&
+               ip(hub, "link set " + cable + " master bridge up") &&
+               ip(space, "address add " + hosts_[i].address + "/24 dev net0") &&
+               ip(space, "link set net0 up") && ip(space, "link set lo up");
+    }
+    if (!made) why_ = "a network of namespaces can't be made here: ip from iproute2 is missing or refuses";
+}
+
+NamespaceNetwork::~NamespaceNetwork() {
+    for (const int space : spaces_) ::close(space);
+}
+
+bool NamespaceNetwork::addSpace() {
+    if (::unshare(CLONE_NEWNET) != 0) return false;
+    spaces_.push_back(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+    return spaces_.back() >= 0;
+}
+
+bool NamespaceNetwork::ip(const std::string& space, const std::string& arguments) {
+    const std::string command = "nsenter --net=" + space + " ip " + arguments + " >/dev/null 2>&1";
+    return std::system(command.c_str()) == 0;
+}
+
+// --- IndexServerProcess
+
+IndexServerProcess::IndexServerProcess(const Host& host) : host_(host) {
+    process_ = startOn(host, "tarnwick-index", {"--port", "0", "--bind", host.address}, home_.path(),
+                       Process::Input::pipe);
+    const std::string listening = "Listening on " + host.address + ":";
+    EXPECT_TRUE(process_->waitFor(listening));
+    EXPECT_TRUE(process_->waitFor(","));
+    const std::string& output = process_->output();
+    const std::size_t from = output.find(listening) + listening.size();
+    port_ = output.substr(from, output.find(',', from) - from);
+}
+
+bool IndexServerProcess::said(const std::string& text) {
+    return eventually([&] { return process_->output().find(text) != std::string::npos; });
+}
+
+// --- Client
+
+Client::Client(const std::string& name, const IndexServerProcess& index, const Host& host)
+    : name_(name),
+      host_(host),
+      server_(index.host()),
+      serverPort_(index.port()),
+      doorPort_(std::to_string(freePort())) {
+    run({"port " + doorPort_, "name " + name, "n " + server_.address + " " + serverPort_},
+        Process::Input::pipe);
+    process_->closeInput();
+    EXPECT_EQ(process_->wait(), 1) << process_->output();
+}
+
+void Client::run(const std::vector<std::string>& arguments, Process::Input input) {
+    process_.reset();
+    process_ = startOn(host_, "tarnwick", arguments, home_.path(), input);
+}
+
+void Client::start() {
+    run({}, Process::Input::terminal);
+    EXPECT_TRUE(eventually([&] {
+        const std::string& output = process_->output();
+        return output.find(banner) != std::string::npos && output.find(loaded) != std::string::npos;
+    })) << process_->output();
+}
+
+void Client::kill() { process_.reset(); }
+
+void Client::quit() {
+    EXPECT_TRUE(type("q", "Are you sure you want to exit?(y or n): \n"));
+    console().type("y");
+    EXPECT_EQ(console().wait(), 1) << console().output();
+}
+
+void Client::logOn() { EXPECT_TRUE(type("c " + std::string("1"), "Connected to: ")) << console().output(); }
+
+bool Client::type(const std::string& line, const std::string& answer) {
+    console().type(line);
+    return console().waitFor(answer);
+}
+
+std::string Client::view(const std::string& line, const std::string& last) {
+    const std::size_t before = console().output().size();
+    EXPECT_TRUE(type(line, last)) << console().output();
+    return console().output().substr(before);
+}
+
+void Client::share(const std::string& folder, IndexServerProcess& index) {
+    EXPECT_TRUE(type("a " + folder, loaded));
+    EXPECT_TRUE(index.said("(" + name_ + ") has published"));
+}
+
+void Client::findAndDownload(const std::string& text) {
+    EXPECT_TRUE(eventually([&] {
+        if (!type("s " + text, "Results returned\n")) return false;
+        const std::string results = view("vr", "> ");
+        return results.find("(1) ") != std::string::npos && results.find("(2) ") == std::string::npos;
+    }));
+    EXPECT_TRUE(type("d 1", "Downloading: ")) << console().output();
+}
+
+u_int Client::transferredKB() {
+    const std::string downloads = view("vd", "Total: ");
+    const std::size_t row = downloads.find("\t\t");
+    if (row == std::string::npos) return 0;
+    const std::size_t size = downloads.find('\t', row + 2);
+    const std::size_t transferred = downloads.find('\t', size + 1);
+    return static_cast<u_int>(std::strtoul(downloads.c_str() + transferred + 1, nullptr, 10));
+}
+
+bool Client::hasFinished(const std::string& name, const std::string& bytes, std::chrono::seconds limit) {
+    const std::string path = file("incoming/" + name);
+    const bool arrived = eventually(
+        [&] {
+            console().output();
+            return std::filesystem::exists(path);
+        },
+        limit);
+    if (!arrived) return false;
+    // The list lets go of a download that has ended.
+    return eventually([&] { return view("vd", "Total: ").find(name) == std::string::npos; }) &&
+           hasBytes(path, bytes);
+}

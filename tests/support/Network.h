@@ -1,0 +1,105 @@
+// A private network of real processes: an index server and clients in directories of their own, on loopback
+// or in network namespaces that the test makes.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/Process.h"
+
+// The limit for a transfer, which a sanitizer and a busy machine make slow.
+inline constexpr std::chrono::seconds transferPatience{150};
+
+// Asks until `holds` says true; false when time ran out.
+bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds limit = patience);
+
+std::string bytesOfSeed(unsigned seed, std::size_t size);
+void writeFile(const std::string& path, const std::string& bytes);
+bool hasBytes(const std::string& path, const std::string& bytes);
+
+// A place on a network: a loopback address, or a namespace's own address.
+struct Host {
+    std::string address = "127.0.0.1";
+    std::string space;  // the path of a network namespace, empty for the test's own
+};
+
+// Namespaces that hang on one bridge, made by unshare() and ip; they go with this object and the processes in
+// them. Not every machine lets a test make them: usable() is false then, and why() tells the reason.
+class NamespaceNetwork {
+  public:
+    explicit NamespaceNetwork(std::size_t hosts);
+    NamespaceNetwork(const NamespaceNetwork&) = delete;
+    NamespaceNetwork& operator=(const NamespaceNetwork&) = delete;
+    ~NamespaceNetwork();
+    bool usable() const { return why_.empty(); }
+    const std::string& why() const { return why_; }
+    const Host& host(std::size_t index) const { return hosts_.at(index); }
+
+  private:
+    bool addSpace();
+    bool ip(const std::string& space, const std::string& arguments);
+
+    std::string why_;
+    std::vector<int> spaces_;
+    std::vector<Host> hosts_;
+};
+
+// tarnwick-index on a port that the system chose.
+class IndexServerProcess {
+  public:
+    explicit IndexServerProcess(const Host& host = {});
+    // Waits for a line of the server's that holds `text`, from its start on.
+    bool said(const std::string& text);
+    const Host& host() const { return host_; }
+    const std::string& port() const { return port_; }
+
+  private:
+    const Host host_;
+    TemporaryDirectory home_;
+    std::unique_ptr<Process> process_;
+    std::string port_;
+};
+
+// One client, with a directory, a name and a door port of its own. It may be started and killed several
+// times.
+class Client {
+  public:
+    Client(const std::string& name, const IndexServerProcess& index, const Host& host = {});
+
+    void start();  // and waits for the banner and the shared files
+    void kill();   // as a crash does
+    void quit();   // as a user does
+    void logOn();
+    // Types a line and waits for `answer`, which must be something that only this line brings.
+    bool type(const std::string& line, const std::string& answer);
+    // The answer to a line, up to and with `last`.
+    std::string view(const std::string& line, const std::string& last);
+    // Shares what `folder` holds and waits until the index server has heard of it.
+    void share(const std::string& folder, IndexServerProcess& index);
+    // Searches until the text brings exactly one file, and downloads that.
+    void findAndDownload(const std::string& text);
+    u_int transferredKB();  // of the first download
+    // The file arrives in time, with these bytes.
+    bool hasFinished(const std::string& name, const std::string& bytes,
+                     std::chrono::seconds limit = transferPatience);
+
+    Process& console() { return *process_; }
+    std::string file(const std::string& name) const { return home_.file(name); }
+    const std::string& doorPort() const { return doorPort_; }
+
+  private:
+    void run(const std::vector<std::string>& arguments, Process::Input input);
+
+    const std::string name_;
+    const Host host_;
+    const Host server_;
+    const std::string serverPort_;
+    const std::string doorPort_;
+    TemporaryDirectory home_;
+    std::unique_ptr<Process> process_;
+};
+
+// A TCP port that was free a moment ago.
+int freePort();
