@@ -52,7 +52,8 @@ void ConnectTask::doTask(SocketPool* pool) {
 
 void ConnectTask::attempt(SocketPool& pool, bool& done) {
     if (connection->ip <= lastLowId) return;
-    const std::unique_ptr<i4_address> address = theProtocol->resolve(ipToString(connection->ip).c_str(), 0, 0);
+    const std::unique_ptr<i4_address> address =
+        theProtocol->resolve(ipToString(connection->ip).c_str(), 0, 0);
     if (!address) return;
     address->set_port(static_cast<u16>(connection->port));
     std::unique_ptr<i4_socket> socket = theProtocol->connect(*address, I4_STREAM, false);
