@@ -14,20 +14,34 @@
 #include "server/ServerPool.h"
 #include "transport/ConnectRegistry.h"
 
+namespace {
+
+std::unique_ptr<FileMeta> copyOf(const FileMeta& file) {
+    auto copy = std::make_unique<FileMeta>();
+    copy->copyFrom(&file);
+    return copy;
+}
+
+}  // namespace
+
 void ClientApp::publish() {
     const Ref<MainServer> server = serverPool.mainServer();
     if (!server || !hashThread.isFinished()) return;
+    // The offer has records of its own: those of `published` go with the server's connection, at any moment.
     FileList offer(LockRank::none);
-    for (const FileMeta* file : shared.snapshot()) {
-        auto copy = std::make_unique<FileMeta>();
-        {
-            const i4_guard guard(shared);
-            copy->copyFrom(file);
+    {
+        const i4_guard guard(shared);
+        for (FileList::Cursor c; const FileMeta* file = shared.next(c);) {
+            std::unique_ptr<FileMeta> copy = copyOf(*file);
+            if (published.addUnique(copy.get())) continue;
+            static_cast<void>(copy.release());
+            offer.add(copyOf(*file).release());
         }
-        if (published.addUnique(copy.get())) continue;
-        offer.add(copy.release());
     }
+    // What was noted for a server that is gone meanwhile is news to the next one.
+    if (serverPool.mainServer().get() != server.get()) clearPublished();
     if (offer.count() > 0) server->publish(offer);
+    offer.deleteAll();
 }
 
 void ClientApp::addSharedFile(FileMeta* file) {

@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr u32 mostResults = 10'000;
+
 // A list entry holds one reference. An event may repeat: an entry stands once.
 template <class T>
 void keep(LLsafe<T>& list, T* object) {
@@ -38,7 +40,14 @@ void CLUI::serverStats(u32 files, u32 users) {
 }
 
 void CLUI::extending(const char* name) { printLine("%s %s", stringTable.get(STRINGS_EXTENDING_TO), name); }
-void CLUI::addResult(FileMeta* file) { conClientApp.results.add(file); }
+void CLUI::addResult(FileMeta* file) {
+    // Results by datagram come from anyone, and without end.
+    if (conClientApp.results.count() < mostResults) {
+        conClientApp.results.add(file);
+    } else {
+        delete file;
+    }
+}
 
 void CLUI::setResults(FileList* list, u8) {
     const std::unique_ptr<FileList> owned(list);

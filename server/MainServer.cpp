@@ -18,6 +18,7 @@
 
 namespace {
 
+constexpr u32 logOnBodyLimit = 64 * 1024;
 constexpr u32 loggedOnBodyLimit = 16 * 1024 * 1024;
 
 enum ServerOpcode : u8 {
@@ -78,13 +79,22 @@ std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
     return packet;
 }
 
+struct DeletesRecords {
+    template <class List>
+    void operator()(List* list) const {
+        list->deleteAll();
+        delete list;
+    }
+};
+template <class List>
+using OwnedList = std::unique_ptr<List, DeletesRecords>;
+
 // A list off a stream with its records; null where it can't be read.
 template <class List>
-std::unique_ptr<List> readList(i4_file& stream) {
-    auto list = std::make_unique<List>();
-    if (list->fromNetwork(stream)) return list;
-    list->deleteAll();
-    return nullptr;
+OwnedList<List> readList(i4_file& stream) {
+    OwnedList<List> list(new List);
+    if (!list->fromNetwork(stream)) list.reset();
+    return list;
 }
 
 MD4Hash readHash(i4_file& stream) {
@@ -101,7 +111,8 @@ MainServer::MainServer(const ServerMeta& server) : Connection(server.ip, server.
 
 const OpcodeTable* MainServer::opcodes() const { return &table; }
 
-u32 MainServer::bodyLimit() const { return loggedOn_ ? loggedOnBodyLimit : Connection::bodyLimit(); }
+u32 MainServer::bodyLimit() const { return loggedOn_ ? loggedOnBodyLimit : logOnBodyLimit; }
+u32 MainServer::stallLimit() const { return 0; }
 
 void MainServer::connected() {
     theLog->printLine("%s", stringTable.get(STRINGS_PLACED_ON_Q));
@@ -171,14 +182,14 @@ bool MainServer::gotServerList(i4_file& stream) {
 }
 
 bool MainServer::gotSearchResults(i4_file& stream) {
-    std::unique_ptr<FileList> list = readList<FileList>(stream);
+    OwnedList<FileList> list = readList<FileList>(stream);
     if (!list) return false;
-    const bool more = stream.bytesLeft().value_or(0) > 0 && stream.read_8() != 0;
+    const bool more = stream.read_8() != 0;
     clientApp.gotResults(list.release(), more);
     return true;
 }
 
-// A client that nobody can reach... is us: somebody wants to be called.
+// We can't be reached, and somebody wants to be called by us.
 bool MainServer::gotCallbackAsked(i4_file& stream) {
     UserMeta user;
     user.id = stream.read_32();
@@ -241,7 +252,7 @@ bool MainServer::gotSources(i4_file& stream) {
 
 // A tail of the form of FoundSources may follow the list.
 bool MainServer::gotUsers(i4_file& stream) {
-    std::unique_ptr<UserList> list = readList<UserList>(stream);
+    OwnedList<UserList> list = readList<UserList>(stream);
     if (!list) return false;
     clientApp.gotUserList(list.release());
     return stream.bytesLeft().value_or(0) == 0 || gotSources(stream);

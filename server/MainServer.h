@@ -34,7 +34,8 @@ class MainServer : public Connection {
 
   protected:
     void gone() override;
-    u32 bodyLimit() const override;
+    u32 bodyLimit() const override;   // 64 KiB until the log-on's answer, then 16 MiB
+    u32 stallLimit() const override;  // none: the connection has no time-out of our own
     const OpcodeTable* opcodes() const override;
 
   private:

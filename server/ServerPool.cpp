@@ -1,5 +1,7 @@
 #include "server/ServerPool.h"
 
+#include <algorithm>
+
 #include "app/ClientApp.h"
 #include "app/Preferences.h"
 #include "app/StringTable.h"
@@ -16,6 +18,8 @@ constexpr u32 pingEvery = 1'800'000;  // ms; an entry at this value is due at th
 constexpr u32 mostSilentPings = 5;    // with one more unanswered, a server is dead at the next
 constexpr u32 prefHigh = 1;
 constexpr std::size_t mostToTry = 6000;
+// ms; the stamp comes back from the server, and a longer round trip would turn the rating over.
+constexpr i32 longestPing = 1'000'000;
 
 bool byRating(const Meta* a, const Meta* b) {
     return static_cast<const ServerMeta*>(a)->rating >= static_cast<const ServerMeta*>(b)->rating;
@@ -74,6 +78,10 @@ void ServerPool::gotServerInfo(const ServerMeta& server) {
     }
     auto added = std::make_unique<ServerMeta>();
     added->copyFrom(&server);
+    // What the user thinks of a server isn't for the server to say.
+    added->setPref(0);
+    added->history = 0;
+    added->idleTime = pingEvery;
     servers_.addUnsafe(added.release());
 }
 
@@ -82,7 +90,7 @@ void ServerPool::gotPing(u32 ip, u16 port, i32 ping, u32 users, u32 files) {
     ServerMeta* server = servers_.find(ip, port);
     if (!server) return;
     // A server that answers within the same millisecond is rated too.
-    server->setPing(std::max(2, ping));
+    server->setPing(std::clamp(ping, 2, longestPing));
     server->setCounts(users, files);
 }
 
@@ -201,8 +209,12 @@ void ServerPool::serverFailed(u32 ip) {
 
 void ServerPool::setMainServer(MainServer* server) {
     Ref<MainServer> next(server);
-    i4_lock guard(mainLock_);
-    std::swap(mainServer_, next);
+    {
+        i4_lock guard(mainLock_);
+        std::swap(mainServer_, next);
+    }
+    // An attempt that the user had given up may stand after all, beside the one that followed it.
+    if (next && next.get() != server) next->close();
 }
 
 void ServerPool::mainServerGone(MainServer* server) {
@@ -249,6 +261,7 @@ void ServerPool::extendSearch(const Search& search, bool alternate) {
     const Ref<MainServer> current = mainServer();
     if (!current) return;
     ServerAddress address{};
+    bool found = false;
     i4_string name;
     {
         const i4_guard list(servers_);
@@ -260,12 +273,13 @@ void ServerPool::extendSearch(const Search& search, bool alternate) {
             ++place;
         }
         extendIndex_ = place;
-        if (server) {
+        found = server != nullptr;
+        if (found) {
             address = addressOf(*server);
             server->getName(name);
         }
     }
-    if (address.ip == 0) return say(STRINGS_NO_MORE_EXTEND);
+    if (!found) return say(STRINGS_NO_MORE_EXTEND);
     if (alternate) {
         annex_->sendAlternateSearch(search, address);
     } else {

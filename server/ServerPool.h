@@ -18,8 +18,7 @@ class SocketPool;
 struct MD4Hash;
 
 //   state       connecting  mainServer   entered by
-//   idle        0           none         start; the queue ran out; disconnect; the end of a logged-on
-// connection
+//   idle        0           none         start; the queue ran out; disconnect; a logged-on one's end
 //   trying      1           none         tryNext
 //   logging on  1           set          MainServer::connected
 //   connected   0           set          stopTrying
