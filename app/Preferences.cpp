@@ -279,8 +279,8 @@ void Preferences::makeFirstRun() {
     store(*settings_, "adminPass", texts.adminPass);
 }
 
-void Preferences::save() {
-    saveFile(prefPath.c_str(), [this](i4_file& file) { return toDisk(file); });
+bool Preferences::save() {
+    return saveFile(prefPath.c_str(), [this](i4_file& file) { return toDisk(file); });
 }
 
 bool Preferences::toDisk(i4_file& stream) {

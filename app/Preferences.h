@@ -30,8 +30,8 @@ class Preferences {
     // user hash in it, is named in one line, set aside as pref.met.bad, and means a first run too. Seeds
     // rand(). Fills the string table.
     void load() EXCLUDES(selfLock, pathLock);
-    // A failure is told in one line; the old file then stays.
-    void save() EXCLUDES(selfLock, pathLock);
+    // A failure is told in one line; the old file then stays. True when the new one is in place.
+    bool save() EXCLUDES(selfLock, pathLock);
     // The same on a stream, in the form of pref.met. fromDisk is false where the bytes are no whole file with
     // a name and a user hash: the tags that were read then stay, and no setting takes a value.
     bool fromDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
