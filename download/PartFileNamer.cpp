@@ -44,19 +44,34 @@ Take outcome(int error) {
     return error == EXDEV ? Take::otherFileSystem : Take::failed;
 }
 
+// A name of a file that isn't there is held by an empty file of ours, which the rename then replaces: for file
+// systems that know neither a rename that doesn't replace nor links.
+Take renameToHeldName(const char* source, const char* target) {
+    const Descriptor held(::open(target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
+    if (!held) return outcome(errno);
+    if (::rename(source, target) == 0) return Take::done;
+    const int error = errno;
+    ::unlink(target);
+    return outcome(error);
+}
+
 // Gives a file a new path, never in the place of another file.
 Take renameTo(const char* source, const char* target) {
     if (::renameat2(AT_FDCWD, source, AT_FDCWD, target, RENAME_NOREPLACE) == 0) return Take::done;
     if (errno != EINVAL && errno != ENOSYS) return outcome(errno);
-    // The file system doesn't know that kind of rename; a link never replaces either.
-    if (::link(source, target) != 0) return outcome(errno);
-    ::unlink(source);
-    return Take::done;
+    if (::link(source, target) == 0) {
+        ::unlink(source);
+        return Take::done;
+    }
+    if (errno == EEXIST || errno == EXDEV) return outcome(errno);
+    return renameToHeldName(source, target);
 }
 
-bool copyBytes(int from, int to) {
+// False when a read or write fails, or the caller gives up.
+bool copyBytes(int from, int to, const GiveUp& giveUp) {
     std::vector<char> block(copyBlock);
     for (;;) {
+        if (giveUp && giveUp()) return false;
         const ssize_t got = ::read(from, block.data(), block.size());
         if (got == 0) return true;
         if (got < 0) return false;
@@ -79,25 +94,45 @@ void syncFolder(const char* path) {
     if (folder) ::fsync(folder.get());
 }
 
-// A whole copy of a file in another directory, on the disk but without a name yet.
-class NamelessCopy {
+// A copy of a file in another directory, without a name or, where the file system can't do that, under a hidden one.
+class FileCopy {
   public:
-    NamelessCopy(const char* source, const char* directory)
-        : copy_(::open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0777)) {
-        const Descriptor from(::open(source, O_RDONLY | O_CLOEXEC));
-        whole_ = copy_ && from && copyBytes(from.get(), copy_.get()) && ::fsync(copy_.get()) == 0 &&
-                 sameSize(from.get(), copy_.get());
+    explicit FileCopy(const std::string& directory)
+        : hidden_(directory + "/." + std::to_string(::getpid()) + ".copy"), copy_(make(directory)) {}
+    FileCopy(const FileCopy&) = delete;
+    FileCopy& operator=(const FileCopy&) = delete;
+    ~FileCopy() {
+        if (named_) ::unlink(hidden_.c_str());
     }
-    bool isWhole() const { return whole_; }
+    // True when the whole of the source is on the disk.
+    bool fill(const char* source, const GiveUp& giveUp) {
+        const Descriptor from(::open(source, O_RDONLY | O_CLOEXEC));
+        return copy_ && from && copyBytes(from.get(), copy_.get(), giveUp) && ::fsync(copy_.get()) == 0 &&
+               sameSize(from.get(), copy_.get());
+    }
     Take nameIt(const char* target) {
+        if (named_) {
+            const Take taken = renameTo(hidden_.c_str(), target);
+            named_ = taken != Take::done;
+            return taken;
+        }
         const std::string self = "/proc/self/fd/" + std::to_string(copy_.get());
         return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target, AT_SYMLINK_FOLLOW) == 0 ? Take::done
                                                                                           : outcome(errno);
     }
 
   private:
+    int make(const std::string& directory) {
+        const int nameless = ::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0777);
+        if (nameless >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return nameless;
+        const int hidden = ::open(hidden_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777);
+        named_ = hidden >= 0;
+        return hidden;
+    }
+
+    const std::string hidden_;
+    bool named_ = false;
     const Descriptor copy_;
-    bool whole_ = false;
 };
 
 // name, 2_name, 3_name, ... in the directory, until one can be taken or it fails. `path` is the last one
@@ -141,29 +176,41 @@ void PartFileNamer::makeTempName(i4_string& out) {
     i4_lock guard(lock_);
     i4_file_status status;
     i4_string path;
+    i4_string metaPath;
     do {
         ++counter_;
         path.format("%S%c%u.part", &directory, preferences.pathSeparator, counter_);
-    } while (i4_get_status(path.c_str(), status));
+        metaPath.format("%S.met", &path);
+    } while (i4_get_status(path.c_str(), status) || i4_get_status(metaPath.c_str(), status));
     out.format("%u.part", counter_);
 }
 
-void PartFileNamer::moveFile(const char* source, const char* name, const char* directory, i4_string& path) {
+bool PartFileNamer::moveFile(const char* source, const char* name, const char* directory, i4_string& path,
+                             const GiveUp& giveUp) {
     Take taken =
         takeFreeName(name, directory, path, [&](const char* target) { return renameTo(source, target); });
     if (taken == Take::otherFileSystem) {
-        NamelessCopy copy(source, directory);
+        FileCopy copy(directory);
         taken = Take::failed;
-        if (copy.isWhole()) {
+        if (copy.fill(source, giveUp)) {
             taken =
                 takeFreeName(name, directory, path, [&](const char* target) { return copy.nameIt(target); });
+        } else if (giveUp && giveUp()) {
+            path = source;
+            return false;
         }
-        if (taken == Take::done) ::unlink(source);
+        // The copy has its name for good before the source goes.
+        if (taken == Take::done) {
+            syncFolder(directory);
+            ::unlink(source);
+            return true;
+        }
     }
     if (taken == Take::done) {
         syncFolder(directory);
-        return;
+        return true;
     }
     theLog->printLine("%s %s %s", source, stringTable.get(STRINGS_COULDNT_BE_MOVED), path.c_str());
     path = source;
+    return true;
 }

@@ -4,17 +4,20 @@
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
+#include "meta/MD4Hash.h"
 
 // Thread: any.
 class PartFileNamer {
   public:
-    // The next bare name N.part that is free in the temp directory.
+    // The next bare name N.part that is free in the temp directory, as is that of its meta file.
     void makeTempName(i4_string& out) EXCLUDES(lock_);
     // Moves `source` into `directory` under `name` made safe, or under 2_name, 3_name and so on where that is
     // taken: a file that exists is never replaced. Across file systems the file is copied, synced and its
     // size compared, and appears under its name only when it is whole. `path` becomes where the file lies
-    // now: the source where it couldn't be moved, which is said in one line.
-    void moveFile(const char* source, const char* name, const char* directory, i4_string& path);
+    // now: the source where it couldn't be moved, which is said in one line. False, and the file stays, when
+    // the caller gives up while it is copied.
+    bool moveFile(const char* source, const char* name, const char* directory, i4_string& path,
+                  const GiveUp& giveUp = {});
 
   private:
     i4_mutex lock_{LockRank::leaf};
