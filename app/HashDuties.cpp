@@ -19,13 +19,7 @@ bool ApplicationHashDuties::importFile(FileMeta& file, const char* path, const c
 }
 
 void ApplicationHashDuties::verify(const Ref<Download>& download, const GiveUp& giveUp) {
-    const bool readable = download->partial().checkParts();
-    if (giveUp()) return;
-    if (readable) {
-        download->hashingEnded();
-    } else {
-        download->hashingFailed();
-    }
+    download->verify(giveUp);
 }
 
 void ApplicationHashDuties::publish() { messageQ.post(MESSAGE_PUBLISH); }

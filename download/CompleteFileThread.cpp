@@ -7,8 +7,9 @@
 CompleteFileThread::~CompleteFileThread() { stop(); }
 
 void CompleteFileThread::run() {
-    endLoop();
     const PartialFile::Completion result = download_.partial().complete([this] { return isStopping(); });
+    // Not before: what has ended its loop can't be asked to stop any more.
+    endLoop();
     // The program ends: the file is saved as it is, and completed at the next start.
     if (result == PartialFile::Completion::abandoned) return;
     const bool good = result == PartialFile::Completion::good;

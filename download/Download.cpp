@@ -60,6 +60,17 @@ void Download::load(const FileMeta& record) {
     theUI->downloadAdded(this);
 }
 
+void Download::verify(const GiveUp& giveUp) {
+    switch (partial_->checkParts(giveUp)) {
+        case PartialFile::Check::done:
+            return hashingEnded();
+        case PartialFile::Check::unreadable:
+            return hashingFailed();
+        case PartialFile::Check::abandoned:
+            return;
+    }
+}
+
 void Download::hashingEnded() {
     const i4_guard guard(lock_);
     setHash(partial_->getHash());
@@ -142,7 +153,8 @@ u32 Download::diskNeeded() {
 
 void Download::tick(i32 elapsedMs) {
     const i4_guard guard(lock_);
-    state_->tick(elapsedMs);
+    // One that was cancelled has nothing to do any more until it leaves the pool.
+    if (!partial_->isFinished()) state_->tick(elapsedMs);
 }
 
 void Download::pause() {

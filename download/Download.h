@@ -34,6 +34,9 @@ class Download : public RefCounter {
 
     bool create(FileMeta& meta) EXCLUDES(lock_);  // false, and said, when there is no room for the temp file
     void load(const FileMeta& record) EXCLUDES(lock_);
+    // Checks the parts of a loaded file, then says how it ended; nothing of it when the caller gives up.
+    // Thread: the hash thread's.
+    void verify(const GiveUp& giveUp) EXCLUDES(lock_);
     void hashingEnded() EXCLUDES(lock_);   // all parts of a loaded file are checked
     void hashingFailed() EXCLUDES(lock_);  // a part of a loaded file couldn't be read
 

@@ -1,6 +1,9 @@
 #include "download/PartialFile.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
 #include <map>
 #include <utility>
 #include <vector>
@@ -58,7 +61,19 @@ std::vector<Gap> takeGaps(const FileMeta& record, FileMeta& rest) {
     return gaps;
 }
 
-bool isPlainComponent(const char* name) { return name && safeFileName(name) == name; }
+// What a record tells of the download and not of the file. A stranger's record brings in none of it.
+constexpr TagIndex downloadTags[] = {TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE};
+
+void removeDownloadTags(FileMeta& record) {
+    for (const TagIndex tag : downloadTags) {
+        while (record.removeTag(tag)) continue;
+    }
+}
+
+// A data file lies in the temp directory itself, and is nobody's meta file.
+bool isDataFileName(const i4_string& name) {
+    return !name.isNull() && safeFileName(name.c_str()) == name && !name.view().ends_with(".met");
+}
 
 i4_string pathInTemp(const i4_string& name) {
     const i4_string directory = preferences.tempDir();
@@ -71,49 +86,58 @@ i4_string pathInTemp(const i4_string& name) {
 
 PartialFile::~PartialFile() { closeFiles(); }
 
-void PartialFile::finishSetup() {
+// Part hashes that don't belong to the file would only fail parts that are good: they are asked for anew.
+void PartialFile::finishSetup(const FileMeta& tags, const FileMeta& record) {
+    meta_.copyFrom(&tags);
+    meta_.hash = record.hash;
     meta_.setPath(pathInTemp(tempFileName_).c_str());
     fileSize_ = meta_.getSize();
     partCount_ = fileSize_ / PARTSIZE + 1;
     partsDone_.setSize(static_cast<i32>(partCount_));
     partHashesKnown_ = partCount_ < 2;
+    if (isHashSet(record.partHashes)) meta_.partHashes = record.partHashes;
+}
+
+bool PartialFile::isHashSet(const std::vector<MD4Hash>& hashes) const {
+    return hashes.size() == partCount_ && MD4Hash::ofParts(hashes) == meta_.hash;
 }
 
 bool PartialFile::openForWriting(u32 flags) {
     writeFile_ = i4_open_exact(meta_.path.c_str(), I4_FILE_READ | I4_FILE_WRITE | flags);
-    if (writeFile_) fileEnd_ = writeFile_->size();
     return writeFile_ != nullptr;
 }
 
 bool PartialFile::create(const FileMeta& meta) {
     partFileNamer.makeTempName(tempFileName_);
-    meta_.copyFrom(&meta);
-    finishSetup();
+    FileMeta tags;
+    takeGaps(meta, tags);
+    removeDownloadTags(tags);
+    finishSetup(tags, meta);
     if (fileSize_ > 0) append({0, fileSize_});
     return openForWriting(I4_FILE_TRUNCATE);
+}
+
+const char* PartialFile::dataFileOf(const FileMeta& record) {
+    const char* name = record.getText(TAG_TEMPFILENAME);
+    return name ? name : record.getName();
 }
 
 PartialFile::Load PartialFile::load(const FileMeta& record, i32& priority) {
     failed_ = true;
     FileMeta rest;
     const std::vector<Gap> gaps = takeGaps(record, rest);
-    const char* name = rest.getText(TAG_TEMPFILENAME);
-    tempFileName_ = name ? name : rest.getName();
+    tempFileName_ = dataFileOf(rest);
     priority = std::clamp(static_cast<i32>(rest.getInt(TAG_PRIORITY)), 0, 2);
     const bool paused = rest.getInt(TAG_STATE) != 0;
     transferred_ = rest.getInt(TAG_PART_TRANS);
-    for (const TagIndex tag : {TAG_STATE, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_PART_TRANS})
-        rest.removeTag(tag);
-    meta_.copyFrom(&rest);
-    meta_.hash = record.hash;
-    meta_.partHashes = record.partHashes;
-    finishSetup();
+    removeDownloadTags(rest);
+    finishSetup(rest, record);
     for (const Gap& gap : gaps) {
         const i64 end = std::min<i64>(gap.end, fileSize_);
         if (gap.start < end) append({gap.start, end});
     }
     i4_file_status status;
-    if (!isPlainComponent(tempFileName_.c_str()) || !i4_get_status(meta_.path.c_str(), status)) {
+    if (!isDataFileName(tempFileName_) || !i4_get_status(meta_.path.c_str(), status)) {
         theLog->printLine("%s not found.", meta_.path.c_str());
         return Load::failed;
     }
@@ -121,19 +145,21 @@ PartialFile::Load PartialFile::load(const FileMeta& record, i32& priority) {
         theLog->printLine("%s Couldn't be opened.", meta_.path.c_str());
         return Load::failed;
     }
-    if (fileEnd_ < fileSize_) {
-        // What lies behind the end of the data file can't be here, whatever the record says.
-        GapList missing;
-        missing.assign(*this);
-        missing.invert(fileSize_);
-        if (missing.overlaps(fileEnd_, fileSize_)) {
-            theLog->printLine("%s is shorter than it was; what is missing is fetched again.",
-                              meta_.path.c_str());
-            addGap(fileEnd_, fileSize_);
-        }
-    }
+    fileEnd_ = static_cast<u32>(std::min<u64>(status.size, std::numeric_limits<u32>::max()));
+    reopenLostEnd();
     failed_ = false;
     return paused ? Load::paused : Load::running;
+}
+
+// What lies behind the end of the data file can't be here, whatever the record says.
+void PartialFile::reopenLostEnd() {
+    if (fileEnd_ >= fileSize_) return;
+    GapList here;
+    here.assign(*this);
+    here.invert(fileSize_);
+    if (!here.overlaps(fileEnd_, fileSize_)) return;
+    theLog->printLine("%s is shorter than it was; what is missing is fetched again.", meta_.path.c_str());
+    addGap(fileEnd_, fileSize_);
 }
 
 bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
@@ -144,20 +170,43 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
         theLog->printVerbose("Crazy packet\n");
         return true;
     }
-    const u32 length = to - from;
-    transferred_.add(length);
-    writeFile_->seek(from);
-    const i32 written = writeFile_->write(packet.here(), length);
-    if (written != static_cast<i32>(length))
-        theLog->print("Not all written(%d,%d)", written, static_cast<i32>(length));
+    transferred_.add(to - from);
+    writeUnverified(packet.here(), from, to);
     fileEnd_ = std::max(fileEnd_.get(), to);
     removeGap(from, to);
     start = from;
     end = to;
     // Marked as here before the parts are checked, so that one which fails is open as a whole.
     download_->progress().addDone(from, to);
-    checkParts();
+    // Only a part that was written to can have become complete, once those from before the hashes are checked.
+    const bool all = std::exchange(hashesArrived_, false);
+    checkRange(all ? 0 : from / PARTSIZE, all ? partCount_ - 1 : to / PARTSIZE, {});
     return !isEmpty();
+}
+
+// A source that sends other bytes for a verified part must not spoil it. A failure, most likely a full disk, is said
+// once until a write succeeds again; what wasn't written fails the check of its part.
+void PartialFile::writeUnverified(const u8* bytes, u32 start, u32 end) {
+    u32 written = 0;
+    int error = 0;
+    for (u64 at = start; at < end;) {
+        const u32 part = static_cast<u32>(at / PARTSIZE);
+        const u64 stop = std::min<u64>(end, (static_cast<u64>(part) + 1) * PARTSIZE);
+        const u32 length = static_cast<u32>(stop - at);
+        i32 result = static_cast<i32>(length);
+        if (!isVerified(part)) {
+            writeFile_->seek(static_cast<u32>(at));
+            result = writeFile_->write(bytes + (at - start), length);
+            if (result != static_cast<i32>(length)) error = result < 0 ? errno : ENOSPC;
+        }
+        written += static_cast<u32>(std::max(0, result));
+        at = stop;
+    }
+    if (error != 0 && !writeFailed_) {
+        theLog->printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(written),
+                          static_cast<i32>(end - start), meta_.path.c_str(), std::strerror(error));
+    }
+    writeFailed_ = error != 0;
 }
 
 PartialFile::PartCheck PartialFile::checkPart(u32 part) {
@@ -188,26 +237,25 @@ void PartialFile::reopenPart(u32 start, u32 end) {
     reopened_ = true;
 }
 
-bool PartialFile::checkParts() {
-    if (partCount_ < 2) return true;
+PartialFile::Check PartialFile::checkParts(const GiveUp& giveUp) {
+    return checkRange(0, partCount_ - 1, giveUp);
+}
+
+PartialFile::Check PartialFile::checkRange(u32 first, u32 last, const GiveUp& giveUp) {
+    if (partCount_ < 2) return Check::done;
     bool passed = false;
-    for (u32 part = 0; part < partCount_; ++part) {
-        if (partsDone_.get(static_cast<i32>(part))) continue;
-        switch (checkPart(part)) {
-            case PartCheck::unreadable:
-                return false;
-            case PartCheck::good: {
-                i4_lock guard(doneLock_);
-                partsDone_.set(static_cast<i32>(part), true);
-                passed = true;
-                break;
-            }
-            default:
-                break;
-        }
+    for (u32 part = first; part <= last; ++part) {
+        if (isVerified(part)) continue;
+        if (giveUp && giveUp()) return Check::abandoned;
+        const PartCheck result = checkPart(part);
+        if (result == PartCheck::unreadable) return Check::unreadable;
+        if (result != PartCheck::good) continue;
+        i4_lock guard(doneLock_);
+        partsDone_.set(static_cast<i32>(part), true);
+        passed = true;
     }
     if (passed) publish();
-    return true;
+    return Check::done;
 }
 
 void PartialFile::publish() {
@@ -221,6 +269,7 @@ void PartialFile::publish() {
 }
 
 void PartialFile::republish() {
+    if (status() == gone) return;
     if (FileMeta* record = sharedMeta_) clientApp.shared.add(record);
 }
 
@@ -250,12 +299,18 @@ void PartialFile::closeFiles() {
     writeFile_.reset();
     i4_lock guard(fileLock_);
     if (!readFile_) return;
-    status_ = moved;
+    if (status() != gone) status_ = moved;
+    readFile_.reset();
+}
+
+void PartialFile::endUploads(Status status) {
+    i4_lock guard(fileLock_);
+    status_ = status;
     readFile_.reset();
 }
 
 void PartialFile::cancel() {
-    finished_ = 1;
+    finished_ = true;
     status_ = gone;
     closeFiles();
     ::remove(meta_.path.c_str());
@@ -263,39 +318,50 @@ void PartialFile::cancel() {
     if (FileMeta* record = sharedMeta_) clientApp.shared.remove(record);
 }
 
+void PartialFile::dropStaleMeta() const {
+    if (finished_) ::remove(metaPath().c_str());
+}
+
+// The meta file goes last: a crash before leaves a download that completes again. Uploads read on meanwhile.
 PartialFile::Completion PartialFile::complete(const GiveUp& giveUp) {
-    closeFiles();
+    writeFile_.reset();
     MD4Hash hash;
     std::vector<MD4Hash> parts;
     if (MD4Hash::computeFile(hash, meta_.path.c_str(), parts, giveUp) == HashOutcome::abandoned) {
         return Completion::abandoned;
     }
-    finished_ = 1;
-    ::remove(metaPath().c_str());
-    if (hash != meta_.hash) {
+    const bool good = hash == meta_.hash;
+    if (!good) {
         keepCorrupted();
-        status_ = gone;
-        return Completion::corrupted;
+        endUploads(gone);
+    } else if (!enterIncoming(parts, giveUp)) {
+        return Completion::abandoned;
     }
-    enterIncoming();
-    status_ = moved;
-    return Completion::good;
+    finished_ = true;
+    ::remove(metaPath().c_str());
+    return good ? Completion::good : Completion::corrupted;
 }
 
-void PartialFile::enterIncoming() {
+bool PartialFile::enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp& giveUp) {
     i4_string path;
-    partFileNamer.moveFile(meta_.path.c_str(), meta_.getName(), preferences.incomingDir().c_str(), path);
+    if (!partFileNamer.moveFile(meta_.path.c_str(), meta_.getName(), preferences.incomingDir().c_str(), path,
+                                giveUp)) {
+        return false;
+    }
     {
         i4_lock guard(fileLock_);
         finalPath_ = path;
     }
+    endUploads(moved);
     publish();
     i4_file_status status;
     const u32 date = i4_get_status(path.c_str(), status) ? status.last_modified : 0;
     clientApp.changeFile(sharedMeta_, [&](FileMeta& record) {
         record.setPath(path.c_str());
         record.date = date;
+        record.partHashes = parts;
     });
+    return true;
 }
 
 void PartialFile::keepCorrupted() {
@@ -304,8 +370,11 @@ void PartialFile::keepCorrupted() {
                       name.isNull() ? "" : name.c_str());
     if (FileMeta* record = sharedMeta_) clientApp.shared.remove(record);
     if (preferences.saveCor != 0) {
+        // What stays in the temp directory must not be taken for a meta file at the next start.
+        i4_string kept = name;
+        if (!kept.isNull() && kept.view().ends_with(".met")) kept.format("%S_", &name);
         i4_string path;
-        partFileNamer.moveFile(meta_.path.c_str(), name.c_str(), preferences.tempDir().c_str(), path);
+        partFileNamer.moveFile(meta_.path.c_str(), kept.c_str(), preferences.tempDir().c_str(), path);
     } else {
         ::remove(meta_.path.c_str());
     }
@@ -317,7 +386,7 @@ i4_string PartialFile::finalPath() const {
 }
 
 void PartialFile::saveToList(PartialList& list, i32 priority, bool paused) {
-    if (failed_ || finished_ != 0) return;
+    if (failed_ || finished_) return;
     auto record = std::make_unique<FileMeta>();
     copyMeta(*record);
     record->setInt(TAG_PART_TRANS, transferred_);
@@ -339,10 +408,10 @@ void PartialFile::setPartHashes(i4_file& stream) {
     if (partHashesKnown_) return;
     FileMeta offered;
     offered.readPartHashes(stream);
-    if (offered.partHashes.size() != partCount_ || MD4Hash::ofParts(offered.partHashes) != meta_.hash) return;
+    if (!isHashSet(offered.partHashes)) return;
     i4_lock guard(doneLock_);
     meta_.partHashes = std::move(offered.partHashes);
-    partHashesKnown_ = true;
+    partHashesKnown_ = hashesArrived_ = true;
 }
 
 bool PartialFile::hasNeededPart(const BoolArray& parts) const {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "download/GapList.h"
 #include "i4min/file/file.h"
@@ -26,6 +27,7 @@ class PartialFile : public GapList, public RefCounter {
     enum class Load { failed = 0, running = 1, paused = 2 };
     enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
     enum class Completion { good, corrupted, abandoned };
+    enum class Check { done, unreadable, abandoned };
 
     explicit PartialFile(Download* download) : download_(download) {}
     ~PartialFile() override;
@@ -37,10 +39,11 @@ class PartialFile : public GapList, public RefCounter {
     Load load(const FileMeta& record, i32& priority);
 
     // Writes a packet's data, which stands behind opcode and hash: u32 start, u32 end, bytes. A range that
-    // makes no sense writes nothing and leaves start and end alone. True while gaps remain.
+    // makes no sense writes nothing and leaves start and end alone. What lies in a verified part stays as it
+    // is, whatever the packet says. True while gaps remain.
     bool writeData(i4_ram_file_class& packet, u32& start, u32& end);
-    // Verifies every part that has become complete. False when a part couldn't be read.
-    bool checkParts();
+    // Verifies every part that is complete. Thread: the hash thread's, in a state that accepts no data.
+    Check checkParts(const GiveUp& giveUp = {});
     // For uploads. Thread: any.
     Read readData(u8* buffer, u32 start, u32 end) EXCLUDES(fileLock_);
     void closeFiles() EXCLUDES(fileLock_);
@@ -48,6 +51,10 @@ class PartialFile : public GapList, public RefCounter {
     // Thread: the completer, in a state that accepts no data.
     Completion complete(const GiveUp& giveUp);
     void cancel();  // deletes data and meta file
+    // Completed or cancelled: there is nothing to save any more. Thread: any.
+    bool isFinished() const { return finished_; }
+    // Once finished, removes a meta file that was written meanwhile. Thread: any.
+    void dropStaleMeta() const;
     // Adds the record of the meta file to the list, which owns it.
     void saveToList(PartialList& list, i32 priority, bool paused);
     void publish();    // enters the file, still incomplete, into the shared lists
@@ -57,6 +64,8 @@ class PartialFile : public GapList, public RefCounter {
     void setPartHashes(i4_file& stream);
     // True, once, if a part has failed its hash and is missing again.
     bool takeReopened() { return std::exchange(reopened_, false); }
+    // The name of the data file that a meta file's record is about; may be null.
+    static const char* dataFileOf(const FileMeta& record);
     bool hasNeededPart(const BoolArray& parts) const;  // false for an array of another length
 
     // Where the finished file lies, null before. Thread: any.
@@ -64,10 +73,9 @@ class PartialFile : public GapList, public RefCounter {
     i4_string getName() const;
     // The file's record, part hashes included. Thread: any.
     void copyMeta(FileMeta& out) const EXCLUDES(doneLock_);
-    const FileMeta& getMeta() const { return meta_; }
     const MD4Hash& getHash() const { return meta_.hash; }
     u32 getPartCount() const { return partCount_; }
-    const BoolArray& partsDone() const { return partsDone_; }
+    bool isVerified(u32 part) const { return partsDone_.get(static_cast<i32>(part)); }
     // The flags of the parts that may be told to a peer. Thread: any.
     void copyPartsDone(BoolArray& out) const EXCLUDES(doneLock_);
     bool partHashesKnown() const { return partHashesKnown_; }
@@ -79,12 +87,17 @@ class PartialFile : public GapList, public RefCounter {
 
   private:
     enum class PartCheck { missing, unknown, good, corrupted, unreadable };
-    void finishSetup();
+    void finishSetup(const FileMeta& tags, const FileMeta& record);
     bool openForWriting(u32 flags);
+    void reopenLostEnd();
+    void writeUnverified(const u8* bytes, u32 start, u32 end);
+    bool isHashSet(const std::vector<MD4Hash>& hashes) const;
+    Check checkRange(u32 first, u32 last, const GiveUp& giveUp);
     PartCheck checkPart(u32 part);
     void reopenPart(u32 start, u32 end);
     void keepCorrupted();
-    void enterIncoming();
+    bool enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp& giveUp);
+    void endUploads(Status status) EXCLUDES(fileLock_);
     i4_string metaPath() const;
 
     mutable i4_mutex fileLock_{LockRank::partialRead};
@@ -103,7 +116,9 @@ class PartialFile : public GapList, public RefCounter {
     Relaxed<u32> fileSize_;
     Relaxed<u32> transferred_;
     bool partHashesKnown_ = false;
+    bool hashesArrived_ = false;  // parts that were complete before have not been checked since
     bool reopened_ = false;
-    bool failed_ = false;      // it couldn't be loaded: its files stay as they are
-    Relaxed<u8> finished_{0};  // completed or cancelled: there is nothing to save any more
+    bool writeFailed_ = false;           // and it was said
+    bool failed_ = false;                // it couldn't be loaded: its files stay as they are
+    std::atomic<bool> finished_{false};  // before the meta file is removed
 };

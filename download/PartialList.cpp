@@ -34,7 +34,9 @@ ReadResult readMetaFile(const char* path, FileMeta& record) {
     i4_buffered_file_class stream(std::move(file), readBuffer, 0);
     try {
         if (stream.read_8() != metaFileMagic) return ReadResult::foreign;
-        return record.fromDisk(stream) ? ReadResult::whole : ReadResult::damaged;
+        // Without its size a file would pass for whole.
+        const bool whole = record.fromDisk(stream) && record.getValue(TAG_SIZE, META_TAG_INT);
+        return whole ? ReadResult::whole : ReadResult::damaged;
     } catch (const i4_err&) {
         return ReadResult::damaged;
     }
@@ -72,13 +74,21 @@ bool PartialList::loadFromDir(const char* directory) {
     return true;
 }
 
+// Each record goes to one caller, also where two save at the same time.
+std::vector<std::unique_ptr<FileMeta>> PartialList::takeAll() {
+    std::vector<std::unique_ptr<FileMeta>> records;
+    const i4_guard guard(*this);
+    for (Cursor c; FileMeta* record = next(c);) records.emplace_back(record);
+    clearUnsafe();
+    return records;
+}
+
 void PartialList::startDownloads() {
-    for (FileMeta* record : snapshot()) dlPool.loadDownload(*record);
-    deleteAll();
+    for (const auto& record : takeAll()) dlPool.loadDownload(*record);
 }
 
 void PartialList::saveToDir(const char* directory) {
-    for (FileMeta* record : snapshot()) {
+    for (const auto& record : takeAll()) {
         i4_string path;
         path.format("%s%c%s.met", directory, preferences.pathSeparator, record->getText(TAG_TEMPFILENAME));
         const bool saved = saveFile(path.c_str(), [&](i4_file& stream) {
@@ -86,5 +96,4 @@ void PartialList::saveToDir(const char* directory) {
         });
         if (!saved) theLog->print("ERROR: partial info not saved: %s", path.c_str());
     }
-    deleteAll();
 }

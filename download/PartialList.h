@@ -1,6 +1,9 @@
 // PartialList carries the records of unfinished downloads between disk and the running Download objects.
 #pragma once
 
+#include <memory>
+#include <vector>
+
 #include "meta/FileList.h"
 
 // Empty between its uses. Owns its records until startDownloads() or saveToDir() destroys them.
@@ -15,4 +18,7 @@ class PartialList : public FileList {
     void startDownloads();  // hands each record to DLPool
     // Writes each record to its .met file and destroys it.
     void saveToDir(const char* directory);
+
+  private:
+    std::vector<std::unique_ptr<FileMeta>> takeAll();
 };
