@@ -23,7 +23,8 @@ void DLProgress::setup(PartialFile& partial) {
     for (const Gap& range : here.gaps()) addDone(range.start, range.end);
     for (i64 part = 0; part < partial.getPartCount(); ++part) {
         const i64 start = part * PARTSIZE;
-        if (partial.overlaps(start, start + PARTSIZE))
+        // One that isn't verified yet may become missing again.
+        if (partial.overlaps(start, start + PARTSIZE) || !partial.isVerified(static_cast<u32>(part)))
             partList_.add(new GapCounter(start, start + PARTSIZE, 0));
     }
     partList_.shuffle();
@@ -64,7 +65,9 @@ bool DLProgress::pickChunk(const BoolArray* parts, u32& start, u32& end) {
 
 bool DLProgress::findFree(i64 partStart, i64 partEnd, u32& start, u32& end) {
     const i4_guard guard(*this);
-    for (Cursor c; const GapCounter* run = next(c);) {
+    Cursor c;
+    if (!findRun(partStart, c)) return false;
+    for (const GapCounter* run = at(c); run; run = next(c)) {
         if (run->start >= partEnd) return false;
         if (run->count >= countRequested) continue;
         const i64 from = std::max(partStart, run->start);

@@ -14,7 +14,8 @@ class DLProgress : public GapCounterList {
     DLProgress() = default;
     ~DLProgress() override;
 
-    // Takes over the file's gaps; the parts that miss something, in random order.
+    // Takes over the file's gaps; the parts that miss something, or may once they are checked, in random
+    // order.
     void setup(PartialFile& partial);
     // A source has these parts, or a source with these parts is gone. Null does nothing.
     void addParts(const BoolArray* parts);

@@ -96,7 +96,6 @@ void GapCounterList::changeRuns(i64 start, i64 end, i32 delta) {
     }
 }
 
-// The first run that holds this byte.
 bool GapCounterList::findRun(i64 start, Cursor& where) const {
     if (regular_) {
         const auto behind = index_.upper_bound(start);

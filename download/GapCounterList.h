@@ -63,10 +63,13 @@ class CAPABILITY("list") GapCounterList : public LLsafe<GapCounter> {
     // Aborts a debug build if the runs aren't what is told above. Runs around each change.
     void checkInvariants();
 
+  protected:
+    // The first run that holds this byte; false where there is none.
+    bool findRun(i64 start, Cursor& where) const REQUIRES(this);
+
   private:
     using Index = std::map<i64, Cursor>;
 
-    bool findRun(i64 start, Cursor& where) const REQUIRES(this);
     Cursor splitRun(Cursor where, i64 at) REQUIRES(this);
     void appendRun(const GapCounter& run) REQUIRES(this);
     void changeRuns(i64 start, i64 end, i32 delta) REQUIRES(this);
