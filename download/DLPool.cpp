@@ -1,6 +1,7 @@
 #include "download/DLPool.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "app/ClientApp.h"
 #include "app/MessageQ.h"
@@ -59,6 +60,11 @@ void DLPool::run() {
     const i4_time now;
     const i32 elapsed = now.diff(lastTick_);
     lastTick_ = now;
+    tick(elapsed);
+    sleepFor(turn);
+}
+
+void DLPool::tick(i32 elapsed) {
     sinceStart_ = std::min(sinceStart_ + elapsed, sourcePacing);
     updateCanStart();
     const f32 total = tickDownloads(elapsed);
@@ -76,7 +82,6 @@ void DLPool::run() {
         saveTimer_ = saveEvery;
         saveDownloads();
     }
-    sleepFor(turn);
 }
 
 f32 DLPool::tickDownloads(i32 elapsedMs) {
@@ -118,12 +123,14 @@ void DLPool::saveDownloads() {
     theLog->printVerbose("Saving downloads.\n");
     PartialList& partials = clientApp.partials();
     partials.deleteAll();
+    std::vector<Ref<PartialFile>> saved;
     forEach([&](Download& download) {
-        if (const Ref<PartialFile> partial = download.partialRef()) {
-            partial->saveToList(partials, download.priority, download.isPaused());
-        }
+        saved.push_back(download.partialRef());
+        saved.back()->saveToList(partials, download.priority, download.isPaused());
     });
     partials.saveToDir(preferences.tempDir().c_str());
+    // A download that ended while its record was on its way to the disk must not come back at the next start.
+    for (const Ref<PartialFile>& partial : saved) partial->dropStaleMeta();
 }
 
 void DLPool::measureFreeSpace() {
@@ -144,13 +151,15 @@ void DLPool::add(const FileMeta& meta) {
 }
 
 void DLPool::loadDownload(const FileMeta& record) {
-    if (findByRecord(record.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
+    if (findByRecord(record.hash) || isDataFileInUse(record))
+        return sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
     Ref<Download> download(new Download);
     download->load(record);
     downloads_.add(download.detach());
 }
 
 Ref<Download> DLPool::find(const MD4Hash& hash) {
+    if (hash.isZero()) return {};  // that of every download which is still being verified
     const i4_guard guard(downloads_);
     for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
         if (download->hash() == hash) return Ref<Download>(download);
@@ -166,9 +175,20 @@ Ref<Download> DLPool::findByRecord(const MD4Hash& hash) {
     return {};
 }
 
+// Two downloads on one data file would spoil each other's bytes.
+bool DLPool::isDataFileInUse(const FileMeta& record) {
+    const char* name = PartialFile::dataFileOf(record);
+    const i4_guard guard(downloads_);
+    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+        if (name && download->partial().tempFileName() == name) return true;
+    }
+    return false;
+}
+
 void DLPool::remove(const Ref<Download>& download) {
     if (!download) return;
-    if (downloads_.remove(download.get())) download->release();
+    if (!downloads_.remove(download.get())) return;  // cancelled twice
+    download->release();
     theUI->downloadRemoved(download.get());
     messageQ.post(MESSAGE_CHECK_DISK);
 }
@@ -181,16 +201,16 @@ void DLPool::stopAll() {
 }
 
 void DLPool::republish() {
-    forEach([](Download& download) {
-        if (const Ref<PartialFile> partial = download.partialRef()) partial->republish();
-    });
+    forEach([](Download& download) { download.partial().republish(); });
 }
 
-u64 DLPool::checkDisk() {
+u64 DLPool::checkDisk() { return fitInto(freeSpace_); }
+
+u64 DLPool::fitInto(u64 bytes) {
     u64 reserved = 0;
     const i4_guard guard(downloads_);
     byPriority([&](Download& download) {
-        if (reserved + download.bytesToFill() <= freeSpace_) {
+        if (reserved + download.bytesToFill() <= bytes) {
             reserved += download.diskNeeded();
             reserved += download.diskFreed();
         } else {

@@ -19,6 +19,7 @@ class DLPool : public Thread {
     ~DLPool() override;
     void start() override;
     void run() override;
+    void tick(i32 elapsedMs);  // the work of one turn. Thread: its own; no lock
 
     void add(const FileMeta& meta);             // message 10: starts a download, or tells why not
     void loadDownload(const FileMeta& record);  // one found at start
@@ -29,7 +30,10 @@ class DLPool : public Thread {
     void remove(const Ref<Download>& download);  // message 11
     void stopAll();                              // at shut-down
     void republish();
-    u64 checkDisk();  // fits the downloads to the free space; the bytes that those which run still need
+    // Fits the downloads into the space that was free at the last look, those of high priority first: what
+    // doesn't fit stops. The result is the bytes that those which run still need.
+    u64 checkDisk();
+    u64 fitInto(u64 bytes);  // the same for that much space
     void peerConnected(Peer& peer);
     void peerGone(Peer& peer);
     void slotGranted(Peer& peer);  // also message 23
@@ -47,6 +51,7 @@ class DLPool : public Thread {
     Relaxed<i32> transferCount{0};
 
   private:
+    bool isDataFileInUse(const FileMeta& record);
     void updateCanStart();
     template <class Operation>
     void forEach(Operation operation);
