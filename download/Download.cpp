@@ -1,5 +1,8 @@
 #include "download/Download.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "app/ClientApp.h"
 #include "app/MessageQ.h"
 #include "app/StringTable.h"
@@ -99,14 +102,12 @@ f32 Download::getAvailability() {
     for (DLProgress::Cursor c; const GapCounter* run = progress_.next(c);) {
         if (run->count == 0) without += run->end - run->start;
     }
-    return static_cast<f32>(size - without) / static_cast<f32>(size);
+    if (without == 0) return 1.0F;
+    // A byte of four billion doesn't show in this type, but it is missing.
+    return std::min(static_cast<f32>(size - without) / static_cast<f32>(size), std::nextafter(1.0F, 0.0F));
 }
 
-i32 Download::availabilityPercent() {
-    const f32 percent = getAvailability() * 100.0F;
-    const i32 whole = static_cast<i32>(percent);
-    return percent < 100.0F && whole >= 100 ? 99 : whole;
-}
+i32 Download::availabilityPercent() { return static_cast<i32>(getAvailability() * 100.0F); }
 
 i4_string Download::getName() const { return partial_ ? partial_->getName() : i4_string(); }
 
