@@ -44,8 +44,8 @@ Take outcome(int error) {
     return error == EXDEV ? Take::otherFileSystem : Take::failed;
 }
 
-// A name of a file that isn't there is held by an empty file of ours, which the rename then replaces: for file
-// systems that know neither a rename that doesn't replace nor links.
+// A name of a file that isn't there is held by an empty file of ours, which the rename then replaces: for
+// file systems that know neither a rename that doesn't replace nor links.
 Take renameToHeldName(const char* source, const char* target) {
     const Descriptor held(::open(target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
     if (!held) return outcome(errno);
@@ -94,7 +94,8 @@ void syncFolder(const char* path) {
     if (folder) ::fsync(folder.get());
 }
 
-// A copy of a file in another directory, without a name or, where the file system can't do that, under a hidden one.
+// A copy of a file in another directory, without a name or, where the file system can't do that, under a
+// hidden one.
 class FileCopy {
   public:
     explicit FileCopy(const std::string& directory)

@@ -178,14 +178,15 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     end = to;
     // Marked as here before the parts are checked, so that one which fails is open as a whole.
     download_->progress().addDone(from, to);
-    // Only a part that was written to can have become complete, once those from before the hashes are checked.
+    // Only a part that was written to can have become complete, once those from before the hashes are
+    // checked.
     const bool all = std::exchange(hashesArrived_, false);
     checkRange(all ? 0 : from / PARTSIZE, all ? partCount_ - 1 : to / PARTSIZE, {});
     return !isEmpty();
 }
 
-// A source that sends other bytes for a verified part must not spoil it. A failure, most likely a full disk, is said
-// once until a write succeeds again; what wasn't written fails the check of its part.
+// A source that sends other bytes for a verified part must not spoil it. A failure, most likely a full disk,
+// is said once until a write succeeds again; what wasn't written fails the check of its part.
 void PartialFile::writeUnverified(const u8* bytes, u32 start, u32 end) {
     u32 written = 0;
     int error = 0;

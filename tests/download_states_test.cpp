@@ -72,7 +72,8 @@ TEST_F(DownloadStates, FollowTheTable) {
         {"tick of 20 minutes", [](Download& d) { d.tick(1'200'000); }},
         {"tick of more", [](Download& d) { d.tick(1'200'001); }},
     };
-    //                pause     resume    cancel  diskFull  diskFreed  hashDone  tick  may start    20 min  more
+    //                pause     resume    cancel  diskFull  diskFreed  hashDone  tick  may start    20 min
+    // more
     const char* table[] = {
         "Queued        Paused    .         gone+1  .         .          .         .     Downloading  .       "
         ".",

@@ -1,5 +1,5 @@
-// Files on their way in: written in any order, verified, saved, found again after a crash, and moved to their place.
-#include <fcntl.h>
+// Files on their way in: written in any order, verified, saved, found again after a crash, and moved to their
+// place.
 #include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <sys/resource.h>

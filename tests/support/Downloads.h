@@ -1,5 +1,5 @@
-// Downloads for a test: the engine's own objects without their threads, in a directory of their own, and files to
-// fetch.
+// Downloads for a test: the engine's own objects without their threads, in a directory of their own, and
+// files to fetch.
 #pragma once
 
 #include <gtest/gtest.h>
