@@ -26,7 +26,12 @@ void DownloadLock::unlock() {
 
 Download::Download() : state_(std::make_unique<DLS_Queued>(*this)) {}
 
-Download::~Download() { completer_.stop(); }
+Download::~Download() {
+    completer_.stop();
+    // The sources take their parts out of `progress_`, which is still there.
+    const i4_guard guard(lock_);
+    state_.reset();
+}
 
 bool Download::create(FileMeta& meta) {
     const i4_guard guard(lock_);
