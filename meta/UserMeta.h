@@ -35,3 +35,8 @@ class UserMeta : public Meta {
     u32 stamp = 0;        // for the lists that keep users; in no stream, and not copied
     u32 friendState = 0;  // the same
 };
+
+// Whether an entry of a queue is the one of this user: by the user hash where it is known, else by sameUser.
+inline bool isThisUser(const UserMeta& entry, const UserMeta& user) {
+    return user.hash.isZero() ? entry.sameUser(&user) : entry.hash == user.hash;
+}

@@ -40,7 +40,7 @@ bool CallList::gotMessage(const UserMeta& user, const char* text) {
     Call* known = find(user);
     if (!known) {
         if (preferences.pmAllow == withCall) return false;
-        if (preferences.pmAllow == friendsAndWithCall && !friendList.find(user.hash)) return false;
+        if (preferences.pmAllow == friendsAndWithCall && !friendList.isFriend(user.hash)) return false;
         if (list_.count() >= mostCalls) return false;
         known = open(user);
     }

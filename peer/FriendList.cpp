@@ -99,13 +99,10 @@ void FriendList::peerConnected(Peer& peer) {
     {
         const i4_guard guard(*this);
         UserMeta* known = findFriend(user);
-        // Someone who isn't a friend may have been asked, too.
-        asks = asked_ && asked_->sameUser(&user);
-        if (!known && !asks) return;
-        if (known) {
-            known->copyFrom(&user);
-            known->friendState = FRIEND_CONNECTED;
-        }
+        if (!known) return;
+        indexChange(known, [&] { known->copyFrom(&user); });
+        known->friendState = FRIEND_CONNECTED;
+        asks = isAsked(user);
     }
     if (asks) askPeer(peer, user.getName());
     theUI->friendsChanged();
@@ -123,13 +120,25 @@ void FriendList::peerGone(Peer& peer) {
     theUI->friendsChanged();
 }
 
+bool FriendList::awaitsFiles(const Peer& peer) {
+    UserMeta user;
+    peer.copyUser(user);
+    const i4_guard guard(*this);
+    return isAsked(user);
+}
+
+bool FriendList::isFriend(const MD4Hash& user) {
+    const i4_guard guard(*this);
+    return !user.isZero() && findUnsafe(user);
+}
+
 void FriendList::gotFiles(Peer& peer, std::unique_ptr<FileList> list) {
     UserMeta user;
     peer.copyUser(user);
     bool expected = false;
     {
         const i4_guard guard(*this);
-        expected = asked_ && asked_->sameUser(&user);
+        expected = isAsked(user);
         if (expected) asked_.reset();
     }
     if (expected) {

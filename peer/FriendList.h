@@ -29,12 +29,15 @@ class FriendList : public UserList {
     void peerConnected(Peer& peer);
     void peerGone(Peer& peer);
     void gotFiles(Peer& peer, std::unique_ptr<FileList> list);
+    bool awaitsFiles(const Peer& peer);  // whether this peer was asked for its files
+    bool isFriend(const MD4Hash& user);  // false for a user whose hash isn't known
     // The shared files of the friend who answered last.
     FileList& getFiles() { return files_; }
 
   private:
     UserMeta* findFriend(const UserMeta& user) REQUIRES(this);
     void setState(const UserMeta& user, u32 state) EXCLUDES(this);
+    bool isAsked(const UserMeta& user) const REQUIRES(this) { return asked_ && asked_->sameUser(&user); }
 
     FileList files_;
     std::unique_ptr<UserMeta> asked_ GUARDED_BY(this);  // whose list is awaited, null if nobody's

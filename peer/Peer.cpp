@@ -22,6 +22,10 @@ constexpr u8 helloMark = 16;
 constexpr u32 hashSize = 16;
 constexpr u32 strangerBodyLimit = 64 * 1024;
 constexpr u32 peerBodyLimit = 8 * 1024 * 1024;
+// Answers may wait for a peer that takes none up to this; a list of our files comes on top.
+constexpr u32 answersLimit = 2 * 1024 * 1024;
+// What is kept of a user's record: tags that go beyond are dropped.
+constexpr u32 identityLimit = 4096;
 
 // The body behind the opcode; a hash is 16 bytes and names a file, a record is u32 count and tags.
 constexpr Opcode rows[] = {
@@ -79,6 +83,37 @@ void writeIdentity(i4_file& stream) {
     stream.write_16(preferences.serverPort());
 }
 
+// A list of our files on its way, of which a connection has one at a time.
+class ListPacket : public Packet {
+  public:
+    ListPacket(u32 length, std::shared_ptr<Relaxed<u32>> bytes) : Packet(length), bytes_(std::move(bytes)) {}
+    ~ListPacket() override { *bytes_ = 0; }
+
+  private:
+    const std::shared_ptr<Relaxed<u32>> bytes_;
+};
+
+// The record without what nobody needs to remember of a stranger.
+void copyBounded(const UserMeta& from, UserMeta& to) {
+    if (from.byteSize() <= identityLimit) {
+        to.copyFrom(&from);
+        return;
+    }
+    UserMeta bare;
+    bare.id = from.id;
+    bare.port = from.port;
+    bare.hash = from.hash;
+    bare.serverIp = from.serverIp;
+    bare.serverPort = from.serverPort;
+    u32 room = identityLimit - bare.byteSize();
+    for (LL<MetaTag>::Cursor c; const MetaTag* tag = from.getTags().next(c);) {
+        if (tag->byteSize() > room) continue;
+        room -= tag->byteSize();
+        bare.addTag(tag->clone());
+    }
+    to.copyFrom(&bare);
+}
+
 // What we tell of a shared file, copied under the list's lock. Empty where the file isn't shared.
 struct SharedFile {
     bool found = false;
@@ -116,6 +151,8 @@ Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted, SocketPool* pool) {
 
 const OpcodeTable* Peer::opcodes() const { return &table; }
 u32 Peer::bodyLimit() const { return gotHello_ ? peerBodyLimit : strangerBodyLimit; }
+u32 Peer::queueLimit() const { return answersLimit + *listBytes_; }
+bool Peer::awaitsFirst() const { return Connection::awaitsFirst() || !gotHello_; }
 
 void Peer::connected() {
     auto packet = makePacket(OP_HELLO, preferences.selfByteSize() + 7);
@@ -218,13 +255,14 @@ bool Peer::forDownload(i4_file& stream, Act act) {
 
 // Reads who is on the other side: record, server. False where that can't be read.
 bool Peer::readUser(i4_file& stream) {
+    if (stream.bytesLeft().value_or(0) > strangerBodyLimit) return false;
     UserMeta user;
     if (!user.fromNetwork(stream)) return false;
     user.serverIp = stream.read_32();
     user.serverPort = stream.read_16();
     {
         i4_lock guard(userLock_);
-        user_.copyFrom(&user);
+        copyBounded(user, user_);
     }
     setIdentity(user.id);
     gotHello_ = true;
@@ -277,15 +315,21 @@ bool Peer::gotNewIdentity(i4_file& stream) {
     return true;
 }
 
+// Asked again before the last answer has left, there is no second one.
 bool Peer::tellSharedFiles() {
-    auto packet = makePacket(OP_SHARED_FILES, clientApp.shared.byteSize());
+    if (*listBytes_ != 0) return true;
+    auto packet = std::make_unique<ListPacket>(1 + clientApp.shared.byteSize(), listBytes_);
+    packet->stream.write_8(OP_SHARED_FILES);
     clientApp.shared.toNetwork(packet->stream);
     packet->finish();
+    *listBytes_ = packet->size;
     send(std::move(packet));
     return true;
 }
 
 bool Peer::gotSharedFiles(i4_file& stream) {
+    // A long list costs many times its bytes in memory: it's read only where somebody waits for it.
+    if (stream.bytesLeft().value_or(0) > strangerBodyLimit && !friendList.awaitsFiles(*this)) return true;
     auto list = std::make_unique<FileList>();
     if (!list->fromNetwork(stream)) {
         list->deleteAll();

@@ -1,6 +1,8 @@
 // Peer, a TCP connection to another client, in either direction.
 #pragma once
 
+#include <memory>
+
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/relaxed.h"
 #include "meta/BoolArray.h"
@@ -50,6 +52,8 @@ class Peer : public Connection {
   protected:
     void gone() override;
     u32 bodyLimit() const override;
+    u32 queueLimit() const override;
+    bool awaitsFirst() const override;  // until the other side has said who it is
     const OpcodeTable* opcodes() const override;
 
   private:
@@ -71,6 +75,8 @@ class Peer : public Connection {
     bool tellFileName(const MD4Hash& hash);
 
     bool gotHello_ = false;  // of the pool's thread
+    // The bytes of a list of our files that is still to be sent, 0 where there is none.
+    const std::shared_ptr<Relaxed<u32>> listBytes_ = std::make_shared<Relaxed<u32>>();
     mutable i4_mutex userLock_{LockRank::leaf};
     UserMeta user_ GUARDED_BY(userLock_);
 };

@@ -1,6 +1,5 @@
 #include "peer/RemoteQueueList.h"
 
-#include "i4min/threads/linux/i4_time.h"
 #include "meta/UserMeta.h"
 #include "meta/address.h"
 #include "peer/Peer.h"
@@ -31,31 +30,32 @@ void removeEntry(LLsafe<UserMeta>& entries, Matches matches) {
 
 RemoteQueueList::~RemoteQueueList() { clear(); }
 
-void RemoteQueueList::note(Peer& peer) {
+void RemoteQueueList::note(Peer& peer, u32 now) {
     peer.requestSlot();
     UserMeta user;
     peer.copyUser(user);
     const i4_guard guard(entries_);
-    UserMeta* entry = findEntry(entries_, [&](const UserMeta& other) { return other.hash == user.hash; });
+    UserMeta* entry = findEntry(entries_, [&](const UserMeta& other) { return isThisUser(other, user); });
     if (!entry) {
         entry = new UserMeta;
         entry->copyFrom(&user);
         entries_.addUnsafe(entry);
     }
-    entry->stamp = i4_ticks();
+    entry->stamp = now;
 }
 
-bool RemoteQueueList::isWaiting(const UserMeta& user) {
+bool RemoteQueueList::isWaiting(const UserMeta& user, u32 now) {
     if (isLowId(user.id)) return false;
     const i4_guard guard(entries_);
     const UserMeta* entry = findEntry(
         entries_, [&](const UserMeta& other) { return other.id == user.id && other.port == user.port; });
-    return entry && i4_ticks() - entry->stamp < remembered;
+    return entry && now - entry->stamp < remembered;
 }
 
 void RemoteQueueList::release(Peer& peer) {
-    const MD4Hash hash = peer.userHash();
-    removeEntry(entries_, [&](const UserMeta& other) { return other.hash == hash; });
+    UserMeta user;
+    peer.copyUser(user);
+    removeEntry(entries_, [&](const UserMeta& other) { return isThisUser(other, user); });
     peer.releaseSlot();
 }
 

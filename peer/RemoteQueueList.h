@@ -3,6 +3,7 @@
 
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/types.h"
+#include "i4min/threads/linux/i4_time.h"
 
 class Peer;
 class UserMeta;
@@ -11,9 +12,11 @@ class UserMeta;
 class RemoteQueueList {
   public:
     ~RemoteQueueList();
-    void note(Peer& peer);                 // asks the peer for a slot and stamps the entry
-    bool isWaiting(const UserMeta& user);  // asked within the last 30 minutes; false for a low ID
-    void release(Peer& peer);              // gives the slot back, whether there is an entry or not
+    // `now` is the time in ms since the process started.
+    void note(Peer& peer, u32 now = i4_ticks());  // asks the peer for a slot and stamps the entry
+    // Asked within the last 30 minutes; false for a low ID.
+    bool isWaiting(const UserMeta& user, u32 now = i4_ticks());
+    void release(Peer& peer);  // gives the slot back, whether there is an entry or not
     void forget(u32 serverIp, u32 clientId);
     void forgetAddress(u32 ip, u16 port);
     void clear();

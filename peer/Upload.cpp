@@ -15,6 +15,8 @@ namespace {
 constexpr u32 dataHead = 25;       // opcode, hash, start, end
 constexpr i32 speedSample = 2000;  // ms
 constexpr f32 basePacket = 10'240.0F;
+constexpr f32 mostPacket =
+    1024.0F * 1024.0F;  // whatever the speed: a peer's body has a limit, and so has our memory
 
 // A peer that goes on to another part has had its turn, if others wait.
 bool otherPart(u32 a, u32 b) { return a / PARTSIZE != b / PARTSIZE; }
@@ -50,7 +52,7 @@ void Upload::updateSpeed(i32 elapsedMs) {
     speed = std::accumulate(speeds_.begin(), speeds_.end(), 0.0F) / 8.0F;
     speedClock_ = 0;
     lastBytes_ = sent;
-    packetSize_ = static_cast<u32>((speed / 100.0F + 1.0F) * basePacket);
+    packetSize_ = static_cast<u32>(std::min((speed / 100.0F + 1.0F) * basePacket, mostPacket));
 }
 
 void Upload::setRanges(const u32 (&starts)[3], const u32 (&ends)[3]) {

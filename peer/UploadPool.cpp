@@ -20,6 +20,7 @@ constexpr i32 assignEvery = 30'000;     // ms
 constexpr f32 speedOfTransfer = 3.0F;   // KB/s that a new transfer wants
 constexpr f32 transferShare = 6.0F;     // KB/s of the line for each transfer that always runs
 constexpr u32 leastTransfers = 2;
+constexpr f32 mostTransfers = 1e6F;
 
 std::unique_ptr<UserMeta> copyOf(const UserMeta& user) {
     auto copy = std::make_unique<UserMeta>();
@@ -42,7 +43,8 @@ const char* textOf(const char* text) { return text ? text : ""; }
 
 bool SlotRule::canStart() const {
     const f32 spare = capacity - used - 0.1F * capacity;
-    const u32 always = std::max(leastTransfers, static_cast<u32>(std::max(0.0F, capacity / transferShare)));
+    const u32 share = static_cast<u32>(std::clamp(capacity / transferShare, 0.0F, mostTransfers));
+    const u32 always = std::max(leastTransfers, share);
     return active < always || speedOfTransfer * static_cast<f32>(slots + 1) < spare;
 }
 
@@ -57,14 +59,10 @@ bool UploadPool::canStartSlot() const {
     return rule.canStart();
 }
 
-UploadSlot* UploadPool::slotOf(const MD4Hash& user) const {
-    return findIn(slots_, [&](const UploadSlot& slot) { return slot.getUser().hash == user; });
-}
-
 UploadSlot* UploadPool::slotOf(const Peer& peer) const {
-    const MD4Hash hash = peer.userHash();
-    if (!hash.isZero()) return slotOf(hash);
-    return findIn(slots_, [&](const UploadSlot& slot) { return peer.sameUser(slot.getUser()); });
+    UserMeta user;
+    peer.copyUser(user);
+    return findIn(slots_, [&](const UploadSlot& slot) { return isThisUser(slot.getUser(), user); });
 }
 
 void UploadPool::addSlot(const UserMeta& user) {
@@ -95,7 +93,7 @@ void UploadPool::gotSlotRequest(Peer& peer) {
     peer.copyUser(user);
     i4_lock guard(lock_);
     if (findIn(uploads_, [&](const Upload& upload) { return upload.isPeer(peer); }) || slotOf(peer)) return;
-    UserMeta* waiting = findIn(queue_, [&](const UserMeta& other) { return other.hash == user.hash; });
+    UserMeta* waiting = findIn(queue_, [&](const UserMeta& other) { return isThisUser(other, user); });
     if (canStartSlot()) {
         if (waiting) {
             queue_.remove(waiting);

@@ -56,7 +56,6 @@ class UploadPool {
 
   private:
     bool canStartSlot() const REQUIRES(lock_);
-    UploadSlot* slotOf(const MD4Hash& user) const REQUIRES(lock_);
     UploadSlot* slotOf(const Peer& peer) const REQUIRES(lock_);  // by the user hash where it is known
     void addSlot(const UserMeta& user) REQUIRES(lock_);
     void removeSlot(UploadSlot* slot) REQUIRES(lock_);  // and destroys it

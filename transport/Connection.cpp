@@ -156,6 +156,7 @@ bool Connection::canAccept() { return false; }
 bool Connection::isAllowed() { return true; }
 u32 Connection::bodyLimit() const { return gotFirst ? laterBodyLimit : firstBodyLimit; }
 u32 Connection::queueLimit() const { return defaultQueueLimit; }
+bool Connection::awaitsFirst() const { return cameIn_ && !gotFirst; }
 u32 Connection::stallLimit() const { return defaultStallLimit; }
 u32 Connection::wantedEvents() {
     return hasToSend() ? allEvents : static_cast<u32>(I4_SELECT_READ | I4_SELECT_ERROR);
@@ -213,7 +214,7 @@ bool Connection::receivesHalf() {
 void Connection::checkStall(u32 now) {
     const u32 limit = stallLimit();
     if (limit == 0 || isBusy()) return;
-    const bool waits = hasToSend() || (cameIn_ && !gotFirst) || receivesHalf();
+    const bool waits = hasToSend() || awaitsFirst() || receivesHalf();
     const bool moved = bytesSent != seenSent_ || bytesReceived != seenReceived_;
     seenSent_ = bytesSent;
     seenReceived_ = bytesReceived;
