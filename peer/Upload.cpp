@@ -1,6 +1,7 @@
 #include "peer/Upload.h"
 
 #include <algorithm>
+#include <functional>
 #include <numeric>
 
 #include "app/UIInterface.h"
@@ -12,8 +13,9 @@
 
 namespace {
 
-constexpr u32 dataHead = 25;       // opcode, hash, start, end
-constexpr i32 speedSample = 2000;  // ms
+constexpr u32 dataHead = 25;        // opcode, hash, start, end
+constexpr i32 speedSample = 2000;   // ms
+constexpr i32 requestLimit = 1000;  // ms that a transfer waits for its next request
 constexpr f32 basePacket = 10'240.0F;
 constexpr f32 mostPacket =
     1024.0F * 1024.0F;  // whatever the speed: a peer's body has a limit, and so has our memory
@@ -60,18 +62,39 @@ void Upload::setRanges(const u32 (&starts)[3], const u32 (&ends)[3]) {
     for (std::size_t i = 0; i < ranges_.size(); ++i) {
         ranges_[i] = starts[i] < ends[i] ? Range{starts[i], ends[i]} : Range{};
     }
-    // A range that was just sent in full and that the request only repeats goes; so do empty ones in front of
-    // others, which would end the transfer.
-    if (last_ != Range{}) {
-        const auto repeated = std::find(ranges_.begin(), ranges_.end(), last_);
-        if (repeated != ranges_.end()) *repeated = {};
-    }
-    std::stable_partition(ranges_.begin(), ranges_.end(),
-                          [](const Range& range) { return range != Range{}; });
+    const auto isEmpty = [](const Range& range) { return range == Range{}; };
+    askedForNothing_ = std::all_of(ranges_.begin(), ranges_.end(), isEmpty);
+    dropRepeats();
+    // Empty ranges in front of others would end the transfer.
+    std::stable_partition(ranges_.begin(), ranges_.end(), std::not_fn(isEmpty));
     if (position_ <= ranges_[0].start || position_ >= ranges_[0].end) position_ = ranges_[0].start;
 }
 
+// A range that was just sent in full and that the request only repeats goes, and so do those in front of it that were
+// sent shortly before: the request was made before they arrived.
+void Upload::dropRepeats() {
+    if (finished_[0] == Range{}) return;
+    const auto newest = std::find(ranges_.begin(), ranges_.end(), finished_[0]);
+    if (newest == ranges_.end()) return;
+    std::replace_if(
+        ranges_.begin(), newest + 1,
+        [&](const Range& range) {
+            return std::find(finished_.begin(), finished_.end(), range) != finished_.end();
+        },
+        Range{});
+}
+
+bool Upload::waitOn(i32 elapsedMs) {
+    awaited_ = awaits_ != 0 ? awaited_ + elapsedMs : 0;
+    return awaited_ <= requestLimit;
+}
+
 void Upload::sendNext() {
+    awaits_ = 0;
+    if (ranges_[0].end == position_ && stopped_ == 0 && bytesSent != 0 && !askedForNothing_) {
+        awaits_ = 1;
+        return;
+    }
     if (ranges_[0].end == position_ || stopped_ != 0) {
         uploadPool.endUpload(*this);
         return;
@@ -99,7 +122,8 @@ void Upload::sendNext() {
 
 void Upload::finishRange() {
     if (otherPart(ranges_[0].start, ranges_[1].start)) uploadPool.markReplaceable(*this);
-    last_ = ranges_[0];
+    std::move_backward(finished_.begin(), finished_.end() - 1, finished_.end());
+    finished_[0] = ranges_[0];
     std::move(ranges_.begin() + 1, ranges_.end(), ranges_.begin());
     ranges_.back() = {};
     position_ = ranges_[0].start;

@@ -29,8 +29,13 @@ class Upload : public RefCounter {
     // empty.
     virtual void setRanges(const u32 (&starts)[3], const u32 (&ends)[3]);
 
-    // Sends the next packet, or ends the transfer.
+    // Sends the next packet, or ends the transfer. One whose ranges have run out waits a moment for the next request,
+    // which may be on its way: a fast line takes the last range before the peer has the first.
     void sendNext();
+    // On the socket pool's thread: whether it waits, so that a request has to set it going again.
+    bool awaitsRequest() const { return awaits_ != 0; }
+    // Under the UploadPool's lock: false when it has waited long enough.
+    bool waitOn(i32 elapsedMs);
     void stop() { stopped_ = 1; }
     bool isPeer(const Peer& other) const;
     Peer& peer() const;
@@ -55,17 +60,21 @@ class Upload : public RefCounter {
         bool operator==(const Range&) const = default;
     };
     void finishRange();
+    void dropRepeats();
 
     i4_string name_;
-    std::array<Range, 3> ranges_{};  // asked for; the first is being sent
-    Range last_;                     // the range that was finished last
-    u32 position_ = 0;               // the next byte to send
-    i32 speedClock_ = 0;             // ms since the last sample
+    std::array<Range, 3> ranges_{};    // asked for; the first is being sent
+    std::array<Range, 3> finished_{};  // the ranges that were finished last, the newest first
+    bool askedForNothing_ = false;     // the last request was for three empty ranges
+    u32 position_ = 0;                 // the next byte to send
+    i32 speedClock_ = 0;               // ms since the last sample
     std::array<f32, 8> speeds_{};
     u32 lastBytes_ = 0;
     u32 speedIndex_ = 0;
     Relaxed<u32> packetSize_{10'240};  // most file bytes per packet
     Relaxed<u8> stopped_{0};
+    Relaxed<u8> awaits_{0};
+    i32 awaited_ = 0;  // ms; under the UploadPool's lock
     const Ref<Peer> peer_;
     const MD4Hash hash_;
     const MD4Hash userHash_;

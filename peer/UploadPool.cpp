@@ -135,7 +135,7 @@ void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
     const Ref<Upload> upload = uploadFor(hash, peer, isNew);
     if (!upload) return;
     upload->setRanges(starts, ends);
-    if (isNew) upload->sendNext();
+    if (isNew || upload->awaitsRequest()) upload->sendNext();
 }
 
 // The running transfer of that file to that peer, or a new one in the place of the peer's slot. Empty where
@@ -261,10 +261,13 @@ void UploadPool::tick(i32 elapsedMs) {
     for (UploadSlot* slot : over) removeSlot(slot);
     assignTimer_ += elapsedMs;
     f32 total = 0;
+    std::vector<Upload*> silent;
     for (LL<Upload>::Cursor c; Upload* upload = uploads_.next(c);) {
         upload->updateSpeed(elapsedMs);
         total += upload->speed;
+        if (!upload->waitOn(elapsedMs)) silent.push_back(upload);
     }
+    for (Upload* upload : silent) endLocked(*upload);
     preferences.curUpSpeed = total;
     if (total > preferences.maxUpSpeed) preferences.maxUpSpeed = total;
     if (!over.empty() || assignTimer_ > assignEvery) {
