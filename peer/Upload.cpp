@@ -70,8 +70,8 @@ void Upload::setRanges(const u32 (&starts)[3], const u32 (&ends)[3]) {
     if (position_ <= ranges_[0].start || position_ >= ranges_[0].end) position_ = ranges_[0].start;
 }
 
-// A range that was just sent in full and that the request only repeats goes, and so do those in front of it that were
-// sent shortly before: the request was made before they arrived.
+// A range that was just sent in full and that the request only repeats goes, and so do those in front of it
+// that were sent shortly before: the request was made before they arrived.
 void Upload::dropRepeats() {
     if (finished_[0] == Range{}) return;
     const auto newest = std::find(ranges_.begin(), ranges_.end(), finished_[0]);

@@ -29,8 +29,8 @@ class Upload : public RefCounter {
     // empty.
     virtual void setRanges(const u32 (&starts)[3], const u32 (&ends)[3]);
 
-    // Sends the next packet, or ends the transfer. One whose ranges have run out waits a moment for the next request,
-    // which may be on its way: a fast line takes the last range before the peer has the first.
+    // Sends the next packet, or ends the transfer. One whose ranges have run out waits a moment for the next
+    // request, which may be on its way: a fast line takes the last range before the peer has the first.
     void sendNext();
     // On the socket pool's thread: whether it waits, so that a request has to set it going again.
     bool awaitsRequest() const { return awaits_ != 0; }

@@ -25,8 +25,8 @@ class UploadTest : public Engine {
     void ask(Range a, Range b = {0, 0}, Range c = {0, 0}) {
         upload->setRanges({a.start, b.start, c.start}, {a.end, b.end, c.end});
     }
-    // Lets packets leave until nothing follows: what was sent, as "start-end start-end", or the opcode of another
-    // message. Every byte is compared.
+    // Lets packets leave until nothing follows: what was sent, as "start-end start-end", or the opcode of
+    // another message. Every byte is compared.
     std::string run() {
         std::string told;
         for (std::string body = to->leave(); !body.empty(); body = to->leave()) {

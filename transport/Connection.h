@@ -101,8 +101,8 @@ class Connection : public Task, public RefCounter {
     // which the rest doesn't come, a queue that the other side doesn't take, and the first message of a
     // connection that came in. By default 120,000; 0 for no limit.
     virtual u32 stallLimit() const;
-    // Whether a word of the other side is overdue, so that stallLimit() counts: by default until the first message of
-    // a connection that came in.
+    // Whether a word of the other side is overdue, so that stallLimit() counts: by default until the first
+    // message of a connection that came in.
     virtual bool awaitsFirst() const;
     // What the pool's set shall be asked about: reading and errors, and writing while there is something
     // to send.

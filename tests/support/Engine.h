@@ -1,4 +1,5 @@
-// The engine's own objects for a test, in a directory of its own and without threads, and peers without a network.
+// The engine's own objects for a test, in a directory of its own and without threads, and peers without a
+// network.
 #pragma once
 
 #include <gtest/gtest.h>
