@@ -158,7 +158,7 @@ bool saveFile(const char* path, const std::function<bool(i4_file&)>& write) {
     Beside beside(target);
     struct stat old {};
     const bool replaces = ::stat(target.c_str(), &old) == 0;
-    const int descriptor = ::open(beside.path(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+    const int descriptor = ::open(beside.path(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (descriptor < 0) return report(path, std::strerror(errno));
     // A file that its user closed to others stays closed, and is so before the first byte is in it.
     if (replaces) ::fchmod(descriptor, old.st_mode & 0777);

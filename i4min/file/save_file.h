@@ -9,8 +9,8 @@ class i4_file;
 //
 // Writes `path` through `write`: the bytes go to a file beside it, are synced, take the place of the old
 // file, and the folder is synced. `write` returns false, or raises, to give up: the old file then stays. Each
-// failure is told in one line with the file's name. The path is taken exactly as it stands. True when the new
-// file is in place.
+// failure is told in one line with the file's name. A new file is its owner's alone to read: settings hold
+// passwords. The path is taken exactly as it stands. True when the new file is in place.
 bool saveFile(const char* path, const std::function<bool(i4_file&)>& write);
 
 // Moves a file that didn't read whole out of the way, as PATH.bad, so that the next save doesn't overwrite
