@@ -160,7 +160,7 @@ Client::Client(const std::string& name, const IndexServerProcess& index, const H
 }
 
 void Client::run(const std::vector<std::string>& arguments, Process::Input input) {
-    process_.reset();
+    kill();
     process_ = startOn(host_, "tarnwick", arguments, home_.path(), input);
 }
 
@@ -172,7 +172,15 @@ void Client::start() {
     })) << process_->output();
 }
 
-void Client::kill() { process_.reset(); }
+Client::~Client() { kill(); }
+
+void Client::kill() {
+    if (!process_) return;
+    for (const char* complaint : {"Sanitizer", "runtime error:", "lock order:"}) {
+        EXPECT_EQ(process_->output().find(complaint), std::string::npos) << process_->output();
+    }
+    process_.reset();
+}
 
 void Client::quit() {
     EXPECT_TRUE(type("q", "Are you sure you want to exit?(y or n): \n"));

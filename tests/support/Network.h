@@ -67,6 +67,9 @@ class IndexServerProcess {
 class Client {
   public:
     Client(const std::string& name, const IndexServerProcess& index, const Host& host = {});
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client();  // a complaint of a sanitizer or of the lock order fails the test
 
     void start();  // and waits for the banner and the shared files
     void kill();   // as a crash does
