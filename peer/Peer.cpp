@@ -194,7 +194,7 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
             theLog->printLine("Either your client or one you are connected to is out of date.");
             return true;
         case OP_FILE_DATA:
-            return forDownload(stream, [&](Download& file) { file.gotData(stream, *this); });
+            return forDownload(stream, [&](Download& file) { gotFileData(stream, file); });
         case OP_REQUEST_PARTS:
             uploadPool.gotPartRequest(stream, *this);
             return true;
@@ -370,6 +370,11 @@ bool Peer::tellFileStatus(const MD4Hash& hash) {
     packet->finish();
     send(std::move(packet));
     return true;
+}
+
+// Data is taken from those who were asked: nobody else may spoil a file that is on its way.
+void Peer::gotFileData(i4_ram_file_class& stream, Download& file) {
+    if (file.usesSlot(*this)) file.gotData(stream, *this);
 }
 
 bool Peer::gotFileStatus(i4_file& stream) {

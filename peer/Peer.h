@@ -10,6 +10,8 @@
 #include "meta/UserMeta.h"
 #include "transport/Connection.h"
 
+class Download;
+
 // Each message is handed to DLPool, UploadPool, FriendList or the call list, and through them to their
 // states; a Peer itself remembers who is on the other side. peer/Peer.cpp has the table of the messages.
 // Thread: handlers on the socket pool's; the sending operations on any.
@@ -68,6 +70,7 @@ class Peer : public Connection {
     bool gotSharedFiles(i4_file& stream);
     bool gotChatMessage(i4_file& stream);
     bool gotChatRefused();
+    void gotFileData(i4_ram_file_class& stream, Download& file);
     bool gotFileStatus(i4_file& stream);
     bool tellSharedFiles();
     bool tellFileStatus(const MD4Hash& hash);

@@ -262,6 +262,13 @@ TEST_F(PeerTest, AnUnaskedListThatIsLongIsNotEvenRead) {
     EXPECT_FALSE(this->peer(2).hear(opcode(75, le32(1) + std::string(20, '\xFF'))));
 }
 
+TEST_F(PeerTest, DataFromSomeoneWhoWasNotAskedIsDropped) {
+    const Ref<Download> download = startDownload(unknown, "film", 20'000'000);
+    peer(1).hear(opcode(70, bytesOf(unknown) + le32(0) + le32(4) + "data"));
+    EXPECT_EQ(download->partial().transferred(), 0U);
+    EXPECT_TRUE(download->partial().overlaps(0, 4));
+}
+
 // Every message, cut short and damaged, on a connection of its own.
 TEST_F(PeerTest, DamageHarmsNobody) {
     shareFile(known, "a.bin", "0123456789");
