@@ -25,11 +25,6 @@ void waitSeconds(const char* argument) {
     if (seconds > 0) i4_sleep(static_cast<u32>(seconds));
 }
 
-// For a process without a console: a controller ends it.
-void waitForEnd() {
-    while (conClientApp.running) i4_sleep(1);
-}
-
 // A controller may attach from now on. A user interface lives as long as the process: the last object that
 // goes may still print.
 void wrapForController() {
@@ -49,7 +44,7 @@ void takeArgument(const char* argument) {
             waitSeconds(argument);
             break;
         case '!':
-            waitForEnd();
+            conClientApp.waitForQuit();  // a controller ends it
             break;
         default:
             conClientApp.dispatch(argument);

@@ -1,5 +1,8 @@
 #include "console/Servant.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstring>
 
 #include "app/UIInterface.h"
@@ -11,18 +14,6 @@ constexpr std::size_t answerSize = 82;  // an answer to confirm() and its termin
 constexpr std::size_t argumentSize = 256;
 
 }  // namespace
-
-bool readLine(std::FILE* input, char* out, std::size_t size) {
-    std::size_t length = 0;
-    bool any = false;
-    for (int c = std::getc(input); c != EOF; c = std::getc(input)) {
-        any = true;
-        if (c == '\n') break;
-        if (length + 1 < size) out[length++] = static_cast<char>(c);
-    }
-    out[length] = 0;
-    return any;
-}
 
 const char* Tokens::next() {
     rest_ += std::strspn(rest_, consoleSeparators);
@@ -40,7 +31,7 @@ const char* restOfLine(const char* line) {
     return line + end + 1;
 }
 
-Servant::Servant() : prompt("> ") {}
+Servant::Servant() : prompt("> "), input_(STDIN_FILENO) {}
 Servant::~Servant() { deleteAll(*this); }
 
 void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
@@ -51,10 +42,10 @@ void Servant::run() {
     std::fputs(prompt.c_str(), stdout);
     std::fflush(stdout);
     char line[lineSize];
-    if (readLine(stdin, line, sizeof line)) {
+    if (input_.readLine(line, sizeof line)) {
         dispatch(line);
     } else {
-        running = 0;
+        quit();
     }
 }
 
@@ -76,8 +67,16 @@ void Servant::dispatch(const char* line) {
 void Servant::unknownCommand(const char*) { theLog->printLine("Unrecognized command. type ? for help\n"); }
 
 bool Servant::confirm(const char* question) {
+    if (std::this_thread::get_id() != consoleThread_) return true;
     theLog->printLine("%s?(y or n): ", question);
     char answer[answerSize];
-    if (!readLine(stdin, answer, sizeof answer)) return false;
+    if (!input_.readLine(answer, sizeof answer)) return false;
     return answer[0] == 'y' || answer[0] == 'Y';
 }
+
+void Servant::quit() {
+    running = 0;
+    input_.end();
+}
+
+void Servant::waitForQuit() { input_.waitForEnd(); }

@@ -1,10 +1,11 @@
 // Servant, a small command interpreter: named commands, a prompt, and one turn of reading and dispatching.
 #pragma once
 
-#include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "console/ConsoleInput.h"
 #include "i4min/memory/LL.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/string/string.h"
@@ -24,10 +25,6 @@ struct ServantCommand {
     Handler handler;
 };
 
-// Reads one line of at most `size` - 1 bytes without its newline; what is over that is dropped to the end of
-// the line. False when the input ends with no line left.
-bool readLine(std::FILE* input, char* out, std::size_t size);
-
 // Cuts a line into tokens at the console's separators. Keeps its state itself: commands run on several
 // threads.
 class Tokens {
@@ -44,7 +41,8 @@ class Tokens {
 const char* restOfLine(const char* line);
 
 // Owns its commands; the list of them is constant after construction.
-// Thread: run() on the entry thread; dispatch() on any, also at the same time.
+// Thread: run(), and what else waits for the user, on the console's thread, which is the one that made it;
+// dispatch() and quit() on any, also at the same time.
 class Servant : public LL<ServantCommand> {
   public:
     Servant();
@@ -56,8 +54,13 @@ class Servant : public LL<ServantCommand> {
     void run();
     // Runs one command line. The line is not changed.
     void dispatch(const char* line);
-    // Asks on the console; true if the answer begins with y or Y.
+    // Asks on the console; true if the answer begins with y or Y. On another thread than the console's it is
+    // true at once: whoever sent the command from elsewhere meant it, and isn't at the console to answer.
     bool confirm(const char* question);
+    // Ends the loop: `running` becomes 0, and a wait for the user's next line ends.
+    void quit();
+    // Waits for quit() without reading, for a process without a console.
+    void waitForQuit();
 
     // Tables of records. The columns are the tags of the record that the header was printed from.
     using Keys = std::vector<std::string>;
@@ -67,4 +70,8 @@ class Servant : public LL<ServantCommand> {
 
     i4_string prompt;
     Relaxed<u8> running{1};
+
+  private:
+    ConsoleInput input_;
+    const std::thread::id consoleThread_ = std::this_thread::get_id();
 };

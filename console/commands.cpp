@@ -8,7 +8,7 @@
 namespace {
 
 void quit(Servant& servant, char*) {
-    if (servant.confirm("Are you sure you want to exit")) servant.running = 0;
+    if (servant.confirm("Are you sure you want to exit")) servant.quit();
 }
 
 void nothing(Servant&, char*) {}

@@ -197,7 +197,7 @@ bool GUIController::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case CTL_QUIT:
             statusThread_.stop();
-            conClientApp.running = 0;
+            conClientApp.quit();
             return true;
         case CTL_COMMAND:
             runCommand(stream);
