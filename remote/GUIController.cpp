@@ -28,7 +28,9 @@ namespace {
 
 constexpr u32 strangerBodyLimit = 64 * 1024;
 constexpr u32 controllerBodyLimit = 1024 * 1024;
-constexpr u32 statusEvery = 3000;  // ms
+constexpr u32 statusEvery = 3000;           // ms
+constexpr u32 strangerStallLimit = 30'000;  // ms
+constexpr u32 mostRecords = 0xFFFF;         // of a list whose count has 16 bits
 constexpr u32 downloadStatusSize = 13;
 constexpr u32 uploadStatusSize = 6;
 constexpr u32 any = Opcode::unbounded;
@@ -64,14 +66,14 @@ constexpr Opcode rows[] = {
     {CTL_SERVER_PREFERENCE, "ServerPreference", Direction::in, 7, any},  // u32 ip, u16 port, u8 preference
     {CTL_GET_SHARED_FILES, "GetSharedFiles", Direction::in, 0, any},
     {CTL_GET_SETTINGS, "GetSettings", Direction::in, 0, any},
-    {CTL_DOWNLOAD_RECORD, "DownloadRecord", Direction::in, 26, any},  // file
-    {CTL_SERVERS, "Servers", Direction::out, 4, any},                 // list of servers
-    {CTL_FRIENDS, "Friends", Direction::out, 0, any},                 // list of users; as an event nothing
-    {CTL_SHARED_DIRS, "SharedDirs", Direction::out, 2, any},          // u16 count, count strings
-    {CTL_SHARED_FILES, "SharedFiles", Direction::out, 4, any},        // list of files
-    {CTL_PRINT_LINE, "PrintLine", Direction::out, 2, any},            // string
-    {CTL_PRINT, "Print", Direction::out, 2, any},                     // string
-    {CTL_CONNECTED, "Connected", Direction::out, 2, any},             // string
+    {CTL_DOWNLOAD_RECORD, "DownloadRecord", Direction::in, 0, any},  // file
+    {CTL_SERVERS, "Servers", Direction::out, 4, any},                // list of servers
+    {CTL_FRIENDS, "Friends", Direction::out, 0, any},                // list of users; as an event nothing
+    {CTL_SHARED_DIRS, "SharedDirs", Direction::out, 2, any},         // u16 count, count strings
+    {CTL_SHARED_FILES, "SharedFiles", Direction::out, 4, any},       // list of files
+    {CTL_PRINT_LINE, "PrintLine", Direction::out, 2, any},           // string
+    {CTL_PRINT, "Print", Direction::out, 2, any},                    // string
+    {CTL_CONNECTED, "Connected", Direction::out, 2, any},            // string
     {CTL_DISCONNECTED, "Disconnected", Direction::out, 0, 0},
     {CTL_SERVER_STATS, "ServerStats", Direction::out, 8, 8},            // u32 files, u32 users
     {CTL_EXTENDING, "Extending", Direction::out, 2, any},               // string
@@ -87,11 +89,13 @@ constexpr Opcode rows[] = {
     {CTL_HASHING, "Hashing", Direction::out, 2, any},                   // string
     {CTL_DOWNLOAD_STATUS, "DownloadStatus", Direction::out, 2, any},    // see below
     {CTL_UPLOAD_STATUS, "UploadStatus", Direction::out, 2, any},        // see below
-    {CTL_SETTINGS, "Settings", Direction::out, 32, any},                // see sendSettings
+    {CTL_SETTINGS, "Settings", Direction::out, 31, any},                // see sendSettings
 };
 constexpr OpcodeTable table(rows);
 
-LogonGuard logonGuard;  // of the socket pool's thread
+// Of the socket pool's thread.
+LogonGuard logonGuard;
+u32 strangerCount = 0;
 
 bool isLoopback(u32 ip) { return (ip & 0xFF) == 127; }
 
@@ -126,14 +130,20 @@ GUIController::GUIController(std::unique_ptr<i4_socket> accepted, SocketPool* so
     : Connection(std::move(accepted), socketPool),
       statusThread_(*this, statusEvery),
       ui_(ui),
-      search_(new Search) {}
+      search_(new Search) {
+    ++strangerCount;
+}
 
 GUIController::~GUIController() = default;
 
+u32 GUIController::strangers() { return strangerCount; }
+
 const OpcodeTable* GUIController::opcodes() const { return &table; }
 u32 GUIController::bodyLimit() const { return loggedOn_ ? controllerBodyLimit : strangerBodyLimit; }
+u32 GUIController::stallLimit() const { return loggedOn_ ? Connection::stallLimit() : strangerStallLimit; }
 
 void GUIController::doTask(SocketPool* socketPool) {
+    if (!loggedOn_ && logonGuard.isBlocked(remoteIp(), i4_ticks())) close();
     const i32 sendBefore = std::exchange(sendBudget, unlimitedBudget);
     const i32 receiveBefore = std::exchange(recvBudget, unlimitedBudget);
     Connection::doTask(socketPool);
@@ -145,6 +155,7 @@ void GUIController::doTask(SocketPool* socketPool) {
 }
 
 void GUIController::gone() {
+    if (!loggedOn_) --strangerCount;
     ui_.detach(*this);
     statusThread_.stop();
 }
@@ -153,13 +164,13 @@ bool GUIController::firstMessage(u8 opcode, i4_ram_file_class& stream) {
     if (opcode != CTL_LOGON || !logOn(stream)) return false;
     gotFirst = 1;
     loggedOn_ = true;
+    --strangerCount;
     sendStartState();
     return true;
 }
 
 // The reason of a refusal stays on the local console: the controller gets no answer.
 bool GUIController::logOn(i4_file& stream) {
-    if (logonGuard.isBlocked(remoteIp(), i4_ticks())) return false;
     const i4_string name(stream);
     const i4_string password(stream);
     const bool open = name.length() == 0 || password.length() == 0;
@@ -367,6 +378,7 @@ void GUIController::wantStatus(Relaxed<u8>& status, u8 wanted) {
 void GUIController::sendSharedDirs() {
     std::vector<i4_string> dirs;
     clientApp.getSharedDirs(dirs);
+    if (dirs.size() > mostRecords) dirs.resize(mostRecords);
     u32 size = 2;
     for (const i4_string& dir : dirs) size += static_cast<u32>(2 + dir.length());
     auto packet = makePacket(CTL_SHARED_DIRS, size);
@@ -414,13 +426,29 @@ void GUIController::sendDownload(Download& download) {
 
 void GUIController::sendUpload(const Upload& upload) {
     if (!upload.getName()) return;
+    {
+        i4_lock guard(toldLock_);
+        if (!toldUploads_.insert(&upload).second) return;
+    }
     UserMeta user;
     upload.copyPeerUser(user);
+    user.hash = upload.userHash();  // the one with which its end is told
     auto packet =
         makePacket(CTL_UPLOAD_ADDED, static_cast<u32>(2 + i4_strlen(upload.getName())) + user.byteSize());
     i4_write_string(packet->stream, upload.getName());
     user.toNetwork(packet->stream);
     packet->finish();
+    send(std::move(packet));
+}
+
+void GUIController::sendUploadGone(const Upload& upload) {
+    {
+        i4_lock guard(toldLock_);
+        if (toldUploads_.erase(&upload) == 0) return;
+    }
+    const MD4Hash hash = upload.userHash();
+    auto packet = makePacket(CTL_UPLOAD_REMOVED, static_cast<u32>(hash.bytes.size()));
+    packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
     send(std::move(packet));
 }
 
@@ -434,12 +462,12 @@ void GUIController::sendUploadStatus() {
     LLsafe<Upload>* uploads = ui_.getUploads();
     if (!uploads) return;
     const i4_guard guard(*uploads);
-    const u32 count = uploads->countUnsafe();
+    const u32 count = std::min(mostRecords, static_cast<u32>(uploads->countUnsafe()));
     auto packet = makePacket(CTL_UPLOAD_STATUS, 2 + count * uploadStatusSize);
     packet->stream.write_16(static_cast<u16>(count));
-    u16 index = 0;
-    for (LL<Upload>::Cursor c; const Upload* upload = uploads->next(c);) {
-        packet->stream.write_16(index++);
+    u32 index = 0;
+    for (LL<Upload>::Cursor c; const Upload* upload = index < count ? uploads->next(c) : nullptr;) {
+        packet->stream.write_16(static_cast<u16>(index++));
         packet->stream.write_float(upload->speed);
     }
     send(std::move(packet));
@@ -451,13 +479,13 @@ void GUIController::sendDownloadStatus() {
     LLsafe<Download>* downloads = ui_.getDownloads();
     if (!downloads) return;
     const i4_guard guard(*downloads);
-    const u32 count = downloads->countUnsafe();
+    const u32 count = std::min(mostRecords, static_cast<u32>(downloads->countUnsafe()));
     auto packet = makePacket(CTL_DOWNLOAD_STATUS, 2 + count * downloadStatusSize);
     packet->stream.write_16(static_cast<u16>(count));
-    u16 index = 0;
-    for (LL<Download>::Cursor c; Download* download = downloads->next(c);) {
+    u32 index = 0;
+    for (LL<Download>::Cursor c; Download* download = index < count ? downloads->next(c) : nullptr;) {
         const Ref<PartialFile> partial = download->partialRef();
-        packet->stream.write_16(index++);
+        packet->stream.write_16(static_cast<u16>(index++));
         packet->stream.write_8(static_cast<u8>(download->getStatus()));
         packet->stream.write_float(download->speed);
         packet->stream.write_32(partial ? partial->transferred() : 0);

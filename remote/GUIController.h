@@ -1,6 +1,9 @@
 // GUIController, the connection of one remote controller.
 #pragma once
 
+#include <unordered_set>
+
+#include "i4min/memory/mutex.h"
 #include "i4min/memory/relaxed.h"
 #include "meta/MD4Hash.h"
 #include "remote/UIStatusThread.h"
@@ -24,13 +27,19 @@ class GUIController : public Connection {
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
     bool firstMessage(u8 opcode, i4_ram_file_class& stream) override;
 
+    // Connections that haven't logged on yet. Thread: the socket pool's.
+    static u32 strangers();
+
     void sendStatus();
     void sendDownload(Download& download);
-    void sendUpload(const Upload& upload);
+    // That an upload exists, unless this controller knows; and that it is gone, if it knows of it.
+    void sendUpload(const Upload& upload) EXCLUDES(toldLock_);
+    void sendUploadGone(const Upload& upload) EXCLUDES(toldLock_);
 
   protected:
     void gone() override;
     u32 bodyLimit() const override;
+    u32 stallLimit() const override;
     const OpcodeTable* opcodes() const override;
 
   private:
@@ -55,6 +64,8 @@ class GUIController : public Connection {
     Relaxed<u8> uploadStatus_;
     Relaxed<u8> downloadStatus_;
     bool loggedOn_ = false;
+    i4_mutex toldLock_{LockRank::controller};
+    std::unordered_set<const Upload*> toldUploads_ GUARDED_BY(toldLock_);
     TcpipUI& ui_;
     Ref<Search> search_;  // as the controller sent it last
 };

@@ -10,6 +10,8 @@ class GUIControllerDoor : public DoorTask {
   public:
     GUIControllerDoor(SocketPool* socketPool, u16 listenPort, TcpipUI& ui)
         : DoorTask(socketPool, listenPort), ui_(ui) {}
+    // Whoever doesn't log on can't hold more than so many of the process's descriptors.
+    bool canAccept() override;
     Connection* newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) override;
 
   private:

@@ -1,6 +1,7 @@
 #include "remote/TcpipUI.h"
 
 #include <cstdio>
+#include <string>
 
 #include "app/ClientApp.h"
 #include "app/Preferences.h"
@@ -18,6 +19,8 @@ namespace {
 
 constexpr i32 doorTimeout = 10'000;  // ms
 constexpr std::size_t textSize = 256;
+constexpr std::size_t longestName = 0xFFFE;  // a string's longest on the wire
+constexpr u32 mostStrangers = 32;
 
 std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
     auto packet = std::make_unique<Packet>(payload + 1);
@@ -25,17 +28,32 @@ std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
     return packet;
 }
 
+// Names from the network may be longer than a string can be.
+void writeName(i4_file& stream, const char* name) {
+    if (i4_strlen(name) <= longestName) return i4_write_string(stream, name);
+    i4_write_string(stream, std::string(name, longestName).c_str());
+}
+
 // A text of at most 255 bytes, cut where it is longer, but never inside a character.
 struct Text {
     char bytes[textSize];
 
     Text(const char* format, va_list list) {
+        bytes[0] = 0;
         const int length = std::vsnprintf(bytes, textSize, format, list);
-        if (length < static_cast<int>(textSize)) return;
-        std::size_t end = textSize - 1;
-        while (end > 0 && (static_cast<unsigned char>(bytes[end - 1]) & 0xC0) == 0x80) --end;
-        if (end > 0 && static_cast<unsigned char>(bytes[end - 1]) >= 0xC0) --end;
-        bytes[end] = 0;
+        if (length >= static_cast<int>(textSize)) cutInsideCharacter();
+    }
+
+  private:
+    u8 at(std::size_t place) const { return static_cast<u8>(bytes[place]); }
+
+    // A UTF-8 sequence that lost its end goes whole.
+    void cutInsideCharacter() {
+        const std::size_t end = textSize - 1;
+        std::size_t lead = end - 1;
+        while (lead > end - 4 && (at(lead) & 0xC0) == 0x80) --lead;
+        const std::size_t wanted = at(lead) >= 0xF0 ? 4 : at(lead) >= 0xE0 ? 3 : at(lead) >= 0xC0 ? 2 : 1;
+        if (at(lead) >= 0xC0 && lead + wanted > end) bytes[lead] = 0;
     }
 };
 
@@ -46,6 +64,8 @@ struct Text {
     va_start(list, format);        \
     const Text text(format, list); \
     va_end(list)
+
+bool GUIControllerDoor::canAccept() { return GUIController::strangers() < mostStrangers; }
 
 Connection* GUIControllerDoor::newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) {
     return new GUIController(std::move(accepted), socketPool, ui_);
@@ -91,8 +111,9 @@ std::shared_ptr<FileMeta> TcpipUI::findResult(const MD4Hash& hash) {
 bool TcpipUI::sendText(u8 opcode, const char* text) {
     const Ref<GUIController> to = controller();
     if (!to) return false;
-    auto packet = makePacket(opcode, static_cast<u32>(2 + i4_strlen(text)));
-    i4_write_string(packet->stream, text);
+    auto packet = makePacket(opcode, 2);
+    writeName(packet->stream, text);
+    packet->finish();
     to->send(std::move(packet));
     return true;
 }
@@ -161,8 +182,8 @@ void TcpipUI::addResult(FileMeta* file) {
     auto packet = makePacket(CTL_RESULT, file->byteSize());
     file->toNetwork(packet->stream);
     packet->finish();
+    results_.add(file);  // before the controller can ask for it
     to->send(std::move(packet));
-    results_.add(file);
 }
 
 void TcpipUI::setResults(FileList* list, u8 more) {
@@ -173,14 +194,14 @@ void TcpipUI::setResults(FileList* list, u8 more) {
     list->toNetwork(packet->stream);
     packet->stream.write_8(more);
     packet->finish();
-    to->send(std::move(packet));
     results_.deleteAll();
     results_.addAll(*list);
+    to->send(std::move(packet));
 }
 
 void TcpipUI::downloadAdded(Download* download) {
+    inner_.downloadAdded(download);  // first: who attaches in between learns of it from the list
     if (const Ref<GUIController> to = controller()) to->sendDownload(*download);
-    inner_.downloadAdded(download);
 }
 
 void TcpipUI::downloadRemoved(Download* download) {
@@ -195,28 +216,22 @@ void TcpipUI::downloadRemoved(Download* download) {
 }
 
 void TcpipUI::uploadAdded(Upload* upload) {
-    if (const Ref<GUIController> to = controller()) to->sendUpload(*upload);
     inner_.uploadAdded(upload);
+    if (const Ref<GUIController> to = controller()) to->sendUpload(*upload);
 }
 
-// Only uploads that the controller was told of.
 void TcpipUI::uploadRemoved(Upload* upload) {
-    const Ref<GUIController> to = controller();
-    if (to && upload->getName()) {
-        const MD4Hash hash = upload->userHash();
-        auto packet = makePacket(CTL_UPLOAD_REMOVED, 16);
-        packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
-        to->send(std::move(packet));
-    }
+    if (const Ref<GUIController> to = controller()) to->sendUploadGone(*upload);
     inner_.uploadRemoved(upload);
 }
 
 void TcpipUI::slotAdded(UploadSlot* slot, const char* name) {
     const Ref<GUIController> to = controller();
     if (!to) return inner_.slotAdded(slot, name);
-    auto packet = makePacket(CTL_SLOT_ADDED, static_cast<u32>(6 + i4_strlen(name)));
+    auto packet = makePacket(CTL_SLOT_ADDED, 6);
     packet->stream.write_32(slot->identity());
-    i4_write_string(packet->stream, name);
+    writeName(packet->stream, name);
+    packet->finish();
     to->send(std::move(packet));
 }
 

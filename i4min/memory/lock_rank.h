@@ -18,7 +18,6 @@ enum class LockRank : int {
     remoteQueue = 61,      // RemoteQueueList
     uiList = 62,           // ConClientApp's lists of downloads and uploads
     peers = 64,            // the list of live Peer connections
-    controller = 66,       // TcpipUI's controller
     preferences = 70,      // Preferences::selfLock, pathLock
     filter = 71,           // FilterList
     partialRead = 72,      // PartialFile::fileLock
@@ -26,6 +25,7 @@ enum class LockRank : int {
     progress = 76,         // GapCounterList, DLProgress
     connectRegistry = 78,  // ConnectRegistry::lock
     socketPool = 80,       // SocketPool's additions, removals and tasks
+    controller = 82,       // TcpipUI's controller: text may be printed under any lock above this row
     sendQueue = 84,        // Connection::sendQueue
     messageQueue = 86,     // MessageQ's queue
     socket = 88,           // i4_tcpip_sock::lock_
