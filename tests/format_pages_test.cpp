@@ -21,8 +21,10 @@
 #include "meta/ServerList.h"
 #include "meta/UserList.h"
 #include "meta/address.h"
+#include "server/Search.h"
 #include "tests/support/bytes.h"
 #include "tests/support/hex_examples.h"
+#include "transport/Packet.h"
 
 namespace {
 
@@ -77,7 +79,41 @@ bool readsAsDirectories(std::span<const std::uint8_t> bytes) {
     return ShareList::readPaths(file, paths) && paths == std::vector<i4_string>{"/a", "/bc"};
 }
 
+// The bodies of the protocols' examples, behind a framing that must fit them.
+Decoder packet(u8 opcode, std::function<bool(i4_file&)> body) {
+    return [=](std::span<const std::uint8_t> bytes) {
+        BytesFile file(bytes);
+        return file.read_8() == Packet::marker && file.read_32() == bytes.size() - Packet::headerSize &&
+               file.read_8() == opcode && body(file) && file.bytesLeft() == 0u;
+    };
+}
+
+bool readsAsUser(i4_file& file) {
+    UserMeta user;
+    return user.fromNetwork(file) && user.id == 0 && user.port == 4662 && user.hash.bytes[15] == 15 &&
+           user.getName() == "abcde"s && user.getInt(TAG_VERSION) == 59;
+}
+
+bool readsAsTree(std::span<const std::uint8_t> bytes) {
+    BytesFile file(bytes);
+    Search search;
+    if (!search.fromBytes(file) || file.bytesLeft() != 0u) return false;
+    FileMeta record;
+    record.setName("a film");
+    const bool without = search.matches(record);
+    record.setText(TAG_TYPE, "Audio");
+    return search.matches(record) && !without;
+}
+
 const std::map<std::string, Decoder> decoders = {
+    {"tree", readsAsTree},
+    {"log-on", packet(1, readsAsUser)},
+    {"hello", packet(1,
+                     [](i4_file& file) {
+                         return file.read_8() == 16 && readsAsUser(file) && file.read_32() == 0 &&
+                                file.read_16() == 0;
+                     })},
+    {"controller", packet(100, [](i4_file& file) { return file.read_16() == 0 && file.read_16() == 0; })},
     {"pref.met", readsAsSettings},
     {"collection", readsAsCollection},
     {"share.dat", readsAsDirectories},
