@@ -21,9 +21,9 @@ BUILD = os.path.abspath(os.environ.get(
 class Console:
     """A client at a pseudo-terminal, in a directory of its own."""
 
-    def __init__(self, directory, *arguments):
+    def __init__(self, directory, *arguments, prefix=()):
         self.master, slave = pty.openpty()
-        self.process = subprocess.Popen([os.path.join(BUILD, "tarnwick"), *arguments], cwd=directory,
+        self.process = subprocess.Popen([*prefix, os.path.join(BUILD, "tarnwick"), *arguments], cwd=directory,
                                         stdin=slave, stdout=slave, stderr=slave, start_new_session=True)
         os.close(slave)
         self.output = ""

@@ -85,13 +85,16 @@ void Upload::dropRepeats() {
 }
 
 bool Upload::waitOn(i32 elapsedMs) {
-    awaited_ = awaits_ != 0 ? awaited_ + elapsedMs : 0;
+    const u32 wait = waits_;
+    awaited_ = awaits_ == 0 ? 0 : wait == seenWaits_ ? awaited_ + elapsedMs : elapsedMs;
+    seenWaits_ = wait;
     return awaited_ <= requestLimit;
 }
 
 void Upload::sendNext() {
     awaits_ = 0;
     if (ranges_[0].end == position_ && stopped_ == 0 && bytesSent != 0 && !askedForNothing_) {
+        waits_.add(1);
         awaits_ = 1;
         return;
     }

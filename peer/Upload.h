@@ -74,7 +74,9 @@ class Upload : public RefCounter {
     Relaxed<u32> packetSize_{10'240};  // most file bytes per packet
     Relaxed<u8> stopped_{0};
     Relaxed<u8> awaits_{0};
-    i32 awaited_ = 0;  // ms; under the UploadPool's lock
+    Relaxed<u32> waits_;  // how often it has begun to wait
+    u32 seenWaits_ = 0;   // these two under the UploadPool's lock
+    i32 awaited_ = 0;     // ms of the present wait
     const Ref<Peer> peer_;
     const MD4Hash hash_;
     const MD4Hash userHash_;

@@ -84,6 +84,20 @@ TEST_F(UploadTest, ANewRequestGoesOnWhereTheTransferStands) {
     EXPECT_EQ(run(), "30720-35000 60000-60010 ");
 }
 
+// A limited peer takes what lies in the network's buffers for a while: the uploader waits after each request, and
+// each wait counts for itself.
+TEST_F(UploadTest, ManyShortWaitsAreNoLongOne) {
+    for (u32 start = 0; start < 100; start += 10) {
+        ask({start, start + 10});
+        upload->sendNext();
+        run();
+        EXPECT_TRUE(upload->awaitsRequest());
+        EXPECT_TRUE(upload->waitOn(300)) << start;
+    }
+    EXPECT_TRUE(upload->waitOn(600));
+    EXPECT_FALSE(upload->waitOn(600));
+}
+
 TEST_F(UploadTest, WhatWasJustSentIsNotSentAgain) {
     ask({0, 10}, {10, 20}, {20, 30});
     upload->sendNext();
