@@ -84,8 +84,8 @@ TEST_F(UploadTest, ANewRequestGoesOnWhereTheTransferStands) {
     EXPECT_EQ(run(), "30720-35000 60000-60010 ");
 }
 
-// A limited peer takes what lies in the network's buffers for a while: the uploader waits after each request, and
-// each wait counts for itself.
+// A limited peer takes what lies in the network's buffers for a while: the uploader waits after each request,
+// and each wait counts for itself.
 TEST_F(UploadTest, ManyShortWaitsAreNoLongOne) {
     for (u32 start = 0; start < 100; start += 10) {
         ask({start, start + 10});
