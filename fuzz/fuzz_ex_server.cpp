@@ -1,0 +1,45 @@
+// A datagram from an index server, or from anyone.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "app/Preferences.h"
+#include "i4min/memory/error.h"
+#include "i4min/network/protocol.h"
+#include "server/ExServerAnnex.h"
+#include "server/ServerPool.h"
+#include "transport/STSocketPool.h"
+
+namespace {
+
+// Handles bytes as if they had come from 10.1.1.1:4665.
+class FuzzedAnnex : public ExServerAnnex {
+  public:
+    using ExServerAnnex::ExServerAnnex;
+    void handle(const std::uint8_t* data, std::size_t size) {
+        std::memcpy(buffer_.buffer(), data, size);
+        buffer_.setUsed(static_cast<u32>(size));
+        buffer_.seek(0);
+        from_ = theProtocol->resolve("10.1.1.1", 4665, 0);
+        try {
+            handleDatagram();
+        } catch (const i4_err&) {
+            // Costs this datagram.
+        }
+        from_.reset();
+    }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static STSocketPool pool;
+    static const Ref<FuzzedAnnex> annex = [] {
+        makeProtocol(nullptr);
+        return Ref<FuzzedAnnex>(new FuzzedAnnex(&pool));
+    }();
+    serverPool.addServer(0x0101010A, 4661);
+    annex->handle(data, std::min<std::size_t>(size, largestDatagram));
+    serverPool.servers().deleteAll();
+    return 0;
+}
