@@ -1,7 +1,6 @@
 // A datagram from an index server, or from anyone.
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 
 #include "app/Preferences.h"
 #include "i4min/memory/error.h"
@@ -17,7 +16,7 @@ class FuzzedAnnex : public ExServerAnnex {
   public:
     using ExServerAnnex::ExServerAnnex;
     void handle(const std::uint8_t* data, std::size_t size) {
-        std::memcpy(buffer_.buffer(), data, size);
+        std::copy_n(data, size, buffer_.buffer());
         buffer_.setUsed(static_cast<u32>(size));
         buffer_.seek(0);
         from_ = theProtocol->resolve("10.1.1.1", 4665, 0);
