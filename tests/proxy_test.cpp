@@ -382,6 +382,12 @@ TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
     }
 }
 
+// The address bytes of a name are 0, which the system takes for this machine.
+TEST(Proxy, NoDatagramGoesToANameThatAProxyResolves) {
+    i4_tcpip_sock socket(I4_DATAGRAM);
+    EXPECT_EQ(socket.write_to("ping", 4, i4_proxy_address("index.example", 4665)), -1);
+}
+
 TEST(Proxy, AListenerWithoutATargetOrAnAnswerFails) {
     const ScriptedProxy refusing({{"\4\2\0\0\x0a\1\2\3\0"s, "\0\x5b\0\0\0\0\0\0"s}});
     const auto target = hostAt("10.1.2.3", 4661);

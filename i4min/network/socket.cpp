@@ -157,7 +157,8 @@ i32 i4_tcpip_sock::read_from(void* buffer, u32 length, std::unique_ptr<i4_addres
 
 i32 i4_tcpip_sock::write_to(const void* buffer, u32 length, const i4_address& address) {
     const auto* to = dynamic_cast<const i4_tcpip_address*>(&address);
-    if (closed_ || !to) return -1;
+    // A name that is meant for a proxy has no address; 0.0.0.0 would be this machine.
+    if (closed_ || !to || !to->name.isNull()) return -1;
     return static_cast<i32>(uninterrupted([&] {
         return ::sendto(fd_, buffer, std::min(length, largest), MSG_NOSIGNAL,
                         reinterpret_cast<const sockaddr*>(&to->address), sizeof to->address);
