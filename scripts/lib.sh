@@ -10,7 +10,7 @@ fuzz_packages=(clang libclang-rt-14-dev)
 lint_packages=(git python3 clang-format)
 tidy_packages=(clang-tidy)
 bench_packages=(libbenchmark-dev)
-test_packages=(python3 iproute2 procps openssl util-linux ffmpeg lame)
+test_packages=(python3 iproute2 procps openssl util-linux ffmpeg lame microsocks tinyproxy)
 
 say() { printf '\n== %s\n' "$*"; }
 
