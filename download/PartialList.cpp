@@ -18,6 +18,10 @@ constexpr u8 metaFileMagic = 0xE0;
 constexpr u32 readBuffer = 64 * 1024;
 constexpr std::string_view extension = ".met";
 
+}  // namespace
+
+PartialList::~PartialList() { deleteAll(); }
+
 // A meta file:
 //
 //   offset  bytes  field
@@ -26,25 +30,20 @@ constexpr std::string_view extension = ".met";
 //
 // The tags are the file's own and behind them TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE (1
 // when paused) and the gaps, see PartialFile.cpp.
-enum class ReadResult { whole, foreign, damaged, notOpened };
-
-ReadResult readMetaFile(const char* path, FileMeta& record) {
-    std::unique_ptr<i4_file> file = i4_open_exact(path, I4_FILE_READ);
-    if (!file) return ReadResult::notOpened;
-    i4_buffered_file_class stream(std::move(file), readBuffer, 0);
-    try {
-        if (stream.read_8() != metaFileMagic) return ReadResult::foreign;
-        // Without its size a file would pass for whole.
-        const bool whole = record.fromDisk(stream) && record.getValue(TAG_SIZE, META_TAG_INT);
-        return whole ? ReadResult::whole : ReadResult::damaged;
-    } catch (const i4_err&) {
-        return ReadResult::damaged;
-    }
+bool PartialList::writeMeta(i4_file& stream, FileMeta& record) {
+    return stream.write_8(metaFileMagic) == 1 && record.toDisk(stream);
 }
 
-}  // namespace
-
-PartialList::~PartialList() { deleteAll(); }
+PartialList::MetaFile PartialList::readMeta(i4_file& stream, FileMeta& record) {
+    try {
+        if (stream.read_8() != metaFileMagic) return MetaFile::foreign;
+        // Without its size a file would pass for whole.
+        const bool whole = record.fromDisk(stream) && record.getValue(TAG_SIZE, META_TAG_INT);
+        return whole ? MetaFile::whole : MetaFile::damaged;
+    } catch (const i4_err&) {
+        return MetaFile::damaged;
+    }
+}
 
 bool PartialList::loadFromDir(const char* directory) {
     i4_directory_list listing;
@@ -58,16 +57,18 @@ bool PartialList::loadFromDir(const char* directory) {
         if (listing.file_status[i].kind != i4_file_kind::regular) continue;
         i4_string path;
         path.format("%s%c%S", directory, preferences.pathSeparator, &name);
+        std::unique_ptr<i4_file> file = i4_open_exact(path.c_str(), I4_FILE_READ);
+        if (!file) continue;
+        i4_buffered_file_class stream(std::move(file), readBuffer, 0);
         auto record = std::make_unique<FileMeta>();
-        switch (readMetaFile(path.c_str(), *record)) {
-            case ReadResult::whole:
+        switch (readMeta(stream, *record)) {
+            case MetaFile::whole:
                 add(record.release());
                 break;
-            case ReadResult::damaged:
+            case MetaFile::damaged:
                 theLog->printLine("Error loading: %s", path.c_str());
                 break;
-            case ReadResult::foreign:
-            case ReadResult::notOpened:
+            case MetaFile::foreign:
                 break;
         }
     }
@@ -91,9 +92,8 @@ void PartialList::saveToDir(const char* directory) {
     for (const auto& record : takeAll()) {
         i4_string path;
         path.format("%s%c%s.met", directory, preferences.pathSeparator, record->getText(TAG_TEMPFILENAME));
-        const bool saved = saveFile(path.c_str(), [&](i4_file& stream) {
-            return stream.write_8(metaFileMagic) == 1 && record->toDisk(stream);
-        });
+        const bool saved =
+            saveFile(path.c_str(), [&](i4_file& stream) { return writeMeta(stream, *record); });
         if (!saved) theLog->print("ERROR: partial info not saved: %s", path.c_str());
     }
 }

@@ -19,6 +19,11 @@ class PartialList : public FileList {
     // Writes each record to its .met file and destroys it.
     void saveToDir(const char* directory);
 
+    // One meta file; a foreign one doesn't begin like ours.
+    enum class MetaFile { whole, foreign, damaged };
+    static MetaFile readMeta(i4_file& stream, FileMeta& record);
+    static bool writeMeta(i4_file& stream, FileMeta& record);
+
   private:
     std::vector<std::unique_ptr<FileMeta>> takeAll();
 };

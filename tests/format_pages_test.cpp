@@ -15,6 +15,7 @@
 
 #include "app/Preferences.h"
 #include "download/Collection.h"
+#include "download/PartialList.h"
 #include "download/ShareList.h"
 #include "i4min/file/file.h"
 #include "meta/FileList.h"
@@ -105,6 +106,15 @@ bool readsAsTree(std::span<const std::uint8_t> bytes) {
     return search.matches(record) && !without;
 }
 
+bool readsAsPartMeta(std::span<const std::uint8_t> bytes) {
+    BytesFile file(bytes);
+    FileMeta record;
+    return PartialList::readMeta(file, record) == PartialList::MetaFile::whole && file.bytesLeft() == 0u &&
+           record.getName() == "a"s && record.getSize() == 1000 && record.getInt(TAG_PART_TRANS) == 100 &&
+           record.getText(TAG_TEMPFILENAME) == "7.part"s && record.getInt(TAG_PRIORITY) == 1 &&
+           record.getInt("\t0") == 100 && record.getInt("\n0") == 1000;
+}
+
 const std::map<std::string, Decoder> decoders = {
     {"tree", readsAsTree},
     {"log-on", packet(1, readsAsUser)},
@@ -114,6 +124,7 @@ const std::map<std::string, Decoder> decoders = {
                                 file.read_16() == 0;
                      })},
     {"controller", packet(100, [](i4_file& file) { return file.read_16() == 0 && file.read_16() == 0; })},
+    {"part.met", readsAsPartMeta},
     {"pref.met", readsAsSettings},
     {"collection", readsAsCollection},
     {"share.dat", readsAsDirectories},
