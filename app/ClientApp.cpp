@@ -89,6 +89,8 @@ void ClientApp::load() {
     filter_->load(preferences.filterPath.c_str());
     friendList.loadOrSetAside(preferences.friendPath.c_str());
     known.loadOrSetAside(preferences.knownPath.c_str());
+    // A download that is resumed gets a record in each run: the last one counts.
+    known.deleteRepeated();
     partials_->loadFromDir(preferences.tempDir().c_str());
     partials_->startDownloads();
     std::vector<i4_string> dirs;

@@ -1,6 +1,7 @@
 #include "meta/FileList.h"
 
 #include <string_view>
+#include <unordered_set>
 
 bool FileList::addUnique(FileMeta* file) {
     if (!file) return false;
@@ -8,6 +9,16 @@ bool FileList::addUnique(FileMeta* file) {
     if (findUnsafe(file->hash)) return true;
     addUnsafe(file);
     return false;
+}
+
+void FileList::deleteRepeated() {
+    const std::vector<FileMeta*> records = snapshot();
+    std::unordered_set<MD4Hash> seen;
+    for (auto record = records.rbegin(); record != records.rend(); ++record) {
+        if ((*record)->hash.isZero() || seen.insert((*record)->hash).second) continue;
+        remove(*record);
+        delete *record;
+    }
 }
 
 FileMeta* FileList::find(const MD4Hash& hash) {

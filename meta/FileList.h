@@ -17,6 +17,9 @@ class FileList : public RecordList<FileMeta> {
     // True, and nothing is added, if a record of that hash is there.
     virtual bool addUnique(FileMeta* file);
 
+    // Deletes each record whose hash a later one has too. A hash of zero is none.
+    void deleteRepeated();
+
     // The first record of that hash, or null.
     FileMeta* find(const MD4Hash& hash);
     // The first record that matches, or null.

@@ -500,6 +500,22 @@ TEST(FileList, AddUniqueGoesByTheHash) {
     EXPECT_THAT(list.snapshot(), ElementsAre(a));
 }
 
+TEST(FileList, OfRecordsWithOneHashTheLastStays) {
+    Owned<FileList> list;
+    FileMeta* const unknown[] = {newFile("x", 1, 1, MD4Hash()), newFile("y", 1, 1, MD4Hash())};
+    list.add(newFile("a", 1, 10, hashOf(1)));
+    list.add(unknown[0]);
+    FileMeta* other = newFile("b", 1, 10, hashOf(2));
+    list.add(other);
+    list.add(newFile("a", 1, 0, hashOf(1)));
+    list.add(unknown[1]);
+    FileMeta* last = newFile("a", 1, 30, hashOf(1));
+    list.add(last);
+    list.deleteRepeated();
+    EXPECT_THAT(list.snapshot(), ElementsAre(unknown[0], other, unknown[1], last));
+    EXPECT_EQ(list.find(hashOf(1)), last);
+}
+
 TEST(ServerList, AddressesAreListedOnce) {
     Owned<ServerList> list;
     ServerMeta* first = newServer("1.2.3.4", 4661);
