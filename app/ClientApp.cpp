@@ -91,6 +91,7 @@ void ClientApp::load() {
     known.loadOrSetAside(preferences.knownPath.c_str());
     // A download that is resumed gets a record in each run: the last one counts.
     known.deleteRepeated();
+    loaded_ = 1;
     partials_->loadFromDir(preferences.tempDir().c_str());
     partials_->startDownloads();
     std::vector<i4_string> dirs;
@@ -100,8 +101,10 @@ void ClientApp::load() {
 }
 
 void ClientApp::saveAll() {
-    friendList.save(preferences.friendPath.c_str());
-    known.save(preferences.knownPath.c_str());
+    if (loaded_) {
+        friendList.save(preferences.friendPath.c_str());
+        known.save(preferences.knownPath.c_str());
+    }
     serverPool.servers().save(preferences.serverPath.c_str());
     partials_->saveToDir(preferences.tempDir().c_str());
     preferences.save();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "i4min/memory/LL.h"
+#include "i4min/memory/relaxed.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/FileList.h"
 #include "transport/STSocketPool.h"
@@ -89,6 +90,7 @@ class ClientApp {
     std::unique_ptr<PartialList> partials_;
     std::unique_ptr<ImporterList> importers_;
     Ref<PeerDoor> door_;
+    Relaxed<u8> loaded_;  // load() has read the lists: what is saved replaces nothing unread
 };
 
 extern ClientApp clientApp;

@@ -1,25 +1,42 @@
 #include "app/UIInterface.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 
+#include "i4min/string/string.h"
 #include "meta/FileList.h"
 #include "meta/UserList.h"
+
+namespace {
+
+// Names and messages of strangers are among what is printed: none may steer the user's terminal. One write
+// for all of it, so that lines of different threads don't mix.
+void write(const char* format, va_list list, const char* end = "") {
+    char* text = nullptr;
+    const int length = ::vasprintf(&text, format, list);
+    if (length < 0) return;
+    const std::unique_ptr<char, void (*)(void*)> owned(text, std::free);
+    i4_replace_controls(text, static_cast<std::size_t>(length));
+    ::flockfile(stdout);
+    std::fwrite(text, 1, static_cast<std::size_t>(length), stdout);
+    std::fputs(end, stdout);
+    ::funlockfile(stdout);
+}
+
+}  // namespace
 
 void UIInterface::printLine(const char* format, ...) {
     va_list list;
     va_start(list, format);
-    // One call for text and newline, so that lines of different threads don't mix.
-    flockfile(stdout);
-    std::vprintf(format, list);
-    std::putchar('\n');
-    funlockfile(stdout);
+    write(format, list, "\n");
     va_end(list);
 }
 
 void UIInterface::print(const char* format, ...) {
     va_list list;
     va_start(list, format);
-    std::vprintf(format, list);
+    write(format, list);
     va_end(list);
 }
 
@@ -27,14 +44,14 @@ void UIInterface::printVerbose(const char* format, ...) {
     if (!verbose.load(std::memory_order_relaxed)) return;
     va_list list;
     va_start(list, format);
-    std::vprintf(format, list);
+    write(format, list);
     va_end(list);
 }
 
 void UIInterface::printFlush(const char* format, ...) {
     va_list list;
     va_start(list, format);
-    std::vprintf(format, list);
+    write(format, list);
     va_end(list);
     std::fflush(stdout);
 }

@@ -18,7 +18,8 @@ class UserList;
 #define PRINTF_LIKE __attribute__((format(printf, 2, 3)))
 
 // Prints text. Thread: any, at the same time. printLine adds a newline to whatever the text holds, so that a
-// text that ends in a newline leaves an empty line behind it.
+// text that ends in a newline leaves an empty line behind it. Control characters but newline and tab are
+// printed as '?'.
 class UIInterface {
   public:
     virtual ~UIInterface() = default;

@@ -1,6 +1,8 @@
 #include "console/commands.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <limits>
 
 #include "app/UIInterface.h"
 #include "console/ConClientApp.h"
@@ -137,11 +139,17 @@ void showHelp(Servant&, char*) {
     for (const char* line : help) theLog->printLine("%s", line);
 }
 
+i32 numberIn(const char* word) {
+    constexpr long long least = std::numeric_limits<i32>::min();
+    constexpr long long most = std::numeric_limits<i32>::max();
+    return static_cast<i32>(std::clamp(std::strtoll(word, nullptr, 10), least, most));
+}
+
 std::optional<i32> numberArgument(char* line) {
     Tokens tokens(line);
     tokens.next();
     const char* number = tokens.next();
-    return number ? std::optional<i32>(i4_atoi(number)) : std::nullopt;
+    return number ? std::optional<i32>(numberIn(number)) : std::nullopt;
 }
 
 std::optional<u16> listPlace(std::optional<i32> number) {

@@ -5,19 +5,26 @@
 #include <optional>
 
 #include "i4min/memory/types.h"
+#include "i4min/threads/linux/RefCounter.h"
 
 class ConClientApp;
+class Search;
 class Servant;
 
 // Adds every command, in the order of the table in commands.cpp.
 void addCommands(Servant& servant);
 
-// The number behind the command word, by atoi: a word that is no number counts as 0. Empty where there is
-// none.
+// The number that a word begins with: 0 where it begins with none, and the nearest i32 for one beyond it.
+i32 numberIn(const char* word);
+// The number behind the command word. Empty where there is no second word.
 std::optional<i32> numberArgument(char* line);
 // A number that the user counts from 1 as a place in a list, which counts from 0. Empty for 0, and for what
 // no list can hold.
 std::optional<u16> listPlace(std::optional<i32> number);
+
+// The search that a line with `s` asks for: the first four words behind it, those with a dash taken as the
+// type, the last of them counting. Empty where no other word is left.
+Ref<Search> searchFor(char* line);
 
 void showHelp(Servant& servant, char* line);
 

@@ -53,7 +53,7 @@ void downloadLink(Servant&, char* line) {
     char hashText[256];
     errno = 0;
     const bool read =
-        std::sscanf(fields, "|file|%255[^|]|%20[0-9]|%255[0-9a-fA-F]", name, sizeText, hashText) == 3;
+        std::sscanf(fields, "|file|%255[^|]| %20[0-9]|%255[0-9a-fA-F]", name, sizeText, hashText) == 3;
     const unsigned long long size = read ? std::strtoull(sizeText, nullptr, 10) : 0;
     if (!read || errno != 0 || size > std::numeric_limits<u32>::max()) {
         theLog->printLine("This is not a valid tnwk-link. see help screen for format required.");
@@ -92,7 +92,7 @@ void changeDownload(Servant&, char* line) {
     const char* number = tokens.next();
     const char* option = tokens.next();
     if (!number || !option) return;
-    const i32 counted = i4_atoi(number);
+    const i32 counted = numberIn(number);
     if (counted == 0) {
         theLog->printLine("Invalid Download number.\n");
         return;

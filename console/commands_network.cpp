@@ -36,7 +36,7 @@ void addServer(Servant&, char* line) {
     tokens.next();
     const char* address = tokens.next();
     const char* portText = tokens.next();
-    const i32 port = portText ? i4_atoi(portText) : defaultServerPort;
+    const i32 port = portText ? numberIn(portText) : defaultServerPort;
     if (!address || port < 1 || port > 0xFFFF ||
         !serverPool.addServer(stringToIp(address), static_cast<u16>(port))) {
         theLog->printLine("%s", stringTable.get(STRINGS_INVALID_ARGUMENTS));
@@ -68,7 +68,7 @@ void connectToServer(Servant&, char* line) {
 
 void disconnectFromServer(Servant&, char*) { messageQ.post(MESSAGE_DISCONNECT); }
 
-void search(Servant&, char* line) {
+Ref<Search> searchFor(char* line) {
     Tokens tokens(line);
     tokens.next();
     std::string text;
@@ -85,16 +85,21 @@ void search(Servant&, char* line) {
     }
     if (!text.empty()) text.pop_back();
     if (text.size() > longestSearch) text.resize(longestSearch);
-    if (text.empty()) {
-        theLog->printLine("No search string.\n");
-        return;
-    }
+    if (text.empty()) return {};
     Ref<Search> search(new Search);
     if (!type.empty()) {
         search->add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, type.c_str()), 0);
     }
     search->add(std::make_unique<SN_FindStr>(text.c_str()), 0);
-    clientApp.startSearch(std::move(search));
+    return search;
+}
+
+void search(Servant&, char* line) {
+    if (Ref<Search> search = searchFor(line)) {
+        clientApp.startSearch(std::move(search));
+    } else {
+        theLog->printLine("No search string.\n");
+    }
 }
 
 void extendSearch(Servant&, char*) {

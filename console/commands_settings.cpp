@@ -1,4 +1,6 @@
 // The commands that change settings. A setting lives in Preferences until the next save.
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 #include "app/Preferences.h"
@@ -49,8 +51,8 @@ void setLimits(Servant&, char* line) {
     const char* down = tokens.next();
     const char* up = tokens.next();
     if (!down || !up) return sayInvalid();
-    preferences.setMaxUp(static_cast<f32>(std::max(0, i4_atoi(up))));
-    preferences.setMaxDown(static_cast<f32>(std::max(0, i4_atoi(down))));
+    preferences.setMaxUp(static_cast<f32>(std::max(0, numberIn(up))));
+    preferences.setMaxDown(static_cast<f32>(std::max(0, numberIn(down))));
     theLog->printLine("Done.");
 }
 
@@ -112,8 +114,9 @@ void setMaxConnections(Servant&, char* line) {
     const char* argument = firstArgument(line);
     if (!argument) return;
     char* end = nullptr;
+    errno = 0;
     const long number = std::strtol(argument, &end, 10);
-    if (*end) return;
+    if (*end || errno != 0 || number != static_cast<i32>(number)) return;
     preferences.maxCon = static_cast<i32>(number);
     theLog->printLine("Done.");
 }

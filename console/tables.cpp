@@ -13,8 +13,9 @@ constexpr std::size_t rowSize = 255;  // characters of a header or a row
 // Cuts a line at the limit, but never inside a character.
 std::string cut(std::string line) {
     if (line.size() <= rowSize) return line;
+    constexpr std::size_t mostFollowing = 3;  // bytes of a character behind its first
     std::size_t end = rowSize;
-    while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
+    while (end > rowSize - mostFollowing && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
     line.resize(end);
     return line;
 }

@@ -113,6 +113,17 @@ const char* i4_stristr_lower(const char* hay, const char* needle) {
     return findText(hay, needle, i4_tolower, same);
 }
 
+void i4_replace_controls(char* text, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+        const auto c = static_cast<u8>(text[i]);
+        if ((c < ' ' && c != '\n' && c != '\t') || c == 0x7F) text[i] = '?';
+        if (c == 0xC2 && i + 1 < length && static_cast<u8>(text[i + 1]) >= 0x80 &&
+            static_cast<u8>(text[i + 1]) < 0xA0) {
+            text[i] = text[i + 1] = '?';
+        }
+    }
+}
+
 i32 i4_atoi(const char* s) {
     const bool negative = *s == '-';
     if (negative) ++s;

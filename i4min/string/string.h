@@ -69,6 +69,9 @@ char* i4_strdup(const char* s);                           // null gives null; fr
 const char* i4_strstr(const char* hay, const char* needle);
 const char* stristr(const char* hay, const char* needle);           // ignores case
 const char* i4_stristr_lower(const char* hay, const char* needle);  // the needle is in lower case already
+// Makes text fit for a terminal: each control character but newline and tab becomes '?', and so do both bytes
+// of those that UTF-8 writes with two.
+void i4_replace_controls(char* text, std::size_t length);
 i32 i4_atoi(const char* s);  // optional '-', decimal digits; wraps on overflow
 
 // The foundation's formatter on a buffer; each returns the characters of the whole text.
