@@ -39,7 +39,7 @@ void Servant::printRow(const Meta* record, const Keys& keys, u32 index) {
     if (!record) return;
     std::string line = "(" + std::to_string(index + 1) + ") ";
     for (const std::string& key : keys) {
-        char value[256];
+        char value[256] = "";  // stays as it is for what has no text
         line += record->printable(key.c_str(), value, sizeof value) ? value : "";
         line += '\t';
     }

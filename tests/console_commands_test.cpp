@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -213,7 +215,7 @@ TEST_F(ConsoleCommands, DownloadsAreStartedAndChangedByNumber) {
     EXPECT_FALSE(download->isPaused());
     EXPECT_EQ(screen_.type("temp nowhere"),
               "Can't change temporary directory with pending downloads.\nTemp directory is now: nowhere\n");
-    EXPECT_EQ(preferences.tempDir(), here("temp").c_str());
+    EXPECT_EQ(std::string(preferences.tempDir().c_str()), here("temp"));
     EXPECT_EQ(screen_.answer("m 1 c"), "");
     EXPECT_EQ(conClientApp.downloads.count(), 0U);
     EXPECT_EQ(dlPool.count(), 0U);
@@ -286,10 +288,20 @@ TEST_F(ConsoleCommands, SharedDirectoriesAreAddedAsTreesAndTakenOutByNumber) {
                                       "/in side/deep\n(4) " + incoming + "\n(5) a  b\n");
     for (const char* line : {"u", "u 0", "u x"})
         EXPECT_EQ(screen_.type(line), "Invalid Directory number.\n\n") << line;
-    for (const char* line : {"u 2", "u 99", "u 3", "u 1"}) EXPECT_EQ(screen_.type(line), "");
+    for (const char* line : {"u 2", "u 99", "u 2", "u 1"}) EXPECT_EQ(screen_.type(line), "");
     EXPECT_THAT(shared(), ElementsAre(incoming, "a  b"));
     while (messageQ.process()) continue;
     hashThread.stop();
+}
+
+TEST_F(ConsoleCommands, ASaveBeforeTheListsAreReadKeepsThem) {
+    for (const char* name : {"known.met", "friend.met"}) std::ofstream(name) << "unread";
+    clientApp.saveAll();
+    for (const char* name : {"known.met", "friend.met"}) {
+        std::ifstream file(name);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "unread") << name;
+    }
+    EXPECT_TRUE(std::filesystem::exists("pref.met"));
 }
 
 TEST_F(ConsoleCommands, TheSelfTestsPass) {

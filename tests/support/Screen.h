@@ -9,6 +9,7 @@
 #include "app/Preferences.h"
 #include "console/CLUI.h"
 #include "console/ConClientApp.h"
+#include "download/DLPool.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Process.h"
 
@@ -21,6 +22,7 @@ class Screen : public CapturedLog {
         static bool first = true;
         if (first && ::chdir(home.path().c_str()) == 0) {
             preferences.workDir = home.path().c_str();
+            preferences.hasDownloads = [] { return dlPool.count() > 0; };
             preferences.load();
             preferences.setIncoming(home.file("incoming").c_str());
             preferences.setTemp(home.file("first").c_str());
