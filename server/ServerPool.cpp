@@ -167,9 +167,10 @@ void ServerPool::fillQueue() {
     }
 }
 
+// The trying stops first: the end of a connection that hasn't logged on would go on to the next server.
 void ServerPool::disconnect() {
-    if (const Ref<MainServer> current = mainServer()) current->close();
     stopTrying();
+    if (const Ref<MainServer> current = mainServer()) current->close();
 }
 
 void ServerPool::tryNext() {
