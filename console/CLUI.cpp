@@ -51,9 +51,10 @@ void CLUI::addResult(FileMeta* file) {
 
 void CLUI::setResults(FileList* list, u8) {
     const std::unique_ptr<FileList> owned(list);
-    i4_debug_printf("Results returned\n");
     conClientApp.results.deleteAll();
     conClientApp.results.addAll(*list);
+    // Said when they are there: who reads it types `vr`.
+    i4_debug_printf("Results returned\n");
 }
 
 void CLUI::downloadAdded(Download* download) { keep(conClientApp.downloads, download); }
