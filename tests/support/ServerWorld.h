@@ -212,6 +212,7 @@ class ServerWorld : public testing::Test {
         preferences.load();
         preferences.setName("abcde");
         makeProtocol(nullptr);
+        told = new ToldEvents;
         clientApp.socketPool.start();
         serverPool.setSocketPool(&clientApp.socketPool);
         worker = new Worker(clientApp.socketPool);
@@ -222,6 +223,7 @@ class ServerWorld : public testing::Test {
         delete worker;
         clientApp.socketPool.stop();
         clientApp.socketPool.deleteConnections();
+        delete told;
         std::filesystem::current_path("/");
         delete home;
     }
@@ -236,6 +238,7 @@ class ServerWorld : public testing::Test {
         serverPool.servers().deleteAll();
         clientApp.shared.clear();
         clientApp.clearPublished();
+        log.take();
     }
 
     static void drain() {
@@ -263,5 +266,7 @@ class ServerWorld : public testing::Test {
 
     inline static TemporaryDirectory* home = nullptr;
     inline static Worker* worker = nullptr;
-    ToldEvents log;
+    // The pool's thread may speak at any time: the log outlives it.
+    inline static ToldEvents* told = nullptr;
+    ToldEvents& log = *told;
 };
