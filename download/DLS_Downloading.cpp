@@ -121,6 +121,7 @@ void DLS_Downloading::startMore() {
 void DLS_Downloading::pause() {
     forEachSource([](FileSourceState& state) { state.pause(); });
     messageQ.post(MESSAGE_CHECK_DISK);
+    download.stateLock().assertHeld();
     download.setState(std::make_unique<DLS_Paused>(download));
 }
 
@@ -131,6 +132,7 @@ void DLS_Downloading::cancel() {
 
 void DLS_Downloading::diskFull() {
     forEachSource([](FileSourceState& state) { state.diskFull(); });
+    download.stateLock().assertHeld();
     download.setState(std::make_unique<DLS_DiskFull>(download));
 }
 
@@ -156,6 +158,7 @@ void DLS_Downloading::gotData(i4_ram_file_class& packet, Peer& peer) {
 void DLS_Downloading::finish() {
     forEachSource([](FileSourceState& state) { state.complete(); });
     Download& owner = download;
+    owner.stateLock().assertHeld();
     owner.setState(std::make_unique<DLS_Done>(owner, DL_STATUS_COMPLETING));
     owner.completer().start();
 }

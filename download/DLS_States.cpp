@@ -13,6 +13,7 @@ constexpr i32 retryWithoutSources = 1'200'000;  // ms
 
 template <class State>
 void change(Download& download) {
+    download.stateLock().assertHeld();
     download.setState(std::make_unique<State>(download));
 }
 
@@ -36,6 +37,7 @@ void DownloadState::cancel() {
 void DLS_Queued::tick(i32 elapsedMs) {
     if (!dlPool.canStart() && !download.partial().isEmpty()) return;
     Download& owner = download;
+    owner.stateLock().assertHeld();
     change<DLS_Downloading>(owner);
     owner.state().tick(elapsedMs);
 }

@@ -1,6 +1,7 @@
 #include "download/Download.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
 #include "app/ClientApp.h"
@@ -14,12 +15,20 @@
 void DownloadLock::lock() {
     i4_rank_push(LockRank::download);
     semaphore_.wait(0);
+    holder_ = std::this_thread::get_id();
 }
 
 // A display's short try is outside of the order of locks: it gives up rather than waits.
-bool DownloadLock::tryLock(u32 ms) { return semaphore_.wait(ms); }
+bool DownloadLock::tryLock(u32 ms) {
+    if (!semaphore_.wait(ms)) return false;
+    holder_ = std::this_thread::get_id();
+    return true;
+}
+
+void DownloadLock::assertHeld() const { assert(holder_.load() == std::this_thread::get_id()); }
 
 void DownloadLock::unlock() {
+    holder_ = std::thread::id();
     semaphore_.signal();
     i4_rank_pop(LockRank::download);
 }

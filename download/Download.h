@@ -1,7 +1,9 @@
 // Download, one file that the user wants. It holds the lock and forwards to its state.
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 #include "download/CompleteFileThread.h"
 #include "download/DLProgress.h"
@@ -19,9 +21,13 @@ class CAPABILITY("download") DownloadLock {
     void lock() ACQUIRE();
     bool tryLock(u32 ms) TRY_ACQUIRE(true);
     void unlock() RELEASE();
+    // For the states, which run under it without the compiler's knowledge: a debug build aborts unless this
+    // thread holds it.
+    void assertHeld() const ASSERT_CAPABILITY();
 
   private:
     i4_semaphore semaphore_;
+    std::atomic<std::thread::id> holder_;
 };
 
 // Thread: any. Operations take the lock around the state's, but for those that say otherwise. A forwarded

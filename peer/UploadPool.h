@@ -33,7 +33,7 @@ struct SlotRule {
 //
 // Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
 // Owns: queue and slots, one reference on each upload.
-class UploadPool {
+class CAPABILITY("uploadPool") UploadPool {
   public:
     ~UploadPool();
     void gotSlotRequest(Peer& peer);
@@ -49,10 +49,10 @@ class UploadPool {
     void clear();
 
     // For views: the lock, and the lists under it.
-    void lock() ACQUIRE(lock_) { lock_.lock(); }
-    void unlock() RELEASE(lock_) { lock_.unlock(); }
-    const LL<UploadSlot>& getSlots() const REQUIRES(lock_) { return slots_; }
-    const LL<UserMeta>& getQueue() const REQUIRES(lock_) { return queue_; }
+    void lock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS { lock_.lock(); }
+    void unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { lock_.unlock(); }
+    const LL<UploadSlot>& getSlots() const REQUIRES(this) NO_THREAD_SAFETY_ANALYSIS { return slots_; }
+    const LL<UserMeta>& getQueue() const REQUIRES(this) NO_THREAD_SAFETY_ANALYSIS { return queue_; }
 
   private:
     bool canStartSlot() const REQUIRES(lock_);

@@ -15,6 +15,7 @@
 #define REQUIRES(...) TARNWICK_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) TARNWICK_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) TARNWICK_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define ASSERT_CAPABILITY(...) TARNWICK_ATTRIBUTE(assert_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) TARNWICK_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define EXCLUDES(...) TARNWICK_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define RETURN_CAPABILITY(x) TARNWICK_ATTRIBUTE(lock_returned(x))
