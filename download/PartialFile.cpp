@@ -280,7 +280,7 @@ PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
             return Read::moved;
         case gone:
             return Read::gone;
-        case open:
+        case incomplete:
             break;
     }
     if (end > fileSize_ || start > end || overlaps(start, end)) return Read::unavailable;

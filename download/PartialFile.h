@@ -23,7 +23,7 @@ class PartialList;
 // process.
 class PartialFile : public GapList, public RefCounter {
   public:
-    enum Status : i32 { open = 0, moved = 1, gone = 2 };
+    enum Status : i32 { incomplete = 0, moved = 1, gone = 2 };
     enum class Load { failed = 0, running = 1, paused = 2 };
     enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
     enum class Completion { good, corrupted, abandoned };
@@ -107,7 +107,7 @@ class PartialFile : public GapList, public RefCounter {
     i4_string finalPath_ GUARDED_BY(fileLock_){nullptr};
     std::unique_ptr<i4_file> writeFile_;
     u32 partCount_ = 0;
-    Relaxed<i32> status_{open};
+    Relaxed<i32> status_{incomplete};
     FileMeta meta_;
     std::atomic<FileMeta*> sharedMeta_{nullptr};
     BoolArray partsDone_;  // written under Download's lock and doneLock_
