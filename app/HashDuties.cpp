@@ -22,4 +22,4 @@ void ApplicationHashDuties::verify(const Ref<Download>& download, const GiveUp& 
     download->verify(giveUp);
 }
 
-void ApplicationHashDuties::publish() { messageQ.post(MESSAGE_PUBLISH); }
+void ApplicationHashDuties::publish() { messageQ.postOnce(MESSAGE_PUBLISH); }

@@ -34,12 +34,26 @@ void MessageQ::post(u32 number, QArgument argument) {
     wake();
 }
 
+void MessageQ::postOnce(u32 number) {
+    {
+        const i4_guard guard(queue_);
+        LL<QMessage>::Cursor c;
+        queue_.next(c);  // may be in hand
+        while (const QMessage* message = queue_.next(c)) {
+            if (message->number == number) return;
+        }
+        queue_.addUnsafe(new QMessage{number, {}});
+    }
+    wake();
+}
+
 void MessageQ::postFront(u32 number, QArgument argument) {
     queue_.addFront(new QMessage{number, std::move(argument)});
     wake();
 }
 
 bool MessageQ::process() {
+    checkOwnThread();
     QMessage* message = queue_.first();
     if (!message) return false;
     const MessageDuties::Handler handler =

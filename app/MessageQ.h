@@ -80,6 +80,8 @@ class MessageQ : public Thread {
     void run() override;
 
     void post(u32 number, QArgument argument = {});
+    // A message without an argument, unless one of that number waits already behind the head.
+    void postOnce(u32 number);
     void postFront(u32 number, QArgument argument = {});
     // Handles the message at the head, if there is one. False when the queue is empty.
     bool process();

@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "app/StringTable.h"
@@ -96,6 +97,12 @@ void randomBytes(void* out, std::size_t count) {
             return;
         }
     }
+}
+
+void makeDirectory(const char* path) {
+    struct stat status {};
+    if (::mkdir(path, 0777) == 0 || (::stat(path, &status) == 0 && S_ISDIR(status.st_mode))) return;
+    theLog->printLine("Couldn't create directory %s: %s", path, std::strerror(errno));
 }
 
 i4_string randomName() {
@@ -406,7 +413,7 @@ void Preferences::setIncoming(const char* path) {
         i4_lock guard(pathLock);
         incomingDir_ = path;
     }
-    ::mkdir(path, 0777);
+    makeDirectory(path);
 }
 
 void Preferences::setTemp(const char* path) {
@@ -422,7 +429,7 @@ void Preferences::setTemp(const char* path) {
         i4_lock guard(pathLock);
         tempDir_ = path;
     }
-    ::mkdir(path, 0777);
+    makeDirectory(path);
 }
 
 i4_string Preferences::adminName() const {

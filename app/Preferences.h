@@ -54,9 +54,9 @@ class Preferences {
 
     i4_string incomingDir() const EXCLUDES(pathLock);
     i4_string tempDir() const EXCLUDES(pathLock);
-    void setIncoming(const char* path) EXCLUDES(pathLock);  // and creates the directory
-    // And creates the directory. Refused with a message while hasDownloads; nothing where it is the present
-    // one.
+    // Both create the directory; one that can't be had is told in a line, and set all the same.
+    void setIncoming(const char* path) EXCLUDES(pathLock);
+    // Refused with a message while hasDownloads; nothing where it is the present one.
     void setTemp(const char* path) EXCLUDES(pathLock);
 
     i4_string adminName() const EXCLUDES(pathLock);

@@ -5,10 +5,13 @@
 #include <memory>
 
 #include "i4min/string/string.h"
+#include "i4min/threads/linux/i4_time.h"
 #include "meta/FileList.h"
 #include "meta/UserList.h"
 
 namespace {
+
+constexpr u32 mostComplaints = 60;  // a minute
 
 // Names and messages of strangers are among what is printed: none may steer the user's terminal. One write
 // for all of it, so that lines of different threads don't mix.
@@ -54,6 +57,13 @@ void UIInterface::printFlush(const char* format, ...) {
     write(format, list);
     va_end(list);
     std::fflush(stdout);
+}
+
+// Threads that meet at the turn of a minute may miscount by a few.
+bool UIInterface::mayComplain() {
+    const u32 minute = i4_ticks() / 60'000;
+    if (complaintMinute_.exchange(minute) != minute) complaints_ = 0;
+    return complaints_ < mostComplaints && complaints_++ < mostComplaints;
 }
 
 void CoreUIInterface::connected(const char*) {}

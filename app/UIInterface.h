@@ -29,7 +29,15 @@ class UIInterface {
                               ...) PRINTF_LIKE;  // without newline, only while `verbose` is set
     virtual void printFlush(const char* format, ...) PRINTF_LIKE;  // without newline, then flushes
 
+    // For a text that strangers can cause at any rate: false where enough of such texts were printed in this
+    // minute. So a log stays small over months.
+    bool mayComplain();
+
     std::atomic<u8> verbose{0};
+
+  private:
+    std::atomic<u32> complaintMinute_{0};
+    std::atomic<u32> complaints_{0};  // in that minute
 };
 
 // Takes the events of the engine; by default each is ignored. Thread: any, at the same time. A counted object

@@ -86,7 +86,8 @@ void addShared(QArgument& argument) {
 }
 
 void askFriendFiles(QArgument& argument) {
-    if (const auto* user = carried<std::shared_ptr<UserMeta>>(argument)) friendList.askFiles(**user);
+    const auto* user = carried<std::shared_ptr<UserMeta>>(argument);
+    friendList.askFiles(user ? user->get() : nullptr);
 }
 
 void openCall(QArgument& argument) {

@@ -31,7 +31,7 @@ const char* restOfLine(const char* line) {
     return line + end + 1;
 }
 
-Servant::Servant() : prompt("> "), input_(STDIN_FILENO) {}
+Servant::Servant() : prompt("> "), input_(STDIN_FILENO) { consoleThread_.bind(); }
 Servant::~Servant() { deleteAll(*this); }
 
 void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
@@ -39,6 +39,7 @@ void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
 }
 
 void Servant::run() {
+    consoleThread_.check();
     std::fputs(prompt.c_str(), stdout);
     std::fflush(stdout);
     char line[lineSize];
@@ -67,7 +68,7 @@ void Servant::dispatch(const char* line) {
 void Servant::unknownCommand(const char*) { theLog->printLine("Unrecognized command. type ? for help\n"); }
 
 bool Servant::confirm(const char* question) {
-    if (std::this_thread::get_id() != consoleThread_) return true;
+    if (!consoleThread_.isHere()) return true;
     theLog->printLine("%s?(y or n): ", question);
     char answer[answerSize];
     if (!input_.readLine(answer, sizeof answer)) return false;

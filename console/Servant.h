@@ -2,13 +2,13 @@
 #pragma once
 
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "console/ConsoleInput.h"
 #include "i4min/memory/LL.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/string/string.h"
+#include "i4min/threads/linux/ThreadBound.h"
 
 class Meta;
 class MetaList;
@@ -73,5 +73,5 @@ class Servant : public LL<ServantCommand> {
 
   private:
     ConsoleInput input_;
-    const std::thread::id consoleThread_ = std::this_thread::get_id();
+    ThreadBound consoleThread_;
 };

@@ -99,7 +99,7 @@ void setIncomingDirectory(Servant&, char* line) {
 void setLineSpeed(Servant&, char* line) {
     const std::optional<i32> speed = numberArgument(line);
     if (!speed) return sayInvalid();
-    preferences.lineDown = static_cast<f32>(*speed);
+    preferences.lineDown = static_cast<f32>(std::max(0, *speed));
     theLog->printLine("Done.");
 }
 

@@ -154,7 +154,7 @@ void viewDiskSpace(Servant&, char*) {
     LLsafe<Download>& downloads = dlPool.getDownloads();
     const i4_guard guard(downloads);
     for (LL<Download>::Cursor c; Download* download = downloads.next(c);) {
-        theLog->printLine("(%.2fMB) :\t %s ", static_cast<f64>(download->bytesToFill() / 1'048'576),
-                          text(download->getName()));
+        const auto megabytes = download->bytesToFill() / 1'048'576;  // whole ones
+        theLog->printLine("(%.2fMB) :\t %s ", static_cast<f64>(megabytes), text(download->getName()));
     }
 }

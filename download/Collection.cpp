@@ -7,6 +7,7 @@
 
 #include "app/Preferences.h"
 #include "app/UIInterface.h"
+#include "download/PartFileNamer.h"
 #include "i4min/file/file.h"
 #include "i4min/file/save_file.h"
 #include "i4min/memory/error.h"
@@ -14,18 +15,7 @@
 
 namespace {
 
-constexpr std::size_t maxName = 251;  // saving puts ".new" behind it for a moment
-
-// The name as one plain component of a path: it may come from a stranger's collection.
-std::string plainName(const char* text) {
-    std::string name(text ? text : "");
-    name.erase(0, name.find_last_of("/\\") + 1);
-    for (char& c : name) {
-        if (static_cast<u8>(c) < ' ' || c == 0x7f) c = '_';
-    }
-    if (name.size() > maxName) name.resize(maxName);
-    return name.empty() || name == "." || name == ".." ? "_" : name;
-}
+constexpr std::size_t longestName = 250;  // saving puts an ending behind it for a moment
 
 }  // namespace
 
@@ -65,8 +55,9 @@ bool Collection::save(const char* path) {
 }
 
 bool Collection::store() {
+    const i4_string name = safeFileName(self.getName(), longestName);
     const std::string path =
-        std::string(preferences.incomingDir().view()) + preferences.pathSeparator + plainName(self.getName());
+        std::string(preferences.incomingDir().view()) + preferences.pathSeparator + name.c_str();
     self.setText(TAG_TYPE, "Col");
     u64 size = 0;
     MD4Hash hash;

@@ -65,6 +65,7 @@ void DLPool::run() {
 }
 
 void DLPool::tick(i32 elapsed) {
+    checkOwnThread();
     sinceStart_ = std::min(sinceStart_ + elapsed, sourcePacing);
     updateCanStart();
     const f32 total = tickDownloads(elapsed);
@@ -146,7 +147,7 @@ void DLPool::add(const FileMeta& meta) {
     FileMeta record;
     record.copyFrom(&meta);
     Ref<Download> download(new Download);
-    if (download->create(record)) downloads_.add(download.detach());
+    if (download->create(record)) enter(std::move(download));
     checkDisk();
 }
 
@@ -155,48 +156,62 @@ void DLPool::loadDownload(const FileMeta& record) {
         return sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
     Ref<Download> download(new Download);
     download->load(record);
-    downloads_.add(download.detach());
+    enter(std::move(download));
+}
+
+void DLPool::enter(Ref<Download> download) {
+    const PartialFile& partial = download->partial();
+    const i4_guard guard(downloads_);
+    byRecord_.emplace(partial.getHash(), download.get());
+    dataFiles_.emplace(partial.tempFileName().view());
+    downloads_.addUnsafe(download.detach());
+}
+
+Ref<Download> DLPool::takeOut(Download* download) {
+    if (!downloads_.removeUnsafe(download)) return {};
+    const PartialFile& partial = download->partial();
+    byRecord_.erase(partial.getHash());
+    dataFiles_.erase(std::string(partial.tempFileName().view()));
+    return Ref<Download>::adopt(download);
 }
 
 Ref<Download> DLPool::find(const MD4Hash& hash) {
     if (hash.isZero()) return {};  // that of every download which is still being verified
-    const i4_guard guard(downloads_);
-    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
-        if (download->hash() == hash) return Ref<Download>(download);
-    }
-    return {};
+    Ref<Download> download = findByRecord(hash);
+    return download && download->hash() == hash ? download : Ref<Download>();
 }
 
 Ref<Download> DLPool::findByRecord(const MD4Hash& hash) {
     const i4_guard guard(downloads_);
-    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
-        if (download->partialRef()->getHash() == hash) return Ref<Download>(download);
-    }
-    return {};
+    const auto found = byRecord_.find(hash);
+    return found == byRecord_.end() ? Ref<Download>() : Ref<Download>(found->second);
 }
 
 // Two downloads on one data file would spoil each other's bytes.
 bool DLPool::isDataFileInUse(const FileMeta& record) {
     const char* name = PartialFile::dataFileOf(record);
     const i4_guard guard(downloads_);
-    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
-        if (name && download->partial().tempFileName() == name) return true;
-    }
-    return false;
+    return name && dataFiles_.contains(name);
 }
 
 void DLPool::remove(const Ref<Download>& download) {
-    if (!download) return;
-    if (!downloads_.remove(download.get())) return;  // cancelled twice
-    download->release();
+    {
+        const i4_guard guard(downloads_);
+        if (!takeOut(download.get())) return;  // cancelled twice
+    }
     theUI->downloadRemoved(download.get());
     messageQ.post(MESSAGE_CHECK_DISK);
 }
 
 void DLPool::stopAll() {
-    while (Download* download = downloads_.removeAt(0)) {
+    for (;;) {
+        Ref<Download> download;
+        {
+            const i4_guard guard(downloads_);
+            download = takeOut(downloads_.firstUnsafe());
+        }
+        if (!download) return;
         download->stop();
-        download->release();
     }
 }
 

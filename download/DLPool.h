@@ -1,6 +1,10 @@
 // DLPool, which holds all downloads and is the clock of the download engine.
 #pragma once
 
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
 #include "download/Download.h"
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/relaxed.h"
@@ -52,6 +56,9 @@ class DLPool : public Thread {
 
   private:
     bool isDataFileInUse(const FileMeta& record);
+    void enter(Ref<Download> download);
+    // Empty, and nothing is changed, for one that isn't here, and for null.
+    Ref<Download> takeOut(Download* download) REQUIRES(downloads_);
     void updateCanStart();
     template <class Operation>
     void forEach(Operation operation);
@@ -64,10 +71,12 @@ class DLPool : public Thread {
     void measureFreeSpace();
 
     i4_time lastTick_;
-    LLsafe<Download> downloads_{LockRank::downloads};  // in the order of adding
-    i32 saveTimer_ = 300'000;                          // ms
-    i32 diskTimer_ = 60'000;                           // ms
-    Relaxed<i32> sinceStart_{500};                     // ms since a source was last tried
+    LLsafe<Download> downloads_{LockRank::downloads};                         // in the order of adding
+    std::unordered_map<MD4Hash, Download*> byRecord_ GUARDED_BY(downloads_);  // by their records' hashes
+    std::unordered_set<std::string> dataFiles_ GUARDED_BY(downloads_);        // by their bare names
+    i32 saveTimer_ = 300'000;                                                 // ms
+    i32 diskTimer_ = 60'000;                                                  // ms
+    Relaxed<i32> sinceStart_{500};  // ms since a source was last tried
     Relaxed<u8> canStart_{1};
     Relaxed<u64> freeSpace_{0};  // bytes, the smaller of the temp and the incoming file system
 };

@@ -1,7 +1,9 @@
 #include "download/DLS_Downloading.h"
 
 #include <algorithm>
+#include <map>
 #include <numeric>
+#include <utility>
 
 #include "app/MessageQ.h"
 #include "app/Preferences.h"
@@ -19,6 +21,9 @@ constexpr i32 serverListEvery = 1'200'000;  // ms
 constexpr i32 speedSample = 2000;           // ms
 constexpr i32 smallFileChunks = 4;          // a file of that many chunks that moves gets no more sources
 constexpr f32 smallFileSpeed = 1.0F;        // KB/s
+// Servers and strangers name sources without end; and below a thousand, no count of them is taken for that of
+// a run which is being fetched.
+constexpr u32 mostSources = 900;
 
 }  // namespace
 
@@ -84,27 +89,29 @@ void DLS_Downloading::updateSpeed(i32 elapsedMs) {
 }
 
 // The server that we have logged on to meanwhile stands at the head and is due at once; the list is made anew
-// every
-// 20 minutes, and what a server's timer says stays.
+// every 20 minutes, and what a server's timer says stays.
 void DLS_Downloading::refreshServers(i32 elapsedMs) {
     for (ServerAsk& server : servers_) server.timer = std::min(server.timer + elapsedMs, 2 * serverListEvery);
     serverListAge_ += elapsedMs;
-    if (serverListAge_ > serverListEvery) {
-        serverListAge_ = 0;
-        std::vector<ServerAsk> fresh;
-        serverPool.listSourceServers(fresh);
-        for (ServerAsk& server : fresh) {
-            for (const ServerAsk& old : servers_) {
-                if (old.address == server.address) server.timer = old.timer;
-            }
-        }
-        servers_ = std::move(fresh);
-    }
+    if (serverListAge_ > serverListEvery) listServersAnew();
     const ServerAddress current = serverPool.currentAddress();
     if (current.ip == 0) return;
     const auto isCurrent = [&](const ServerAsk& server) { return server.address == current; };
-    if (std::find_if(servers_.begin(), servers_.end(), isCurrent) == servers_.end()) {
+    if (std::none_of(servers_.begin(), servers_.end(), isCurrent)) {
         servers_.insert(servers_.begin(), ServerAsk{current, serverListEvery + 1});
+    }
+}
+
+void DLS_Downloading::listServersAnew() {
+    serverListAge_ = 0;
+    std::map<std::pair<u32, u16>, i32> timers;
+    for (const ServerAsk& server : servers_)
+        timers.emplace(std::pair(server.address.ip, server.address.port), server.timer);
+    servers_.clear();
+    serverPool.listSourceServers(servers_);
+    for (ServerAsk& server : servers_) {
+        const auto old = timers.find({server.address.ip, server.address.port});
+        if (old != timers.end()) server.timer = old->second;
     }
 }
 
@@ -113,6 +120,7 @@ void DLS_Downloading::startMore() {
     const i64 small = static_cast<i64>(smallFileChunks) * preferences.pSize;
     if (download.partial().fileSize() <= small && download.speed >= smallFileSpeed) return;
     if (untilTrue([](FileSourceState& state) { return state.tryConnect(); })) return dlPool.sourceStarted();
+    if (!serverPool.isOnline()) return;
     for (ServerAsk& server : servers_) {
         if (server.ask(download.partial().getHash())) return;
     }
@@ -149,8 +157,8 @@ void DLS_Downloading::gotData(i4_ram_file_class& packet, Peer& peer) {
     u32 end = 0;
     const bool more = download.partial().writeData(packet, start, end);
     if (!more) return finish();
-    if (download.partial().takeReopened()) {
-        forEachSource([](FileSourceState& state) { state.partReopened(); });
+    for (const u32 part : download.partial().takeReopened()) {
+        forEachSource([part](FileSourceState& state) { state.partReopened(part); });
     }
     forEachSource([&](FileSourceState& state) { state.gotData(peer); });
 }
@@ -164,8 +172,9 @@ void DLS_Downloading::finish() {
 }
 
 void DLS_Downloading::addSource(const UserMeta& user) {
+    u32 count = 0;
     for (LL<FileSource>::Cursor c; const FileSource* source = sources_.next(c);) {
-        if (source->sameUser(user)) return;
+        if (source->sameUser(user) || ++count == mostSources) return;
     }
     sources_.addFront(new FileSource(user, download));
     sources_.shuffle();

@@ -43,6 +43,7 @@ class DLS_Downloading : public DownloadState {
     void updateSpeed(i32 elapsedMs);
     void startMore();
     void refreshServers(i32 elapsedMs);
+    void listServersAnew();
     template <class Operation>
     void forEachSource(Operation operation);
     template <class Operation>

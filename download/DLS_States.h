@@ -3,8 +3,8 @@
 //   from                    event                          to                     also
 //   none                    constructor                    DLS_Queued
 //   none                    load failed                    DLS_Done 9
-//   none                    load, running / paused         DLS_Hashing / DLS_PausedHashing   queued at
-// HashThread
+//   none                    load, running                  DLS_Hashing            queued at HashThread
+//   none                    load, paused                   DLS_PausedHashing      queued at HashThread
 //   DLS_Hashing             hashDone                       DLS_Queued             message 22
 //   DLS_PausedHashing       hashDone                       DLS_Paused
 //   DLS_[Paused]Hashing     a part can't be read           DLS_Done 13            message 11

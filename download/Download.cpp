@@ -21,6 +21,7 @@ void DownloadLock::lock() {
 // A display's short try is outside of the order of locks: it gives up rather than waits.
 bool DownloadLock::tryLock(u32 ms) {
     if (!semaphore_.wait(ms)) return false;
+    i4_rank_push_tried(LockRank::download);
     holder_ = std::this_thread::get_id();
     return true;
 }

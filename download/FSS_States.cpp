@@ -26,6 +26,10 @@ bool hasNeededPart(const FileSource& source) {
     return source.parts() && source.download.partial().hasNeededPart(*source.parts());
 }
 
+bool hasPart(const FileSource& source, u32 part) {
+    return source.parts() && source.parts()->get(static_cast<i32>(part));
+}
+
 }  // namespace
 
 void FileSourceState::drop() { change<FSS_BadSource>(source); }
@@ -282,9 +286,10 @@ bool FSS_Transfering::tick(i32 elapsedMs) {
     return true;
 }
 
-// An idle source asks again; chunks that were asked for come anyway.
-void FSS_Transfering::partReopened() {
-    if (std::any_of(ends_, ends_ + chunks, [](u32 end) { return end == 0; })) requestChunks();
+// A source with room in its slots asks again; chunks that were asked for come anyway.
+void FSS_Transfering::partReopened(u32 part) {
+    const bool hasRoom = std::any_of(ends_, ends_ + chunks, [](u32 end) { return end == 0; });
+    if (hasRoom && hasPart(source, part)) requestChunks();
 }
 
 // --- FSS_NoNeededParts
@@ -298,6 +303,6 @@ bool FSS_NoNeededParts::tick(i32 elapsedMs) {
     return true;
 }
 
-void FSS_NoNeededParts::partReopened() {
-    if (hasNeededPart(source)) change<FSS_Unasked>(source);
+void FSS_NoNeededParts::partReopened(u32 part) {
+    if (hasPart(source, part)) change<FSS_Unasked>(source);
 }

@@ -14,8 +14,8 @@
 //                           4 minutes                              removed
 //   FSS_WaitForChunksBQ     gotFileStatus: needed parts / none     FSS_OnQueue / FSS_NoNeededParts
 //                           peerGone, noSuchFile                   FSS_BadSource
-//   FSS_WaitForChunks       gotFileStatus: needed parts / none     FSS_Transfering / FSS_NoNeededParts,
-// message 23
+//   FSS_WaitForChunks       gotFileStatus: needed parts            FSS_Transfering
+//                           gotFileStatus: none                    FSS_NoNeededParts, message 23
 //                           slotEnded                              FSS_OnQueue
 //                           drop, stop, noSuchFile                 FSS_BadSource, message 23
 //                           peerGone                               FSS_BadSource
@@ -118,7 +118,7 @@ class FSS_Transfering : public PeerState {
     void gotData(Peer& peer) override;
     void noSuchFile(Peer& peer) override;
     bool tick(i32 elapsedMs) override;
-    void partReopened() override;
+    void partReopened(u32 part) override;
 
   private:
     static constexpr int chunks = 3;
@@ -141,7 +141,7 @@ class FSS_NoNeededParts : public FileSourceState {
   public:
     explicit FSS_NoNeededParts(FileSource& owner) : FileSourceState(owner, "No Needed Parts") {}
     bool tick(i32 elapsedMs) override;
-    void partReopened() override;
+    void partReopened(u32 part) override;
 
   private:
     i32 waited_ = 0;  // ms

@@ -1,9 +1,17 @@
 #include "download/FileSource.h"
 
+#include <algorithm>
+
 #include "download/Download.h"
 #include "download/FSS_States.h"
 #include "peer/Peer.h"
 #include "peer/RemoteQueueList.h"
+
+namespace {
+
+constexpr std::size_t longestName = 255;  // bytes
+
+}  // namespace
 
 FileSource::FileSource(const UserMeta& who, Download& owner) : download(owner) {
     user.copyFrom(&who);
@@ -67,5 +75,5 @@ void FileSource::gotPeer(Peer& peer) {
 }
 
 void FileSource::gotName(const char* given, const Peer& peer) {
-    if (isPeer(peer)) name = given;
+    if (isPeer(peer)) name = i4_string(given, std::min(i4_strlen(given), longestName));
 }

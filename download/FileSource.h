@@ -37,7 +37,7 @@ class FileSource {
     bool askFileStatus(Peer& peer) const;
 
     UserMeta user;   // renewed from the Peer at connection
-    i4_string name;  // under which this source knows the file; empty until it has said so
+    i4_string name;  // under which this source knows the file, 255 bytes of it; empty until it has said so
     Download& download;
 
   private:

@@ -1,10 +1,7 @@
-// FileSourceState, what a FileSource does in one of its states, and the FSS_* states themselves
-// (FSS_States.cpp has the table of transitions).
+// FileSourceState, what a FileSource does in one of its states. This class has the default of every event;
+// the FSS_* classes in FSS_States.h, where the table stands, override what differs.
 #pragma once
 
-#include <array>
-
-#include "i4min/string/string.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/BoolArray.h"
 
@@ -43,8 +40,8 @@ class FileSourceState {
     virtual bool connectFailed(u32 /*ip*/, u16 /*port*/) { return false; }
     // False: take this source off the list and destroy it.
     virtual bool tick(i32 /*elapsedMs*/) { return true; }
-    // A part of the file is missing again.
-    virtual void partReopened() {}
+    // This part of the file is missing again.
+    virtual void partReopened(u32 /*part*/) {}
 
     const char* const label;  // shown for this source
     FileSource& source;

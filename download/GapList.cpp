@@ -89,6 +89,13 @@ bool GapList::firstOverlap(i64 start, i64 end, Gap& out) const {
     return false;
 }
 
+bool GapList::isWithin(i64 start, i64 end) const {
+    const i4_lock guard(lock_);
+    const std::vector<const Gap*> met = meeting(start, end);
+    return std::any_of(met.begin(), met.end(),
+                       [&](const Gap* gap) { return gap->start < start && end < gap->end; });
+}
+
 // ---- changes
 
 // The first gap that the range meets takes it in and keeps its place; those that follow go into that one.
@@ -237,6 +244,11 @@ std::vector<Gap> GapList::gapsUnlocked() const {
 bool GapList::isEmpty() const {
     const i4_lock guard(lock_);
     return gaps_.empty();
+}
+
+std::size_t GapList::count() const {
+    const i4_lock guard(lock_);
+    return gaps_.size();
 }
 
 void GapList::print() const {

@@ -1,6 +1,7 @@
 // GapList, the ranges of a file that are still missing.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <vector>
 
@@ -42,6 +43,9 @@ class GapList {
     void append(const Gap& gap);        // at the end, as it is
     std::vector<Gap> gaps() const;      // a copy, in order
     bool isEmpty() const;
+    std::size_t count() const;
+    // A gap goes on at both ends of the range: without it there would be one gap more.
+    bool isWithin(i64 start, i64 end) const;
 
     // Whether a gap holds the range's start, or its last byte, or lies within the range. An empty range
     // overlaps a gap that holds its start or ends there.

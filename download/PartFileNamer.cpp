@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr std::size_t longestName = 255;  // bytes
 constexpr std::size_t copyBlock = 1024 * 1024;
 
 // What taking a name for a file came to.
@@ -152,7 +151,7 @@ Take takeFreeName(const char* name, const char* directory, i4_string& path, Take
 
 }  // namespace
 
-i4_string safeFileName(const char* name) {
+i4_string safeFileName(const char* name, std::size_t longest) {
     std::string text(name ? name : "");
     const std::size_t component = text.find_last_of("/\\");
     if (component != std::string::npos) text.erase(0, component + 1);
@@ -160,11 +159,11 @@ i4_string safeFileName(const char* name) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '_';
     }
     if (text.empty() || text == "." || text == "..") return "_";
-    if (text.size() > longestName) {
+    if (text.size() > longest) {
         const std::size_t dot = text.rfind('.');
         const std::string extension =
-            dot != std::string::npos && text.size() - dot < longestName ? text.substr(dot) : "";
-        std::size_t end = longestName - extension.size();
+            dot != std::string::npos && text.size() - dot < longest ? text.substr(dot) : "";
+        std::size_t end = longest - extension.size();
         // Not inside a character.
         while (end > 1 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
         text = text.substr(0, end) + extension;

@@ -25,7 +25,7 @@ class PartFileNamer {
 };
 
 // A name from the network as one plain path component: the last component only; '/', '\', NUL and control
-// characters as '_'; never empty, "." or ".."; at most 255 bytes, with the extension kept.
-i4_string safeFileName(const char* name);
+// characters as '_'; never empty, "." or ".."; at most `longest` bytes, with the extension kept.
+i4_string safeFileName(const char* name, std::size_t longest = 255);
 
 extern PartFileNamer partFileNamer;

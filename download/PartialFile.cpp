@@ -20,6 +20,9 @@
 
 namespace {
 
+// A source that sends single bytes far from each other may not fill the memory with gaps.
+constexpr std::size_t mostGaps = 10'000;
+
 // The gaps in a meta file's record are pairs of named ints: the name of the k-th start is the byte of
 // TAG_GAP_START and the decimal k, that of its end the byte of TAG_GAP_END and k; k counts from 0, in list
 // order.
@@ -166,7 +169,7 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     const u32 from = packet.read_32();
     const u32 to = packet.read_32();
     if (to <= from || from > fileSize_ || to > fileSize_ || !writeFile_ ||
-        to - from > packet.bytesLeft().value_or(0)) {
+        to - from > packet.bytesLeft().value_or(0) || (count() >= mostGaps && isWithin(from, to))) {
         theLog->printVerbose("Crazy packet\n");
         return true;
     }
@@ -221,21 +224,21 @@ PartialFile::PartCheck PartialFile::checkPart(u32 part) {
     if (!MD4Hash::compute(hash, *writeFile_, start, end)) {
         theLog->printLine("ERROR file couldn't be hashed: %s ", name.isNull() ? "" : name.c_str());
         theLog->printLine("Please close the tarnwick and run scandisk.");
-        reopenPart(start, end);
+        reopenPart(part, start, end);
         return PartCheck::unreadable;
     }
     if (hash == meta_.partHashes[part]) return PartCheck::good;
     theLog->printLine("%s %s %s %u", stringTable.get(STRINGS_CORRUPTION_FOUND),
                       name.isNull() ? "" : name.c_str(), stringTable.get(STRINGS_AT), part);
-    reopenPart(start, end);
+    reopenPart(part, start, end);
     return PartCheck::corrupted;
 }
 
-void PartialFile::reopenPart(u32 start, u32 end) {
+void PartialFile::reopenPart(u32 part, u32 start, u32 end) {
     transferred_ = transferred_ > PARTSIZE ? transferred_ - PARTSIZE : 0;
     addGap(start, end);
     download_->progress().removeDone(start, end);
-    reopened_ = true;
+    reopened_.push_back(part);
 }
 
 PartialFile::Check PartialFile::checkParts(const GiveUp& giveUp) {

@@ -39,7 +39,8 @@ class PartialFile : public GapList, public RefCounter {
     Load load(const FileMeta& record, i32& priority);
 
     // Writes a packet's data, which stands behind opcode and hash: u32 start, u32 end, bytes. A range that
-    // makes no sense writes nothing and leaves start and end alone. What lies in a verified part stays as it
+    // makes no sense, or would make one of far too many gaps, writes nothing and leaves start and end alone.
+    // What lies in a verified part stays as it
     // is, whatever the packet says. True while gaps remain.
     bool writeData(i4_ram_file_class& packet, u32& start, u32& end);
     // Verifies every part that is complete. Thread: the hash thread's, in a state that accepts no data.
@@ -62,8 +63,8 @@ class PartialFile : public GapList, public RefCounter {
     // The part hashes, as a peer sent them: u16 count, 16 bytes each. They count only if there are as many as
     // the file has parts and their MD4 is the file's hash.
     void setPartHashes(i4_file& stream);
-    // True, once, if a part has failed its hash and is missing again.
-    bool takeReopened() { return std::exchange(reopened_, false); }
+    // The parts that have failed their check since the last call, and are missing again.
+    std::vector<u32> takeReopened() { return std::exchange(reopened_, {}); }
     // The name of the data file that a meta file's record is about; may be null.
     static const char* dataFileOf(const FileMeta& record);
     bool hasNeededPart(const BoolArray& parts) const;  // false for an array of another length
@@ -94,7 +95,7 @@ class PartialFile : public GapList, public RefCounter {
     bool isHashSet(const std::vector<MD4Hash>& hashes) const;
     Check checkRange(u32 first, u32 last, const GiveUp& giveUp);
     PartCheck checkPart(u32 part);
-    void reopenPart(u32 start, u32 end);
+    void reopenPart(u32 part, u32 start, u32 end);
     void keepCorrupted();
     bool enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp& giveUp);
     void endUploads(Status status) EXCLUDES(fileLock_);
@@ -117,7 +118,7 @@ class PartialFile : public GapList, public RefCounter {
     Relaxed<u32> transferred_;
     bool partHashesKnown_ = false;
     bool hashesArrived_ = false;  // parts that were complete before have not been checked since
-    bool reopened_ = false;
+    std::vector<u32> reopened_;
     bool writeFailed_ = false;           // and it was said
     bool failed_ = false;                // it couldn't be loaded: its files stay as they are
     std::atomic<bool> finished_{false};  // before the meta file is removed

@@ -1,8 +1,8 @@
 // A datagram from an index server, or from anyone.
 #include <algorithm>
-#include <cstdint>
 
 #include "app/Preferences.h"
+#include "fuzz/fuzz.h"
 #include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
 #include "server/ExServerAnnex.h"

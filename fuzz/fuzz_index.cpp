@@ -2,9 +2,7 @@
 //
 // The input is a row of pieces: a byte that says for whom (0 and 1 a client's stream, 2 a datagram), a u16
 // length, and so many bytes.
-#include <cstdint>
-#include <cstdlib>
-
+#include "fuzz/fuzz.h"
 #include "index/FrameReader.h"
 #include "index/IndexService.h"
 
@@ -19,9 +17,7 @@ class Quiet : public EventLog {
 class Nowhere : public IndexNetwork {
   public:
     void testDoor(const IndexSession&) override {}
-    void sendDatagram(const NetAddress&, ByteSpan bytes) override {
-        if (bytes.size() > 3072) std::abort();
-    }
+    void sendDatagram(const NetAddress&, ByteSpan bytes) override { require(bytes.size() <= 3072); }
 };
 
 // What the service answers is whole packets.
@@ -31,7 +27,7 @@ void checkOutput(IndexSession& session) {
     Bytes body;
     while (frames.next(body, 1u << 30)) {
     }
-    if (frames.size() != 0) std::abort();
+    require(frames.size() == 0);
     session.output.clear();
 }
 
@@ -77,6 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (IndexSession* session : sessions) {
         if (session) service.closed(*session);
     }
-    if (service.index().fileCount() != 0) std::abort();
+    require(service.index().fileCount() == 0);
     return 0;
 }

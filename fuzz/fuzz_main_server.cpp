@@ -1,9 +1,9 @@
 // What an index server sends: packets through the handlers of a MainServer, framed as on the wire.
-#include <cstdint>
 #include <string>
 
 #include "app/MessageQ.h"
 #include "app/Preferences.h"
+#include "fuzz/fuzz.h"
 #include "i4min/memory/error.h"
 #include "server/MainServer.h"
 #include "server/ServerPool.h"

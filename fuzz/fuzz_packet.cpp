@@ -1,11 +1,10 @@
 // Reception of packets from a stream that comes in pieces: the first byte tells how long they are, the second
 // how small the budgets get.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <string>
 
+#include "fuzz/fuzz.h"
 #include "tests/support/ScriptedSocket.h"
 #include "transport/Packet.h"
 
@@ -27,11 +26,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         u32 moved = 0;
         const Packet::Result result = packet.receive(socket, moved, limit);
         if (result == Packet::failed) break;
-        if (packet.stream.capacity() > std::max(Packet::firstBlock, 4 * packet.bodyDone)) __builtin_trap();
+        require(packet.stream.capacity() <= std::max(Packet::firstBlock, 4 * packet.bodyDone));
         if (result == Packet::more) continue;
-        if (packet.size == 0 || packet.stream.bytesLeft() != packet.size) __builtin_trap();
+        require(packet.size > 0 && packet.stream.bytesLeft() == packet.size);
         done += Packet::headerSize;
-        if (std::memcmp(packet.stream.buffer(), bytes.data() + done, packet.size) != 0) __builtin_trap();
+        require(std::memcmp(packet.stream.buffer(), bytes.data() + done, packet.size) == 0);
         done += packet.size;
         packet.reset();
     }

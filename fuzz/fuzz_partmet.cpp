@@ -2,28 +2,18 @@
 // saved and loaded again as the same.
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "app/Preferences.h"
-#include "app/UIInterface.h"
 #include "download/Download.h"
 #include "download/PartialList.h"
+#include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 
 namespace {
-
-// What doesn't load is told in lines, which nobody reads here.
-class Silence : public CoreUIInterface {
-  public:
-    void printLine(const char*, ...) override PRINTF_LIKE {}
-    void print(const char*, ...) override PRINTF_LIKE {}
-};
 
 // A temp directory with the one data file, 1.part, and a download to load for.
 class Place {
@@ -52,35 +42,31 @@ Ref<PartialFile> load(Download& owner, const FileMeta& record, i32& priority, bo
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Silence silence;
-    theLog = &silence;
-    theUI = &silence;
     static Place place;
-    std::vector<std::uint8_t> bytes(data, data + size);
-    i4_ram_file_class stream(bytes.data(), static_cast<u32>(size), 0);
+    BytesFile stream({data, size});
     FileMeta record;
     if (PartialList::readMeta(stream, record) != PartialList::MetaFile::whole) return 0;
     i32 priority = -1;
     bool paused = false;
     const Ref<PartialFile> partial = load(place.owner(), record, priority, paused);
-    if (priority < 0 || priority > 2) std::abort();
+    require(priority >= 0 && priority <= 2);
     if (!partial) return 0;
     for (const Gap& gap : partial->gaps()) {
-        if (gap.start < 0 || gap.start >= gap.end || gap.end > partial->fileSize()) std::abort();
+        require(gap.start >= 0 && gap.start < gap.end && gap.end <= partial->fileSize());
     }
 
     PartialList list;
     partial->saveToList(list, priority, paused);
     i4_owned_ram_file saved;
     FileMeta read;
-    if (list.count() != 1 || !PartialList::writeMeta(saved, *list.get(0))) std::abort();
+    require(list.count() == 1 && PartialList::writeMeta(saved, *list.get(0)));
     saved.seek(0);
-    if (PartialList::readMeta(saved, read) != PartialList::MetaFile::whole) std::abort();
+    require(PartialList::readMeta(saved, read) == PartialList::MetaFile::whole);
     i32 samePriority = -1;
     bool samePaused = false;
     const Ref<PartialFile> again = load(place.owner(), read, samePriority, samePaused);
-    if (!again || samePriority != priority || samePaused != paused) std::abort();
-    if (again->gaps() != partial->gaps() || again->fileSize() != partial->fileSize()) std::abort();
-    if (again->getHash() != partial->getHash() || again->transferred() != partial->transferred())
-        std::abort();
+    require(again && samePriority == priority && samePaused == paused);
+    require(again->gaps() == partial->gaps() && again->fileSize() == partial->fileSize());
+    require(again->getHash() == partial->getHash() && again->transferred() == partial->transferred());
     return 0;
 }

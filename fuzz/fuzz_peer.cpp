@@ -1,7 +1,6 @@
 // What a stranger sends to a peer connection: messages one after the other, each a u16 length and a body. The
 // engine behind it is the real one, without threads: a download, a shared file, a friend.
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -10,6 +9,7 @@
 #include "app/MessageQ.h"
 #include "app/Preferences.h"
 #include "download/DLPool.h"
+#include "fuzz/fuzz.h"
 #include "i4min/memory/error.h"
 #include "i4min/network/socket.h"
 #include "peer/FriendList.h"
@@ -42,15 +42,9 @@ class FuzzedPeer : public Peer {
     }
 };
 
-MD4Hash hashOf(u8 fill) {
-    MD4Hash hash;
-    hash.bytes.fill(fill);
-    return hash;
-}
-
 void setUp() {
     std::string directory = std::filesystem::temp_directory_path() / "fuzz_peer.XXXXXX";
-    if (!::mkdtemp(directory.data())) std::abort();
+    require(::mkdtemp(directory.data()) != nullptr);
     preferences.workDir = directory.c_str();
     preferences.load();
     std::filesystem::create_directories(preferences.tempDir().c_str());

@@ -5,11 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 
+#include "fuzz/fuzz.h"
 #include "i4min/network/proxy.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -37,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t answer = std::min<std::size_t>(size - 2, 4096);
     const std::size_t at_once = std::min<std::size_t>(answer, data[1]);
     const auto send = [&](const std::uint8_t* bytes, std::size_t length) {
-        if (::send(ends[1], bytes, length, MSG_NOSIGNAL) < 0) std::abort();
+        require(::send(ends[1], bytes, length, MSG_NOSIGNAL) >= 0);
     };
     send(data + 2, at_once);
     if (listening) tunnel.ready(I4_SELECT_READ, 1, nullptr);
@@ -46,10 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // The proxy has closed: the machine comes to its end without waiting.
     for (int i = 0; i < 2; ++i)
         tunnel.ready(I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR, 1000, nullptr);
-    if (tunnel.state() < i4_proxy_sock::gotIncoming) std::abort();
+    require(tunnel.state() >= i4_proxy_sock::gotIncoming);
     std::uint8_t byte = 0;
     const bool open = tunnel.state() == i4_proxy_sock::connected;
-    if (tunnel.read(&byte, 1) != 0 && !open) std::abort();
+    require(tunnel.read(&byte, 1) == 0 || open);
     ::close(ends[1]);
     return 0;
 }

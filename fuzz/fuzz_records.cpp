@@ -1,10 +1,8 @@
 // Lists of records from anybody's bytes: the first byte tells the kind, and whether the rest is a file or a
 // packet. What was read is found again, and written and read once more gives the same bytes.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
 
+#include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
 #include "meta/FileList.h"
@@ -12,10 +10,6 @@
 #include "meta/UserList.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 template <class List>
 struct Owned : List {
@@ -96,8 +90,7 @@ void check(i4_file& file, bool disk) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
-    std::vector<std::uint8_t> bytes(data + 1, data + size);
-    i4_ram_file_class file(bytes.data(), static_cast<u32>(bytes.size()), 0);
+    BytesFile file({data + 1, size - 1});
     const bool disk = data[0] & 1;
     switch (data[0] >> 1 & 3) {
         case 0:

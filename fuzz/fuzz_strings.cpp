@@ -1,21 +1,16 @@
 // Strings on a stream, the tokeniser, the line reader and the rewriting of paths, on any bytes.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
-
 // Whatever reads as a string is written as the same bytes, unless a 0 in it has ended it early.
 void readStrings(const std::uint8_t* data, u32 size) {
-    i4_ram_file_class input(const_cast<std::uint8_t*>(data), size, 0);
+    BytesFile input({data, size});
     try {
         for (u32 start = 0;; start = input.tell()) {
             const i4_string text(input);

@@ -1,20 +1,14 @@
 // Tags from anybody's bytes, one behind the other, and the bit array that a peer sends bare. What reads is
 // written again as it is told, and reads back as the same.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
 
+#include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
 #include "meta/BoolArray.h"
 #include "meta/MetaTag.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 bool sameBytes(i4_ram_file_class& a, i4_ram_file_class& b) {
     return a.size() == b.size() && std::equal(a.buffer(), a.buffer() + a.size(), b.buffer());
@@ -42,11 +36,10 @@ void check(MetaTag& tag) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::vector<std::uint8_t> bytes(data, data + size);
-    i4_ram_file_class file(bytes.data(), static_cast<u32>(size), 0);
+    BytesFile file({data, size});
     while (const auto tag = MetaTag::readTag(file)) check(*tag);
 
-    i4_ram_file_class bare(bytes.data(), static_cast<u32>(size), 0);
+    BytesFile bare({data, size});
     BoolArray bits;
     try {
         bits.read(bare);

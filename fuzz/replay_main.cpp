@@ -1,25 +1,40 @@
 // Runs a fuzz target over the files of the directories that the command line names: the seed corpus and every
-// input that ever broke it.
-#include <cstddef>
-#include <cstdint>
+// input that ever broke it. Behind --sweep, every prefix and every flip of a byte of the short ones follow.
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <vector>
+#include <span>
+#include <string_view>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "fuzz/fuzz.h"
+#include "tests/support/damage.h"
+#include "tests/support/files.h"
+
+namespace {
+
+constexpr std::size_t longestSwept = 400;  // bytes: a sweep runs the target six times for each
+
+int replayed = 0;
+
+void replay(std::span<const std::uint8_t> bytes) {
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+    ++replayed;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-    int inputs = 0;
+    bool sweep = false;
     for (int i = 1; i < argc; ++i) {
+        if (std::string_view(argv[i]) == "--sweep") {
+            sweep = true;
+            continue;
+        }
         for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-            std::ifstream file(entry.path(), std::ios::binary);
-            const std::vector<char> bytes((std::istreambuf_iterator<char>(file)), {});
-            LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-            ++inputs;
+            const std::string text = contentOf(entry.path());
+            const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+            replay(bytes);
+            if (sweep && bytes.size() <= longestSwept) sweepDamage(bytes, replay);
         }
     }
-    std::printf("%d inputs replayed\n", inputs);
-    return inputs > 0 ? 0 : 1;
+    std::printf("%d inputs replayed\n", replayed);
+    return replayed > 0 ? 0 : 1;
 }

@@ -1,7 +1,5 @@
 #include "import/ImporterList.h"
 
-#include <algorithm>
-
 #include "app/UIInterface.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
@@ -23,10 +21,10 @@ bool ImporterList::importFile(FileMeta& meta, const char* path, const char* name
         const u32 size = file->size();
         meta.addTag(MetaTag::makeTag(TAG_NAME, name));
         meta.addTag(MetaTag::makeTag(TAG_SIZE, &size));
-        std::any_of(importers_.begin(), importers_.end(), [&](const auto& importer) {
+        for (const auto& importer : importers_) {
             file->seek(0);
-            return importer->import(meta, name, path, *file);
-        });
+            if (importer->import(meta, name, path, *file)) break;
+        }
     } catch (const i4_err&) {
         theLog->printVerbose("Exception in import\n");
     }

@@ -13,9 +13,8 @@ class ImporterList {
 
     // Fills `meta` with what can be said about the file: TAG_NAME and TAG_SIZE always, and what the first
     // importer that knows the file adds. Sets its path. False only if the file can't be opened: one that
-    // can't be read through goes without its details. The path is taken exactly as it stands. For files of up
-    // to
-    // 4,294,967,295 bytes.
+    // can't be read through goes without its details. The path is taken exactly as it stands. The file has
+    // 4,294,967,295 bytes at most.
     bool importFile(FileMeta& meta, const char* path, const char* name) const;
 
   private:

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <vector>
 
 #include "i4min/file/file.h"
@@ -15,6 +16,17 @@ namespace {
 constexpr u32 scanOffsets = 204'801;  // a header may begin at any of these, the last one included
 constexpr u32 headerBytes = 4;
 constexpr u32 xingBytes = 12;
+
+// The ID3v2 block that may stand in front of the frames. Its size doesn't count header and footer, and has
+// seven bits to a byte.
+//
+//     offset  bytes  field
+//     0       3      "ID3"
+//     3       2      version
+//     5       1      flags; 16: a footer of ten bytes follows the data
+//     6       4      size
+constexpr u32 id3v2HeaderBytes = 10;
+constexpr u8 id3v2HasFooter = 16;
 
 // The fields of a frame header.
 constexpr u32 versionOf(u32 header) { return header >> 19 & 3; }  // 3 MPEG-1, 2 MPEG-2, 0 MPEG-2.5
@@ -64,6 +76,25 @@ double frameFactor(u32 header) { return layerOf(header) == layerI ? 12.0 : 144.0
 
 u32 bigEndian(const u8* bytes) {
     return u32{bytes[0]} << 24 | u32{bytes[1]} << 16 | u32{bytes[2]} << 8 | bytes[3];
+}
+
+// All bytes of the ID3v2 block that `bytes` begin with; 0 where they begin with something else. What a block
+// says of itself may be more than there is.
+u32 id3v2Bytes(std::span<const u8> bytes) {
+    if (bytes.size() < id3v2HeaderBytes || std::memcmp(bytes.data(), "ID3", 3) != 0) return 0;
+    u32 size = 0;
+    for (const u8 byte : bytes.subspan(6, 4)) {
+        if (byte & 0x80) return 0;
+        size = size << 7 | byte;
+    }
+    return size + (bytes[5] & id3v2HasFooter ? 2 * id3v2HeaderBytes : id3v2HeaderBytes);
+}
+
+// Where to look for the first frame: behind the ID3v2 block, as a text there in UTF-16 can look like a frame
+// header. At 0 if the block goes on beyond what is searched.
+u32 firstOffset(std::span<const u8> bytes) {
+    const u32 start = id3v2Bytes(bytes);
+    return start + headerBytes <= bytes.size() ? start : 0;
 }
 
 // Bytes from the start of a frame to where a Xing header stands: behind the side information.
@@ -237,7 +268,7 @@ MP3Info::Result MP3Info::read(i4_file& file) {
     fileSize = file.size();
     file.seek(0);
     const std::vector<u8> block = readBlock(file, scanOffsets - 1 + headerBytes);
-    for (u32 at = 0; at + headerBytes <= block.size(); ++at) {
+    for (u32 at = firstOffset(block); at + headerBytes <= block.size(); ++at) {
         header = bigEndian(block.data() + at);
         if (!isValid(header)) continue;
         readXing(file, at);

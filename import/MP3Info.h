@@ -38,8 +38,9 @@ struct ID3Tag {
 // The name of an ID3v1 genre, 0 to 125; "not supported" from 126 on.
 const char* genreName(u8 genre);
 
-// Finds the first frame header of a file, a Xing header behind it and an ID3v1 tag. Decodes nothing and
-// verifies no checksum. The figures are meaningful after open() or read() have given `found`. Thread: one.
+// Finds the first frame header of a file, behind an ID3v2 block where there is one, a Xing header behind it
+// and an ID3v1 tag. Decodes nothing and verifies no checksum. The figures are meaningful after open() or
+// read() have given `found`. Thread: one.
 class MP3Info {
   public:
     enum Result : int { found = 0, notOpened = 2, noHeader = 4 };

@@ -32,6 +32,9 @@ class FileList : public RecordList<FileMeta> {
     void indexAdd(Meta* record) override;
     void indexRemove(Meta* record) override;
     void indexDrop() override;
+    bool indexCovers(u32 records) const override {
+        return byHash_.covers(records) && byDetails_.covers(records);
+    }
     void indexChange(Meta* record, const std::function<void()>& change) override;
 
   private:

@@ -9,13 +9,12 @@ std::unique_ptr<FileMeta> FileMeta::withTagsOf(const Meta& other) {
 }
 
 bool FileMeta::toNetwork(i4_file& file) const {
-    return file.write(hash.bytes.data(), 16) == 16 && file.write_32(0) == 4 && file.write_16(0) == 2 &&
-           Meta::toNetwork(file);
+    return hash.write(file) && file.write_32(0) == 4 && file.write_16(0) == 2 && Meta::toNetwork(file);
 }
 
 bool FileMeta::fromNetwork(i4_file& file) {
     try {
-        file.readAll(hash.bytes.data(), 16);
+        hash = MD4Hash::read(file);
         file.read_32();
         file.read_16();
     } catch (const i4_err&) {
@@ -25,14 +24,13 @@ bool FileMeta::fromNetwork(i4_file& file) {
 }
 
 bool FileMeta::toDisk(i4_file& file) {
-    return file.write_32(date) == 4 && file.write(hash.bytes.data(), 16) == 16 && writePartHashes(file) &&
-           Meta::toDisk(file);
+    return file.write_32(date) == 4 && hash.write(file) && writePartHashes(file) && Meta::toDisk(file);
 }
 
 bool FileMeta::fromDisk(i4_file& file) {
     try {
         date = file.read_32();
-        file.readAll(hash.bytes.data(), 16);
+        hash = MD4Hash::read(file);
         readPartHashes(file);
     } catch (const i4_err&) {
         return false;
@@ -59,7 +57,7 @@ bool FileMeta::writePartHashes(i4_file& file) const {
     if (partHashes.size() > 0xFFFF) return false;
     if (file.write_16(static_cast<u16>(partHashes.size())) != 2) return false;
     for (const MD4Hash& part : partHashes) {
-        if (file.write(part.bytes.data(), 16) != 16) return false;
+        if (!part.write(file)) return false;
     }
     return true;
 }
@@ -67,8 +65,8 @@ bool FileMeta::writePartHashes(i4_file& file) const {
 void FileMeta::readPartHashes(i4_file& file) {
     partHashes.clear();
     const u16 count = file.read_16();
-    file.expect(u64{count} * 16);
+    file.expect(u64{count} * MD4Hash::streamSize);
     std::vector<MD4Hash> parts(count);
-    for (MD4Hash& part : parts) file.readAll(part.bytes.data(), 16);
+    for (MD4Hash& part : parts) part = MD4Hash::read(file);
     partHashes = std::move(parts);
 }

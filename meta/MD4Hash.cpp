@@ -86,6 +86,16 @@ HashOutcome readWhole(int descriptor, PartDigest& digest, const GiveUp& giveUp, 
 
 }  // namespace
 
+MD4Hash MD4Hash::read(i4_file& stream) {
+    MD4Hash hash;
+    stream.readAll(hash.bytes.data(), streamSize);
+    return hash;
+}
+
+bool MD4Hash::write(i4_file& stream) const {
+    return stream.write(bytes.data(), streamSize) == static_cast<i32>(streamSize);
+}
+
 std::string MD4Hash::toText() const {
     char text[33];
     toText(text);

@@ -34,6 +34,10 @@ using GiveUp = std::function<bool()>;
 struct MD4Hash {
     std::array<u8, 16> bytes{};
 
+    static constexpr u32 streamSize = 16;  // on a stream the bytes as they are
+    static MD4Hash read(i4_file& stream);  // raises on a short stream
+    bool write(i4_file& stream) const;     // whether all of it was taken
+
     bool operator==(const MD4Hash&) const = default;
     bool isZero() const { return *this == MD4Hash(); }
     void clear() { bytes.fill(0); }

@@ -1,6 +1,7 @@
 #include "meta/MetaList.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -209,12 +210,14 @@ void MetaList::addUnsafe(Meta* record) {
     list_.LL<Meta>::add(record);
     ++count_;
     indexAdd(record);
+    checkInvariants();
 }
 
 bool MetaList::removeUnsafe(Meta* record) {
     if (!list_.LL<Meta>::remove(record)) return false;
     --count_;
     indexRemove(record);
+    checkInvariants();
     return true;
 }
 
@@ -224,7 +227,9 @@ MetaList::Cursor MetaList::removeNext(Cursor cursor) {
         --count_;
         indexRemove(record);
     }
-    return list_.LL<Meta>::removeNext(cursor);
+    cursor = list_.LL<Meta>::removeNext(cursor);
+    checkInvariants();
+    return cursor;
 }
 
 void MetaList::sortUnsafe(Compare compare) {
@@ -236,6 +241,14 @@ void MetaList::clearUnsafe() {
     list_.LL<Meta>::clear();
     count_ = 0;
     indexDrop();
+}
+
+void MetaList::checkInvariants() const {
+    if constexpr (debugBuild) {
+        [[maybe_unused]] constexpr u32 shortList = 64;  // a longer one isn't walked
+        assert(count_ > shortList || list_.LL<Meta>::count() == count_);
+        assert(indexCovers(count_));
+    }
 }
 
 std::vector<Meta*> MetaList::pointers() const {

@@ -95,7 +95,8 @@ class CAPABILITY("list") MetaList : public Serializable {
     // What a subclass's indexes hear, under the lock.
     virtual void indexAdd(Meta*) {}
     virtual void indexRemove(Meta*) {}
-    virtual void indexDrop() {}  // the order has changed, or all records have gone
+    virtual void indexDrop() {}                           // the order has changed, or all records have gone
+    virtual bool indexCovers(u32) const { return true; }  // that many records
     // Runs `change`, which may change the record's keys.
     virtual void indexChange(Meta*, const std::function<void()>& change) { change(); }
 
@@ -103,6 +104,8 @@ class CAPABILITY("list") MetaList : public Serializable {
 
   private:
     bool readRecords(i4_file& file, StreamForm form);
+    // Asserts that the count, the list and the indexes agree; each change of a debug build runs it.
+    void checkInvariants() const REQUIRES(this);
 
     mutable LLsafe<Meta> list_;
     u32 count_ = 0;

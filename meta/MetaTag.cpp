@@ -26,14 +26,9 @@ std::unique_ptr<MetaTag> newTag(int type, const void* value) {
         case META_TAG_BLOB:
             return std::make_unique<MetaTagBlob>(value);
         default:
-            theLog->print("ERROR: unknown type MetaTag::makeTag() %d\n", type);
+            if (theLog->mayComplain()) theLog->print("ERROR: unknown type MetaTag::makeTag() %d\n", type);
             return nullptr;
     }
-}
-
-template <class T>
-T valueOr(const void* value, T absent) {
-    return value ? *static_cast<const T*>(value) : absent;
 }
 
 char* copyText(char* dst, i32 n, const char* text) {
@@ -67,7 +62,7 @@ std::unique_ptr<MetaTag> MetaTag::readTag(i4_file& file) {
     } catch (const i4_err&) {
         return nullptr;
     }
-    theLog->print("error in tag from bytes\n");
+    if (theLog->mayComplain()) theLog->print("error in tag from bytes\n");
     return nullptr;
 }
 
@@ -141,9 +136,6 @@ void MetaTag::setName(const char* name) {
     }
 }
 
-void MetaTagHash::setValue(const void* value) { value_ = valueOr(value, MD4Hash()); }
-bool MetaTagHash::writeValue(i4_file& file) const { return file.write(value_.bytes.data(), 16) == 16; }
-void MetaTagHash::readValue(i4_file& file) { file.readAll(value_.bytes.data(), 16); }
 char* MetaTagHash::printable(char* dst, i32 n) const { return copyText(dst, n, value_.toText().c_str()); }
 
 char* MetaTagString::printable(char* dst, i32 n) const {
@@ -160,21 +152,11 @@ bool MetaTagString::writeValue(i4_file& file) const {
     }
 }
 
-void MetaTagString::readValue(i4_file& file) { value_ = i4_string(file); }
-
-void MetaTagInt::setValue(const void* value) { value_ = valueOr(value, u32{0}); }
-bool MetaTagInt::writeValue(i4_file& file) const { return file.write_32(value_) == 4; }
-void MetaTagInt::readValue(i4_file& file) { value_ = file.read_32(); }
-
 char* MetaTagInt::printable(char* dst, i32 n) const {
     char text[16];
     i4_snprintf(text, sizeof text, "%d", static_cast<i32>(value_));
     return copyText(dst, n, text);
 }
-
-void MetaTagFloat::setValue(const void* value) { value_ = valueOr(value, f32{0}); }
-bool MetaTagFloat::writeValue(i4_file& file) const { return file.write_float(value_) == 4; }
-void MetaTagFloat::readValue(i4_file& file) { value_ = file.read_float(); }
 
 char* MetaTagFloat::printable(char* dst, i32 n) const {
     char text[64];  // the longest single has 39 digits before the point
@@ -182,9 +164,6 @@ char* MetaTagFloat::printable(char* dst, i32 n) const {
     return copyText(dst, n, text);
 }
 
-void MetaTagBool::setValue(const void* value) { value_ = valueOr(value, u8{0}) != 0; }
-bool MetaTagBool::writeValue(i4_file& file) const { return file.write_8(value_) == 1; }
-void MetaTagBool::readValue(i4_file& file) { value_ = file.read_8() != 0; }
 char* MetaTagBool::printable(char* dst, i32 n) const { return copyText(dst, n, value_ ? "true" : "false"); }
 
 void MetaTagBoolArray::setValue(const void* value) {
@@ -194,8 +173,6 @@ void MetaTagBoolArray::setValue(const void* value) {
         value_.setSize(0);
     }
 }
-
-void MetaTagBlob::setValue(const void* value) { value_ = valueOr(value, MetaBlob()); }
 
 bool MetaTagBlob::writeValue(i4_file& file) const {
     const auto size = static_cast<u32>(value_.size());

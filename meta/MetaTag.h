@@ -81,21 +81,28 @@ class MetaTag : public Serializable {
     bool ownsName_ = false;
 };
 
-// 16 raw bytes.
-class MetaTagHash : public MetaTag {
+// The tags whose value is a plain T, and null the value that T begins with.
+template <class T, MetaTagType tagType>
+class MetaTagOf : public MetaTag {
   public:
-    explicit MetaTagHash(const void* value) : MetaTag(META_TAG_HASH) { MetaTagHash::setValue(value); }
+    explicit MetaTagOf(const void* value) : MetaTag(tagType) { MetaTagOf::setValue(value); }
     const void* getValue() const override { return &value_; }
-    void setValue(const void* value) override;
+    void setValue(const void* value) override { value_ = value ? *static_cast<const T*>(value) : T(); }
+
+  protected:
+    T value_{};
+};
+
+// 16 raw bytes.
+class MetaTagHash : public MetaTagOf<MD4Hash, META_TAG_HASH> {
+  public:
+    using MetaTagOf::MetaTagOf;
     char* printable(char* dst, i32 n) const override;
 
   protected:
-    bool writeValue(i4_file& file) const override;
-    void readValue(i4_file& file) override;
-    u32 valueSize() const override { return 16; }
-
-  private:
-    MD4Hash value_;
+    bool writeValue(i4_file& file) const override { return value_.write(file); }
+    void readValue(i4_file& file) override { value_ = MD4Hash::read(file); }
+    u32 valueSize() const override { return MD4Hash::streamSize; }
 };
 
 // u16 length, bytes.
@@ -109,7 +116,7 @@ class MetaTagString : public MetaTag {
 
   protected:
     bool writeValue(i4_file& file) const override;
-    void readValue(i4_file& file) override;
+    void readValue(i4_file& file) override { value_ = i4_string(file); }
     u32 valueSize() const override { return static_cast<u32>(2 + value_.length()); }
 
   private:
@@ -117,54 +124,40 @@ class MetaTagString : public MetaTag {
 };
 
 // u32.
-class MetaTagInt : public MetaTag {
+class MetaTagInt : public MetaTagOf<u32, META_TAG_INT> {
   public:
-    explicit MetaTagInt(const void* value) : MetaTag(META_TAG_INT) { MetaTagInt::setValue(value); }
-    const void* getValue() const override { return &value_; }
-    void setValue(const void* value) override;
+    using MetaTagOf::MetaTagOf;
     char* printable(char* dst, i32 n) const override;  // as a signed number
 
   protected:
-    bool writeValue(i4_file& file) const override;
-    void readValue(i4_file& file) override;
+    bool writeValue(i4_file& file) const override { return file.write_32(value_) == 4; }
+    void readValue(i4_file& file) override { value_ = file.read_32(); }
     u32 valueSize() const override { return 4; }
-
-  private:
-    u32 value_ = 0;
 };
 
 // IEEE 754 single.
-class MetaTagFloat : public MetaTag {
+class MetaTagFloat : public MetaTagOf<f32, META_TAG_FLOAT> {
   public:
-    explicit MetaTagFloat(const void* value) : MetaTag(META_TAG_FLOAT) { MetaTagFloat::setValue(value); }
-    const void* getValue() const override { return &value_; }
-    void setValue(const void* value) override;
+    using MetaTagOf::MetaTagOf;
     char* printable(char* dst, i32 n) const override;
 
   protected:
-    bool writeValue(i4_file& file) const override;
-    void readValue(i4_file& file) override;
+    bool writeValue(i4_file& file) const override { return file.write_float(value_) == 4; }
+    void readValue(i4_file& file) override { value_ = file.read_float(); }
     u32 valueSize() const override { return 4; }
-
-  private:
-    f32 value_ = 0;
 };
 
 // 1 byte; what isn't 0 is stored as 1.
-class MetaTagBool : public MetaTag {
+class MetaTagBool : public MetaTagOf<u8, META_TAG_BOOL> {
   public:
-    explicit MetaTagBool(const void* value) : MetaTag(META_TAG_BOOL) { MetaTagBool::setValue(value); }
-    const void* getValue() const override { return &value_; }
-    void setValue(const void* value) override;
+    explicit MetaTagBool(const void* value) : MetaTagOf(nullptr) { MetaTagBool::setValue(value); }
+    void setValue(const void* value) override { value_ = value && *static_cast<const u8*>(value) != 0; }
     char* printable(char* dst, i32 n) const override;
 
   protected:
-    bool writeValue(i4_file& file) const override;
-    void readValue(i4_file& file) override;
+    bool writeValue(i4_file& file) const override { return file.write_8(value_) == 1; }
+    void readValue(i4_file& file) override { value_ = file.read_8() != 0; }
     u32 valueSize() const override { return 1; }
-
-  private:
-    u8 value_ = 0;
 };
 
 // See BoolArray; its byteSize counts a byte too many when it's empty.
@@ -187,18 +180,13 @@ class MetaTagBoolArray : public MetaTag {
 };
 
 // u32 size, bytes.
-class MetaTagBlob : public MetaTag {
+class MetaTagBlob : public MetaTagOf<MetaBlob, META_TAG_BLOB> {
   public:
-    explicit MetaTagBlob(const void* value) : MetaTag(META_TAG_BLOB) { MetaTagBlob::setValue(value); }
-    const void* getValue() const override { return &value_; }
-    void setValue(const void* value) override;
+    using MetaTagOf::MetaTagOf;
     char* printable(char* dst, i32) const override { return dst; }
 
   protected:
     bool writeValue(i4_file& file) const override;
     void readValue(i4_file& file) override;
     u32 valueSize() const override { return static_cast<u32>(4 + value_.size()); }
-
-  private:
-    MetaBlob value_;
 };

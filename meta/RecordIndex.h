@@ -1,6 +1,7 @@
 // RecordIndex, the index beside a list of records.
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <tuple>
 #include <utility>
@@ -51,6 +52,9 @@ class RecordIndex {
         }
         return nullptr;
     }
+
+    // Whether there is an entry for each of the list's records; true unless it's built.
+    bool covers(std::size_t records) const { return !built_ || entries_.size() == records; }
 
   private:
     struct Entry {

@@ -25,6 +25,7 @@ class ServerList : public RecordList<ServerMeta> {
     void indexAdd(Meta* record) override { byAddress_.add(*static_cast<ServerMeta*>(record)); }
     void indexRemove(Meta* record) override { byAddress_.remove(*static_cast<ServerMeta*>(record)); }
     void indexDrop() override { byAddress_.drop(); }
+    bool indexCovers(u32 records) const override { return byAddress_.covers(records); }
     void indexChange(Meta* record, const std::function<void()>& change) override;
 
   private:

@@ -20,6 +20,7 @@ class UserList : public RecordList<UserMeta> {
     void indexAdd(Meta* record) override { byHash_.add(*static_cast<UserMeta*>(record)); }
     void indexRemove(Meta* record) override { byHash_.remove(*static_cast<UserMeta*>(record)); }
     void indexDrop() override { byHash_.drop(); }
+    bool indexCovers(u32 records) const override { return byHash_.covers(records); }
     void indexChange(Meta* record, const std::function<void()>& change) override;
 
   private:

@@ -3,13 +3,12 @@
 #include "i4min/memory/error.h"
 
 bool UserMeta::toNetwork(i4_file& file) const {
-    return file.write(hash.bytes.data(), 16) == 16 && file.write_32(id) == 4 && file.write_16(port) == 2 &&
-           Meta::toNetwork(file);
+    return hash.write(file) && file.write_32(id) == 4 && file.write_16(port) == 2 && Meta::toNetwork(file);
 }
 
 bool UserMeta::fromNetwork(i4_file& file) {
     try {
-        file.readAll(hash.bytes.data(), 16);
+        hash = MD4Hash::read(file);
         id = file.read_32();
         port = file.read_16();
     } catch (const i4_err&) {
@@ -21,14 +20,14 @@ bool UserMeta::fromNetwork(i4_file& file) {
 bool UserMeta::toDisk(i4_file& file) {
     const bool lasting = !isLowId(id);
     return file.write_32(lasting ? id : 0) == 4 && file.write_16(lasting ? port : u16{0}) == 2 &&
-           file.write(hash.bytes.data(), 16) == 16 && Meta::toDisk(file);
+           hash.write(file) && Meta::toDisk(file);
 }
 
 bool UserMeta::fromDisk(i4_file& file) {
     try {
         id = file.read_32();
         port = file.read_16();
-        file.readAll(hash.bytes.data(), 16);
+        hash = MD4Hash::read(file);
     } catch (const i4_err&) {
         return false;
     }

@@ -4,14 +4,19 @@
 #include "app/UIInterface.h"
 #include "peer/Peer.h"
 
-Call::Call(const UserMeta& user) {
+Call::Call(const UserMeta& user) { user_.copyFrom(&user); }
+
+void Call::connect(const UserMeta& user) {
     Ref<Peer> peer;
     const ConnectResult result = clientApp.connectToUser(user, peer);
     i4_lock guard(lock_);
-    user_.copyFrom(&user);
-    peer_ = std::move(peer);
-    if (result == ConnectResult::peerThere) state_ = CALL_CONNECTED;
-    if (result == ConnectResult::connecting) state_ = CALL_CONNECTING;
+    if (state_ != CALL_CONNECTING || result == ConnectResult::connecting) return;
+    if (peer && !peer->isDead()) {
+        peer_ = std::move(peer);
+        state_ = CALL_CONNECTED;
+    } else {
+        state_ = CALL_ENDED;
+    }
 }
 
 // As UserMeta::sameUser, but two unknown hashes count as equal.
@@ -19,9 +24,7 @@ bool Call::isUser(const UserMeta& other) const { return user_.sameUser(&other) |
 
 bool Call::send(const char* text) {
     i4_lock guard(lock_);
-    if (state_ != CALL_CONNECTED || !peer_) return false;
-    peer_->sendMessage(text);
-    return true;
+    return state_ == CALL_CONNECTED && peer_ && !peer_->isDead() && peer_->sendMessage(text);
 }
 
 void Call::copyUser(UserMeta& out) const {

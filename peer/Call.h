@@ -9,7 +9,7 @@
 class Peer;
 
 //   from   event                                         to
-//   none   made: connected / on its way / neither        0 / 1 / 3
+//   none   connect(): connected / on its way / neither   0 / 1 / 3
 //   1      peerConnected                                 0
 //   0      peerGone                                      3
 //   any    refused                                       3
@@ -24,6 +24,8 @@ class Call {
   public:
     explicit Call(const UserMeta& user);
 
+    // Looks for the user, once. The list has the call by then, so that no event passes it by.
+    void connect(const UserMeta& user) EXCLUDES(lock_);
     bool send(const char* text) EXCLUDES(lock_);  // true if the text went out
     u32 state() const { return state_; }
     void copyUser(UserMeta& out) const EXCLUDES(lock_);
@@ -38,6 +40,6 @@ class Call {
 
     mutable i4_mutex lock_{LockRank::call};
     Ref<Peer> peer_ GUARDED_BY(lock_);
-    Relaxed<u32> state_{CALL_ENDED};
+    Relaxed<u32> state_{CALL_CONNECTING};
     UserMeta user_ GUARDED_BY(lock_);
 };

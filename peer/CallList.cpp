@@ -22,17 +22,27 @@ std::vector<Call*> CallList::calls() {
     return result;
 }
 
-Call* CallList::find(const UserMeta& user) {
-    for (Call* call : calls()) {
+Call* CallList::findUnsafe(const UserMeta& user) {
+    for (LL<Call>::Cursor c; Call* call = list_.next(c);) {
         if (call->userHash() == user.hash) return call;
     }
     return nullptr;
 }
 
+Call* CallList::find(const UserMeta& user) {
+    const i4_guard guard(list_);
+    return findUnsafe(user);
+}
+
 Call* CallList::open(const UserMeta& user) {
-    if (Call* known = find(user)) return known;
-    auto* call = new Call(user);
-    list_.add(call);
+    Call* call = nullptr;
+    {
+        const i4_guard guard(list_);
+        if (Call* known = findUnsafe(user)) return known;
+        call = new Call(user);
+        list_.addUnsafe(call);
+    }
+    call->connect(user);
     return call;
 }
 

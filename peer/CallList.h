@@ -19,6 +19,7 @@ class CallList {
     void refused(const UserMeta& user);
 
   private:
+    Call* findUnsafe(const UserMeta& user) REQUIRES(list_);
     std::vector<Call*> calls();
 
     // A walk takes the locks of the calls, whose rank is above.

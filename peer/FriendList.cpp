@@ -62,13 +62,15 @@ void FriendList::setState(const UserMeta& user, u32 state) {
     if (UserMeta* known = findFriend(user)) known->friendState = state;
 }
 
-void FriendList::askFiles(const UserMeta& user) {
+void FriendList::askFiles(const UserMeta* wanted) {
     {
-        auto asked = std::make_unique<UserMeta>();
-        asked->copyFrom(&user);
         const i4_guard guard(*this);
-        asked_ = std::move(asked);
+        asked_.reset();
+        if (!wanted) return;
+        asked_ = std::make_unique<UserMeta>();
+        asked_->copyFrom(wanted);
     }
+    const UserMeta& user = *wanted;
     if (user.id == 0) {
         theLog->printLine("Need to look for user. Not yet implemented.");
         return;
@@ -100,9 +102,10 @@ void FriendList::peerConnected(Peer& peer) {
         const i4_guard guard(*this);
         UserMeta* known = findFriend(user);
         if (!known) return;
+        asks = isAsked(*known) || isAsked(user);
+        if (asks) asked_->copyFrom(&user);
         indexChange(known, [&] { known->copyFrom(&user); });
         known->friendState = FRIEND_CONNECTED;
-        asks = isAsked(user);
     }
     if (asks) askPeer(peer, user.getName());
     theUI->friendsChanged();

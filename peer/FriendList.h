@@ -25,7 +25,7 @@ class FriendList : public UserList {
     bool add(u32 ip, u16 port);  // false for an ip of 0
     void addFriend(const UserMeta& user);
     void remove(const UserMeta& user);
-    void askFiles(const UserMeta& user);  // message 19
+    void askFiles(const UserMeta* user);  // message 19; null waits for nobody's any more
     void peerConnected(Peer& peer);
     void peerGone(Peer& peer);
     void gotFiles(Peer& peer, std::unique_ptr<FileList> list);

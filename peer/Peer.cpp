@@ -19,7 +19,7 @@
 namespace {
 
 constexpr u8 helloMark = 16;
-constexpr u32 hashSize = 16;
+constexpr std::size_t longestText = 65'534;  // that a counted string can hold
 constexpr u32 strangerBodyLimit = 64 * 1024;
 constexpr u32 peerBodyLimit = 8 * 1024 * 1024;
 // Answers may wait for a peer that takes none up to this; a list of our files comes on top.
@@ -56,23 +56,10 @@ constexpr Opcode rows[] = {
 };
 constexpr OpcodeTable table(rows);
 
-MD4Hash readHash(i4_file& stream) {
-    MD4Hash hash;
-    stream.readAll(hash.bytes.data(), hashSize);
-    return hash;
-}
-
-void writeHash(i4_file& stream, const MD4Hash& hash) { stream.write(hash.bytes.data(), hashSize); }
-
-std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
-    auto packet = std::make_unique<Packet>(payload + 1);
-    packet->stream.write_8(opcode);
-    return packet;
-}
-
-std::unique_ptr<Packet> makePacket(u8 opcode, const MD4Hash& hash, u32 payload = 0) {
-    auto packet = makePacket(opcode, hashSize + payload);
-    writeHash(packet->stream, hash);
+// About the file of that hash.
+std::unique_ptr<Packet> makeFilePacket(u8 opcode, const MD4Hash& hash, u32 payload = 0) {
+    auto packet = makePacket(opcode, MD4Hash::streamSize + payload);
+    hash.write(packet->stream);
     return packet;
 }
 
@@ -191,7 +178,8 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
         case OP_HELLO:
             return gotHello(stream);
         case OP_PEER_OUT_OF_DATE:
-            theLog->printLine("Either your client or one you are connected to is out of date.");
+            if (theLog->mayComplain())
+                theLog->printLine("Either your client or one you are connected to is out of date.");
             return true;
         case OP_FILE_DATA:
             return forDownload(stream, [&](Download& file) { gotFileData(stream, file); });
@@ -201,7 +189,7 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
         case OP_NO_SUCH_FILE:
             return forDownload(stream, [&](Download& file) { file.noSuchFile(*this); });
         case OP_STOP_UPLOAD:
-            uploadPool.stopUpload(readHash(stream), *this);
+            uploadPool.stopUpload(MD4Hash::read(stream), *this);
             return true;
         case OP_GET_SHARED_FILES:
             return tellSharedFiles();
@@ -214,11 +202,11 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
         case OP_CHAT_MESSAGE:
             return gotChatMessage(stream);
         case OP_GET_FILE_STATUS:
-            return tellFileStatus(readHash(stream));
+            return tellFileStatus(MD4Hash::read(stream));
         case OP_FILE_STATUS:
             return gotFileStatus(stream);
         case OP_GET_HASH_SET:
-            return tellHashSet(readHash(stream));
+            return tellHashSet(MD4Hash::read(stream));
         case OP_HASH_SET:
             return forDownload(stream, [&](Download& file) { file.gotHashSet(stream); });
         case OP_CHAT_REFUSED:
@@ -236,7 +224,7 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
             dlPool.slotEnded(*this);
             return true;
         case OP_GET_FILE_NAME:
-            return tellFileName(readHash(stream));
+            return tellFileName(MD4Hash::read(stream));
         case OP_FILE_NAME:
             return forDownload(stream,
                                [&](Download& file) { file.gotFileName(i4_string(stream).c_str(), *this); });
@@ -249,7 +237,7 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
 // none.
 template <class Act>
 bool Peer::forDownload(i4_file& stream, Act act) {
-    if (const Ref<Download> download = dlPool.find(readHash(stream))) act(*download);
+    if (const Ref<Download> download = dlPool.find(MD4Hash::read(stream))) act(*download);
     return true;
 }
 
@@ -343,7 +331,7 @@ bool Peer::gotChatMessage(i4_file& stream) {
     const i4_string text(stream);
     UserMeta user;
     copyUser(user);
-    if (!callList.gotMessage(user, text.c_str())) send(makePacket(OP_CHAT_REFUSED, 0));
+    if (!callList.gotMessage(user, text.c_str())) send(makePacket(OP_CHAT_REFUSED));
     return true;
 }
 
@@ -365,7 +353,7 @@ bool Peer::tellFileStatus(const MD4Hash& hash) {
     if (!file.complete) {
         if (const Ref<Download> download = dlPool.find(hash)) download->partial().copyPartsDone(parts);
     }
-    auto packet = makePacket(OP_FILE_STATUS, hash, parts.byteSize());
+    auto packet = makeFilePacket(OP_FILE_STATUS, hash, parts.byteSize());
     parts.write(packet->stream);
     packet->finish();
     send(std::move(packet));
@@ -378,7 +366,7 @@ void Peer::gotFileData(i4_ram_file_class& stream, Download& file) {
 }
 
 bool Peer::gotFileStatus(i4_file& stream) {
-    const MD4Hash hash = readHash(stream);
+    const MD4Hash hash = MD4Hash::read(stream);
     BoolArray parts;
     parts.read(stream);
     const Ref<Download> download = dlPool.find(hash);
@@ -399,7 +387,7 @@ bool Peer::tellHashSet(const MD4Hash& hash) {
     }
     FileMeta record;
     record.partHashes = file.partHashes;
-    auto packet = makePacket(OP_HASH_SET, hash, record.partHashesSize());
+    auto packet = makeFilePacket(OP_HASH_SET, hash, record.partHashesSize());
     record.writePartHashes(packet->stream);
     send(std::move(packet));
     return true;
@@ -408,22 +396,22 @@ bool Peer::tellHashSet(const MD4Hash& hash) {
 bool Peer::tellFileName(const MD4Hash& hash) {
     const SharedFile file = findShared(hash);
     if (!file.found) return true;
-    auto packet = makePacket(OP_FILE_NAME, hash, static_cast<u32>(2 + file.name.length()));
+    auto packet = makeFilePacket(OP_FILE_NAME, hash, static_cast<u32>(2 + file.name.length()));
     file.name.write(packet->stream);
     send(std::move(packet));
     return true;
 }
 
 void Peer::requestParts(const MD4Hash& file, const u32 (&starts)[3], const u32 (&ends)[3]) {
-    auto packet = makePacket(OP_REQUEST_PARTS, file, 24);
+    auto packet = makeFilePacket(OP_REQUEST_PARTS, file, 24);
     for (const u32 start : starts) packet->stream.write_32(start);
     for (const u32 end : ends) packet->stream.write_32(end);
     send(std::move(packet));
 }
 
-void Peer::noSuchFile(const MD4Hash& file) { send(makePacket(OP_NO_SUCH_FILE, file)); }
-void Peer::stopUpload(const MD4Hash& file) { send(makePacket(OP_STOP_UPLOAD, file)); }
-void Peer::askSharedFiles() { send(makePacket(OP_GET_SHARED_FILES, 0)); }
+void Peer::noSuchFile(const MD4Hash& file) { send(makeFilePacket(OP_NO_SUCH_FILE, file)); }
+void Peer::stopUpload(const MD4Hash& file) { send(makeFilePacket(OP_STOP_UPLOAD, file)); }
+void Peer::askSharedFiles() { send(makePacket(OP_GET_SHARED_FILES)); }
 
 void Peer::sendIdentity() {
     auto packet = makePacket(OP_NEW_IDENTITY, 8);
@@ -432,25 +420,28 @@ void Peer::sendIdentity() {
     send(std::move(packet));
 }
 
-void Peer::sendMessage(const char* text) {
+bool Peer::sendMessage(const char* text) {
+    const std::size_t length = i4_strlen(text);
+    if (length > longestText) return false;
     idle = 1;
-    auto packet = makePacket(OP_CHAT_MESSAGE, static_cast<u32>(2 + i4_strlen(text)));
+    auto packet = makePacket(OP_CHAT_MESSAGE, static_cast<u32>(2 + length));
     i4_write_string(packet->stream, text);
     send(std::move(packet));
+    return true;
 }
 
 bool Peer::askFileStatus(const MD4Hash& file, u32 fileSize) {
     if (fileSize <= PARTSIZE) return false;
-    send(makePacket(OP_GET_FILE_STATUS, file));
+    send(makeFilePacket(OP_GET_FILE_STATUS, file));
     return true;
 }
 
-void Peer::askHashSet(const MD4Hash& file) { send(makePacket(OP_GET_HASH_SET, file)); }
-void Peer::requestSlot() { send(makePacket(OP_REQUEST_SLOT, 0)); }
-void Peer::grantSlot() { send(makePacket(OP_SLOT_GRANTED, 0)); }
-void Peer::releaseSlot() { send(makePacket(OP_RELEASE_SLOT, 0)); }
-void Peer::endSlot() { send(makePacket(OP_SLOT_ENDED, 0)); }
-void Peer::askFileName(const MD4Hash& file) { send(makePacket(OP_GET_FILE_NAME, file)); }
+void Peer::askHashSet(const MD4Hash& file) { send(makeFilePacket(OP_GET_HASH_SET, file)); }
+void Peer::requestSlot() { send(makePacket(OP_REQUEST_SLOT)); }
+void Peer::grantSlot() { send(makePacket(OP_SLOT_GRANTED)); }
+void Peer::releaseSlot() { send(makePacket(OP_RELEASE_SLOT)); }
+void Peer::endSlot() { send(makePacket(OP_SLOT_ENDED)); }
+void Peer::askFileName(const MD4Hash& file) { send(makeFilePacket(OP_GET_FILE_NAME, file)); }
 
 void Peer::copyUser(UserMeta& out) const {
     i4_lock guard(userLock_);

@@ -33,7 +33,7 @@ class Peer : public Connection {
     void stopUpload(const MD4Hash& file);
     void askSharedFiles();
     void sendIdentity();
-    void sendMessage(const char* text);
+    bool sendMessage(const char* text);  // false, and nothing sent, for a text of more than 65,534 bytes
     // False, and nothing sent, for a file of at most one part's bytes: its status is known from its presence.
     bool askFileStatus(const MD4Hash& file, u32 fileSize);
     void askHashSet(const MD4Hash& file);

@@ -37,6 +37,12 @@ void RemoteQueueList::note(Peer& peer, u32 now) {
     const i4_guard guard(entries_);
     UserMeta* entry = findEntry(entries_, [&](const UserMeta& other) { return isThisUser(other, user); });
     if (!entry) {
+        // Those that make no difference any more go: over the months there is no end of users.
+        const auto isPast = [&](const UserMeta& other) { return now - other.stamp >= remembered; };
+        while (UserMeta* past = findEntry(entries_, isPast)) {
+            entries_.removeUnsafe(past);
+            delete past;
+        }
         entry = new UserMeta;
         entry->copyFrom(&user);
         entries_.addUnsafe(entry);

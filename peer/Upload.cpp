@@ -110,7 +110,7 @@ void Upload::sendNext() {
     auto packet = std::make_unique<UploadPacket>(dataHead + length, *this);
     i4_ram_file_class& body = packet->stream;
     body.write_8(OP_FILE_DATA);
-    body.write(hash_.bytes.data(), static_cast<u32>(hash_.bytes.size()));
+    hash_.write(body);
     body.write_32(position_);
     body.write_32(position_ + length);
     if (!readData(body.here(), length)) {

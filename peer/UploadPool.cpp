@@ -1,11 +1,13 @@
 #include "peer/UploadPool.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <vector>
 
 #include "app/Preferences.h"
 #include "app/UIInterface.h"
+#include "i4min/memory/debug_build.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "meta/UserMeta.h"
 #include "peer/Peer.h"
@@ -84,8 +86,9 @@ void UploadPool::assignSlots() {
         --queueLength_;
         if (i4_ticks() - user->getInt(TAG_QTIME) > queueMemory) continue;
         addSlot(*user);
-        return;
+        break;
     }
+    checkInvariants();
 }
 
 void UploadPool::gotSlotRequest(Peer& peer) {
@@ -99,6 +102,7 @@ void UploadPool::gotSlotRequest(Peer& peer) {
             queue_.remove(waiting);
             delete waiting;
             --queueLength_;
+            checkInvariants();
         }
         addSlot(user);
     } else if (queueLength_ < queueLimit) {
@@ -115,6 +119,7 @@ void UploadPool::enqueue(const UserMeta& user) {
     entry->setInt(TAG_QTIME, i4_ticks());
     queue_.add(entry.release());
     ++queueLength_;
+    checkInvariants();
 }
 
 void UploadPool::gotCall(Peer& peer) {
@@ -125,8 +130,7 @@ void UploadPool::gotCall(Peer& peer) {
 }
 
 void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
-    MD4Hash hash;
-    stream.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    const MD4Hash hash = MD4Hash::read(stream);
     u32 starts[3];
     u32 ends[3];
     for (u32& start : starts) start = stream.read_32();
@@ -199,6 +203,7 @@ void UploadPool::endLocked(Upload& upload) {
 bool UploadPool::removeUpload(Upload& upload) {
     replaceable_.remove(&upload);
     if (!uploads_.remove(&upload)) return false;
+    checkInvariants();
     upload.release();
     return true;
 }
@@ -273,6 +278,15 @@ void UploadPool::tick(i32 elapsedMs) {
     if (!over.empty() || assignTimer_ > assignEvery) {
         assignSlots();
         assignTimer_ = 0;
+    }
+}
+
+void UploadPool::checkInvariants() const {
+    if constexpr (debugBuild) {
+        assert(queue_.count() == static_cast<u32>(queueLength_));
+        for (LL<Upload>::Cursor c; [[maybe_unused]] const Upload* upload = replaceable_.next(c);) {
+            assert(uploads_.contains(upload));
+        }
     }
 }
 

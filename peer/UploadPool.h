@@ -24,12 +24,11 @@ struct SlotRule {
 
 // What a user goes through:
 //
-//   state         where                    entered by                      left by
-//   waiting       queue                    gotSlotRequest, endUpload       assignSlots; 45 minutes
-//   called        slots                    assignSlots, gotSlotRequest     gotPartRequest; time-out, failure,
-// peerGone
-//   transferring  uploads                  gotPartRequest                  endUpload to waiting; peerGone
-//   replaceable   uploads, replaceable     markReplaceable                 another's start, to waiting
+//   state         where                 entered by                   left by
+//   waiting       queue                 gotSlotRequest, endUpload    assignSlots; 45 minutes
+//   called        slots                 assignSlots, gotSlotRequest  gotPartRequest; time-out, failure, gone
+//   transferring  uploads               gotPartRequest               endUpload to waiting; peerGone
+//   replaceable   uploads, replaceable  markReplaceable              another's start, to waiting
 //
 // Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
 // Owns: queue and slots, one reference on each upload.
@@ -67,6 +66,9 @@ class CAPABILITY("uploadPool") UploadPool {
     void replaceOldest() REQUIRES(lock_);
     void endLocked(Upload& upload) REQUIRES(lock_);
     bool removeUpload(Upload& upload) REQUIRES(lock_);  // false if it isn't running
+    // Asserts that the queue is as long as it is counted and that what is replaceable runs; a debug build
+    // runs it when either has changed.
+    void checkInvariants() const REQUIRES(lock_);
 
     i4_mutex lock_{LockRank::uploadPool};
     LL<Upload> uploads_ GUARDED_BY(lock_);

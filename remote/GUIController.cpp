@@ -99,12 +99,6 @@ u32 strangerCount = 0;
 
 bool isLoopback(u32 ip) { return (ip & 0xFF) == 127; }
 
-std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
-    auto packet = std::make_unique<Packet>(payload + 1);
-    packet->stream.write_8(opcode);
-    return packet;
-}
-
 template <class List>
 std::unique_ptr<Packet> makeListPacket(u8 opcode, const List& list) {
     auto packet = makePacket(opcode, list.byteSize());
@@ -113,11 +107,7 @@ std::unique_ptr<Packet> makeListPacket(u8 opcode, const List& list) {
     return packet;
 }
 
-Ref<Download> readDownload(i4_file& stream) {
-    MD4Hash hash;
-    stream.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
-    return dlPool.findByRecord(hash);
-}
+Ref<Download> readDownload(i4_file& stream) { return dlPool.findByRecord(MD4Hash::read(stream)); }
 
 ServerAddress readAddress(i4_file& stream) {
     const u32 ip = stream.read_32();
@@ -341,9 +331,7 @@ void GUIController::startSearch(u32 message, i4_file& stream) {
 }
 
 void GUIController::downloadResult(i4_file& stream) {
-    MD4Hash hash;
-    stream.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
-    if (auto file = ui_.findResult(hash)) messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    if (auto file = ui_.findResult(MD4Hash::read(stream))) messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
 }
 
 void GUIController::downloadRecord(i4_file& stream) {
@@ -447,8 +435,8 @@ void GUIController::sendUploadGone(const Upload& upload) {
         if (toldUploads_.erase(&upload) == 0) return;
     }
     const MD4Hash hash = upload.userHash();
-    auto packet = makePacket(CTL_UPLOAD_REMOVED, static_cast<u32>(hash.bytes.size()));
-    packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    auto packet = makePacket(CTL_UPLOAD_REMOVED, MD4Hash::streamSize);
+    hash.write(packet->stream);
     send(std::move(packet));
 }
 

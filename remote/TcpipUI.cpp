@@ -21,12 +21,7 @@ constexpr i32 doorTimeout = 10'000;  // ms
 constexpr std::size_t textSize = 256;
 constexpr std::size_t longestName = 0xFFFE;  // a string's longest on the wire
 constexpr u32 mostStrangers = 32;
-
-std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
-    auto packet = std::make_unique<Packet>(payload + 1);
-    packet->stream.write_8(opcode);
-    return packet;
-}
+constexpr u32 mostResults = 10'000;
 
 // Names from the network may be longer than a string can be.
 void writeName(i4_file& stream, const char* name) {
@@ -179,6 +174,11 @@ void TcpipUI::extending(const char* name) {
 void TcpipUI::addResult(FileMeta* file) {
     const Ref<GUIController> to = controller();
     if (!to) return inner_.addResult(file);
+    // Results by datagram come from anyone, and without end.
+    if (results_.count() >= mostResults) {
+        delete file;
+        return;
+    }
     auto packet = makePacket(CTL_RESULT, file->byteSize());
     file->toNetwork(packet->stream);
     packet->finish();
@@ -204,15 +204,16 @@ void TcpipUI::downloadAdded(Download* download) {
     if (const Ref<GUIController> to = controller()) to->sendDownload(*download);
 }
 
+// The list loses it first: who attaches in between doesn't find it there.
 void TcpipUI::downloadRemoved(Download* download) {
+    inner_.downloadRemoved(download);
     if (const Ref<GUIController> to = controller()) {
         const Ref<PartialFile> partial = download->partialRef();
         const MD4Hash hash = partial ? partial->getHash() : MD4Hash();
-        auto packet = makePacket(CTL_DOWNLOAD_REMOVED, 16);
-        packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+        auto packet = makePacket(CTL_DOWNLOAD_REMOVED, MD4Hash::streamSize);
+        hash.write(packet->stream);
         to->send(std::move(packet));
     }
-    inner_.downloadRemoved(download);
 }
 
 void TcpipUI::uploadAdded(Upload* upload) {
@@ -221,8 +222,8 @@ void TcpipUI::uploadAdded(Upload* upload) {
 }
 
 void TcpipUI::uploadRemoved(Upload* upload) {
-    if (const Ref<GUIController> to = controller()) to->sendUploadGone(*upload);
     inner_.uploadRemoved(upload);
+    if (const Ref<GUIController> to = controller()) to->sendUploadGone(*upload);
 }
 
 void TcpipUI::slotAdded(UploadSlot* slot, const char* name) {

@@ -10,7 +10,7 @@ fuzz_packages=(clang libclang-rt-14-dev)
 lint_packages=(git python3 clang-format)
 tidy_packages=(clang-tidy)
 bench_packages=(libbenchmark-dev)
-test_packages=(python3 iproute2 procps openssl util-linux ffmpeg lame microsocks tinyproxy)
+test_packages=(python3 iproute2 procps openssl util-linux ffmpeg lame dante-server microsocks tinyproxy)
 
 say() { printf '\n== %s\n' "$*"; }
 
@@ -43,7 +43,7 @@ need_packages() {
     fi
     as_root env DEBIAN_FRONTEND=noninteractive apt-get update -qq </dev/null
     as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
+        apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null >/dev/null
 }
 
 # Configures and builds a preset: build_preset NAME [TARGET...]

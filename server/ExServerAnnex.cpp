@@ -71,8 +71,8 @@ void ExServerAnnex::sendAlternateSearch(const Search& search, const ServerAddres
 }
 
 void ExServerAnnex::findSources(const MD4Hash& hash, const ServerAddress& server) {
-    auto packet = makeDatagram(UDP_GET_SOURCES, 16, server);
-    packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    auto packet = makeDatagram(UDP_GET_SOURCES, MD4Hash::streamSize, server);
+    hash.write(packet->stream);
     send(std::move(packet));
 }
 
@@ -120,11 +120,10 @@ void ExServerAnnex::gotResult() {
 }
 
 // The sources remember the server that named them: a callback request for one goes by UDP to that very
-// server.
+// server. A stranger's would keep those of the servers out.
 void ExServerAnnex::gotSources(const ServerAddress& server) {
-    MD4Hash hash;
-    buffer_.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
-    const Ref<Download> download = dlPool.find(hash);
+    if (!serverPool.isListed(server)) return;
+    const Ref<Download> download = dlPool.find(MD4Hash::read(buffer_));
     if (!download) return;
     for (u32 count = buffer_.read_8(); count > 0; --count) {
         UserMeta user;

@@ -20,6 +20,7 @@ namespace {
 
 constexpr u32 logOnBodyLimit = 64 * 1024;
 constexpr u32 loggedOnBodyLimit = 16 * 1024 * 1024;
+constexpr u32 mostServers = 10'000;  // on the list, for a server to add to it
 
 enum ServerOpcode : u8 {
     OP_LOGON = 1,
@@ -73,12 +74,6 @@ constexpr Opcode rows[] = {
 };
 constexpr OpcodeTable table(rows);
 
-std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
-    auto packet = std::make_unique<Packet>(payload + 1);
-    packet->stream.write_8(opcode);
-    return packet;
-}
-
 struct DeletesRecords {
     template <class List>
     void operator()(List* list) const {
@@ -97,12 +92,6 @@ OwnedList<List> readList(i4_file& stream) {
     return list;
 }
 
-MD4Hash readHash(i4_file& stream) {
-    MD4Hash hash;
-    stream.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
-    return hash;
-}
-
 }  // namespace
 
 MainServer::MainServer(const ServerMeta& server) : Connection(server.ip, server.port) {
@@ -111,7 +100,7 @@ MainServer::MainServer(const ServerMeta& server) : Connection(server.ip, server.
 
 const OpcodeTable* MainServer::opcodes() const { return &table; }
 
-u32 MainServer::bodyLimit() const { return loggedOn_ ? loggedOnBodyLimit : logOnBodyLimit; }
+u32 MainServer::bodyLimit() const { return isLoggedOn() ? loggedOnBodyLimit : logOnBodyLimit; }
 u32 MainServer::stallLimit() const { return 0; }
 
 void MainServer::connected() {
@@ -125,13 +114,14 @@ void MainServer::connected() {
 
 void MainServer::gone() {
     serverPool.mainServerGone(this);
-    if (!loggedOn_) serverPool.serverFailed(ip);
+    // One that the user gave up has not failed.
+    if (!isLoggedOn() && !isClosing()) serverPool.serverFailed(ip);
 }
 
 bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case OP_OUT_OF_DATE:
-            theLog->printLine("Either your client or the server is out of date.");
+            if (theLog->mayComplain()) theLog->printLine("Either your client or the server is out of date.");
             return true;
         case OP_SERVER_LIST:
             return gotServerList(stream);
@@ -151,7 +141,7 @@ bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
             return true;
         }
         case OP_SERVER_MESSAGE:
-            theLog->printLine("%s", i4_string(stream).c_str());
+            if (theLog->mayComplain()) theLog->printLine("%s", i4_string(stream).c_str());
             return true;
         case OP_DROPPED_TEXT:
             stream.read_32();
@@ -176,7 +166,8 @@ bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
 bool MainServer::gotServerList(i4_file& stream) {
     for (u32 count = stream.read_8(); count > 0; --count) {
         const u32 serverIp = stream.read_32();
-        serverPool.addServer(serverIp, stream.read_16());
+        const u16 serverPort = stream.read_16();
+        if (serverPool.servers().count() < mostServers) serverPool.addServer(serverIp, serverPort);
     }
     return true;
 }
@@ -207,10 +198,10 @@ bool MainServer::gotClientId(i4_file& stream) {
     preferences.setServer(ip, static_cast<u16>(port.get()));
     i4_string name;
     theUI->connected(server_.getName(name));
-    messageQ.post(MESSAGE_PUBLISH);
-    send(makePacket(OP_GET_SERVER_LIST, 0));
+    messageQ.postOnce(MESSAGE_PUBLISH);
+    send(makePacket(OP_GET_SERVER_LIST));
     tellPeers(id);
-    loggedOn_ = true;
+    loggedOn_ = 1;
     serverPool.stopTrying();
     return true;
 }
@@ -237,7 +228,7 @@ bool MainServer::gotServerIdent(i4_file& stream) {
 }
 
 bool MainServer::gotSources(i4_file& stream) {
-    const Ref<Download> download = dlPool.find(readHash(stream));
+    const Ref<Download> download = dlPool.find(MD4Hash::read(stream));
     if (!download) return true;
     for (u32 count = stream.read_8(); count > 0; --count) {
         UserMeta user;
@@ -259,8 +250,8 @@ bool MainServer::gotUsers(i4_file& stream) {
 }
 
 void MainServer::requestSources(const MD4Hash& hash) {
-    auto packet = makePacket(OP_GET_SOURCES, 16);
-    packet->stream.write(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    auto packet = makePacket(OP_GET_SOURCES, MD4Hash::streamSize);
+    hash.write(packet->stream);
     send(std::move(packet));
 }
 
@@ -287,4 +278,4 @@ void MainServer::sendTree(u8 opcode, const Search& search) {
 
 void MainServer::sendSearch(const Search& search) { sendTree(OP_SEARCH_REQUEST, search); }
 void MainServer::sendAlternateSearch(const Search& search) { sendTree(OP_ALTERNATE_SEARCH_REQUEST, search); }
-void MainServer::moreResults() { send(makePacket(OP_MORE_RESULTS, 0)); }
+void MainServer::moreResults() { send(makePacket(OP_MORE_RESULTS)); }

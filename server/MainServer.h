@@ -31,6 +31,8 @@ class MainServer : public Connection {
     void sendSearch(const Search& search);
     void sendAlternateSearch(const Search& search);
     void moreResults();
+    // It has given us an ID, and takes requests. Thread: any.
+    bool isLoggedOn() const { return loggedOn_ != 0; }
 
   protected:
     void gone() override;
@@ -49,6 +51,6 @@ class MainServer : public Connection {
     void tellPeers(u32 clientId);
     void sendTree(u8 opcode, const Search& search);
 
-    bool loggedOn_ = false;
+    Relaxed<u8> loggedOn_;
     ServerMeta server_;  // a copy of the list's entry; of the pool's thread once connected
 };

@@ -58,6 +58,11 @@ void ServerPool::removeServer(u32 ip, u16 port) {
     if (server) servers_.removeUnsafe(server.get());
 }
 
+bool ServerPool::isListed(const ServerAddress& address) {
+    const i4_guard guard(servers_);
+    return servers_.find(address.ip, address.port) != nullptr;
+}
+
 // New tags come in, and what we know of the server by ourselves stays.
 void ServerPool::gotServerInfo(const ServerMeta& server) {
     const i4_guard guard(servers_);
@@ -169,7 +174,13 @@ void ServerPool::fillQueue() {
 
 // The trying stops first: the end of a connection that hasn't logged on would go on to the next server.
 void ServerPool::disconnect() {
+    Ref<MainServer> attempt;
+    {
+        i4_lock guard(lock_);
+        attempt = std::move(attempt_);
+    }
     stopTrying();
+    if (attempt) attempt->close();
     if (const Ref<MainServer> current = mainServer()) current->close();
 }
 
@@ -187,8 +198,10 @@ void ServerPool::tryNextLocked() {
     queue_.pop_front();
     i4_string name;
     theLog->printLine("%s %s ....", stringTable.get(STRINGS_CONNECTING_TO), entry->getName(name));
-    if (connectRegistry.connect(pool_, Ref<Connection>(new MainServer(*entry)))) {
+    Ref<MainServer> attempt(new MainServer(*entry));
+    if (connectRegistry.connect(pool_, Ref<Connection>(attempt.get()))) {
         connecting_ = true;
+        attempt_ = std::move(attempt);
     } else {
         // The attempt that is pending moves things on when it ends.
         say(STRINGS_ALREADY_TRYING_THIS_CONNECT);
@@ -199,13 +212,15 @@ void ServerPool::stopTrying() {
     i4_lock guard(lock_);
     connecting_ = false;
     queue_.clear();
+    attempt_.reset();
 }
 
 void ServerPool::serverFailed(u32 ip) {
     i4_lock guard(lock_);
     if (!connecting_) return;
-    theLog->printLine("%s: %s", stringTable.get(STRINGS_CANT_CONNECT_TO), ipToString(ip).c_str());
+    attempt_.reset();
     messageQ.post(MESSAGE_TRY_NEXT_SERVER);
+    theLog->printLine("%s: %s", stringTable.get(STRINGS_CANT_CONNECT_TO), ipToString(ip).c_str());
 }
 
 void ServerPool::setMainServer(MainServer* server) {
@@ -237,6 +252,11 @@ Ref<MainServer> ServerPool::mainServer() const {
 ServerAddress ServerPool::currentAddress() const {
     const Ref<MainServer> server = mainServer();
     return server ? addressOf(*server) : ServerAddress{};
+}
+
+bool ServerPool::isOnline() const {
+    const Ref<MainServer> server = mainServer();
+    return server && server->isLoggedOn();
 }
 
 void ServerPool::search(const Search& search, bool alternate) {
@@ -292,7 +312,7 @@ void ServerPool::extendSearch(const Search& search, bool alternate) {
 
 bool ServerPool::findSources(const ServerAddress& address, const MD4Hash& hash) {
     const Ref<MainServer> server = mainServer();
-    if (!server) return false;
+    if (!server || !server->isLoggedOn()) return false;
     if (addressOf(*server) == address) {
         server->requestSources(hash);
     } else {
@@ -303,7 +323,7 @@ bool ServerPool::findSources(const ServerAddress& address, const MD4Hash& hash) 
 
 bool ServerPool::requestCallback(u32 serverIp, u16 serverPort, u32 clientId) {
     const Ref<MainServer> server = mainServer();
-    if (!server) return false;
+    if (!server || !server->isLoggedOn()) return false;
     const ServerAddress address{serverIp, serverPort};
     if (addressOf(*server) == address) {
         server->requestCallback(clientId);

@@ -39,6 +39,7 @@ class ServerPool {
     void load(const char* path);
     void merge(const char* path);  // message 25
     ServerList& servers() { return servers_; }
+    bool isListed(const ServerAddress& address);
 
     void setSocketPool(SocketPool* pool);
 
@@ -52,11 +53,13 @@ class ServerPool {
     void mainServerGone(MainServer* server);
     Ref<MainServer> mainServer() const;    // empty where there is none
     ServerAddress currentAddress() const;  // of the current server, zero where there is none
+    bool isOnline() const;                 // it has logged us on
 
     // Routing.
     void search(const Search& search, bool alternate);        // messages 5 and 6
     void moreResults();                                       // message 7
     void extendSearch(const Search& search, bool alternate);  // messages 8 and 9
+    // These two are false, and nothing goes out, until a server has logged us on.
     bool findSources(const ServerAddress& address, const MD4Hash& hash);
     bool requestCallback(u32 serverIp, u16 serverPort, u32 clientId);
     void listSourceServers(std::vector<ServerAsk>& out);
@@ -72,6 +75,7 @@ class ServerPool {
     i4_mutex lock_{LockRank::serverPool};
     bool connecting_ GUARDED_BY(lock_) = false;
     std::deque<std::unique_ptr<ServerMeta>> queue_ GUARDED_BY(lock_);  // still to be tried
+    Ref<MainServer> attempt_ GUARDED_BY(lock_);  // until it logs us on, fails, or is given up
     u32 extendIndex_ = 0;  // the next server of the list for an extended search; of MessageQ's thread
     SocketPool* pool_ = nullptr;
     Ref<ExServerAnnex> annex_;  // set once, before the threads start

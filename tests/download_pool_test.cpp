@@ -1,9 +1,6 @@
 // The pool of downloads: who gets in, who may start, what fits onto the disk, what is saved.
 #include <gmock/gmock.h>
 
-#include <filesystem>
-#include <memory>
-
 #include "i4min/file/filesystem.h"
 #include "tests/support/Downloads.h"
 
@@ -15,72 +12,56 @@ namespace fs = std::filesystem;
 using DownloadPool = Downloads;
 
 TEST_F(DownloadPool, TakesEachFileOnceAndNoneThatIsShared) {
-    const RemoteFile file("a", 1000);
+    RemoteFile file("a", 1000);
     const Ref<Download> download = add(file, false);
     EXPECT_EQ(log.take(), "Downloading: a\n");
-    EXPECT_EQ(log.takeEvents(), "+a");
     // It is shared as well by now: the first of the two reasons is told.
-    clientApp.shared.add(const_cast<FileMeta*>(&file.record));
+    clientApp.shared.add(&file.record);
     dlPool.add(file.record);
     EXPECT_EQ(log.take(), "You are already downloading a.\n");
     download->cancel();
     download->cancel();
     handleMessages();
-    EXPECT_EQ(log.takeEvents(), "-a") << "once";
     EXPECT_EQ(dlPool.count(), 0);
+    EXPECT_FALSE(dlPool.findByRecord(file.record.hash));
     dlPool.add(file.record);
     EXPECT_EQ(log.take(), "You already have a.\n");
     clientApp.shared.clear();
 
-    fs::remove_all(temp(""));
+    fs::remove_all(temp());
     dlPool.add(file.record);
     EXPECT_THAT(log.take(), HasSubstr("Couldn't create temp file."));
     EXPECT_EQ(dlPool.count(), 0);
 }
 
-TEST_F(DownloadPool, FindsADownloadOnlyOnceItIsVerified) {
-    const RemoteFile file("a", 1000);
-    add(file);
-    save();
-    dlPool.stopAll();
-    clientApp.partials().deleteAll();
-    clientApp.partials().loadFromDir(temp("").c_str());
-    clientApp.partials().startDownloads();
-    const Ref<Download> download = dlPool.findByRecord(file.record.hash);
-    ASSERT_TRUE(download);
-    EXPECT_FALSE(dlPool.find(file.record.hash));
-    EXPECT_FALSE(dlPool.find(MD4Hash())) << "nor by the hash that it still shows";
-    download->verify([] { return false; });
-    EXPECT_TRUE(dlPool.find(file.record.hash));
-    EXPECT_EQ(download->getStatus(), DL_STATUS_QUEUED);
-}
-
-TEST_F(DownloadPool, LetsGoOfADownloadWhosePartsCannotBeRead) {
+TEST_F(DownloadPool, FindsALoadedDownloadOnceItIsVerified) {
     const RemoteFile file("a", PARTSIZE + 10);
     {
         const Ref<Download> download = add(file);
         giveHashSet(*download, file.parts);
         give(*download, file, 0, PARTSIZE);
-        save();
     }
-    dlPool.stopAll();
-    clientApp.partials().deleteAll();
-    clientApp.partials().loadFromDir(temp("").c_str());
-    clientApp.partials().startDownloads();
-    const Ref<Download> download = dlPool.findByRecord(file.record.hash);
-    ASSERT_TRUE(download);
-    const std::string data = temp(download->partial().tempFileName().c_str());
-    fs::resize_file(data, 100);
-    download->verify([] { return true; });
-    EXPECT_EQ(download->getStatus(), DL_STATUS_HASHING) << "given up";
-    log.take();
-    download->verify({});
-    EXPECT_EQ(log.take(), "ERROR file couldn't be hashed: a \nPlease close the tarnwick and run scandisk.\n");
-    EXPECT_EQ(download->getStatus(), DL_STATUS_ERROR_HASHING);
-    handleMessages();
-    EXPECT_EQ(dlPool.count(), 0);
-    EXPECT_TRUE(exists(data));
-    EXPECT_TRUE(exists(data + ".met"));
+    for (const bool readable : {true, false}) {
+        restart();
+        const Ref<Download> download = dlPool.findByRecord(file.record.hash);
+        ASSERT_TRUE(download);
+        EXPECT_FALSE(dlPool.find(file.record.hash));
+        EXPECT_FALSE(dlPool.find(MD4Hash())) << "nor by the hash that it still shows";
+        download->verify([] { return true; });
+        EXPECT_EQ(download->getStatus(), DL_STATUS_HASHING) << "given up";
+        const std::string data = dataFileOf(*download);
+        if (!readable) fs::resize_file(data, 100);
+        log.take();
+        download->verify({});
+        handleMessages();
+        EXPECT_EQ(!!dlPool.find(file.record.hash), readable);
+        EXPECT_EQ(download->getStatus(), readable ? DL_STATUS_QUEUED : DL_STATUS_ERROR_HASHING);
+        EXPECT_EQ(log.take(), readable ? ""
+                                       : "ERROR file couldn't be hashed: a \n"
+                                         "Please close the tarnwick and run scandisk.\n");
+        EXPECT_EQ(dlPool.count(), readable ? 1 : 0);
+        EXPECT_TRUE(exists(data) && exists(data + ".met")) << "whatever it was";
+    }
 }
 
 TEST_F(DownloadPool, StartsASourceEveryHalfSecondWhileTheLineHasRoom) {
@@ -119,11 +100,9 @@ TEST_F(DownloadPool, StartsASourceEveryHalfSecondWhileTheLineHasRoom) {
 
 TEST_F(DownloadPool, GivesTheDiskToHighPriorityFirst) {
     const RemoteFile low("low", 1000, 1);
-    const RemoteFile high("high", 600, 2);
-    const RemoteFile paused("paused", 5000, 3);
     const Ref<Download> lowDownload = add(low);
-    const Ref<Download> highDownload = add(high);
-    const Ref<Download> pausedDownload = add(paused);
+    const Ref<Download> highDownload = add(RemoteFile("high", 600, 2));
+    const Ref<Download> pausedDownload = add(RemoteFile("paused", 5000, 3));
     pausedDownload->pause();
     lowDownload->priority = 0;
     highDownload->priority = 2;
@@ -143,9 +122,8 @@ TEST_F(DownloadPool, GivesTheDiskToHighPriorityFirst) {
 }
 
 TEST_F(DownloadPool, SavesEveryFiveMinutes) {
-    const RemoteFile file("a", 1000);
-    const Ref<Download> download = add(file);
-    const std::string meta = temp(std::string(download->partial().tempFileName().c_str()) + ".met");
+    const Ref<Download> download = add(RemoteFile("a", 1000));
+    const std::string meta = dataFileOf(*download) + ".met";
     save();
     ASSERT_TRUE(exists(meta));
     fs::remove(meta);
@@ -153,14 +131,14 @@ TEST_F(DownloadPool, SavesEveryFiveMinutes) {
     EXPECT_FALSE(exists(meta));
     dlPool.tick(1);
     EXPECT_TRUE(exists(meta));
-    EXPECT_EQ(clientApp.partials().count(), 0u);
+    EXPECT_EQ(clientApp.partials().count(), 0U);
 
     // Cancelled while its record is on the way to the disk.
     PartialList records;
     download->partial().saveToList(records, 1, false);
     download->cancel();
     EXPECT_FALSE(exists(meta));
-    records.saveToDir(temp("").c_str());
+    records.saveToDir(temp().c_str());
     download->partial().dropStaleMeta();
     EXPECT_FALSE(exists(meta));
     save();
@@ -173,10 +151,10 @@ TEST_F(DownloadPool, EndsWithACompleterAtWork) {
     const Ref<Download> download = add(file);
     give(*download, file);
     dlPool.stopAll();
-    clientApp.partials().saveToDir(temp("").c_str());
-    const std::string data = temp(download->partial().tempFileName().c_str());
+    clientApp.partials().saveToDir(temp().c_str());
+    const std::string data = dataFileOf(*download);
     const bool moved = exists(incoming("a"));
-    EXPECT_TRUE(contentOf(moved ? incoming("a") : data) == file.bytes);
+    EXPECT_TRUE(hasBytes(moved ? incoming("a") : data, file.bytes));
     EXPECT_EQ(exists(data + ".met"), !moved);
     EXPECT_EQ(download->completer().state(), Thread::notRunning);
 }

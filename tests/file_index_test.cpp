@@ -1,46 +1,49 @@
 // The index of published files, against a plain walk over the same files.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cstring>
 #include <map>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "i4min/file/file.h"
 #include "index/FileIndex.h"
 #include "meta/FileMeta.h"
+#include "tests/support/bytes.h"
 #include "tests/support/damage.h"
 
 namespace {
 
-MD4Hash hashOf(u32 number) {
+MD4Hash hashOfFile(u32 number) {
     MD4Hash hash;
     hash.bytes[15] = 1;
-    for (std::size_t i = 0; i < 4; ++i) hash.bytes[i] = static_cast<u8>(number >> (8 * i));
+    std::memcpy(hash.bytes.data(), &number, sizeof number);
     return hash;
+}
+u32 numberOf(const MD4Hash& hash) {
+    u32 number = 0;
+    std::memcpy(&number, hash.bytes.data(), sizeof number);
+    return number;
 }
 
 Bytes tagsOf(const Meta& meta) {
-    i4_owned_ram_file stream;
-    meta.Meta::toNetwork(stream);
-    return Bytes(stream.buffer(), stream.buffer() + stream.tell());
+    return written([&](i4_file& stream) { meta.Meta::toNetwork(stream); });
 }
 
-FileRecord recordOf(const Meta& meta) {
-    const Bytes bytes = tagsOf(meta);
+FileRecord recordOf(const Bytes& bytes) {
     ByteReader in(bytes);
     FileRecord record;
     EXPECT_TRUE(record.read(in));
     return record;
 }
+FileRecord recordOf(const Meta& meta) { return recordOf(tagsOf(meta)); }
 
 // Clients, their files, and the index that is told the same.
 class World {
   public:
     void publish(ClientNumber client, u32 file, std::unique_ptr<FileMeta> meta) {
-        const auto number = index.publish(client, hashOf(file), recordOf(*meta));
+        const auto number = index.publish(client, hashOfFile(file), recordOf(*meta));
         EXPECT_EQ(number.has_value(), clients[file].count(client) == 0);
         if (number) numbers[{client, file}] = *number;
         if (clients[file].empty() || clients[file] == std::set{client}) records[file] = std::move(meta);
@@ -74,9 +77,7 @@ class World {
             u32 taken = 0;
             index.search(run, work, [&](const FileRecord&, const MD4Hash& hash, u32) {
                 if (taken == page) return false;
-                u32 file = 0;
-                for (std::size_t i = 4; i > 0; --i) file = file << 8 | hash.bytes[i - 1];
-                EXPECT_TRUE(found.insert(file).second) << "met twice";
+                EXPECT_TRUE(found.insert(numberOf(hash)).second) << "met twice";
                 ++taken;
                 return true;
             });
@@ -134,12 +135,6 @@ class Dice {
     std::mt19937 engine_{20260115};
 };
 
-std::string printed(const SearchNode& node) {
-    char out[500] = "";
-    node.printable(out, sizeof out);
-    return out;
-}
-
 TEST(FileIndex, FindsWhatAWalkFinds) {
     World world;
     Dice dice;
@@ -147,8 +142,10 @@ TEST(FileIndex, FindsWhatAWalkFinds) {
         world.index.checkInvariants();
         for (int i = 0; i < trees; ++i) {
             const auto tree = dice.tree(3);
+            char text[500] = "";
+            tree->printable(text, sizeof text);
             ASSERT_EQ(world.ask(*tree, 1 + dice.below(1000), 10'000 + dice.below(500'000)), world.walk(*tree))
-                << printed(*tree);
+                << text;
         }
         for (const char* text : {"a", "ab", "abc", "abca", "AB", "x", "\xa9", "cx", "o", "abcabcab", ""}) {
             const SN_FindStr tree(text);
@@ -170,20 +167,12 @@ TEST(FileIndex, FindsWhatAWalkFinds) {
         for (const ClientNumber client : {1u, 2u, 3u, 7u}) world.withdraw(client, i);
     }
     EXPECT_EQ(world.index.fileCount(), 0u);
+    for (u32 i = 0; i < 50'000; ++i) {
+        world.publish(1, i, dice.meta());
+        world.withdraw(1, i);
+    }
     compare(3);
     EXPECT_LT(world.index.wordIndexBytes(), 100'000u) << "what has gone takes no room";
-}
-
-TEST(FileIndex, ComingAndGoingTakesNoRoom) {
-    FileIndex index;
-    Dice dice;
-    for (u32 i = 0; i < 50'000; ++i) {
-        const auto number = index.publish(1, hashOf(i), recordOf(*dice.meta()));
-        ASSERT_TRUE(number);
-        index.withdraw(1, *number);
-    }
-    index.checkInvariants();
-    EXPECT_LT(index.wordIndexBytes(), 100'000u);
 }
 
 TEST(FileIndex, ASearchGoesOnWhileFilesComeAndGo) {
@@ -195,7 +184,7 @@ TEST(FileIndex, ASearchGoesOnWhileFilesComeAndGo) {
     for (u32 step = 0; !run.atEnd(); ++step) {
         u64 work = 200'000;
         world.index.search(run, work, [&](const FileRecord&, const MD4Hash& hash, u32) {
-            found.insert(hash.bytes[0] + hash.bytes[1] * 256u);
+            found.insert(numberOf(hash));
             return true;
         });
         for (u32 i = 0; i < 300; ++i) world.withdraw(1, dice.below(6000));
@@ -219,34 +208,31 @@ TEST(FileIndex, CountsClientsAndKeepsTheFirstRecord) {
         index.search(run, work, [&](const FileRecord& record, const MD4Hash& hash, u32 availability) {
             Bytes bytes;
             record.write(bytes, hash, availability);
+            BytesFile stream(bytes);
             FileMeta meta;
-            i4_ram_file_class stream(bytes.data(), static_cast<u32>(bytes.size()), 0);
-            stream.setUsed(static_cast<u32>(bytes.size()));
-            EXPECT_TRUE(meta.fromNetwork(stream));
-            EXPECT_EQ(*stream.bytesLeft(), 0u);
-            EXPECT_EQ(meta.hash, hash);
+            EXPECT_TRUE(meta.fromNetwork(stream) && stream.bytesLeft() == 0u && meta.hash == hash);
             text += std::string(meta.getName()) + " " + std::to_string(meta.getInt(TAG_AVAILABILITY)) + ";";
             return true;
         });
         return text;
     };
-    const auto a = index.publish(1, hashOf(1), recordOf(first));
+    const auto a = index.publish(1, hashOfFile(1), recordOf(first));
     EXPECT_EQ(seen(), "first 1;") << "what a client says of the availability isn't asked for";
-    const auto b = index.publish(2, hashOf(1), recordOf(second));
+    const auto b = index.publish(2, hashOfFile(1), recordOf(second));
     EXPECT_EQ(seen(), "first 2;");
-    EXPECT_FALSE(index.publish(2, hashOf(1), recordOf(second))) << "again";
+    EXPECT_FALSE(index.publish(2, hashOfFile(1), recordOf(second))) << "again";
     EXPECT_EQ(seen(), "first 2;");
     index.withdraw(1, *a);
     EXPECT_EQ(seen(), "first 1;");
-    EXPECT_FALSE(index.publish(2, hashOf(1), recordOf(second)));
+    EXPECT_FALSE(index.publish(2, hashOfFile(1), recordOf(second)));
     EXPECT_EQ(seen(), "second 1;") << "its only client may rename it";
-    EXPECT_EQ(index.sources(hashOf(1))->size(), 1u);
-    const auto c = index.publish(2, hashOf(2), recordOf(first));
+    EXPECT_EQ(index.sources(hashOfFile(1))->size(), 1u);
+    const auto c = index.publish(2, hashOfFile(2), recordOf(first));
     EXPECT_TRUE(c);
-    EXPECT_FALSE(index.publish(2, hashOf(3), recordOf(first))) << "full";
+    EXPECT_FALSE(index.publish(2, hashOfFile(3), recordOf(first))) << "full";
     index.withdraw(2, *b);
-    EXPECT_EQ(index.sources(hashOf(1)), nullptr);
-    EXPECT_TRUE(index.publish(2, hashOf(3), recordOf(first)));
+    EXPECT_EQ(index.sources(hashOfFile(1)), nullptr);
+    EXPECT_TRUE(index.publish(2, hashOfFile(3), recordOf(first)));
     index.checkInvariants();
 }
 
@@ -267,16 +253,11 @@ TEST(FileIndex, RecordsKeepWhatFitsAndCanBeFound) {
     EXPECT_EQ(names, "\x01,number,bits,blob,\x15,");
 
     // A zero byte in a text, a tag without a name, a count that isn't one.
-    const Bytes bytes = {3, 0, 0, 0, 2, 1, 0, 1, 2, 0, 'a', 0, 3, 1, 0, 'n', 1, 0, 0, 0, 5, 1, 0, 'b', 1};
-    ByteReader in(bytes);
-    FileRecord odd;
-    EXPECT_TRUE(odd.read(in));
+    const FileRecord odd =
+        recordOf(Bytes{3, 0, 0, 0, 2, 1, 0, 1, 2, 0, 'a', 0, 3, 1, 0, 'n', 1, 0, 0, 0, 5, 1, 0, 'b', 1});
     EXPECT_FALSE(odd.hasName());
     EXPECT_EQ(odd.size(), 5u);
-    const Bytes negative = {0, 0, 0, 0x80};
-    ByteReader none(negative);
-    EXPECT_TRUE(odd.read(none));
-    EXPECT_EQ(odd.size(), 0u);
+    EXPECT_EQ(recordOf(Bytes{0, 0, 0, 0x80}).size(), 0u);
 
     sweepDamage(tagsOf(meta), [](std::span<const u8> damaged) {
         ByteReader reader(damaged);

@@ -1,92 +1,101 @@
 // A remote client that may hold a file: every state, event and timer, and the chunks that are asked for.
 #include "download/FSS_States.h"
 #include "download/FileSource.h"
-#include "tests/support/Engine.h"
+#include "tests/support/Downloads.h"
 
 namespace {
 
-const MD4Hash fileHash = hashOf(0xF0);
 constexpr u32 chunk = 184'320;
 
-class FileSourceTest : public Engine {
+enum From { unasked, onQueue, connecting, partsFirst, slotFirst, transfer, noNeeded, bad };
+
+class FileSourceTest : public Downloads {
   protected:
     FileSourceTest() {
-        preferences.maxCon = 45;
         begin(2 * PARTSIZE + 5);
         partner = &peer(1, "user1");
+        stranger = &peer(2);
     }
     ~FileSourceTest() override { source.reset(); }
 
     void begin(u32 size) {
         source.reset();
         FileMeta file;
-        file.hash = fileHash;
+        file.hash = hashOf(0xF0);
         file.setName("file.bin");
         file.setInt(TAG_SIZE, size);
         download = Ref<Download>(new Download);
         ASSERT_TRUE(download->create(file));
         source = std::make_unique<FileSource>(User(1), *download);
     }
+    template <class State, class... Arguments>
+    void enter(Arguments&... arguments) {
+        source->setState(std::make_unique<State>(*source, arguments...));
+    }
+    // `flags` tells which parts the source has, "-" that it isn't known.
+    void put(From from, const std::string& flags) {
+        begin(2 * PARTSIZE + 5);
+        if (flags != "-") source->setParts(partsOf(flags));
+        if (from == onQueue) enter<FSS_OnQueue>();
+        if (from == connecting) enter<FSS_WaitForConnection>();
+        if (from == partsFirst) enter<FSS_WaitForChunksBQ>(*partner);
+        if (from == slotFirst) enter<FSS_WaitForChunks>(*partner);
+        if (from == transfer) enter<FSS_Transfering>(*partner);
+        if (from == noNeeded) enter<FSS_NoNeededParts>();
+        if (from == bad) enter<FSS_BadSource>();
+    }
     FileSourceState& state() { return source->state(); }
     std::string label() { return state().label; }
-    static BoolArray parts(const std::string& drawn) {
-        BoolArray array(static_cast<i32>(drawn.size()));
-        for (std::size_t i = 0; i < drawn.size(); ++i) array.set(static_cast<i32>(i), drawn[i] == '1');
-        return array;
+    // An event of a peer, or one of nobody's. False where the source is to be removed.
+    bool happen(const std::string& event, Peer& peer) {
+        const std::string name = event.substr(0, event.find(' '));
+        const std::string argument = event.size() > name.size() ? event.substr(name.size() + 1) : "";
+        const int number = std::atoi(argument.c_str());
+        if (name == "connected") state().peerConnected(peer);
+        if (name == "offer") state().offerSlot(peer);
+        if (name == "status") state().gotFileStatus(peer, partsOf(argument));
+        if (name == "noSuchFile") state().noSuchFile(peer);
+        if (name == "gone") state().peerGone(peer);
+        if (name == "slotEnded") state().slotEnded(peer);
+        if (&peer == stranger) return true;
+        if (name == "tryConnect") state().tryConnect();
+        if (name == "connectFailed") state().connectFailed(addressOf(1), static_cast<u16>(number));
+        if (name == "callbackFailed") state().callbackFailed(static_cast<u32>(number), addressOf(1));
+        if (name == "askHashSet") state().askHashSet();
+        if (name == "idChanged") state().idChanged();
+        if (name == "pause") state().pause();
+        if (name == "diskFull") state().diskFull();
+        if (name == "complete") state().complete();
+        if (name == "drop") state().drop();
+        if (name == "stop") state().stop();
+        if (name == "reopened") state().partReopened(static_cast<u32>(number));
+        return name != "tick" || state().tick(number);
     }
-    template <class State, class... Arguments>
-    void put(Arguments&... arguments) {
-        source->setState(std::make_unique<State>(*source, arguments...));
-        partner->sent();
-    }
-    // The bytes are here.
-    void fill(u32 start, u32 end) {
-        const std::string data = le32(start) + le32(end) + std::string(end - start, 'x');
-        i4_ram_file_class packet(const_cast<char*>(data.data()), static_cast<u32>(data.size()), 0);
-        u32 from = 0;
-        u32 to = 0;
-        download->partial().writeData(packet, from, to);
-        EXPECT_EQ(to, end);
-    }
-    // The opcodes that wait for the partner; RequestParts as its ranges, in units of `chunk` where they are
-    // whole.
-    std::string said(TestPeer& peer) {
+    // The opcodes that wait for a peer; RequestParts as its ranges, in chunks where they begin and bytes.
+    static std::string said(TestPeer& peer) {
         std::string text;
         for (const std::string& body : peer.sent()) {
-            text += std::to_string(static_cast<u8>(body[0]));
+            text += " " + std::to_string(static_cast<u8>(body[0]));
             for (std::size_t i = 0; body[0] == 71 && i < 3; ++i) {
-                const u32 start = readLe32(body, 17 + 4 * i);
-                const u32 end = readLe32(body, 29 + 4 * i);
-                text += start == end
-                            ? " -"
-                            : " " + std::to_string(start / chunk) + "+" + std::to_string(end - start);
+                const u32 start = u32At(body, 17 + 4 * i);
+                const u32 end = u32At(body, 29 + 4 * i);
+                text +=
+                    ":" +
+                    (start == end ? "-" : std::to_string(start / chunk) + "+" + std::to_string(end - start));
             }
-            text += ";";
         }
         return text;
     }
     std::string said() { return said(*partner); }
-    // Whether message 23 waits: the slot is offered on, and as nobody takes it, given back.
-    bool slotLeft() {
-        while (messageQ.process()) continue;
-        return said().find("86;") != std::string::npos;
-    }
-    u32 requested() {
+    // How many bytes of the file are asked for, and how many some source has.
+    u32 requested() { return count(countRequested, countDone); }
+    u32 offered() { return count(1, countRequested); }
+    u32 count(i32 least, i32 below) {
         u32 bytes = 0;
         DLProgress& progress = download->progress();
         const i4_guard guard(progress);
         for (DLProgress::Cursor c; const GapCounter* run = progress.next(c);) {
-            if (run->count >= countRequested && run->count < countDone)
-                bytes += static_cast<u32>(run->end - run->start);
-        }
-        return bytes;
-    }
-    u32 offered() {
-        u32 bytes = 0;
-        DLProgress& progress = download->progress();
-        const i4_guard guard(progress);
-        for (DLProgress::Cursor c; const GapCounter* run = progress.next(c);) {
-            if (run->count % countRequested > 0) bytes += static_cast<u32>(run->end - run->start);
+            if (run->count >= least && run->count < below) bytes += static_cast<u32>(run->end - run->start);
         }
         return bytes;
     }
@@ -94,182 +103,144 @@ class FileSourceTest : public Engine {
     Ref<Download> download;
     std::unique_ptr<FileSource> source;
     TestPeer* partner = nullptr;
+    TestPeer* stranger = nullptr;
 };
 
-TEST_F(FileSourceTest, AnUnaskedSourceIsReachedOrNot) {
-    EXPECT_EQ(label(), "Unasked");
-    EXPECT_TRUE(state().tick(10'000'000));
+// What the source becomes and says, whether chunks stay asked for, and whether the slot is handed on: then,
+// as no other download takes it, it is given back by 86.
+TEST_F(FileSourceTest, FollowsTheTable) {
+    const struct {
+        From from;
+        const char* parts;
+        const char* event;
+        const char* outcome;
+    } rows[] = {
+        {unasked, "-", "tick 10000000", "Unasked"},
+        {unasked, "-", "tryConnect", "Waiting for Chunks 88 79"},
+        {unasked, "010", "tryConnect", "On Queue 88 84"},
+        {unasked, "111", "offer", "Transferring, asked"},
+        {unasked, "000", "offer", "Waiting for Chunks 79"},
+        {unasked, "-", "offer", "Waiting for Chunks 79"},
+        {onQueue, "111", "offer", "Transferring, asked"},
+        {onQueue, "-", "offer", "Waiting for Chunks 79"},
+        {onQueue, "-", "tryConnect", "On Queue"},
+        {onQueue, "-", "tick 600000", "On Queue"},
+        {onQueue, "-", "tick 600001", "Unasked"},
+        {onQueue, "-", "idChanged", "Unasked"},
+        {connecting, "-", "connected", "Waiting for Chunks 88 79"},
+        {connecting, "010", "connected", "On Queue 88 84"},
+        {connecting, "000", "connected", "Waiting for Chunks 88 79"},
+        {connecting, "-", "connectFailed 4662", "Bad Source"},
+        {connecting, "-", "connectFailed 4661", "Waiting for Connection"},
+        {connecting, "-", "callbackFailed 0", "Bad Source"},
+        {connecting, "-", "callbackFailed 9", "Waiting for Connection"},
+        {connecting, "-", "tick 240000", "Waiting for Connection"},
+        {connecting, "-", "tick 240001", "removed"},
+        {partsFirst, "-", "status 011", "On Queue 84"},
+        {partsFirst, "-", "status 000", "No Needed Parts"},
+        {partsFirst, "-", "status 11", "No Needed Parts"},
+        {partsFirst, "-", "status 1111", "No Needed Parts"},
+        {partsFirst, "-", "askHashSet", "Waiting for Chunks 81"},
+        {partsFirst, "-", "gone", "Bad Source"},
+        {partsFirst, "-", "noSuchFile", "Bad Source"},
+        {partsFirst, "-", "slotEnded", "Waiting for Chunks"},
+        {slotFirst, "-", "status 100", "Transferring, asked"},
+        {slotFirst, "-", "status 000", "No Needed Parts, handed on"},
+        {slotFirst, "-", "slotEnded", "On Queue"},
+        {slotFirst, "-", "drop", "Bad Source, handed on"},
+        {slotFirst, "-", "stop", "Bad Source, handed on"},
+        {slotFirst, "-", "noSuchFile", "Bad Source, handed on"},
+        {slotFirst, "-", "gone", "Bad Source"},
+        {transfer, "111", "status 000", "Transferring, asked"},
+        {transfer, "111", "slotEnded", "On Queue"},
+        {transfer, "111", "gone", "Bad Source 86"},
+        {transfer, "111", "noSuchFile", "Bad Source, handed on"},
+        {transfer, "111", "pause", "Bad Source 73, handed on"},
+        {transfer, "111", "diskFull", "Bad Source 73, handed on"},
+        {transfer, "111", "drop", "Bad Source 73, asked, handed on"},
+        {transfer, "111", "stop", "Bad Source 73, asked, handed on"},
+        {transfer, "111", "complete", "Bad Source 73, asked, handed on"},
+        {transfer, "111", "tick 360000", "Transferring, asked"},
+        {transfer, "111", "tick 360001", "Unasked"},
+        {noNeeded, "000", "tick 1800000", "No Needed Parts"},
+        {noNeeded, "000", "tick 1800001", "Unasked"},
+        {noNeeded, "101", "reopened 2", "Unasked"},
+        {noNeeded, "101", "reopened 1", "No Needed Parts"},
+        {bad, "-", "tick 0", "removed"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.from) + " " + row.parts + ", " + row.event);
+        put(row.from, row.parts);
+        remoteQueueList.clear();
+        const std::string before = label();
+        said();
+        happen(row.event, *stranger);
+        EXPECT_EQ(label() + said() + said(*stranger), before) << "somebody else's";
+        const bool stays = happen(row.event, *partner);
+        std::string outcome = stays ? label() : "removed";
+        const bool transfers = outcome == "Transferring";
+        EXPECT_EQ(dlPool.transferCount, transfers ? 1 : 0);
+        const std::string words = said();
+        if (!transfers) outcome += words;
+        if (requested() > 0) outcome += ", asked";
+        handleMessages();
+        if (said() == " 86") outcome += ", handed on";
+        EXPECT_EQ(outcome, row.outcome);
+    }
+    put(noNeeded, "010");
+    happen("tick 1800001", *partner);
+    EXPECT_EQ(source->parts(), nullptr) << "asked anew";
+}
+
+TEST_F(FileSourceTest, IsReachedOrNot) {
     // One connection below the limit the turn is spent, and nothing else.
     clientApp.socketPool.count = preferences.maxCon - 1;
     EXPECT_TRUE(state().tryConnect());
     EXPECT_EQ(label(), "Unasked");
     clientApp.socketPool.count = 0;
-    // It is connected: name and parts are asked.
-    EXPECT_TRUE(state().tryConnect());
-    EXPECT_EQ(label(), "Waiting for Chunks");
-    EXPECT_EQ(said(), "88;79;");
-
-    source = std::make_unique<FileSource>(User(99), *download);
-    EXPECT_TRUE(state().tryConnect());
-    EXPECT_EQ(label(), "Waiting for Connection");
-
-    // Ourselves, and two who can't reach each other.
-    source = std::make_unique<FileSource>(User(100), *download);
-    EXPECT_TRUE(state().tryConnect());
-    EXPECT_EQ(label(), "Bad Source");
-    EXPECT_FALSE(state().tick(0));
+    const auto tried = [this](const UserMeta& user) {
+        source = std::make_unique<FileSource>(user, *download);
+        EXPECT_TRUE(state().tryConnect());
+        return label();
+    };
+    EXPECT_EQ(tried(User(99)), "Waiting for Connection");
+    EXPECT_EQ(tried(User(100)), "Bad Source") << "ourselves";
     preferences.setClientId(5);
     UserMeta low;
     low.id = 77;
-    source = std::make_unique<FileSource>(low, *download);
-    EXPECT_TRUE(state().tryConnect());
-    EXPECT_EQ(label(), "Bad Source");
+    EXPECT_EQ(tried(low), "Bad Source") << "neither can reach the other";
+    source = std::make_unique<FileSource>(User(1), *download);
+    source->gotName(std::string(300, 'n').c_str(), *stranger);
+    EXPECT_EQ(source->name, "");
+    source->gotName(std::string(300, 'n').c_str(), *partner);
+    EXPECT_EQ(source->name, std::string(255, 'n').c_str());
 }
 
 TEST_F(FileSourceTest, APlaceInItsQueueKeepsForHalfAnHour) {
     const u32 asked = 1000;
     remoteQueueList.note(*partner, asked);
-    EXPECT_EQ(said(), "84;");
-    EXPECT_TRUE(remoteQueueList.isWaiting(User(1), asked + 29 * 60'000));
     EXPECT_TRUE(remoteQueueList.isWaiting(User(1), asked + 1'799'999));
     EXPECT_FALSE(remoteQueueList.isWaiting(User(1), asked + 1'800'000));
     UserMeta low;
     low.id = highestLowId;
     EXPECT_FALSE(remoteQueueList.isWaiting(low, asked));
-    // Forgotten under the address that failed, not under another.
-    remoteQueueList.forgetAddress(addressOf(1), 4661);
-    EXPECT_TRUE(remoteQueueList.isWaiting(User(1), asked));
-    remoteQueueList.forgetAddress(addressOf(1), 4662);
-    EXPECT_FALSE(remoteQueueList.isWaiting(User(1), asked));
-    remoteQueueList.release(*partner);
-    EXPECT_EQ(said(), "86;");
-
     remoteQueueList.note(*partner);
+    said();
     EXPECT_TRUE(state().tryConnect());
-    EXPECT_EQ(label(), "On Queue");
-    EXPECT_FALSE(state().tryConnect());
-    EXPECT_TRUE(state().tick(600'000));
-    EXPECT_EQ(label(), "On Queue");
-    EXPECT_TRUE(state().tick(1));
-    EXPECT_EQ(label(), "Unasked");
-    put<FSS_OnQueue>();
-    state().idChanged();
-    EXPECT_EQ(label(), "Unasked");
-}
-
-TEST_F(FileSourceTest, AConnectionComesFailsOrRunsOut) {
-    put<FSS_WaitForConnection>();
-    EXPECT_TRUE(state().tick(240'000));
-    EXPECT_FALSE(state().tick(1));
-    EXPECT_FALSE(state().connectFailed(addressOf(1), 4661));
-    EXPECT_FALSE(state().connectFailed(addressOf(2), 4662));
-    EXPECT_FALSE(state().callbackFailed(addressOf(9), addressOf(1)));
-    state().peerConnected(peer(2));
-    EXPECT_EQ(label(), "Waiting for Connection");
-    remoteQueueList.note(*partner);
-    EXPECT_TRUE(state().connectFailed(addressOf(1), 4662));
-    EXPECT_EQ(label(), "Bad Source");
+    EXPECT_EQ(label() + said(), "On Queue");
+    // Forgotten under the address that failed.
+    put(connecting, "-");
+    happen("connectFailed 4661", *partner);
+    EXPECT_TRUE(remoteQueueList.isWaiting(User(1)));
+    happen("connectFailed 4662", *partner);
     EXPECT_FALSE(remoteQueueList.isWaiting(User(1)));
-    put<FSS_WaitForConnection>();
-    EXPECT_TRUE(state().callbackFailed(0, addressOf(1)));
-    EXPECT_EQ(label(), "Bad Source");
-
-    put<FSS_WaitForConnection>();
-    source->name = "known already";
-    state().peerConnected(*partner);
-    EXPECT_EQ(label(), "Waiting for Chunks");
-    EXPECT_EQ(said(), "79;");
-    put<FSS_WaitForConnection>();
-    source->setParts(parts("010"));
-    state().peerConnected(*partner);
-    EXPECT_EQ(label(), "On Queue");
-    EXPECT_EQ(said(), "84;");
-    put<FSS_WaitForConnection>();
-    source->setParts(parts("000"));
-    state().peerConnected(*partner);
-    EXPECT_EQ(label(), "Waiting for Chunks");
-}
-
-TEST_F(FileSourceTest, TheStatusDecidesBeforeQueueing) {
-    TestPeer& other = peer(2);
-    put<FSS_WaitForChunksBQ>(*partner);
-    EXPECT_TRUE(state().askHashSet());
-    EXPECT_EQ(said(), "81;");
-    EXPECT_FALSE(state().gotFileStatus(other, parts("111")));
-    state().peerGone(other);
-    state().noSuchFile(other);
-    EXPECT_EQ(label(), "Waiting for Chunks");
-    EXPECT_TRUE(state().gotFileStatus(*partner, parts("011")));
-    EXPECT_EQ(label() + " " + said(), "On Queue 84;");
-    EXPECT_EQ(offered(), PARTSIZE + 5);
-    for (const char* none : {"000", "11", "1111", ""}) {
-        put<FSS_WaitForChunksBQ>(*partner);
-        EXPECT_TRUE(state().gotFileStatus(*partner, parts(none)));
-        EXPECT_EQ(label() + " " + said(), "No Needed Parts ") << none;
-    }
-    put<FSS_WaitForChunksBQ>(*partner);
-    state().peerGone(*partner);
-    EXPECT_EQ(label(), "Bad Source");
-    put<FSS_WaitForChunksBQ>(*partner);
-    state().noSuchFile(*partner);
-    EXPECT_EQ(label(), "Bad Source");
-    EXPECT_FALSE(slotLeft());
-}
-
-TEST_F(FileSourceTest, AnOfferedSlotIsTakenUpOrHandedOn) {
-    for (const bool queued : {false, true}) {
-        const auto again = [&](const char* drawn) {
-            source->clearParts();
-            if (drawn) source->setParts(parts(drawn));
-            if (queued) {
-                put<FSS_OnQueue>();
-            } else {
-                put<FSS_Unasked>();
-            }
-        };
-        again("111");
-        EXPECT_FALSE(state().offerSlot(peer(2)));
-        EXPECT_TRUE(state().offerSlot(*partner));
-        EXPECT_EQ(label(), "Transferring");
-        EXPECT_EQ(dlPool.transferCount, 1);
-        for (const char* drawn : {"000", static_cast<const char*>(nullptr)}) {
-            again(drawn);
-            EXPECT_TRUE(state().offerSlot(*partner));
-            EXPECT_EQ(label() + " " + said(), "Waiting for Chunks 79;");
-        }
-    }
-    EXPECT_EQ(dlPool.transferCount, 0);
-    state().slotEnded(*partner);
-    EXPECT_EQ(label(), "On Queue");
-    for (const bool stops : {false, true}) {
-        put<FSS_WaitForChunks>(*partner);
-        stops ? state().stop() : state().drop();
-        EXPECT_EQ(label(), "Bad Source");
-        EXPECT_TRUE(slotLeft());
-    }
-    put<FSS_WaitForChunks>(*partner);
-    EXPECT_TRUE(state().gotFileStatus(*partner, parts("000")));
-    EXPECT_EQ(label(), "No Needed Parts");
-    EXPECT_TRUE(slotLeft());
-    put<FSS_WaitForChunks>(*partner);
-    EXPECT_TRUE(state().gotFileStatus(*partner, parts("100")));
-    EXPECT_EQ(label(), "Transferring");
-    put<FSS_WaitForChunks>(*partner);
-    state().noSuchFile(*partner);
-    EXPECT_EQ(label(), "Bad Source");
-    EXPECT_TRUE(slotLeft());
-    put<FSS_WaitForChunks>(*partner);
-    state().peerGone(*partner);
-    EXPECT_EQ(label(), "Bad Source");
-    EXPECT_FALSE(slotLeft());
 }
 
 TEST_F(FileSourceTest, ASmallFileIsTakenToBeThere) {
     for (const u32 size : {u32{1000}, PARTSIZE}) {
         begin(size);
-        put<FSS_WaitForConnection>();
-        state().peerConnected(*partner);
-        EXPECT_EQ(label() + " " + said(), "On Queue 88;84;");
+        state().tryConnect();
+        EXPECT_EQ(label() + said(), "On Queue 88 84");
         ASSERT_TRUE(source->parts());
         EXPECT_EQ(source->parts()->toText(), size == PARTSIZE ? "11" : "1");
         EXPECT_EQ(offered(), size);
@@ -277,138 +248,76 @@ TEST_F(FileSourceTest, ASmallFileIsTakenToBeThere) {
         EXPECT_EQ(offered(), 0U);
         EXPECT_TRUE(state().offerSlot(*partner));
         EXPECT_EQ(label(), "Transferring");
-        EXPECT_NE(said().find("71 0+"), std::string::npos);
+        EXPECT_NE(said().find("71:0+"), std::string::npos);
+        remoteQueueList.clear();
     }
 }
 
 TEST_F(FileSourceTest, ChunksAreAskedForThreeAhead) {
-    source->setParts(parts("100"));
-    source->setState(std::make_unique<FSS_Transfering>(*source, *partner));
-    // The part hashes first, as they aren't known.
-    EXPECT_EQ(said(), "81;71 0+184320 1+184320 2+184320;");
+    const auto fill = [this](u32 start, u32 end) {
+        DataPacket packet(start, end, std::string(end - start, 'x'));
+        download->partial().writeData(packet, start, end);
+    };
+    put(transfer, "100");
+    EXPECT_EQ(said(), " 81 71:0+184320:1+184320:2+184320") << "the part hashes first";
     EXPECT_EQ(requested(), 3 * chunk);
     fill(0, chunk - 1);
     state().gotData(*partner);
-    // Out of order it waits for those before it.
     fill(chunk, 2 * chunk);
     state().gotData(*partner);
-    EXPECT_EQ(said(), "");
+    EXPECT_EQ(said(), "") << "one out of order waits for those before it";
     fill(chunk - 1, chunk);
-    state().gotData(peer(2));
+    state().gotData(*stranger);
     EXPECT_EQ(said(), "");
     state().gotData(*partner);
-    EXPECT_EQ(said(), "71 1+184320 2+184320 3+184320;");
+    EXPECT_EQ(said(), " 71:1+184320:2+184320:3+184320");
     state().gotData(*partner);
-    EXPECT_EQ(said(), "71 2+184320 3+184320 4+184320;");
-    // A status with fewer parts changes nothing of what was asked for.
-    EXPECT_TRUE(state().gotFileStatus(*partner, parts("000")));
-    EXPECT_EQ(requested(), 3 * chunk);
+    EXPECT_EQ(said(), " 71:2+184320:3+184320:4+184320");
+    {
+        FileSource second(User(2), *download);
+        second.setParts(partsOf("001"));
+        second.setState(std::make_unique<FSS_Transfering>(second, *stranger));
+        EXPECT_EQ(said(*stranger), " 81 71:105+5:-:-");
+    }
+    // What another has asked for isn't free.
+    state().gotFileStatus(*partner, partsOf("001"));
     fill(2 * chunk, 5 * chunk);
     for (int i = 0; i < 2; ++i) state().gotData(*partner);
     EXPECT_EQ(label() + said(), "Transferring");
+    // With room, it asks for a part that is open again and that it has.
+    source->setParts(partsOf("010"));
+    state().partReopened(2);
+    EXPECT_EQ(said(), "");
+    state().partReopened(1);
+    EXPECT_NE(said().find(":52+"), std::string::npos);
+    // Nothing is left: the slot goes to others.
+    put(transfer, "001");
+    fill(2 * PARTSIZE, 2 * PARTSIZE + 5);
     state().gotData(*partner);
     EXPECT_EQ(label(), "No Needed Parts");
-    EXPECT_TRUE(slotLeft());
-    EXPECT_TRUE(state().tick(1'800'000));
-    EXPECT_EQ(label(), "No Needed Parts");
-    EXPECT_TRUE(state().tick(1));
-    EXPECT_EQ(label(), "Unasked");
-    EXPECT_EQ(source->parts(), nullptr);
+    handleMessages();
+    EXPECT_NE(said().find(" 86"), std::string::npos);
 }
 
-TEST_F(FileSourceTest, NothingFreeIsNotAskedFor) {
-    source->setParts(parts("001"));
-    FileSource other(User(2), *download);
-    other.setParts(parts("001"));
-    put<FSS_Transfering>(*partner);
-    EXPECT_EQ(requested(), 5U);
-    TestPeer& second = peer(2);
-    other.setState(std::make_unique<FSS_Transfering>(other, second));
-    EXPECT_STREQ(other.state().label, "No Needed Parts");
-    EXPECT_EQ(said(second), "81;");
-}
+TEST_F(FileSourceTest, PartsAreCountedOnceAndAskedForAgain) {
+    put(onQueue, "110");
+    EXPECT_EQ(offered(), 2 * PARTSIZE);
+    source->setParts(partsOf("011"));
+    EXPECT_EQ(offered(), PARTSIZE + 5);
+    source.reset();
+    EXPECT_EQ(offered(), 0U);
 
-TEST_F(FileSourceTest, ATransferEndsInManyWays) {
-    const struct {
-        const char* event;
-        void (*happen)(FileSourceState& state, TestPeer& peer);
-        const char* label;
-        const char* said;
-        bool givesBack;
-        bool handsOn;
-    } rows[] = {
-        {"slotEnded", [](FileSourceState& s, TestPeer& p) { s.slotEnded(p); }, "On Queue", "", true, false},
-        {"peerGone", [](FileSourceState& s, TestPeer& p) { s.peerGone(p); }, "Bad Source", "86;", true,
-         false},
-        {"noSuchFile", [](FileSourceState& s, TestPeer& p) { s.noSuchFile(p); }, "Bad Source", "", true,
-         true},
-        {"pause", [](FileSourceState& s, TestPeer&) { s.pause(); }, "Bad Source", "73;", true, true},
-        {"diskFull", [](FileSourceState& s, TestPeer&) { s.diskFull(); }, "Bad Source", "73;", true, true},
-        {"drop", [](FileSourceState& s, TestPeer&) { s.drop(); }, "Bad Source", "73;", false, true},
-        {"stop", [](FileSourceState& s, TestPeer&) { s.stop(); }, "Bad Source", "73;", false, true},
-        {"complete", [](FileSourceState& s, TestPeer&) { s.complete(); }, "Bad Source", "73;", false, true},
-        {"stall", [](FileSourceState& s, TestPeer&) { s.tick(360'001); }, "Unasked", "", true, false},
-    };
-    TestPeer& other = peer(2);
-    for (const auto& row : rows) {
-        begin(2 * PARTSIZE + 5);
-        source->setParts(parts("111"));
-        put<FSS_Transfering>(*partner);
-        EXPECT_FALSE(state().slotEnded(other));
-        EXPECT_FALSE(state().gotFileStatus(other, parts("111")));
-        state().peerGone(other);
-        state().noSuchFile(other);
-        EXPECT_TRUE(state().tick(360'000));
-        EXPECT_EQ(label() + said(), "Transferring") << row.event;
-        row.happen(state(), *partner);
-        EXPECT_EQ(label(), row.label) << row.event;
-        EXPECT_EQ(said(), row.said) << row.event;
-        EXPECT_EQ(requested() == 0, row.givesBack) << row.event;
-        EXPECT_EQ(slotLeft(), row.handsOn) << row.event;
-        EXPECT_EQ(dlPool.transferCount, 0) << row.event;
-    }
-}
-
-TEST_F(FileSourceTest, PartsAreAskedForAgainWhileItTransfers) {
-    source->setParts(parts("111"));
-    put<FSS_Transfering>(*partner);
+    put(transfer, "110");
+    said();
     for (int i = 0; i < 6; ++i) {
         state().tick(300'000);
         state().gotData(*partner);
     }
     EXPECT_EQ(said(), "");
     state().tick(1);
-    EXPECT_EQ(said(), "79;");
+    EXPECT_EQ(said(), " 79");
     state().tick(1);
     EXPECT_EQ(said(), "");
-}
-
-TEST_F(FileSourceTest, AReopenedPartWakesWhoHasIt) {
-    source->setParts(parts("001"));
-    put<FSS_NoNeededParts>();
-    state().partReopened();
-    EXPECT_EQ(label(), "Unasked");
-    source->setParts(parts("000"));
-    put<FSS_NoNeededParts>();
-    state().partReopened();
-    EXPECT_EQ(label(), "No Needed Parts");
-    // One with room in its slots asks at once.
-    source->setParts(parts("001"));
-    put<FSS_Transfering>(*partner);
-    source->setParts(parts("101"));
-    state().partReopened();
-    EXPECT_EQ(said().substr(0, 5), "71 10");
-    state().partReopened();
-    EXPECT_EQ(said(), "");
-}
-
-TEST_F(FileSourceTest, WhatASourceOffersIsCountedOnce) {
-    source->setParts(parts("110"));
-    EXPECT_EQ(offered(), 2 * PARTSIZE);
-    source->setParts(parts("011"));
-    EXPECT_EQ(offered(), PARTSIZE + 5);
-    source.reset();
-    EXPECT_EQ(offered(), 0U);
 }
 
 }  // namespace

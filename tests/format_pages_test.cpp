@@ -37,16 +37,14 @@ using namespace std::string_literals;
 using Decoder = std::function<bool(std::span<const std::uint8_t>)>;
 
 bool readsAsSettings(std::span<const std::uint8_t> bytes) {
-    std::vector<std::uint8_t> copy(bytes.begin(), bytes.end());
-    i4_ram_file_class stream(copy.data(), static_cast<u32>(copy.size()), 0);
+    BytesFile stream(bytes);
     Preferences settings;
     return settings.fromDisk(stream) && stream.bytesLeft() == 0u && settings.getName() == "kit" &&
            settings.doorPort == 4662 && settings.maxCon == 300 && settings.lineDown == 50.0F;
 }
 
 bool readsAsCollection(std::span<const std::uint8_t> bytes) {
-    std::vector<std::uint8_t> copy(bytes.begin(), bytes.end());
-    i4_ram_file_class stream(copy.data(), static_cast<u32>(copy.size()), 0);
+    BytesFile stream(bytes);
     Collection collection;
     return collection.read(stream) && stream.bytesLeft() == 0u && collection.self.getName() == "Set"s &&
            collection.self.getText(TAG_TYPE) == "Col"s && collection.count() == 1 &&
@@ -95,6 +93,22 @@ bool readsAsUser(i4_file& file) {
            user.getName() == "abcde"s && user.getInt(TAG_VERSION) == 59;
 }
 
+bool readsAsResults(i4_file& file) {
+    FileList list;
+    const bool good = list.fromNetwork(file) && list.count() == 1 && list.get(0)->getName() == "a"s &&
+                      list.get(0)->getInt(TAG_AVAILABILITY) == 2 && file.read_8() == 0;
+    list.deleteAll();
+    return good;
+}
+
+bool readsAsFileStatus(i4_file& file) {
+    MD4Hash hash;
+    BoolArray parts(0);
+    file.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    parts.read(file);
+    return hash.bytes[15] == 15 && parts.toText() == "101";
+}
+
 bool readsAsTree(std::span<const std::uint8_t> bytes) {
     BytesFile file(bytes);
     Search search;
@@ -124,6 +138,20 @@ const std::map<std::string, Decoder> decoders = {
                                 file.read_16() == 0;
                      })},
     {"controller", packet(100, [](i4_file& file) { return file.read_16() == 0 && file.read_16() == 0; })},
+    {"results", packet(51, readsAsResults)},
+    {"ping answer",
+     [](std::span<const std::uint8_t> bytes) {
+         BytesFile file(bytes);
+         return file.read_8() == Packet::marker && file.read_8() == 151 && file.read_32() == 10'000 &&
+                file.read_32() == 5 && file.read_32() == 42 && file.bytesLeft() == 0u;
+     }},
+    {"file status", packet(80, readsAsFileStatus)},
+    {"download status", packet(197,
+                               [](i4_file& file) {
+                                   return file.read_16() == 1 && file.read_16() == 0 && file.read_8() == 2 &&
+                                          file.read_float() == 50.0F && file.read_32() == 1'048'576 &&
+                                          file.read_8() == 100 && file.read_8() == 3;
+                               })},
     {"part.met", readsAsPartMeta},
     {"pref.met", readsAsSettings},
     {"collection", readsAsCollection},
@@ -165,12 +193,11 @@ TEST(FormatPages, ExamplesAreReadStrictly) {
     std::istringstream page(
         "# Page\n```hex one\n01 fF  ; two bytes\n\n0203\n```\n```sh\nzz\n```\n```hex two\n```\n");
     const std::vector<HexExample> examples = readHexExamples(page);
-    ASSERT_EQ(examples.size(), 2u);
+    ASSERT_EQ(examples.size(), 2U);
     EXPECT_EQ(examples[0].name, "one");
     EXPECT_EQ(examples[0].line, 2);
-    EXPECT_EQ(examples[0].bytes, (std::vector<std::uint8_t>{1, 0xff, 2, 3}));
-    EXPECT_EQ(examples[1].name, "two");
-    EXPECT_THAT(examples[1].bytes, testing::IsEmpty());
+    EXPECT_EQ(examples[0].bytes, (Bytes{1, 0xff, 2, 3}));
+    EXPECT_TRUE(examples[1].bytes.empty());
     for (const char* bad :
          {"```hex\n00\n```\n", "```hex a\n0\n```\n", "```hex a\n0g\n```\n", "```hex a\n00\n"}) {
         std::istringstream broken(bad);

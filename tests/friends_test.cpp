@@ -4,14 +4,15 @@
 
 namespace {
 
-const MD4Hash fileHash = hashOf(0xF0);
+const std::string chat = opcode(78, text16("hello"));
+const std::string refusal = opcode(83);
 
 // What the user interface hears of friends and calls.
 class Listener : public CapturedLog {
   public:
     void friendsChanged() override { told += "friends;"; }
     void friendFiles() override { told += "files;"; }
-    void callMessage(Call*, const char* text) override { told += std::string("\"") + text + "\";"; }
+    void callMessage(Call*, const char* text) override { told += text + std::string(";"); }
     void callOpened(Call* call) override { told += "call " + std::to_string(call->state()) + ";"; }
     std::string heard() { return std::exchange(told, {}); }
 
@@ -19,182 +20,197 @@ class Listener : public CapturedLog {
     std::string told;
 };
 
+// Whom nobody reaches while we have a low ID too.
+class LowUser : public UserMeta {
+  public:
+    explicit LowUser(u8 fill) {
+        preferences.setClientId(5);
+        id = 77;
+        hash = hashOf(fill);
+    }
+};
+
 class FriendsTest : public Engine {
   protected:
-    static u32 stateOf(u8 last) {
+    ~FriendsTest() override { friendList.getFiles().deleteAll(); }
+
+    // The friends and how they stand: "1:2 2:0".
+    static std::string drawn() {
         const i4_guard guard(friendList);
-        const UserMeta* user = friendList.findUnsafe(hashOf(last));
-        return user ? user->friendState : 99;
+        std::string text;
+        for (FriendList::Cursor c; const UserMeta* user = friendList.next(c);) {
+            text += (text.empty() ? "" : " ") + std::to_string(user->hash.bytes[0]) + ":" +
+                    std::to_string(user->friendState);
+        }
+        return text;
     }
-    static std::string list(const std::string& name) {
-        return opcode(75, le32(1) + bytesOf(fileHash) + le32(0) + le16(0) + le32(1) + "\2" + text16("\1") +
-                              text16(name));
+    static std::string files(const std::string& name) {
+        return opcode(75, le32(1) + namedRecord(hashOf(0xF0), 0, 0, name));
+    }
+    static std::string shownFile() {
+        const FileMeta* file = friendList.getFiles().get(0);
+        return file ? file->getName() : "";
     }
     Listener ui;
 };
 
-TEST_F(FriendsTest, AreKnownOnce) {
+TEST_F(FriendsTest, AreKnownOnceComeAndGoAndAreRenewed) {
     EXPECT_FALSE(friendList.add(0, 4662));
-    EXPECT_EQ(friendList.count(), 0U);
+    EXPECT_EQ(ui.heard(), "");
     EXPECT_TRUE(friendList.add(addressOf(1), 4662));
     EXPECT_TRUE(friendList.add(addressOf(1), 4662));
     friendList.addFriend(User(1));
-    EXPECT_EQ(friendList.count(), 1U);
+    EXPECT_EQ(ui.heard(), "friends;");
+    EXPECT_EQ(drawn(), "0:0");
+    EXPECT_FALSE(friendList.isFriend(hashOf(1)));
+    TestPeer& peer = this->peer(1, "Ada");
+    this->peer(2);
+    EXPECT_EQ(ui.heard(), "friends;");
+    // Found by the hash that came with the connection.
+    EXPECT_EQ(drawn(), "1:2");
+    EXPECT_TRUE(friendList.isFriend(hashOf(1)));
+    EXPECT_FALSE(friendList.isFriend(MD4Hash()));
+    EXPECT_STREQ(friendList.find(hashOf(1))->getName(), "Ada");
+    peer.end();
+    EXPECT_EQ(drawn(), "1:0");
     EXPECT_EQ(ui.heard(), "friends;");
     friendList.remove(User(2));
     EXPECT_EQ(ui.heard(), "");
     friendList.remove(User(1));
-    EXPECT_EQ(friendList.count(), 0U);
-}
-
-TEST_F(FriendsTest, ComeAndGoAndAreRenewed) {
-    friendList.add(addressOf(1), 4662);
-    friendList.isFriend(hashOf(1));  // makes the index
-    ui.heard();
-    TestPeer& peer = this->peer(1, "Ada");
-    EXPECT_EQ(ui.heard(), "friends;");
-    // Found by the hash that came with the connection.
-    EXPECT_TRUE(friendList.isFriend(hashOf(1)));
-    EXPECT_EQ(stateOf(1), FRIEND_CONNECTED);
-    EXPECT_STREQ(friendList.find(hashOf(1))->getName(), "Ada");
-    this->peer(2);
-    EXPECT_EQ(ui.heard(), "");
-    peer.end();
-    EXPECT_EQ(stateOf(1), FRIEND_NOT_CONNECTED);
-    EXPECT_EQ(ui.heard(), "friends;");
-    EXPECT_FALSE(friendList.isFriend(MD4Hash()));
+    EXPECT_EQ(drawn(), "");
 }
 
 TEST_F(FriendsTest, TellTheirFilesWhenAsked) {
-    friendList.addFriend(User(1));
+    friendList.add(addressOf(1), 4662);
     TestPeer& peer = this->peer(1, "Ada");
-    // Nobody asked.
-    ui.heard();
-    ASSERT_TRUE(peer.hear(list("a.txt")));
-    EXPECT_EQ(ui.heard(), "");
-    EXPECT_EQ(friendList.getFiles().count(), 0U);
-
+    TestPeer& other = this->peer(2);
+    EXPECT_TRUE(peer.hear(files("a.txt")));
+    EXPECT_EQ(shownFile(), "") << "nobody asked";
     ui.take();
-    friendList.askFiles(User(1));
+    messageQ.post(MESSAGE_ASK_FRIEND_FILES, std::shared_ptr<UserMeta>(new User(1)));
+    messageQ.process();
     EXPECT_EQ(ui.take(), "Asking Ada for file list.\n");
     EXPECT_EQ(peer.sentOne(), opcode(74));
-    ASSERT_TRUE(this->peer(2).hear(list("b.txt")));
-    EXPECT_EQ(friendList.getFiles().count(), 0U);
-    ASSERT_TRUE(peer.hear(list("a.txt")));
+    EXPECT_TRUE(other.hear(files("b.txt")));
+    EXPECT_EQ(shownFile(), "");
+    ui.heard();
+    EXPECT_TRUE(peer.hear(files("a.txt")));
     EXPECT_EQ(ui.heard(), "files;");
-    ASSERT_EQ(friendList.getFiles().count(), 1U);
-    EXPECT_STREQ(friendList.getFiles().get(0)->getName(), "a.txt");
-    // Once.
-    ASSERT_TRUE(peer.hear(list("c.txt")));
-    EXPECT_STREQ(friendList.getFiles().get(0)->getName(), "a.txt");
-    // A list that can't be read ends the connection; the files stay, and the next try counts.
-    friendList.askFiles(User(1));
-    EXPECT_FALSE(peer.hear(opcode(75, le32(7) + bytesOf(fileHash))));
-    EXPECT_EQ(friendList.getFiles().count(), 1U);
+    EXPECT_TRUE(peer.hear(files("c.txt")));
+    EXPECT_EQ(shownFile(), "a.txt") << "once";
+    // Asked for nobody's, the next answer is nobody's either.
+    UserMeta byAddress;
+    byAddress.id = addressOf(1);
+    friendList.askFiles(&byAddress);
+    messageQ.post(MESSAGE_ASK_FRIEND_FILES);
+    messageQ.process();
+    EXPECT_TRUE(peer.hear(files("d.txt")));
+    EXPECT_EQ(shownFile(), "a.txt");
+    // A list that can't be read ends the connection; the files stay, and the friend who comes back is asked
+    // again, wherever he comes from. A long one that nobody waits for isn't even read.
+    const std::string unreadable = opcode(75, le32(100'000) + std::string(70'000, '\xFF'));
+    EXPECT_TRUE(peer.hear(unreadable));
+    friendList.askFiles(&byAddress);
+    EXPECT_FALSE(peer.hear(unreadable));
+    EXPECT_EQ(shownFile(), "a.txt");
     peer.end();
-    TestPeer& back = stranger(1);
-    ASSERT_TRUE(back.hear(opcode(1, "\x10" + identity(1, "Ada"))));
+    TestPeer& back = stranger(3);
+    EXPECT_TRUE(back.hear(opcode(1, "\x10" + identity(1, "Ada", addressOf(3)))));
     EXPECT_EQ(back.sent().back(), opcode(74));
-    friendList.getFiles().deleteAll();
+    EXPECT_TRUE(back.hear(files("e.txt")));
+    EXPECT_EQ(shownFile(), "e.txt");
 }
 
 TEST_F(FriendsTest, AreReachedOrNot) {
-    friendList.addFriend(User(1));
-    friendList.askFiles(User(1));
+    const User friendly(1);
+    friendList.addFriend(friendly);
+    friendList.askFiles(&friendly);
     EXPECT_EQ(ui.take(), "Waiting for connection.\n");
-    EXPECT_EQ(stateOf(1), FRIEND_WAITING);
-    friendList.askFiles(UserMeta());
+    EXPECT_EQ(drawn(), "1:1");
+    const UserMeta nowhere{};
+    friendList.askFiles(&nowhere);
     EXPECT_EQ(ui.take(), "Need to look for user. Not yet implemented.\n");
-    preferences.setClientId(5);
-    UserMeta low;
-    low.id = 77;
-    low.hash = hashOf(3);
+    const LowUser low(3);
     friendList.addFriend(low);
-    friendList.askFiles(low);
+    friendList.askFiles(&low);
     EXPECT_EQ(ui.take(), "Can't connect to User.\n");
-    EXPECT_EQ(stateOf(3), FRIEND_UNREACHABLE);
-}
-
-TEST_F(FriendsTest, WhoMayOpenACall) {
-    // Calls stay for the life of the process, so that each case has users of its own.
-    u8 next = 10;
-    for (const int allowed : {0, 1, 2}) {
-        preferences.pmAllow = allowed;
-        TestPeer& unknown = peer(next++);
-        TestPeer& byFriend = peer(next);
-        friendList.addFriend(User(next++));
-        TestPeer& called = peer(next);
-        callList.open(User(next++));
-        const struct {
-            TestPeer& peer;
-            bool heard;
-        } rows[] = {{unknown, allowed == 0}, {byFriend, allowed != 1}, {called, true}};
-        for (const auto& row : rows) {
-            ui.heard();
-            ASSERT_TRUE(row.peer.hear(opcode(78, text16("hello"))));
-            EXPECT_EQ(ui.heard(), row.heard ? "\"hello\";" : "") << allowed;
-            EXPECT_EQ(row.peer.sentOne(), row.heard ? "" : opcode(83)) << allowed;
-        }
-    }
-    // Before the hello nobody is known, whoever has friends without a hash.
-    friendList.add(addressOf(50), 4662);
-    TestPeer& silent = stranger(next);
-    ASSERT_TRUE(silent.hear(opcode(78, text16("hello"))));
-    EXPECT_EQ(silent.sentOne(), opcode(83));
+    EXPECT_EQ(drawn(), "1:1 3:3");
 }
 
 TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
+    const std::string longest(65'534, 'x');
     TestPeer& peer = this->peer(30, "Ada");
     Call* call = callList.open(User(30));
     EXPECT_EQ(callList.open(User(30)), call);
     EXPECT_EQ(call->state(), CALL_CONNECTED);
-    EXPECT_TRUE(call->send("hi"));
-    EXPECT_EQ(peer.sentOne(), opcode(78, text16("hi")));
+    EXPECT_TRUE(call->send(longest.c_str()));
+    EXPECT_EQ(peer.sentOne(), opcode(78, text16(longest)));
+    EXPECT_FALSE(call->send((longest + "x").c_str()));
+    EXPECT_EQ(peer.sentOne(), "");
     ui.heard();
+    ASSERT_TRUE(peer.hear(opcode(78, text16(longest))));
+    EXPECT_EQ(ui.heard(), longest + ";");
+    // Longer than any text, it isn't one.
+    EXPECT_FALSE(peer.hear(opcode(78, text16(longest + "x"))));
     peer.end();
-    EXPECT_EQ(ui.heard(), "\"Disconnected.\";call 3;");
+    EXPECT_EQ(ui.heard(), "Disconnected.;call 3;");
     EXPECT_FALSE(call->send("hi"));
-    // An ended call stays so.
     this->peer(30, "Ada");
-    EXPECT_EQ(callList.open(User(30))->state(), CALL_ENDED);
+    EXPECT_EQ(callList.open(User(30))->state(), CALL_ENDED) << "an ended call stays so";
 
     Call* outgoing = callList.open(User(31));
     EXPECT_EQ(outgoing->state(), CALL_CONNECTING);
     EXPECT_FALSE(outgoing->send("hi"));
-    // Their hello to us isn't the answer to ours.
     this->peer(31);
-    EXPECT_EQ(outgoing->state(), CALL_CONNECTING);
+    EXPECT_EQ(outgoing->state(), CALL_CONNECTING) << "their hello to us isn't the answer to ours";
     ui.heard();
     TestPeer& answering = stranger(31);
     ASSERT_TRUE(answering.hear(opcode(76, identity(31, "Bob"))));
     EXPECT_EQ(ui.heard(), "call 0;");
-    EXPECT_TRUE(outgoing->send(std::string(65'000, 'x').c_str()));
-    EXPECT_EQ(answering.sentOne(), opcode(78, text16(std::string(65'000, 'x'))));
-    ASSERT_TRUE(answering.hear(opcode(83)));
-    EXPECT_EQ(ui.heard(), "\"Is not accepting calls.\";call 3;");
+    EXPECT_TRUE(outgoing->send("hi"));
+    EXPECT_EQ(answering.sentOne(), opcode(78, text16("hi")));
+    ASSERT_TRUE(answering.hear(refusal));
+    EXPECT_EQ(ui.heard(), "Is not accepting calls.;call 3;");
     EXPECT_FALSE(outgoing->send("hi"));
-
-    preferences.setClientId(5);
-    UserMeta low;
-    low.id = 77;
-    low.hash = hashOf(32);
-    EXPECT_EQ(callList.open(low)->state(), CALL_ENDED);
+    EXPECT_EQ(callList.open(LowUser(32))->state(), CALL_ENDED);
 }
 
-TEST_F(FriendsTest, AFloodOfStrangersOpensAThousandCallsAtMost) {
-    TestPeer& peer = stranger(60);
-    u32 refused = 0;
-    for (u32 i = 0; i < 1100; ++i) {
-        std::string record = identity(60);
-        record[0] = static_cast<char>(i);
-        record[1] = static_cast<char>(i >> 8);
-        ASSERT_TRUE(peer.hear(opcode(1, "\x10" + record)));
-        peer.sent();
-        ASSERT_TRUE(peer.hear(opcode(78, text16("buy"))));
-        refused += peer.sentOne() == opcode(83) ? 1U : 0U;
+// Calls stay for the life of the process, so that each case has users of its own. A flood comes from one who
+// calls himself somebody else each time, by the first two bytes of the hash.
+TEST_F(FriendsTest, WhoMayOpenACall) {
+    u8 next = 10;
+    for (const int allowed : {1, 2, 0}) {
+        preferences.pmAllow = allowed;
+        const auto isHeard = [&](TestPeer& peer) {
+            ui.heard();
+            EXPECT_TRUE(peer.hear(chat));
+            const bool heard = ui.heard() == "hello;";
+            EXPECT_EQ(peer.sentOne(), heard ? "" : refusal) << allowed;
+            return heard;
+        };
+        TestPeer& byFriend = peer(next);
+        friendList.addFriend(User(next++));
+        EXPECT_EQ(isHeard(byFriend), allowed != 1) << allowed;
+        TestPeer& called = peer(next);
+        callList.open(User(next++));
+        EXPECT_TRUE(isHeard(called)) << allowed;
+
+        TestPeer& flooding = stranger(60);
+        int refused = 0;
+        for (u32 i = 0; i < 1100; ++i) {
+            ASSERT_TRUE(flooding.hear(opcode(1, "\x10" + le16(i) + identity(60).substr(2))));
+            flooding.sent();
+            refused += isHeard(flooding) ? 0 : 1;
+        }
+        EXPECT_GE(refused, allowed == 0 ? 100 : 1100) << "a thousand calls at most";
+        EXPECT_LT(refused, allowed == 0 ? 200 : 1101);
     }
-    EXPECT_GE(refused, 100U);
-    EXPECT_LT(refused, 200U);
+    // Before the hello nobody is known, whoever has friends without a hash.
+    preferences.pmAllow = 2;
+    friendList.add(addressOf(50), 4662);
+    TestPeer& silent = stranger(next);
+    ASSERT_TRUE(silent.hear(chat));
+    EXPECT_EQ(silent.sentOne(), refusal);
 }
 
 }  // namespace

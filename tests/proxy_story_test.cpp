@@ -1,15 +1,18 @@
-// A client behind real proxies: it logs on, searches and downloads through each of them.
+// A client behind real proxies, and behind some that misbehave.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "tests/support/Network.h"
+#include "tests/support/ScriptedProxy.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 // Where Debian installs programs, in the order in which a shell of root's looks.
 std::string installedProgram(const std::string& name) {
@@ -30,58 +33,81 @@ bool answersOn(int port) {
     return answers;
 }
 
+enum class Kind { dante, microsocks, tinyproxy };
+
+struct KindOfProxy {
+    const char* name;
+    const char* program;
+    const char* type;  // as --set-proxy names it
+};
+const KindOfProxy& about(Kind kind) {
+    static constexpr KindOfProxy kinds[] = {{"dante", "danted", "socks4"},
+                                            {"microsocks", "microsocks", "socks5"},
+                                            {"tinyproxy", "tinyproxy", "http"}};
+    return kinds[static_cast<int>(kind)];
+}
+
 struct Login {
     std::string user;
     std::string password;
 };
 
-// A proxy program on loopback; tinyproxy lets through to the target ports alone.
+// A proxy program on loopback, in a session of its own; tinyproxy lets through to the target ports alone.
 class RealProxy {
   public:
-    enum Kind { microsocks, tinyproxy };
-
-    RealProxy(Kind kind, std::vector<std::string> targets, Login login = {})
+    explicit RealProxy(Kind kind, std::vector<std::string> targets = {}, Login login = {})
         : kind_(kind), targets_(std::move(targets)), login_(std::move(login)), port_(freePort()) {}
     ~RealProxy() { stop(); }
     RealProxy(const RealProxy&) = delete;
     RealProxy& operator=(const RealProxy&) = delete;
 
-    static const char* nameOf(Kind kind) {
-        static constexpr const char* names[] = {"microsocks", "tinyproxy"};
-        return names[kind];
-    }
-
+    bool isInstalled() const { return !program().empty(); }
+    int port() const { return port_; }
     void start() {
-        process_ = std::make_unique<Process>(installedProgram(nameOf(kind_)), arguments(), home_.path(),
-                                             Process::Input::pipe);
+        process_ = std::make_unique<Process>(program(), arguments(), home_.path());
         ASSERT_TRUE(eventually([&] { return answersOn(port_); })) << process_->output();
     }
     void stop() {
         if (!process_) return;
-        process_->signal(SIGTERM);
-        process_->wait();
+        // With all its children: those of danted would go on with the tunnels that stand.
+        ::kill(-process_->pid(), SIGKILL);
         process_.reset();
     }
     std::string setting(const Login& login = {}) const {
-        static constexpr const char* types[] = {"socks5", "http"};
-        const std::string plain = std::string(types[kind_]) + ",localhost," + std::to_string(port_);
+        const std::string plain = std::string(about(kind_).type) + ",localhost," + std::to_string(port_);
         return login.user.empty() ? plain : plain + "," + login.user + "," + login.password;
     }
 
   private:
+    std::string program() const { return installedProgram(about(kind_).program); }
+
     std::vector<std::string> arguments() const {
         const std::string port = std::to_string(port_);
         const std::string config = home_.file("config");
-        if (kind_ == microsocks) {
-            std::vector<std::string> words{"-i", "127.0.0.1", "-p", port};
-            if (!login_.user.empty()) words.insert(words.end(), {"-u", login_.user, "-P", login_.password});
-            return words;
-        }
         std::ofstream file(config);
-        file << "Port " << port << "\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 600\nMaxClients 50\n";
-        for (const std::string& target : targets_) file << "ConnectPort " << target << "\n";
-        if (!login_.user.empty()) file << "BasicAuth " << login_.user << " " << login_.password << "\n";
-        return {"-d", "-c", config};
+        switch (kind_) {
+            case Kind::microsocks: {
+                std::vector<std::string> words{"-i", "127.0.0.1", "-p", port};
+                if (!login_.user.empty()) {
+                    words.insert(words.end(), {"-u", login_.user, "-P", login_.password});
+                }
+                return words;
+            }
+            case Kind::tinyproxy:
+                file << "Port " << port
+                     << "\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 600\nMaxClients 50\n";
+                for (const std::string& target : targets_) file << "ConnectPort " << target << "\n";
+                if (!login_.user.empty())
+                    file << "BasicAuth " << login_.user << " " << login_.password << "\n";
+                return {"-d", "-c", config};
+            case Kind::dante:
+                break;
+        }
+        file << "logoutput: " << home_.file("log") << "\ninternal: 127.0.0.1 port = " << port
+             << "\nexternal: 127.0.0.1\nclientmethod: none\nsocksmethod: none\n"
+                "client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n"
+                "socks pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n";
+        return {"-f", config, "-p", home_.file("pid")};
     }
 
     const Kind kind_;
@@ -92,20 +118,20 @@ class RealProxy {
     std::unique_ptr<Process> process_;
 };
 
-class ProxyStory : public testing::TestWithParam<std::tuple<RealProxy::Kind, bool>> {
+void storeProxy(const std::string& directory, const std::string& value) {
+    Process process(programPath("tarnwick"), {"--set-proxy", value}, directory, Process::Input::pipe);
+    ASSERT_EQ(process.wait(), 0) << process.output();
+}
+
+class ProxyStory : public testing::TestWithParam<std::tuple<Kind, bool>> {
   protected:
     void SetUp() override {
-        const char* name = RealProxy::nameOf(kind_);
-        if (installedProgram(name).empty()) GTEST_SKIP() << name << " isn't installed";
+        if (!proxy_.isInstalled()) GTEST_SKIP() << about(kind_).program << " isn't installed";
     }
 
-    void setProxy(const std::string& value) {
-        Process process(programPath("tarnwick"), {"--set-proxy", value}, leech_.file(""),
-                        Process::Input::pipe);
-        ASSERT_EQ(process.wait(), 0) << process.output();
-    }
+    void setProxy(const std::string& value) { storeProxy(leech_.file(""), value); }
 
-    const RealProxy::Kind kind_ = std::get<0>(GetParam());
+    const Kind kind_ = std::get<0>(GetParam());
     const Login login_ = std::get<1>(GetParam()) ? Login{"kit", "secret"} : Login{};
     TemporaryDirectory folder_;
     IndexServerProcess index_;
@@ -114,8 +140,18 @@ class ProxyStory : public testing::TestWithParam<std::tuple<RealProxy::Kind, boo
     RealProxy proxy_{kind_, {index_.port(), seed_.doorPort()}, login_};
 };
 
+std::string nameOfStory(const testing::TestParamInfo<ProxyStory::ParamType>& story) {
+    return std::string(about(std::get<0>(story.param)).name) +
+           (std::get<1>(story.param) ? "WithPassword" : "");
+}
+
+const auto withoutPassword =
+    testing::Combine(testing::Values(Kind::dante, Kind::microsocks, Kind::tinyproxy), testing::Values(false));
+const auto withPassword =
+    testing::Combine(testing::Values(Kind::microsocks, Kind::tinyproxy), testing::Values(true));
+
 TEST_P(ProxyStory, AClientLogsOnSearchesAndDownloadsThroughIt) {
-    const std::string bytes = bytesOfSeed(9, 12'000'000);
+    const std::string bytes = someBytes(12'000'000, 9);
     writeFile(folder_.file("behind.bin"), bytes);
     seed_.start();
     seed_.logOn();
@@ -129,6 +165,12 @@ TEST_P(ProxyStory, AClientLogsOnSearchesAndDownloadsThroughIt) {
     leech_.findAndDownload("behind");
     EXPECT_TRUE(leech_.hasFinished("behind.bin", bytes)) << leech_.console().output();
 
+    // It can't be called, and calls those who want its files.
+    writeFile(folder_.file("own/ahead.bin"), bytes.substr(1));
+    leech_.share(folder_.file("own"), index_);
+    seed_.findAndDownload("ahead");
+    EXPECT_TRUE(seed_.hasFinished("ahead.bin", bytes.substr(1))) << seed_.console().output();
+
     // The way went through the proxy, and no way goes around it.
     proxy_.stop();
     EXPECT_TRUE(
@@ -137,17 +179,8 @@ TEST_P(ProxyStory, AClientLogsOnSearchesAndDownloadsThroughIt) {
     leech_.quit();
 }
 
-std::string nameOfStory(const testing::TestParamInfo<ProxyStory::ParamType>& story) {
-    return std::string(RealProxy::nameOf(std::get<0>(story.param))) +
-           (std::get<1>(story.param) ? "WithPassword" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, ProxyStory,
-                         testing::Values(std::make_tuple(RealProxy::microsocks, false),
-                                         std::make_tuple(RealProxy::microsocks, true),
-                                         std::make_tuple(RealProxy::tinyproxy, false),
-                                         std::make_tuple(RealProxy::tinyproxy, true)),
-                         nameOfStory);
+INSTANTIATE_TEST_SUITE_P(Each, ProxyStory, withoutPassword, nameOfStory);
+INSTANTIATE_TEST_SUITE_P(EachWithPassword, ProxyStory, withPassword, nameOfStory);
 
 class ProxyWithPasswordStory : public ProxyStory {};
 
@@ -165,9 +198,95 @@ TEST_P(ProxyWithPasswordStory, AWrongPasswordEndsTheAttemptAndNothingElse) {
     leech_.quit();
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, ProxyWithPasswordStory,
-                         testing::Values(std::make_tuple(RealProxy::microsocks, true),
-                                         std::make_tuple(RealProxy::tinyproxy, true)),
-                         nameOfStory);
+INSTANTIATE_TEST_SUITE_P(Each, ProxyWithPasswordStory, withPassword, nameOfStory);
+
+class BadProxyStory : public ProxyStory {};
+
+TEST_P(BadProxyStory, EachAttemptFailsInItsTimeAndTheNextOneWorks) {
+    constexpr auto stay = ScriptedProxy::Then::stay;
+    // Good ones, but for the last byte.
+    const std::string slow[] = {"\0\x5a\0\0\x7f\0\0"s, "\5", "HTTP/1.0 200 Connection established\r\n\r"};
+    const std::string bad[] = {"\0\x5b\0\0\0\0\0\0"s, "\5\xff", "HTTP/1.0 403 Forbidden\r\n\r\n"};
+    const auto kind = static_cast<std::size_t>(kind_);
+    const auto port = static_cast<u16>(proxy_.port());
+    setProxy(proxy_.setting());
+    leech_.start();
+    // The attempt before may have told that it failed, and not be over yet.
+    const auto attempt = [&] {
+        EXPECT_TRUE(eventually(
+            [&] { return leech_.view("c 1", "to ").find("Connecting to ") != std::string::npos; }));
+    };
+    const auto attemptFails = [&](const char* how) {
+        attempt();
+        ASSERT_TRUE(leech_.console().waitFor("Can't connect to")) << how << leech_.console().output();
+        EXPECT_TRUE(leech_.type("g", "Not connected to a server."));
+    };
+    attemptFails("nobody listens");
+    {
+        const ScriptedProxy proxy({}, ScriptedProxy::Then::close, port);
+        attemptFails("it closes");
+    }
+    for (const ProxyTurn& turn :
+         {ProxyTurn{"", bad[kind]}, ProxyTurn{"", someBytes(5000)}, ProxyTurn{"", slow[kind], true}}) {
+        const ScriptedProxy proxy({turn}, stay, port);
+        attemptFails("it refuses, answers nonsense or answers byte by byte");
+    }
+    {
+        const ScriptedProxy proxy({}, stay, port);
+        attempt();
+        EXPECT_TRUE(leech_.type("g", "Not connected to a server.")) << "the console answers meanwhile";
+        EXPECT_TRUE(leech_.console().waitFor("Can't connect to", std::chrono::seconds(20)));
+    }
+    ASSERT_NO_FATAL_FAILURE(proxy_.start());
+    attempt();
+    EXPECT_TRUE(leech_.console().waitFor("Connected to: ")) << leech_.console().output();
+    leech_.quit();
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, BadProxyStory, withoutPassword, nameOfStory);
+
+// Nobody is known for whom a proxy should open it.
+TEST(ProxyListener, ADoorForAControllerCannotBeOpened) {
+    TemporaryDirectory home;
+    for (const char* setting : {"socks4,127.0.0.1,9", "socks5,127.0.0.1,9", "http,127.0.0.1,9"}) {
+        storeProxy(home.path(), setting);
+        Process client(programPath("tarnwick"), {"-", "vo"}, home.path(), Process::Input::pipe);
+        EXPECT_TRUE(client.waitFor(
+            "Can't Listen for connections. Please adjust your proxy settings in the options tab."));
+        EXPECT_TRUE(client.waitFor("Door Port:"));
+        client.closeInput();
+        EXPECT_EQ(client.wait(), 1);
+    }
+}
+
+TEST(ProxyListener, TakesAConnectionThroughSocks) {
+    RealProxy proxy(Kind::dante);
+    if (!proxy.isInstalled()) GTEST_SKIP() << "danted isn't installed";
+    ASSERT_NO_FATAL_FAILURE(proxy.start());
+    makeProtocol(nullptr);
+    const auto target = theProtocol->resolve("127.0.0.1", 0, 0);
+    for (const i32 type : {I4_PROXY_SOCKS4, I4_PROXY_SOCKS5}) {
+        SCOPED_TRACE(type);
+        i4_proxy_settings settings;
+        settings.pType = type;
+        settings.server = "127.0.0.1";
+        settings.port = proxy.port();
+        makeProtocol(&settings);
+        const auto door = theProtocol->listen(0, 10'000, I4_STREAM, target.get());
+        ASSERT_TRUE(door);
+        auto& listener = static_cast<i4_proxy_sock&>(*door);
+        makeProtocol(nullptr);
+        const auto caller = theProtocol->connect(*listener.target_address(), I4_STREAM, true);
+        ASSERT_TRUE(caller);
+        std::unique_ptr<i4_socket> socket;
+        std::unique_ptr<i4_address> from;
+        ASSERT_TRUE(listener.accept_remote(socket, from));
+        EXPECT_EQ(from->get_port(), caller->local_address()->get_port());
+        EXPECT_EQ(caller->write("ping", 4), 4);
+        char bytes[4];
+        socket->readAll(bytes, sizeof bytes);
+        EXPECT_EQ(std::string(bytes, 4), "ping");
+    }
+}
 
 }  // namespace

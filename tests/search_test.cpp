@@ -4,24 +4,21 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "i4min/file/file.h"
-#include "meta/FileList.h"
 #include "meta/FileMeta.h"
 #include "server/Search.h"
+#include "tests/support/bytes.h"
 #include "tests/support/damage.h"
 
 namespace {
 
-using Bytes = std::vector<u8>;
 using Node = std::unique_ptr<SearchNode>;
 
 constexpr u32 anyUnknown = 9;
 
-Node find(const char* text) { return std::make_unique<SN_FindStr>(text); }
+Node find(const std::string& text) { return std::make_unique<SN_FindStr>(text.c_str()); }
 Node inTag(const char* name, const char* value) { return std::make_unique<SN_StrTagCompare>(name, value); }
 Node number(const char* name, i32 value, u32 op) {
     return std::make_unique<SN_IntTagCompare>(name, value, op);
@@ -31,87 +28,69 @@ Node join(u32 op, Node left, Node right) {
     return std::make_unique<SN_Compound>(op, std::move(left), std::move(right));
 }
 
-Bytes bytesOf(const SearchNode& node) {
-    i4_owned_ram_file stream;
-    EXPECT_TRUE(node.toBytes(stream));
-    EXPECT_EQ(stream.tell(), node.byteSize());
-    return Bytes(stream.buffer(), stream.buffer() + stream.tell());
+std::string bytesOf(const SearchNode& node) {
+    const Bytes bytes = written([&](i4_file& stream) { EXPECT_TRUE(node.toBytes(stream)); });
+    EXPECT_EQ(bytes.size(), node.byteSize());
+    return {bytes.begin(), bytes.end()};
 }
 
-Node readBytes(std::span<const u8> bytes, u32* left = nullptr) {
-    Bytes copy(bytes.begin(), bytes.end());
-    i4_ram_file_class stream(copy.data(), static_cast<u32>(copy.size()), 0);
-    stream.setUsed(static_cast<u32>(copy.size()));
+Node readBytes(const std::string& bytes, u32 left = 0) {
+    BytesFile stream(std::span(reinterpret_cast<const u8*>(bytes.data()), bytes.size()));
     Node node = SearchNode::read(stream);
-    if (left) *left = *stream.bytesLeft();
+    if (node) {
+        EXPECT_EQ(stream.bytesLeft(), left);
+    }
     return node;
 }
 
-std::string printed(const SearchNode& node, std::size_t room = 1000) {
-    std::vector<char> out(room + 1, '#');
-    out[0] = 0;
-    node.printable(out.data(), room);
-    EXPECT_EQ(out[room], '#');
-    return out.data();
+std::string printed(const SearchNode& node) {
+    char out[1000] = "";
+    node.printable(out, sizeof out);
+    return out;
 }
 
-// The console's search for hello with the type Audio.
-const Bytes helloAudio = {0x00, 0x00, 0x02, 0x05, 0x00, 0x41, 0x75, 0x64, 0x69, 0x6f, 0x01,
-                          0x00, 0x03, 0x01, 0x05, 0x00, 0x68, 0x65, 0x6c, 0x6c, 0x6f};
-
-TEST(Search, WritesTheBytesThatServersRead) {
-    Search search;
-    i4_owned_ram_file nothing;
-    EXPECT_FALSE(search.toBytes(nothing));
-    EXPECT_EQ(nothing.tell(), 0u);
-    EXPECT_EQ(search.byteSize(), 0u);
-    search.add(inTag("\x03", "Audio"), SEARCH_AND);
-    search.add(find("Hello"), SEARCH_AND);
-    EXPECT_EQ(bytesOf(*search.root()), helloAudio);
-    EXPECT_EQ(search.byteSize(), 21u);
-    EXPECT_EQ(bytesOf(*all()), Bytes{4});
-    EXPECT_EQ(bytesOf(*number("\x02", -2, COMPARE_AT_LEAST)), (Bytes{3, 0xfe, 0xff, 0xff, 0xff, 3, 1, 0, 2}));
-}
-
-TEST(Search, ReadsWhatItWroteInLowerCase) {
-    const Node tree = join(SEARCH_LEFT_ONLY, join(SEARCH_OR, find("a b"), inTag("Artist", "QUEEN\xc4")),
-                           join(SEARCH_RIGHT_ONLY, number("\x02", 7, COMPARE_NOT_EQUAL), all()));
-    Bytes bytes = bytesOf(*tree);
-    const Node back = readBytes(bytes);
-    ASSERT_TRUE(back);
-    for (u8& byte : bytes) {
-        if (byte >= 'Q' && byte <= 'U' && byte != 'A') byte = static_cast<u8>(byte + 32);
+struct Record : FileMeta {
+    Record() {
+        setName("My LOVELY Song.mp3");
+        setInt(TAG_SIZE, 0xFFFFFFF0);
+        setText("Artist", "Que\xc4n");
+        setText("empty", "");
+        setInt("bitrate", 128);
     }
-    for (u8 capital : {'E', 'N'})
-        std::replace(bytes.begin(), bytes.end(), capital, static_cast<u8>(capital + 32));
-    EXPECT_EQ(bytesOf(*back), bytes) << "value lowered, name of the tag and bytes past ASCII as they were";
-    EXPECT_EQ(bytesOf(*back->clone()), bytes);
-    EXPECT_EQ(back->cost(), 10u + 3u + 1u + 0u);
-    u32 left = 0;
-    EXPECT_TRUE(readBytes(Bytes{4, 99}, &left));
-    EXPECT_EQ(left, 1u) << "behind a tree nothing is read";
+};
+
+TEST(Search, TreesHaveTheirBytes) {
+    struct {
+        Node tree;
+        std::string bytes;
+        std::string read;  // texts and values in lower case, names of tags and bytes past ASCII as they were
+    } const table[] = {
+        {join(SEARCH_AND, inTag("\x03", "Audio"), find("Hello")),
+         std::string("\0\0\2\5\0Audio\1\0\3\1\5\0hello", 21),
+         std::string("\0\0\2\5\0audio\1\0\3\1\5\0hello", 21)},
+        {join(SEARCH_LEFT_ONLY, find("a b"), inTag("Artist", "QUEEN\xc4")),
+         le8(0) + "\2\1" + text16("a b") + "\2" + text16("QUEEN\xc4") + text16("Artist"),
+         le8(0) + "\2\1" + text16("a b") + "\2" + text16("queen\xc4") + text16("Artist")},
+        {number("\x02", -2, COMPARE_AT_LEAST), "\3" + le32(0xFFFFFFFE) + "\3" + text16("\2"),
+         "\3" + le32(0xFFFFFFFE) + "\3" + text16("\2")},
+        {all(), "\4", "\4"},
+    };
+    for (const auto& row : table) {
+        EXPECT_EQ(bytesOf(*row.tree), row.bytes);
+        const Node back = readBytes(row.bytes);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(bytesOf(*back), row.read);
+        EXPECT_EQ(bytesOf(*back->clone()), row.read);
+        EXPECT_EQ(back->cost(), row.tree->cost());
+    }
+    EXPECT_EQ(table[0].tree->cost(), 13u);
+    EXPECT_EQ(table[2].tree->cost() + table[3].tree->cost(), 1u);
+    EXPECT_TRUE(readBytes("\4x", 1)) << "behind a tree nothing is read";
 }
 
 TEST(Search, RefusesWhatIsNoTree) {
-    for (const Bytes& bad : {Bytes{}, Bytes{5}, Bytes{0}, Bytes{0, 0, 4}, Bytes{0, 0, 4, 5},
-                             Bytes{1, 3, 0, 'a', 'b'}, Bytes{3, 1, 0, 0, 0, 0}, Bytes{1, 0xff, 0xff, 'a'}}) {
-        EXPECT_FALSE(readBytes(bad)) << testing::PrintToString(bad);
-    }
-    Search search;
-    search.add(all(), SEARCH_AND);
-    Bytes bad{0, 0, 4};
-    i4_ram_file_class stream(bad.data(), 3, 0);
-    stream.setUsed(3);
-    EXPECT_FALSE(search.fromBytes(stream));
-    EXPECT_FALSE(search.root()) << "the old tree is gone too";
-}
-
-TEST(Search, BoundsDepthAndNodesOfWhatItReads) {
-    const auto chain = [](u32 levels) {  // so many levels, down the left
-        Bytes bytes;
-        for (u32 i = 1; i < levels; ++i) bytes.insert(bytes.end(), {0, 0});
-        bytes.insert(bytes.end(), levels, 4);
-        return bytes;
+    const auto chain = [](std::size_t levels) {  // so many, down the left
+        return std::string(2 * levels - 2, '\0') + std::string(levels, '\4');
     };
     EXPECT_TRUE(readBytes(chain(64)));
     EXPECT_FALSE(readBytes(chain(65)));
@@ -121,26 +100,25 @@ TEST(Search, BoundsDepthAndNodesOfWhatItReads) {
     };
     EXPECT_TRUE(readBytes(bytesOf(*balanced(balanced, 9))));                           // 1,023 nodes
     EXPECT_FALSE(readBytes(bytesOf(*join(SEARCH_OR, balanced(balanced, 9), all()))));  // 1,025
-}
 
-TEST(Search, SurvivesDamage) {
-    const Node tree = join(SEARCH_AND, join(SEARCH_XOR, find("words"), number("\x02", 7, COMPARE_BELOW)),
-                           inTag("\x03", "col"));
-    sweepDamage(bytesOf(*tree), [](std::span<const u8> bytes) {
-        if (const Node node = readBytes(bytes)) bytesOf(*node);
-    });
-}
-
-struct Record {
-    Record() {
-        meta.setName("My LOVELY Song.mp3");
-        meta.setInt(TAG_SIZE, 0xFFFFFFF0);
-        meta.setText("Artist", "Que\xc4n");
-        meta.setText("empty", "");
-        meta.setInt("bitrate", 128);
+    Search search;
+    search.add(all(), SEARCH_AND);
+    for (const std::string& bad :
+         {le8(5), std::string("\0\0\4\5", 4), "\3" + le32(1), "\1" + le16(0xFFFF) + "a"}) {
+        EXPECT_FALSE(readBytes(bad)) << testing::PrintToString(bad);
+        BytesFile stream(std::span(reinterpret_cast<const u8*>(bad.data()), bad.size()));
+        EXPECT_FALSE(search.fromBytes(stream));
+        EXPECT_FALSE(search.root()) << "the old tree is gone too";
+        EXPECT_EQ(search.byteSize(), 0u);
     }
-    FileMeta meta;
-};
+    const std::string good = bytesOf(*join(
+        SEARCH_AND, join(SEARCH_XOR, find("words"), number("\x02", 7, COMPARE_BELOW)), inTag("\x03", "col")));
+    sweepDamage(std::span(reinterpret_cast<const u8*>(good.data()), good.size()),
+                [](std::span<const u8> damaged) {
+                    BytesFile stream(damaged);
+                    if (const Node node = SearchNode::read(stream)) bytesOf(*node);
+                });
+}
 
 TEST(Search, MatchesRecords) {
     const Record record;
@@ -151,8 +129,6 @@ TEST(Search, MatchesRecords) {
     } const table[] = {
         {find("love"), true, "inside a longer word, in capitals"},
         {find("y S"), true, "a blank is a character like any other"},
-        {find("lovesong"), false, "not held"},
-        {find("song.mp3que"), false, "not across tags"},
         {find("128"), false, "numbers are no text"},
         {find(""), true, "an empty text is held by a tag that isn't empty"},
         {find("QUE\xc4N"), true, "bytes past ASCII as they are"},
@@ -162,138 +138,102 @@ TEST(Search, MatchesRecords) {
         {inTag("Artist", "song"), false, "another tag's"},
         {inTag("artist", "que"), false, "names are exact"},
         {inTag("empty", ""), false, "an empty text in an empty tag"},
-        {inTag("Artist", ""), true, ""},
         {inTag("bitrate", "128"), false, "not a string tag"},
         {inTag("\x01", nullptr), false, "no value"},
-        {number("bitrate", 128, COMPARE_EQUAL), true, ""},
-        {number("bitrate", 127, COMPARE_EQUAL), false, ""},
-        {number("bitrate", 127, COMPARE_ABOVE), true, "the tag's value stands on the left"},
-        {number("bitrate", 128, COMPARE_ABOVE), false, ""},
-        {number("bitrate", 129, COMPARE_BELOW), true, ""},
-        {number("bitrate", 128, COMPARE_BELOW), false, ""},
-        {number("bitrate", 128, COMPARE_AT_LEAST), true, ""},
-        {number("bitrate", 129, COMPARE_AT_LEAST), false, ""},
-        {number("bitrate", 128, COMPARE_AT_MOST), true, ""},
-        {number("bitrate", 127, COMPARE_AT_MOST), false, ""},
-        {number("bitrate", 127, COMPARE_NOT_EQUAL), true, ""},
-        {number("bitrate", 128, COMPARE_NOT_EQUAL), false, ""},
         {number("\x02", 0, COMPARE_BELOW), true, "numbers are signed"},
         {number("Artist", 0, COMPARE_NOT_EQUAL), false, "not an integer tag"},
-        {number("absent", 0, COMPARE_EQUAL), false, ""},
-        {all(), true, ""},
     };
     for (const auto& row : table) {
-        EXPECT_EQ(row.node->matches(record.meta), row.expected) << printed(*row.node) << ": " << row.why;
-        const Node copy = row.node->clone();
-        EXPECT_EQ(copy->matches(record.meta), row.expected) << "clone of " << printed(*row.node);
+        EXPECT_EQ(row.node->matches(record), row.expected) << printed(*row.node) << ": " << row.why;
+        EXPECT_EQ(row.node->clone()->matches(record), row.expected) << "clone of " << printed(*row.node);
     }
+    // Of the bitrate 128 with 127, 128 and 129, the tag's value on the left.
+    const std::pair<u32, std::string> comparisons[] = {{COMPARE_EQUAL, "010"},   {COMPARE_ABOVE, "100"},
+                                                       {COMPARE_BELOW, "001"},   {COMPARE_AT_LEAST, "110"},
+                                                       {COMPARE_AT_MOST, "011"}, {COMPARE_NOT_EQUAL, "101"}};
+    for (const auto& [op, expected] : comparisons) {
+        std::string holds;
+        for (i32 value = 127; value < 130; ++value)
+            holds += number("bitrate", value, op)->matches(record) ? '1' : '0';
+        EXPECT_EQ(holds, expected) << op;
+    }
+    const Node words = find("absent");
+    words->setValue("SONG");
+    EXPECT_TRUE(words->matches(record));
+    const Node size = number("bitrate", 128, COMPARE_EQUAL);
+    size->setValue(nullptr);
+    EXPECT_FALSE(size->matches(record));
 }
 
 TEST(Search, JoinsBranches) {
     const Record record;
-    struct {
-        u32 op;
-        bool bothFalse, rightTrue, leftTrue, bothTrue;
-    } const table[] = {
-        {SEARCH_AND, false, false, false, true},        {SEARCH_OR, false, true, true, true},
-        {SEARCH_LEFT_ONLY, false, false, true, false},  {SEARCH_XOR, false, true, true, false},
-        {SEARCH_RIGHT_ONLY, false, true, false, false},
-    };
+    // For no side, the right one, the left one, and both.
+    const std::pair<u32, std::string> table[] = {{SEARCH_AND, "0001"},
+                                                 {SEARCH_OR, "0111"},
+                                                 {SEARCH_LEFT_ONLY, "0010"},
+                                                 {SEARCH_XOR, "0110"},
+                                                 {SEARCH_RIGHT_ONLY, "0100"}};
     const auto side = [](bool value) { return find(value ? "song" : "absent"); };
-    for (const auto& row : table) {
-        const bool expected[] = {row.bothFalse, row.rightTrue, row.leftTrue, row.bothTrue};
-        for (int i = 0; i < 4; ++i) {
-            SCOPED_TRACE(row.op * 10 + static_cast<u32>(i));
-            const bool l = i >= 2, r = i % 2 == 1;
-            EXPECT_EQ(join(row.op, side(l), side(r))->matches(record.meta), expected[i]);
+    for (const auto& [op, answers] : table) {
+        for (std::size_t i = 0; i < 4; ++i) {
+            SCOPED_TRACE(op * 10 + i);
+            const bool expected = answers[i] == '1';
+            const auto node = [&, which = op] { return join(which, side(i >= 2), side(i % 2 == 1)); };
+            EXPECT_EQ(node()->matches(record), expected);
             // The same below another node on the left, and on the right.
-            const Node left = join(SEARCH_OR, join(row.op, side(l), side(r)), side(false));
-            EXPECT_EQ(left->matches(record.meta), expected[i]);
-            const Node right = join(SEARCH_LEFT_ONLY, side(true), join(row.op, side(l), side(r)));
-            EXPECT_EQ(right->matches(record.meta), !expected[i]);
+            EXPECT_EQ(join(SEARCH_OR, node(), side(false))->matches(record), expected);
+            EXPECT_EQ(join(SEARCH_LEFT_ONLY, side(true), node())->matches(record), !expected);
         }
     }
     testing::internal::CaptureStdout();
-    EXPECT_FALSE(join(anyUnknown, all(), all())->matches(record.meta));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Unknown Operation in Search");
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(number("bitrate", 1, anyUnknown)->matches(record.meta));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Unknown Operation in SN_IntTagCompare");
+    EXPECT_FALSE(join(anyUnknown, all(), all())->matches(record));
+    EXPECT_FALSE(number("bitrate", 1, anyUnknown)->matches(record));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Unknown Operation in SearchUnknown Operation in SN_IntTagCompare");
 }
 
 TEST(Search, ALongChainNeedsLittleStack) {
     const Record record;
     for (const char* last : {"song", "absent"}) {
-        const bool expected = std::strcmp(last, "song") == 0;
         Search filter;
         Node chain = find(last);
         for (int i = 0; i < 300000; ++i) {
-            filter.add(i == 0 ? find(last) : find("absent"), SEARCH_OR);
+            filter.add(find(i == 0 ? last : "absent"), SEARCH_OR);
             chain = join(SEARCH_OR, find("absent"), std::move(chain));
         }
-        EXPECT_EQ(filter.matches(record.meta), expected);
-        EXPECT_EQ(chain->matches(record.meta), expected);
+        EXPECT_EQ(filter.matches(record), std::strcmp(last, "song") == 0);
+        EXPECT_EQ(chain->matches(record), std::strcmp(last, "song") == 0);
     }
-}
-
-TEST(Search, FindsRecordsInAList) {
-    FileMeta songs[3];
-    FileList list;
-    FileList found;
-    for (int i = 0; i < 3; ++i) {
-        songs[i].setName(i == 1 ? "film" : "song");
-        list.add(&songs[i]);
-    }
-    Search search;
-    search.add(find("song"), SEARCH_AND);
-    list.search(search, found, 0);
-    EXPECT_EQ(found.count(), 2u);
-    EXPECT_EQ(found.get(1), &songs[2]);
-    found.clear();
-    list.search(search, found, 1);
-    EXPECT_EQ(found.count(), 1u);
 }
 
 TEST(Search, TakesAKeyword) {
     const auto song = [] { return find("song"); };
     struct {
         Node tree;
-        const char* keyword;
-        const char* rest;  // printed
+        std::string keyword;
+        std::string rest;  // printed
     } table[] = {
-        {find("one"), "one", "*"},
         {find("one  two three"), "one", " ( three & two ) "},
-        {find(" one"), "one", "*"},
         {find("one "), "one", "one"},
         {find("one two "), "one", " ( two & two ) "},
         {find(""), "", ""},
+        {find(std::string(600, 'w')), std::string(255, 'w'),
+         " ( " + std::string(90, 'w') + " & " + std::string(255, 'w') + " ) "},
         {all(), "", "*"},
         {join(SEARCH_AND, song(), all()), "song", "*"},
         {join(SEARCH_AND, all(), song()), "song", "*"},
-        {join(SEARCH_AND, find("a b"), find("c")), "a", " ( b & c ) "},
         {join(SEARCH_AND, inTag("T", "audio"), find("a b")), "a", " ( T=audio & b ) "},
         {join(SEARCH_OR, song(), all()), "", " ( song | * ) "},
-        {join(SEARCH_AND, join(SEARCH_OR, song(), all()), song()), "song", " ( song | * ) "},
         {join(SEARCH_AND, join(SEARCH_AND, all(), song()), find("b")), "song", " ( * & b ) "},
     };
     for (auto& row : table) {
         Search search;
         const std::string before = printed(*row.tree);
         search.add(std::move(row.tree), SEARCH_AND);
-        EXPECT_STREQ(search.keyword().c_str(), row.keyword) << before;
-        EXPECT_EQ(printed(*search.root()), row.rest) << before;
-        if (*row.keyword) {
-            EXPECT_STREQ(search.keyword().c_str(), row.keyword) << "asked again";
-            EXPECT_EQ(printed(*search.root()), row.rest) << "asked again";
+        for (int time = 0; time < (row.keyword.empty() ? 1 : 2); ++time) {
+            EXPECT_EQ(search.keyword().c_str(), row.keyword) << before;
+            EXPECT_EQ(printed(*search.root()), row.rest) << before;
         }
-    }
-    // A long word comes in pieces of 255.
-    for (const std::size_t length : {255u, 256u, 600u}) {
-        Search search;
-        search.add(find(std::string(length, 'w').c_str()), SEARCH_AND);
-        EXPECT_EQ(search.keyword().length(), 255u);
-        const std::string rest = printed(*search.root());
-        EXPECT_EQ(std::count(rest.begin(), rest.end(), 'w'), static_cast<std::ptrdiff_t>(length - 255));
     }
 }
 
@@ -305,32 +245,13 @@ TEST(Search, PrintsWithinItsRoom) {
     search.add(join(SEARCH_XOR, inTag("Type", "audio"), number("Size", -5, COMPARE_AT_MOST)), SEARCH_AND);
     search.add(find("Hello"), SEARCH_LEFT_ONLY);
     const std::string whole = "search(  (  ( Type=audio x Size<=-5 )  ! hello )  )";
-    for (std::size_t room : {200u, 52u, 51u, 20u, 3u, 1u}) {
+    for (std::size_t room : {199u, 52u, 51u, 20u, 3u, 1u}) {
         std::memset(out, '#', sizeof out);
         search.printable(out, room);
         EXPECT_EQ(out, whole.substr(0, room - 1));
-        if (room < sizeof out) {
-            EXPECT_EQ(out[room], '#');
-        }
+        EXPECT_EQ(out[room], '#');
     }
-    EXPECT_EQ(printed(*join(SEARCH_RIGHT_ONLY, find("a"), find("b"))), " ( a  b ) ");
-    EXPECT_EQ(printed(*number("n", 1, anyUnknown)), "nER1");
-}
-
-TEST(Search, TakesNewValues) {
-    const Record record;
-    const Node text = find("absent");
-    text->setValue("SONG");
-    EXPECT_TRUE(text->matches(record.meta));
-    const Node tag = inTag("\x01", "absent");
-    tag->setValue("song");
-    EXPECT_TRUE(tag->matches(record.meta));
-    const Node size = number("bitrate", 1, COMPARE_EQUAL);
-    const i32 value = 128;
-    size->setValue(&value);
-    EXPECT_TRUE(size->matches(record.meta));
-    size->setValue(nullptr);
-    EXPECT_FALSE(size->matches(record.meta));
+    EXPECT_EQ(printed(*join(SEARCH_RIGHT_ONLY, find("a"), number("n", 1, anyUnknown))), " ( a  nER1 ) ");
 }
 
 }  // namespace

@@ -3,15 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 
-#include "meta/address.h"
+#include "download/DLPool.h"
+#include "download/FileSource.h"
 #include "tests/support/ServerWorld.h"
 
 namespace {
 
 constexpr u32 ipA = 0x0101010A;
 constexpr u32 ipB = 0x0201010A;
+constexpr u32 ipC = 0x0301010A;
 
 class ServerListUpkeep : public testing::Test {
   protected:
@@ -32,14 +35,11 @@ TEST_F(ServerListUpkeep, AServerIsPingedAtOnceAndThenEveryHalfHour) {
     EXPECT_FALSE(pool.addServer(0, 4661));
     EXPECT_FALSE(pool.addServer(ipB, 0));
     EXPECT_EQ(pool.servers().count(), 1u);
-    pool.tick(1);
-    EXPECT_EQ(entry(ipA)->history, 1u);
-    EXPECT_EQ(entry(ipA)->idleTime, 0u);
-    pool.tick(1'800'000);
-    EXPECT_EQ(entry(ipA)->history, 1u) << "not yet";
-    pool.tick(1);
-    EXPECT_EQ(entry(ipA)->history, 2u);
-
+    const std::pair<i32, u32> ticks[] = {{1, 1}, {1'800'000, 1}, {1, 2}};  // ms, pings so far
+    for (const auto& [ms, pings] : ticks) {
+        pool.tick(ms);
+        EXPECT_EQ(entry(ipA)->history, pings);
+    }
     pool.gotPing(ipA, 4661, 0, 10, 20);
     EXPECT_EQ(entry(ipA)->history, 0u) << "an answer within the millisecond is an answer";
     EXPECT_EQ(entry(ipA)->rating, 2099998u);
@@ -56,22 +56,22 @@ TEST_F(ServerListUpkeep, AServerIsPingedAtOnceAndThenEveryHalfHour) {
 }
 
 TEST_F(ServerListUpkeep, ASilentServerGoesWhenItsSeventhPingIsDue) {
-    for (const u32 ip : {ipA, ipB, ipA + 1}) pool.addServer(ip, 4661);
+    for (const u32 ip : {ipA, ipB, ipC}) pool.addServer(ip, 4661);
     entry(ipB)->setPref(1);
     preferences.servRemove = 0;
     for (int i = 0; i < 8; ++i) round();
     EXPECT_EQ(pool.servers().count(), 3u);
     EXPECT_EQ(entry(ipA)->history, 8u);
     entry(ipA)->history = 6;
-    entry(ipA + 1)->history = 5;
+    entry(ipC)->history = 5;
     preferences.servRemove = 1;
     round();
     EXPECT_EQ(entry(ipA), nullptr);
-    EXPECT_EQ(entry(ipA + 1)->history, 5u) << "the walk ended with the first";
+    EXPECT_EQ(entry(ipC)->history, 5u) << "the walk ended with the first";
     round();
-    EXPECT_EQ(entry(ipA + 1)->history, 6u);
+    EXPECT_EQ(entry(ipC)->history, 6u);
     round();
-    EXPECT_EQ(entry(ipA + 1), nullptr);
+    EXPECT_EQ(entry(ipC), nullptr);
     for (int i = 0; i < 20; ++i) round();
     ASSERT_NE(entry(ipB), nullptr) << "preferred servers stay";
     pool.removeServer(ipB, 1);
@@ -79,57 +79,49 @@ TEST_F(ServerListUpkeep, ASilentServerGoesWhenItsSeventhPingIsDue) {
     EXPECT_EQ(pool.servers().count(), 0u);
 }
 
-TEST_F(ServerListUpkeep, WhatAServerTellsLeavesOurMeasurements) {
+TEST_F(ServerListUpkeep, WhatAServerTellsAndWhatAListBringsLeaveOurMeasurements) {
     pool.addServer(ipA, 4661);
     entry(ipA)->setPing(50);
     entry(ipA)->history = 3;
     entry(ipA)->setPref(2);
     entry(ipA)->setCounts(5, 6);
     ServerMeta told;
-    told.setAddress("10.1.1.1", 4661);
+    told.ip = ipA;
+    told.port = 4661;
     told.setName("told");
     told.setPref(1);
     told.history = 99;
     pool.gotServerInfo(told);
+    const TemporaryDirectory home;
+    std::ofstream(home.file("more.met"), std::ios::binary)
+        << "\x0E" + le32(2) + le32(ipA) + le16(4661) + le32(0) + le32(ipC) + le16(4661) + le32(0);
+    pool.merge(home.file("more.met").c_str());
+    pool.merge(home.file("missing").c_str());
     EXPECT_EQ(entry(ipA)->rating, 1099950u);
     EXPECT_EQ(entry(ipA)->history, 3u);
-    EXPECT_EQ(entry(ipA)->idleTime, 1'800'000u);
     EXPECT_EQ(entry(ipA)->getFiles(), 6u);
-    i4_string name;
-    EXPECT_STREQ(entry(ipA)->getName(name), "told");
+    EXPECT_STREQ(entry(ipA)->getText(TAG_NAME), "told");
+    EXPECT_EQ(entry(ipC)->idleTime, 1'800'000u);
     told.ip = ipB;
     pool.gotServerInfo(told);
     EXPECT_EQ(entry(ipB)->pref, 0u) << "a stranger doesn't choose its preference";
     EXPECT_EQ(entry(ipB)->history, 0u);
     EXPECT_EQ(entry(ipB)->idleTime, 1'800'000u);
-}
-
-TEST_F(ServerListUpkeep, ListsAreLoadedAndMerged) {
-    const TemporaryDirectory home;
-    const std::string path = home.file("more.met");
-    std::ofstream(path, std::ios::binary)
-        .write("\x0E\x02\0\0\0\x0A\x01\x01\x01\x35\x12\0\0\0\0\x0A\x01\x01\x02\x35\x12\0\0\0\0", 25);
-    pool.addServer(ipA, 4661);
-    entry(ipA)->setPing(33);
-    pool.merge(path.c_str());
-    EXPECT_EQ(pool.servers().count(), 2u);
-    EXPECT_EQ(entry(ipA)->ping, 33);
-    EXPECT_EQ(entry(ipB)->idleTime, 1'800'000u);
-    pool.merge(home.file("missing").c_str());
-    EXPECT_EQ(pool.servers().count(), 2u);
     EXPECT_EQ(log.take(), "");
 }
 
 class Connecting : public ServerWorld {
   protected:
-    // Rated so that those of a higher number come first.
-    void know(const FakeServer& server, i32 ping) {
+    // Rated so that those of a lower ping come first.
+    static void know(const FakeServer& server, i32 ping) {
         serverPool.addServer(loopbackIp, server.port());
         const i4_guard guard(serverPool.servers());
         serverPool.servers().find(loopbackIp, server.port())->setPing(ping);
     }
     FakeServer first;
     FakeServer second;
+    const std::string failed = "Can't connect to: 127.0.0.1\n";
+    const std::string connecting = "Connecting to 127.0.0.1 ....\n";
 };
 
 TEST_F(Connecting, TriesTheServersByRatingUntilOneLogsItOn) {
@@ -139,9 +131,8 @@ TEST_F(Connecting, TriesTheServersByRatingUntilOneLogsItOn) {
     know(first, 200);
     know(shut, 100);
     serverPool.connect(nullptr);
-    EXPECT_EQ(log.until("Can't connect to: 127.0.0.1\n"),
-              "Connecting to 127.0.0.1 ....\nCan't connect to: 127.0.0.1\n");
-    ASSERT_TRUE(handleNext());
+    EXPECT_EQ(log.until(failed), connecting + failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
     ASSERT_TRUE(first.accept());
     EXPECT_EQ(first.packet().at(0), 1);
     serverPool.connect(nullptr);
@@ -150,19 +141,17 @@ TEST_F(Connecting, TriesTheServersByRatingUntilOneLogsItOn) {
     serverPool.connect(&other);
     EXPECT_EQ(log.take(), "Already trying to connect.\n");
     EXPECT_TRUE(second.isAlone());
-    first.raw("\xE3\x05");  // dies within its answer
-    first.hangUp();
-    EXPECT_EQ(log.until("Can't connect to: 127.0.0.1\n"), "[disconnected]\nCan't connect to: 127.0.0.1\n");
-    ASSERT_TRUE(handleNext());
+    first.send("\xE3\x05");  // dies within its answer
+    first.close();
+    EXPECT_EQ(log.until(failed), "[disconnected]\n" + failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
     ASSERT_TRUE(second.accept());
-    second.hangUp();
-    log.until("Can't connect to: 127.0.0.1\n");
-    ASSERT_TRUE(handleNext());
+    second.close();
+    log.until(failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
     EXPECT_EQ(log.take(), "");
     serverPool.connect(nullptr);
-    EXPECT_EQ(log.until("Can't connect to: 127.0.0.1\n"),
-              "Connecting to 127.0.0.1 ....\nCan't connect to: 127.0.0.1\n")
-        << "the queue had run out: it begins anew";
+    EXPECT_EQ(log.until(failed), connecting + failed) << "the queue had run out: it begins anew";
 }
 
 TEST_F(Connecting, AnEmptyListAndAServerThatSaysNothing) {
@@ -177,38 +166,51 @@ TEST_F(Connecting, AnEmptyListAndAServerThatSaysNothing) {
     EXPECT_FALSE(messageQ.process()) << "the user gave up: nothing else is tried";
 }
 
+TEST_F(Connecting, AnAttemptThatTheUserGaveUpComesToNothing) {
+    worker->stop();  // the attempts stay pending
+    const ServerAddress targets[] = {first.address(), second.address()};
+    serverPool.connect(&targets[0]);
+    serverPool.disconnect();
+    serverPool.connect(&targets[1]);
+    worker->start();
+    ASSERT_TRUE(second.accept());
+    EXPECT_EQ(second.packet().at(0), 1);
+    EXPECT_TRUE(first.isAlone());
+    EXPECT_EQ(log.until("Placed on connection Queue.\n"),
+              "Connecting to 127.0.0.1 ....\nConnecting to 127.0.0.1 ....\nPlaced on connection Queue.\n");
+    EXPECT_FALSE(messageQ.process()) << "nothing has failed";
+    // The answer is still to come: what would be asked now could end the connection.
+    EXPECT_FALSE(serverPool.findSources(targets[1], MD4Hash()));
+    EXPECT_FALSE(serverPool.requestCallback(loopbackIp, second.port(), 7));
+}
+
 TEST_F(Connecting, AnotherTargetReplacesTheConnection) {
     logOn(first);
     const ServerAddress same = first.address();
     serverPool.connect(&same);
     EXPECT_EQ(log.take(), "Already connected to that server.\n");
-    const ServerAddress other = second.address();
-    serverPool.connect(&other);
+    ASSERT_TRUE(connectTo(second));
     EXPECT_TRUE(first.isEnded());
-    ASSERT_TRUE(second.accept());
     EXPECT_EQ(second.packet().at(0), 1);
-    EXPECT_EQ(log.take(), "[disconnected]\nConnecting to 127.0.0.1 ....\nPlaced on connection Queue.\n");
-    EXPECT_EQ(serverPool.currentAddress(), other);
+    EXPECT_EQ(log.take(), "[disconnected]\n" + connecting + "Placed on connection Queue.\n");
+    EXPECT_EQ(serverPool.currentAddress(), second.address());
     EXPECT_FALSE(messageQ.process());
 }
 
 TEST_F(Connecting, SourcesAndCallbacksGoToTheServerThatIsMeant) {
-    logOn(first, 0x04030201);
-    preferences.doorPort = 4662;
-    MD4Hash wanted;
-    wanted.bytes.fill('w');
+    logOn(first);
+    const MD4Hash wanted = hashOf('w');
     EXPECT_TRUE(serverPool.findSources(second.address(), wanted));
-    EXPECT_EQ(second.datagram(), "\xE3\x9A" + std::string(16, 'w'));
+    EXPECT_EQ(second.datagram(), "\xE3\x9A" + bytesOf(wanted));
     EXPECT_TRUE(serverPool.requestCallback(loopbackIp, second.port(), 0x112233));
-    EXPECT_EQ(second.datagram(), std::string("\xE3\x9C\x01\x02\x03\x04\x36\x12\x33\x22\x11\0", 12));
+    EXPECT_EQ(second.datagram(), "\xE3\x9C" + le32(0x04030201) + le16(4662) + le32(0x112233));
 
     know(second, 100);
     FakeServer silent;
-    know(silent, 100);
-    {
-        const i4_guard guard(serverPool.servers());
-        serverPool.servers().find(loopbackIp, silent.port())->history = 1;
-    }
+    know(silent, 0);
+    serverPool.tick(1);
+    know(second, 100);
+    EXPECT_EQ(second.datagram().substr(0, 2), "\xE3\x96");
     std::vector<ServerAsk> servers;
     serverPool.listSourceServers(servers);
     ASSERT_EQ(servers.size(), 2u) << "the current one though it isn't listed, and the one that answers";
@@ -222,8 +224,6 @@ TEST_F(Connecting, SourcesAndCallbacksGoToTheServerThatIsMeant) {
 }
 
 TEST_F(Connecting, AnExtendedSearchWalksTheOtherServers) {
-    Search search;
-    search.add(std::make_unique<SN_FindStr>("film"), 0);
     serverPool.extendSearch(search, false);
     EXPECT_EQ(log.take(), "");
     FakeServer third;
@@ -231,7 +231,6 @@ TEST_F(Connecting, AnExtendedSearchWalksTheOtherServers) {
     know(first, 20);
     know(third, 30);
     logOn(first);
-    const std::string tree = std::string("\x01\x04\0film", 7);
     for (int time = 0; time < 2; ++time) {
         serverPool.search(search, false);
         serverPool.extendSearch(search, false);
@@ -246,9 +245,7 @@ TEST_F(Connecting, AnExtendedSearchWalksTheOtherServers) {
     }
 }
 
-// --- Datagrams from servers
-
-TEST_F(Connecting, APingAnswerRatesItsServer) {
+TEST_F(Connecting, APingAnswerRatesItsServerAndWhatCantBeReadCostsOnlyItself) {
     know(first, 0);
     serverPool.tick(1);
     const std::string ping = first.datagram();
@@ -258,52 +255,57 @@ TEST_F(Connecting, APingAnswerRatesItsServer) {
         const i4_guard guard(serverPool.servers());
         return serverPool.servers().find(loopbackIp, first.port())->rating;
     };
-    const std::string answer =
-        static_cast<const std::string&>(Body(0xE3).put8(151).raw(ping.substr(2)).put32(3).put32(4));
+    const std::string answer = "\xE3\x97" + ping.substr(2) + le32(3) + le32(4);
+    const std::string result = "\xE3\x99" + namedRecord(hashOf('h'), 0, 0, "found");
+    const std::string sources = "\xE3\x9B" + bytesOf(hashOf('h'));
+    FakeServer stranger;
+    first.replyFrom(stranger.datagrams(), answer);
     first.reply(answer.substr(0, answer.size() - 1));
-    const int stranger = ::socket(AF_INET, SOCK_DGRAM, 0);
-    first.replyFrom(stranger, answer);
-    first.reply("\xE3");
-    first.reply("garbage");
-    first.reply(std::string("\xE3\x01", 2));
-    log.verbose = 1;
+    for (std::size_t length = 0; length < result.size(); ++length) first.reply(result.substr(0, length));
+    for (const std::string& bad :
+         {std::string("garbage"), "\xE3\x99" + std::string(22, 'h') + le32(0x7FFFFFFF), sources,
+          sources + "\xFF", "\xE3\x9E" + le32(7), std::string("\xE3\x9E\x07"),
+          "\xE3\x99" + std::string(4000, 'x')}) {
+        first.reply(bad);
+    }
     first.reply("\xE3\xC8");
-    EXPECT_EQ(log.until("ExServer Unknown Msg: 200\n").find("garbage"), std::string::npos);
+    EXPECT_EQ(log.until("ExServer Unknown Msg: 200\n").find("[result"), std::string::npos);
     EXPECT_EQ(rating(), 0u);
     first.reply(answer);
     EXPECT_TRUE(eventually([&] { return rating() > 0; }));
-    const i4_guard guard(serverPool.servers());
-    const ServerMeta* server = serverPool.servers().find(loopbackIp, first.port());
-    EXPECT_EQ(server->getUsers(), 3u);
-    EXPECT_EQ(server->getFiles(), 4u);
-    EXPECT_EQ(server->history, 0u);
-    ::close(stranger);
-}
-
-TEST_F(Connecting, DatagramsThatCantBeReadCostOnlyThemselves) {
-    know(first, 0);
-    serverPool.tick(1);
-    first.datagram();
-    log.verbose = 1;
-    const std::string hash(16, 'h');
-    const std::string result = Body(0xE3).put8(153).raw(namedRecord(hash, 0, 0, "found"));
-    for (std::size_t length = 2; length < result.size(); ++length) first.reply(result.substr(0, length));
-    first.reply(Body(0xE3).put8(153).raw(hash).put32(0).put16(0).put32(0xFFFFFFFF));
-    first.reply(Body(0xE3).put8(155).raw(hash).put8(255));
-    first.reply(Body(0xE3).put8(155).raw("short"));
-    first.reply(Body(0xE3).put8(158).put32(7));
-    first.reply(Body(0xE3).put8(158).put8(7));
-    first.reply("\xE3" + std::string(4000, '\x99'));
-    first.reply(result);
-    const std::string all = log.until("[result found]\n");
-    EXPECT_EQ(all.find("[result found]"), all.rfind("[result found]"));
     // A flood: what the socket's buffer holds of it is handled, and the annex goes on.
     for (int i = 0; i < 3000; ++i) first.reply("\xE3\xC8");
-    first.reply(result);
     EXPECT_TRUE(eventually([&] {
         first.reply(result);
         return log.take().find("[result found]") != std::string::npos;
     }));
+}
+
+TEST_F(Connecting, SourcesByDatagramComeFromServersOnTheList) {
+    FileMeta file;
+    file.hash = hashOf('h');
+    file.setName("film");
+    file.setInt(TAG_SIZE, 1000);
+    std::filesystem::create_directories(preferences.tempDir().c_str());
+    dlPool.add(file);
+    const Ref<Download> download = dlPool.find(file.hash);
+    ASSERT_TRUE(download);
+    dlPool.tick(60'000);
+    const auto sources = [&] {
+        const i4_guard guard(download->stateLock());
+        const LL<FileSource>* list = download->state().getSources();
+        return list ? list->count() : 0;
+    };
+    know(first, 0);
+    serverPool.tick(1);
+    first.datagram();
+    const std::string answer = "\xE3\x9B" + bytesOf(file.hash) + "\1";
+    first.replyFrom(second.datagrams(), answer + le32(0x0A000001) + le16(4662));
+    first.reply(answer + le32(0x0A000002) + le16(4662));
+    EXPECT_TRUE(eventually([&] { return sources() > 0; }));
+    EXPECT_EQ(sources(), 1U);
+    download->cancel();
+    drain();
 }
 
 }  // namespace

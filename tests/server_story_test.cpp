@@ -11,9 +11,11 @@ namespace {
 
 TEST(ServerStory, SearchesSeesTheServerAndLeavesIt) {
     IndexServerProcess index;
-    RawClient sharer(std::stoi(index.port()));
-    ASSERT_TRUE(sharer.logOn());
-    sharer.publish({{"a red film.avi", "Video"}, {"a red song.mp3", "Audio"}, {"something else", "Doc"}});
+    RawClient sharer(index.portNumber());
+    ASSERT_GT(sharer.logOn(), 0u);
+    sharer.say(opcode(21, le32(3) + sharedFile('a', "a red film.avi", "Video") +
+                              sharedFile('b', "a red song.mp3", "Audio") +
+                              sharedFile('c', "something else", "Doc")));
     ASSERT_TRUE(index.said("has published"));
 
     Client client("seeker", index);
@@ -59,9 +61,9 @@ TEST(ServerStory, FallsBackToTheNextServerAndComesBackByItself) {
 TEST(ServerStory, AnExtendedSearchReachesTheOtherServer) {
     IndexServerProcess here;
     IndexServerProcess there;
-    RawClient sharer(std::stoi(there.port()));
-    ASSERT_TRUE(sharer.logOn());
-    sharer.publish({{"far away film", "Video"}});
+    RawClient sharer(there.portNumber());
+    ASSERT_GT(sharer.logOn(), 0u);
+    sharer.say(opcode(21, le32(1) + sharedFile('a', "far away film", "Video")));
     ASSERT_TRUE(there.said("has published"));
     Client client("seeker", here);
     client.start();

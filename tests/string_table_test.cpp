@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -10,76 +9,66 @@
 
 #include "app/StringTable.h"
 #include "tests/support/Process.h"
+#include "tests/support/files.h"
 
 namespace {
 
 class StringTableTest : public testing::Test {
   protected:
     const char* file(const std::string& text) {
-        path_ = folder_.path() + "/language.str";
-        std::ofstream(path_, std::ios::binary) << text;
+        writeFile(path_, text);
         return path_.c_str();
     }
     StringTable table_;
 
   private:
     TemporaryDirectory folder_;
-    std::string path_;
+    const std::string path_ = folder_.file("language.str");
 };
 
 TEST_F(StringTableTest, WithoutALanguageFileTheBuiltInTextsStand) {
     EXPECT_EQ(table_.get(0), nullptr);
-    table_.reload("/nonexistent/fr.str");
-    EXPECT_EQ(table_.count(), 78u);
-    EXPECT_STREQ(table_.get(STRINGS_EMPTY), "");
-    EXPECT_STREQ(table_.get(14), "Transferring.");
-    EXPECT_STREQ(table_.get(STRINGS_NOT_CONNECTED), "Not connected to a server.");
-    EXPECT_STREQ(table_.get(77), "Confirm Cancel");
-    EXPECT_STREQ(table_.get(78), "");
+    for (const char* noFile : {"/nonexistent/fr.str", "/", "/dev/zero"}) {
+        table_.reload(noFile);
+        for (const auto& [number, text] : {std::pair{STRINGS_EMPTY, ""},
+                                           {STRINGS_DL_STATUS_TRANSFERING, "Transferring."},
+                                           {STRINGS_NOT_CONNECTED, "Not connected to a server."},
+                                           {STRINGS_CONFIRM_CANCEL_TITLE, "Confirm Cancel"},
+                                           {STRINGS_COUNT, ""}}) {
+            EXPECT_STREQ(table_.get(number), text) << noFile;
+        }
+    }
     EXPECT_STREQ(table_.get(0xFFFFFFFF), "");
-    // The same words under two numbers are two texts.
-    table_.set(STRINGS_DOWNLOADING, "En cours");
-    EXPECT_STREQ(table_.get(STRINGS_DL_STATUS_DOWNLOADING), "Downloading");
-    table_.set(78, "nobody's");
+    table_.set(STRINGS_COUNT, "nobody's");
     EXPECT_EQ(table_.count(), 78u);
 }
 
 TEST_F(StringTableTest, LinesReplaceTextsFromTheFirstNumberOn) {
-    struct Case {
-        const char* what;
-        std::string text;
-        u32 lines;
-        std::vector<std::pair<u32, std::string>> expected;
-    };
     std::string tooMany;
     for (int i = 0; i < 80; ++i) tooMany += "text " + std::to_string(i) + "\n";
     const std::string longest(1023, 'x');
-    const std::vector<Case> cases = {
-        {"one line", "busy\n", 1, {{0, "busy"}, {1, "Queued"}}},
-        {"no end of line", "busy", 1, {{0, "busy"}, {1, "Queued"}}},
-        {"CR LF", "busy\r\nwaits\r\n", 2, {{0, "busy"}, {1, "waits"}, {2, "Looking..."}}},
-        {"an empty line", "busy\n\nlooks\n", 3, {{1, ""}, {2, "looks"}}},
-        {"a CR inside", "bu\rsy\nwaits\n", 2, {{0, "bu"}, {1, "waits"}}},
-        {"a NUL inside", std::string("bu\0sy\nwaits\n", 12), 2, {{0, "bu"}, {1, "waits"}}},
-        {"more lines than numbers", tooMany, 80, {{0, "text 0"}, {77, "text 77"}, {78, ""}}},
-        {"the longest line", longest + "\nwaits\n", 2, {{0, longest}, {1, "waits"}}},
-        {"a longer line", longest + std::string(9000, 'y') + "\nwaits\n", 2, {{0, longest}, {1, "waits"}}},
-        {"an empty file", "", 0, {{1, "Queued"}}},
+    const struct {
+        std::string text;
+        u32 lines;
+        std::vector<std::pair<u32, std::string>> expected;
+    } cases[] = {
+        {"busy\n", 1, {{0, "busy"}, {1, "Queued"}}},
+        {"busy", 1, {{0, "busy"}, {1, "Queued"}}},
+        {"busy\r\nwaits\r\n", 2, {{0, "busy"}, {1, "waits"}, {2, "Looking..."}}},
+        {"busy\n\nlooks\n", 3, {{1, ""}, {2, "looks"}}},
+        {"bu\rsy\nwaits\n", 2, {{0, "bu"}, {1, "waits"}}},
+        {std::string("bu\0sy\nwaits\n", 12), 2, {{0, "bu"}, {1, "waits"}}},
+        {tooMany, 80, {{0, "text 0"}, {77, "text 77"}, {78, ""}}},
+        {longest + "\nwaits\n", 2, {{0, longest}, {1, "waits"}}},
+        {longest + std::string(9000, 'y') + "\nwaits\n", 2, {{0, longest}, {1, "waits"}}},
+        {"", 0, {{1, "Queued"}}},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const char* path = file(c.text);
+    for (const auto& [text, lines, expected] : cases) {
+        const char* path = file(text);
         table_.reload(path);
-        for (const auto& [number, text] : c.expected) EXPECT_EQ(table_.get(number), text);
-        EXPECT_EQ(table_.loadFile(path), c.lines);
+        for (const auto& [number, shown] : expected) EXPECT_EQ(table_.get(number), shown) << text;
+        EXPECT_EQ(table_.loadFile(path), lines) << text;
     }
-}
-
-TEST_F(StringTableTest, WhatIsNoPlainFileIsNoLanguage) {
-    table_.reload("/");
-    EXPECT_STREQ(table_.get(1), "Queued");
-    table_.reload("/dev/zero");
-    EXPECT_STREQ(table_.get(0), "");
 }
 
 TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
@@ -100,7 +89,7 @@ TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
 
 TEST_F(StringTableTest, ReadersSeeWholeTablesWhileTheLanguageChanges) {
     table_.reload("/nonexistent");
-    const std::string path = file("\nEn attente\n");
+    const char* path = file("\nEn attente\n");
     std::atomic<bool> done = false;
     std::thread reader([&] {
         while (!done) {
@@ -108,7 +97,7 @@ TEST_F(StringTableTest, ReadersSeeWholeTablesWhileTheLanguageChanges) {
             if (text != "Queued" && text != "En attente") ADD_FAILURE() << text;
         }
     });
-    for (int i = 0; i < 200; ++i) table_.reload(i % 2 ? "/nonexistent" : path.c_str());
+    for (int i = 0; i < 200; ++i) table_.reload(i % 2 ? "/nonexistent" : path);
     done = true;
     reader.join();
 }

@@ -30,9 +30,9 @@ class TwoClientsStory : public testing::Test {
 };
 
 TEST_F(TwoClientsStory, OnePublishesAndTheOtherFinds) {
-    writeFile(folder_.file("grey heron.jpg"), bytesOfSeed(1, 1000));
-    writeFile(folder_.file("grey heron.txt"), bytesOfSeed(2, 0));
-    writeFile(folder_.file("reed warbler.mp3"), bytesOfSeed(3, 70'000));
+    writeFile(folder_.file("grey heron.jpg"), someBytes(1000, 1));
+    writeFile(folder_.file("grey heron.txt"), someBytes(0, 2));
+    writeFile(folder_.file("reed warbler.mp3"), someBytes(70'000, 3));
     begin();
 
     const std::string both = found("grey heron");
@@ -47,7 +47,7 @@ TEST_F(TwoClientsStory, OnePublishesAndTheOtherFinds) {
 }
 
 TEST_F(TwoClientsStory, AFileOfFourPartsArrivesWhole) {
-    const std::string bytes = bytesOfSeed(4, 30'000'000);
+    const std::string bytes = someBytes(30'000'000, 4);
     writeFile(folder_.file("big.bin"), bytes);
     begin();
     leech_.findAndDownload("big");
@@ -62,12 +62,12 @@ TEST_F(TwoClientsStory, AFileOfFourPartsArrivesWhole) {
 TEST_F(TwoClientsStory, SmallFilesArriveWhole) {
     const std::vector<std::size_t> sizes{1, 737'280, 9'727'999, 9'728'000, 9'728'001};
     for (const std::size_t size : sizes) {
-        writeFile(folder_.file("file" + std::to_string(size) + ".bin"), bytesOfSeed(5, size));
+        writeFile(folder_.file("file" + std::to_string(size) + ".bin"), someBytes(size, 5));
     }
     begin();
     for (const std::size_t size : sizes) leech_.findAndDownload("file" + std::to_string(size));
     for (const std::size_t size : sizes) {
-        EXPECT_TRUE(leech_.hasFinished("file" + std::to_string(size) + ".bin", bytesOfSeed(5, size)))
+        EXPECT_TRUE(leech_.hasFinished("file" + std::to_string(size) + ".bin", someBytes(size, 5)))
             << size << leech_.console().output() << seed_.console().output();
     }
 }

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr i32 connectLimit = 8000;  // ms
-constexpr u32 lastLowId = 0xFFFFFF;
 
 }  // namespace
 
@@ -23,10 +22,9 @@ bool ConnectRegistry::connect(SocketPool* pool, Ref<Connection> connection) {
     auto task = std::make_unique<ConnectTask>(std::move(connection));
     i4_lock guard(lock_);
     for (LL<ConnectTask>::Cursor c; const ConnectTask* other = pending_.next(c);) {
-        if (other->connection->ip == task->connection->ip &&
-            other->connection->port == task->connection->port) {
+        const Connection& there = *other->connection;
+        if (!there.isClosing() && there.ip == task->connection->ip && there.port == task->connection->port)
             return false;
-        }
     }
     pending_.add(task.get());
     pool->addTask(task.release());
@@ -51,7 +49,7 @@ void ConnectTask::doTask(SocketPool* pool) {
 }
 
 void ConnectTask::attempt(SocketPool& pool, bool& done) {
-    if (connection->ip <= lastLowId) return;
+    if (isLowId(connection->ip) || connection->isClosing()) return;
     const std::unique_ptr<i4_address> address =
         theProtocol->resolve(ipToString(connection->ip).c_str(), 0, 0);
     if (!address) return;
@@ -62,12 +60,14 @@ void ConnectTask::attempt(SocketPool& pool, bool& done) {
         const Worker::Wait wait(Worker::current(), *socket);
         if (!wait.allowed) return;
         const u32 outcome = socket->ready(I4_SELECT_WRITE | I4_SELECT_ERROR, connectLimit, nullptr);
-        if (outcome != I4_SELECT_WRITE) return;
+        if (outcome != I4_SELECT_WRITE || connection->isClosing()) return;
     }
     socket->set_blocking(false);
     connection->setSocket(std::move(socket), &pool);
     connection->connected();
     done = true;
+    // From its first turn on it may end, and be asked for anew.
+    connectRegistry.done(this);
     pool.addConnection(connection.get());
 }
 

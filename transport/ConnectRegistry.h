@@ -9,7 +9,7 @@
 
 // Looks up and connects one connection, for at most 8 seconds; the handshake of a proxy counts. What
 // stands is told by connected() and goes to the pool, what fails is told by connectFailed(). An ip of at
-// most 0xFFFFFF is no address, and fails at once.
+// most 0xFFFFFF is no address, and fails at once; one that is closed meanwhile fails as well.
 class ConnectTask : public Task {
   public:
     explicit ConnectTask(Ref<Connection> target) : connection(std::move(target)) {}

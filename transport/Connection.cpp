@@ -6,6 +6,7 @@
 #include "i4min/memory/error.h"
 #include "i4min/network/socket.h"
 #include "i4min/threads/linux/i4_time.h"
+#include "meta/address.h"
 #include "transport/OpcodeTable.h"
 #include "transport/SocketPool.h"
 
@@ -16,12 +17,6 @@ constexpr u32 laterBodyLimit = 8 * 1024 * 1024;
 constexpr u32 defaultQueueLimit = 16 * 1024 * 1024;
 constexpr u32 defaultStallLimit = 120'000;
 constexpr u32 allEvents = I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR;
-
-i4_string dotted(u32 ip) {
-    i4_string text;
-    text.format("%d.%d.%d.%d", ip & 0xFF, (ip >> 8) & 0xFF, (ip >> 16) & 0xFF, ip >> 24);
-    return text;
-}
 
 // The packet is one that the protocol's table allows us to send.
 [[maybe_unused]] bool conforms(const OpcodeTable& table, const Packet& packet) {
@@ -36,11 +31,11 @@ Connection::Connection(std::unique_ptr<i4_socket> socket, SocketPool* pool) : ca
     pool_.store(pool, std::memory_order_release);
     setOwnSocket(std::move(socket));
     ip = remoteIp_;
-    addressText_ = dotted(remoteIp_);
+    addressText_ = ipToString(remoteIp_);
 }
 
 Connection::Connection(u32 peerIp, u32 peerPort)
-    : ip(peerIp), port(peerPort), addressText_(dotted(peerIp)), cameIn_(false) {}
+    : ip(peerIp), port(peerPort), addressText_(ipToString(peerIp)), cameIn_(false) {}
 
 Connection::~Connection() {
     while (std::unique_ptr<Packet> packet = takeFirstToSend()) packet.reset();
@@ -59,13 +54,14 @@ void Connection::setOwnSocket(std::unique_ptr<i4_socket> socket) {
 }
 
 void Connection::getAddress(i4_string& out) const {
-    if (remoteIp_ != 0) out = dotted(remoteIp_);
+    if (remoteIp_ != 0) out = ipToString(remoteIp_);
 }
 
 void Connection::setIp(u32 newIp) {
+    checkPoolThread();
     ip = newIp;
     i4_lock guard(textLock_);
-    addressText_ = dotted(newIp);
+    addressText_ = ipToString(newIp);
 }
 
 i4_string Connection::getText() {
@@ -130,6 +126,7 @@ void Connection::end() {
 void Connection::gone() {}
 
 void Connection::cleanup() {
+    checkPoolThread();
     SocketPool* owner = pool();
     if (inSet_ && owner && owner->set()) socket_->remove_from_set(*owner->set());
     inSet_ = false;
@@ -166,11 +163,16 @@ const OpcodeTable* Connection::opcodes() const { return nullptr; }
 // Readiness.
 
 void Connection::addToSet() {
+    checkPoolThread();
     SocketPool* owner = pool();
     if (!socket_ || inSet_ || !owner || !owner->set()) return;
     asked_ = wantedEvents();
     socket_->add_to_set(*owner->set(), asked_);
     inSet_ = true;
+}
+
+void Connection::checkPoolThread(const char* function) const {
+    if (const SocketPool* owner = pool()) owner->checkOwnThread(function);
 }
 
 void Connection::refreshInterest() {
@@ -182,6 +184,7 @@ void Connection::refreshInterest() {
 }
 
 bool Connection::isReady() {
+    checkPoolThread();
     if (isBusy()) return false;
     if (closing_) {
         setBusy(true);
@@ -211,14 +214,17 @@ bool Connection::receivesHalf() {
     return incoming_.headerDone > 0;
 }
 
+void Connection::countMoved(Relaxed<u32>& counter, u32 bytes) {
+    counter.add(bytes);
+    moved_ = moved_ || bytes > 0;
+}
+
 void Connection::checkStall(u32 now) {
     const u32 limit = stallLimit();
     if (limit == 0 || isBusy()) return;
     const bool waits = hasToSend() || awaitsFirst() || receivesHalf();
-    const bool moved = bytesSent != seenSent_ || bytesReceived != seenReceived_;
-    seenSent_ = bytesSent;
-    seenReceived_ = bytesReceived;
-    if (!waits || moved || lastMoved_ == 0) lastMoved_ = now;
+    if (!waits || moved_ || lastMoved_ == 0) lastMoved_ = now;
+    moved_ = false;
     if (now - lastMoved_ > limit) close();
 }
 
@@ -249,7 +255,7 @@ bool Connection::sendTurn() {
     if (!packet) return true;
     u32 bytes = 0;
     const Packet::Result result = packet->send(*socket_, bytes);
-    bytesSent.add(bytes);
+    countMoved(bytesSent, bytes);
     if (result == Packet::more) return true;
     const std::unique_ptr<Packet> finished = takeFirstToSend();
     if (result == Packet::failed) return false;
@@ -261,7 +267,7 @@ bool Connection::receiveTurn() {
     if (!(lastEvents_ & I4_SELECT_READ)) return true;
     u32 bytes = 0;
     const Packet::Result result = incoming_.receive(*socket_, bytes, bodyLimit());
-    bytesReceived.add(bytes);
+    countMoved(bytesReceived, bytes);
     if (result == Packet::more) return !socket_->atEnd();
     const bool lives = result == Packet::complete && dispatch();
     incoming_.reset();

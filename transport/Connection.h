@@ -69,6 +69,7 @@ class Connection : public Task, public RefCounter {
     // Ends the connection's life, the first time that it is called: gone(), then the socket is closed and
     // the queue emptied.
     void end() EXCLUDES(lock_, sendQueue_);
+    bool isClosing() const { return closing_; }  // close() was called
     bool isDead() const { return dead_.load(std::memory_order_acquire); }
 
     // Gives an outgoing connection what its connect made.
@@ -114,11 +115,14 @@ class Connection : public Task, public RefCounter {
     i4_socket* socket() const { return socket_.get(); }
     bool isBusy() const { return busy_.load(std::memory_order_acquire); }
     void setBusy(bool busy) { busy_.store(busy, std::memory_order_release); }
-    bool isClosing() const { return closing_; }
     // The packet at the head of the queue, null where there is none; and taking it off. Only turns do
     // either.
     Packet* firstToSend() const { return sendQueue_.first(); }
     std::unique_ptr<Packet> takeFirstToSend() EXCLUDES(sendQueue_);
+    // In a turn: adds to bytesSent or bytesReceived.
+    void countMoved(Relaxed<u32>& counter, u32 bytes);
+    // On the pool's thread, about once a second, between turns: asks for the end of one that stands still.
+    void checkStall(u32 now);
     // For a subclass that makes its own socket, before the pool has it.
     void setOwnSocket(std::unique_ptr<i4_socket> socket);
 
@@ -127,10 +131,9 @@ class Connection : public Task, public RefCounter {
   private:
     friend class SocketPool;
 
+    void checkPoolThread(const char* function = __builtin_FUNCTION()) const;
     // On the pool's thread, before each poll: brings the set up to date.
     void refreshInterest();
-    // On the pool's thread, about once a second: asks for the end of one that stands still.
-    void checkStall(u32 now);
     bool receivesHalf() EXCLUDES(lock_);
     bool sendTurn() REQUIRES(lock_);
     bool receiveTurn() REQUIRES(lock_);
@@ -154,8 +157,7 @@ class Connection : public Task, public RefCounter {
 
     // Of the pool's thread.
     bool inSet_ = false;
-    u32 asked_ = 0;      // what the set is asked about at present
-    u32 lastMoved_ = 0;  // ticks at which it last moved, or had nothing to move; 0 for not yet
-    u32 seenSent_ = 0;
-    u32 seenReceived_ = 0;
+    u32 asked_ = 0;       // what the set is asked about at present
+    u32 lastMoved_ = 0;   // ticks at which it last moved, or had nothing to move; 0 for not yet
+    bool moved_ = false;  // a byte, since checkStall() last looked; turns set it
 };

@@ -109,3 +109,9 @@ void Packet::reset() {
     header = {};
     headerDone = size = bodyDone = 0;
 }
+
+std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
+    auto packet = std::make_unique<Packet>(payload + 1);
+    packet->stream.write_8(opcode);
+    return packet;
+}

@@ -69,3 +69,6 @@ class Packet {
     Result beginBody(u32 limit);
     void growBody();
 };
+
+// A packet to send: the opcode is written, and there's room for a payload of that many bytes.
+std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload = 0);

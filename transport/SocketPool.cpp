@@ -94,6 +94,7 @@ void SocketPool::removeConnection(Connection* connection) {
 }
 
 void SocketPool::processChanges() {
+    checkOwnThread();
     takeAdditions();
     takeRemovals();
 }
@@ -140,6 +141,7 @@ void SocketPool::takeRemovals() {
 void SocketPool::leaving(Connection*) {}
 
 void SocketPool::deleteConnections() {
+    checkOwnThread();
     takeAdditions();
     while (Connection* connection = active_.removeAt(0)) {
         count.add(-1);

@@ -60,7 +60,9 @@ void UDPAnnex::sendOne(SocketPool& pool) {
     if (!packet) return;
     pool.noteProgress();
     u32 bytes = 0;
-    if (packet->send(*socket(), bytes) == Packet::failed) theLog->printFlush("Bad UDPAnnex out packet");
-    bytesSent.add(bytes);
+    // While the network is down, no ping to any server can be sent.
+    if (packet->send(*socket(), bytes) == Packet::failed && theLog->mayComplain())
+        theLog->printFlush("Bad UDPAnnex out packet");
+    countMoved(bytesSent, bytes);
     packet->sent();
 }

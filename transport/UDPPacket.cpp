@@ -5,6 +5,7 @@
 
 #include "i4min/network/protocol.h"
 #include "i4min/network/socket.h"
+#include "meta/address.h"
 
 UDPPacket::UDPPacket(u32 bodyLength, u32 toIp, u32 toPort) : Packet(bodyLength + 1), ip(toIp), port(toPort) {
     std::memset(stream.buffer(), 0, size);
@@ -13,9 +14,7 @@ UDPPacket::UDPPacket(u32 bodyLength, u32 toIp, u32 toPort) : Packet(bodyLength +
 }
 
 Packet::Result UDPPacket::send(i4_socket& socket, u32& out_bytes) {
-    i4_string text;
-    text.format("%d.%d.%d.%d", ip & 0xFF, (ip >> 8) & 0xFF, (ip >> 16) & 0xFF, ip >> 24);
-    const std::unique_ptr<i4_address> address = theProtocol->resolve(text.c_str(), 0, 0);
+    const std::unique_ptr<i4_address> address = theProtocol->resolve(ipToString(ip).c_str(), 0, 0);
     if (!address) return failed;
     address->set_port(static_cast<u16>(port));
     out_bytes = static_cast<u32>(std::max(socket.write_to(stream.buffer(), size, *address), 0));

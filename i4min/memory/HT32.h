@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -46,6 +47,7 @@ class HashTable {
             inner->key = key;
         }
         inner->add(value);
+        checkInvariants(key);
     }
     Inner* get(const Key& key) const {  // null where the key has no value
         const Bucket& bucket = bucketOf(key);
@@ -57,10 +59,23 @@ class HashTable {
         if (!inner) return;
         inner->remove(value);
         if (!inner->getAt(0)) removeKey(key);
+        checkInvariants(key);
     }
     void removeKey(const Key& key) {
         Bucket& bucket = bucketOf(key);
         if (const auto at = find(bucket, key); at != bucket.end()) bucket.erase(at);
+    }
+
+    // Asserts for the bucket of a key that each list in it belongs there, has a value, and is its key's only
+    // one; each change of a debug build runs it.
+    void checkInvariants(const Key& key) const {
+        if constexpr (debugBuild) {
+            const Bucket& bucket = bucketOf(key);
+            for (const auto& inner : bucket) {
+                assert(&bucketOf(inner->key) == &bucket && !inner->isEmpty());
+                assert(find(bucket, inner->key)->get() == inner.get());
+            }
+        }
     }
 
   private:

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
+#include "i4min/memory/debug_build.h"
 #include "i4min/memory/types.h"
 
 template <class T>
@@ -129,10 +132,9 @@ class LL {
     virtual void shuffle() {
         std::vector<T*> values = take();
         while (!values.empty()) {
-            const auto at =
-                static_cast<std::ptrdiff_t>(static_cast<std::size_t>(std::rand()) % values.size());
-            linkAfter(tail_, values[static_cast<std::size_t>(at)]);
-            values.erase(values.begin() + at);
+            std::swap(values[static_cast<std::size_t>(std::rand()) % values.size()], values.back());
+            linkAfter(tail_, values.back());
+            values.pop_back();
         }
     }
 
@@ -158,6 +160,21 @@ class LL {
         return cursor.node_->value;
     }
 
+    // Asserts the ring: no value in it is null, and it ends with the tail. Of a long list only the beginning
+    // is looked at; each change of a debug build runs it.
+    void checkInvariants() const {
+        if constexpr (debugBuild) {
+            assert(!sentinel_.value && tail_->next == end());
+            constexpr int most = 32;
+            const Node* last = end();
+            for (int n = 0; n < most && last->next != end(); ++n) {
+                last = last->next;
+                assert(last->value);
+            }
+            assert(last->next != end() || last == tail_);
+        }
+    }
+
   private:
     Node* head() const { return sentinel_.next; }
     const Node* end() const { return &sentinel_; }
@@ -166,6 +183,7 @@ class LL {
         auto* node = new Node{value, before->next};
         before->next = node;
         if (tail_ == before) tail_ = node;
+        checkInvariants();
     }
     T* unlinkAfter(Node* before) {
         Node* node = before->next;
@@ -173,6 +191,7 @@ class LL {
         before->next = node->next;
         if (tail_ == node) tail_ = before;
         delete node;
+        checkInvariants();
         return value;
     }
     // The node in front of the position, null where the position is past the last element.

@@ -1,9 +1,10 @@
 #include "i4min/memory/mutex.h"
 
-#ifndef NDEBUG
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+
+#include "i4min/memory/debug_build.h"
 
 namespace {
 
@@ -16,19 +17,28 @@ struct HeldRanks {
 };
 thread_local constinit HeldRanks held{};
 
+[[noreturn]] void fail(LockRank rank) {
+    std::fprintf(stderr, "lock order: rank %d taken while rank %d is held\n", static_cast<int>(rank),
+                 static_cast<int>(held.ranks[held.count - 1]));
+    std::abort();
+}
+
 }  // namespace
 
 void i4_rank_push(LockRank rank) {
-    if (rank == LockRank::none) return;
-    if (held.count == HeldRanks::most || (held.count > 0 && held.ranks[held.count - 1] >= rank)) {
-        std::fprintf(stderr, "lock order: rank %d taken while rank %d is held\n", static_cast<int>(rank),
-                     static_cast<int>(held.ranks[held.count - 1]));
-        std::abort();
-    }
+    if (!debugBuild || rank == LockRank::none) return;
+    if (held.count > 0 && held.ranks[held.count - 1] >= rank) fail(rank);
+    i4_rank_push_tried(rank);
+}
+
+void i4_rank_push_tried(LockRank rank) {
+    if (!debugBuild || rank == LockRank::none) return;
+    if (held.count == HeldRanks::most) fail(rank);
     held.ranks[held.count++] = rank;
 }
 
 void i4_rank_pop(LockRank rank) {
+    if (!debugBuild) return;
     for (int i = held.count; i-- > 0;) {
         if (held.ranks[i] != rank) continue;
         std::copy(held.ranks + i + 1, held.ranks + held.count, held.ranks + i);
@@ -36,10 +46,6 @@ void i4_rank_pop(LockRank rank) {
         return;
     }
 }
-#else
-void i4_rank_push(LockRank) {}
-void i4_rank_pop(LockRank) {}
-#endif
 
 void i4_mutex::lock() {
     i4_rank_push(rank_);

@@ -26,6 +26,8 @@ class CAPABILITY("mutex") i4_mutex {
 // semaphore). Release builds do nothing.
 void i4_rank_push(LockRank rank);
 void i4_rank_pop(LockRank rank);
+// The same for one that was tried: who gives up rather than waits may take it out of the order.
+void i4_rank_push_tried(LockRank rank);
 
 // Scope guard for anything with lock() and unlock(): an i4_mutex, an LLsafe, a MetaList.
 template <class Lockable>

@@ -1,7 +1,5 @@
 #include "i4min/network/proxy.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -208,6 +206,16 @@ i4_proxy_sock::Outcome i4_proxy_sock::enter(State state) {
     return Outcome::goOn;
 }
 
+i4_proxy_sock::Outcome i4_proxy_sock::granted(State when_listening) {
+    enter(listening_ ? when_listening : connected);
+    return Outcome::writable;
+}
+
+i4_proxy_sock::Outcome i4_proxy_sock::arrived() {
+    enter(gotIncoming);
+    return Outcome::readable;
+}
+
 bool i4_proxy_sock::sendAll(std::string_view bytes) {
     const auto length = static_cast<u32>(bytes.size());
     return i4_tcpip_sock::write(bytes.data(), length) == static_cast<i32>(length);
@@ -221,6 +229,11 @@ std::string i4_proxy_sock::targetText() const {
     i4_owned_ram_file stream;
     target_->print(&stream);
     return {reinterpret_cast<const char*>(stream.buffer()), stream.size()};
+}
+
+// A listener leaves its port to the proxy.
+in_port_t i4_proxy_sock::requestedPort() const {
+    return listening_ ? in_port_t{0} : target_->address.sin_port;
 }
 
 void i4_proxy_sock::takeTarget(const u8* ip, const u8* port) {
@@ -272,7 +285,7 @@ i4_proxy_sock::Outcome i4_proxy_sock::readHttp() {
 //   then in a request: an empty user with its 0, and the name, if there is one, with its 0
 i4_proxy_sock::Outcome i4_proxy_sock::sendSocks4() {
     std::string request{'\4', listening_ ? '\2' : '\1'};
-    const auto port = listening_ ? htons(static_cast<u16>(listen_port_)) : target_->address.sin_port;
+    const in_port_t port = requestedPort();
     append(request, &port, sizeof port);
     const bool named = !target_->name.isNull();
     if (named) {
@@ -295,16 +308,10 @@ bool i4_proxy_sock::takeSocks4Reply() {
 }
 
 i4_proxy_sock::Outcome i4_proxy_sock::readSocks4() {
-    if (!takeSocks4Reply()) return fail();
-    enter(listening_ ? socks4Incoming : connected);
-    return Outcome::writable;
+    return takeSocks4Reply() ? granted(socks4Incoming) : fail();
 }
 
-i4_proxy_sock::Outcome i4_proxy_sock::readSocks4Incoming() {
-    if (!takeSocks4Reply()) return fail();
-    enter(gotIncoming);
-    return Outcome::readable;
-}
+i4_proxy_sock::Outcome i4_proxy_sock::readSocks4Incoming() { return takeSocks4Reply() ? arrived() : fail(); }
 
 // SOCKS5 greeting: version, two methods: none, and user with password. Its answer: version, method.
 i4_proxy_sock::Outcome i4_proxy_sock::greetSocks5() {
@@ -351,7 +358,7 @@ i4_proxy_sock::Outcome i4_proxy_sock::sendSocks5() {
         request += '\3';
         appendWithLength(request, target_->name.view());
     }
-    const auto port = listening_ ? htons(static_cast<u16>(listen_port_)) : target_->address.sin_port;
+    const in_port_t port = requestedPort();
     append(request, &port, sizeof port);
     return sendAll(request) ? enter(socks5Reply) : fail();
 }
@@ -365,16 +372,10 @@ bool i4_proxy_sock::takeSocks5Reply() {
 }
 
 i4_proxy_sock::Outcome i4_proxy_sock::readSocks5() {
-    if (!takeSocks5Reply()) return fail();
-    enter(listening_ ? socks5Incoming : connected);
-    return Outcome::writable;
+    return takeSocks5Reply() ? granted(socks5Incoming) : fail();
 }
 
-i4_proxy_sock::Outcome i4_proxy_sock::readSocks5Incoming() {
-    if (!takeSocks5Reply()) return fail();
-    enter(gotIncoming);
-    return Outcome::readable;
-}
+i4_proxy_sock::Outcome i4_proxy_sock::readSocks5Incoming() { return takeSocks5Reply() ? arrived() : fail(); }
 
 bool i4_proxy_sock::accept_remote(std::unique_ptr<i4_socket>& out_socket,
                                   std::unique_ptr<i4_address>& out_address) {

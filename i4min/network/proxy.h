@@ -94,8 +94,7 @@ class i4_proxy_sock : public i4_tcpip_sock {
     i32 write_more(const void* buffer, u32 count) override;
     // Goes on with the handshake until it stands (the write bit; for a listener's incoming connection the
     // read bit), has failed (the error bit) or needs another call (0). Each result is limited by `mask`. A
-    // time of
-    // 0 or below sets no limit to a handshake. In state 14, the plain ready.
+    // time of 0 or below sets no limit to a handshake. In state 14, the plain ready.
     u32 ready(u32 mask, i32 timeout_ms, i4_status_class* status) override;
 
     // For a listener: waits for the connection that the proxy takes for it, and gives it as a plain blocking
@@ -126,11 +125,14 @@ class i4_proxy_sock : public i4_tcpip_sock {
 
     Outcome enter(State state);
     Outcome fail() { return enter(failed); }
+    Outcome granted(State when_listening);
+    Outcome arrived();
     bool sendAll(std::string_view bytes);
     bool readWhole(u8* answer, u32 length);
     bool takeSocks4Reply();
     bool takeSocks5Reply();
     void takeTarget(const u8* ip, const u8* port);
+    in_port_t requestedPort() const;  // network order
     std::string targetText() const;
     void tellState(i4_status_class& status) const;
 
@@ -139,7 +141,6 @@ class i4_proxy_sock : public i4_tcpip_sock {
     u32 response_length_ = 0;
     const bool listening_;
     std::unique_ptr<i4_tcpip_address> target_;  // on success, what the proxy reports
-    u32 listen_port_ = 0;                       // the proxy chooses
     State state_;
 };
 

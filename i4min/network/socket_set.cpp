@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
+
+#include "i4min/memory/debug_build.h"
 
 namespace {
 
@@ -66,6 +69,7 @@ void linux_socket_set::add(int descriptor, u32 mask) {
     }
     entries_.push_back({descriptor, i4_events_of_mask(mask), 0});
     ++count_;
+    checkInvariants();
 }
 
 void linux_socket_set::change(int descriptor, u32 mask) {
@@ -83,6 +87,7 @@ void linux_socket_set::remove(int descriptor) {
     count_ -= gone;
     removed_ += gone;
     repeated_ -= gone - 1;
+    checkInvariants();
 }
 
 u32 linux_socket_set::check(int descriptor, u32 mask) const {
@@ -115,4 +120,20 @@ void linux_socket_set::compact() {
     entries_.erase(stays, entries_.end());
     removed_ = 0;
     for (std::size_t i = entries_.size(); i-- > 1;) first_[static_cast<std::size_t>(entries_[i].fd)] = i;
+    checkInvariants();
+}
+
+void linux_socket_set::checkInvariants() const {
+    constexpr std::size_t small = 64;
+    if (!debugBuild || entries_.size() > small) return;
+    std::size_t open = 0;
+    std::size_t first = 0;
+    for (std::size_t i = 1; i < entries_.size(); ++i) {
+        const int descriptor = entries_[i].fd;
+        if (descriptor < 0) continue;
+        ++open;
+        if (find(descriptor) == i) ++first;
+        assert(find(descriptor) <= i && entries_[find(descriptor)].fd == descriptor);
+    }
+    assert(open == count_ && count_ + removed_ == entries_.size() - 1 && first + repeated_ == count_);
 }

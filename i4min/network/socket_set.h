@@ -63,6 +63,9 @@ class linux_socket_set : public i4_socket_set {
     template <class Action>
     void forEach(int descriptor, Action action);
     void compact();
+    // Asserts for a small set that each descriptor is found at its first entry and that the counts are right;
+    // each change of a debug build runs it.
+    void checkInvariants() const;
 
     // Entry 0 is wake_; an entry of -1 was removed, and goes at the next poll.
     std::vector<pollfd> entries_;

@@ -40,12 +40,6 @@ class CapturedLog : public CoreUIInterface {
         append(format, list, "");
         va_end(list);
     }
-    void printFlush(const char* format, ...) override PRINTF_LIKE {
-        va_list list;
-        va_start(list, format);
-        append(format, list, "");
-        va_end(list);
-    }
 
     // What was printed since the last call.
     std::string take() {

@@ -1,48 +1,25 @@
 // Connections over loopback for tests: what they hear is kept, and their ends are counted.
 #pragma once
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "i4min/network/socket.h"
+#include "tests/support/Caller.h"
+#include "tests/support/bytes.h"
+#include "tests/support/eventually.h"
 #include "transport/Connection.h"
 #include "transport/DoorTask.h"
 #include "transport/SocketPool.h"
-
-// Waits for a condition, at most 20 seconds.
-inline bool eventually(const std::function<bool()>& condition) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-// The wire form of a packet.
-inline std::string framed(const std::string& body) {
-    std::string bytes = "\xE3";
-    for (int i = 0; i < 4; ++i) bytes += static_cast<char>(body.size() >> (8 * i));
-    return bytes + body;
-}
 
 inline std::unique_ptr<Packet> packetOf(const std::string& body) {
     auto packet = std::make_unique<Packet>(static_cast<u32>(body.size()));
     packet->stream.write(body.data(), static_cast<u32>(body.size()));
     return packet;
 }
-
-constexpr u32 loopbackIp = 0x0100007F;
 
 // What the connections of a test tell.
 struct Told {
@@ -122,47 +99,4 @@ class TalkerDoor : public DoorTask {
     Told& told_;
     std::mutex mutex_;
     Ref<Talker> last_;
-};
-
-// A plain blocking socket of the other side.
-class Caller {
-  public:
-    Caller() : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {}
-    explicit Caller(u32 port) : Caller() { connect(port); }
-    Caller(const Caller&) = delete;
-    Caller& operator=(const Caller&) = delete;
-    ~Caller() { close(); }
-
-    bool connect(u32 port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<u16>(port));
-        address.sin_addr.s_addr = loopbackIp;
-        return ::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    bool send(const std::string& bytes) {
-        return ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
-    // That many bytes, or fewer where the other side ends.
-    std::string read(std::size_t count) {
-        std::string bytes(count, '\0');
-        const ssize_t got = ::recv(descriptor_, bytes.data(), count, MSG_WAITALL);
-        bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return bytes;
-    }
-    bool isEnded() { return read(1).empty(); }
-    void reset() {
-        const linger at_once{1, 0};
-        ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-        close();
-    }
-    void close() {
-        if (descriptor_ >= 0) ::close(descriptor_);
-        descriptor_ = -1;
-    }
-    int descriptor() const { return descriptor_; }
-
-  private:
-    int descriptor_;
 };

@@ -1,41 +1,23 @@
-// Downloads for a test: the engine's own objects without their threads, in a directory of their own, and
-// files to fetch.
+// Downloads for a test: the engine of Engine.h, and files to fetch.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
-#include "download/DLPool.h"
-#include "download/PartialList.h"
-#include "meta/FileMeta.h"
-#include "peer/Peer.h"
-#include "tests/support/CapturedLog.h"
-#include "tests/support/Process.h"
+#include "tests/support/Engine.h"
+#include "tests/support/bytes.h"
+#include "tests/support/eventually.h"
+#include "tests/support/files.h"
 
 // A file on the network: what it holds, and the record by which it is found.
 struct RemoteFile {
-    RemoteFile(const std::string& name, u32 size, u32 seed = 1) : bytes(size, '\0') {
-        std::mt19937 random(seed);
-        for (char& c : bytes) c = static_cast<char>(random());
+    RemoteFile(const std::string& name, u32 size, u32 seed = 1) : bytes(someBytes(size, seed)) {
         i4_ram_file_class stream(bytes.data(), size, 0);
         for (u64 start = 0; start <= size; start += PARTSIZE) {
-            parts.emplace_back();
             const u64 end = std::min<u64>(size, start + PARTSIZE);
-            EXPECT_TRUE(
-                MD4Hash::compute(parts.back(), stream, static_cast<u32>(start), static_cast<u32>(end)));
+            MD4Hash::compute(parts.emplace_back(), stream, static_cast<u32>(start), static_cast<u32>(end));
         }
         record.hash = parts.size() == 1 ? parts[0] : MD4Hash::ofParts(parts);
         record.setName(name.c_str());
@@ -67,52 +49,32 @@ class DataPacket : public i4_owned_ram_file {
     }
 };
 
-inline std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+// A flag for each part.
+inline BoolArray partsOf(const std::string& flags) {
+    BoolArray array(static_cast<i32>(flags.size()));
+    for (std::size_t i = 0; i < flags.size(); ++i) array.set(static_cast<i32>(i), flags[i] == '1');
+    return array;
 }
-inline bool exists(const std::string& path) { return std::ifstream(path).good(); }
 
-// Its console: the text, and the names of the downloads that came and went.
-class DownloadLog : public CapturedLog {
-  public:
-    void downloadAdded(Download* download) override { events += "+" + name(*download); }
-    void downloadRemoved(Download* download) override { events += "-" + name(*download); }
-    std::string takeEvents() { return std::exchange(events, {}); }
-
-  private:
-    static std::string name(const Download& download) { return download.getName().c_str(); }
-    std::string events;
-};
-
-class Downloads : public testing::Test {
+class Downloads : public Engine {
   protected:
     Downloads() {
-        preferences.workDir = directory.path().c_str();
-        preferences.load();
-        preferences.setIncoming(incoming("").c_str());
-        preferences.setTemp(temp("").c_str());
-        std::filesystem::create_directory(temp(""));
+        log.verbose = 0;
+        preferences.setIncoming(incoming().c_str());
+        preferences.setTemp(temp().c_str());
+        for (const std::string& path : {temp(), incoming()}) std::filesystem::create_directory(path);
         preferences.saveCor = 1;
         preferences.userMaxDownF = 0;
         preferences.curDownSpeed = 0;
         preferences.maxDownSpeed = 5.0F;
-        dlPool.tick(500);
-    }
-    ~Downloads() override {
-        handleMessages();
-        dlPool.stopAll();
-        clientApp.partials().deleteAll();
-        clientApp.shared.clear();
-        clientApp.known.deleteAll();
-        handleMessages();
+        dlPool.tick(60'000);  // looks how much room the disk has
     }
 
-    std::string temp(const std::string& name) const {
-        return directory.file("temp" + (name.empty() ? "" : "/" + name));
-    }
-    std::string incoming(const std::string& name) const {
-        return directory.file("incoming" + (name.empty() ? "" : "/" + name));
+    // The two directories, or a file in them.
+    std::string temp(const std::string& name = "") const { return under("temp", name); }
+    std::string incoming(const std::string& name = "") const { return under("incoming", name); }
+    std::string dataFileOf(const Download& download) const {
+        return temp(download.partial().tempFileName().c_str());
     }
     // How many there were.
     static int handleMessages() {
@@ -120,7 +82,7 @@ class Downloads : public testing::Test {
         while (messageQ.process()) ++count;
         return count;
     }
-    // A download in the pool, in DLS_Downloading unless it isn't to start.
+    // A download in the pool, looking for sources unless it isn't to start.
     static Ref<Download> add(const RemoteFile& file, bool start = true) {
         dlPool.add(file.record);
         Ref<Download> download = dlPool.find(file.record.hash);
@@ -128,26 +90,24 @@ class Downloads : public testing::Test {
         if (start && download) download->tick(1);
         return download;
     }
-    void give(Download& download, const RemoteFile& file, i64 start, i64 end) {
-        DataPacket packet(
-            static_cast<u32>(start), static_cast<u32>(end),
-            file.bytes.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start)));
-        download.gotData(packet, *nobody);
+    static void giveBytes(Download& download, i64 start, i64 end, const std::string& bytes) {
+        DataPacket packet(static_cast<u32>(start), static_cast<u32>(end), bytes);
+        download.gotData(packet, *Ref<Peer>(new Peer(0x0100007F, 9)));
     }
-    void give(Download& download, const RemoteFile& file) {
+    static void give(Download& download, const RemoteFile& file, i64 start, i64 end) {
+        giveBytes(download, start, end,
+                  file.bytes.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start)));
+    }
+    static void give(Download& download, const RemoteFile& file) {
         for (const Gap& piece : file.pieces(PARTSIZE)) give(download, file, piece.start, piece.end);
     }
-    void giveWrong(Download& download, i64 start, i64 end) {
-        DataPacket packet(static_cast<u32>(start), static_cast<u32>(end),
-                          std::string(static_cast<std::size_t>(end - start), '?'));
-        download.gotData(packet, *nobody);
+    static void giveWrong(Download& download, i64 start, i64 end) {
+        giveBytes(download, start, end, std::string(static_cast<std::size_t>(end - start), '?'));
     }
     static void giveHashSet(Download& download, const std::vector<MD4Hash>& parts) {
-        i4_owned_ram_file stream;
-        FileMeta offered;
-        offered.partHashes = parts;
-        offered.writePartHashes(stream);
-        stream.seek(0);
+        std::string body = le16(parts.size());
+        for (const MD4Hash& part : parts) body += bytesOf(part);
+        i4_ram_file_class stream(body.data(), static_cast<u32>(body.size()), 0);
         download.gotHashSet(stream);
     }
     // A flag for each part: whether it has passed its hash.
@@ -166,17 +126,28 @@ class Downloads : public testing::Test {
     }
     // Waits until the completer has done its work and the download has left the pool.
     static void waitUntilGone(const Ref<Download>& download) {
-        const auto deadline = std::chrono::steady_clock::now() + patience;
-        while (dlPool.findByRecord(download->partial().getHash())) {
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-            if (!messageQ.process()) std::this_thread::yield();
-        }
+        ASSERT_TRUE(eventually([&] {
+            handleMessages();
+            return !dlPool.findByRecord(download->partial().getHash());
+        }));
         handleMessages();
     }
     // Writes the meta files of all downloads, as every five minutes.
     static void save() { dlPool.tick(300'000); }
+    // Ends the program, as far as downloads go, and finds again what it left.
+    void restart() {
+        dlPool.stopAll();
+        clientApp.partials().saveToDir(temp().c_str());
+        load();
+    }
+    void load() {
+        log.take();
+        clientApp.partials().loadFromDir(temp().c_str());
+        clientApp.partials().startDownloads();
+    }
 
-    TemporaryDirectory directory;
-    DownloadLog log;
-    const Ref<Peer> nobody{new Peer(0x0100007F, 9)};
+  private:
+    std::string under(const std::string& folder, const std::string& name) const {
+        return directory.file(name.empty() ? folder : folder + "/" + name);
+    }
 };

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -24,26 +23,8 @@
 #include "tests/support/Conversation.h"
 #include "tests/support/Process.h"
 #include "tests/support/ScriptedSocket.h"
-
-inline std::string le16(u32 value) { return {static_cast<char>(value), static_cast<char>(value >> 8)}; }
-inline std::string le32(u32 value) { return le16(value) + le16(value >> 16); }
-inline u32 readLe32(const std::string& bytes, std::size_t at) {
-    u32 value = 0;
-    for (std::size_t i = 4; i-- > 0;) value = value << 8 | static_cast<u8>(bytes.at(at + i));
-    return value;
-}
-inline std::string text16(const std::string& text) { return le16(static_cast<u32>(text.size())) + text; }
-inline std::string bytesOf(const MD4Hash& hash) {
-    return {reinterpret_cast<const char*>(hash.bytes.data()), hash.bytes.size()};
-}
-inline MD4Hash hashOf(u8 fill) {
-    MD4Hash hash;
-    hash.bytes.fill(fill);
-    return hash;
-}
-inline std::string opcode(u32 number, const std::string& payload = {}) {
-    return std::string(1, static_cast<char>(number)) + payload;
-}
+#include "tests/support/bytes.h"
+#include "tests/support/files.h"
 
 constexpr u32 addressOf(u8 last) { return 0x0A | static_cast<u32>(last) << 24; }  // 10.0.0.last
 
@@ -56,6 +37,15 @@ class User : public UserMeta {
         port = 4662;
     }
 };
+
+// The request for up to three ranges, from first up to but not including second.
+inline std::string requestFor(const MD4Hash& file, std::vector<std::pair<u32, u32>> ranges) {
+    ranges.resize(3);
+    std::string body = bytesOf(file);
+    for (const auto& range : ranges) body += le32(range.first);
+    for (const auto& range : ranges) body += le32(range.second);
+    return opcode(71, body);
+}
 
 // A socket whose other side has an address.
 class AddressedSocket : public ScriptedSocket {
@@ -155,11 +145,10 @@ class Engine : public testing::Test {
         while (messageQ.process()) continue;
     }
 
-    // A User as Hello has it, of no server.
+    // A User as Hello has it, of no server; called user1 and so on where there is no other name.
     static std::string identity(u8 last, const std::string& name = "", u32 id = 0) {
-        std::string record = bytesOf(hashOf(last)) + le32(id != 0 ? id : addressOf(last)) + le16(4662);
-        if (name.empty()) return record + le32(0) + le32(0) + le16(0);
-        return record + le32(1) + "\2" + text16("\1") + text16(name) + le32(0) + le16(0);
+        const std::string& known = name.empty() ? "user" + std::to_string(last) : name;
+        return namedRecord(hashOf(last), id != 0 ? id : addressOf(last), 4662, known) + le32(0) + le16(0);
     }
     TestPeer& stranger(u8 last) {
         made.emplace_back(new TestPeer(addressOf(last)));
@@ -174,7 +163,7 @@ class Engine : public testing::Test {
     }
     // A file that lies in the directory and is shared.
     FileMeta& shareFile(const MD4Hash& hash, const std::string& name, const std::string& content) {
-        std::ofstream(directory.file(name), std::ios::binary) << content;
+        writeFile(directory.file(name), content);
         auto file = std::make_unique<FileMeta>();
         file->hash = hash;
         file->setName(name.c_str());

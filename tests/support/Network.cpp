@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds between{20};
 const std::string banner = "Enter commands at any time (type '?' for help)\n";
 const std::string loaded = "Done loading shared files.\n";
 
@@ -44,36 +43,6 @@ std::string pathOf(int space) {
 }
 
 }  // namespace
-
-bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(between);
-    }
-    return true;
-}
-
-std::string bytesOfSeed(unsigned seed, std::size_t size) {
-    std::mt19937_64 random(seed);
-    std::string bytes(size + 8, '\0');
-    for (std::size_t at = 0; at < size; at += 8) {
-        const std::uint64_t word = random();
-        std::memcpy(bytes.data() + at, &word, sizeof word);
-    }
-    bytes.resize(size);
-    return bytes;
-}
-
-void writeFile(const std::string& path, const std::string& bytes) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
-bool hasBytes(const std::string& path, const std::string& bytes) {
-    std::ifstream file(path, std::ios::binary);
-    return file && std::string(std::istreambuf_iterator<char>(file), {}) == bytes;
-}
 
 int freePort() {
     const int door = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -123,6 +92,11 @@ bool NamespaceNetwork::addSpace() {
     return spaces_.back() >= 0;
 }
 
+// The answers to a call go by a rule of their own, which drops them.
+bool NamespaceNetwork::shutPort(std::size_t index, const std::string& port) {
+    return ip(hosts_.at(index).space, "rule add pref 10 ipproto tcp sport " + port + " blackhole");
+}
+
 bool NamespaceNetwork::ip(const std::string& space, const std::string& arguments) {
     const std::string command = "nsenter --net=" + space + " ip " + arguments + " >/dev/null 2>&1";
     return std::system(command.c_str()) == 0;
@@ -141,14 +115,22 @@ IndexServerProcess::IndexServerProcess(const Host& host) : host_(host) {
     port_ = output.substr(from, output.find(',', from) - from);
 }
 
-bool IndexServerProcess::said(const std::string& text) {
-    return eventually([&] { return process_->output().find(text) != std::string::npos; });
+bool IndexServerProcess::said(const std::string& text, int times) {
+    return eventually([&] {
+        const std::string& output = process_->output();
+        int count = 0;
+        for (std::size_t at = 0; (at = output.find(text, at)) != std::string::npos; at += text.size())
+            ++count;
+        return count >= times;
+    });
 }
 
 // --- Client
 
-Client::Client(const std::string& name, const IndexServerProcess& index, const Host& host)
+Client::Client(const std::string& name, const IndexServerProcess& index, const Host& host,
+               const std::string& program)
     : name_(name),
+      program_(program),
       host_(host),
       server_(index.host()),
       serverPort_(index.port()),
@@ -161,11 +143,13 @@ Client::Client(const std::string& name, const IndexServerProcess& index, const H
 
 void Client::run(const std::vector<std::string>& arguments, Process::Input input) {
     kill();
-    process_ = startOn(host_, "tarnwick", arguments, home_.path(), input);
+    process_ = startOn(host_, program_, arguments, home_.path(), input);
 }
 
-void Client::start() {
-    run({}, Process::Input::terminal);
+void Client::launch(const std::vector<std::string>& arguments) { run(arguments, Process::Input::terminal); }
+
+void Client::start(const std::vector<std::string>& arguments) {
+    launch(arguments);
     EXPECT_TRUE(eventually([&] {
         const std::string& output = process_->output();
         return output.find(banner) != std::string::npos && output.find(loaded) != std::string::npos;

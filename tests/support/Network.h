@@ -2,22 +2,16 @@
 // or in network namespaces that the test makes.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/support/Process.h"
+#include "tests/support/bytes.h"
+#include "tests/support/files.h"
 
 // The limit for a transfer, which a sanitizer and a busy machine make slow.
 inline constexpr std::chrono::seconds transferPatience{150};
-
-// Asks until `holds` says true; false when time ran out.
-bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds limit = patience);
-
-std::string bytesOfSeed(unsigned seed, std::size_t size);
-void writeFile(const std::string& path, const std::string& bytes);
-bool hasBytes(const std::string& path, const std::string& bytes);
 
 // A place on a network: a loopback address, or a namespace's own address.
 struct Host {
@@ -36,6 +30,9 @@ class NamespaceNetwork {
     bool usable() const { return why_.empty(); }
     const std::string& why() const { return why_; }
     const Host& host(std::size_t index) const { return hosts_.at(index); }
+    // From now on whoever calls that port of the host hears nothing, as from behind a firewall. False where
+    // that can't be had.
+    bool shutPort(std::size_t index, const std::string& port);
 
   private:
     bool addSpace();
@@ -50,10 +47,11 @@ class NamespaceNetwork {
 class IndexServerProcess {
   public:
     explicit IndexServerProcess(const Host& host = {});
-    // Waits for a line of the server's that holds `text`, from its start on.
-    bool said(const std::string& text);
+    // Waits until `text` stands in so many places of what the server has said from its start on.
+    bool said(const std::string& text, int times = 1);
     const Host& host() const { return host_; }
     const std::string& port() const { return port_; }
+    u_int portNumber() const { return static_cast<u_int>(std::stoul(port_)); }
 
   private:
     const Host host_;
@@ -66,14 +64,17 @@ class IndexServerProcess {
 // times.
 class Client {
   public:
-    Client(const std::string& name, const IndexServerProcess& index, const Host& host = {});
+    Client(const std::string& name, const IndexServerProcess& index, const Host& host = {},
+           const std::string& program = "tarnwick");
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
     ~Client();  // a complaint of a sanitizer or of the lock order fails the test
 
-    void start();  // and waits for the banner and the shared files
-    void kill();   // as a crash does
-    void quit();   // as a user does
+    void launch(const std::vector<std::string>& arguments);
+    // Launches it and waits for the banner and the shared files.
+    void start(const std::vector<std::string>& arguments = {});
+    void kill();  // as a crash does
+    void quit();  // as a user does
     void logOn();
     // Types a line and waits for `answer`, which must be something that only this line brings.
     bool type(const std::string& line, const std::string& answer);
@@ -96,6 +97,7 @@ class Client {
     void run(const std::vector<std::string>& arguments, Process::Input input);
 
     const std::string name_;
+    const std::string program_;
     const Host host_;
     const Host server_;
     const std::string serverPort_;

@@ -156,14 +156,3 @@ void Process::signal(int number) { ::kill(pid_, number); }
 std::string programPath(const std::string& name) {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
 }
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string pattern = std::filesystem::temp_directory_path() / "tarnwick.XXXXXX";
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp");
-    path_ = pattern;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-// The limit of every wait in a story. A wait ends as soon as its condition holds.
-inline constexpr std::chrono::seconds patience{60};
+#include "tests/support/eventually.h"
+#include "tests/support/files.h"
 
 // Owns its process: the destructor kills it. Thread: one.
 class Process {
@@ -52,17 +52,3 @@ class Process {
 
 // The path of a program in the build folder in which this test was built.
 std::string programPath(const std::string& name);
-
-// A directory of its own under the system's temporary directory, removed with all it holds.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    ~TemporaryDirectory();
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};

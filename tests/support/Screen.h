@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <initializer_list>
+#include <memory>
 #include <string>
 
 #include "app/MessageQ.h"
@@ -12,6 +14,15 @@
 #include "download/DLPool.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Process.h"
+
+// The record of a file, whose hash repeats one byte.
+inline std::unique_ptr<FileMeta> makeFile(const char* name, u32 size, u8 hash) {
+    auto file = std::make_unique<FileMeta>();
+    file->setName(name);
+    file->setInt(TAG_SIZE, size);
+    file->hash.bytes.fill(hash);
+    return file;
+}
 
 // The engine's events reach the console's lists. The first one moves the process into a directory of its own
 // and makes the settings of a first run there. Thread: one.
@@ -30,6 +41,12 @@ class Screen : public CapturedLog {
             first = false;
         }
     }
+    // The results of a search, which may be a server's.
+    void showResults(std::initializer_list<FileMeta*> files) {
+        auto list = std::make_unique<FileList>();
+        for (FileMeta* file : files) list->add(file);
+        console_.setResults(list.release(), 0);
+    }
     // What the line prints at once.
     std::string type(const std::string& line) {
         take();
@@ -47,7 +64,6 @@ class Screen : public CapturedLog {
         return atOnce + handled();
     }
 
-    void setResults(FileList* list, u8 more) override { console_.setResults(list, more); }
     void downloadAdded(Download* download) override { console_.downloadAdded(download); }
     void downloadRemoved(Download* download) override { console_.downloadRemoved(download); }
     void uploadAdded(Upload* upload) override { console_.uploadAdded(upload); }

@@ -38,18 +38,14 @@ inline std::vector<HexExample> readHexExamples(std::istream& page) {
             open = false;
         } else {
             text.resize(std::min(text.find(';'), text.size()));
-            for (std::size_t at = 0; at < text.size();) {
-                if (text[at] == ' ') {
-                    ++at;
-                    continue;
-                }
-                const std::string pair = text.substr(at, 2);
-                if (pair.size() != 2 || !std::isxdigit(static_cast<unsigned char>(pair[0])) ||
-                    !std::isxdigit(static_cast<unsigned char>(pair[1]))) {
-                    fail("no byte: " + pair);
-                }
-                examples.back().bytes.push_back(static_cast<std::uint8_t>(std::stoi(pair, nullptr, 16)));
-                at += 2;
+            std::erase(text, ' ');
+            const auto isDigit = [](unsigned char c) { return std::isxdigit(c) != 0; };
+            if (text.size() % 2 != 0 || !std::all_of(text.begin(), text.end(), isDigit)) {
+                fail("no bytes: " + text);
+            }
+            for (std::size_t at = 0; at < text.size(); at += 2) {
+                examples.back().bytes.push_back(
+                    static_cast<std::uint8_t>(std::stoi(text.substr(at, 2), nullptr, 16)));
             }
         }
     }

@@ -3,11 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
-#include <random>
+
+#include "tests/support/bytes.h"
+#include "tests/support/files.h"
 
 MD4Hash independentDigest(std::string_view bytes, const std::string& scratch) {
-    std::ofstream(scratch, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    writeFile(scratch, bytes);
     const std::string command =
         "openssl dgst -md4 -r -provider legacy -provider default '" + scratch + "' 2>&1";
     std::FILE* pipe = ::popen(command.c_str(), "r");
@@ -29,14 +30,7 @@ MD4Hash independentFileHash(std::string_view bytes, const std::string& scratch, 
     std::string together;
     for (std::size_t start = 0; start <= bytes.size(); start += partSize) {
         parts.push_back(independentDigest(bytes.substr(start, partSize), scratch));
-        together.append(reinterpret_cast<const char*>(parts.back().bytes.data()), 16);
+        together += bytesOf(parts.back());
     }
     return independentDigest(together, scratch);
-}
-
-std::string someBytes(std::size_t count, unsigned seed) {
-    std::string bytes(count, '\0');
-    std::mt19937 random(seed);
-    for (char& byte : bytes) byte = static_cast<char>(random());
-    return bytes;
 }

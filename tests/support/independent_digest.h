@@ -1,4 +1,4 @@
-// Digests by the openssl program, and bytes to digest.
+// Digests by the openssl program.
 #pragma once
 
 #include <string>
@@ -13,6 +13,3 @@ MD4Hash independentDigest(std::string_view bytes, const std::string& scratch);
 
 // The hash of a file with these bytes, and the hashes of its parts: none where there is one part alone.
 MD4Hash independentFileHash(std::string_view bytes, const std::string& scratch, std::vector<MD4Hash>& parts);
-
-// The same bytes each time for the same seed.
-std::string someBytes(std::size_t count, unsigned seed = 1320);

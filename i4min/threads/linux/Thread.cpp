@@ -28,7 +28,9 @@ void* Thread::enter(void* self) {
 }
 
 void Thread::loop() {
+    own_.bind();
     while (state() == running) run();
+    own_.unbind();
     const bool ownEnd = !isStopping();
     state_.store(notRunning, std::memory_order_release);
     if (ownEnd) finished();

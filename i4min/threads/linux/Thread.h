@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "i4min/memory/types.h"
+#include "i4min/threads/linux/ThreadBound.h"
 
 // Runs turns of run() on a thread of its own from start() until stop(), or until run() calls endLoop().
 //
@@ -39,6 +40,9 @@ class Thread {
     // Reports success and changes nothing: the host decides on priorities.
     bool setPriority(i32 level);
 
+    // For what only this thread may call while it runs: a debug build aborts on any other.
+    void checkOwnThread(const char* function = __builtin_FUNCTION()) const { own_.check(function); }
+
     State state() const { return state_.load(std::memory_order_acquire); }
     bool isStopping() const { return stopping_.load(std::memory_order_acquire); }
 
@@ -56,6 +60,7 @@ class Thread {
     void leaveRunning(bool byStop);  // from 0 to 1; nothing in another state
     void join();                     // with lifecycle_ held
 
+    ThreadBound own_;                       // while the loop runs
     std::atomic<State> state_{notRunning};  // left for 1 with mutex_ held
     std::atomic<bool> stopping_{false};     // the way it was left: by stop()
     std::mutex lifecycle_;                  // held through start() and stop()

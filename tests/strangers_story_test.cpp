@@ -1,0 +1,114 @@
+// A good transfer between two clients, while strangers come and go at the doors of both.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "tests/support/Engine.h"
+#include "tests/support/Network.h"
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr long mostMemory = 4'000'000;  // kB, of which most is the sanitizer's
+#else
+constexpr long mostMemory = 20'000;
+#endif
+
+// In kB, the most that there was.
+long memoryOf(Client& client) {
+    std::ifstream status("/proc/" + std::to_string(client.console().pid()) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return -1;
+}
+
+// What the stranger of that number says first: a user of a loopback address where nobody answers.
+std::string helloOf(u32 number, const std::string& tags = {}, u32 count = 0) {
+    const std::string hash = le32(number) + std::string(12, 'S');
+    return opcode(1, "\x10" + hash + le32(0x0000097F + (number << 16)) + le16(9) + le32(count) + tags +
+                         le32(0) + le16(0));
+}
+
+class StrangersStory : public testing::Test {
+  protected:
+    // All that may be said about the file, and what no honest client asks for.
+    std::string dialogue(u32 number) const {
+        std::string bytes = framed(helloOf(number));
+        for (const u32 about : {88, 79, 81}) bytes += framed(opcode(about, bytesOf(hash_)));
+        bytes += framed(opcode(84)) + framed(requestFor(hash_, {{0, 100'000}, {7, 7}, {9, 3}}));
+        bytes += framed(requestFor(hash_, {{fileSize - 5, fileSize + 50}, {0, 0}, {0xFFFFFFF0, 0xFFFFFFFF}}));
+        bytes +=
+            framed(opcode(84)) + framed(requestFor(hash_, {{0xFFFFFF00, 0xFFFFFFFF}, {50, 90}, {0, 10}}));
+        bytes += framed(opcode(70, bytesOf(hash_) + le32(0) + le32(5) + "wrong"));
+        bytes += framed(opcode(74)) + framed(opcode(78, text16("buy"))) + framed(opcode(85));
+        return bytes + framed(opcode(73, bytesOf(hash_))) + framed(opcode(86)) + framed(opcode(87));
+    }
+
+    // Two hundred times; the last ones stay, without a word.
+    void visit(const std::string& port) {
+        const u32 door = static_cast<u32>(std::stoi(port));
+        for (u32 i = 0; i < 100; ++i) {
+            Caller caller(door);
+            const std::string bytes = dialogue(i + 1);
+            caller.send(bytes.substr(0, bytes.size() * (i + 1) / 100));
+            if (i % 2 == 0) caller.reset();
+        }
+        for (u32 i = 0; i < 40; ++i) {
+            Caller caller(door);
+            const std::string garbage = someBytes(3'000, i);
+            caller.send(i % 2 == 0 ? garbage : framed(opcode(i + 50, garbage)));
+        }
+        const std::string absurd = "\2" + text16("\1") + text16(std::string(60'000, 'x'));
+        for (u32 i = 0; i < 10; ++i) Caller(door).say(helloOf(500 + i, absurd, 1));
+        for (u32 i = 0; i < 50; ++i) silent_.push_back(std::make_unique<Caller>(door));
+    }
+
+    // Whether somebody who asks politely is answered.
+    static bool answers(const std::string& port, const MD4Hash& file, const std::string& name) {
+        Caller caller(static_cast<u32>(std::stoi(port)));
+        caller.say(helloOf(1000));
+        caller.say(opcode(88, bytesOf(file)));
+        return caller.packet().substr(0, 1) == opcode(76) &&
+               caller.packet() == opcode(89, bytesOf(file) + text16(name));
+    }
+
+    static constexpr u32 fileSize = 30'000'000;
+    const std::string bytes_ = someBytes(fileSize);
+    MD4Hash hash_;
+    std::vector<std::unique_ptr<Caller>> silent_;
+};
+
+TEST_F(StrangersStory, TheFileArrivesAndTheMemoryStays) {
+    TemporaryDirectory folder;
+    writeFile(folder.file("big.bin"), bytes_);
+    std::vector<MD4Hash> parts;
+    ASSERT_EQ(MD4Hash::computeFile(hash_, folder.file("big.bin").c_str(), parts), HashOutcome::whole);
+    IndexServerProcess index;
+    Client seed("seed", index);
+    Client leech("leech", index);
+    seed.start();
+    ASSERT_TRUE(seed.type("dumax 0 4000", "Done."));
+    seed.logOn();
+    seed.share(folder.path(), index);
+    leech.start();
+    leech.logOn();
+    leech.findAndDownload("big");
+    ASSERT_TRUE(eventually([&] { return leech.transferredKB() > 1'000; }));
+    ASSERT_FALSE(std::filesystem::exists(leech.file("incoming/big.bin")));
+
+    EXPECT_TRUE(answers(seed.doorPort(), hash_, "big.bin"));
+    visit(seed.doorPort());
+    visit(leech.doorPort());
+    EXPECT_TRUE(answers(seed.doorPort(), hash_, "big.bin"));
+    EXPECT_TRUE(leech.hasFinished("big.bin", bytes_)) << leech.console().output() << seed.console().output();
+    EXPECT_TRUE(answers(leech.doorPort(), hash_, "big.bin"));
+    const std::string& said = seed.console().output();
+    EXPECT_NE(said.find("New Upload"), said.rfind("New Upload")) << "strangers got as far as a transfer";
+    for (Client* client : {&seed, &leech}) {
+        EXPECT_LT(memoryOf(*client), mostMemory);
+        client->quit();
+    }
+}
+
+}  // namespace

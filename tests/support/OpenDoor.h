@@ -1,0 +1,43 @@
+// A socket pool at work for a test, with a door of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Conversation.h"
+#include "transport/Worker.h"
+
+// One pool, one worker and one door on loopback that makes Talkers.
+template <class Pool>
+struct OpenDoor {
+    OpenDoor() {
+        pool.start();
+        worker.start();
+        EXPECT_TRUE(door->listen(500));
+        port = door->localPort();
+    }
+    ~OpenDoor() {
+        worker.stop();
+        pool.stop();
+        door->takeLast();
+        pool.deleteConnections();
+        EXPECT_EQ(pool.count, 0);
+    }
+    // The one that came in last; the door lets go of it.
+    Ref<Talker> arrived() {
+        Ref<Talker> found;
+        EXPECT_TRUE(eventually([&] { return static_cast<bool>(found = door->takeLast()); }));
+        return found;
+    }
+    // Only the door is left in the pool, and every other connection has ended once.
+    bool allGone(int connections) {
+        return eventually([&] { return pool.count == 1 && told.ended == connections; });
+    }
+
+    CapturedLog log;
+    Told told;
+    Pool pool;
+    Worker worker{pool};
+    Ref<TalkerDoor> door{new TalkerDoor(&pool, 0, told)};
+    u32 port = 0;
+};

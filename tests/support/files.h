@@ -1,0 +1,52 @@
+// Directories of a test's own, and whole files, written and read.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+// A directory under the system's temporary directory, removed with all it holds. Its path has no links.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory() {
+        std::string pattern =
+            std::filesystem::canonical(std::filesystem::temp_directory_path()) / "tarnwick.XXXXXX";
+        if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp");
+        path_ = pattern;
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+// Its directories are made where they aren't there yet.
+inline void writeFile(const std::filesystem::path& path, std::string_view bytes) {
+    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Empty where there is no such file.
+inline std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline bool exists(const std::string& path) { return std::filesystem::exists(path); }
+
+// For files too long to be printed where they differ.
+inline bool hasBytes(const std::filesystem::path& path, std::string_view bytes) {
+    return std::filesystem::exists(path) && contentOf(path) == bytes;
+}
