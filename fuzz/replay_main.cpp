@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t longestSwept = 400;  // bytes: a sweep runs the target six times for each
+constexpr std::size_t longestSwept = 600;  // bytes: a sweep runs the target six times for each
 
 int replayed = 0;
 

@@ -1,18 +1,28 @@
-// Directories, names and buffered streams, on a real temporary directory.
-#include "i4min/file/filesystem.h"
-
+// Directories, names, buffered streams and saving, on a real temporary directory. Whatever goes wrong in a
+// save, the old file or the new one is there, whole, and nothing else is left behind.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <csignal>
 #include <map>
+#include <numeric>
 #include <random>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "i4min/file/buffered_file.h"
 #include "i4min/file/file.h"
+#include "i4min/file/filesystem.h"
+#include "i4min/file/save_file.h"
+#include "i4min/memory/error.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/files.h"
 
 namespace fs = std::filesystem;
@@ -27,8 +37,7 @@ class Filesystem : public testing::Test {
 };
 
 TEST_F(Filesystem, ListingTellsDirectoriesFilesAndWhatMustNotBeOpened) {
-    writeFile(path("plain"), "12345");
-    writeFile(path("Max: a\\b"), "x");
+    writeFile(path("Max: a\\b"), "12345");
     fs::create_directory(path("folder"));
     fs::create_directory_symlink(path("folder"), path("linked"));
     fs::create_symlink(path("nowhere"), path("dangling"));
@@ -39,38 +48,27 @@ TEST_F(Filesystem, ListingTellsDirectoriesFilesAndWhatMustNotBeOpened) {
     ASSERT_TRUE(i4_get_directory(folder_.path().c_str(), list, true));
     EXPECT_EQ(fs::current_path(), before);
     EXPECT_THAT(list.dirs, testing::UnorderedElementsAre(".", "..", "folder", "linked"));
-    ASSERT_EQ(list.files.size(), 4U);
-    ASSERT_EQ(list.file_status.size(), 4U);
+    ASSERT_EQ(list.files.size(), 3U);
+    ASSERT_EQ(list.file_status.size(), 3U);
     std::map<std::string, i4_file_status> byName;
-    for (std::size_t i = 0; i < 4; ++i) byName[list.files[i].c_str()] = list.file_status[i];
-    EXPECT_EQ(byName["plain"].kind, i4_file_kind::regular);
-    EXPECT_EQ(byName["plain"].size, 5U);
+    for (std::size_t i = 0; i < 3; ++i) byName[list.files[i].c_str()] = list.file_status[i];
     EXPECT_EQ(byName["Max: a\\b"].kind, i4_file_kind::regular);
+    EXPECT_EQ(byName["Max: a\\b"].size, 5U);
     EXPECT_EQ(byName["fifo"].kind, i4_file_kind::other);
     EXPECT_EQ(byName["dangling"].kind, i4_file_kind::unknown);
+    EXPECT_FALSE(i4_get_directory(path("fifo").c_str(), list, true));
 
-    i4_directory_list names;
-    ASSERT_TRUE(i4_get_directory(folder_.path().c_str(), names, false));
-    EXPECT_FALSE(i4_get_directory(path("plain").c_str(), names, true));
-    EXPECT_FALSE(i4_get_directory(path("missing").c_str(), names, true));
-    EXPECT_EQ(names.files.size(), 4U);
-    EXPECT_TRUE(names.file_status.empty());
-}
-
-TEST_F(Filesystem, StatusAndSpace) {
-    writeFile(path("large"), "");
-    fs::resize_file(path("large"), 5'000'000'000);
+    // Beyond what 32 bits hold.
     i4_file_status status;
-    ASSERT_TRUE(i4_get_status(path("large").c_str(), status));
+    fs::resize_file(path("Max: a\\b"), 5'000'000'000);
+    ASSERT_TRUE(i4_get_status(path("Max: a\\b").c_str(), status));
     EXPECT_EQ(status.size, 5'000'000'000U);
-    EXPECT_EQ(status.flags, 0U);
     EXPECT_NEAR(static_cast<double>(status.last_modified), static_cast<double>(::time(nullptr)), 60);
     ASSERT_TRUE(i4_get_status(folder_.path().c_str(), status));
     EXPECT_EQ(status.flags, I4_FILE_STATUS_DIRECTORY);
     EXPECT_FALSE(i4_get_status(path("missing").c_str(), status));
-    EXPECT_EQ(status.flags, 0U);
     EXPECT_GT(i4_disk_free(folder_.path().c_str()), 0U);
-    EXPECT_EQ(i4_disk_free(path("missing").c_str()), 1099494785025U);
+    EXPECT_EQ(i4_disk_free(path("missing").c_str()), i4_disk_free_unknown);
 }
 
 TEST_F(Filesystem, SortsFilesWithTheirStatusByTheKey) {
@@ -90,53 +88,39 @@ TEST_F(Filesystem, SortsFilesWithTheirStatusByTheKey) {
     EXPECT_EQ(list.file_status[0].size, 5U);
 }
 
-TEST_F(Filesystem, MakesAPathAndUnlinksATranslatedName) {
+TEST_F(Filesystem, PathsAreMadeSplitAndRelatedByWholeComponents) {
     EXPECT_FALSE(i4_make_path(""));
-    EXPECT_TRUE(i4_make_path(path("a/b/c").c_str()));
-    EXPECT_TRUE(i4_make_path(path("a/b/c/").c_str()));
-    EXPECT_TRUE(fs::is_directory(path("a/b/c")));
+    for (const char* name : {"work/here/deep", "work/hereafter/", "other"}) {
+        EXPECT_TRUE(i4_make_path(path(name).c_str()));
+        EXPECT_TRUE(fs::is_directory(path(name)));
+    }
     writeFile(path("file"), "");
     EXPECT_FALSE(i4_make_path(path("file/x").c_str()));
-    EXPECT_FALSE(i4_make_path(path("file").c_str()));
-    std::string typed = path("file");
-    std::replace(typed.begin(), typed.end(), '/', '\\');
-    EXPECT_TRUE(i4_unlink(typed.c_str()));
+    EXPECT_TRUE(i4_unlink((folder_.path() + "\\file").c_str()));
     EXPECT_FALSE(exists(path("file")));
-    EXPECT_FALSE(i4_unlink(path("file").c_str()));
-}
 
-TEST_F(Filesystem, SplitsPaths) {
     const struct {
         const char *path, *dir, *name, *ext;
-    } table[] = {{"/a/b.tar.gz", "/a", "b.tar", "gz"},
-                 {"plain", "-", "plain", "-"},
-                 {"a.b/c", "a.b", "c", "-"},
-                 {"a\\b.c", "a", "b", "c"},
-                 {"/x", "", "x", "-"},
-                 {"dir/", "dir", "", "-"},
-                 {".hidden", "-", "", "hidden"}};
-    for (const auto& row : table) {
-        i4_string dir = "-";
-        i4_string name = "-";
-        i4_string ext = "-";
+    } splits[] = {{"/a/b.tar.gz", "/a", "b.tar", "gz"},
+                  {"a.b/c", "a.b", "c", "-"},
+                  {"a\\b.c", "a", "b", "c"},
+                  {"/x", "", "x", "-"},
+                  {".hidden", "-", "", "hidden"}};
+    for (const auto& row : splits) {
+        i4_string dir = "-", name = "-", ext = "-";
         i4_split_path(row.path, dir, name, ext);
-        EXPECT_STREQ(dir.c_str(), row.dir) << row.path;
-        EXPECT_STREQ(name.c_str(), row.name) << row.path;
-        EXPECT_STREQ(ext.c_str(), row.ext) << row.path;
+        EXPECT_EQ((std::array{dir, name, ext}), (std::array<i4_string, 3>{row.dir, row.name, row.ext}));
     }
-}
 
-TEST_F(Filesystem, RelativePathsGoByWholeComponents) {
-    for (const char* name : {"work/here/deep", "work/hereafter", "other"}) fs::create_directories(path(name));
     i4_string before, out;
     ASSERT_TRUE(i4_get_cwd(before));
     ASSERT_TRUE(i4_chdir(path("work/here").c_str()));
-    const std::pair<const char*, const char*> table[] = {{"work/here/deep", "deep"},
-                                                         {"work/hereafter", "../hereafter"},
-                                                         {"other", "../../other"},
-                                                         {"work", "../"},
-                                                         {"work/here", ""}};
-    for (const auto& [target, expected] : table) {
+    const std::pair<const char*, const char*> ways[] = {{"work/here/deep", "deep"},
+                                                        {"work/hereafter", "../hereafter"},
+                                                        {"other", "../../other"},
+                                                        {"work", "../"},
+                                                        {"work/here", ""}};
+    for (const auto& [target, expected] : ways) {
         EXPECT_TRUE(i4_relative_path(path(target).c_str(), out));
         EXPECT_STREQ(out.c_str(), expected) << target;
     }
@@ -165,47 +149,36 @@ class CountingStream : public i4_owned_ram_file {
 };
 
 TEST(BufferedFile, RandomReadsAndWritesMatchAPlainStream) {
-    for (const u32 size : {1U, 7U, 64U}) {
-        for (const u32 most : {3U, 1000U}) {
-            auto inner = std::make_unique<CountingStream>();
-            CountingStream& disk = *inner;
-            disk.most = most;
-            i4_buffered_file_class file(std::move(inner), size, 0);
-            i4_owned_ram_file model;
-            std::mt19937 random(size * most);
-            const auto below = [&](u32 limit) { return static_cast<u32>(random() % limit); };
-            for (int turn = 0; turn < 4000; ++turn) {
-                const u32 length = below(40);
-                u8 mine[40];
-                u8 theirs[40];
-                switch (below(4)) {
-                    case 0: {
-                        const u32 to = below(model.size() + 10);
-                        // Seeking past the end makes the model longer at once, the file only when it is
-                        // written.
-                        if (to > model.size()) break;
-                        model.seek(to);
-                        file.seek(to);
-                        break;
-                    }
-                    case 1:
-                    case 2:
-                        for (u8& byte : mine) byte = static_cast<u8>(below(256));
-                        ASSERT_EQ(file.write(mine, length), model.write(mine, length));
-                        break;
-                    default: {
-                        const i32 got = model.read(theirs, length);
-                        ASSERT_EQ(file.bytesLeft(), model.bytesLeft().value() + static_cast<u32>(got));
-                        ASSERT_EQ(file.read(mine, length), got);
-                        ASSERT_TRUE(std::equal(mine, mine + got, theirs));
-                        ASSERT_EQ(file.tell(), model.tell());
-                    }
-                }
+    for (const auto& [size, most] : {std::pair{1U, 1000U}, {7U, 3U}, {64U, 3U}, {64U, 1000U}}) {
+        auto inner = std::make_unique<CountingStream>();
+        CountingStream& disk = *inner;
+        disk.most = most;
+        i4_buffered_file_class file(std::move(inner), size, 0);
+        i4_owned_ram_file model;
+        std::mt19937 random(size * most);
+        const auto below = [&](u32 limit) { return static_cast<u32>(random() % limit); };
+        for (int turn = 0; turn < 4000; ++turn) {
+            const u32 length = below(40);
+            u8 mine[40];
+            u8 theirs[40];
+            if (const u32 choice = below(4); choice == 0) {
+                const u32 to = below(model.size() + 1);
+                model.seek(to);
+                file.seek(to);
+            } else if (choice < 3) {
+                for (u8& byte : mine) byte = static_cast<u8>(below(256));
+                ASSERT_EQ(file.write(mine, length), model.write(mine, length));
+            } else {
+                const i32 got = model.read(theirs, length);
+                ASSERT_EQ(file.bytesLeft(), model.bytesLeft().value() + static_cast<u32>(got));
+                ASSERT_EQ(file.read(mine, length), got);
+                ASSERT_TRUE(std::equal(mine, mine + got, theirs));
+                ASSERT_EQ(file.tell(), model.tell());
             }
-            file.flush();
-            ASSERT_EQ(disk.size(), model.size());
-            EXPECT_TRUE(std::equal(disk.buffer(), disk.buffer() + disk.size(), model.buffer()));
         }
+        file.flush();
+        ASSERT_EQ(disk.size(), model.size());
+        EXPECT_TRUE(std::equal(disk.buffer(), disk.buffer() + disk.size(), model.buffer()));
     }
 }
 
@@ -226,6 +199,151 @@ TEST(BufferedFile, SmallPiecesShareACallAndAFailureIsTold) {
     EXPECT_EQ(file.write(block, 99), 99);
     EXPECT_EQ(file.write(block, 99), -1);
     EXPECT_EQ(file.write_8(1), 0U);
+}
+
+// Thirty strings of different lengths and a count that is filled in at the end, as the lists write
+// themselves.
+bool writeRecords(i4_file& file, const std::function<void()>& beforeEach) {
+    file.write_32(0);
+    for (u32 n = 0; n < 30; ++n) {
+        beforeEach();
+        i4_write_string(file, std::string(n * 300, static_cast<char>('a' + n % 26)).c_str());
+    }
+    const u32 end = file.tell();
+    EXPECT_EQ(file.size(), end);
+    file.seek(0);
+    file.write_32(30);
+    file.seek(end);
+    return true;
+}
+
+class SaveFile : public testing::Test {
+  protected:
+    bool save(const std::string& text) {
+        return saveFile(path_.c_str(), [&](i4_file& file) {
+            return file.write(text.data(), static_cast<u32>(text.size())) > 0;
+        });
+    }
+    // The records, where what is to be done before each of them lets it.
+    bool saveRecords(const std::function<void()>& beforeEach = [] {}) {
+        return saveFile(path_.c_str(), [&](i4_file& file) { return writeRecords(file, beforeEach); });
+    }
+    // The names in the folder, in order.
+    std::string names() const {
+        std::set<std::string> sorted;
+        for (const auto& entry : fs::directory_iterator(folder_.path())) {
+            sorted.insert(" " + entry.path().filename().string());
+        }
+        return std::accumulate(sorted.begin(), sorted.end(), std::string()).substr(1);
+    }
+    // The save failed for that reason, said so, and the old file is all there is.
+    void expectOld(const std::string& reason) {
+        EXPECT_EQ(contentOf(path_), "old");
+        EXPECT_EQ(names(), "known.met");
+        EXPECT_EQ(log_.take(), "Couldn't save " + path_ + ": " + reason + "\n");
+    }
+
+    const TemporaryDirectory folder_;
+    const std::string path_ = folder_.file("known.met");
+    CapturedLog log_;
+};
+
+TEST_F(SaveFile, KeepsTheOldFileWhenTheWriterGivesUpAtAnyPoint) {
+    for (int failing = 0; failing < 30; ++failing) {
+        save("old");
+        int call = 0;
+        EXPECT_FALSE(saveRecords([&] {
+            if (call++ == failing) i4_error()("write string error");
+        }));
+        expectOld("write string error");
+    }
+    EXPECT_FALSE(saveFile(path_.c_str(), [](i4_file& file) { return file.write_8(1), false; }));
+    expectOld("its contents couldn't be written");
+}
+
+// The size limit stands in for a disk that is full at any one byte.
+TEST_F(SaveFile, KeepsTheOldFileWhenTheDiskIsFull) {
+    const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    save("old");
+    for (const rlim_t room : {0U, 1U, 3U, 4U, 65535U, 65536U, 65537U, 130000U, 130563U, 130564U}) {
+        const rlimit tight{room, old.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+        const bool saved = saveRecords();
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+        EXPECT_EQ(saved, room >= 130564) << room;
+        if (!saved) expectOld("File too large");
+    }
+    std::signal(SIGXFSZ, oldAction);
+    const auto file = i4_open_exact(path_.c_str(), I4_FILE_READ);
+    EXPECT_EQ(file->read_32(), 30U);
+    for (u32 n = 0; n < 30; ++n) EXPECT_EQ(i4_string(*file).length(), n * 300);
+    EXPECT_EQ(file->bytesLeft(), 0U);
+    EXPECT_EQ(names() + log_.take(), "known.met");
+}
+
+// A process that dies in the middle of a save, at any point of it.
+TEST_F(SaveFile, KeepsTheOldFileInACrashAndThenSavesOverWhatIsLeft) {
+    save("old");
+    for (int dying = 0; dying < 30; dying += 7) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            int call = 0;
+            saveRecords([&] {
+                if (call++ == dying) ::_exit(7);
+            });
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_EQ(WEXITSTATUS(status), 7);
+        EXPECT_EQ(contentOf(path_), "old");
+    }
+    EXPECT_EQ(names(), "known.met known.met.new");
+    EXPECT_TRUE(save("new"));
+    EXPECT_EQ(contentOf(path_), "new");
+    EXPECT_EQ(names(), "known.met");
+}
+
+TEST_F(SaveFile, KeepsLinksAndModes) {
+    fs::create_directory(folder_.file("elsewhere"));
+    fs::create_symlink("elsewhere/one", folder_.file("link"));
+    fs::create_symlink("link", path_);
+    for (const char* text : {"made through the link", "replaced"}) {
+        EXPECT_TRUE(save(text));
+        EXPECT_TRUE(fs::is_symlink(path_));
+        EXPECT_EQ(contentOf(folder_.file("elsewhere/one")), text);
+    }
+    EXPECT_EQ(names(), "elsewhere known.met link");
+    fs::remove(path_);
+    for (const mode_t mode : {0600U, 0666U, 0644U}) {
+        save("old");
+        ASSERT_EQ(::chmod(path_.c_str(), mode), 0);
+        EXPECT_TRUE(save("new"));
+        EXPECT_EQ(static_cast<mode_t>(fs::status(path_).permissions()), mode);
+    }
+}
+
+TEST_F(SaveFile, NamesWhatItCannotSaveAndSetsAsideWhatIsDamaged) {
+    fs::create_directories(path_ + "/full");
+    EXPECT_FALSE(save("text"));
+    EXPECT_EQ(log_.take(), "Couldn't save " + path_ + ": Is a directory\n");
+    EXPECT_EQ(names(), "known.met");
+    setAsideDamaged(path_.c_str());
+    EXPECT_EQ(names(), "known.met.bad");
+}
+
+TEST_F(SaveFile, TwoAtOnceAreBothWhole) {
+    // The second save to the path runs inside the first one's.
+    EXPECT_TRUE(saveFile(path_.c_str(), [&](i4_file& file) {
+        file.write("outer", 5);
+        std::thread([&] { EXPECT_TRUE(save("inner")); }).join();
+        EXPECT_EQ(contentOf(path_), "inner");
+        return true;
+    }));
+    EXPECT_EQ(contentOf(path_), "outer");
+    EXPECT_EQ(names(), "known.met");
 }
 
 }  // namespace

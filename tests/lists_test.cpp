@@ -1,9 +1,9 @@
 // LL and LLsafe, and the hash tables of lists.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -49,48 +49,37 @@ class Lists : public testing::Test {
 using ListTypes = testing::Types<LL<Item>, LLsafe<Item>>;
 TYPED_TEST_SUITE(Lists, ListTypes);
 
-TYPED_TEST(Lists, StartEmptyIgnoreNullAndKeepTheirTail) {
+TYPED_TEST(Lists, TakePositionsIgnoreNullAndKeepTheirTail) {
     auto& list = this->list_;
-    LL<Item>::Cursor c;
-    EXPECT_EQ(list.next(c), nullptr);
     EXPECT_EQ(list.first(), nullptr);
     EXPECT_EQ(list.removeAt(0), nullptr);
-    EXPECT_FALSE(list.remove(item('a')));
     list.add(nullptr);
     list.addFront(nullptr);
-    EXPECT_FALSE(list.remove(nullptr));
+    list.removeNext(LL<Item>::Cursor());
     list.sort([](const Item*, const Item*) { return true; });
     list.shuffle();
-    list.removeNext(LL<Item>::Cursor());
     EXPECT_EQ(drawn(list), "");
     list.addFront(item('b'));
     list.addFront(item('a'));
-    EXPECT_EQ(drawn(list), "ab");
     EXPECT_TRUE(list.remove(item('b')));
+    EXPECT_FALSE(list.remove(item('b')));
     EXPECT_EQ(drawn(list), "a");
     EXPECT_EQ(list.removeAt(0), item('a'));
     EXPECT_EQ(drawn(list), "");
     fill(list, "abab");
     EXPECT_TRUE(list.remove(item('b')));
     EXPECT_EQ(drawn(list), "aab") << "only the first one goes";
-}
 
-TYPED_TEST(Lists, TakePositions) {
-    auto& list = this->list_;
-    const struct {
-        u32 at;
-        const char* inserted;
-        const char* replaced;
-    } cases[] = {
-        {0, "xabc", "xbc"}, {1, "axbc", "axc"}, {2, "abxc", "abx"}, {3, "abcx", "abcx"}, {8, "abcx", "abcx"}};
+    const std::pair<const char*, const char*> cases[] = {
+        {"xabc", "xbc"}, {"axbc", "axc"}, {"abxc", "abx"}, {"abcx", "abcx"}, {"abcx", "abcx"}};
     Item x{0, 'x'};
-    for (const auto& c : cases) {
+    for (u32 at = 0; at < 5; ++at) {
         fill(list, "abc");
-        list.insertAt(c.at, &x);
-        EXPECT_EQ(drawn(list), c.inserted) << c.at;
+        list.insertAt(at, &x);
+        EXPECT_EQ(drawn(list), cases[at].first) << at;
         fill(list, "abc");
-        list.replaceAt(c.at, &x);
-        EXPECT_EQ(drawn(list), c.replaced) << c.at;
+        list.replaceAt(at, &x);
+        EXPECT_EQ(drawn(list), cases[at].second) << at;
     }
     fill(list, "abc");
     EXPECT_EQ(list.removeAt(3), nullptr);
@@ -137,33 +126,24 @@ TYPED_TEST(Lists, SortOfEqualsTheLaterOneFirstAndLoseNothing) {
 
     // Keys that other threads change meanwhile make a comparison that contradicts itself.
     static std::mt19937 random(11);
-    std::vector<Item> pool(500);
-    list.clear();
-    for (Item& i : pool) list.add(&i);
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 200; ++round) {
         list.sort([](const Item*, const Item*) { return random() % 2 == 0; });
-        std::vector<const Item*> got;
-        for (LL<Item>::Cursor c; Item* i = list.next(c);) got.push_back(i);
-        std::sort(got.begin(), got.end());
-        ASSERT_EQ(got.size(), pool.size());
-        ASSERT_TRUE(std::equal(got.begin(), got.end(), pool.begin(),
-                               [](const Item* listed, const Item& made) { return listed == &made; }));
-    }
-}
-
-TYPED_TEST(Lists, ShuffleKeepsEveryElementOnce) {
-    auto& list = this->list_;
-    std::srand(5);
-    bool first[10] = {};
-    for (int round = 0; round < 400; ++round) {
-        fill(list, "abcdefghij");
-        list.shuffle();
         std::string names = drawn(list);
-        first[names[0] - 'a'] = true;
         std::sort(names.begin(), names.end());
         ASSERT_EQ(names, "abcdefghij");
     }
-    EXPECT_THAT(first, testing::Each(true)) << "any element may come first";
+}
+
+TYPED_TEST(Lists, ShuffleLetsAnyElementComeFirst) {
+    auto& list = this->list_;
+    std::srand(5);
+    std::set<char> first;
+    fill(list, "abcdefghij");
+    for (int round = 0; round < 400; ++round) {
+        list.shuffle();
+        first.insert(drawn(list)[0]);
+    }
+    EXPECT_EQ(first.size(), 10U);
 }
 
 TEST(LLsafe, ServesThreads) {
@@ -189,52 +169,35 @@ TEST(LLsafe, ServesThreads) {
     EXPECT_EQ(list.count(), 4U * 100U);
 }
 
-// Two keys that share a bucket, one that doesn't, and the life of a key.
+// Two keys that share a bucket, and the life of a key.
 template <class Table, class Key>
-void tryTable(const Key& key, const Key& sameBucket, const Key& other) {
+void tryTable(const Key& key, const Key& sameBucket) {
     Table table;
     table.setSize(17);
-    int values[] = {2, 3, 4, 5};
+    int values[] = {2, 3, 4};
     table.put(key, nullptr);
     table.put(key, &values[0]);
     table.put(key, &values[1]);
     table.put(sameBucket, &values[2]);
-    table.put(other, &values[3]);
-    EXPECT_EQ(table.get(key)->getAt(0), &values[0]);
-    EXPECT_EQ(table.get(key)->getAt(1), &values[1]);
     table.removeValue(key, &values[0]);
     EXPECT_EQ(table.get(key)->getAt(0), &values[1]);
     table.removeValue(key, &values[1]);
     table.removeValue(key, &values[1]);
     EXPECT_EQ(table.get(key), nullptr);
-    EXPECT_EQ(table.get(sameBucket)->getAt(0), &values[2]);
-    EXPECT_EQ(table.get(other)->getAt(0), &values[3]);
-    const auto* old = table.get(other);
-    table.removeKey(sameBucket);
-    EXPECT_EQ(table.get(sameBucket), nullptr);
+    const auto* old = table.get(sameBucket);
     table.setSize(0);
-    EXPECT_EQ(table.get(other), nullptr);
-    EXPECT_EQ(old->getAt(0), &values[3]) << "what was given out stays";
+    EXPECT_EQ(table.get(sameBucket), nullptr);
+    EXPECT_EQ(old->getAt(0), &values[2]) << "what was given out stays";
 }
 
-TEST(HashTables, KeepKeysApartAndMakeTheFactorysLists) {
-    tryTable<HT32<int>, u32>(40, 57, 41);
+TEST(HashTables, KeepKeysApart) {
+    tryTable<HT32<int>, u32>(40, 57);
     MD4Hash key;
     key.bytes[3] = 1;
     MD4Hash sameBucket = key;
     sameBucket.bytes[15] = 9;
-    MD4Hash other = key;
-    other.bytes[0] = 1;
-    EXPECT_EQ(numberOfHash(other), 0x01000001U);
-    tryTable<HTMD4<int>, MD4Hash>(key, sameBucket, other);
-
-    struct Special : HT32_InnerList<int> {
-        std::unique_ptr<HT32_InnerList<int>> newInner() const override { return std::make_unique<Special>(); }
-    };
-    HT32<int> table(std::make_unique<Special>());
-    int value = 1;
-    table.put(5, &value);
-    EXPECT_NE(dynamic_cast<Special*>(table.get(5)), nullptr);
+    EXPECT_EQ(numberOfHash(key), 0x01000000U);
+    tryTable<HTMD4<int>, MD4Hash>(key, sameBucket);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Addresses, sockets and socket sets on loopback: readiness, ends and resets, and cancelling from another
-// thread.
+// Sockets and socket sets on loopback: readiness, ends and resets, cancelling from another thread, and
+// proxies.
 #include "i4min/network/socket.h"
 
 #include <arpa/inet.h>
@@ -8,25 +8,31 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
 #include "i4min/network/proxy.h"
 #include "i4min/threads/linux/i4_time.h"
+#include "tests/support/ScriptedProxy.h"
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
+
+using namespace std::string_literals;
 
 namespace {
 
 constexpr u32 all = I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR;
 constexpr i32 limit = 60000;  // ms, for what shall happen at once
+constexpr i32 briefly = 100;  // ms, for what shall not happen
+constexpr u32 writeOrError = I4_SELECT_WRITE | I4_SELECT_ERROR;
 
 std::unique_ptr<i4_address> loopback(u16 port) {
     auto address = theProtocol->resolve("127.0.0.1", 0, 0);
@@ -55,61 +61,19 @@ struct Pair {
     std::unique_ptr<i4_socket> near, far;
 };
 
-// A thread that makes a call; blocked() is true when it sleeps in the system.
-class Caller {
-  public:
-    template <class Call>
-    explicit Caller(Call call)
-        : thread_([this, call] {
-              task_ = ::gettid();
-              call();
-              done_ = true;
-          }) {}
-    ~Caller() { thread_.join(); }
-
-    bool blocked() const {
-        return eventually([this] {
-                   if (done_ || task_ == 0) return bool{done_};
-                   const std::string line = contentOf("/proc/self/task/" + std::to_string(task_) + "/stat");
-                   const std::size_t at = line.rfind(") ");
-                   return at != std::string::npos && line[at + 2] == 'S';
-               }) &&
-               !done_;
-    }
-
-  private:
-    std::atomic<int> task_{0};
-    std::atomic<bool> done_{false};
-    std::thread thread_;
-};
-
-class CollectingStatus final : public i4_status_class {
-  public:
-    bool update(f32 fraction) override {
-        fractions.push_back(fraction);
-        return fractions.size() < give_up_after;
-    }
-    void setText(const i4_string&) override {}
-    std::vector<f32> fractions;
-    std::size_t give_up_after = 1000;
-};
-
-TEST(Address, PrintsComparesAndCopiesAnAddress) {
-    i4_tcpip_address address;
-    ASSERT_EQ(::inet_aton("10.0.2.255", &address.address.sin_addr), 1);
-    address.set_port(4661);
-    EXPECT_EQ(ntohs(address.address.sin_port), 4661);
-    const auto other = address.copy();
-    EXPECT_EQ(other->get_port(), 4661);
-    other->set_port(1);
-    EXPECT_TRUE(address.equals(*other));
-    EXPECT_FALSE(address.equals(i4_tcpip_address()));
-    i4_owned_ram_file stream;
-    stream.printf("%I ", &address);
-    stream.write_32(ipOfAddress(*other));
-    stream.write_8(0);
-    EXPECT_STREQ(reinterpret_cast<char*>(stream.buffer()), "10.0.2.255 \x0a");
-    EXPECT_EQ(std::memcmp(stream.buffer() + 11, "\x0a\x00\x02\xff", 4), 0);
+// Does `then` once the call, on a thread of its own, sleeps in the system; returns when it has ended.
+void whileBlocked(const std::function<void()>& call, const std::function<void()>& then) {
+    std::atomic<int> task{0};
+    std::thread thread([&] {
+        task = ::gettid();
+        call();
+    });
+    EXPECT_TRUE(eventually([&] {
+        const std::string line = contentOf("/proc/self/task/" + std::to_string(task) + "/stat");
+        return line.find(") S ") != std::string::npos;
+    }));
+    then();
+    thread.join();
 }
 
 TEST(SocketSet, ReportsWhatWasAskedForAndLimitsItByTheMask) {
@@ -119,23 +83,19 @@ TEST(SocketSet, ReportsWhatWasAskedForAndLimitsItByTheMask) {
     EXPECT_EQ(set.check(-1, all), 0U);
     pair.near->add_to_set(set, all);
     EXPECT_EQ(pair.near->check_in_set(set, all), 0U);
-    ASSERT_EQ(set.poll(limit), 1);
-    EXPECT_EQ(pair.near->check_in_set(set, all), I4_SELECT_WRITE);
     ASSERT_EQ(pair.far->write("x", 1), 1);
     ASSERT_NE(pair.near->ready(I4_SELECT_READ, limit, nullptr), 0U);
     ASSERT_EQ(set.poll(limit), 1);
     EXPECT_EQ(pair.near->check_in_set(set, all), I4_SELECT_READ | I4_SELECT_WRITE);
     EXPECT_EQ(pair.near->check_in_set(set, I4_SELECT_READ), I4_SELECT_READ);
-    EXPECT_EQ(pair.far->check_in_set(set, all), 0U);
-
     pair.near->change_in_set(set, I4_SELECT_ERROR);
     EXPECT_EQ(set.poll(0), 0);
     EXPECT_EQ(pair.near->check_in_set(set, all), 0U);
-    pair.far->remove_from_set(set);
-    EXPECT_EQ(set.count(), 1U);
-    pair.near->remove_from_set(set);
-    EXPECT_EQ(set.count(), 0U);
-    EXPECT_EQ(set.poll(0), 0);
+    set.wake();
+    EXPECT_EQ(set.poll(limit), 0) << "a wake before the poll isn't lost";
+    i32 result = -2;
+    whileBlocked([&] { result = set.poll(limit); }, [&] { set.wake(); });
+    EXPECT_EQ(result, 0);
 }
 
 TEST(SocketSet, ADeadSocketIsReportedWhateverWasAskedFor) {
@@ -164,46 +124,21 @@ TEST(SocketSet, GrowsBy32AndKeepsTheFirstOfRepeatedEntries) {
         EXPECT_EQ(set.capacity(), i == 0 ? 0U : 32U);
         set.add(descriptors.back(), I4_SELECT_READ);
     }
-    EXPECT_EQ(set.capacity(), 64U);
-    EXPECT_EQ(set.poll(0), 33);
-    // Removing in any order, before and after a poll, leaves the others findable.
-    for (int i = 0; i < 33; i += 2) set.remove(descriptors[static_cast<std::size_t>(i)]);
+    for (std::size_t i = 0; i < 33; i += 2) set.remove(descriptors[i]);
     set.remove(descriptors[0]);
-    EXPECT_EQ(set.count(), 16U);
-    set.add(descriptors[0], I4_SELECT_WRITE);
-    EXPECT_EQ(set.check(descriptors[1], all), I4_SELECT_READ);
-    EXPECT_EQ(set.poll(0), 17);
-    for (int i = 1; i < 33; ++i) {
-        EXPECT_EQ(set.check(descriptors[static_cast<std::size_t>(i)], all), i % 2 ? I4_SELECT_READ : 0U) << i;
-    }
-    set.add(descriptors[0], I4_SELECT_READ);
-    EXPECT_EQ(set.poll(0), 18);
-    EXPECT_EQ(set.check(descriptors[0], all), I4_SELECT_WRITE);
-    set.remove(descriptors[0]);
-    EXPECT_EQ(set.count(), 16U);
-    EXPECT_EQ(set.poll(0), 16);
-    EXPECT_EQ(set.check(descriptors[0], all), 0U);
     for (int i = 0; i < 5000; ++i) {
         set.add(descriptors[0], I4_SELECT_READ);
         set.remove(descriptors[0]);
     }
     EXPECT_EQ(set.capacity(), 64U) << "the room of the removed is used again";
-    for (const int descriptor : descriptors) ::close(descriptor);
-}
-
-TEST(SocketSet, AnotherThreadWakesThePoll) {
-    linux_socket_set set;
-    set.wake();
-    EXPECT_EQ(set.poll(limit), 0);  // before the poll: not lost
-    const u32 start = i4_ticks();
-    i32 result = -2;
-    {
-        const Caller caller([&] { result = set.poll(limit); });
-        EXPECT_TRUE(caller.blocked());
-        set.wake();
+    set.add(descriptors[0], I4_SELECT_WRITE);
+    set.add(descriptors[0], I4_SELECT_READ);
+    EXPECT_EQ(set.poll(0), 18);
+    EXPECT_EQ(set.check(descriptors[0], all), I4_SELECT_WRITE);
+    for (std::size_t i = 1; i < 33; ++i) {
+        EXPECT_EQ(set.check(descriptors[i], all), i % 2 ? I4_SELECT_READ : 0U) << i;
     }
-    EXPECT_EQ(result, 0);
-    EXPECT_LT(i4_ticks() - start, static_cast<u32>(limit));
+    for (const int descriptor : descriptors) ::close(descriptor);
 }
 
 TEST(Socket, TellsNothingYetFromTheEndFromAFullOneAndFromAReset) {
@@ -226,9 +161,7 @@ TEST(Socket, TellsNothingYetFromTheEndFromAFullOneAndFromAReset) {
     Pair full;
     full.near->set_blocking(false);
     const std::vector<char> block(1 << 20);
-    i32 sent = 1;
-    while (sent > 0) sent = full.near->write(block.data(), static_cast<u32>(block.size()));
-    EXPECT_EQ(sent, 0);
+    while (const i32 sent = full.near->write(block.data(), 1 << 20)) ASSERT_GT(sent, 0);
     EXPECT_EQ(full.near->ready(I4_SELECT_WRITE, 0, nullptr), 0U);
 
     Pair reset;
@@ -238,26 +171,12 @@ TEST(Socket, TellsNothingYetFromTheEndFromAFullOneAndFromAReset) {
     EXPECT_EQ(reset.near->write("x", 1), -1);  // and no SIGPIPE
 }
 
-TEST(Socket, ReadyWaitsNoLongerThanItShall) {
-    Pair pair;
-    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 0, nullptr), 0U);
-    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 1, nullptr), 0U);
-    EXPECT_EQ(pair.near->ready(all, -1, nullptr), I4_SELECT_WRITE);
-
-    CollectingStatus status;
-    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 150, &status), 0U);
-    ASSERT_GE(status.fractions.size(), 2U);
-    EXPECT_EQ(status.fractions.back(), 1.0F);
-    EXPECT_TRUE(std::is_sorted(status.fractions.begin(), status.fractions.end()));
-    CollectingStatus impatient;
-    impatient.give_up_after = 1;
-    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, limit, &impatient), 0U);
-    EXPECT_EQ(pair.near->ready(I4_SELECT_WRITE, limit, &status), 1U);
-}
-
 TEST(Socket, CancelClosesAndEveryLaterCallFails) {
     Pair pair;
     char buffer[4];
+    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 0, nullptr), 0U);
+    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 1, nullptr), 0U);
+    EXPECT_EQ(pair.near->ready(all, -1, nullptr), I4_SELECT_WRITE);
     ASSERT_EQ(pair.far->write("data", 4), 4);
     EXPECT_TRUE(pair.near->cancel());
     EXPECT_FALSE(pair.near->cancel());
@@ -270,33 +189,26 @@ TEST(Socket, CancelClosesAndEveryLaterCallFails) {
     EXPECT_LE(pair.far->read(buffer, 4), 0);  // the other side hears of it
 
     const auto udp = theProtocol->listen(0, 500, I4_DATAGRAM, nullptr);
+    udp->set_blocking(false);
+    std::unique_ptr<i4_address> from;
+    EXPECT_EQ(udp->read_from(buffer, 4, &from), -1);
+    EXPECT_EQ(from, nullptr);
     EXPECT_TRUE(udp->cancel());
     EXPECT_EQ(udp->read_from(buffer, 4, nullptr), -1);
     EXPECT_EQ(udp->write_to(buffer, 4, *loopback(1)), -1);
-
-    const auto door = listenAnywhere();
-    const u16 port = portOf(*door);
-    EXPECT_TRUE(door->cancel());
-    EXPECT_EQ(theProtocol->connect(*loopback(port), I4_STREAM, true), nullptr);
 }
 
 // Cancels the socket while another thread's call on it blocks; `call` fails then.
 void expectCancelled(i4_socket& socket, const std::function<bool()>& call) {
     bool result = true;
-    {
-        const Caller caller([&] { result = call(); });
-        EXPECT_TRUE(caller.blocked());
-        EXPECT_TRUE(socket.cancel());
-    }
+    whileBlocked([&] { result = call(); }, [&] { EXPECT_TRUE(socket.cancel()); });
     EXPECT_FALSE(result);
     EXPECT_FALSE(socket.cancel());
 }
 
 TEST(Socket, CancelEndsABlockedCall) {
-    Pair pair, other;
+    Pair pair;
     expectCancelled(*pair.near, [&] { return pair.near->ready(I4_SELECT_READ, -1, nullptr) != 0; });
-    CollectingStatus status;
-    expectCancelled(*other.near, [&] { return other.near->ready(I4_SELECT_READ, limit, &status) != 0; });
     const auto door = listenAnywhere();
     std::unique_ptr<i4_socket> none;
     expectCancelled(*door, [&] { return door->accept(none); });
@@ -311,52 +223,21 @@ TEST(Socket, CancelEndsABlockedCall) {
     expectCancelled(socket, [&] { return socket.connect(static_cast<i4_tcpip_address&>(*address), true); });
 }
 
-TEST(Socket, AcceptWaitsOnlyOnABlockingDoor) {
-    const auto door = listenAnywhere();
-    door->set_blocking(false);
-    std::unique_ptr<i4_socket> socket;
-    EXPECT_FALSE(door->accept(socket));
-    EXPECT_EQ(errno, EAGAIN);
-    door->set_blocking(true);
-    std::unique_ptr<i4_socket> near;
-    bool accepted = false;
-    {
-        const Caller caller([&] { accepted = door->accept(socket); });
-        EXPECT_TRUE(caller.blocked());
-        near = theProtocol->connect(*loopback(portOf(*door)), I4_STREAM, true);
-    }
-    ASSERT_TRUE(accepted && near);
-    EXPECT_TRUE(socket->remote_address()->equals(*loopback(0)));
-    EXPECT_EQ(socket->remote_address()->get_port(), portOf(*near));
-    EXPECT_EQ(door->remote_address(), nullptr);
-}
-
-TEST(Socket, DatagramsCarryTheirSender) {
-    const auto here = theProtocol->listen(0, 500, I4_DATAGRAM, nullptr);
-    const auto there = theProtocol->listen(0, 500, I4_DATAGRAM, nullptr);
-    here->set_blocking(false);
-    char buffer[16];
-    std::unique_ptr<i4_address> from;
-    EXPECT_EQ(here->read_from(buffer, sizeof buffer, &from), -1);
-    EXPECT_EQ(from, nullptr);
-    EXPECT_EQ(there->write_to("ping", 4, *loopback(portOf(*here))), 4);
-    ASSERT_NE(here->ready(I4_SELECT_READ, limit, nullptr), 0U);
-    EXPECT_EQ(here->read_from(buffer, sizeof buffer, &from), 4);
-    ASSERT_TRUE(from && from->equals(*loopback(0)));
-    EXPECT_EQ(from->get_port(), portOf(*there));
-}
-
 TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
     auto door = listenAnywhere();
     const u16 port = portOf(*door);
+    door->set_blocking(false);
+    std::unique_ptr<i4_socket> none;
+    EXPECT_FALSE(door->accept(none));
+    EXPECT_EQ(errno, EAGAIN);
     auto good = theProtocol->connect(*loopback(port), I4_STREAM, false);
-    EXPECT_EQ(good->ready(I4_SELECT_WRITE | I4_SELECT_ERROR, limit, nullptr), I4_SELECT_WRITE);
+    EXPECT_EQ(good->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
     EXPECT_EQ(theProtocol->listen(port, 500, I4_STREAM, nullptr), nullptr);  // the port is taken
     door.reset();
 
     EXPECT_EQ(theProtocol->connect(*loopback(port), I4_STREAM, true), nullptr);
     const auto refused = theProtocol->connect(*loopback(port), I4_STREAM, false);
-    const u32 mask = refused->ready(I4_SELECT_WRITE | I4_SELECT_ERROR, limit, nullptr);
+    const u32 mask = refused->ready(writeOrError, limit, nullptr);
     EXPECT_NE(mask, I4_SELECT_WRITE);
     EXPECT_NE(mask, 0U);
 }
@@ -364,37 +245,29 @@ TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
 TEST(Protocol, ResolvesDottedTextHereAndNamesWhereTheProxyIs) {
     makeProtocol(nullptr);
     i4_string text;
-    addressToString(*theProtocol->resolve("10.1.2.3", 0, 0), text);
-    EXPECT_STREQ(text.c_str(), "10.1.2.3");
-    EXPECT_EQ(theProtocol->resolve("10.1.2.3", 99, 0)->get_port(), 0);
-    sockaddr_in first{};
-    i4_host_info host;
-    const bool known = i4_find_local_ip(first);
-    EXPECT_EQ(theProtocol->get_local_host(host), known);
-    EXPECT_TRUE(!known || host.addresses[0]->equals(i4_tcpip_address(first)));
+    addressToString(*theProtocol->resolve("10.1.2.255", 99, 0), text);
+    EXPECT_STREQ(text.c_str(), "10.1.2.255");
     addressToString(*theProtocol->resolve("localhost", 0, 0), text);
     EXPECT_EQ(text.view().substr(0, 4), "127.");
-    EXPECT_EQ(theProtocol->resolve("", 0, 0), nullptr);
-    EXPECT_EQ(theProtocol->resolve(nullptr, 0, 0), nullptr);
-    EXPECT_EQ(theProtocol->resolve("no such name", 0, 0), nullptr);
-
-    i4_proxy_settings settings;
-    settings.server = "127.0.0.1";
-    for (const i32 type : {I4_PROXY_SOCKS5, I4_PROXY_HTTP}) {
+    for (const char* bad : {"", static_cast<const char*>(nullptr), "no such name"}) {
+        EXPECT_EQ(theProtocol->resolve(bad, 0, 0), nullptr);
+    }
+    for (const i32 type : {I4_PROXY_SOCKS4, I4_PROXY_SOCKS5, I4_PROXY_HTTP}) {
+        i4_proxy_settings settings;
+        settings.server = "127.0.0.1";
         settings.pType = type;
         makeProtocol(&settings);
-        const auto named = theProtocol->resolve("index.example", 0, 0);
+        const bool byProxy = type != I4_PROXY_SOCKS4;
+        const auto named = theProtocol->resolve(byProxy ? "index.example" : "10.1.2.3", 0, 0);
         const auto* proxied = dynamic_cast<i4_proxy_address*>(named.get());
-        ASSERT_TRUE(proxied);
-        EXPECT_STREQ(proxied->name.c_str(), "index.example");
-        EXPECT_EQ(ipOfAddress(*named), 0U);
+        ASSERT_EQ(proxied != nullptr, byProxy);
         makeProtocol(nullptr);
-        EXPECT_EQ(theProtocol->connect(*named, I4_STREAM, false), nullptr);  // it has no address of its own
+        if (!proxied) continue;
+        EXPECT_STREQ(proxied->name.c_str(), "index.example");
+        // It has no address of its own; its bytes are 0, which the system takes for this machine.
+        EXPECT_EQ(theProtocol->connect(*named, I4_STREAM, false), nullptr);
+        EXPECT_EQ(i4_tcpip_sock(I4_DATAGRAM).write_to("ping", 4, *named), -1);
     }
-    settings.pType = I4_PROXY_SOCKS4;
-    makeProtocol(&settings);
-    EXPECT_EQ(dynamic_cast<i4_proxy_address*>(theProtocol->resolve("10.1.2.3", 0, 0).get()), nullptr);
-    makeProtocol(nullptr);
 }
 
 TEST(Protocol, SocketsAndCallsOutliveTheProtocolThatMadeThem) {
@@ -414,23 +287,250 @@ TEST(Protocol, NslookupReadsTheAnswerAndAsksForNoDangerousName) {
     const TemporaryDirectory folder;
     const std::string program = folder.file("nslookup");
     writeFile(program,
-              "#!/bin/sh\n"
-              "echo asked >> \"$(dirname \"$0\")/asked\"\n"
-              "echo 'Server: 9.9.9.9'\n"
-              "echo \"Name:  $3\"\n"
-              "case $3 in bad*) echo 'Address: 1.2.3.256';;\n"
-              "none*) ;; *) echo 'Address:  10.0.2.7';; esac\n");
+              "#!/bin/sh\necho asked >> \"$0.asked\"\necho 'Server: 9.9.9.9'\necho \"Name:  $3\"\n"
+              "case $3 in bad*) echo 'Address: 1.2.3.256';; *) echo 'Address:  10.0.2.7';; esac\n");
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     const std::string path = ::getenv("PATH");
     ::setenv("PATH", (folder.path() + ":" + path).c_str(), 1);
     u32 ip = 0;
     for (const char* name : {"", "-debug", "a;touch x", "$(id)"}) EXPECT_FALSE(i4_nslookup(name, ip)) << name;
-    EXPECT_FALSE(exists(folder.file("asked")));
+    EXPECT_FALSE(exists(program + ".asked"));
     EXPECT_FALSE(i4_nslookup("bad.example", ip));
-    EXPECT_FALSE(i4_nslookup("none.example", ip));
     EXPECT_TRUE(i4_nslookup("index.example", ip));
-    EXPECT_EQ(std::memcmp(&ip, "\x0a\x00\x02\x07", 4), 0);
+    EXPECT_EQ(ip, 0x0702000aU);
     ::setenv("PATH", path.c_str(), 1);
+}
+
+// Proxies that answer by a script: what is asked of them byte for byte, and how each state ends.
+using Turns = std::vector<ProxyTurn>;
+
+const std::string host = "index.example";
+const std::string granted4 = "\0\x5a\x12\x36\x0a\0\0\7"s;
+const std::string granted5 = "\5\0\0\1\x0a\0\0\7\x12\x36"s;
+const std::string granted_http = "HTTP/1.0 200 Connection established\r\nProxy-agent: test\r\n\r\n";
+
+const std::string request4 = "\4\1\x12\x35\0\0\0\1\0index.example\0"s;
+const std::string bind4 = "\4\2\0\0\x0a\1\2\3\0"s;
+const std::string request5 = "\5\1\0\3\15index.example\x12\x35"s;
+const std::string bind5 = "\5\2\0\1\x0a\1\2\3\0\0"s;
+const ProxyTurn noPassword{"\5\2\0\2"s, "\5\0"s};
+const ProxyTurn wantsPassword{"\5\2\0\2"s, "\5\2"};
+
+std::string requestHttp(const std::string& name, const std::string& extra = "") {
+    return "CONNECT " + name +
+           ":4661 HTTP/1.0\r\nUser-Agent: Mozilla/4.0 (compatible; MSIE 5.0; Windows 98)\r\nHost: " + name +
+           "\r\nContent-Length: 0\r\nProxy-Connection: Keep-Alive\r\nPragma: no-cache\r\n" + extra + "\r\n";
+}
+
+// Makes the protocol go through that proxy from now on. An empty user is none.
+void useProxy(i32 type, u16 port, const std::string& user = "", const std::string& password = "") {
+    i4_proxy_settings settings;
+    settings.pType = type;
+    settings.server = "127.0.0.1";
+    settings.port = port;
+    if (!user.empty()) {
+        settings.user = user.c_str();
+        settings.password = password.c_str();
+    }
+    makeProtocol(&settings);
+}
+
+// Port 4661 of a host. A name is left to the proxy, whatever its type.
+std::unique_ptr<i4_address> hostAt(const std::string& name) {
+    if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) {
+        return std::make_unique<i4_proxy_address>(name.c_str(), u16{4661});
+    }
+    auto address = theProtocol->resolve(name.c_str(), 0, 0);
+    address->set_port(4661);
+    return address;
+}
+
+std::unique_ptr<i4_proxy_sock> connectTo(const std::string& name) {
+    auto socket = theProtocol->connect(*hostAt(name), I4_STREAM, false);
+    return std::unique_ptr<i4_proxy_sock>(static_cast<i4_proxy_sock*>(socket.release()));
+}
+
+void expectPong(i4_socket& socket) {
+    char buffer[4];
+    EXPECT_EQ(socket.write("ping", 4), 4);
+    socket.set_blocking(true);
+    socket.readAll(buffer, 4);
+    EXPECT_EQ(std::string(buffer, 4), "pong");
+}
+
+TEST(Proxy, ATunnelStandsAndCarriesBytes) {
+    const ProxyTurn plain{"\4\1\x12\x35\x0a\1\2\3\0"s, "\4" + granted4.substr(1)};
+    const std::string basic = "Proxy-authorization: Basic ";
+    const std::string longUser(255, 'u');
+    const ProxyTurn longPassword{"\1\xff" + longUser + "\1p", "\1\0"s};
+    const struct {
+        i32 type;
+        std::string name, user, password;
+        Turns turns;
+    } table[] = {
+        {I4_PROXY_SOCKS4, host, "", "", {{request4, granted4}}},
+        {I4_PROXY_SOCKS4, "10.1.2.3", "u", "p", {plain}},
+        {I4_PROXY_SOCKS5, host, "", "", {noPassword, {request5, granted5}}},
+        {I4_PROXY_SOCKS5, host, longUser, "p", {wantsPassword, longPassword, {request5, granted5}}},
+        {I4_PROXY_HTTP, "10.1.2.3", "", "", {{requestHttp("10.1.2.3"), granted_http}}},
+        {I4_PROXY_HTTP, host, "u", "pp", {{requestHttp(host, basic + "dTpwcA==\r\n"), granted_http}}},
+        {I4_PROXY_HTTP,
+         host,
+         "u",
+         "\xff\xfe\xfd",
+         {{requestHttp(host, basic + "dTr//v0=\r\n"), granted_http}}},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::to_string(row.type) + " " + row.name + " " + row.user);
+        for (const bool blocking : {false, true}) {
+            Turns turns = row.turns;
+            turns.push_back({"ping", "pong"});
+            const ScriptedProxy proxy(turns);
+            useProxy(row.type, proxy.port(), row.user, row.password);
+            if (blocking) {
+                expectPong(*theProtocol->connect(*hostAt(row.name), I4_STREAM, true));
+                continue;
+            }
+            const auto socket = connectTo(row.name);
+            ASSERT_TRUE(socket);
+            char byte = 0;
+            EXPECT_EQ(socket->read(&byte, 1), 0);
+            EXPECT_EQ(socket->write("early", 5), 0);
+            EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
+            ASSERT_EQ(socket->state(), i4_proxy_sock::connected);
+            expectPong(*socket);
+            if (row.type == I4_PROXY_HTTP) continue;
+            EXPECT_EQ(ipOfAddress(*socket->target_address()), 0x0700000aU);  // what the proxy reported
+            EXPECT_EQ(socket->target_address()->get_port(), 4662);
+        }
+    }
+}
+
+TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
+    constexpr auto stay = ScriptedProxy::Then::stay;
+    constexpr auto close = ScriptedProxy::Then::close;
+    const auto answer5 = [](const std::string& answer) { return Turns{noPassword, {request5, answer}}; };
+    const auto http = [](const std::string& answer) { return Turns{{requestHttp(host), answer}}; };
+    const std::string long256(256, 'n');
+    const struct {
+        i32 type;
+        Turns turns;
+        ScriptedProxy::Then then = close;
+        i32 time = limit;
+        std::string user = "";
+        std::string name = host;
+    } table[] = {
+        {I4_PROXY_SOCKS4, {}},
+        {I4_PROXY_SOCKS4, {{request4, "\0\x5b\x12\x36\x0a\0\0\7"s}}},
+        {I4_PROXY_SOCKS4, {{request4, granted4.substr(0, 7)}}},
+        {I4_PROXY_SOCKS5, {}},
+        {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\4\0"s}}},
+        {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\5\xff"}}},
+        {I4_PROXY_SOCKS5, {wantsPassword}},  // and none is set
+        {I4_PROXY_SOCKS5, {wantsPassword, {"\1\1u\1p", "\1\1"}}, stay, limit, "u"},
+        {I4_PROXY_SOCKS5, answer5("\5\5\0\1\0\0\0\0\0\0"s)},
+        {I4_PROXY_SOCKS5, answer5("\5\0\0\3\0\0\0\0\0\0"s)},
+        {I4_PROXY_SOCKS5, answer5("\4" + granted5.substr(1))},
+        {I4_PROXY_SOCKS5, answer5(granted5.substr(0, 9))},
+        {I4_PROXY_HTTP, {}},
+        {I4_PROXY_HTTP, http("HTTP/1.0 407 Proxy Authentication Required\r\n\r\n")},
+        {I4_PROXY_HTTP, http("HTTP/1.0 2000 Odd\r\n\r\n")},
+        {I4_PROXY_HTTP, http("HTTP/1.0 200 Connection established\r\nProxy-")},
+        {I4_PROXY_HTTP, http("HTTP/1.0 200 " + std::string(2000, 'x') + "\r\n\r\n")},
+        // An answer in pieces: the rest would come too late.
+        {I4_PROXY_SOCKS4, {{request4, granted4.substr(0, 1)}}, stay},
+        {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\5"}}, stay},
+        {I4_PROXY_HTTP, http("H"), stay},
+        {I4_PROXY_SOCKS4, {}, stay, briefly},
+        {I4_PROXY_SOCKS5, {wantsPassword}, stay, briefly, "u"},
+        {I4_PROXY_HTTP, {}, stay, briefly},
+        // What can't stand in a request: it isn't sent, and no answer is waited for.
+        {I4_PROXY_SOCKS4, {}, stay, limit, "", long256},
+        {I4_PROXY_SOCKS5, {wantsPassword}, stay, limit, long256},
+        {I4_PROXY_SOCKS5, {noPassword}, stay, limit, "", long256},
+        {I4_PROXY_SOCKS5, {noPassword}, stay, limit, "", ""},
+        {I4_PROXY_HTTP, {}, stay, limit, "", long256},
+        {I4_PROXY_HTTP, {}, stay, limit, std::string(1000, 'u')},
+        {I4_PROXY_HTTP, {}, stay, limit, "", "host HTTP/1.0\r\nEvil: yes"},
+    };
+    for (std::size_t i = 0; i < std::size(table); ++i) {
+        const auto& row = table[i];
+        SCOPED_TRACE(i);
+        const ScriptedProxy proxy(row.turns, row.then);
+        useProxy(row.type, proxy.port(), row.user, "p");
+        const auto socket = connectTo(row.name);
+        ASSERT_TRUE(socket);
+        const u32 start = i4_ticks();
+        EXPECT_EQ(socket->ready(writeOrError, row.time, nullptr), I4_SELECT_ERROR);
+        EXPECT_LT(i4_ticks() - start, static_cast<u32>(limit));
+        EXPECT_EQ(socket->state(), i4_proxy_sock::failed);
+        EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_ERROR);
+        EXPECT_EQ(socket->ready(I4_SELECT_WRITE, limit, nullptr), 0U);
+        char byte = 0;
+        EXPECT_EQ(socket->read(&byte, 1), 0);
+        EXPECT_EQ(socket->write(&byte, 1), 0);
+    }
+}
+
+TEST(Proxy, CancelEndsAHandshakeAndAProxyThatIsNotThereFails) {
+    {
+        const ScriptedProxy proxy({});
+        useProxy(I4_PROXY_SOCKS5, proxy.port());
+        const auto socket = connectTo(host);
+        u32 result = 99;
+        std::thread worker([&] { result = socket->ready(writeOrError, -1, nullptr); });
+        EXPECT_TRUE(socket->cancel());
+        worker.join();
+        EXPECT_EQ(result, I4_SELECT_ERROR);
+        makeProtocol(nullptr);
+    }
+    useProxy(I4_PROXY_SOCKS5, portOf(*listenAnywhere()));
+    EXPECT_EQ(connectTo(host)->ready(writeOrError, limit, nullptr), I4_SELECT_ERROR);
+    EXPECT_EQ(theProtocol->connect(*hostAt(host), I4_STREAM, true), nullptr);
+    i4_proxy_settings unknown;
+    unknown.pType = I4_PROXY_SOCKS5;
+    for (const char* server : {"no such name", static_cast<const char*>(nullptr)}) {
+        unknown.server = server;
+        makeProtocol(&unknown);
+        EXPECT_EQ(connectTo(host), nullptr);
+    }
+}
+
+TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
+    const std::string incoming4 = "\0\x5a\x12\x37\x0a\0\0\x8"s;
+    const std::string incoming5 = "\5\0\0\1\x0a\0\0\x8\x12\x37"s;
+    makeProtocol(nullptr);
+    const auto target = hostAt("10.1.2.3");
+    const std::pair<i32, Turns> table[] = {
+        {I4_PROXY_SOCKS4, {{bind4, granted4 + incoming4}, {"ping", "pong"}}},
+        {I4_PROXY_SOCKS5, {noPassword, {bind5, granted5 + incoming5}, {"ping", "pong"}}},
+    };
+    for (const auto& [type, turns] : table) {
+        const ScriptedProxy proxy(turns);
+        useProxy(type, proxy.port());
+        const auto door = theProtocol->listen(4662, limit, I4_STREAM, target.get());
+        ASSERT_TRUE(door);
+        auto& listener = static_cast<i4_proxy_sock&>(*door);
+        EXPECT_EQ(listener.target_address()->get_port(), 4662);
+        std::unique_ptr<i4_socket> socket;
+        std::unique_ptr<i4_address> from;
+        ASSERT_TRUE(listener.accept_remote(socket, from));
+        EXPECT_EQ(ipOfAddress(*from), 0x0800000aU);
+        EXPECT_EQ(from->get_port(), 4663);
+        expectPong(*socket);
+        EXPECT_FALSE(listener.accept_remote(socket, from));
+    }
+    const ScriptedProxy refusing({{bind4, "\0\x5b\0\0\0\0\0\0"s}});
+    useProxy(I4_PROXY_SOCKS4, refusing.port());
+    EXPECT_EQ(theProtocol->listen(0, limit, I4_STREAM, nullptr), nullptr);
+    EXPECT_EQ(theProtocol->listen(0, limit, I4_DATAGRAM, target.get()), nullptr);
+    EXPECT_EQ(theProtocol->listen(0, limit, I4_STREAM, target.get()), nullptr);
+    // Granted, but nobody comes: the wait for the second reply ends with its time.
+    const ScriptedProxy waiting({{bind4, granted4}});
+    useProxy(I4_PROXY_SOCKS4, waiting.port());
+    const auto door = theProtocol->listen(0, limit, I4_STREAM, target.get());
+    ASSERT_TRUE(door);
+    EXPECT_EQ(door->ready(I4_SELECT_READ | I4_SELECT_ERROR, briefly, nullptr), I4_SELECT_ERROR);
 }
 
 }  // namespace

@@ -1,15 +1,18 @@
-// The byte streams, strings on them, the formatter and the error channel.
+// Strings, byte streams, strings on them, the formatter and the error channel.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
 #include "i4min/memory/malloc4.h"
-#include "tests/support/damage.h"
+#include "tests/support/bytes.h"
 #include "tests/support/files.h"
 
 // The address sanitizer's allocator fails as the system's does, so that running out of memory can be tried.
@@ -18,6 +21,87 @@ extern "C" const char* __asan_default_options() { return "allocator_may_return_n
 namespace {
 
 using namespace std::string_literals;
+
+TEST(Strings, AreCutIntoTokensAndLines) {
+    const struct {
+        const char* text;
+        std::size_t room;
+        const char* tokens;  // each behind a blank
+        i32 lastOffset;
+    } cases[] = {{"Hello OUT_THere", 256, " Hello OUT THere", -1},
+                 {".)Hello(test]]]]", 256, " Hello test", 12},
+                 {"longstring", 5, " long stri ng", -1},
+                 {"longstri", 5, " long stri", 8},  // full at the very end: a position, not -1
+                 {"abc", 1, "", 0}};                // no room for a character
+    for (const auto& c : cases) {
+        std::string found;
+        char out[256];
+        i32 offset = 0;
+        while (const i32 next = i4_strtok(c.text, " ,_-.(){}[]!?<>\t\n", offset, out, c.room)) {
+            found += " "s + out;
+            offset = next;
+        }
+        EXPECT_EQ(found, c.tokens);
+        EXPECT_EQ(offset, c.lastOffset) << c.text;
+    }
+    const char* text = "\r\n\none\r\ntwo words\n\nlast";
+    u32 cursor = 0;
+    const std::pair<const char*, char> lines[] = {{"one", '\r'}, {"two words", '\n'}, {"last", 0}, {"", 0}};
+    for (const auto& [line, stop] : lines) {
+        char out[64];
+        EXPECT_EQ(i4_getline(out, text, cursor), stop);
+        EXPECT_STREQ(out, line);
+    }
+}
+
+TEST(Strings, CompareBySignedCharacterAndNullFirst) {
+    const struct {
+        const char* left;
+        const char* right;
+        int exact;
+        int folded;
+    } cases[] = {{nullptr, nullptr, 0, 0}, {nullptr, "", -1, -1}, {"", nullptr, 1, 1},
+                 {"ab", "abc", -1, -1},    {"Tag", "tAG", -1, 0}, {"\xe9", "a", -1, -1},
+                 {"[", "a", -1, 1},        {"\xe4", "\xc4", 1, 1}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(i4_strcmp(c.left, c.right), c.exact) << c.left << "," << c.right;
+        EXPECT_EQ(i4_stricmp(c.left, c.right), c.folded) << c.left << "," << c.right;
+        if (!c.left || !c.right) continue;
+        const std::size_t n = std::min(i4_strlen(c.left), i4_strlen(c.right)) + 1;
+        EXPECT_EQ(i4_memcmp(c.left, c.right, n), c.exact) << c.left << "," << c.right;
+        EXPECT_EQ(i4_memicmp(c.left, c.right, n), c.folded) << c.left << "," << c.right;
+    }
+}
+
+TEST(Strings, AreFoundReadCopiedAndSurviveBeingTheirOwnSource) {
+    const char* hay = "Hello OUT THHere";
+    EXPECT_EQ(stristr(hay, "hERe"), hay + 12);
+    EXPECT_EQ(stristr("there", "there!"), nullptr);
+    EXPECT_EQ(i4_strstr(hay, "HHe"), hay + 11);
+    EXPECT_EQ(i4_strstr(hay, "out"), nullptr);
+    EXPECT_EQ(i4_stristr_lower(hay, "here"), hay + 12);
+    const std::pair<const char*, i32> numbers[] = {{"-17x9", -17}, {" 5", 0}, {"+5", 0}, {"4294967297", 1}};
+    for (const auto& [text, value] : numbers) EXPECT_EQ(i4_atoi(text), value) << text;
+    char d[8] = "x";
+    EXPECT_STREQ(i4_strncpy(d, "ab", 0), "x");
+    EXPECT_STREQ(i4_strncpy(d, "abcdefgh", 4), "abc");
+
+    i4_string null(nullptr);
+    EXPECT_NE(null, i4_string());
+    null.toLower();
+    null += nullptr;
+    EXPECT_TRUE(null.isNull());
+    null += "grown";
+    EXPECT_EQ(null, "grown");
+    i4_string s("Some TEXT");
+    s = s.c_str() + 5;
+    s += s.c_str();
+    s.format("%s-%S", s.c_str() + 4, &s);
+    EXPECT_EQ(s, "TEXT-TEXTTEXT");
+    const i4_string moved(std::move(s));
+    s = "again";
+    EXPECT_EQ(s, "again");
+}
 
 std::string errorOf(const std::function<void()>& action) {
     try {
@@ -32,67 +116,34 @@ std::string bytesOf(i4_ram_file_class& stream) {
     return {reinterpret_cast<const char*>(stream.buffer()), stream.size()};
 }
 
-// A stream that has all its bytes but delivers them one read at a time, as a socket does.
-class Drip : public i4_file {
+// A stream that has all its bytes but delivers them some at a time, as a socket does.
+class Drip : public BytesFile {
   public:
-    Drip(std::string bytes, u32 most) : bytes_(std::move(bytes)), most_(most) {}
-    i32 read(void* buffer, u32 count) override {
-        const std::size_t got = bytes_.copy(static_cast<char*>(buffer), std::min(count, most_), at_);
-        at_ += static_cast<u32>(got);
-        return static_cast<i32>(got);
-    }
-    i32 write(const void*, u32 count) override { return static_cast<i32>(std::min(count, most_)); }
-    u32 seek(u32 offset) override { return at_ = offset; }
-    u32 size() override { return static_cast<u32>(bytes_.size()); }
-    u32 tell() override { return at_; }
+    Drip(std::string_view bytes, u32 most) : BytesFile(Bytes(bytes.begin(), bytes.end())), most_(most) {}
+    i32 read(void* buffer, u32 count) override { return BytesFile::read(buffer, std::min(count, most_)); }
 
   private:
-    std::string bytes_;
-    u32 most_;
-    u32 at_ = 0;
+    const u32 most_;
 };
 
 TEST(RamStream, GrowsByWholeStepsOrIsCut) {
     const std::string thousand(1000, 'x');
     const struct {
-        u32 capacity, step, write, seek;
-        u32 written, newCapacity, used, position;
-    } cases[] = {{0, 512, 1000, 0, 1000, 1024, 1000, 1000},
-                 {0, 512, 0, 5000, 0, 5120, 5000, 5000},
-                 {4, 0, 10, 0, 4, 4, 4, 4},
-                 {4, 0, 0, 10, 0, 4, 4, 4},
-                 {4, 0, 4, 2, 4, 4, 4, 2},
-                 {4, 3, 5, 0, 5, 7, 5, 5},
-                 {4, 3, 0, 11, 0, 13, 11, 11}};
+        u32 capacity, step, write, seek, written, newCapacity, used;
+    } cases[] = {{0, 512, 1000, 0, 1000, 1024, 1000},
+                 {0, 512, 0, 5000, 0, 5120, 5000},
+                 {4, 0, 10, 0, 4, 4, 4},
+                 {4, 0, 0, 10, 0, 4, 4},
+                 {4, 3, 5, 0, 5, 7, 5}};
     for (const auto& c : cases) {
         i4_ram_file_class stream(c.capacity ? i4_malloc(c.capacity) : nullptr, c.capacity, c.step);
         EXPECT_EQ(stream.write(thousand.data(), c.write), static_cast<i32>(c.written));
-        EXPECT_EQ(c.seek ? stream.seek(c.seek) : stream.tell(), c.position);
+        stream.seek(std::max(c.seek, stream.tell()));
+        EXPECT_EQ(stream.tell(), c.used) << c.write << "," << c.seek;
         EXPECT_EQ(stream.capacity(), c.newCapacity) << c.write << "," << c.seek;
         EXPECT_EQ(stream.size(), c.used) << c.write << "," << c.seek;
-        EXPECT_EQ(stream.tell(), c.position) << c.write << "," << c.seek;
         i4_free(stream.buffer());
     }
-}
-
-TEST(RamStream, ReadsWritesAndSharesItsBlock) {
-    char block[] = "abcdef";
-    i4_ram_file_class stream(block, 6, 0);
-    char got[8] = {};
-    EXPECT_EQ(stream.read(got, 4), 4);
-    const std::unique_ptr<i4_ram_file_class> twin(stream.clone());
-    EXPECT_EQ(twin->tell(), 4U);
-    EXPECT_EQ(twin->buffer(), stream.buffer());
-    EXPECT_EQ(stream.read(got, 8), 2);
-    EXPECT_STREQ(got, "efcd");
-    EXPECT_EQ(stream.read(got, 8), 0);
-    EXPECT_EQ(errorOf([&] { stream.readAll(got, 1); }), "readAll error");
-    stream.seek(1);
-    stream.write("ZZ", 2);
-    EXPECT_STREQ(block, "aZZdef");
-    stream.reset(block + 3, 3, 0);
-    EXPECT_EQ(bytesOf(stream), "def");
-
     i4_owned_ram_file sparse(16);
     sparse.write("ab", 2);
     sparse.seek(1);
@@ -107,77 +158,41 @@ TEST(Stream, NumbersAreLittleEndianAndShortReadsAreLoud) {
     EXPECT_EQ(stream.write_16(0x1234), 2U);
     EXPECT_EQ(stream.write_32(0x89abcdef), 4U);
     EXPECT_EQ(stream.write_float(-0.15625F), 4U);
-    EXPECT_EQ(bytesOf(stream), "\xfe\x34\x12\xef\xcd\xab\x89\x00\x00\x20\xbe"s);
-    for (const u32 at_a_time : {1U, 100U}) {
-        Drip drip(bytesOf(stream), at_a_time);
-        EXPECT_EQ(drip.read_8(), 0xfe);
-        EXPECT_EQ(drip.read_16(), 0x1234);
-        EXPECT_EQ(drip.read_32(), 0x89abcdef);
-        EXPECT_EQ(drip.read_float(), -0.15625F);
-    }
-    const struct {
-        u32 length;
-        const char* error;
-        void (*read)(i4_file&);
-    } cases[] = {{0, "read_8 error", [](i4_file& s) { s.read_8(); }},
-                 {1, "read_16 error", [](i4_file& s) { s.read_16(); }},
-                 {3, "read_32 error", [](i4_file& s) { s.read_32(); }},
-                 {3, "read_32 error", [](i4_file& s) { s.read_float(); }},
-                 {3, "readAll error", [](i4_file& s) {
-                      char four[4];
-                      s.readAll(four, 4);
-                  }}};
-    for (const auto& c : cases) {
-        Drip drip(std::string(c.length, 'x'), 2);
-        EXPECT_EQ(errorOf([&] { c.read(drip); }), c.error);
-    }
+    const std::string bytes = bytesOf(stream);
+    EXPECT_EQ(bytes, "\xfe\x34\x12\xef\xcd\xab\x89\x00\x00\x20\xbe"s);
+    Drip drip(bytes, 1);
+    EXPECT_EQ(drip.read_8(), 0xfe);
+    EXPECT_EQ(drip.read_16(), 0x1234);
+    EXPECT_EQ(drip.read_32(), 0x89abcdef);
+    EXPECT_EQ(drip.read_float(), -0.15625F);
+    EXPECT_EQ(errorOf([] { Drip("", 2).read_8(); }), "read_8 error");
+    EXPECT_EQ(errorOf([] { Drip("x", 2).read_16(); }), "read_16 error");
+    EXPECT_EQ(errorOf([] { Drip("xxx", 2).read_float(); }), "read_32 error");
 }
 
-TEST(StringOnAStream, HasOneFormAndRefusesWhatIsNone) {
+TEST(Stream, AStringHasOneFormAndRefusesWhatIsNone) {
     const std::string longest(65534, 'q');
-    const std::pair<std::string, std::string> forms[] = {
-        {"ab", "\x02\0ab"s}, {"", "\0\0"s}, {longest, "\xfe\xff" + longest}};
+    const std::pair<const char*, std::string> forms[] = {
+        {"ab", "\x02\0ab"s}, {"", "\0\0"s}, {nullptr, "\0\0"s}, {longest.c_str(), "\xfe\xff" + longest}};
     for (const auto& [text, bytes] : forms) {
         i4_owned_ram_file stream;
-        i4_string(text.c_str()).write(stream);
+        i4_string(text).write(stream);
         EXPECT_EQ(bytesOf(stream), bytes);
-        stream.seek(0);
-        EXPECT_EQ(i4_string(stream), text.c_str());
         Drip slow(bytes, 7);
-        EXPECT_EQ(i4_string(slow), text.c_str());
-        sweepDamage({stream.buffer(), std::min(stream.size(), 64U)}, [](std::span<const u8> damaged) {
-            i4_ram_file_class input(const_cast<u8*>(damaged.data()), static_cast<u32>(damaged.size()), 0);
-            const std::string error = errorOf([&] {
-                const i4_string s(input);
-                EXPECT_LE(s.length() + 2, damaged.size());
-            });
-            if (error != "no error") return;
-            EXPECT_EQ(input.tell(), damaged[0] + damaged[1] * 256U + 2U);
-        });
+        EXPECT_EQ(i4_string(slow), text ? text : "");
     }
-    i4_owned_ram_file null;
-    i4_string(nullptr).write(null);
-    EXPECT_EQ(bytesOf(null), "\0\0"s);
-
     const auto reading = [](const std::string& bytes) {
-        return errorOf([&] {
-            Drip drip(bytes, 100000);
-            i4_string s(drip);
-        });
+        Drip drip(bytes, 100000);
+        return errorOf([&] { i4_string s(drip); });
     };
     EXPECT_EQ(reading("\xff\xff" + std::string(65535, 'x')), "read string error");
     EXPECT_EQ(reading("\x03\0ab"s), "readAll error");
-    EXPECT_EQ(reading("\x03"), "read_16 error");
-    const auto raw = [](u32 most, u32 length) {
-        return errorOf([&] {
-            Drip drip("abcd", most);
-            EXPECT_EQ(i4_string(drip, length), std::string("abcd").substr(0, length).c_str());
-        });
-    };
-    EXPECT_EQ(raw(100, 3), "no error");
-    EXPECT_EQ(raw(100, 0), "no error");
-    EXPECT_EQ(raw(2, 3), "read string error") << "one read has to bring them all";
-    EXPECT_EQ(raw(100, 5), "read string error");
+    EXPECT_EQ(errorOf([] {
+                  Drip drip("abcd", 2);
+                  i4_string(drip, 3);
+              }),
+              "read string error")
+        << "one read has to bring them all";
 
     char block[4];
     i4_ram_file_class cut(block, 4, 0);
@@ -213,24 +228,22 @@ TEST(DiskFile, IsOpenedByTheFlagsAndKeepsItsPlaceAndItsName) {
         bool reads;
     } cases[] = {{1, false, "old", true},  {2, true, "Nld", false}, {3, true, "Nld", true},
                  {6, true, "oldN", false}, {7, true, "oldN", true}, {10, true, "N", false},
-                 {11, true, "N", true},    {14, true, "N", false},  {5, false, "old", true},
-                 {9, false, "old", true},  {0, true, "old", true}};
+                 {11, true, "N", true},    {5, false, "old", true}, {9, false, "old", true},
+                 {0, true, "old", true}};
+    const std::string path = folder.file("file");
     for (const auto& c : cases) {
-        const std::string missing = folder.file("missing");
-        EXPECT_EQ(i4_open(missing.c_str(), c.flags) != nullptr, c.creates) << c.flags;
-        EXPECT_EQ(exists(missing), c.creates) << c.flags;
-        std::filesystem::remove(missing);
-
-        const std::string there = folder.file("there");
-        writeFile(there, "old");
+        EXPECT_EQ(i4_open(path.c_str(), c.flags) != nullptr, c.creates) << c.flags;
+        EXPECT_EQ(exists(path), c.creates) << c.flags;
+        writeFile(path, "old");
         {
-            const auto file = i4_open(there.c_str(), c.flags);
+            const auto file = i4_open(path.c_str(), c.flags);
             char byte = 0;
             EXPECT_EQ(file->read(&byte, 1) >= 0, c.reads) << c.flags;
             file->seek(0);
             file->write("N", 1);
         }
-        EXPECT_EQ(contentOf(there), c.afterWriting) << c.flags;
+        EXPECT_EQ(contentOf(path), c.afterWriting) << c.flags;
+        std::filesystem::remove(path);
     }
     EXPECT_EQ(i4_open(folder.path().c_str(), 10), nullptr);
 
@@ -240,7 +253,6 @@ TEST(DiskFile, IsOpenedByTheFlagsAndKeepsItsPlaceAndItsName) {
         file->write("abcdef", 6);
         EXPECT_EQ(file->seek(2), 2U);
         EXPECT_EQ(file->size(), 6U);
-        EXPECT_EQ(file->tell(), 2U);
         EXPECT_EQ(file->read_16(), 'c' + 'd' * 256);
         EXPECT_EQ(file->bytesLeft(), 2U);
         EXPECT_EQ(file->printf("%d%s", 12, "xyz"), 5U);
@@ -263,34 +275,24 @@ TEST(Formatter, WritesWhatEachLetterSays) {
         EXPECT_EQ(i4_sprintf(out, arguments...), std::strlen(expected));
         EXPECT_STREQ(out, expected);
     };
-    expect("ff", "%x", 255);
-    expect("-5", "%d", -5);
-    expect("A", "%c", 65);
     expect("-2147483648 4294967295 0", "%i %u %d", -2147483647 - 1, 0xffffffffU, 0);
-    expect("17777777777 deadbeef 0", "%o %p %x", 0x7fffffffU, 0xdeadbeefU, 0);
-    expect("[][7]", "[%f][%d]", 7);
-    expect("d7", "%ld%d", 7);
+    expect("17777777777 deadbeef ffA", "%o %p %x%c", 0x7fffffffU, 0xdeadbeefU, 255, 65);
+    expect("[][7]d7", "[%f][%d]%ld%d", 7, 7);
     expect("f 5 abc", "%02x %8d %-10.3s", 15, 5, "abc");
     expect("%|100%", "%%|%d%5%", 100);
-    expect("a  b", "a %s b", static_cast<const char*>(nullptr));
-    expect("text..", "%S.%S.%S", &text, &null, static_cast<const i4_string*>(nullptr));
+    expect("text..(a  b)", "%S.%S.%S(a %s b)", &text, &null, static_cast<const i4_string*>(nullptr),
+           static_cast<const char*>(nullptr));
     expect("<7> NULL", "%I %I", static_cast<i4_printable*>(&wagon), static_cast<i4_printable*>(nullptr));
-    expect("end", "end%");
     expect("end", "end%-12.");
-
     EXPECT_EQ(i4_snprintf(out, 5, "%s", "abcdefgh"), 8U);
     EXPECT_STREQ(out, "abcd");
     EXPECT_EQ(i4_snprintf(nullptr, 0, "%d", 123), 3U);
     i4_string big;
-    big.format("%s%s", std::string(600, 'a').c_str(), std::string(600, 'b').c_str());
-    EXPECT_EQ(big, (std::string(600, 'a') + std::string(600, 'b')).c_str());
-    i4_debug_file_class terminal;
-    EXPECT_EQ(terminal.printf(""), 0U);
+    big.format("%s", std::string(1200, 'a').c_str());
+    EXPECT_EQ(big, std::string(1200, 'a').c_str());
 }
 
-std::string heard;
-
-TEST(Errors, CarryTextAndPlaceAndGoWhereTheHandlersSend) {
+TEST(Errors, CarryTextAndPlace) {
     const auto place = [] {
         const char* file = nullptr;
         int line = 0;
@@ -299,8 +301,6 @@ TEST(Errors, CarryTextAndPlaceAndGoWhereTheHandlersSend) {
     };
     i4_ram_file_class nothing(nullptr, 0, 0);
     EXPECT_EQ(errorOf([&] { nothing.read_16(); }), "read_16 error");
-    EXPECT_EQ(place().substr(0, 22), "../../i4min/file/file:");
-    i4_set_file_line(nullptr, 12345);
     EXPECT_EQ(place().substr(0, 22), "../../i4min/file/file:");
     std::thread([&] { EXPECT_EQ(place(), "nowhere:0"); }).join();
     const int here = __LINE__ + 1;
@@ -314,24 +314,7 @@ TEST(Errors, CarryTextAndPlaceAndGoWhereTheHandlersSend) {
     i4_debug("debug %s, ", "text");
     EXPECT_EQ(i4_debug_printf("%s", "four"), 4U);
     EXPECT_EQ(bytesOf(terminal), "Warning (there/mod:3) : 2 left\ndebug text, four");
-    i4_debug_stream = nullptr;
-    EXPECT_EQ(i4_debug_printf("lost"), 0U);
     i4_debug_stream = old;
-
-    const auto hear = [](const char* text) { return heard = text, 9; };
-    i4_set_debug_hook([](const i4_string& text) { heard = text.c_str(); });
-    i4_debug("%s", std::string(2000, 'y').c_str());
-    EXPECT_EQ(heard, std::string(2000, 'y'));
-    i4_set_warning_handler(hear);
-    i4_set_error_handler(hear);
-    EXPECT_EQ(i4_warning()("warned"), 9);
-    EXPECT_EQ(heard, "warned");
-    EXPECT_EQ(i4_error()("answered"), 9);
-    EXPECT_EQ(heard, "answered");
-    i4_set_debug_hook(nullptr);
-    i4_set_warning_handler(nullptr);
-    i4_set_error_handler(nullptr);
-    EXPECT_EQ(errorOf([] { i4_error()("thrown"); }), "thrown");
 }
 
 }  // namespace

@@ -1,19 +1,25 @@
-// Packets on a scripted socket; connections, doors and workers on loopback, with every kind of bad company.
+// Packets on a scripted socket; connections, doors, workers and datagrams on loopback, with every kind of bad
+// company; the pools: whose turn it is, what speed limits grant, what is estimated of the line.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <ctime>
 
+#include "app/Preferences.h"
 #include "i4min/memory/error.h"
 #include "tests/support/OpenDoor.h"
 #include "tests/support/ScriptedSocket.h"
-#include "tests/support/damage.h"
+#include "transport/ABSocketPool.h"
 #include "transport/ConnectRegistry.h"
 #include "transport/OpcodeTable.h"
 #include "transport/Packet.h"
 #include "transport/STSocketPool.h"
+#include "transport/UDPAnnex.h"
+#include "transport/UDPDoor.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 constexpr u32 limit = 8 << 20;
 
@@ -30,14 +36,8 @@ class PacketTest : public testing::Test {
 };
 
 TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
-    const auto opcode = packetOf("\x14");
-    EXPECT_EQ(opcode->send(socket, moved), Packet::complete);
-    EXPECT_EQ(socket.written, std::string("\xE3\x01\0\0\0\x14", 6));
-    EXPECT_EQ(moved, 6U);
-
     const auto longer = packetOf("0123456789");
     const auto copy = longer->clone();
-    socket.written.clear();
     socket.room = 3;
     std::vector<u32> pieces;
     sendBudget = 2;
@@ -50,7 +50,6 @@ TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
     EXPECT_EQ(pieces, (std::vector<u32>{3, 4, 2, 2, 3, 1}));
     EXPECT_EQ(socket.written, framed("0123456789"));
     sendBudget = 0;
-    socket.room = 100;
     EXPECT_EQ(copy->send(socket, moved), Packet::more);
     socket.room = -1;
     sendBudget = 10;
@@ -67,41 +66,18 @@ TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
     EXPECT_EQ(socket.written, framed(body));
 }
 
-TEST_F(PacketTest, IsReceivedOneByteAtATime) {
-    for (const char c : framed("hello")) socket.pieces.push_back(std::string(1, c));
-    for (int turn = 1; turn < 9; ++turn) EXPECT_EQ(receive(), Packet::more) << turn;
-    EXPECT_EQ(receive(), Packet::complete);
-    EXPECT_EQ(packet.stream.read_8(), 'h');
-    EXPECT_EQ(packet.stream.bytesLeft(), 4U);
-    EXPECT_THROW(packet.stream.expect(5), i4_err);
-
-    packet.reset();
-    socket.pieces = {framed("ab")};
-    recvBudget = 0;
-    EXPECT_EQ(receive(), Packet::more);
-    EXPECT_EQ(receive(), Packet::more);
-    EXPECT_EQ(moved, 0U);
-    recvBudget = 1;
-    EXPECT_EQ(receive(), Packet::more);
-    EXPECT_EQ(receive(), Packet::complete);
-}
-
 TEST_F(PacketTest, RefusesBadHeadersOnceTheyAreWhole) {
     for (const std::string& bad :
-         {std::string("\xE4\x01\0\0\0", 5), std::string("\xE3\0\0\0\0", 5),
-          std::string("\xE3\x01\0\x80\0", 5), std::string("\xE3\xFF\xFF\xFF\xFF", 5)}) {
+         {"\xE4\x01\0\0\0"s, "\xE3\0\0\0\0"s, "\xE3\x01\0\x80\0"s, "\xE3\xFF\xFF\xFF\xFF"s}) {
         packet.reset();
         socket.pieces = {bad.substr(0, 4), bad.substr(4)};
         EXPECT_EQ(receive(), Packet::more);
         EXPECT_EQ(receive(), Packet::failed);
     }
-    packet.reset();
-    socket.pieces = {std::string("\xE3\0\0\x80\0", 5)};  // exactly the limit
-    EXPECT_EQ(receive(), Packet::more);
 }
 
-TEST_F(PacketTest, TakesMemoryAsBytesArrive) {
-    socket.pieces = {std::string("\xE3\0\0\x80\0", 5)};
+TEST_F(PacketTest, TakesMemoryAsBytesArriveAndAsTheBudgetAllows) {
+    socket.pieces = {"\xE3\0\0\x80\0"s};  // exactly the limit
     EXPECT_EQ(receive(), Packet::more);
     EXPECT_EQ(packet.stream.capacity(), 64U * 1024);
     const std::string body = someBytes(limit);
@@ -109,50 +85,38 @@ TEST_F(PacketTest, TakesMemoryAsBytesArrive) {
     for (std::size_t at = 0; at < limit; at += 50'000) {
         const u32 before = packet.stream.capacity();
         socket.pieces.push_back(body.substr(at, 50'000));
+        recvBudget = 0;
+        EXPECT_EQ(receive(), Packet::more);
+        EXPECT_EQ(moved, 0U);
+        recvBudget = unlimitedBudget;
         EXPECT_EQ(receive(), at + 50'000 < limit ? Packet::more : Packet::complete);
-        if (packet.stream.capacity() != before) ++growths;
+        growths += packet.stream.capacity() != before;
         EXPECT_LE(packet.stream.capacity(), std::max(64U * 1024, 4 * packet.bodyDone));
     }
     EXPECT_LE(growths, 5);
     EXPECT_EQ(std::memcmp(packet.stream.buffer(), body.data(), limit), 0);
-}
-
-TEST_F(PacketTest, DamagedBytesAreReceivedOrRefused) {
-    const std::string good = framed(std::string(300, 'd'));
-    sweepDamage(std::span(reinterpret_cast<const u8*>(good.data()), good.size()),
-                [](std::span<const u8> bytes) {
-                    ScriptedSocket bad;
-                    bad.pieces = {std::string(bytes.begin(), bytes.end())};
-                    Packet got;
-                    u32 n = 0;
-                    for (int turn = 0; turn < 4; ++turn) {
-                        if (got.receive(bad, n, limit) != Packet::more) break;
-                    }
-                    EXPECT_LE(got.bodyDone, 305U);
-                });
+    packet.stream.seek(limit - 4);
+    EXPECT_THROW(packet.stream.expect(5), i4_err);
 }
 
 class ConversationTest : public testing::Test, protected OpenDoor<STSocketPool> {};
 
 TEST_F(ConversationTest, CarriesMessagesInOrderBothWays) {
     Caller caller(port);
-    caller.send(framed("efirst") + framed("esecond") + framed(std::string(1, 'x')));
+    caller.send(framed("efirst") + framed("esecond") + framed("x"));
     EXPECT_EQ(caller.read(23), framed("efirst") + framed("esecond"));
     EXPECT_TRUE(eventually([&] { return told.count() == 3; }));
     const Ref<Talker> talker = door->takeLast();
     EXPECT_EQ(talker->getText(), "127.0.0.1");
-    std::thread other([&] { talker->send(packetOf("from another thread")); });
+    std::thread([&] { talker->send(packetOf("from another thread")); }).join();
     EXPECT_EQ(caller.read(24), framed("from another thread"));
-    other.join();
     const Ref<TalkerDoor> second(new TalkerDoor(&pool, port, told));
     EXPECT_FALSE(second->listen(500)) << "a taken port is told, and harms nobody";
     EXPECT_EQ(log.take(),
               "Can't Listen for connections. Please adjust your proxy settings in the options tab.\n");
-    EXPECT_TRUE(door->listen(500));
     caller.send(framed("clast"));
     EXPECT_TRUE(caller.isEnded());
     EXPECT_TRUE(allGone(1));
-    EXPECT_TRUE(talker->isDead());
     talker->send(packetOf("to the dead"));
     talker->close();
     EXPECT_FALSE(talker->hasToSend());
@@ -163,21 +127,13 @@ TEST_F(ConversationTest, WhatIsMalformedEndsItsConnectionAlone) {
     static constexpr OpcodeTable table(rows);
     told.table = &table;
     log.verbose = 1;
-    const std::vector<std::string> bad = {
-        std::string("\xE2\x01\0\0\0\x01", 6),
-        std::string("\xE3\0\0\0\0", 5),
-        std::string("\xE3\xFF\xFF\xFF\xFF", 5) + "body",
-        std::string("\xE3\x01\0\x01\0", 5),  // above the limit for a first message
-        framed("frefused"),
-        framed("sshort"),
-        framed("t1"),
-        framed("t1234"),
-        framed("good") + std::string("\xE3\x01\0\x80\0", 5),  // above the later limit
-    };
     Caller bystander(port);
     bystander.send(framed("hi"));
     int ended = 0;
-    for (const std::string& bytes : bad) {
+    for (const std::string& bytes : {"\xE2\x01\0\0\0\x01"s, "\xE3\xFF\xFF\xFF\xFF"s + "body",
+                                     "\xE3\x01\0\x01\0"s,  // above the limit for a first message
+                                     framed("frefused"), framed("sshort"), framed("t1"), framed("t1234"),
+                                     framed("good") + "\xE3\x01\0\x80\0"s}) {  // above the later limit
         Caller caller(port);
         caller.send(bytes);
         EXPECT_TRUE(caller.isEnded());
@@ -189,69 +145,49 @@ TEST_F(ConversationTest, WhatIsMalformedEndsItsConnectionAlone) {
     EXPECT_TRUE(bystander.echoes("still here"));
 }
 
-TEST_F(ConversationTest, EndsAndResetsInEveryStateAreNoticed) {
+TEST_F(ConversationTest, EndsAndResetsInEveryStateAreNoticedAndTheQueueIsBounded) {
     const std::string whole = framed(std::string(200'000, 'w'));
     int ended = 0;
     for (const bool resets : {false, true}) {
-        for (const std::size_t length : {std::size_t{0}, std::size_t{3}, std::size_t{5}, std::size_t{6},
-                                         whole.size() - 1, whole.size()}) {
+        for (const std::size_t length : {std::size_t{0}, std::size_t{3}, std::size_t{5}, whole.size() - 1}) {
             Caller caller(port);
             caller.send(framed("hi") + whole.substr(0, length));
-            if (!resets) {
-                caller.close();
-            } else {
-                EXPECT_TRUE(eventually([&] { return pool.count == 2; }));
-                caller.reset();
-            }
-            ++ended;
-            EXPECT_TRUE(allGone(ended)) << length;
+            EXPECT_TRUE(eventually([&] { return pool.count == 2; }));
+            resets ? caller.reset() : caller.close();
+            EXPECT_TRUE(allGone(++ended)) << length;
         }
+        // In the middle of what we send: a reset, or more than the queue may hold.
+        door->takeLast();
+        Caller caller(port);
+        const Ref<Talker> talker = arrived();
+        talker->send(packetOf(std::string(15 << 20, 'o')));
+        caller.read(100'000);
+        EXPECT_FALSE(talker->isDead());
+        told.queueLimit = 1 << 20;
+        resets ? caller.reset() : talker->send(packetOf("more"));
+        EXPECT_TRUE(allGone(++ended));
+        EXPECT_FALSE(talker->hasToSend());
+        told.queueLimit = 16 << 20;
     }
-    // A reset while we send.
-    door->takeLast();
-    Caller caller(port);
-    const Ref<Talker> talker = arrived();
-    talker->send(packetOf(std::string(15 << 20, 'o')));
-    caller.read(100'000);
-    caller.reset();
-    EXPECT_TRUE(allGone(ended + 1));
 }
 
 TEST_F(ConversationTest, WhatStandsStillEnds) {
-    told.stallLimit = 500;
+    told.stallLimit = 200;
     Caller half(port);
-    half.send(framed("hi") + std::string("\xE3\x10\0\0\0half", 9));
+    half.send(framed("hi") + "\xE3\x10\0\0\0half"s);
     Caller silent(port);
     Caller deaf(port);
-    deaf.send(framed("e" + std::string(60'000, 'd')));
-    for (int i = 0; i < 50; ++i) {
-        if (::send(deaf.descriptor(), framed("e" + std::string(200'000, 'd')).data(), 200'006,
-                   MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-            break;
-        }
-    }
+    const std::string piece = framed("e" + std::string(200'000, 'd'));
+    for (int i = 0; i < 50; ++i)
+        ::send(deaf.descriptor(), piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     Caller quiet(port);
     quiet.send(framed("hi"));
     EXPECT_TRUE(eventually([&] { return told.ended == 3; }));
     EXPECT_TRUE(quiet.echoes("idle is no fault"));
 }
 
-TEST_F(ConversationTest, AQueueThatNobodyReadsIsBounded) {
-    told.queueLimit = 1 << 20;
-    Caller deaf(port);
-    const Ref<Talker> talker = arrived();
-    int sent = 0;
-    EXPECT_TRUE(eventually([&] {
-        if (!talker->isDead()) talker->send(packetOf(std::string(100'000, 'q'))), ++sent;
-        return talker->isDead();
-    }));
-    EXPECT_GE(sent, 10);
-    EXPECT_FALSE(talker->hasToSend());
-    EXPECT_TRUE(allGone(1));
-}
-
 TEST_F(ConversationTest, CloseFromAnotherThreadInTheMiddleOfATransfer) {
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 10; ++round) {
         Caller caller(port);
         const Ref<Talker> talker = arrived();
         std::atomic<bool> ended{false};
@@ -263,17 +199,16 @@ TEST_F(ConversationTest, CloseFromAnotherThreadInTheMiddleOfATransfer) {
         });
         caller.read(100'000 + static_cast<std::size_t>(round) * 1'000);
         talker->close();
-        while (!caller.isEnded()) {
-        }
+        while (!caller.isEnded()) continue;
         ended = true;
         sender.join();
         EXPECT_TRUE(allGone(round + 1));
     }
 }
 
-TEST_F(ConversationTest, AThousandConnectionsComeAndGo) {
+TEST_F(ConversationTest, HundredsOfConnectionsComeAndGo) {
     constexpr int each = 100;
-    for (int round = 1; round <= 10; ++round) {
+    for (int round = 1; round <= 3; ++round) {
         std::vector<std::unique_ptr<Caller>> callers;
         for (int i = 0; i < each; ++i) callers.push_back(std::make_unique<Caller>(port));
         for (auto& caller : callers) caller->send(framed("ehello"));
@@ -283,7 +218,7 @@ TEST_F(ConversationTest, AThousandConnectionsComeAndGo) {
         EXPECT_TRUE(allGone(each * round));
     }
     door->takeLast();
-    EXPECT_TRUE(eventually([&] { return told.destroyed == 10 * each; }));
+    EXPECT_TRUE(eventually([&] { return told.destroyed == 3 * each; }));
 }
 
 TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
@@ -311,10 +246,9 @@ TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
     EXPECT_TRUE(eventually(saysSo));
     const std::clock_t busy = std::clock();
     for (auto& caller : waiting) caller->send(framed("ehello"));
-    // Through two rests, the door gets no further and doesn't spin.
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
     EXPECT_TRUE(eventually([&] { return std::chrono::steady_clock::now() > until; }));
-    EXPECT_LT(static_cast<double>(std::clock() - busy) / CLOCKS_PER_SEC, 0.75);
+    EXPECT_LT(static_cast<double>(std::clock() - busy) / CLOCKS_PER_SEC, 0.15) << "the door rests";
     EXPECT_EQ(told.count(), 1U);
     ::setrlimit(RLIMIT_NOFILE, &before);
     for (const int filler : fillers) ::close(filler);
@@ -323,7 +257,7 @@ TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
     EXPECT_EQ(said.find("Too many", 1), std::string::npos) << said;
 }
 
-// A port at which connects neither succeed nor fail: a listener whose queue is full.
+// A port at which connects neither succeed nor fail, as the queue of its listener is full.
 struct FullListener : Listener {
     FullListener() {
         ::listen(descriptor(), 0);
@@ -332,7 +266,16 @@ struct FullListener : Listener {
     Caller filler;
 };
 
-TEST_F(ConversationTest, OutgoingConnectsSucceedOrFailCleanly) {
+class ConnectTest : public ConversationTest {
+  protected:
+    ~ConnectTest() override { connectRegistry.limit = ConnectRegistry::usualLimit; }
+    bool connect(u32 ip, u32 to, Told& outgoing) {
+        return connectRegistry.connect(&pool, Ref<Connection>(new Talker(ip, to, outgoing)));
+    }
+    FullListener full;
+};
+
+TEST_F(ConnectTest, ConnectsSucceedOrFailCleanly) {
     Told outgoing;
     Ref<Talker> talker(new Talker(loopbackIp, port, outgoing));
     EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>(talker.get())));
@@ -343,49 +286,31 @@ TEST_F(ConversationTest, OutgoingConnectsSucceedOrFailCleanly) {
     EXPECT_TRUE(eventually([&] { return outgoing.ended == 1; }));
     EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>()));
 
-    // Refused; a low ID; a broadcast address, which the system doesn't route.
-    u32 refusing = 0;
-    {
-        Told nobody;
-        const Ref<TalkerDoor> closed(new TalkerDoor(&pool, 0, nobody));
-        EXPECT_TRUE(closed->listen(500));
-        refusing = closed->localPort();
-        closed->close();
-        EXPECT_TRUE(eventually([&] { return closed->isDead(); }));
-    }
-    for (const auto& [ip, to] : {std::pair{loopbackIp, refusing}, {0xFFFFFFU, port}, {0xFFFFFFFFU, port}}) {
+    // Nobody there; a low ID; a broadcast address, which the system doesn't route; and no answer.
+    connectRegistry.limit = 100;
+    const auto begun = std::chrono::steady_clock::now();
+    for (const auto& [ip, to] : {std::pair{loopbackIp, 1U},
+                                 {0xFFFFFFU, port},
+                                 {0xFFFFFFFFU, port},
+                                 {loopbackIp, u32{full.port()}}}) {
         Told failing;
-        EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>(new Talker(ip, to, failing))));
+        EXPECT_TRUE(connect(ip, to, failing));
         EXPECT_TRUE(eventually([&] { return failing.destroyed == 1; }));
         EXPECT_EQ(failing.failed, 1);
         EXPECT_EQ(failing.ended, 1);
         EXPECT_EQ(failing.connected, 0);
     }
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(100));
+    EXPECT_EQ(ConnectRegistry::usualLimit, 8000);
 }
 
-TEST_F(ConversationTest, AConnectThatGetsNoAnswerFailsAfterItsTime) {
-    FullListener full;
-    Told outgoing;
-    const auto begun = std::chrono::steady_clock::now();
-    EXPECT_TRUE(
-        connectRegistry.connect(&pool, Ref<Connection>(new Talker(loopbackIp, full.port(), outgoing))));
-    EXPECT_TRUE(eventually([&] { return outgoing.destroyed == 1; }));
-    const auto took = std::chrono::steady_clock::now() - begun;
-    EXPECT_GE(took, std::chrono::milliseconds(7900));
-    EXPECT_EQ(outgoing.failed, 1);
-}
-
-TEST_F(ConversationTest, APendingConnectIsNotMadeTwiceAndEndsWithTheWorker) {
-    FullListener full;
-    Told first;
-    Told second;
-    Told queued;
-    EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>(new Talker(loopbackIp, full.port(), first))));
-    EXPECT_FALSE(
-        connectRegistry.connect(&pool, Ref<Connection>(new Talker(loopbackIp, full.port(), second))));
+TEST_F(ConnectTest, APendingConnectIsNotMadeTwiceAndEndsWithTheWorker) {
+    Told first, second, queued, again;
+    EXPECT_TRUE(connect(loopbackIp, full.port(), first));
+    EXPECT_FALSE(connect(loopbackIp, full.port(), second));
     EXPECT_EQ(second.destroyed, 1);
     EXPECT_EQ(second.failed + second.ended, 0);
-    EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>(new Talker(loopbackIp, port, queued))));
+    EXPECT_TRUE(connect(loopbackIp, port, queued));
     const auto begun = std::chrono::steady_clock::now();
     worker.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(4));
@@ -393,11 +318,261 @@ TEST_F(ConversationTest, APendingConnectIsNotMadeTwiceAndEndsWithTheWorker) {
     pool.deleteConnections();
     EXPECT_EQ(first.destroyed + queued.destroyed, 2);
     EXPECT_EQ(first.ended + queued.ended, 2);
-    // Nothing is pending any more.
-    Told again;
-    EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>(new Talker(loopbackIp, full.port(), again))));
+    EXPECT_TRUE(connect(loopbackIp, full.port(), again)) << "nothing is pending any more";
+}
+
+// Keeps each datagram; one that ends with `bad` is read past its end.
+std::string hear(i4_ram_file_class& datagram, Told& told, char bad) {
+    std::string text(*datagram.bytesLeft(), '\0');
+    datagram.readAll(text.data(), static_cast<u32>(text.size()));
+    told.heard(text);
+    if (text.back() == bad) datagram.read_8();
+    return text;
+}
+
+struct Annex : UDPAnnex {
+    Annex(SocketPool* pool, Told& annexTold) : UDPAnnex(pool), told(annexTold) {}
+    void handleDatagram() override { hear(buffer_, told, 'p'); }
+    Told& told;
+};
+
+// Sends each datagram back.
+struct Door : UDPDoor {
+    Door(SocketPool* pool, Told& doorTold) : UDPDoor(pool, 0), told(doorTold) {}
+    void handleDatagram() override {
+        const std::string text = hear(inBuffer_, told, '!');
+        outBuffer_.write(text.data(), static_cast<u32>(text.size()));
+        reply(outBuffer_.tell());
+    }
+    Told& told;
+};
+
+TEST_F(ConversationTest, DatagramsHaveTheirOwnLengthAndWhatCantBeReadCostsThatOneOnly) {
+    log.verbose = 1;
+    Told annexTold;
+    const Ref<Door> udpDoor(new Door(&pool, told));
+    const Ref<Annex> annex(new Annex(&pool, annexTold));
+    ASSERT_TRUE(udpDoor->open(500) && annex->open());
+    // Of a body of that many bytes; what isn't written goes out as zeros.
+    const auto send = [&](const std::string& body, u32 length) {
+        auto packet = std::make_unique<UDPPacket>(length, loopbackIp, udpDoor->localPort());
+        packet->stream.write(body.data(), static_cast<u32>(body.size()));
+        annex->send(std::move(packet));
+    };
+    send(std::string(2000, 'b'), 2000);
+    send("c", 3);
+    send("cut", 1);
+    EXPECT_TRUE(eventually([&] { return annexTold.count() == 3; }));
+    EXPECT_EQ(told.all(),
+              (std::vector<std::string>{"\xE3" + std::string(2000, 'b'), "\xE3\x63\0\0"s, "\xE3\x63"s}));
+    EXPECT_EQ(annexTold.all(), told.all());
+    EXPECT_EQ(annex->bytesSent, 2001U + 4 + 2);
+
+    const int descriptor = ::socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in address = loopbackAt(udpDoor->localPort());
+    for (const std::string& bytes : {std::string(5000, 'l'), ""s, "bad!"s}) {
+        ::sendto(descriptor, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                 sizeof address);
+    }
+    ::close(descriptor);
+    send("p", 1);
+    send("after", 5);
+    EXPECT_TRUE(eventually([&] { return annexTold.count() == 5; }));
+    EXPECT_EQ(annexTold.all()[4], "\xE3"s + "after");
+    EXPECT_EQ(told.all()[3], std::string(3072, 'l')) << "a long one is cut";
+    EXPECT_EQ(told.all()[4], "bad!") << "an empty one is none";
+    EXPECT_EQ(log.take(), "*** Exception in UDPDoor\n*** Exception in UDPAnnex\n");
+    pool.stop();
     pool.deleteConnections();
-    EXPECT_EQ(again.destroyed, 1);
+}
+
+TEST(BudgetClockTest, GrantsWhatTheLimitAllowsForTheTimeSinceTheLastGrant) {
+    i4_time now;
+    BudgetClock clock;
+    const auto after = [&](i32 ms, f32 speed) {
+        now.add(ms);
+        return clock.grant(speed, now);
+    };
+    clock.begin(now);
+    EXPECT_EQ(after(200, 10), 2000);
+    EXPECT_EQ(after(1, 0), unlimitedBudget);
+    EXPECT_EQ(after(1, 0.5F), 0);
+    EXPECT_EQ(after(9, 0.5F), 5);
+    clock.charge(2);
+    EXPECT_EQ(after(4, 100), 3);  // too soon: what is left
+    clock.charge(9);
+    EXPECT_EQ(after(6, 100), 1000);
+    clock.charge(1000);
+    EXPECT_EQ(after(60, 0.01F), 0);
+    EXPECT_EQ(after(60, 0.01F), 1);
+    EXPECT_EQ(after(200, 1e30F), unlimitedBudget);
+    now.add(5000);
+    clock.waited(5000);
+    EXPECT_EQ(after(0, 10), 400);
+}
+
+// A connection without a socket that is ready when told so, and moves what it is told to.
+class Simulated : public Connection {
+  public:
+    explicit Simulated(char name, std::string& order) : Connection(0, 0), name_(name), order_(order) {}
+    bool isReady() override { return ready; }
+    void doTask(SocketPool*) override {
+        order_ += name_;
+        bytesSent.add(static_cast<u32>(std::min(toSend, sendBudget)));
+    }
+    bool ready = true;
+    i32 toSend = 0;
+    int ended = 0;
+
+  protected:
+    void gone() override { ++ended; }
+
+  private:
+    const char name_;
+    std::string& order_;
+};
+
+template <class Pool>
+struct Opened : Pool {
+    using Pool::elapsed;
+    using Pool::processChanges;
+    using Pool::runTurns;
+    using Pool::turns;
+};
+
+struct TurnsTest : testing::Test {
+    ~TurnsTest() override {
+        sendBudget = unlimitedBudget;
+        preferences.maxUpSpeed = preferences.maxDownSpeed = 5.0F;
+    }
+    Ref<Simulated> make(char name) { return Ref<Simulated>(new Simulated(name, order)); }
+
+    CapturedLog log;
+    std::string order;
+    const Ref<Simulated> all[4] = {make('a'), make('b'), make('c'), make('d')};
+};
+
+TEST_F(TurnsTest, TheHeadOfTheListMovesOnAndTheBudgetIsSharedInOrder) {
+    Opened<STSocketPool> pool;
+    EXPECT_TRUE(pool.runTurns());
+    for (const auto& one : all) pool.addConnection(one.get());
+    pool.processChanges();
+    all[3]->ready = false;
+    for (int i = 0; i < 4; ++i) EXPECT_FALSE(pool.runTurns());
+    EXPECT_EQ(order, "abcbcacababc");
+    for (const auto& one : all) one->toSend = 600;
+    sendBudget = 1000;
+    pool.runTurns();  // the list stands at a again
+    EXPECT_EQ(all[0]->bytesSent, 600U);
+    EXPECT_EQ(all[1]->bytesSent, 400U);
+    EXPECT_EQ(all[2]->bytesSent, 0U);
+    EXPECT_EQ(sendBudget, 0);
+}
+
+TEST_F(TurnsTest, ConnectionsEnterAndLeaveOnce) {
+    Opened<STSocketPool> pool;
+    pool.addConnection(all[0].get());
+    pool.addConnection(all[0].get());
+    EXPECT_EQ(pool.count, 1);
+    pool.processChanges();
+    pool.addConnection(all[0].get());
+    EXPECT_EQ(pool.count, 2);
+    pool.processChanges();
+    EXPECT_EQ(log.take(), "ERROR: connection already on list\n");
+    pool.addConnection(all[1].get());
+    for (int i = 0; i < 2; ++i) {
+        pool.removeConnection(all[1].get());
+        pool.removeConnection(all[1].get());
+        pool.processChanges();
+        EXPECT_EQ(all[1]->ended, 1);
+        EXPECT_EQ(pool.count, 1);
+    }
+    pool.deleteConnections();
+    EXPECT_EQ(all[0]->ended, 1);
+    EXPECT_EQ(pool.count, 0);
+}
+
+TEST_F(TurnsTest, TheLineIsEstimated) {
+    STSocketPool::History history;  // rises at once and sinks slowly
+    history.entries.fill(8);
+    EXPECT_EQ(history.update(0, 8), 8);
+    EXPECT_EQ(history.index, 0U);
+    EXPECT_EQ(history.update(4, 8), (7 * 8 + 7) / 8.0F);
+    EXPECT_EQ(history.entries[0], 7);
+    EXPECT_EQ(history.update(20, 8), 20);
+    EXPECT_EQ(history.entries[1], 20);
+
+    EXPECT_FLOAT_EQ(ABSocketPool::adjust(2.0F, 2.05F, 10, 12), 12);
+    EXPECT_NEAR(ABSocketPool::adjust(2.0F, 2.5F, 10, 12), 11.333, 0.001);
+    EXPECT_FLOAT_EQ(ABSocketPool::adjust(2.0F, 2.05F, 16, 12), 18);
+    EXPECT_FLOAT_EQ(ABSocketPool::adjust(0.5F, 0, 10, 8), 10);
+    EXPECT_FLOAT_EQ(ABSocketPool::adjust(2.0F, 9, 0, 12), 12);
+    Opened<ABSocketPool> pool;
+    for (const auto& one : all) pool.addConnection(one.get());
+    pool.processChanges();
+    pool.elapsed(300'000);
+    all[0]->bytesSent = 99;
+    pool.elapsed(1);  // the baseline begins
+    EXPECT_EQ(all[0]->bytesSent, 0U);
+    all[0]->bytesSent = 180'000;
+    all[1]->bytesSent = 90'000;
+    all[2]->bytesReceived = 90'000;
+    pool.elapsed(45'001);  // a and c have priority from now on, b doesn't
+    pool.turns();
+    all[0]->ready = all[2]->ready = false;
+    all[1]->toSend = 1000;
+    sendBudget = 10'000;
+    pool.turns();
+    EXPECT_EQ(order, "acbd");
+    EXPECT_EQ(all[1]->bytesSent, 256U);
+    // With priority a sends no faster, so the line carries more than the total.
+    all[0]->bytesSent = 180'000;
+    all[1]->bytesSent = 90'000;
+    pool.elapsed(45'001);
+    EXPECT_NEAR(preferences.maxUpSpeed, 270'000 / 45'001.0 * 9 / 8, 0.01);
+}
+
+// How many KB/s a counter of bytes goes up by, over a quarter of a million.
+double rateOf(const Relaxed<u32>& bytes) {
+    const u32 first = bytes;
+    EXPECT_TRUE(eventually([&] { return bytes != first; }));
+    const auto begun = std::chrono::steady_clock::now();
+    const u32 before = bytes;
+    EXPECT_TRUE(eventually([&] { return bytes - before > 250'000; }));
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
+    return (bytes - before) / 1000.0 / took.count();
+}
+
+TEST_F(ConversationTest, ASpeedLimitHoldsAndLeavesTheOtherDirectionAlone) {
+    Caller caller(port);
+    const Ref<Talker> talker = arrived();
+    preferences.userMaxUpF = 500.0F;
+    for (int i = 0; i < 100; ++i) talker->send(packetOf(std::string(10'240, 'u')));
+    std::thread reader([&] {
+        while (!caller.read(10'000).empty()) continue;
+    });
+    EXPECT_NEAR(rateOf(talker->bytesSent), 500, 30) << "the last turn may have come just now";
+    // 20 MB would take 40 seconds at that rate.
+    const std::string piece = framed(std::string(60'000, 'd'));
+    for (int i = 0; i < 333; ++i) caller.send(piece);
+    EXPECT_TRUE(eventually([&] { return told.count() == 333; }, std::chrono::seconds(20)));
+
+    preferences.userMaxUpF = 0.0F;
+    preferences.userMaxDownF = 500.0F;
+    std::thread writer([&] {
+        while (caller.send(piece)) continue;
+    });
+    EXPECT_NEAR(rateOf(talker->bytesReceived), 500, 30);
+    talker->close();
+    reader.join();
+    writer.join();
+    preferences.userMaxDownF = 0.0F;
+}
+
+TEST(SocketPoolTest, TheBasePoolHandsTurnsToItsWorkers) {
+    OpenDoor<SocketPool> open;
+    Caller caller(open.port);
+    EXPECT_TRUE(caller.echoes("hello"));
 }
 
 }  // namespace

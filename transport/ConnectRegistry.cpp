@@ -10,12 +10,6 @@
 #include "transport/SocketPool.h"
 #include "transport/Worker.h"
 
-namespace {
-
-constexpr i32 connectLimit = 8000;  // ms
-
-}  // namespace
-
 bool ConnectRegistry::connect(SocketPool* pool, Ref<Connection> connection) {
     if (!connection) return true;
     // Built and, where it is refused, destroyed without the lock.
@@ -59,7 +53,7 @@ void ConnectTask::attempt(SocketPool& pool, bool& done) {
     {
         const Worker::Wait wait(Worker::current(), *socket);
         if (!wait.allowed) return;
-        const u32 outcome = socket->ready(I4_SELECT_WRITE | I4_SELECT_ERROR, connectLimit, nullptr);
+        const u32 outcome = socket->ready(I4_SELECT_WRITE | I4_SELECT_ERROR, connectRegistry.limit, nullptr);
         if (outcome != I4_SELECT_WRITE || connection->isClosing()) return;
     }
     socket->set_blocking(false);

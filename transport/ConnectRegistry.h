@@ -3,12 +3,13 @@
 
 #include "i4min/memory/LL.h"
 #include "i4min/memory/mutex.h"
+#include "i4min/memory/relaxed.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "transport/Connection.h"
 #include "transport/Task.h"
 
-// Looks up and connects one connection, for at most 8 seconds; the handshake of a proxy counts. What
-// stands is told by connected() and goes to the pool, what fails is told by connectFailed(). An ip of at
+// Looks up and connects one connection, for at most ConnectRegistry::limit; the handshake of a proxy counts.
+// What stands is told by connected() and goes to the pool, what fails is told by connectFailed(). An ip of at
 // most 0xFFFFFF is no address, and fails at once; one that is closed meanwhile fails as well.
 class ConnectTask : public Task {
   public:
@@ -35,6 +36,9 @@ class CleanupTask : public Task {
 // Keeps the client from connecting twice to the same place at the same time. Thread: any.
 class ConnectRegistry {
   public:
+    static constexpr i32 usualLimit = 8000;  // ms
+    Relaxed<i32> limit = usualLimit;         // how long an attempt may take
+
     // Queues the connection for a worker of the pool, true. While another to the same ip and port is
     // pending it is refused: the reference is given back, nothing is told to the connection, gone() isn't
     // either, false. A null connection does nothing, true.

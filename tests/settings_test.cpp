@@ -1,0 +1,446 @@
+// Settings and identity, the program's options, texts by number and the filter: their files read, written,
+// missing and damaged, and the rules between settings.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "app/FilterList.h"
+#include "app/Preferences.h"
+#include "app/StringTable.h"
+#include "app/options.h"
+#include "i4min/network/proxy.h"
+#include "meta/FileList.h"
+#include "meta/UserMeta.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Process.h"
+#include "tests/support/bytes.h"
+#include "tests/support/files.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// The two sections of a pref.met: good ones, or those that the bytes hold.
+struct File {
+    File() {
+        self.id = 0x0100007F;
+        self.port = 5000;
+        self.hash.bytes.fill(7);
+        self.setName("somebody");
+        self.setInt(TAG_VERSION, 59);
+        self.setInt(TAG_PORT, 5000);
+    }
+    explicit File(const Bytes& bytes) {
+        BytesFile stream(bytes);
+        EXPECT_TRUE(self.fromDisk(stream) && settings.fromDisk(stream));
+        EXPECT_EQ(stream.bytesLeft(), 0u);
+    }
+    Bytes bytes() {
+        return written([this](i4_file& out) { EXPECT_TRUE(self.toDisk(out) && settings.toDisk(out)); });
+    }
+    void setFloat(const char* key, f32 value) { settings.setTag(key, &value, META_TAG_FLOAT); }
+
+    UserMeta self;
+    Meta settings;
+};
+
+bool decode(Preferences& settings, std::span<const u8> bytes) {
+    BytesFile stream(bytes);
+    return settings.fromDisk(stream);
+}
+
+Bytes encode(Preferences& settings) {
+    return written([&](i4_file& out) { EXPECT_TRUE(settings.toDisk(out)); });
+}
+
+class PreferencesTest : public testing::Test {
+  protected:
+    std::unique_ptr<Preferences> loaded() const {
+        auto settings = std::make_unique<Preferences>();
+        settings->workDir = folder_.path().c_str();
+        settings->load();
+        return settings;
+    }
+    Bytes read(const std::string& path) const {
+        const std::string text = contentOf(path);
+        return {text.begin(), text.end()};
+    }
+
+    CapturedLog log_;
+    TemporaryDirectory folder_;
+    const std::string pref_ = folder_.file("pref.met");
+};
+
+MD4Hash hashOf(const Preferences& settings) {
+    UserMeta self;
+    settings.copySelf(self);
+    return self.hash;
+}
+
+TEST_F(PreferencesTest, AFirstRunMakesAnIdentityAndSavesItOnlyWhenTold) {
+    const auto first = loaded();
+    EXPECT_THAT(first->getName().c_str(), testing::MatchesRegex("[a-y]{5}"));
+    EXPECT_EQ(first->incomingDir(), folder_.file("incoming").c_str());
+    EXPECT_STREQ(stringTable.get(1), "Queued");
+    EXPECT_NE(hashOf(*loaded()), hashOf(*first)) << "two fresh clients are two users";
+    EXPECT_FALSE(exists(pref_));
+
+    first->save();
+    const Bytes saved = read(pref_);
+    loaded()->save();
+    EXPECT_EQ(read(pref_), saved);
+    EXPECT_EQ(log_.take(), "");
+
+    const File file(saved);
+    EXPECT_EQ(file.self.getInt(TAG_VERSION), 59u);
+    EXPECT_EQ(file.self.getInt(TAG_PORT), 4662u);
+    std::string order;
+    for (LL<MetaTag>::Cursor c; const MetaTag* tag = file.settings.getTags().next(c);)
+        order += std::string(tag->name()) + " ";
+    EXPECT_EQ(order,
+              "incoming temp pSize maxNumUp maxDown adminName adminPass pmAllow userMaxUpF userMaxDownF "
+              "maxCon auto saveCor verifyCancel trayCheck servRemove userName password ipOver lang lineDown "
+              "adminDoorPort maxUpSpeed maxDownSpeed pType pSName pUName pUPass pPort ");
+}
+
+TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
+    // Every key with a value that isn't its default, in an order of its own, and one that isn't ours.
+    const std::pair<const char*, u32> numbers[] = {
+        {"pPort", 1080},      {"pType", 2},       {"maxDownSpeed", 123'456},
+        {"maxUpSpeed", 7001}, {"saveCor", 0},     {"trayCheck", 0},
+        {"verifyCancel", 0},  {"servRemove", 0},  {"ipOver", 1},
+        {"auto", 1},          {"pmAllow", 2},     {"adminDoorPort", 7000},
+        {"maxCon", 300},      {"pSize", 184'320}, {"maxNumUp", 5},
+        {"maxDown", 9}};
+    File file;
+    for (const char* text : {"pUPass", "pUName", "pSName", "somebodyElses", "password", "userName",
+                             "adminPass", "adminName", "temp", "incoming", "lang"}) {
+        file.settings.setText(text, text);
+    }
+    for (const auto& [key, value] : numbers) file.settings.setInt(key, value);
+    file.setFloat("lineDown", 50.5F);
+    file.setFloat("userMaxUpF", 12.25F);
+    file.setFloat("userMaxDownF", 100.0F);
+    writeFile(pref_, viewOf(file.bytes()));
+    const auto settings = loaded();
+    settings->save();
+    EXPECT_EQ(read(pref_), file.bytes());
+
+    // Each of these could have changed places with another on both ways.
+    EXPECT_EQ(settings->incomingDir(), "incoming");
+    EXPECT_EQ(settings->adminName(), "adminName");
+    EXPECT_EQ(settings->proxy().server, "pSName");
+    EXPECT_EQ(settings->proxy().user, "pUName");
+    EXPECT_EQ(settings->stringFile(), "lang");
+    EXPECT_EQ(settings->doorPort, 5000);
+    EXPECT_EQ(settings->autoConnect, 1);
+    EXPECT_EQ(settings->userMaxUpF, 12.25F);
+    EXPECT_FLOAT_EQ(settings->maxUpSpeed, 7.001F);
+}
+
+TEST_F(PreferencesTest, KeysThatAreMissingOrMakeNoSenseTakeTheirDefaults) {
+    File file;
+    file.self.setInt(TAG_PORT, 0);
+    file.settings.setText("maxCon", "many");
+    file.settings.setInt("incoming", 3);
+    file.settings.setText("temp", "");
+    for (const char* zero : {"adminDoorPort", "maxUpSpeed"}) file.settings.setInt(zero, 0);
+    for (const char* neverReadBack : {"maxNumUp", "pSize"}) file.settings.setInt(neverReadBack, 77);
+    file.setFloat("lineDown", std::numeric_limits<f32>::quiet_NaN());
+    writeFile(pref_, viewOf(file.bytes()));
+    const auto settings = loaded();
+    EXPECT_EQ(settings->incomingDir(), folder_.file("incoming").c_str());
+    EXPECT_EQ(settings->tempDir(), folder_.file("temp").c_str());
+    EXPECT_EQ(settings->stringFile(), "default.str");
+    EXPECT_EQ(settings->doorPort, 4662);
+    EXPECT_EQ(settings->adminDoorPort, 4663);
+    EXPECT_EQ(settings->maxCon, 45);
+    EXPECT_EQ(settings->maxNumUp, 5);
+    EXPECT_EQ(settings->pSize, 184'320);
+    EXPECT_EQ(settings->maxUpSpeed, 5.0F);
+    EXPECT_EQ(settings->lineDown, 0.0F);
+
+    // Estimates of the line don't drift from run to run.
+    for (u32 value = 1; value < 4'000'000'000 / 21; value = value * 21 / 20 + 1) {
+        file.settings.setInt("maxUpSpeed", value);
+        Preferences once, again;
+        ASSERT_TRUE(decode(once, file.bytes()));
+        ASSERT_TRUE(decode(again, encode(once)));
+        EXPECT_EQ(encode(again), encode(once)) << value;
+    }
+}
+
+TEST_F(PreferencesTest, AnUnusableFileIsNamedAndSetAsideOnce) {
+    const Bytes good = File().bytes();
+    File zeroHash, misnamed;
+    zeroHash.self.hash.clear();
+    zeroHash.settings.setInt("kept", 1);
+    misnamed.self.setTag("\x01", nullptr, META_TAG_INT);
+    for (const Bytes& bytes :
+         {Bytes(), Bytes(good.begin(), good.end() - 1), zeroHash.bytes(), misnamed.bytes()}) {
+        writeFile(pref_, viewOf(bytes));
+        const auto settings = loaded();
+        EXPECT_EQ(log_.take(), "Error loading: " + pref_ + "\n");
+        EXPECT_FALSE(exists(pref_));
+        EXPECT_EQ(settings->getName().length(), 5u);
+        EXPECT_FALSE(hashOf(*settings).isZero());
+        EXPECT_EQ(settings->clientId(), 0u);
+        settings->save();
+        loaded();
+        EXPECT_EQ(log_.take(), "");
+        EXPECT_EQ(read(pref_ + ".bad"), bytes);
+        EXPECT_EQ(File(read(pref_)).settings.getInt("kept") == 1, bytes == zeroHash.bytes());
+    }
+}
+
+TEST_F(PreferencesTest, AChangedClientIdIsToldAndOnlyAHighOneIsSaved) {
+    static int changes;
+    changes = 0;
+    const auto settings = loaded();
+    settings->onClientIdChanged = [] { ++changes; };
+    settings->setDoorPort(5555);
+    for (const auto& [id, savedId, savedPort] :
+         {std::array<u32, 3>{0xFFFFFF, 0, 0}, {0xFFFFFF, 0, 0}, {0x1000000, 0x1000000, 5555}}) {
+        settings->setClientId(id);
+        const File saved(encode(*settings));
+        EXPECT_EQ(saved.self.id, savedId);
+        EXPECT_EQ(saved.self.port, savedPort);
+        EXPECT_EQ(saved.self.getInt(TAG_PORT), 5555u);
+    }
+    EXPECT_EQ(changes, 2);
+    settings->setName(std::string(66, 'c').c_str());
+    EXPECT_EQ(settings->getName(), std::string(64, 'c').c_str());
+}
+
+TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
+    const struct {
+        f32 up, down, becomes;  // limits and the download limit in the end; 0 is none
+    } thenDown[] = {{4, 20, 12}, {4, 14, 14}, {4, 16, 16}, {4, 0, 12},    {8, 0, 32},
+                    {8, 33, 32}, {8, 32, 32}, {10, 0, 0},  {10, 500, 500}},
+      thenUp[] = {{4, 100, 12}, {4, 12, 12}, {5, 100, 20}, {9, 100, 36}, {10, 100, 100}, {-5, 12, 12}};
+    for (const auto& [up, down, becomes] : thenDown) {
+        Preferences settings;
+        settings.setMaxUp(up);
+        settings.setMaxDown(down);
+        EXPECT_EQ(settings.userMaxDownF, becomes) << up << " then " << down;
+    }
+    for (const auto& [up, down, becomes] : thenUp) {
+        Preferences settings;
+        settings.setMaxDown(down);
+        settings.setMaxUp(up);
+        EXPECT_EQ(settings.userMaxDownF, becomes) << down << " then " << up;
+        EXPECT_EQ(settings.userMaxUpF, std::max(up, 0.0F));
+    }
+    // What a file says passes through the rule as well.
+    File file;
+    Preferences settings;
+    file.setFloat("userMaxUpF", 4);
+    file.setFloat("userMaxDownF", 20);
+    ASSERT_TRUE(decode(settings, file.bytes()));
+    EXPECT_EQ(settings.userMaxDownF, 12.0F);
+}
+
+// What the program does before its engine starts: real processes, and the pref.met that they leave.
+class Options : public testing::Test {
+  protected:
+    // Runs the program to its end; `output` is what it printed.
+    int run(const std::vector<std::string>& arguments) {
+        Process process(programPath("tarnwick"), arguments, home_.path(), Process::Input::pipe);
+        process.closeInput();
+        const int status = process.wait();
+        output_ = process.output();
+        return status;
+    }
+    std::string stored() const { return contentOf(home_.file("pref.met")); }
+
+    TemporaryDirectory home_;
+    std::string output_;
+};
+
+TEST_F(Options, HelpAndVersionStartNothingAndOnlyExactWordsAreTaken) {
+    EXPECT_EQ(run({"w0", "--help", "nonsense"}), 0);
+    EXPECT_THAT(output_, StartsWith("Usage: tarnwick "));
+    EXPECT_EQ(run({"--version"}), 0);
+    EXPECT_EQ(output_, "tarnwick 16.16.59\n");
+    EXPECT_TRUE(std::filesystem::is_empty(home_.path()));
+    EXPECT_EQ(run({"-help", "--helpme", "--set-proxy=none", "nonsense"}), 1);
+    EXPECT_THAT(output_, HasSubstr("Unrecognized command."));
+}
+
+TEST_F(Options, AProxyIsStoredAndNothingElseChanges) {
+    EXPECT_EQ(run({"--set-proxy", "http,127.0.0.1,3128"}), 0);
+    const std::string hash = stored().substr(6, 16);
+    EXPECT_NE(hash, std::string(16, '\0')) << "a first run has an identity";
+    EXPECT_EQ(run({"--set-proxy", "none"}), 0);
+    ASSERT_EQ(run({"name kit", "port 4711", "dumax 100 30", "pass a b"}), 1);
+    const std::string before = stored();
+    EXPECT_EQ(before.substr(6, 16), hash);
+    EXPECT_EQ(run({"--set-proxy", "socks5,proxy.example,1080,kit,one,two"}), 0);
+    EXPECT_THAT(output_, HasSubstr("SOCKS5 proxy proxy.example, port 1080, user kit"));
+    EXPECT_THAT(output_, testing::Not(HasSubstr("one,two")));
+    EXPECT_EQ(run({"vo"}), 1);
+    EXPECT_THAT(output_, HasSubstr("Door Port:\t\t4711"));
+    EXPECT_THAT(stored(), HasSubstr("proxy.example")) << "the client keeps it";
+    for (const std::vector<std::string>& bad :
+         {{"--set-proxy", "socks5"}, std::vector<std::string>{"--set-proxy"}}) {
+        EXPECT_EQ(run(bad), 2);
+        EXPECT_THAT(output_, StartsWith("tarnwick: --set-proxy: "));
+    }
+    EXPECT_EQ(run({"--set-proxy", "none"}), 0);
+    EXPECT_EQ(stored(), before);
+
+    std::filesystem::remove(home_.file("pref.met"));
+    writeFile(home_.file("pref.met/full"), "so that nothing can be stored");
+    writeFile(home_.file("pref.met.bad/full"), "so that the directory can't be set aside");
+    EXPECT_EQ(run({"--set-proxy", "none"}), 2);
+}
+
+// Type, host, port, user and password, or why the value is refused.
+std::string reading(const std::string& value) {
+    i4_proxy_settings proxy;
+    std::string error;
+    if (!readProxySetting(value, proxy, error)) return "refused: " + error;
+    const auto text = [](const i4_string& string) { return string.isNull() ? "-" : string.c_str(); };
+    std::string all = std::to_string(proxy.pType) + " " + text(proxy.server) + " ";
+    return all + std::to_string(proxy.port) + " " + text(proxy.user) + " " + text(proxy.password);
+}
+
+TEST(ProxySetting, IsReadOrRefusedWithAReason) {
+    const std::string longest(255, 'h');
+    const std::string tooLong(256, 'x');
+    const std::pair<std::string, std::string> good[] = {
+        {"0,h,1", "0 - 0 - -"},
+        {"socks4,h,1", "1 h 1 - -"},
+        {"2,h,65535,u,p", "2 h 65535 u p"},
+        {"http,h,80,u,:,p", "3 h 80 u :,p"},
+        {"socks5,h,80,a:b,p", "2 h 80 a:b p"},
+        {"3," + longest + ",80", "3 " + longest + " 80 - -"},
+    };
+    for (const auto& [value, reads] : good) EXPECT_EQ(reading(value), reads);
+    for (const std::string& value :
+         {"http," + tooLong + ",80", "http,h,80," + tooLong + ",p", "http,h,80,u," + tooLong,
+          std::string("4,h,1"), std::string("SOCKS5,h,1"), std::string("socks5,h"),
+          std::string("socks5,,1080"), std::string("socks5,h,0"), std::string("socks5,h,-1"),
+          std::string("socks5,h,65536"), std::string("socks5,h,80x"), std::string("socks5,h,99999999999"),
+          std::string("socks5,a b,80"), std::string("socks5,h,80,u"), std::string("socks5,h,80,u,"),
+          std::string("socks5,h,80,,p"), std::string("http,h,80,a:b,p"), std::string("http,h,80,a\nb,p")}) {
+        EXPECT_THAT(reading(value), testing::MatchesRegex("refused: .+")) << value;
+    }
+}
+
+class StringTableTest : public testing::Test {
+  protected:
+    const char* file(const std::string& text) {
+        writeFile(path_, text);
+        return path_.c_str();
+    }
+    StringTable table_;
+
+  private:
+    TemporaryDirectory folder_;
+    const std::string path_ = folder_.file("language.str");
+};
+
+TEST_F(StringTableTest, LinesReplaceTextsFromTheFirstNumberOn) {
+    for (const char* noFile : {"/nonexistent/fr.str", "/", "/dev/zero"}) {
+        table_.reload(noFile);
+        EXPECT_STREQ(table_.get(STRINGS_DL_STATUS_TRANSFERING), "Transferring.") << noFile;
+        EXPECT_STREQ(table_.get(STRINGS_CONFIRM_CANCEL_TITLE), "Confirm Cancel") << noFile;
+        EXPECT_STREQ(table_.get(STRINGS_COUNT), "") << noFile;
+    }
+    const std::string many(80, '\n');
+    const std::string longest(1023, 'x');
+    const struct {
+        std::string text;
+        u32 lines;
+        u32 number;
+        std::string shown;
+    } cases[] = {
+        {"busy\n", 1, 1, "Queued"},
+        {"busy", 1, 0, "busy"},
+        {"busy\r\nwaits\r\n", 2, 1, "waits"},
+        {"bu\rsy\nwaits\n", 2, 0, "bu"},
+        {std::string("bu\0sy\nwaits\n", 12), 2, 0, "bu"},
+        {many + "more", 81, 80, ""},
+        {longest + "\nwaits\n", 2, 1, "waits"},
+        {longest + std::string(9000, 'y') + "\nwaits\n", 2, 0, longest},
+        {longest + std::string(9000, 'y') + "\nwaits\n", 2, 1, "waits"},
+        {"", 0, 1, "Queued"},
+    };
+    for (const auto& [text, lines, number, shown] : cases) {
+        table_.reload(file(text));
+        EXPECT_EQ(table_.get(number), shown) << text;
+        EXPECT_EQ(table_.loadFile(file(text)), lines) << text;
+    }
+}
+
+TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
+    table_.reload("/nonexistent");
+    const char* english = table_.get(1);
+    const char* path = file("\nEn attente\n");
+    table_.reload(path);
+    const char* french = table_.get(1);
+    std::atomic<bool> done = false;
+    std::thread reader([&] {
+        while (!done) {
+            const std::string text = table_.get(1);
+            if (text != "Queued" && text != "En attente") ADD_FAILURE() << text;
+        }
+    });
+    for (int i = 0; i < 200; ++i) table_.reload(i % 2 ? path : "/nonexistent");
+    done = true;
+    reader.join();
+    EXPECT_STREQ(english, "Queued");
+    EXPECT_STREQ(french, "En attente");
+    EXPECT_EQ(table_.get(1), french) << "a language that comes back costs no memory";
+}
+
+// The names that are left of these when the filter has the lines of `text`.
+std::string filtered(FilterList& filter, const std::string& text, const std::string& names) {
+    const TemporaryDirectory folder;
+    writeFile(folder.file("filters.txt"), text);
+    EXPECT_TRUE(filter.load(folder.file("filters.txt").c_str()));
+    FileList results;
+    std::istringstream each(names);
+    for (std::string name; std::getline(each, name, '|');) {
+        auto* file = new FileMeta;
+        file->hash.bytes[0] = static_cast<u8>(results.count() + 1);
+        file->setText(results.count() == 0 ? TAG_FORMAT : TAG_NAME, name.c_str());
+        results.add(file);
+    }
+    filter.filter(results);
+    std::string left;
+    for (const FileMeta* file : results.snapshot()) {
+        EXPECT_EQ(results.find(file->hash), file) << "the index of the list goes with it";
+        left += std::string(file->getText(file->getName() ? TAG_NAME : TAG_FORMAT)) + "|";
+    }
+    results.deleteAll();
+    return left;
+}
+
+TEST(FilterList, AnyLineFoundInAnyTextTakesAFileOut) {
+    FilterList filter;
+    EXPECT_EQ(filtered(filter, "Spam\r\n\r\nEXE\nfoo bar",
+                       "exe|first spam.mp3|good.mp3|my SPAM|foo  bar|a foo barn|last"),
+              "good.mp3|foo  bar|last|");
+    const std::string x255(255, 'x');
+    EXPECT_EQ(filtered(filter, x255 + "yyy\nz\n", "exe|" + x255 + "!|yyy|" + x255.substr(1)),
+              "exe|yyy|" + x255.substr(1) + "|")
+        << "the old lines go, and a line counts up to its 255th character";
+    // A file that isn't there filters nothing.
+    EXPECT_FALSE(filter.load("/nonexistent"));
+    FileMeta word;
+    word.setName("z");
+    EXPECT_FALSE(filter.matches(word));
+}
+
+}  // namespace
