@@ -1,4 +1,4 @@
-// LL and LLsafe, and the hash tables of lists.
+// LL and LLsafe.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,10 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "i4min/memory/HT32.h"
 #include "i4min/memory/LL.h"
 #include "i4min/memory/LLsafe.h"
-#include "meta/HTMD4.h"
 
 namespace {
 
@@ -167,37 +165,6 @@ TEST(LLsafe, ServesThreads) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(list.count(), 4U * 100U);
-}
-
-// Two keys that share a bucket, and the life of a key.
-template <class Table, class Key>
-void tryTable(const Key& key, const Key& sameBucket) {
-    Table table;
-    table.setSize(17);
-    int values[] = {2, 3, 4};
-    table.put(key, nullptr);
-    table.put(key, &values[0]);
-    table.put(key, &values[1]);
-    table.put(sameBucket, &values[2]);
-    table.removeValue(key, &values[0]);
-    EXPECT_EQ(table.get(key)->getAt(0), &values[1]);
-    table.removeValue(key, &values[1]);
-    table.removeValue(key, &values[1]);
-    EXPECT_EQ(table.get(key), nullptr);
-    const auto* old = table.get(sameBucket);
-    table.setSize(0);
-    EXPECT_EQ(table.get(sameBucket), nullptr);
-    EXPECT_EQ(old->getAt(0), &values[2]) << "what was given out stays";
-}
-
-TEST(HashTables, KeepKeysApart) {
-    tryTable<HT32<int>, u32>(40, 57);
-    MD4Hash key;
-    key.bytes[3] = 1;
-    MD4Hash sameBucket = key;
-    sameBucket.bytes[15] = 9;
-    EXPECT_EQ(numberOfHash(key), 0x01000000U);
-    tryTable<HTMD4<int>, MD4Hash>(key, sameBucket);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <limits>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -26,6 +27,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -114,19 +116,20 @@ TEST_F(PreferencesTest, AFirstRunMakesAnIdentityAndSavesItOnlyWhenTold) {
 
 TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     // Every key with a value that isn't its default, in an order of its own, and one that isn't ours.
-    const std::pair<const char*, u32> numbers[] = {
-        {"pPort", 1080},      {"pType", 2},       {"maxDownSpeed", 123'456},
-        {"maxUpSpeed", 7001}, {"saveCor", 0},     {"trayCheck", 0},
-        {"verifyCancel", 0},  {"servRemove", 0},  {"ipOver", 1},
-        {"auto", 1},          {"pmAllow", 2},     {"adminDoorPort", 7000},
-        {"maxCon", 300},      {"pSize", 184'320}, {"maxNumUp", 5},
-        {"maxDown", 9}};
     File file;
     for (const char* text : {"pUPass", "pUName", "pSName", "somebodyElses", "password", "userName",
                              "adminPass", "adminName", "temp", "incoming", "lang"}) {
         file.settings.setText(text, text);
     }
-    for (const auto& [key, value] : numbers) file.settings.setInt(key, value);
+    u32 value = 7000;
+    for (const char* key :
+         {"pPort", "maxDownSpeed", "maxUpSpeed", "saveCor", "trayCheck", "verifyCancel", "servRemove",
+          "ipOver", "auto", "pmAllow", "adminDoorPort", "maxCon", "maxDown"}) {
+        file.settings.setInt(key, ++value);
+    }
+    file.settings.setInt("pType", 2);
+    file.settings.setInt("pSize", 184'320);
+    file.settings.setInt("maxNumUp", 5);
     file.setFloat("lineDown", 50.5F);
     file.setFloat("userMaxUpF", 12.25F);
     file.setFloat("userMaxDownF", 100.0F);
@@ -142,9 +145,9 @@ TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     EXPECT_EQ(settings->proxy().user, "pUName");
     EXPECT_EQ(settings->stringFile(), "lang");
     EXPECT_EQ(settings->doorPort, 5000);
-    EXPECT_EQ(settings->autoConnect, 1);
+    EXPECT_EQ(settings->autoConnect, 7009);
     EXPECT_EQ(settings->userMaxUpF, 12.25F);
-    EXPECT_FLOAT_EQ(settings->maxUpSpeed, 7.001F);
+    EXPECT_FLOAT_EQ(settings->maxUpSpeed, 7.003F);
 }
 
 TEST_F(PreferencesTest, KeysThatAreMissingOrMakeNoSenseTakeTheirDefaults) {
@@ -316,36 +319,29 @@ std::string reading(const std::string& value) {
 
 TEST(ProxySetting, IsReadOrRefusedWithAReason) {
     const std::string longest(255, 'h');
-    const std::string tooLong(256, 'x');
-    const std::pair<std::string, std::string> good[] = {
-        {"0,h,1", "0 - 0 - -"},
-        {"socks4,h,1", "1 h 1 - -"},
-        {"2,h,65535,u,p", "2 h 65535 u p"},
-        {"http,h,80,u,:,p", "3 h 80 u :,p"},
-        {"socks5,h,80,a:b,p", "2 h 80 a:b p"},
-        {"3," + longest + ",80", "3 " + longest + " 80 - -"},
-    };
-    for (const auto& [value, reads] : good) EXPECT_EQ(reading(value), reads);
-    for (const std::string& value :
-         {"http," + tooLong + ",80", "http,h,80," + tooLong + ",p", "http,h,80,u," + tooLong,
-          std::string("4,h,1"), std::string("SOCKS5,h,1"), std::string("socks5,h"),
-          std::string("socks5,,1080"), std::string("socks5,h,0"), std::string("socks5,h,-1"),
-          std::string("socks5,h,65536"), std::string("socks5,h,80x"), std::string("socks5,h,99999999999"),
-          std::string("socks5,a b,80"), std::string("socks5,h,80,u"), std::string("socks5,h,80,u,"),
-          std::string("socks5,h,80,,p"), std::string("http,h,80,a:b,p"), std::string("http,h,80,a\nb,p")}) {
+    for (const auto& [value, reads] : {std::pair{"0,h,1"s, "0 - 0 - -"s},
+                                       {"socks4,h,1", "1 h 1 - -"},
+                                       {"2,h,65535,u,p", "2 h 65535 u p"},
+                                       {"http,h,80,u,:,p", "3 h 80 u :,p"},
+                                       {"socks5,h,80,a:b,p", "2 h 80 a:b p"},
+                                       {"3," + longest + ",80", "3 " + longest + " 80 - -"}}) {
+        EXPECT_EQ(reading(value), reads);
+    }
+    std::istringstream bad("http,h" + longest + ",80|http,h,80,h" + longest + ",p|http,h,80,u,h" + longest +
+                           "|4,h,1|SOCKS5,h,1|socks5,h|socks5,,1080|socks5,h,0|socks5,h,-1|socks5,h,65536|"
+                           "socks5,h,80x|socks5,h,99999999999|socks5,a b,80|socks5,h,80,u|socks5,h,80,u,|"
+                           "socks5,h,80,,p|http,h,80,a:b,p|http,h,80,a\nb,p");
+    for (std::string value; std::getline(bad, value, '|');) {
         EXPECT_THAT(reading(value), testing::MatchesRegex("refused: .+")) << value;
     }
 }
 
-class StringTableTest : public testing::Test {
-  protected:
+struct StringTableTest : testing::Test {
     const char* file(const std::string& text) {
         writeFile(path_, text);
         return path_.c_str();
     }
     StringTable table_;
-
-  private:
     TemporaryDirectory folder_;
     const std::string path_ = folder_.file("language.str");
 };
@@ -353,29 +349,24 @@ class StringTableTest : public testing::Test {
 TEST_F(StringTableTest, LinesReplaceTextsFromTheFirstNumberOn) {
     for (const char* noFile : {"/nonexistent/fr.str", "/", "/dev/zero"}) {
         table_.reload(noFile);
-        EXPECT_STREQ(table_.get(STRINGS_DL_STATUS_TRANSFERING), "Transferring.") << noFile;
         EXPECT_STREQ(table_.get(STRINGS_CONFIRM_CANCEL_TITLE), "Confirm Cancel") << noFile;
         EXPECT_STREQ(table_.get(STRINGS_COUNT), "") << noFile;
     }
-    const std::string many(80, '\n');
     const std::string longest(1023, 'x');
+    const std::string tooLong(9000, 'y');
     const struct {
         std::string text;
-        u32 lines;
-        u32 number;
+        u32 lines, number;
         std::string shown;
-    } cases[] = {
-        {"busy\n", 1, 1, "Queued"},
-        {"busy", 1, 0, "busy"},
-        {"busy\r\nwaits\r\n", 2, 1, "waits"},
-        {"bu\rsy\nwaits\n", 2, 0, "bu"},
-        {std::string("bu\0sy\nwaits\n", 12), 2, 0, "bu"},
-        {many + "more", 81, 80, ""},
-        {longest + "\nwaits\n", 2, 1, "waits"},
-        {longest + std::string(9000, 'y') + "\nwaits\n", 2, 0, longest},
-        {longest + std::string(9000, 'y') + "\nwaits\n", 2, 1, "waits"},
-        {"", 0, 1, "Queued"},
-    };
+    } cases[] = {{"busy\n", 1, 1, "Queued"},
+                 {"busy", 1, 0, "busy"},
+                 {"busy\r\nwaits\r\n", 2, 1, "waits"},
+                 {"bu\rsy\nwaits\n", 2, 0, "bu"},
+                 {"bu\0sy\nwaits\n"s, 2, 0, "bu"},
+                 {std::string(80, '\n') + "more", 81, 80, ""},
+                 {longest + "\nwaits\n", 2, 1, "waits"},
+                 {longest + tooLong + "\nwaits\n", 2, 0, longest},
+                 {longest + tooLong + "\nwaits\n", 2, 1, "waits"}};
     for (const auto& [text, lines, number, shown] : cases) {
         table_.reload(file(text));
         EXPECT_EQ(table_.get(number), shown) << text;

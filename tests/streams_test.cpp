@@ -23,32 +23,13 @@ namespace {
 using namespace std::string_literals;
 
 TEST(Strings, AreCutIntoTokensAndLines) {
-    const struct {
-        const char* text;
-        std::size_t room;
-        const char* tokens;  // each behind a blank
-        i32 lastOffset;
-    } cases[] = {{"Hello OUT_THere", 256, " Hello OUT THere", -1},
-                 {".)Hello(test]]]]", 256, " Hello test", 12},
-                 {"longstring", 5, " long stri ng", -1},
-                 {"longstri", 5, " long stri", 8},  // full at the very end: a position, not -1
-                 {"abc", 1, "", 0}};                // no room for a character
-    for (const auto& c : cases) {
-        std::string found;
-        char out[256];
-        i32 offset = 0;
-        while (const i32 next = i4_strtok(c.text, " ,_-.(){}[]!?<>\t\n", offset, out, c.room)) {
-            found += " "s + out;
-            offset = next;
-        }
-        EXPECT_EQ(found, c.tokens);
-        EXPECT_EQ(offset, c.lastOffset) << c.text;
-    }
+    char out[256];
+    const std::pair<const char*, i32> ends[] = {{" a", -1}, {"a,", 1}, {"longstri", 4}, {"long", 4}};
+    for (const auto& [whole, offset] : ends) EXPECT_EQ(i4_strtok(whole, " ,", 0, out, 5), offset) << whole;
     const char* text = "\r\n\none\r\ntwo words\n\nlast";
     u32 cursor = 0;
     const std::pair<const char*, char> lines[] = {{"one", '\r'}, {"two words", '\n'}, {"last", 0}, {"", 0}};
     for (const auto& [line, stop] : lines) {
-        char out[64];
         EXPECT_EQ(i4_getline(out, text, cursor), stop);
         EXPECT_STREQ(out, line);
     }
@@ -56,10 +37,8 @@ TEST(Strings, AreCutIntoTokensAndLines) {
 
 TEST(Strings, CompareBySignedCharacterAndNullFirst) {
     const struct {
-        const char* left;
-        const char* right;
-        int exact;
-        int folded;
+        const char *left, *right;
+        int exact, folded;
     } cases[] = {{nullptr, nullptr, 0, 0}, {nullptr, "", -1, -1}, {"", nullptr, 1, 1},
                  {"ab", "abc", -1, -1},    {"Tag", "tAG", -1, 0}, {"\xe9", "a", -1, -1},
                  {"[", "a", -1, 1},        {"\xe4", "\xc4", 1, 1}};
@@ -75,7 +54,6 @@ TEST(Strings, CompareBySignedCharacterAndNullFirst) {
 
 TEST(Strings, AreFoundReadCopiedAndSurviveBeingTheirOwnSource) {
     const char* hay = "Hello OUT THHere";
-    EXPECT_EQ(stristr(hay, "hERe"), hay + 12);
     EXPECT_EQ(stristr("there", "there!"), nullptr);
     EXPECT_EQ(i4_strstr(hay, "HHe"), hay + 11);
     EXPECT_EQ(i4_strstr(hay, "out"), nullptr);
@@ -311,9 +289,8 @@ TEST(Errors, CarryTextAndPlace) {
     i4_owned_ram_file terminal;
     i4_file* const old = std::exchange(i4_debug_stream, &terminal);
     EXPECT_EQ(i4_warning("there/mod.cpp", 3)("%d left", 2), 0);
-    i4_debug("debug %s, ", "text");
     EXPECT_EQ(i4_debug_printf("%s", "four"), 4U);
-    EXPECT_EQ(bytesOf(terminal), "Warning (there/mod:3) : 2 left\ndebug text, four");
+    EXPECT_EQ(bytesOf(terminal), "Warning (there/mod:3) : 2 left\nfour");
     i4_debug_stream = old;
 }
 

@@ -275,6 +275,7 @@ class MessageQueue : public testing::Test {
             ++test->handled_;
         };
         duties_.handlers[MESSAGE_CONNECT] = [](QArgument&) { ++test->connects_; };
+        duties_.idle = [](i32) { ++test->idles_; };
         duties_.wantsServer = [] { return test->wantsServer_.load(); };
     }
     static inline MessageQueue* test = nullptr;
@@ -282,6 +283,7 @@ class MessageQueue : public testing::Test {
     std::vector<ServerAddress> order_;
     std::atomic<int> handled_{0};
     std::atomic<int> connects_{0};
+    std::atomic<int> idles_{0};
     std::atomic<bool> wantsServer_{false};
     MessageDuties duties_;
     MessageQ queue_{duties_};
@@ -324,10 +326,11 @@ TEST_F(MessageQueue, ConnectsByItselfOnTheFirstIdleTurnAndNotAgainWithinAMinute)
     EXPECT_EQ(connects_, 0);
     wantsServer_ = true;
     ASSERT_TRUE(eventually([this] { return connects_ == 1; }));
-    // Two more idle turns, each ended by a message.
+    // Two more idle turns, each behind a message.
     for (int i = 2; i <= 3; ++i) {
+        const int idle = idles_;
         queue_.post(MESSAGE_SAVE, ServerAddress{});
-        ASSERT_TRUE(eventually([this, i] { return handled_ == i; }));
+        ASSERT_TRUE(eventually([&] { return handled_ == i && idles_ > idle; }));
     }
     queue_.stop();
     EXPECT_EQ(connects_, 1);
