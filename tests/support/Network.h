@@ -106,6 +106,6 @@ class Client {
     std::unique_ptr<Process> process_;
 };
 
-// A TCP port for a program that binds it with SO_REUSEADDR. This process stays bound to it without listening, so
-// the system gives it to nobody who takes any port, be it for another door or for a call.
+// A TCP port for a program that binds it with SO_REUSEADDR. This process stays bound to it without listening,
+// so the system gives it to nobody who takes any port, be it for another door or for a call.
 int freePort();
