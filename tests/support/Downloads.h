@@ -132,6 +132,12 @@ class Downloads : public Engine {
         }));
         handleMessages();
     }
+    // It does so with these bytes in the incoming directory.
+    bool completes(const Ref<Download>& download, const RemoteFile& file) const {
+        waitUntilGone(download);
+        return download->getStatus() == DL_STATUS_COMPLETE &&
+               hasBytes(incoming(file.record.getName()), file.bytes);
+    }
     // Writes the meta files of all downloads, as every five minutes.
     static void save() { dlPool.tick(300'000); }
     // Ends the program, as far as downloads go, and finds again what it left.

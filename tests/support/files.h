@@ -5,17 +5,16 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
-// A directory under the system's temporary directory, removed with all it holds. Its path has no links.
+// A directory under `in`, removed with all it holds. Its path has no links.
 class TemporaryDirectory {
   public:
-    TemporaryDirectory() {
-        std::string pattern =
-            std::filesystem::canonical(std::filesystem::temp_directory_path()) / "tarnwick.XXXXXX";
+    explicit TemporaryDirectory(const std::filesystem::path& in = std::filesystem::temp_directory_path()) {
+        std::string pattern = std::filesystem::canonical(in) / "tarnwick.XXXXXX";
         if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp");
         path_ = pattern;
     }
@@ -40,8 +39,9 @@ inline void writeFile(const std::filesystem::path& path, std::string_view bytes)
 
 // Empty where there is no such file.
 inline std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return std::move(content).str();
 }
 
 inline bool exists(const std::string& path) { return std::filesystem::exists(path); }

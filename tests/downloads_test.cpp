@@ -1,26 +1,29 @@
-// What a download does in each of its states, and which bytes it asks for next.
+// Downloads: what each does in its states, and which bytes it asks for next; the pool, which decides who gets in,
+// who may start, what fits onto the disk and what is saved.
+#include <gmock/gmock.h>
+
 #include <functional>
 #include <sstream>
 
 #include "download/DLS_Downloading.h"
 #include "download/DLS_States.h"
+#include "i4min/file/filesystem.h"
 #include "tests/support/Downloads.h"
 
 namespace {
 
+using testing::HasSubstr;
+
 class DownloadStates : public Downloads {
   protected:
     // A download in no pool, in DLS_Queued.
-    static Ref<Download> make(FileMeta& record) {
-        Ref<Download> download(new Download);
-        EXPECT_TRUE(download->create(record));
-        return download;
-    }
     static Ref<Download> make(u32 size) {
+        Ref<Download> download(new Download);
         FileMeta record;
         record.setName("a");
         record.setInt(TAG_SIZE, size);
-        return make(record);
+        EXPECT_TRUE(download->create(record));
+        return download;
     }
     template <class State, class... Arguments>
     static void enter(Download& download, Arguments... arguments) {
@@ -104,44 +107,33 @@ TEST_F(DownloadStates, FollowTheTable) {
 TEST_F(DownloadStates, OnlyDownloadingTakesDataAndSources) {
     const RemoteFile file("a", 1000);
     for (const char* name : {"Queued", "Paused", "DiskFull", "Done", "Hashing", "Downloading"}) {
-        SCOPED_TRACE(name);
         const Ref<Download> download = make(1000);
         enter(*download, name);
         give(*download, file, 0, 500);
         for (const int last : {1, 1, 2, 1}) download->addSource(User(static_cast<u8>(last)));
         const bool takes = stateOf(*download) == "Downloading";
-        EXPECT_EQ(gaps(download->partial()), takes ? "500-1000" : "0-1000");
-        EXPECT_EQ(download->diskNeeded(), takes ? 500U : 0U);
+        EXPECT_EQ(gaps(download->partial()), takes ? "500-1000" : "0-1000") << name;
         EXPECT_EQ(sourcesOf(*download), takes ? 2U : 0U) << "each user once";
         if (!takes) continue;
         UserMeta user;
         for (user.id = 0x0B000000; user.id < 0x0B000000 + 1000; ++user.id) download->addSource(user);
         EXPECT_EQ(sourcesOf(*download), 900U) << "whoever names more";
-        enter(*download, "DiskFull");
-        EXPECT_EQ(download->diskFreed(), 500U) << "what it will still need";
     }
 }
 
 TEST_F(DownloadStates, SpeedIsTheMeanOfEightWindows) {
-    RemoteFile file("a", PARTSIZE + 10);
-    const Ref<Download> download = make(file.record);
+    const Ref<Download> download = make(PARTSIZE - 1);
     enter(*download, "Downloading");
     download->tick(2000);
-    give(*download, file, 0, 80'040);
+    giveWrong(*download, 0, 80'040);
     EXPECT_EQ(download->speed, 0.0F) << "a window is longer than two seconds";
     download->tick(1);
     EXPECT_FLOAT_EQ(download->speed, 40.0F / 8);
-    give(*download, file, 80'040, 160'080);
-    download->tick(2001);
+    giveWrong(*download, 80'040, 160'080);
+    for (int window = 0; window < 7; ++window) download->tick(2001);
     EXPECT_FLOAT_EQ(download->speed, 80.0F / 8);
-    giveHashSet(*download, file.parts);
-    giveWrong(*download, PARTSIZE, PARTSIZE + 10);
-    for (int window = 0; window < 6; ++window) download->tick(2001);
-    EXPECT_FLOAT_EQ(download->speed, 80.0F / 8) << "a part that failed counts as no progress";
     download->tick(2001);
     EXPECT_FLOAT_EQ(download->speed, 40.0F / 8) << "the oldest has gone";
-    download->diskFull();
-    EXPECT_FLOAT_EQ(download->speed, 40.0F / 8);
     download->pause();
     EXPECT_EQ(download->speed, 0.0F);
 }
@@ -149,7 +141,6 @@ TEST_F(DownloadStates, SpeedIsTheMeanOfEightWindows) {
 TEST_F(DownloadStates, AvailabilityIsWholeOnlyWhenNothingIsLacking) {
     const Ref<Download> download = make(1000);
     DLProgress& progress = download->progress();
-    EXPECT_EQ(download->availabilityPercent(), 0);
     progress.addSource({0, 250});
     progress.addRequested(250, 300);
     progress.addDone(500, 999);
@@ -191,13 +182,10 @@ TEST_F(DownloadStates, TheNextChunkIsTheFirstFreeOfTheRarestPart) {
     EXPECT_EQ(pick(progress, "1111"), "2:0+184320");
     EXPECT_EQ(pick(progress, "1101"), "1:0+184320");
     EXPECT_EQ(pick(progress, "1101"), "1:184320+184320") << "what somebody fetches is skipped";
-    progress.removeParts(&sources[0]);
-    EXPECT_EQ(pick(progress, "0011"), "2:184320+184320");
-    for (int i = 0; i < 3; ++i) progress.removeParts(&sources[0]);
+    for (int i = 0; i < 4; ++i) progress.removeParts(&sources[0]);
     progress.addParts(&sources[2]);
     EXPECT_EQ(pick(progress, "1100"), "1:368640+184320") << "no count is below none";
     EXPECT_EQ(pick(progress, ""), "none") << "no flag is set beyond the array";
-    EXPECT_EQ(pick(progress, "01"), "1:552960+184320");
     const BoolArray tooLong = partsOf("0000" + std::string(65'531, '1'));
     progress.addParts(&tooLong);
     progress.addParts(nullptr);
@@ -217,8 +205,7 @@ TEST_F(DownloadStates, TheNextChunkStaysWithinOneRunAndOnePart) {
     EXPECT_EQ(pick(progress, "100"), "0:1600+3400");
     progress.addDone(5000, PARTSIZE - 10);
     EXPECT_EQ(pick(progress, "100"), "0:9727990+10") << "where the part ends";
-    EXPECT_EQ(pick(progress, "100"), "none");
-    EXPECT_EQ(pick(progress, "001"), "none") << "the empty part at the end";
+    EXPECT_EQ(pick(progress, "101"), "none") << "nor in the empty part at the end";
     progress.removeRequested(1600, 5000);
     EXPECT_EQ(pick(progress, "100"), "0:1600+3400") << "what was given back";
 
@@ -226,8 +213,146 @@ TEST_F(DownloadStates, TheNextChunkStaysWithinOneRunAndOnePart) {
     const std::string last = std::string(441, '0') + "1";
     largest->progress().addDone(441LL * PARTSIZE, 4'294'967'295 - 7);
     EXPECT_EQ(pick(largest->progress(), last),
-              "441:" + std::to_string(4'294'967'295 - 7 - 441ULL * PARTSIZE) + "+7");
+              "441:" + std::to_string(4'294'967'288 - 441LL * PARTSIZE) + "+7");
     EXPECT_EQ(pick(largest->progress(), last), "none");
+}
+
+// --- the pool
+
+using DownloadPool = Downloads;
+
+TEST_F(DownloadPool, TakesEachFileOnceAndNoneThatIsShared) {
+    RemoteFile file("a", 1000);
+    const Ref<Download> download = add(file, false);
+    EXPECT_EQ(log.take(), "Downloading: a\n");
+    // It is shared as well by now: the first of the two reasons is told.
+    clientApp.shared.add(&file.record);
+    dlPool.add(file.record);
+    EXPECT_EQ(log.take(), "You are already downloading a.\n");
+    for (int twice = 0; twice < 2; ++twice) download->cancel();
+    handleMessages();
+    EXPECT_EQ(dlPool.count(), 0);
+    dlPool.add(file.record);
+    EXPECT_EQ(log.take(), "You already have a.\n");
+    clientApp.shared.clear();
+    std::filesystem::remove_all(temp());
+    dlPool.add(file.record);
+    EXPECT_THAT(log.take(), HasSubstr("Couldn't create temp file."));
+    EXPECT_EQ(dlPool.count(), 0);
+}
+
+TEST_F(DownloadPool, FindsALoadedDownloadOnceItIsVerified) {
+    const RemoteFile file("a", PARTSIZE + 10);
+    give(*add(file), file, 0, PARTSIZE);
+    giveHashSet(*dlPool.find(file.record.hash), file.parts);
+    for (const bool readable : {true, false}) {
+        restart();
+        const Ref<Download> download = dlPool.findByRecord(file.record.hash);
+        ASSERT_TRUE(download);
+        EXPECT_FALSE(dlPool.find(file.record.hash));
+        EXPECT_FALSE(dlPool.find(MD4Hash())) << "nor by the hash that it still shows";
+        download->verify([] { return true; });
+        EXPECT_EQ(download->getStatus(), DL_STATUS_HASHING) << "given up";
+        const std::string data = dataFileOf(*download);
+        if (!readable) std::filesystem::resize_file(data, 100);
+        log.take();
+        download->verify({});
+        handleMessages();
+        EXPECT_EQ(!!dlPool.find(file.record.hash), readable);
+        EXPECT_EQ(download->getStatus(), readable ? DL_STATUS_QUEUED : DL_STATUS_ERROR_HASHING);
+        EXPECT_EQ(log.take().find("ERROR file couldn't be hashed: a \n") == 0, !readable);
+        EXPECT_EQ(dlPool.count(), readable ? 1 : 0);
+        EXPECT_TRUE(exists(data) && exists(data + ".met")) << "whatever it was";
+    }
+}
+
+TEST_F(DownloadPool, StartsASourceEveryHalfSecondWhileTheLineHasRoom) {
+    dlPool.sourceStarted();
+    dlPool.tick(499);
+    EXPECT_FALSE(dlPool.canStart());
+    dlPool.tick(1);
+    EXPECT_TRUE(dlPool.canStart());
+    const struct {
+        f32 limit;      // the user's
+        f32 lineDown;   // as he told
+        f32 estimated;  // as was seen
+        i32 transfers;
+        f32 speed;
+        bool expected;
+    } rows[] = {
+        {0, 0, 5, 2, 4.4F, true},    {0, 0, 5, 2, 4.6F, false},  // at least half a KB/s
+        {0, 0, 5, 1, 99, true},                                  // one may always
+        {0, 100, 5, 2, 89, true},    {0, 100, 5, 2, 91, false},  // a tenth of the line
+        {0, 5, 100, 2, 89, true},    {0, 5, 100, 2, 91, false},
+        {20, 100, 100, 2, 17, true}, {20, 100, 100, 2, 19, false},
+    };
+    for (const auto& row : rows) {
+        preferences.userMaxDownF = row.limit;
+        preferences.lineDown = row.lineDown;
+        preferences.maxDownSpeed = row.estimated;
+        preferences.curDownSpeed = row.speed;
+        dlPool.transferCount = row.transfers;
+        dlPool.tick(500);
+        EXPECT_EQ(dlPool.canStart(), row.expected) << &row - rows;
+    }
+    dlPool.transferCount = 0;
+    preferences.lineDown = 0;
+}
+
+TEST_F(DownloadPool, GivesTheDiskToHighPriorityFirst) {
+    const RemoteFile low("low", 1000, 1);
+    const Ref<Download> lowDownload = add(low);
+    const Ref<Download> highDownload = add(RemoteFile("high", 600, 2));
+    add(RemoteFile("paused", 5000, 3))->pause();
+    lowDownload->priority = 0;
+    highDownload->priority = 2;
+    give(*lowDownload, low, 0, 100);
+    const auto fit = [&](u64 bytes) {
+        const u64 reserved = dlPool.fitInto(bytes);
+        return std::to_string(reserved) + " " + std::to_string(highDownload->getStatus()) + " " +
+               std::to_string(lowDownload->getStatus());
+    };
+    EXPECT_EQ(fit(1500), "1500 2 2") << "a paused one claims nothing";
+    EXPECT_EQ(fit(1499), "600 2 5");
+    EXPECT_EQ(fit(599), "0 5 5");
+    EXPECT_EQ(fit(600), "600 1 5") << "back in the queue, its bytes counted";
+    EXPECT_EQ(fit(900), "900 1 1") << "one in the queue claims nothing";
+    EXPECT_EQ(fit(i4_disk_free_unknown), "0 1 1");
+}
+
+TEST_F(DownloadPool, SavesEveryFiveMinutes) {
+    const Ref<Download> download = add(RemoteFile("a", 1000));
+    const std::string meta = dataFileOf(*download) + ".met";
+    save();
+    ASSERT_TRUE(std::filesystem::remove(meta));
+    dlPool.tick(299'999);
+    EXPECT_FALSE(exists(meta));
+    dlPool.tick(1);
+    EXPECT_TRUE(exists(meta));
+    EXPECT_EQ(clientApp.partials().count(), 0U);
+
+    // Cancelled while its record is on the way to the disk.
+    PartialList records;
+    download->partial().saveToList(records, 1, false);
+    download->cancel();
+    records.saveToDir(temp().c_str());
+    download->partial().dropStaleMeta();
+    save();
+    EXPECT_FALSE(exists(meta));
+}
+
+// The completer reads the file while the program ends: nothing is lost, and nobody waits for the whole of it.
+TEST_F(DownloadPool, EndsWithACompleterAtWork) {
+    const RemoteFile file("a", PARTSIZE);
+    const Ref<Download> download = add(file);
+    give(*download, file);
+    dlPool.stopAll();
+    clientApp.partials().saveToDir(temp().c_str());
+    const std::string data = dataFileOf(*download);
+    const bool moved = exists(incoming("a"));
+    EXPECT_TRUE(hasBytes(moved ? incoming("a") : data, file.bytes));
+    EXPECT_EQ(exists(data + ".met"), !moved);
+    EXPECT_EQ(download->completer().state(), Thread::notRunning);
 }
 
 }  // namespace
