@@ -1,13 +1,15 @@
 // Downloads: what each does in its states, and which bytes it asks for next; the pool, which decides who gets in,
-// who may start, what fits onto the disk and what is saved.
+// who may start, what fits onto the disk and what is saved; collections, which bring many of them.
 #include <gmock/gmock.h>
 
 #include <functional>
 #include <sstream>
 
+#include "download/Collection.h"
 #include "download/DLS_Downloading.h"
 #include "download/DLS_States.h"
 #include "i4min/file/filesystem.h"
+#include "import/ImporterList.h"
 #include "tests/support/Downloads.h"
 
 namespace {
@@ -353,6 +355,110 @@ TEST_F(DownloadPool, EndsWithACompleterAtWork) {
     EXPECT_TRUE(hasBytes(moved ? incoming("a") : data, file.bytes));
     EXPECT_EQ(exists(data + ".met"), !moved);
     EXPECT_EQ(download->completer().state(), Thread::notRunning);
+}
+
+// --- collections
+
+class Collections : public Downloads {
+  protected:
+    Collections() {
+        log.verbose = 1;
+        collection.self.date = 0x01020304;
+        collection.self.hash = hashOf(0xAA);
+        collection.self.partHashes.resize(2);
+        collection.self.setName("Set");
+        for (const char* name : {"one", "../two"}) {
+            auto member = std::make_unique<FileMeta>();
+            member->setName(name);
+            member->hash = hashOf(static_cast<u8>(name[0]));
+            member->setInt(TAG_SIZE, 1000);
+            collection.add(member.release());
+        }
+        saved = collection.save(path.c_str()) ? contentOf(path) : "";
+    }
+    // The file with other bytes from `at` on.
+    std::string changed(std::size_t at, const std::string& bytes) const {
+        return std::string(saved).replace(at, bytes.size(), bytes);
+    }
+    // Whether it loads whole, and its members.
+    std::string load(const std::string& bytes) {
+        writeFile(path, bytes);
+        std::string text = collection.load(path.c_str()) == LoadResult::whole ? "whole" : "damaged";
+        for (const FileMeta* member : collection.snapshot()) text += std::string(" ") + member->getName();
+        return text;
+    }
+
+    const std::string path = directory.file("any name");
+    Collection collection;
+    std::string saved;
+};
+
+TEST_F(Collections, AreReadThoughTheirCountsMayLie) {
+    const std::string promised = le32(0x7FFFFFFF);
+    EXPECT_EQ(saved.substr(0, 12), std::string("\x0A\0collectio2", 12));
+    for (const std::string& bytes : {changed(32, "\xFF\xFF"), changed(66, promised), saved.substr(0, 13)})
+        EXPECT_EQ(load(bytes), "damaged");
+    EXPECT_EQ(load(changed(saved.find('\x0E') + 1, promised)), "damaged one ../two") << "what was read stays";
+    std::filesystem::resize_file(path, Collection::maxFile + 1);
+    EXPECT_EQ(collection.load(path.c_str()), LoadResult::damaged);
+    EXPECT_EQ(collection.count(), 0U) << "too large to be looked at";
+    EXPECT_EQ(collection.load(directory.path().c_str()), LoadResult::damaged);
+    EXPECT_EQ(collection.load(directory.file("gone").c_str()), LoadResult::missing);
+    // The magic word is for those who look for collections.
+    EXPECT_EQ(load(changed(2, "collectio1")), "whole one ../two");
+    EXPECT_EQ(collection.self.date, 0x01020304U);
+    EXPECT_EQ(collection.self.partHashes.size(), 2U);
+    EXPECT_FALSE(collection.save("/nowhere/at/all"));
+}
+
+// Once the record is read it stands for the file; a damaged one leaves the file what it is to everybody else.
+TEST_F(Collections, TheStoredRecordSpeaksForASharedCollection) {
+    const ImporterList importers;
+    const struct {
+        std::string bytes;
+        bool isRecord;
+        u8 hash;
+    } rows[] = {
+        {saved, true, 0xAA},
+        {changed(16, std::string(16, 0)), true, 0},  // never hashed
+        {changed(32, "\xFF\xFF"), false, 0x55},
+        {saved.substr(0, 70), false, 0x55},
+        {changed(2, "collectio1"), false, 0x55},
+    };
+    for (const auto& row : rows) {
+        FileMeta meta;
+        meta.date = 5;
+        meta.hash = hashOf(0x55);
+        meta.partHashes.resize(7);
+        writeFile(path, row.bytes);
+        EXPECT_TRUE(importers.importFile(meta, path.c_str(), "any name"));
+        EXPECT_STREQ(meta.getName(), row.isRecord ? "Set" : "any name");
+        EXPECT_EQ(meta.date, row.isRecord ? 0x01020304 : 5);
+        EXPECT_EQ(meta.hash, hashOf(row.hash));
+        EXPECT_EQ(meta.partHashes.size(), row.isRecord ? 2U : 7U);
+        EXPECT_EQ(meta.path, path.c_str());
+    }
+}
+
+TEST_F(Collections, AreStoredAndFetchTheirMembers) {
+    collection.self.setName("../../escaped");
+    ASSERT_TRUE(collection.store());
+    const std::string stored = incoming("escaped");
+    EXPECT_EQ(collection.self.path, stored.c_str());
+    EXPECT_EQ(collection.self.getSize(), std::filesystem::file_size(stored));
+    MD4Hash hash;
+    std::vector<MD4Hash> parts;
+    ASSERT_EQ(MD4Hash::computeFile(hash, stored.c_str(), parts), HashOutcome::whole);
+    EXPECT_EQ(collection.self.hash, hash);
+    {
+        Collection again;
+        ASSERT_EQ(again.load(stored.c_str()), LoadResult::whole);
+        EXPECT_STREQ(again.self.getText(TAG_TYPE), "Col");
+        EXPECT_EQ(again.self.hash, hashOf(0xAA)) << "the hash from before";
+        again.fetchAll();
+    }
+    EXPECT_EQ(handleMessages(), 2);
+    EXPECT_TRUE(dlPool.find(hashOf('o')) && dlPool.find(hashOf('.'))) << "copies: the collection is gone";
 }
 
 }  // namespace

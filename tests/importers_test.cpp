@@ -1,22 +1,20 @@
-// What the importers tell of a file: by its name, and by what stands in audio and video files, sound or not.
+// What the importers tell of a file: by its name, and by what stands in audio and video files, sound or not. Files
+// that real encoders made are compared with what ffprobe says of them, and found by their type.
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <random>
+#include <cstdlib>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "import/AVIImporter.h"
 #include "import/ImporterList.h"
 #include "import/MP3Info.h"
 #include "meta/FileMeta.h"
 #include "tests/support/CapturedLog.h"
-#include "tests/support/Process.h"
-#include "tests/support/bytes.h"
-#include "tests/support/damage.h"
-#include "tests/support/files.h"
+#include "tests/support/Network.h"
 
 namespace {
 
@@ -28,19 +26,17 @@ std::string bigEndian32(u32 value) {
     return {bytes.rbegin(), bytes.rend()};
 }
 
-// A RIFF chunk, unpadded. Its size is that of the data unless another one is given.
+// A RIFF chunk, unpadded.
 std::string chunk(const std::string& id, const std::string& data) { return id + le32(data.size()) + data; }
-std::string lyingChunk(const std::string& id, u32 size, const std::string& data) {
-    return id + le32(size) + data;
-}
 
-// The 56 bytes of a stream header.
-std::string streamHeader(const std::string& type, const std::string& codec, u32 scale, u32 rate, u32 length) {
-    return chunk("strh", type + codec + std::string(12, 0) + le32(scale) + le32(rate) + std::string(4, 0) +
-                             le32(length) + std::string(20, 0));
+// A list of one stream, by a header of 56 bytes.
+std::string stream(const std::string& type, const std::string& codec, u32 scale, u32 rate, u32 length) {
+    return chunk("LIST", "strl" + chunk("strh", type + codec + std::string(12, 0) + le32(scale) + le32(rate) +
+                                                    std::string(4, 0) + le32(length) + std::string(20, 0)));
 }
-
-std::string streamList(const std::string& chunks) { return chunk("LIST", "strl" + chunks); }
+std::string video(const std::string& codec, u32 scale, u32 rate, u32 frames) {
+    return stream("vids", codec, scale, rate, frames);
+}
 
 // An AVI file whose header list is a main header and these chunks.
 std::string aviFile(const std::string& chunks) {
@@ -67,19 +63,14 @@ class Importers : public testing::Test {
         writeFile(home_.file(name), bytes);
         FileMeta meta;
         EXPECT_TRUE(importers_.importFile(meta, home_.file(name).c_str(), name.c_str()));
-        EXPECT_STREQ(meta.path.c_str(), home_.file(name).c_str());
-        const std::string start = "Name=" + name + "|Size=" + std::to_string(bytes.size()) + "|";
-        const std::string tags = tagsOf(meta);
-        EXPECT_EQ(tags.substr(0, start.size()), start);
-        return tags.substr(start.size());
-    }
-    static std::string tagsOf(const FileMeta& meta) {
         std::string tags;
         for (LL<MetaTag>::Cursor c; const MetaTag* tag = meta.getTags().next(c);) {
             char text[256];
             tags += std::string(tag->displayName()) + "=" + tag->printable(text, sizeof text) + "|";
         }
-        return tags;
+        const std::string start = "Name=" + name + "|Size=" + std::to_string(bytes.size()) + "|";
+        EXPECT_EQ(tags.substr(0, start.size()), start);
+        return tags.substr(start.size());
     }
 
     TemporaryDirectory home_;
@@ -88,81 +79,55 @@ class Importers : public testing::Test {
 };
 
 TEST_F(Importers, KnowFilesByTheirNames) {
-    const std::pair<const char*, const char*> taken[] = {
-        {"a.ogg", "Type=Audio|Format=ogg|"},         {"a.mod", "Type=Audio|Format=mod|"},
-        {"a.rm", "Type=Video|Format=rm|"},           {"a.mov", "Type=Video|Format=mov|"},
-        {"a.asf", "Type=Video|Format=asf|"},         {"a.mpg", "Type=Video|Format=mpg|"},
-        {"clip.mpeg", "Type=Video|Format=mpeg|"},    {"a.m2v", "Type=Video|Format=m2v|"},
-        {"a.wmv", "Type=Video|Format=wmv|"},         {"a.vcd", "Type=Video|Format=vcd|"},
-        {"a.bmp", "Type=Image|Format=bmp|Artist=|"}, {"a.gif", "Type=Image|Format=gif|Artist=|"},
-        {"a.png", "Type=Image|Format=png|Artist=|"}, {"photo.jpg", "Type=Image|Format=jpeg|Artist=|"},
-        {"a.exe", "Type=Pro|Format=exe|"},           {"A.ZIP", "Type=Pro|Format=zip|"},
-        {"a.b.RaR", "Type=Pro|Format=rar|"},         {"a.ace", "Type=Pro|Format=ace|"},
-        {"a.sit", "Type=Pro|Format=sit|"},           {"Max: a\\b.iso", "Type=Pro|Format=iso|"},
+    const std::pair<const char*, std::string> rows[] = {
+        {"ogg mod", "Type=Audio|Format=%|"},
+        {"rm mov asf mpg mpeg m2v wmv vcd", "Type=Video|Format=%|"},
+        {"bmp gif png", "Type=Image|Format=%|Artist=|"},
+        {"exe zip rar ace sit iso", "Type=Pro|Format=%|"},
+        {"txt zip.txt avi mp3 jpeg", ""},  // neither audio nor video, whatever it is called
     };
-    for (const auto& [name, tags] : taken) EXPECT_EQ(import(name, ""), tags) << name;
-    for (const char* name :
-         {".zip", ".ogg", "photo.jpeg", "zip", "azip", "a.zip.txt", "a.zip ", "a.mp3", "a.avi"}) {
-        EXPECT_EQ(import(name, "neither audio nor video"), "") << name;
-        EXPECT_EQ(import(name, ""), "") << name;
+    for (const auto& [endings, tags] : rows) {
+        std::istringstream words(endings);
+        for (std::string ending; words >> ending;) {
+            std::string expected = tags;
+            if (const std::size_t at = tags.find('%'); at != std::string::npos)
+                expected.replace(at, 1, ending);
+            EXPECT_EQ(import("Max: a\\b." + ending, "no such file"), expected) << ending;
+        }
     }
-}
-
-TEST_F(Importers, AFileThatIsGoneOrTooShortToBeAnything) {
+    EXPECT_EQ(import("photo.jpg", ""), "Type=Image|Format=jpeg|Artist=|");
+    EXPECT_EQ(import("A.ZIP", ""), "Type=Pro|Format=zip|");
+    for (const char* name : {".zip", "zip", "azip", "a.zip "}) EXPECT_EQ(import(name, ""), "") << name;
     FileMeta meta;
     EXPECT_FALSE(importers_.importFile(meta, home_.file("gone.zip").c_str(), "gone.zip"));
-    EXPECT_EQ(tagsOf(meta), "");
-    EXPECT_EQ(meta.path.length(), 0u);
-    log_.verbose = 1;
-    EXPECT_EQ(import("note.txt", "short"), "");
-    EXPECT_EQ(log_.take(), "Exception in import\n");
     // A directory opens but can't be read.
     EXPECT_TRUE(importers_.importFile(meta, home_.path().c_str(), "films.avi"));
     EXPECT_EQ(meta.getText(TAG_TYPE), nullptr);
 }
 
-TEST_F(Importers, RandomBytesUnderTheRightNames) {
-    std::mt19937 random(10);
-    for (int round = 0; round < 40; ++round) {
-        std::string bytes(random() % 5000, 0);
-        for (char& byte : bytes) byte = static_cast<char>(random());
-        if (round % 2) bytes.replace(0, std::min<std::size_t>(24, bytes.size()), aviFile("").substr(0, 24));
-        for (const char* name : {"x.mp3", "x.avi", "x.divx", "x.bin"}) import(name, bytes);
-    }
-}
-
-std::string described(const MP3Info& info) {
-    char version[32];
-    char mode[32];
-    char length[32];
-    info.getVersion(version, sizeof version);
-    info.getChannelMode(mode, sizeof mode);
-    info.lengthText(length, sizeof length);
-    return std::string(version) + ", " + mode + ", " + std::to_string(info.bitrate()) + " kbit/s, " +
-           std::to_string(info.frameCount()) + " frames, " + length;
-}
-
-std::span<const std::uint8_t> spanOf(const std::string& bytes) {
-    return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()};
-}
-
 MP3Info read(const std::string& bytes) {
-    BytesFile stream(spanOf(bytes));
+    BytesFile file({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
     MP3Info info;
-    if (info.read(stream) != MP3Info::found) info.header = 0;
+    if (info.read(file) != MP3Info::found) info.header = 0;
     return info;
 }
 
 // What the headers of a file with these bytes tell; nothing where it has none.
 std::string told(const std::string& bytes) {
     const MP3Info info = read(bytes);
-    return info.header ? described(info) : "";
+    char text[3][32];
+    if (!info.header) return "";
+    info.getVersion(text[0], sizeof text[0]);
+    info.getChannelMode(text[1], sizeof text[1]);
+    info.lengthText(text[2], sizeof text[2]);
+    return std::string(text[0]) + ", " + text[1] + ", " + std::to_string(info.bitrate()) + " kbit/s, " +
+           std::to_string(info.frameCount()) + " frames, " + text[2];
 }
 
+// Layer III is what encoders make here too; the other layers have tables of their own.
 TEST(MP3Info, FrameHeaders) {
     const std::pair<u32, const char*> table[] = {
         {stereo128, "MPEG 1 Layer III, Stereo, 128 kbit/s, 2392 frames, 01:02"},
-        {0xFFFAE0C1, "MPEG 1 Layer III, Single Channel, 320 kbit/s, 957 frames, 00:25"},
         {0xFFF39040, "MPEG 2 Layer III, Joint Stereo, 80 kbit/s, 1914 frames, 01:40"},
         {0xFFE31880, "MPEG 2.5 Layer III, Dual Channel, 8 kbit/s, 6944 frames, 16:40"},
         {0xFFFDE400, "MPEG 1 Layer II, Stereo, 384 kbit/s, 868 frames, 00:20"},
@@ -175,7 +140,14 @@ TEST(MP3Info, FrameHeaders) {
                               0xFFFB9C00U, 0xFFFB9002U}) {
         EXPECT_EQ(told(audioFile(invalid, 1000)), "");
     }
-    EXPECT_EQ(MP3Info().open("/nowhere/at all.mp3"), MP3Info::notOpened);
+    MP3Info info;
+    info.header = 0xFFF31000;  // 8 kbit/s
+    for (const auto& [size, length] : {std::pair{3'599'999U, "59:59"}, {0xFFFFFFFFU, "1193:02:47"}}) {
+        char text[32];
+        info.fileSize = size;
+        info.lengthText(text, sizeof text);
+        EXPECT_STREQ(text, length);
+    }
 }
 
 // An ID3v2 block of `size` bytes behind its header. It begins like a text in UTF-16, and like a frame of
@@ -188,71 +160,36 @@ std::string id3v2(u32 size, char flags = 0) {
 
 TEST(MP3Info, TheFirstHeaderOfTheFirst200KiBAndBehindID3v2) {
     const std::string frame = audioFile(stereo128, 4);
-    std::string unsafe = id3v2(1000);  // no size has the upper bit set
-    unsafe[9] |= '\x80';
     const std::pair<std::string, u32> table[] = {
         {std::string(204'800, 0) + frame, stereo128},
         {std::string(204'801, 0) + frame, 0},
         {"\xFF\xFF" + frame, stereo128},
         {frame.substr(0, 3), 0},
-        {"", 0},
-        {id3v2(1000) + frame, stereo128},
         {id3v2(1000, 0x10) + std::string("3DI\3\0\0\xFF\xFET", 10) + frame, stereo128},
         {id3v2(204'790) + frame, stereo128},
         // Not to be skipped: the block goes beyond what is searched or what is there, or is none.
         {id3v2(204'791) + frame, 0xFFFE5400},
         {id3v2(1000).substr(0, 500) + frame, 0xFFFE5400},
-        {unsafe + frame, 0xFFFE5400},
+        {id3v2(1000).replace(9, 1, "\xFF") + frame, 0xFFFE5400},
         {"TAG" + id3v2(1000) + frame, 0xFFFE5400},
     };
-    for (std::size_t i = 0; i < std::size(table); ++i)
-        EXPECT_EQ(read(table[i].first).header, table[i].second) << i;
+    for (const auto& [bytes, header] : table) EXPECT_EQ(read(bytes).header, header) << bytes.size();
 }
 
 TEST(MP3Info, XingHeadersStandBehindTheSideInformation) {
-    constexpr u32 mpeg2 = 0xFFF39000;
-    const struct {
-        u32 header;
-        std::size_t distance;
-        const char* text;
-    } table[] = {
-        {stereo128, 4 + 32, "MPEG 1 Layer III, Stereo, 153 kbit/s, 2000 frames, 00:52"},
-        {stereo128 | mono, 4 + 17, "MPEG 1 Layer III, Single Channel, 153 kbit/s, 2000 frames, 00:52"},
-        {mpeg2, 4 + 17, "MPEG 2 Layer III, Stereo, 76 kbit/s, 2000 frames, 01:45"},
-        {mpeg2 | mono, 4 + 9, "MPEG 2 Layer III, Single Channel, 76 kbit/s, 2000 frames, 01:45"}};
-    for (const auto& [header, distance, text] : table) {
-        EXPECT_EQ(told(audioFile(header, 1'000'000, distance, 0xF, 2000)), text);
-        const std::string without[] = {
-            audioFile(header, 1000, distance - 1, 1, 2000),
-            audioFile(header, 1000, distance + 1, 1, 2000),
-            audioFile(header, 1000, distance, 0xE, 2000),
-            audioFile(header, 1000, distance, 1, 0),
-            audioFile(header, 1000, distance, 1, 0x80000000),
-            audioFile(header, distance + 11, distance, 1, 9),
-        };
-        for (const std::string& bytes : without)
-            EXPECT_EQ(told(bytes), told(audioFile(header, bytes.size())));
+    for (const auto& [header, side] :
+         {std::pair{stereo128, 32}, {stereo128 | mono, 17}, {0xFFF39000, 17}, {0xFFF39000 | mono, 9}}) {
+        const std::size_t distance = 4 + static_cast<std::size_t>(side);
+        EXPECT_EQ(read(audioFile(header, 1'000'000, distance, 0xF, 2000)).frameCount(), 2000);
+        for (const std::string& none :
+             {audioFile(header, 1000, distance - 1, 1, 2000), audioFile(header, 1000, distance, 0xE, 2000),
+              audioFile(header, 1000, distance, 1, 0), audioFile(header, 1000, distance, 1, 0x80000000),
+              audioFile(header, distance + 11, distance, 1, 9)}) {
+            EXPECT_EQ(told(none), told(audioFile(header, none.size())));
+        }
     }
     EXPECT_EQ(told(audioFile(stereo128, 1000, 36, 1, 0x7FFFFFFF)),
               "MPEG 1 Layer III, Stereo, 0 kbit/s, 2147483647 frames, 00:00");
-}
-
-TEST(MP3Info, LengthsUpTo4GB) {
-    MP3Info info;
-    info.header = 0xFFF31000;  // 8 kbit/s
-    const std::pair<u32, const char*> table[] = {
-        {999, ", 00:00"},          {3'599'999, ", 59:59"},       {3'600'000, ", 01:00:00"},
-        {3'661'000, ", 01:01:01"}, {0xFFFFFFFF, ", 1193:02:47"},
-    };
-    for (const auto& [size, text] : table) {
-        info.fileSize = size;
-        EXPECT_TRUE(described(info).ends_with(text)) << described(info);
-    }
-    info.header = 0xFFFFE400;
-    info.fileSize = 0xFFFFFFFF;
-    info.hasXing = true;
-    info.frames = 1;
-    EXPECT_EQ(described(info), "MPEG 1 Layer I, Stereo, 2147483647 kbit/s, 1 frames, 00:00");
 }
 
 std::string field(const std::string& text, std::size_t length, char fill) {
@@ -264,7 +201,6 @@ TEST_F(Importers, ID3Tags) {
         "TAG" + field("A Title", 30, ' ') + field("", 30, ' ') + field("The Album", 30, '\0') + "1987";
     const std::string v10 = start + field("thirty characters of comment..", 30, 0) + '\x7D';
     const std::string v11 = start + field("twenty-eight of them", 28, ' ') + '\0' + '\x07' + '\x7E';
-    const std::string untracked = v11.substr(0, 126) + '\0' + '\0';
     const std::string song = audioFile(stereo128, 1000);
     const auto comment = [&](const std::string& tag) {
         const MP3Info info = read(song + tag);
@@ -275,87 +211,179 @@ TEST_F(Importers, ID3Tags) {
     };
     EXPECT_EQ(comment(v10), "1.0 1987 0 thirty characters of comment.., Dance Hall");
     EXPECT_EQ(comment(v11), "1.1 1987 7 twenty-eight of them, not supported");
-    EXPECT_EQ(comment(untracked), "1.0 1987 0 twenty-eight of them, Blues");
-    EXPECT_STREQ(genreName(79), "Hard Rock");
+    EXPECT_EQ(comment(v11.substr(0, 126) + '\0' + '\0'), "1.0 1987 0 twenty-eight of them, Blues");
     EXPECT_FALSE(read(song + v10 + "x").hasTag);
-    EXPECT_FALSE(read(song.substr(0, 100)).hasTag);
-
     // The blank artist is left out.
     EXPECT_EQ(import("Song.MP3", audioFile(stereo128, 1'000'000 - 128) + v10),
               "Type=Audio|Format=mp3|Album=The Album|Title=A Title|length=01:02|bitrate=128|");
-    EXPECT_EQ(import("plain.mp3", audioFile(stereo128, 20'000)),
-              "Type=Audio|Format=mp3|length=00:01|bitrate=128|");
-}
-
-std::string videoStream(const std::string& codec, u32 scale, u32 rate, u32 frames) {
-    return streamList(streamHeader("vids", codec, scale, rate, frames));
 }
 
 TEST_F(Importers, VideoFiles) {
-    const std::string film = videoStream("XVID", 1, 25, 7500 * 25);
-    const std::string sound = streamHeader("auds", std::string(4, 0), 1, 8000, 60'000'000);
-    const std::string several = videoStream("DIV3", 1, 10, 1) + film +
-                                streamList(sound + chunk("strn", std::string(5000, 'n'))) +
-                                streamList(streamHeader("txts", "TEXT", 1, 1, 1));
+    const std::string film = video("XVID", 1, 25, 7500 * 25);
+    const std::string sound = stream("auds", std::string(4, 0), 1, 8000, 60'000'000);
     const std::string bare = "Type=Video|Format=avi|";
     const std::string told = bare + "codec=XVID|length=2: 5|";
     std::string nested;
-    for (int level = 0; level < 200'000; ++level) nested += lyingChunk("LIST", 0xFFFFFF, "strl");
+    for (int level = 0; level < 200'000; ++level) nested += "LIST" + le32(0xFFFFFF) + "strl";
     std::vector<std::pair<std::string, std::string>> table = {
-        {several, told},
+        {video("DIV3", 1, 10, 1) + film + sound + chunk("strn", std::string(5000, 'n')), told},
         {chunk("LIST", "odml" + std::string(20, 9)) + film, told},
-        {videoStream("mp4v", 1001, 24000, 86'400), bare + "codec=mp4v|length=1: 0|"},
-        {videoStream("mp4v", ~0U, 1, ~0U), bare + "codec=mp4v|length=596523:14|"},
-        // Nothing of the film before shows.
-        {streamList(sound), bare},
-        {"", bare},
-        {videoStream("XVID", 0, 25, 9), bare + "codec=XVID|"},
-        {videoStream("XVID", 1, 0, 9), bare + "codec=XVID|"},
-        {videoStream("XVID", 0, 0, 9), bare + "codec=XVID|"},
-        {streamList(chunk("strh", "vidsXV")) + "end", bare + "codec=XV|"},
+        {video("mp4v", 1001, 24000, 86'400), bare + "codec=mp4v|length=1: 0|"},
+        {video("mp4v", ~0U, 1, ~0U), bare + "codec=mp4v|length=596523:14|"},
+        {sound, bare},  // nothing of the film before shows
+        {video("XVID", 0, 25, 9), bare + "codec=XVID|"},
+        {video("XVID", 1, 0, 9), bare + "codec=XVID|"},
+        {chunk("LIST", "strl" + chunk("strh", "vidsXV")) + "end", bare + "codec=XV|"},
         {chunk("LIST", "st") + chunk("strh", "") + chunk("LIST", ""), bare},
         {nested, bare},
     };
     // What a chunk's size claims beyond the list isn't there; what stands before it counts.
-    for (const u32 size : {0xFFFFFFFFU, 0xFFFFFFF8U, 0xFFFFFFF7U, 0x80000000U, 2000U}) {
-        table.push_back({film + lyingChunk("strn", size, "4 GB of name"), told});
-        table.push_back({lyingChunk("LIST", size, film.substr(8)), told});
+    for (const u32 size : {0xFFFFFFFFU, 0xFFFFFFF7U, 0x80000000U, 2000U}) {
+        table.push_back({film + "strn" + le32(size) + "4 GB of name", told});
+        table.push_back({"LIST" + le32(size) + film.substr(8), told});
     }
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        EXPECT_EQ(import("film.AVI", aviFile(table[i].first)), table[i].second) << i;
-        const bool hasCodec = table[i].second.find("codec") != std::string::npos;
-        EXPECT_EQ(log_.take().find("      Compression: ") == 0, hasCodec) << i;
-    }
+    for (const auto& [chunks, tags] : table) EXPECT_EQ(import("film.AVI", aviFile(chunks)), tags);
     EXPECT_EQ(import("film.divx", aviFile(film)), "Type=Video|Format=divx|codec=XVID|length=2: 5|");
-    EXPECT_EQ(log_.take(), "      Compression: XVID\n");
-}
 
-TEST_F(Importers, VideoFilesThatAreNone) {
+    // Files that are none.
     const std::string shortHeader = chunk("avih", std::string(52, 0));
     EXPECT_EQ(import("a.avi", chunk("RIFF", "AVI " + chunk("LIST", "hdrl" + shortHeader))), "");
-    EXPECT_EQ(log_.take(), "AVI header not correct size!\n");
     const std::pair<std::size_t, std::string> damages[] = {
-        {0, "RIFX"},   {8, "AVIX"},   {12, "JUNK"},           {20, "movi"},
-        {16, le32(0)}, {16, le32(3)}, {16, le32(0x7FFFFFFF)}, {16, le32(0xFFFFFFFF)},
+        {0, "RIFX"}, {8, "AVIX"}, {12, "JUNK"}, {20, "movi"}, {16, le32(3)}, {16, le32(0xFFFFFFFF)}};
+    for (const auto& [at, bytes] : damages)
+        EXPECT_EQ(import("a.avi", aviFile(film).replace(at, 4, bytes)), "");
+}
+
+// --- files of real encoders
+
+class MediaFiles : public Importers {
+  protected:
+    void SetUp() override {
+        for (const char* program : {"ffmpeg", "ffprobe", "lame"}) {
+            if (std::system(("command -v " + std::string(program) + " >/dev/null").c_str()) != 0)
+                GTEST_SKIP() << program << " isn't installed: no files are made";
+        }
+    }
+    void run(const std::string& command) {
+        ASSERT_EQ(std::system(("cd " + home_.path() + " && " + command + " >log 2>&1 </dev/null").c_str()), 0)
+            << command;
+    }
+    // A field of the format or of the first stream, such as "format=duration".
+    std::string probe(const std::string& name, const std::string& entry) {
+        run("ffprobe -v error -select_streams 0 -of default=noprint_wrappers=1:nokey=1 -show_entries " +
+            entry + " " + name);
+        const std::string fields = contentOf(home_.file("log"));
+        return fields.substr(0, fields.find('\n'));
+    }
+    void import(FileMeta& meta, const std::string& name) {
+        ASSERT_TRUE(importers_.importFile(meta, home_.file(name).c_str(), name.c_str()));
+    }
+};
+
+TEST_F(MediaFiles, Songs) {
+    const struct {
+        std::string encoder;    // options of lame; the sampling rate decides the version of MPEG
+        double frameRatio = 1;  // bytes of a frame as we reckon, by what they are: see docs/decisions.md
+        int front = 0;          // bytes that the ID3v2 block is padded to
+    } songs[] = {
+        {"-b 320 -m j --resample 48"},
+        {"-b 64 -m m --resample 32"},
+        {"-b 64 --resample 22.05"},
+        {"-b 16 -m m --resample 8"},
+        {"-V 4 --resample 44.1"},
+        {"-V 2 -m m --resample 44.1"},
+        {"--abr 150 --resample 44.1"},
+        {"-V 4 --resample 22.05", 0.5},
+        {"-V 4 -m m --resample 11.025", 0.5 * 32000 / 11025},
+        {"-b 128 --resample 44.1", 1, 150'000},
+        {"-V 4 --resample 44.1", 1, 100'000},
     };
-    for (const auto& [at, bytes] : damages) {
-        EXPECT_EQ(import("a.avi", aviFile(videoStream("XVID", 1, 25, 1)).replace(at, 4, bytes)), "") << at;
+    // A tone over noise, so that variable rates vary.
+    run("ffmpeg -y -f lavfi -i 'sine=frequency=440:duration=20' -f lavfi -i "
+        "'anoisesrc=amplitude=0.2:duration=20' -filter_complex "
+        "'[1]volume=enable=gt(mod(t\\,10)\\,5):volume=0[n];[0][n]amix' -ar 44100 -ac 2 tone.wav");
+    for (const auto& [encoder, frameRatio, front] : songs) {
+        SCOPED_TRACE(encoder);
+        run("lame --noreplaygain " + encoder + " --add-id3v2 --id3v2-utf16 --pad-id3v2-size " +
+            std::to_string(front) + " --tt 'The Title' --ta 'An Artist' tone.wav song.mp3");
+        FileMeta meta;
+        import(meta, "song.mp3");
+        EXPECT_STREQ(meta.getText("Artist"), "An Artist");
+        EXPECT_STREQ(meta.getText("Title"), "The Title");
+        ASSERT_NE(meta.getText("length"), nullptr);
+        unsigned minutes = 0;
+        unsigned seconds = 0;
+        ASSERT_EQ(std::sscanf(meta.getText("length"), "%2u:%2u", &minutes, &seconds), 2);
+        seconds += 60 * minutes;
+
+        // A variable rate is that of the whole file, a constant one that of its frames; the length is that of
+        // a file of nothing but frames. Rates are cut to whole kbit/s, and lengths reckoned from them.
+        const bool constant = encoder.starts_with("-b");
+        const std::string entry = constant ? "stream=bit_rate" : "format=bit_rate";
+        const double rate = std::stod(probe("song.mp3", entry)) / 1000 * frameRatio;
+        const double length = meta.getSize() / 125 / rate;
+        EXPECT_NEAR(meta.getInt("bitrate"), rate, constant ? 0 : 1 + 0.005 * rate);
+        EXPECT_NEAR(seconds, length, 1 + length * 1.5 / rate);
+        const double real =
+            front > 0 || frameRatio != 1 ? seconds : std::stod(probe("song.mp3", "format=duration"));
+        EXPECT_NEAR(seconds, real, 2);
     }
 }
 
-TEST_F(Importers, DamagedHeadersAreReadInBounds) {
-    sweepDamage(spanOf(aviFile(videoStream("XVID", 1, 25, 1) + chunk("strn", "name"))), [](auto bytes) {
-        BytesFile stream(bytes);
+const std::string picture = "ffmpeg -y -f lavfi -i testsrc=size=32x32:rate=";
+const std::string sound = " -f lavfi -i sine=frequency=440:duration=100:sample_rate=8000";
+
+TEST_F(MediaFiles, Films) {
+    const std::pair<const char*, std::string> films[] = {
+        {"silent.avi", "0.2:duration=7500 -c:v mpeg4 -vtag XVID"},
+        {"sound.avi", "5:duration=100" + sound + " -c:v mpeg4 -vtag DIVX -c:a libmp3lame"},
+        {"film.divx",
+         "30000/1001:duration=100" + sound + " -c:v mjpeg -c:a pcm_s16le -metadata title=odd -f avi"},
+    };
+    for (const auto& [name, options] : films) {
+        SCOPED_TRACE(name);
+        run(picture + options + " " + name);
         FileMeta meta;
-        AVIImporter().import(meta, "x.avi", "", stream);
-    });
-    const std::string song = id3v2(40) + audioFile(stereo128, 300, 36, 1, 10) + field("TAGtitle", 128, 0);
-    sweepDamage(spanOf(song), [](auto bytes) {
-        BytesFile stream(bytes);
-        MP3Info info;
-        char text[32];
-        if (info.read(stream) == MP3Info::found) info.lengthText(text, sizeof text);
-    });
+        import(meta, name);
+        EXPECT_STREQ(meta.getText(TAG_TYPE), "Video");
+        EXPECT_EQ(meta.getText("codec"), probe(name, "stream=codec_tag_string"));
+        const int minutes = static_cast<int>(std::stod(probe(name, "stream=duration"))) / 60;
+        char length[32];
+        std::snprintf(length, sizeof length, "%d:%2d", minutes / 60, minutes % 60);
+        EXPECT_STREQ(meta.getText("length"), length);
+    }
+}
+
+TEST_F(MediaFiles, SearchesByTypeFindThem) {
+    std::filesystem::create_directory(home_.file("shared"));
+    run("ffmpeg -y" + sound + " 'shared/owl call.mp3'");
+    run(picture + "5:duration=10 -f avi 'shared/owl night.divx'");
+    for (const char* ending : {"mp3", "divx", "bin"})
+        writeFile(home_.file("shared/owl noise.") + ending,
+                  "neither audio nor video: " + std::string(ending));
+    IndexServerProcess index;
+    Client sharer("sharer", index);
+    Client seeker("seeker", index);
+    sharer.start();
+    sharer.logOn();
+    sharer.share(home_.file("shared"), index);
+    seeker.start();
+    seeker.logOn();
+    const std::pair<const char*, std::set<std::string>> searches[] = {
+        {"s owl", {"call.mp3", "night.divx", "noise.mp3", "noise.divx", "noise.bin"}},
+        {"s owl -Audio", {"call.mp3"}},
+        {"s owl -Video", {"night.divx"}}};
+    for (const auto& [line, expected] : searches) {
+        EXPECT_TRUE(eventually([&, line = line, expected = expected] {
+            if (!seeker.type(line, "Results returned\n")) return false;
+            const std::string results = seeker.view("vr", "> ");
+            std::set<std::string> found;
+            for (std::size_t at = 0; (at = results.find(") owl ", at)) != std::string::npos; ++at)
+                found.insert(results.substr(at + 6, results.find('\t', at) - at - 6));
+            return found == expected;
+        })) << line;
+    }
+    seeker.quit();
 }
 
 }  // namespace

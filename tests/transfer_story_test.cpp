@@ -1,7 +1,7 @@
-// Transfers that don't go smoothly, and transfers between several clients.
+// Two clients and an index server: what one shares the other finds and fetches, smoothly or not; and transfers between
+// several clients.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "i4min/file/file.h"
@@ -10,43 +10,81 @@
 
 namespace {
 
-constexpr std::size_t fileSize = 30'000'000;
 constexpr std::size_t partSize = 9'728'000;
 
-class TransferStory : public testing::Test {
+class TwoClientsStory : public testing::Test {
   protected:
-    TransferStory() : seed_("seed", index_), leech_("leech", index_), bytes_(someBytes(fileSize, 7)) {
-        writeFile(folder_.file("big.bin"), bytes_);
-    }
+    TwoClientsStory() : seed_("seed", index_), leech_("leech", index_) {}
 
-    void begin() {
+    // Shares big.bin, of that many bytes; the limit is in KB/s.
+    void begin(std::size_t size, const std::string& limit) {
+        bytes_ = someBytes(size, 7);
+        writeFile(folder_.file("big.bin"), bytes_);
         seed_.start();
+        ASSERT_TRUE(seed_.type("dumax 0 " + limit, "Done."));
         seed_.logOn();
         seed_.share(folder_.path(), index_);
         leech_.start();
         leech_.logOn();
-        leech_.findAndDownload("big");
     }
-
     // Until this much has come in, and the rest hasn't.
     void waitForKB(u_int kb) {
         ASSERT_TRUE(eventually([&] { return leech_.transferredKB() >= kb; })) << leech_.console().output();
-        ASSERT_FALSE(std::filesystem::exists(leech_.file("incoming/big.bin")));
+        ASSERT_FALSE(exists(leech_.file("incoming/big.bin")));
+    }
+    void expectTheFile() {
+        EXPECT_TRUE(leech_.hasFinished("big.bin", bytes_))
+            << leech_.console().output() << seed_.console().output();
+    }
+    // What `vr` prints after a search.
+    std::string found(const std::string& search) {
+        EXPECT_TRUE(leech_.type("s " + search, "Results returned\n"));
+        return leech_.view("vr", "> ");
     }
 
     TemporaryDirectory folder_;
     IndexServerProcess index_;
     Client seed_;
     Client leech_;
-    const std::string bytes_;
+    std::string bytes_;
 };
 
-TEST_F(TransferStory, TheSeedIsKilledInTheMiddleAndStartedAgain) {
-    seed_.start();
-    ASSERT_TRUE(seed_.type("dumax 0 6000", "Done."));
+TEST_F(TwoClientsStory, OneSharesAndTheOtherFindsAndFetches) {
+    const std::pair<std::string, std::string> small[] = {{"grey heron.jpg", someBytes(1, 1)},
+                                                         {"grey heron.txt", someBytes(0, 2)},
+                                                         {"reed warbler.mp3", someBytes(partSize, 3)}};
+    for (const auto& [name, bytes] : small) writeFile(folder_.file(name), bytes);
+    begin(30'000'000, "0");
+    EXPECT_NE(leech_.view("g", "Files: ").find("(open)"), std::string::npos);
+    const std::string herons = found("grey heron");
+    EXPECT_TRUE(herons.find("heron.jpg") != std::string::npos &&
+                herons.find("heron.txt") != std::string::npos);
+    EXPECT_EQ(herons.find("warbler"), std::string::npos) << herons;
+    const std::string images = found("heron -Image");
+    EXPECT_NE(images.find("(1) grey heron.jpg\t1\t"), std::string::npos) << images;
+    EXPECT_EQ(images.find("(2)"), std::string::npos) << images;
+    EXPECT_NE(found("warbler -Image").find("None."), std::string::npos);
+
+    for (const char* search : {"big", "heron -Image", "warbler"}) leech_.findAndDownload(search);
+    expectTheFile();
+    for (const std::size_t i : {0U, 2U})
+        EXPECT_TRUE(leech_.hasFinished(small[i].first, small[i].second)) << i;
+    // Now it's shared from there too, and not a second time on the list.
+    EXPECT_TRUE(index_.said("(leech) has published"));
+    EXPECT_NE(found("big").find("(1) "), std::string::npos);
+    EXPECT_TRUE(leech_.type("d 1", "You already have big.bin."));
+    leech_.quit();
     seed_.quit();
-    begin();
-    waitForKB(6'000);
+}
+
+// --- Transfers that don't go smoothly
+
+using TransferStory = TwoClientsStory;
+
+TEST_F(TransferStory, TheSeedIsKilledInTheMiddleAndStartedAgain) {
+    begin(12'000'000, "4000");
+    leech_.findAndDownload("big");
+    waitForKB(3'000);
     seed_.kill();
     seed_.start();
     seed_.logOn();
@@ -54,43 +92,35 @@ TEST_F(TransferStory, TheSeedIsKilledInTheMiddleAndStartedAgain) {
     ASSERT_TRUE(leech_.type("m 1 p", "> "));
     ASSERT_TRUE(eventually([&] { return leech_.view("vd", "Total: ").find("Paused") != std::string::npos; }));
     ASSERT_TRUE(leech_.type("m 1 r", "> "));
-    EXPECT_TRUE(leech_.hasFinished("big.bin", bytes_)) << leech_.console().output();
+    expectTheFile();
 }
 
 // What an orderly end has saved survives the kill that comes later, and what came in between is fetched
 // again.
 TEST_F(TransferStory, TheDownloaderIsKilledInTheMiddleAndStartedAgain) {
-    seed_.start();
-    ASSERT_TRUE(seed_.type("dumax 0 6000", "Done."));
-    seed_.quit();
-    begin();
-    waitForKB(4'000);
+    begin(12'000'000, "4000");
+    leech_.findAndDownload("big");
+    waitForKB(2'000);
     leech_.quit();
     leech_.start();
     leech_.logOn();
-    waitForKB(12'000);
+    waitForKB(5'000);
     leech_.kill();
     leech_.start();
-    EXPECT_GE(leech_.transferredKB(), 4'000U);
+    EXPECT_GE(leech_.transferredKB(), 2'000U);
     leech_.logOn();
-    EXPECT_TRUE(leech_.hasFinished("big.bin", bytes_)) << leech_.console().output();
+    expectTheFile();
 }
 
 TEST_F(TransferStory, ACorruptPartIsFetchedAgain) {
-    seed_.start();
-    seed_.logOn();
-    seed_.share(folder_.path(), index_);
+    begin(12'000'000, "0");
     // From now on the seed offers other bytes than those that it has hashed.
     std::fstream shared(folder_.file("big.bin"), std::ios::in | std::ios::out | std::ios::binary);
-    shared.seekp(partSize + 1'000) << "other bytes";
-    shared.flush();
-    leech_.start();
-    leech_.logOn();
+    shared.seekp(partSize + 1'000) << "other bytes" << std::flush;
     leech_.findAndDownload("big");
     ASSERT_TRUE(leech_.console().waitFor("Corruption found")) << leech_.console().output();
-    shared.seekp(partSize + 1'000) << bytes_.substr(partSize + 1'000, 11);
-    shared.flush();
-    EXPECT_TRUE(leech_.hasFinished("big.bin", bytes_)) << leech_.console().output();
+    shared.seekp(partSize + 1'000) << bytes_.substr(partSize + 1'000, 11) << std::flush;
+    expectTheFile();
 }
 
 // --- Several clients, each with an address of its own
@@ -101,15 +131,47 @@ class ManyClientsStory : public testing::Test {
         if (!network_.usable()) GTEST_SKIP() << network_.why();
         index_ = std::make_unique<IndexServerProcess>(network_.host(0));
     }
-
+    // Shares big.bin from a folder, with these bytes.
+    void layFile(std::size_t size) {
+        bytes_ = someBytes(size, 8);
+        writeFile(folder_.file("big.bin"), bytes_);
+    }
     std::unique_ptr<Client> client(const std::string& name, std::size_t host) {
         return std::make_unique<Client>(name, *index_, network_.host(host));
+    }
+    static void expectTheFile(Client& client, const std::string& bytes) {
+        EXPECT_TRUE(client.hasFinished("big.bin", bytes)) << client.console().output();
     }
 
     NamespaceNetwork network_{6};
     std::unique_ptr<IndexServerProcess> index_;
-    const std::string bytes_ = someBytes(fileSize, 8);
+    TemporaryDirectory folder_;
+    std::string bytes_;
 };
+
+// Nobody reaches one of the two: the server gives it a low ID, and the other one's calls go through the
+// server.
+TEST_F(ManyClientsStory, AClientBehindAFirewallGivesAndFetches) {
+    layFile(1'000'000);
+    const TemporaryDirectory folder;
+    const std::string given = someBytes(1'000'000, 9);
+    writeFile(folder.file("hidden.bin"), given);
+    const std::unique_ptr<Client> open = client("open", 1);
+    const std::unique_ptr<Client> hidden = client("hidden", 2);
+    if (!network_.shutPort(2, hidden->doorPort()))
+        GTEST_SKIP() << "a port can't be shut here: ip refuses a rule for it";
+    for (Client* one : {open.get(), hidden.get()}) {
+        one->start();
+        one->logOn();
+        const std::string state = one->view("g", "Files: ");
+        EXPECT_NE(state.find(one == open.get() ? "(open)" : "(firewalled)"), std::string::npos) << state;
+        one->share(one == open.get() ? folder_.path() : folder.path(), *index_);
+    }
+    open->findAndDownload("hidden");
+    hidden->findAndDownload("big");
+    EXPECT_TRUE(open->hasFinished("hidden.bin", given)) << open->console().output();
+    expectTheFile(*hidden, bytes_);
+}
 
 // Lays a paused download into the client's temp directory, which has this one part.
 void layPart(const Client& client, const std::string& bytes, const FileMeta& whole, std::size_t part) {
@@ -123,101 +185,68 @@ void layPart(const Client& client, const std::string& bytes, const FileMeta& who
     record.copyFrom(&whole);
     record.setText(TAG_TEMPFILENAME, "1.part");
     record.setInt(TAG_STATE, 1);
-    const auto addGap = [&](u32 number, std::size_t from, std::size_t to) {
-        const u32 ends[2] = {static_cast<u32>(from), static_cast<u32>(to)};
-        const TagIndex names[2] = {TAG_GAP_START, TAG_GAP_END};
-        for (int i = 0; i < 2; ++i) {
-            const std::string name = tagTable[names[i]].wireName + std::to_string(number);
-            record.addTag(MetaTag::makeTag(META_TAG_INT, name.c_str(), &ends[i]));
-        }
-    };
     u32 gaps = 0;
-    if (start > 0) addGap(gaps++, 0, start);
-    if (end < bytes.size()) addGap(gaps, end, bytes.size());
+    for (const auto& [from, to] : {std::pair{std::size_t{0}, start}, {end, bytes.size()}}) {
+        if (from == to) continue;
+        const std::pair<const char*, u32> tags[] = {{"\t", static_cast<u32>(from)},
+                                                    {"\n", static_cast<u32>(to)}};
+        for (const auto& [name, value] : tags) {
+            record.addTag(MetaTag::makeTag(META_TAG_INT, (name + std::to_string(gaps)).c_str(), &value));
+        }
+        ++gaps;
+    }
     const std::unique_ptr<i4_file> file =
         i4_open_exact(client.file("temp/1.part.met").c_str(), I4_FILE_WRITE | I4_FILE_TRUNCATE);
     file->write_8(0xE0);
     EXPECT_TRUE(record.toDisk(*file));
 }
 
-// Nobody reaches one of the two: the server gives it a low ID, and the other one's calls go through the
-// server.
-TEST_F(ManyClientsStory, AClientBehindAFirewallGivesAndFetches) {
-    for (const std::size_t hidden : {0U, 1U}) {
-        TemporaryDirectory folder;
-        writeFile(folder.file("big.bin"), bytes_);
-        const std::unique_ptr<Client> both[] = {client("seed", 1), client("leech", 2)};
-        if (!network_.shutPort(1 + hidden, both[hidden]->doorPort()))
-            GTEST_SKIP() << "a port can't be shut here: ip refuses a rule for it";
-        Client& seed = *both[0];
-        Client& leech = *both[1];
-        seed.start();
-        seed.logOn();
-        seed.share(folder.path(), *index_);
-        leech.start();
-        leech.logOn();
-        for (std::size_t i = 0; i < 2; ++i) {
-            const char* state = i == hidden ? "(firewalled)" : "(open)";
-            EXPECT_NE(both[i]->view("g", "Files: ").find(state), std::string::npos);
-        }
-        leech.findAndDownload("big");
-        EXPECT_TRUE(leech.hasFinished("big.bin", bytes_)) << hidden << leech.console().output();
-    }
-}
-
 TEST_F(ManyClientsStory, FourClientsWithOnePartEachGiveTheWholeToOne) {
+    layFile(30'000'000);
     FileMeta whole;
-    TemporaryDirectory folder;
-    writeFile(folder.file("big.bin"), bytes_);
-    ASSERT_EQ(MD4Hash::computeFile(whole.hash, folder.file("big.bin").c_str(), whole.partHashes),
+    ASSERT_EQ(MD4Hash::computeFile(whole.hash, folder_.file("big.bin").c_str(), whole.partHashes),
               HashOutcome::whole);
     whole.setName("big.bin");
-    whole.setInt(TAG_SIZE, fileSize);
+    whole.setInt(TAG_SIZE, static_cast<u32>(bytes_.size()));
     std::vector<std::unique_ptr<Client>> holders;
     for (std::size_t part = 0; part < 4; ++part) {
-        holders.push_back(client("holder" + std::to_string(part), 1 + part));
+        const std::string name = "holder" + std::to_string(part);
+        holders.push_back(client(name, 1 + part));
         layPart(*holders.back(), bytes_, whole, part);
         holders.back()->start();
         holders.back()->logOn();
-        ASSERT_TRUE(index_->said("(holder" + std::to_string(part) + ") has published"));
+        ASSERT_TRUE(index_->said("(" + name + ") has published"));
     }
     const std::unique_ptr<Client> leech = client("leech", 5);
     leech->start();
     leech->logOn();
     leech->findAndDownload("big");
-    EXPECT_TRUE(leech->hasFinished("big.bin", bytes_)) << leech->console().output();
-    for (const auto& holder : holders) {
+    expectTheFile(*leech, bytes_);
+    for (const auto& holder : holders)
         EXPECT_NE(holder->console().output().find("New Upload"), std::string::npos);
-    }
 }
 
 TEST_F(ManyClientsStory, FourClientsTradeThePartsOfOneSeed) {
-    TemporaryDirectory folder;
-    writeFile(folder.file("big.bin"), bytes_);
+    layFile(2 * partSize);
     const std::unique_ptr<Client> seed = client("seed", 1);
     seed->start();
     ASSERT_TRUE(seed->type("dumax 0 10000", "Done."));
     seed->logOn();
-    seed->share(folder.path(), *index_);
+    seed->share(folder_.path(), *index_);
     std::vector<std::unique_ptr<Client>> leeches;
     for (std::size_t i = 0; i < 4; ++i) {
         leeches.push_back(client("leech" + std::to_string(i), 2 + i));
         leeches.back()->start();
         leeches.back()->logOn();
         leeches.back()->findAndDownload("big");
-        // Who comes later finds two sources.
-        if (i == 0) {
-            ASSERT_TRUE(index_->said("(leech0) has published"));
-        }
+        // Who comes later finds two sources at least.
+        ASSERT_TRUE(index_->said("(leech0) has published"));
     }
-    std::size_t gave = 0;
-    for (const auto& leech : leeches) {
-        EXPECT_TRUE(leech->hasFinished("big.bin", bytes_)) << leech->console().output();
-    }
-    for (const auto& leech : leeches) {
-        if (leech->console().output().find("New Upload") != std::string::npos) ++gave;
-    }
-    EXPECT_GE(gave, 1U);
+    bool gave = false;
+    for (const auto& leech : leeches) expectTheFile(*leech, bytes_);
+    for (const auto& leech : leeches)
+        gave = gave || leech->console().output().find("New Upload") != std::string::npos;
+    EXPECT_TRUE(gave);
 }
 
 }  // namespace

@@ -1,0 +1,410 @@
+// Every message between clients: the bytes that go out, what comes in, and what strangers make of either; friends and
+// their files, and who may open a call.
+#include <functional>
+
+#include "peer/Call.h"
+#include "tests/support/Engine.h"
+
+namespace {
+
+const MD4Hash known = hashOf(0xAA);
+const MD4Hash unknown = hashOf(0xBB);
+const std::string knownBytes = bytesOf(known);
+const std::string unknownBytes = bytesOf(unknown);
+
+// Who is on the other side.
+class Known : public UserMeta {
+  public:
+    explicit Known(const TestPeer& peer) { peer.copyUser(*this); }
+};
+
+class PeerTest : public Engine {
+  protected:
+    // What stands behind the opcode of Hello's mark, and of HelloAnswer.
+    static std::string selfOnWire() {
+        i4_owned_ram_file file;
+        preferences.writeSelf(file);
+        return std::string(reinterpret_cast<const char*>(file.buffer()), file.size()) + le32(addressOf(200)) +
+               le16(4661);
+    }
+};
+
+TEST_F(PeerTest, RequestsGoOutByteForByte) {
+    TestPeer& peer = stranger(1);
+    const std::string longest(65'534, 'x');
+    const std::string ranges =
+        le32(0) + le32(184'320) + le32(0xFFFFFFF0) + le32(184'320) + le32(368'640) + le32(0xFFFFFFFF);
+    const std::pair<std::function<void()>, std::string> rows[] = {
+        {[&] {
+             peer.requestParts(known, {0, 184'320, 0xFFFFFFF0}, {184'320, 368'640, 0xFFFFFFFF});
+         },
+         opcode(71, knownBytes + ranges)},
+        {[&] { peer.noSuchFile(known); }, opcode(72, knownBytes)},
+        {[&] { peer.stopUpload(known); }, opcode(73, knownBytes)},
+        {[&] { peer.askSharedFiles(); }, opcode(74)},
+        {[&] { peer.sendIdentity(); }, opcode(77, le32(addressOf(100)) + le32(addressOf(200)))},
+        {[&] { peer.sendMessage("hi"); }, opcode(78, text16("hi"))},
+        {[&] { peer.sendMessage(longest.c_str()); }, opcode(78, text16(longest))},
+        {[&] { EXPECT_FALSE(peer.sendMessage((longest + "x").c_str())); }, ""},
+        {[&] { EXPECT_FALSE(peer.askFileStatus(known, PARTSIZE)); }, ""},
+        {[&] { EXPECT_TRUE(peer.askFileStatus(known, PARTSIZE + 1)); }, opcode(79, knownBytes)},
+        {[&] { peer.askHashSet(known); }, opcode(81, knownBytes)},
+        {[&] { peer.requestSlot(); }, opcode(84)},
+        {[&] { peer.grantSlot(); }, opcode(85)},
+        {[&] { peer.releaseSlot(); }, opcode(86)},
+        {[&] { peer.endSlot(); }, opcode(87)},
+        {[&] { peer.askFileName(known); }, opcode(88, knownBytes)},
+    };
+    for (const auto& [ask, body] : rows) {
+        ask();
+        EXPECT_EQ(peer.sent(), body.empty() ? std::vector<std::string>{} : std::vector{body});
+    }
+    peer.idle = 5000;
+    peer.sendMessage("hi");
+    EXPECT_EQ(peer.idle, 1U);
+}
+
+TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
+    TestPeer& called = stranger(1);
+    called.connected();
+    EXPECT_EQ(called.sentOne(), opcode(1, "\x10" + selfOnWire()));
+    EXPECT_TRUE(peers.contains(&called));
+    EXPECT_TRUE(called.hear(opcode(76, identity(1, "Ada"))));
+    EXPECT_EQ(called.sent().size(), 0U);
+    EXPECT_STREQ(called.getText().c_str(), "Ada");
+    called.end();
+    EXPECT_FALSE(peers.contains(&called));
+
+    TestPeer& calling = stranger(2);
+    EXPECT_TRUE(calling.awaits());
+    calling.idle = 5000;
+    // Said twice, it is listed once.
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(calling.hear(opcode(1, "\x10" + identity(7, "Bob", addressOf(9)))));
+        EXPECT_EQ(calling.sentOne(), opcode(76, selfOnWire()));
+    }
+    EXPECT_EQ(calling.idle, 1U);
+    EXPECT_FALSE(calling.awaits());
+    EXPECT_EQ(peers.count(), 1U);
+    EXPECT_EQ(calling.ip, addressOf(9));
+    EXPECT_TRUE(calling.sameUser(User(9)));
+
+    // An ID of 0 is the address of the socket.
+    TestPeer& nameless = stranger(3);
+    const std::string server = le32(addressOf(201)) + le16(4661);
+    EXPECT_TRUE(
+        nameless.hear(opcode(1, "\x10" + bytesOf(hashOf(3)) + le32(0) + le16(4662) + le32(0) + server)));
+    EXPECT_EQ(nameless.ip, addressOf(3));
+    const auto place = [&] {
+        const Known user(nameless);
+        return std::vector<u32>{user.id, user.serverIp, user.serverPort};
+    };
+    EXPECT_EQ(place(), (std::vector<u32>{addressOf(3), addressOf(201), 4661}));
+    EXPECT_TRUE(nameless.hear(opcode(77, le32(77) + le32(addressOf(202)))));
+    EXPECT_EQ(place(), (std::vector<u32>{77, addressOf(202), 4661}));
+}
+
+// A bad one ends the connection without an answer; of an absurd one little is kept.
+TEST_F(PeerTest, IdentitiesAreNotTakenOnTrust) {
+    const std::string good = identity(1, "Ada");
+    std::string absurd = bytesOf(hashOf(1)) + le32(addressOf(1)) + le16(4662);
+    const std::string onePromised = absurd + le32(1) + std::string(6, '\0');
+    absurd += le32(2001) + "\2" + text16("\1") + text16(std::string(30'000, 'x'));
+    for (u32 i = 0; i < 2000; ++i) absurd += "\3" + text16("t" + std::to_string(i)) + le32(i);
+    for (const std::string& body :
+         {opcode(1, "\x11" + good), opcode(1, "\x10" + good.substr(0, good.size() - 1)),
+          opcode(1, "\x10" + onePromised), opcode(76, good.substr(0, 30)),
+          opcode(76, absurd + std::string(70'000, 'x'))}) {
+        TestPeer& peer = stranger(1);
+        EXPECT_FALSE(peer.hear(body));
+        EXPECT_EQ(peer.sent().size(), 0U);
+        EXPECT_FALSE(peers.contains(&peer));
+    }
+    TestPeer& peer = stranger(2);
+    EXPECT_TRUE(peer.hear(opcode(1, "\x10" + absurd + le32(0) + le16(0))));
+    EXPECT_LE(Known(peer).byteSize(), 4096U);
+    EXPECT_EQ(Known(peer).getInt("t7"), 7U);
+    EXPECT_EQ(Known(peer).getName(), nullptr);
+}
+
+TEST_F(PeerTest, WhatIsAskedAboutFilesIsAnswered) {
+    shareFile(known, "a.bin", "0123456789").partHashes = {hashOf(1), hashOf(2)};
+    const MD4Hash partial = hashOf(0xCC);
+    const Ref<Download> download = startDownload(partial, "film", 20'000'000);
+    FileMeta record;
+    record.hash = partial;
+    record.setPath(nullptr);
+    clientApp.shared.add(&record);
+    const std::string partialBytes = bytesOf(partial);
+    const std::pair<std::string, std::string> rows[] = {
+        {opcode(79, knownBytes), opcode(80, knownBytes + le16(0))},
+        {opcode(81, knownBytes), opcode(82, knownBytes + le16(2) + bytesOf(hashOf(1)) + bytesOf(hashOf(2)))},
+        {opcode(88, knownBytes), opcode(89, knownBytes + text16("a.bin"))},
+        {opcode(79, unknownBytes), opcode(72, unknownBytes)},
+        {opcode(81, unknownBytes), opcode(72, unknownBytes)},
+        {opcode(88, unknownBytes), ""},
+        {opcode(79, partialBytes), opcode(80, partialBytes + le16(3) + std::string(1, '\0'))},
+    };
+    TestPeer& asking = stranger(1);
+    for (const auto& [question, answer] : rows) {
+        EXPECT_TRUE(asking.hear(question));
+        EXPECT_EQ(asking.sentOne(), answer);
+    }
+    // Without a download either, nothing is known to be missing.
+    dlPool.remove(download);
+    EXPECT_TRUE(asking.hear(opcode(79, partialBytes)));
+    EXPECT_EQ(asking.sentOne(), opcode(80, partialBytes + le16(0)));
+    clientApp.shared.clear();
+}
+
+// Who asks and takes no answers is closed; a list of our files is sent once at a time.
+TEST_F(PeerTest, AnswersThatWaitAreBounded) {
+    shareFile(known, "a.bin", "0123456789").partHashes.assign(1000, hashOf(3));
+    TestPeer& asking = peer(1);
+    const u32 before = asking.mostQueued();
+    for (int i = 0; i < 1000; ++i) ASSERT_TRUE(asking.hear(opcode(74)));
+    EXPECT_GT(asking.mostQueued(), before);
+    const std::string list = asking.sentOne();
+    EXPECT_EQ(asking.mostQueued(), before);
+    EXPECT_EQ(list.substr(0, 21), opcode(75, le32(1) + knownBytes));
+    ASSERT_TRUE(asking.hear(opcode(74)));
+    EXPECT_EQ(asking.sentOne(), list);
+
+    u32 answered = 0;
+    for (; !asking.wasAskedToClose() && answered < 1000; ++answered) {
+        ASSERT_TRUE(asking.hear(opcode(81, knownBytes)));
+    }
+    EXPECT_GT(answered, 100U);
+    EXPECT_LT(answered, 300U);
+}
+
+TEST_F(PeerTest, WhatIsShortEndsTheConnectionAndWhatIsNoUseIsDropped) {
+    for (const u32 number : {1, 70, 71, 72, 73, 75, 76, 77, 78, 79, 80, 81, 82, 88, 89})
+        EXPECT_FALSE(stranger(1).hear(opcode(number, "x"))) << number;
+    shareFile(known, "a.bin", "0123456789");
+    const Ref<Download> download = startDownload(hashOf(0xCC), "film", 20'000'000);
+    TestPeer& peer = stranger(2);
+    log.take();
+    const std::string tail(8, '\xFF');
+    const std::pair<std::string, std::string> rows[] = {
+        {opcode(0, "x"), "Unknown msg from Connection: 0\n"},
+        {opcode(69, "x"), "Unknown msg from Connection: 69\n"},
+        {opcode(90, "x"), "Unknown msg from Connection: 90\n"},
+        {opcode(5, "x"), "Either your client or one you are connected to is out of date.\n"},
+        {requestFor(known, {{0, 10}}), "Invalid upload request\n"},
+        {opcode(83), ""},
+        {opcode(86), ""},
+        {opcode(87), ""},
+        // About files that nobody here fetches, and data from somebody who wasn't asked.
+        {opcode(70, unknownBytes + tail), ""},
+        {opcode(72, unknownBytes + tail), ""},
+        {opcode(82, unknownBytes + tail), ""},
+        {opcode(89, unknownBytes + tail), ""},
+        {opcode(70, bytesOf(hashOf(0xCC)) + le32(0) + le32(4) + "data"), ""},
+    };
+    for (const auto& [message, said] : rows) {
+        EXPECT_TRUE(peer.hear(message)) << said;
+        EXPECT_EQ(log.take(), said);
+        EXPECT_EQ(peer.sent().size(), 0U);
+    }
+    EXPECT_TRUE(download->partial().overlaps(0, 4));
+}
+
+// --- friends and calls
+
+const std::string chat = opcode(78, text16("hello"));
+const std::string refusal = opcode(83);
+
+// What the user interface hears of friends and calls.
+class Listener : public CapturedLog {
+  public:
+    void friendsChanged() override { told += "friends;"; }
+    void friendFiles() override { told += "files;"; }
+    void callMessage(Call*, const char* text) override { told += text + std::string(";"); }
+    void callOpened(Call* call) override { told += "call " + std::to_string(call->state()) + ";"; }
+    std::string heard() { return std::exchange(told, {}); }
+
+  private:
+    std::string told;
+};
+
+// Whom nobody reaches while we have a low ID too.
+class LowUser : public UserMeta {
+  public:
+    explicit LowUser(u8 fill) {
+        preferences.setClientId(5);
+        id = 77;
+        hash = hashOf(fill);
+    }
+};
+
+class FriendsTest : public Engine {
+  protected:
+    ~FriendsTest() override { friendList.getFiles().deleteAll(); }
+
+    // The friends and how they stand: "1:2 2:0".
+    static std::string drawn() {
+        const i4_guard guard(friendList);
+        std::string text;
+        for (FriendList::Cursor c; const UserMeta* user = friendList.next(c);) {
+            text += (text.empty() ? "" : " ") + std::to_string(user->hash.bytes[0]) + ":" +
+                    std::to_string(user->friendState);
+        }
+        return text;
+    }
+    static std::string files(const std::string& name) {
+        return opcode(75, le32(1) + namedRecord(hashOf(0xF0), 0, 0, name));
+    }
+    static std::string shownFile() {
+        const FileMeta* file = friendList.getFiles().get(0);
+        return file ? file->getName() : "";
+    }
+    Listener ui;
+};
+
+TEST_F(FriendsTest, AreKnownOnceComeAndGoAndAreRenewed) {
+    EXPECT_FALSE(friendList.add(0, 4662));
+    EXPECT_EQ(ui.heard(), "");
+    for (int twice = 0; twice < 2; ++twice) EXPECT_TRUE(friendList.add(addressOf(1), 4662));
+    friendList.addFriend(User(1));
+    EXPECT_EQ(ui.heard() + drawn(), "friends;0:0");
+    EXPECT_FALSE(friendList.isFriend(hashOf(1)));
+    TestPeer& peer = this->peer(1, "Ada");
+    this->peer(2);
+    // Found by the hash that came with the connection.
+    EXPECT_EQ(ui.heard() + drawn(), "friends;1:2");
+    EXPECT_TRUE(friendList.isFriend(hashOf(1)));
+    EXPECT_FALSE(friendList.isFriend(MD4Hash()));
+    peer.end();
+    EXPECT_EQ(ui.heard() + drawn(), "friends;1:0");
+    friendList.remove(User(2));
+    EXPECT_EQ(ui.heard() + drawn(), "1:0");
+    friendList.remove(User(1));
+    EXPECT_EQ(drawn(), "");
+}
+
+TEST_F(FriendsTest, TellTheirFilesWhenAsked) {
+    friendList.add(addressOf(1), 4662);
+    TestPeer& peer = this->peer(1, "Ada");
+    TestPeer& other = this->peer(2);
+    UserMeta byAddress;
+    byAddress.id = addressOf(1);
+    EXPECT_TRUE(peer.hear(files("a.txt")));
+    friendList.askFiles(&byAddress);
+    EXPECT_EQ(peer.sentOne(), opcode(74));
+    EXPECT_TRUE(other.hear(files("b.txt")));
+    EXPECT_EQ(shownFile(), "") << "nobody asked, or not him";
+    EXPECT_TRUE(peer.hear(files("c.txt")));
+    EXPECT_TRUE(peer.hear(files("d.txt")));
+    EXPECT_EQ(shownFile(), "c.txt") << "once";
+    // Asked for nobody's, the next answer is nobody's either.
+    friendList.askFiles(&byAddress);
+    messageQ.post(MESSAGE_ASK_FRIEND_FILES);
+    messageQ.process();
+    EXPECT_TRUE(peer.hear(files("d.txt")));
+    EXPECT_EQ(shownFile(), "c.txt");
+    // A list that can't be read ends the connection; the files stay, and the friend who comes back is asked
+    // again, wherever he comes from. A long one that nobody waits for isn't even read.
+    const std::string unreadable = opcode(75, le32(100'000) + std::string(70'000, '\xFF'));
+    EXPECT_TRUE(peer.hear(unreadable));
+    friendList.askFiles(&byAddress);
+    EXPECT_FALSE(peer.hear(unreadable));
+    EXPECT_EQ(shownFile(), "c.txt");
+    peer.end();
+    TestPeer& back = stranger(3);
+    EXPECT_TRUE(back.hear(opcode(1, "\x10" + identity(1, "Ada", addressOf(3)))));
+    EXPECT_EQ(back.sent().back(), opcode(74));
+    EXPECT_TRUE(back.hear(files("e.txt")));
+    EXPECT_EQ(shownFile(), "e.txt");
+}
+
+TEST_F(FriendsTest, AreReachedOrNot) {
+    const User friendly(1);
+    friendList.addFriend(friendly);
+    friendList.askFiles(&friendly);
+    EXPECT_EQ(ui.take(), "Waiting for connection.\n");
+    EXPECT_EQ(drawn(), "1:1");
+    const UserMeta nowhere{};
+    friendList.askFiles(&nowhere);
+    EXPECT_EQ(ui.take(), "Need to look for user. Not yet implemented.\n");
+    const LowUser low(3);
+    friendList.addFriend(low);
+    friendList.askFiles(&low);
+    EXPECT_EQ(ui.take(), "Can't connect to User.\n");
+    EXPECT_EQ(drawn(), "1:1 3:3");
+}
+
+TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
+    const std::string longest(65'534, 'x');
+    TestPeer& peer = this->peer(30, "Ada");
+    Call* call = callList.open(User(30));
+    EXPECT_EQ(callList.open(User(30)), call);
+    EXPECT_EQ(call->state(), CALL_CONNECTED);
+    EXPECT_TRUE(call->send(longest.c_str()));
+    EXPECT_FALSE(call->send((longest + "x").c_str()));
+    EXPECT_EQ(peer.sentOne(), opcode(78, text16(longest)));
+    ui.heard();
+    ASSERT_TRUE(peer.hear(opcode(78, text16(longest))));
+    EXPECT_EQ(ui.heard(), longest + ";");
+    // Longer than any text, it isn't one.
+    EXPECT_FALSE(peer.hear(opcode(78, text16(longest + "x"))));
+    peer.end();
+    EXPECT_EQ(ui.heard(), "Disconnected.;call 3;");
+    EXPECT_FALSE(call->send("hi"));
+    this->peer(30, "Ada");
+    EXPECT_EQ(callList.open(User(30))->state(), CALL_ENDED) << "an ended call stays so";
+
+    Call* outgoing = callList.open(User(31));
+    EXPECT_FALSE(outgoing->send("hi"));
+    this->peer(31);
+    EXPECT_EQ(outgoing->state(), CALL_CONNECTING) << "their hello to us isn't the answer to ours";
+    ui.heard();
+    TestPeer& answering = stranger(31);
+    ASSERT_TRUE(answering.hear(opcode(76, identity(31, "Bob"))));
+    EXPECT_TRUE(outgoing->send("hi"));
+    EXPECT_EQ(answering.sentOne(), opcode(78, text16("hi")));
+    ASSERT_TRUE(answering.hear(refusal));
+    EXPECT_EQ(ui.heard(), "call 0;Is not accepting calls.;call 3;");
+    EXPECT_FALSE(outgoing->send("hi"));
+    EXPECT_EQ(callList.open(LowUser(32))->state(), CALL_ENDED);
+}
+
+// Calls stay for the life of the process, so that each case has users of its own. A flood comes from one who
+// calls himself somebody else each time, by the first two bytes of the hash.
+TEST_F(FriendsTest, WhoMayOpenACall) {
+    u8 next = 10;
+    for (const int allowed : {1, 2, 0}) {
+        preferences.pmAllow = allowed;
+        const auto isHeard = [&](TestPeer& peer) {
+            ui.heard();
+            EXPECT_TRUE(peer.hear(chat));
+            const bool heard = ui.heard() == "hello;";
+            EXPECT_EQ(peer.sentOne(), heard ? "" : refusal) << allowed;
+            return heard;
+        };
+        TestPeer& byFriend = peer(next);
+        friendList.addFriend(User(next++));
+        EXPECT_EQ(isHeard(byFriend), allowed != 1) << allowed;
+        TestPeer& called = peer(next);
+        callList.open(User(next++));
+        EXPECT_TRUE(isHeard(called)) << allowed;
+
+        TestPeer& flooding = stranger(60);
+        int refused = 0;
+        for (u32 i = 0; i < 1100; ++i) {
+            ASSERT_TRUE(flooding.hear(opcode(1, "\x10" + le16(i) + identity(60).substr(2))));
+            flooding.sent();
+            refused += isHeard(flooding) ? 0 : 1;
+        }
+        EXPECT_GE(refused, allowed == 0 ? 100 : 1100) << "a thousand calls at most";
+        EXPECT_LT(refused, allowed == 0 ? 200 : 1101);
+    }
+    // Before the hello nobody is known, whoever has friends without a hash.
+    preferences.pmAllow = 2;
+    friendList.add(addressOf(50), 4662);
+    TestPeer& silent = stranger(next);
+    ASSERT_TRUE(silent.hear(chat));
+    EXPECT_EQ(silent.sentOne(), refusal);
+}
+
+}  // namespace

@@ -1,0 +1,370 @@
+// Uploads: who may download from this client, by the rule, the queue, the slots and their time-outs; and a running
+// transfer, what it sends for which request and how fast it thinks it is.
+#include "peer/PartUpload.h"
+#include "peer/Upload.h"
+#include "peer/UploadSlot.h"
+#include "tests/support/Downloads.h"
+
+namespace {
+
+using Range = std::pair<u32, u32>;
+
+constexpr int all = 1000;
+
+class UploadTest : public Downloads {
+  protected:
+    UploadTest() {
+        shareFile(hash, "shared.bin", file.bytes);
+        begin();
+    }
+    void begin() {
+        std::unique_ptr<i4_file> stream = i4_open_exact(directory.file("shared.bin").c_str(), I4_FILE_READ);
+        upload = Ref<Upload>(new Upload(std::move(stream), to, "shared.bin", hash));
+    }
+    // Asks, and lets that many packets leave: what was sent, as "start-end start-end". Every byte is
+    // compared.
+    std::string ask(const std::vector<Range>& ranges, int packets = all) {
+        u32 starts[3] = {};
+        u32 ends[3] = {};
+        for (std::size_t i = 0; i < ranges.size(); ++i) {
+            starts[i] = ranges[i].first;
+            ends[i] = ranges[i].second;
+        }
+        const bool idle = upload->bytesSent == 0 || upload->awaitsRequest();
+        upload->setRanges(starts, ends);
+        if (idle) upload->sendNext();
+        return leave(packets);
+    }
+    std::string leave(int packets = all) {
+        std::string told;
+        for (std::string body; packets > 0 && !(body = to.leave()).empty(); --packets) {
+            const u32 start = u32At(body, 17);
+            const u32 end = u32At(body, 21);
+            EXPECT_EQ(body.substr(0, 17), opcode(70, bytesOf(hash)));
+            EXPECT_TRUE(body.substr(25) == file.bytes.substr(start, end - start));
+            told += (told.empty() ? "" : " ") + std::to_string(start) + "-" + std::to_string(end);
+        }
+        return told;
+    }
+
+    RemoteFile file{"shared.bin", 2'000'000};
+    const MD4Hash hash = file.record.hash;
+    TestPeer& to = peer(1);
+    Ref<Upload> upload;
+};
+
+TEST_F(UploadTest, SendsWhatIsAskedFor) {
+    struct Step {
+        std::vector<Range> ask;
+        int packets;
+        const char* sent;
+    };
+    const std::vector<Step> cases[] = {
+        // In pieces.
+        {{{{100, 110}, {1000, 26'000}}, all, "100-110 1000-11240 11240-21480 21480-26000"}},
+        // Ranges that are none count as empty, and go behind the others.
+        {{{{50, 50}, {60, 40}, {70, 80}}, all, "70-80"}, {{{5, 5}, {4, 3}, {0, 0}}, all, ""}},
+        // It goes on where it stands, if that is within the first range; its start is no place within it.
+        {{{{0, 50'000}}, 1, "0-10240"},
+         {{{5000, 40'000}, {60'000, 60'010}}, 1, "10240-20480"},
+         {{{30'720, 35'000}, {60'000, 60'010}}, all, "20480-30720 30720-35000 60000-60010"}},
+        // What was just sent isn't sent again, whether the request comes two ranges late or when all is sent.
+        {{{{0, 10}, {10, 20}, {20, 30}}, 1, "0-10"},
+         {{{0, 10}, {10, 20}, {20, 30}}, all, "10-20 20-30"},
+         {{{10, 20}, {20, 30}, {30, 40}}, all, "30-40"},
+         // What was sent before, but isn't in front of the last range, is wanted again.
+         {{{5, 15}, {30, 40}, {20, 30}}, all, "5-15 20-30"},
+         {{{0, 10}}, all, "0-10"}},
+    };
+    for (const std::vector<Step>& steps : cases) {
+        begin();
+        for (const Step& step : steps) EXPECT_EQ(ask(step.ask, step.packets), step.sent);
+    }
+    EXPECT_TRUE(upload->awaitsRequest());
+    EXPECT_EQ(upload->bytesSent, 7 * (30U + 10U));
+    ask({{5, 5}});
+    EXPECT_FALSE(upload->awaitsRequest()) << "asked for nothing, it is at its end";
+}
+
+TEST_F(UploadTest, EndsWhenItIsStoppedOrCantRead) {
+    EXPECT_EQ(ask({{0, 50'000}}, 1), "0-10240");
+    upload->stop();
+    EXPECT_EQ(leave(), "10240-20480");
+    ASSERT_TRUE(to.hear(opcode(84)));
+    to.sent();
+    ASSERT_TRUE(to.hear(requestFor(hash, {{1'999'990, 2'000'010}})));
+    // Back in the queue, and, as the line is free, called again.
+    EXPECT_EQ(to.sent(), (std::vector{opcode(87), opcode(85)}));
+}
+
+TEST_F(UploadTest, TheSpeedIsTheMeanOfEightSamplesAndSetsThePacket) {
+    upload->bytesSent = 1'000'000;
+    upload->updateSpeed(2000);
+    EXPECT_EQ(upload->speed, 0.0F);
+    upload->updateSpeed(500);
+    EXPECT_FLOAT_EQ(upload->speed, 400.0F / 8);
+    for (int i = 0; i < 7; ++i) {
+        upload->bytesSent.add(1'000'000);
+        upload->updateSpeed(2500);
+    }
+    EXPECT_FLOAT_EQ(upload->speed, 400.0F);
+    upload->sendNext();
+    EXPECT_EQ(ask({{0, 2'000'000}}, 1), "0-51200");
+    // The count wraps as any counter does; a line of any speed keeps packets to a megabyte.
+    upload->bytesSent = 0xFFFFFFFF;
+    for (int i = 0; i < 9; ++i) {
+        upload->bytesSent.add(0x40000000);
+        upload->updateSpeed(2001);
+    }
+    EXPECT_NEAR(upload->speed, 536'602.0F, 1.0F);
+    EXPECT_EQ(leave(2), "51200-102400 102400-1150976");
+}
+
+// A download that uploads what it has; then the file moves, and the upload with it.
+TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsThere) {
+    clientApp.shared.clear();
+    const Ref<Download> download = add(file);
+    give(*download, file, 0, 50'000);
+    upload = Ref<Upload>(new PartUpload(*download, to, hash));
+    download->stateLock().lock();
+    EXPECT_EQ(download->state().getSources()->count(), 1U) << "whoever fetches has, or will have, parts";
+    download->stateLock().unlock();
+    EXPECT_EQ(ask({{49'995, 50'005}}), "") << "not there";
+    upload = Ref<Upload>(new PartUpload(*download, to, hash));
+    EXPECT_EQ(ask({{0, 20'000}}, 1), "0-10240");
+    writeFile(incoming("shared.bin"), "of another download of that name");
+    give(*download, file, 50'000, file.size());
+    waitUntilGone(download);
+    EXPECT_EQ(leave(), "10240-20000");
+    EXPECT_EQ(ask({{1'999'990, 2'000'000}}), "1999990-2000000");
+}
+
+// --- who gets a slot
+
+const MD4Hash file = hashOf(0xF0);
+const std::string slotGranted = opcode(85);
+const std::string slotEnded = opcode(87);
+
+class UploadPoolTest : public Engine {
+  protected:
+    UploadPoolTest() { shareFile(file, "shared.bin", std::string(100'000, 'x')); }
+
+    // The users who hold a slot, and those who wait, by the first byte of their hash: "1 2 | 3".
+    static std::string drawn() {
+        const i4_guard guard(uploadPool);
+        std::string users;
+        for (LL<UploadSlot>::Cursor c; const UploadSlot* slot = uploadPool.getSlots().next(c);) {
+            users += std::to_string(slot->getUser().hash.bytes[0]) + " ";
+        }
+        users += "|";
+        for (LL<UserMeta>::Cursor c; const UserMeta* user = uploadPool.getQueue().next(c);) {
+            users += " " + std::to_string(user->hash.bytes[0]);
+        }
+        return users;
+    }
+    static void ageQueue(u32 ms) {
+        const i4_guard guard(uploadPool);
+        for (LL<UserMeta>::Cursor c; UserMeta* user = uploadPool.getQueue().next(c);) {
+            user->setInt(TAG_QTIME, user->getInt(TAG_QTIME) - ms);
+        }
+    }
+    TestPeer& asking(u8 last) {
+        TestPeer& result = peer(last);
+        EXPECT_TRUE(result.hear(opcode(84)));
+        return result;
+    }
+    void allAsk(u8 first, u8 last) {
+        for (u8 user = first; user <= last; ++user) asking(user);
+    }
+    static std::vector<std::string> answers(TestPeer& peer, const std::string& message) {
+        EXPECT_TRUE(peer.hear(message));
+        return peer.sent();
+    }
+    using Answers = std::vector<std::string>;
+};
+
+TEST(SlotRule, FollowsTheLine) {
+    // KB/s of the line, and of them in use; slots, slots and uploads; whether another one starts.
+    const std::pair<SlotRule, bool> rows[] = {
+        {{5, 0, 0, 1}, true},        // two transfers always
+        {{5, 0, 0, 2}, true},        // 3 of the 4.5 KB/s are free
+        {{5, 0, 1, 2}, false},       // but not twice
+        {{5, 1.5F, 0, 2}, false},    // just 3 aren't less than 3
+        {{17.9F, 17, 0, 2}, false},  // 17.9 / 6 is 2
+        {{18, 18, 0, 2}, true},        {{18, 18, 0, 3}, false},  {{60, 60, 9, 9}, true},
+        {{60, 50.9F, 0, 10}, true},    {{60, 51, 0, 10}, false}, {{1000, 1000, 165, 165}, true},
+        {{1000, 1000, 0, 166}, false}, {{0, 0, 0, 2}, false},    {{1e30F, 0, 0, 5}, true},
+    };
+    for (const auto& [rule, starts] : rows)
+        EXPECT_EQ(rule.canStart(), starts) << rule.capacity << rule.active;
+}
+
+TEST_F(UploadPoolTest, ASlotTurnsIntoATransferAndBackIntoAPlaceInTheQueue) {
+    TestPeer& peer = this->peer(1);
+    const std::string unknown = bytesOf(hashOf(0xEE));
+    const std::string request = requestFor(file, {{0, 10}});
+    const struct {
+        std::string hears;
+        Answers answers;
+        const char* drawn;
+    } steps[] = {
+        {opcode(84), {slotGranted}, "1 |"},  // the line is free
+        {opcode(84), {}, "1 |"},
+        {opcode(76, identity(1, "user1")), {slotGranted}, "1 |"},  // called again
+        {requestFor(hashOf(0xEE), {{0, 10}}), {opcode(72, unknown)}, "1 |"},
+        {request, {opcode(70, bytesOf(file) + le32(0) + le32(10) + std::string(10, 'x'))}, "|"},
+        {opcode(84), {}, "|"},  // who transfers gets no slot on top
+        {opcode(73, bytesOf(file)), {slotEnded, slotGranted}, "1 |"},
+    };
+    for (const auto& step : steps) {
+        EXPECT_EQ(answers(peer, step.hears), step.answers) << &step - steps;
+        EXPECT_EQ(drawn(), step.drawn);
+    }
+    // A file that is gone leaves the slot.
+    std::filesystem::remove(directory.file("shared.bin"));
+    log.take();
+    EXPECT_EQ(answers(peer, request), Answers{opcode(72, bytesOf(file))});
+    EXPECT_EQ(log.take(), "File not found for upload: " + directory.file("shared.bin") + "\n");
+    EXPECT_EQ(drawn(), "1 |");
+}
+
+// Two slots are all that a slow line grants.
+TEST_F(UploadPoolTest, FiftyWaitInTheirOrderAndRenewTheirTimes) {
+    allAsk(1, 53);
+    const std::string full = drawn();
+    EXPECT_EQ(std::count(full.begin(), full.end(), ' '), 2 + 50);
+    EXPECT_EQ(full.substr(0, 9), "1 2 | 3 4");
+    EXPECT_EQ(full.substr(full.size() - 3), " 52");
+    // Who had an upload comes on top.
+    ASSERT_TRUE(made[0]->hear(requestFor(file, {{0, 10}})));
+    ASSERT_TRUE(made[0]->hear(opcode(73, bytesOf(file))));
+    EXPECT_EQ(drawn().substr(0, 9), "2 3 | 4 5");
+    // The others have stopped asking; as the queue is full, a renewal is dropped like any request.
+    ageQueue(2'700'001);
+    ASSERT_TRUE(made[3]->hear(opcode(84)));
+    ASSERT_TRUE(made[1]->hear(opcode(86)));
+    EXPECT_EQ(drawn(), "3 |");
+    allAsk(61, 63);
+    ageQueue(2'700'001);
+    made.back()->sent();
+    ASSERT_TRUE(made.back()->hear(opcode(84)));
+    ASSERT_TRUE(made[2]->hear(opcode(86)));
+    EXPECT_EQ(drawn(), "61 63 |");
+    EXPECT_EQ(made.back()->sent(), Answers{slotGranted});
+    // Strangers without a hash are told apart by their address.
+    for (u8 last = 71; last <= 72; ++last) {
+        const std::string record = std::string(16, '\0') + le32(addressOf(last)) + le16(4662) + le32(0);
+        TestPeer& unknown = stranger(last);
+        ASSERT_TRUE(unknown.hear(opcode(1, "\x10" + record + le32(0) + le16(0))));
+        ASSERT_TRUE(unknown.hear(opcode(84)));
+    }
+    EXPECT_EQ(drawn(), "61 63 | 0 0");
+}
+
+TEST_F(UploadPoolTest, WhoHasCrossedIntoAnotherPartMakesWay) {
+    FileMeta& large = shareFile(hashOf(0xF1), "large.bin", "");
+    std::filesystem::resize_file(large.path.c_str(), 2 * PARTSIZE);
+    TestPeer& first = asking(1);
+    TestPeer& second = asking(2);
+    // With nobody waiting, a transfer goes on unchallenged.
+    first.sent();
+    ASSERT_TRUE(first.hear(requestFor(large.hash, {{PARTSIZE - 10, PARTSIZE}})));
+    first.leave();
+    ASSERT_TRUE(first.hear(requestFor(large.hash, {{PARTSIZE, PARTSIZE + 100'000}})));
+    asking(3);
+    ASSERT_TRUE(second.hear(requestFor(file, {{0, 10}})));
+    EXPECT_EQ(drawn(), "| 3");
+    // Now that somebody waits, it may be ended, and its place counts as free.
+    ASSERT_TRUE(first.hear(requestFor(large.hash, {{0, 100'000}})));
+    TestPeer& fourth = asking(4);
+    asking(5);
+    EXPECT_EQ(drawn(), "4 | 3 5");
+    first.sent();
+    log.take();
+    ASSERT_TRUE(fourth.hear(requestFor(file, {{0, 10}})));
+    EXPECT_NE(log.take().find("Queueing: user1\n"), std::string::npos);
+    EXPECT_EQ(first.sent(), Answers{slotEnded});
+    EXPECT_EQ(drawn(), "| 3 5 1");
+}
+
+TEST_F(UploadPoolTest, ATransferWithNothingToSendWaitsASecondForTheNextRequest) {
+    TestPeer& peer = asking(1);
+    peer.sent();
+    ASSERT_TRUE(peer.hear(requestFor(file, {{0, 10}})));
+    peer.leave();
+    uploadPool.tick(900);
+    // A limited peer takes what lies in the network's buffers for a while: many short waits are no long one.
+    ASSERT_TRUE(peer.hear(requestFor(file, {{10, 20}})));
+    EXPECT_EQ(peer.leave().substr(17, 8), le32(10) + le32(20));
+    uploadPool.tick(900);
+    uploadPool.tick(100);
+    EXPECT_EQ(peer.sent(), Answers{});
+    uploadPool.tick(1);
+    EXPECT_EQ(peer.sent(), (Answers{slotEnded, slotGranted}));
+    // Asked for nothing, it ends when its packet has left.
+    ASSERT_TRUE(peer.hear(requestFor(file, {{0, 10}})));
+    ASSERT_TRUE(peer.hear(requestFor(file, {{0, 0}})));
+    peer.leave();
+    EXPECT_EQ(peer.sent(), (Answers{slotEnded, slotGranted}));
+}
+
+// Slots run out after two minutes; with connections full they are tried every minute; who can't be reached
+// loses his at once, and his place is given to the next.
+TEST_F(UploadPoolTest, SlotsEnd) {
+    asking(1);
+    uploadPool.tick(120'000);
+    EXPECT_EQ(drawn(), "1 |");
+    log.take();
+    uploadPool.tick(1);
+    EXPECT_EQ(drawn(), "|");
+    EXPECT_EQ(log.take(), "Slot time out: user1\n");
+
+    // A user who isn't connected, and no room to call him.
+    allAsk(2, 4);
+    made[3]->end();
+    clientApp.socketPool.count = 45;
+    ASSERT_TRUE(made[1]->hear(opcode(86)));
+    EXPECT_EQ(drawn(), "3 4 |");
+    for (int minute = 0; minute < 3; ++minute) {
+        log.take();
+        uploadPool.tick(60'000);
+        EXPECT_EQ(log.take().find("tellPeer"), std::string::npos);
+        uploadPool.tick(1);
+        EXPECT_NE(log.take().find("UploadSlot::tellPeer() 10.0.0.4,4662\nCan't accept more connections.\n"),
+                  std::string::npos);
+    }
+    // On its way: that is waited for like any other.
+    clientApp.socketPool.count = 0;
+    uploadPool.tick(60'001);
+    uploadPool.tick(120'000);
+    uploadPool.connectFailed(addressOf(4), 4661);
+    EXPECT_EQ(drawn(), "4 |");
+    uploadPool.connectFailed(addressOf(4), 4662);
+    EXPECT_EQ(drawn(), "|");
+}
+
+TEST_F(UploadPoolTest, WhoGoesOrCannotBeReachedIsForgottenAndHisPlaceIsGiven) {
+    allAsk(1, 3);
+    ASSERT_TRUE(made[0]->hear(requestFor(file, {{0, 10}})));
+    made[0]->end();
+    EXPECT_EQ(drawn(), "2 3 |");
+    EXPECT_EQ(made[2]->sent(), Answers{slotGranted});
+    for (const Ref<TestPeer>& peer : made) peer->end();
+    EXPECT_EQ(drawn(), "|");
+    // Both sides firewalled.
+    preferences.setClientId(5);
+    TestPeer& low = stranger(4);
+    ASSERT_TRUE(low.hear(opcode(
+        1, "\x10" + bytesOf(hashOf(4)) + le32(77) + le16(4662) + le32(0) + le32(addressOf(9)) + le16(4661))));
+    peers.remove(&low);
+    ASSERT_TRUE(low.hear(opcode(84)));
+    uploadPool.callbackFailed(addressOf(8), 77);
+    EXPECT_EQ(drawn(), "4 |");
+    uploadPool.tick(1);
+    EXPECT_EQ(drawn(), "|");
+    ASSERT_TRUE(low.hear(opcode(84)));
+    uploadPool.callbackFailed(addressOf(9), 77);
+    EXPECT_EQ(drawn(), "|");
+}
+
+}  // namespace
