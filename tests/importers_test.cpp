@@ -4,8 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <span>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -89,15 +89,14 @@ TEST_F(Importers, KnowFilesByTheirNames) {
     for (const auto& [endings, tags] : rows) {
         std::istringstream words(endings);
         for (std::string ending; words >> ending;) {
-            std::string expected = tags;
-            if (const std::size_t at = tags.find('%'); at != std::string::npos)
-                expected.replace(at, 1, ending);
-            EXPECT_EQ(import("Max: a\\b." + ending, "no such file"), expected) << ending;
+            const std::string expected =
+                tags.empty() ? "" : std::string(tags).replace(tags.find('%'), 1, ending);
+            EXPECT_EQ(import("Max: a\\b." + ending, "no such file"), expected);
         }
     }
     EXPECT_EQ(import("photo.jpg", ""), "Type=Image|Format=jpeg|Artist=|");
     EXPECT_EQ(import("A.ZIP", ""), "Type=Pro|Format=zip|");
-    for (const char* name : {".zip", "zip", "azip", "a.zip "}) EXPECT_EQ(import(name, ""), "") << name;
+    for (const char* name : {".zip", "zip", "azip", "a.zip "}) EXPECT_EQ(import(name, ""), "");
     FileMeta meta;
     EXPECT_FALSE(importers_.importFile(meta, home_.file("gone.zip").c_str(), "gone.zip"));
     // A directory opens but can't be read.
@@ -124,30 +123,27 @@ std::string told(const std::string& bytes) {
            std::to_string(info.frameCount()) + " frames, " + text[2];
 }
 
-// Layer III is what encoders make here too; the other layers have tables of their own.
+// Of each version and layer with tables of its own; a constant rate tells the length, as far as 4 GB go.
 TEST(MP3Info, FrameHeaders) {
     const std::pair<u32, const char*> table[] = {
         {stereo128, "MPEG 1 Layer III, Stereo, 128 kbit/s, 2392 frames, 01:02"},
         {0xFFF39040, "MPEG 2 Layer III, Joint Stereo, 80 kbit/s, 1914 frames, 01:40"},
         {0xFFE31880, "MPEG 2.5 Layer III, Dual Channel, 8 kbit/s, 6944 frames, 16:40"},
         {0xFFFDE400, "MPEG 1 Layer II, Stereo, 384 kbit/s, 868 frames, 00:20"},
-        {0xFFFFE800, "MPEG 1 Layer I, Stereo, 448 kbit/s, 5952 frames, 00:17"},
+        {0xFFFFE8C0, "MPEG 1 Layer I, Single Channel, 448 kbit/s, 5952 frames, 00:17"},
         {0xFFF7E003, "MPEG 2 Layer I, Stereo, 256 kbit/s, 7177 frames, 00:31"},
         {0xFFF5E000, "MPEG 2 Layer II, Stereo, 160 kbit/s, 957 frames, 00:50"},
     };
     for (const auto& [header, text] : table) EXPECT_EQ(told(audioFile(header, 1'000'000)), text);
     for (const u32 invalid : {0xFFDB9000U, 0xFEFB9000U, 0xFFEB9000U, 0xFFF99000U, 0xFFFB0000U, 0xFFFBF000U,
-                              0xFFFB9C00U, 0xFFFB9002U}) {
+                              0xFFFB9C00U, 0xFFFB9002U})
         EXPECT_EQ(told(audioFile(invalid, 1000)), "");
-    }
     MP3Info info;
     info.header = 0xFFF31000;  // 8 kbit/s
-    for (const auto& [size, length] : {std::pair{3'599'999U, "59:59"}, {0xFFFFFFFFU, "1193:02:47"}}) {
-        char text[32];
-        info.fileSize = size;
-        info.lengthText(text, sizeof text);
-        EXPECT_STREQ(text, length);
-    }
+    info.fileSize = 0xFFFFFFFF;
+    char text[32];
+    info.lengthText(text, sizeof text);
+    EXPECT_STREQ(text, "1193:02:47");
 }
 
 // An ID3v2 block of `size` bytes behind its header. It begins like a text in UTF-16, and like a frame of
@@ -358,32 +354,23 @@ TEST_F(MediaFiles, SearchesByTypeFindThem) {
     std::filesystem::create_directory(home_.file("shared"));
     run("ffmpeg -y" + sound + " 'shared/owl call.mp3'");
     run(picture + "5:duration=10 -f avi 'shared/owl night.divx'");
-    for (const char* ending : {"mp3", "divx", "bin"})
-        writeFile(home_.file("shared/owl noise.") + ending,
-                  "neither audio nor video: " + std::string(ending));
+    for (const std::string ending : {"mp3", "divx"})
+        writeFile(home_.file("shared/owl noise.") + ending, "neither audio nor video: " + ending);
     IndexServerProcess index;
     Client sharer("sharer", index);
     Client seeker("seeker", index);
-    sharer.start();
-    sharer.logOn();
-    sharer.share(home_.file("shared"), index);
-    seeker.start();
-    seeker.logOn();
-    const std::pair<const char*, std::set<std::string>> searches[] = {
-        {"s owl", {"call.mp3", "night.divx", "noise.mp3", "noise.divx", "noise.bin"}},
-        {"s owl -Audio", {"call.mp3"}},
-        {"s owl -Video", {"night.divx"}}};
-    for (const auto& [line, expected] : searches) {
-        EXPECT_TRUE(eventually([&, line = line, expected = expected] {
-            if (!seeker.type(line, "Results returned\n")) return false;
-            const std::string results = seeker.view("vr", "> ");
-            std::set<std::string> found;
-            for (std::size_t at = 0; (at = results.find(") owl ", at)) != std::string::npos; ++at)
-                found.insert(results.substr(at + 6, results.find('\t', at) - at - 6));
-            return found == expected;
-        })) << line;
+    for (Client* client : {&sharer, &seeker}) {
+        client->start();
+        client->logOn();
     }
-    seeker.quit();
+    sharer.share(home_.file("shared"), index);
+    for (const auto& [search, name] :
+         {std::pair{"s owl -Audio", "(1) owl call.mp3\t"}, {"s owl -Video", "(1) owl night.divx\t"}}) {
+        ASSERT_TRUE(seeker.type(search, "Results returned\n"));
+        const std::string results = seeker.view("vr", "> ");
+        EXPECT_NE(results.find(name), std::string::npos) << results;
+        EXPECT_EQ(results.find("(2)"), std::string::npos) << results;
+    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -121,10 +122,10 @@ class Sharing : public testing::Test, public HashDuties {
         return paths;
     }
     FileMeta* knownAs(const std::string& name) const {
-        for (FileMeta* file : knownFiles.snapshot()) {
-            if (file->getName() == name) return file;
-        }
-        return nullptr;
+        const std::vector<FileMeta*> all = knownFiles.snapshot();
+        const auto at =
+            std::find_if(all.begin(), all.end(), [&](FileMeta* file) { return file->getName() == name; });
+        return at == all.end() ? nullptr : *at;
     }
 
     TemporaryDirectory home;
@@ -263,17 +264,16 @@ TEST_F(Sharing, WhatCantBeSharedIsPassedOverAndSaid) {
 }
 
 TEST_F(Sharing, AFileThatChangesBeforeItIsReadIsNotShared) {
-    for (const char* name : {"vanishes", "grows", "shrinks"})
-        writeFile(dir + "/" + name, "content of "s + name);
+    const char* const names[] = {"vanishes", "grows", "shrinks"};
+    for (const char* name : names) writeFile(dir + "/" + name, "content");
     events.meanwhile = [&](const std::string& name) {
         if (name == "vanishes") fs::remove(dir + "/vanishes");
-        if (name == "grows") writeFile(dir + "/grows", "content of a file that grows");
+        if (name == "grows") writeFile(dir + "/grows", "content, and more");
         if (name == "shrinks") fs::resize_file(dir + "/shrinks", 3);
     };
     hash({dir});
     const std::string text = events.take();
-    for (const char* name : {"vanishes", "grows", "shrinks"})
-        EXPECT_THAT(text, HasSubstr("ERROR: Couldn't hash "s + name + "\n"));
+    for (const char* name : names) EXPECT_THAT(text, HasSubstr("ERROR: Couldn't hash "s + name + "\n"));
     EXPECT_EQ(knownFiles.count() + sharedFiles.count(), 0U);
     events.meanwhile = nullptr;
     hash({dir});
@@ -284,7 +284,8 @@ TEST_F(Sharing, AFileThatChangesBeforeItIsReadIsNotShared) {
     std::size_t before = 0;
     events.meanwhile = [&](const std::string& name) {
         if (name != "new") return;
-        for (const char* other : {"grows", "shrinks"}) fs::remove(dir + "/" + other);
+        fs::remove(dir + "/grows");
+        fs::remove(dir + "/shrinks");
         before = paths().size();
     };
     hash({dir});
