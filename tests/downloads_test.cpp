@@ -230,31 +230,6 @@ TEST_F(DownloadPool, TakesEachFileOnceAndNoneThatIsShared) {
     EXPECT_EQ(dlPool.count(), 0);
 }
 
-TEST_F(DownloadPool, FindsALoadedDownloadOnceItIsVerified) {
-    const RemoteFile file("a", PARTSIZE + 10);
-    give(*add(file), file, 0, PARTSIZE);
-    giveHashSet(*dlPool.find(file.record.hash), file.parts);
-    for (const bool readable : {true, false}) {
-        restart();
-        const Ref<Download> download = dlPool.findByRecord(file.record.hash);
-        ASSERT_TRUE(download);
-        EXPECT_FALSE(dlPool.find(file.record.hash));
-        EXPECT_FALSE(dlPool.find(MD4Hash())) << "nor by the hash that it still shows";
-        download->verify([] { return true; });
-        EXPECT_EQ(download->getStatus(), DL_STATUS_HASHING) << "given up";
-        const std::string data = dataFileOf(*download);
-        if (!readable) std::filesystem::resize_file(data, 100);
-        log.take();
-        download->verify({});
-        handleMessages();
-        EXPECT_EQ(!!dlPool.find(file.record.hash), readable);
-        EXPECT_EQ(download->getStatus(), readable ? DL_STATUS_QUEUED : DL_STATUS_ERROR_HASHING);
-        EXPECT_EQ(log.take().find("ERROR file couldn't be hashed: a \n") == 0, !readable);
-        EXPECT_EQ(dlPool.count(), readable ? 1 : 0);
-        EXPECT_TRUE(exists(data) && exists(data + ".met")) << "whatever it was";
-    }
-}
-
 TEST_F(DownloadPool, StartsASourceEveryHalfSecondWhileTheLineHasRoom) {
     dlPool.sourceStarted();
     dlPool.tick(499);

@@ -200,17 +200,27 @@ TEST_F(PartialFiles, AreFoundAgainAndTheirPartsVerified) {
     restart();
     clientApp.shared.clear();
     download = dlPool.findByRecord(file.record.hash);
+    const std::string data = dataFileOf(*download);
     // Meanwhile somebody has changed a byte of the second part.
-    std::fstream(dataFileOf(*download), std::ios::in | std::ios::out).seekp(PARTSIZE + 5) << "?!";
+    std::fstream(data, std::ios::in | std::ios::out).seekp(PARTSIZE + 5) << "?!";
+    download->verify([] { return true; });
+    EXPECT_EQ(download->getStatus(), DL_STATUS_HASHING) << "given up";
+    EXPECT_FALSE(dlPool.find(file.record.hash) || dlPool.find(MD4Hash()))
+        << "not to be found by its hash yet";
     verifyLoaded(file);
+    EXPECT_TRUE(dlPool.find(file.record.hash));
     EXPECT_EQ(verified(*download), "100");
     EXPECT_EQ(gaps(download->partial()), "9728000-19456010");
     EXPECT_FALSE(download->partial().partHashesKnown()) << "they are asked for again all the same";
     EXPECT_TRUE(shared(file));
-    dlPool.tick(500);
-    download->tick(1);
-    give(*download, file, PARTSIZE, file.size());
-    EXPECT_TRUE(completes(download, file));
+    // What is shortened while it is verified can't be.
+    restart();
+    fs::resize_file(data, 100);
+    log.take();
+    verifyLoaded(file);
+    EXPECT_THAT(log.take(), testing::StartsWith("ERROR file couldn't be hashed: a \n"));
+    EXPECT_EQ(dlPool.count(), 0);
+    EXPECT_TRUE(exists(data) && exists(data + ".met"));
 }
 
 TEST_F(PartialFiles, ThatCannotBeLoadedAreNamedAndLeftAlone) {
