@@ -1,5 +1,5 @@
-// Downloads: what each does in its states, and which bytes it asks for next; the pool, which decides who gets in,
-// who may start, what fits onto the disk and what is saved; collections, which bring many of them.
+// Downloads: what each does in its states, and which bytes it asks for next; the pool, which decides who gets
+// in, who may start, what fits onto the disk and what is saved; collections, which bring many of them.
 #include <gmock/gmock.h>
 
 #include <functional>
@@ -150,6 +150,9 @@ TEST_F(DownloadStates, AvailabilityIsWholeOnlyWhenNothingIsLacking) {
     progress.addSource({999, 1000});
     EXPECT_EQ(download->availabilityPercent(), 100);
     EXPECT_EQ(make(0)->availabilityPercent(), 100);
+    const Ref<Download> large = make(4'294'967'295);
+    large->progress().addSource({1, 4'294'967'295});
+    EXPECT_EQ(large->availabilityPercent(), 99);
 }
 
 // --- which chunk next: the part, the start within it, the length

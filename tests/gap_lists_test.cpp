@@ -85,6 +85,7 @@ std::vector<i32> eachByte(GapCounterList& list) {
     std::vector<i32> bytes;
     const i4_guard guard(list);
     for (GapCounterList::Cursor c; const GapCounter* run = list.next(c);) {
+        if (bytes.size() == size) break;
         EXPECT_EQ(run->start, static_cast<i64>(bytes.size()));
         EXPECT_TRUE(bytes.empty() || bytes.back() != run->count) << "joined";
         bytes.resize(static_cast<std::size_t>(run->end), run->count);
@@ -107,8 +108,13 @@ TEST(GapListsTest, AgreeWithACountForEachByte) {
         GapList gaps;
         gaps.append({0, size});
         GapCounterList list;
-        list.setSize(size);
         std::vector<i32> counts(size);
+        if (seed % 2 == 0) {  // runs that have come from elsewhere, and one more behind them
+            GapCounterList first;
+            first.setSize(size);
+            first.copyTo(list);
+        }
+        list.setSize(size);
         for (int i = 0; i < 300; ++i) {
             SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(i));
             const auto start = static_cast<i64>(random() % size);

@@ -1,5 +1,5 @@
-// What the importers tell of a file: by its name, and by what stands in audio and video files, sound or not. Files
-// that real encoders made are compared with what ffprobe says of them, and found by their type.
+// What the importers tell of a file: by its name, and by what stands in audio and video files, sound or not.
+// Files that real encoders made are compared with what ffprobe says of them, and found by their type.
 #include <gtest/gtest.h>
 
 #include <cstdio>

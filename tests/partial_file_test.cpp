@@ -153,6 +153,8 @@ TEST_F(PartialFiles, LeaveNothingBehindWhenTheyAreCancelled) {
     give(*download, file, 0, 1000);
     EXPECT_EQ(download->partial().readData(got, 500, 1000), PartialFile::Read::ok);
     EXPECT_EQ(download->partial().readData(got, 501, 1001), PartialFile::Read::unavailable);
+    download->partial().publish();
+    ASSERT_TRUE(shared(file));
     download->cancel();
     EXPECT_EQ(download->partial().readData(got, 0, 500), PartialFile::Read::gone);
     dlPool.republish();
@@ -337,7 +339,8 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhenTheDiskIsFull) {
     EXPECT_TRUE(completes(download, file));
 }
 
-// A child fetches the file, but for its end, and saves after every second piece; it is killed at fifty moments.
+// A child fetches the file, but for its end, and saves after every second piece; it is killed at fifty
+// moments.
 using KilledDownloads = PartialFiles;
 
 TEST_F(KilledDownloads, ComeBackWithEveryPartThatWasVerifiedAtTheLastSave) {

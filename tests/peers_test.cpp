@@ -1,5 +1,5 @@
-// Every message between clients: the bytes that go out, what comes in, and what strangers make of either; friends and
-// their files, and who may open a call.
+// Every message between clients: the bytes that go out, what comes in, and what strangers make of either;
+// friends and their files, and who may open a call.
 #include <functional>
 
 #include "peer/Call.h"

@@ -6,19 +6,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <mutex>
 #include <thread>
 
 #include "app/Preferences.h"
 #include "app/StringTable.h"
-#include "download/HashThread.h"
-#include "download/ShareList.h"
 #include "i4min/memory/error.h"
-#include "i4min/threads/linux/semaphore.h"
-#include "import/ImporterList.h"
-#include "meta/FileList.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/SharedFiles.h"
 #include "tests/support/bytes.h"
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
@@ -63,7 +58,7 @@ std::string dirsOf(const ShareList& list) {
 }
 
 // A HashThread at work in a directory of its own, without an application; `dir` is there to be shared.
-class Sharing : public testing::Test, public HashDuties {
+class Sharing : public testing::Test, public SharedFiles {
   protected:
     Sharing() {
         stringTable.reload("");
@@ -72,27 +67,6 @@ class Sharing : public testing::Test, public HashDuties {
         preferences.setIncoming(home.file("incoming").c_str());
         fs::create_directory(dir);
     }
-    ~Sharing() override {
-        thread.stop();
-        knownFiles.deleteAll();
-    }
-    FileList& known() override { return knownFiles; }
-    FileList& shared() override { return sharedFiles; }
-    ShareList& shareDirs() override { return directories; }
-    void addSharedFile(FileMeta* file) override {
-        sharedFiles.add(file);
-        knownFiles.add(file);
-    }
-    void changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) override {
-        knownFiles.change(file, [&](FileMeta&) { sharedFiles.change(file, change); });
-    }
-    bool importFile(FileMeta& file, const char* path, const char* name) override {
-        if (onImport) onImport();
-        return importers.importFile(file, path, name);
-    }
-    void verify(const Ref<Download>&, const GiveUp& giveUp) override { onVerify(giveUp); }
-    void publish() override { published.signal(); }
-
     // Ends when a run over these directories, for which the shared list starts empty, has ended.
     void hash(const std::vector<std::string>& dirs) {
         events.takeNames();
@@ -132,14 +106,7 @@ class Sharing : public testing::Test, public HashDuties {
     TemporaryDirectory home;
     const std::string dir = home.file("dir");
     HashEvents events;
-    FileList knownFiles{LockRank::knownFiles};
-    FileList sharedFiles{LockRank::sharedFiles};
-    ShareList directories;
-    ImporterList importers;
-    std::function<void()> onImport;
-    std::function<void(const GiveUp& giveUp)> onVerify;
     i4_semaphore reading;
-    i4_semaphore published;  // one signal for each run that came to its end
     HashThread thread{*this};
 };
 

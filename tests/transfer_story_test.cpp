@@ -1,5 +1,5 @@
-// Two clients and an index server: what one shares the other finds and fetches, smoothly or not; and transfers between
-// several clients.
+// Two clients and an index server: what one shares the other finds and fetches, smoothly or not; and
+// transfers between several clients.
 #include <gtest/gtest.h>
 
 #include <fstream>

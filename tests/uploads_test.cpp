@@ -1,5 +1,5 @@
-// Uploads: who may download from this client, by the rule, the queue, the slots and their time-outs; and a running
-// transfer, what it sends for which request and how fast it thinks it is.
+// Uploads: who may download from this client, by the rule, the queue, the slots and their time-outs; and a
+// running transfer, what it sends for which request and how fast it thinks it is.
 #include <tuple>
 
 #include "peer/PartUpload.h"
