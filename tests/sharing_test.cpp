@@ -248,12 +248,13 @@ TEST_F(Sharing, AFileThatChangesBeforeItIsReadIsNotShared) {
     EXPECT_THAT(paths(), UnorderedElementsAre(dir + "/grows", dir + "/shrinks")) << "the next run finds them";
 
     // Nor is a listing believed that has grown old over the reading of a file.
+    for (const char* name : {"a", "b", "c", "d"}) writeFile(dir + "/" + name, name);
+    hash({dir});
     writeFile(dir + "/new", "has to be read");
     std::size_t before = 0;
     events.meanwhile = [&](const std::string& name) {
         if (name != "new") return;
-        fs::remove(dir + "/grows");
-        fs::remove(dir + "/shrinks");
+        for (const char* other : {"a", "b", "c", "d", "grows", "shrinks"}) fs::remove(dir + "/" + other);
         before = paths().size();
     };
     hash({dir});
