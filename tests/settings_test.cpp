@@ -229,7 +229,7 @@ TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
         f32 up, down, becomes;  // limits and the download limit in the end; 0 is none
     } thenDown[] = {{4, 20, 12}, {4, 14, 14}, {4, 16, 16}, {4, 0, 12},    {8, 0, 32},
                     {8, 33, 32}, {8, 32, 32}, {10, 0, 0},  {10, 500, 500}},
-      thenUp[] = {{4, 100, 12}, {4, 12, 12}, {5, 100, 20}, {9, 100, 36}, {10, 100, 100}, {-5, 12, 12}};
+      thenUp[] = {{4, 13, 12}, {4, 12, 12}, {5, 100, 20}, {9, 37, 36}, {10, 100, 100}, {-5, 12, 12}};
     for (const auto& [up, down, becomes] : thenDown) {
         Preferences settings;
         settings.setMaxUp(up);
