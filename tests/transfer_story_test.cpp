@@ -188,12 +188,10 @@ void layPart(const Client& client, const std::string& bytes, const FileMeta& who
     u32 gaps = 0;
     for (const auto& [from, to] : {std::pair{std::size_t{0}, start}, {end, bytes.size()}}) {
         if (from == to) continue;
-        const std::pair<const char*, u32> tags[] = {{"\t", static_cast<u32>(from)},
-                                                    {"\n", static_cast<u32>(to)}};
-        for (const auto& [name, value] : tags) {
-            record.addTag(MetaTag::makeTag(META_TAG_INT, (name + std::to_string(gaps)).c_str(), &value));
-        }
-        ++gaps;
+        const u32 ends[] = {static_cast<u32>(from), static_cast<u32>(to)};
+        const std::string number = std::to_string(gaps++);
+        for (int i = 0; i < 2; ++i)
+            record.addTag(MetaTag::makeTag(META_TAG_INT, ((i ? "\n" : "\t") + number).c_str(), &ends[i]));
     }
     const std::unique_ptr<i4_file> file =
         i4_open_exact(client.file("temp/1.part.met").c_str(), I4_FILE_WRITE | I4_FILE_TRUNCATE);

@@ -254,13 +254,13 @@ TEST_F(UploadPoolTest, WhoHasCrossedIntoAnotherPartMakesWay) {
     std::filesystem::resize_file(large.path.c_str(), 2 * PARTSIZE);
     allAsk(1, 2);
     // With nobody waiting, a transfer goes on unchallenged.
-    transfers(*made[0], large.hash, PARTSIZE - 10, PARTSIZE);
-    EXPECT_TRUE(made[0]->hear(requestFor(large.hash, {{PARTSIZE, PARTSIZE + 100'000}})));
+    transfers(*made[0], large.hash, PARTSIZE, PARTSIZE + 10);
+    EXPECT_TRUE(made[0]->hear(requestFor(large.hash, {{0, 100'000}})));
     allAsk(3, 3);
     answers(*made[1], requestFor(file, {{0, 10}}));
     EXPECT_EQ(drawn(), "| 3");
     // Now that somebody waits, it may be ended, and its place counts as free.
-    EXPECT_TRUE(made[0]->hear(requestFor(large.hash, {{0, 100'000}})));
+    EXPECT_TRUE(made[0]->hear(requestFor(large.hash, {{PARTSIZE, PARTSIZE + 100'000}})));
     allAsk(4, 5);
     EXPECT_EQ(drawn(), "4 | 3 5");
     made[0]->sent();
