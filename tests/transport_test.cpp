@@ -419,9 +419,11 @@ class Simulated : public Connection {
     void doTask(SocketPool*) override {
         order_ += name_;
         bytesSent.add(static_cast<u32>(std::min(toSend, sendBudget)));
+        bytesReceived.add(static_cast<u32>(std::min(toReceive, recvBudget)));
     }
     bool ready = true;
     i32 toSend = 0;
+    i32 toReceive = 0;
     int ended = 0;
 
   protected:
@@ -437,8 +439,17 @@ struct OpenedPool : STSocketPool {
     using STSocketPool::runTurns;
 };
 
+struct OpenedLine : ABSocketPool {
+    using ABSocketPool::elapsed;
+    using ABSocketPool::processChanges;
+    using ABSocketPool::turns;
+};
+
 struct TurnsTest : testing::Test {
-    ~TurnsTest() override { sendBudget = unlimitedBudget; }
+    ~TurnsTest() override {
+        sendBudget = unlimitedBudget;
+        preferences.maxUpSpeed = preferences.maxDownSpeed = 5.0F;
+    }
     Ref<Simulated> make(char name) { return Ref<Simulated>(new Simulated(name, order)); }
 
     CapturedLog log;
@@ -503,6 +514,53 @@ TEST(LineTest, IsEstimated) {
     EXPECT_FLOAT_EQ(ABSocketPool::adjust(2.0F, 9, 0, 12), 12);
 }
 
+TEST_F(TurnsTest, TheLineIsMeasuredByGivingSomePriority) {
+    OpenedLine pool;
+    const auto turn = [&] {
+        order.clear();
+        pool.turns();
+        return order;
+    };
+    for (const auto& one : all) pool.addConnection(one.get());
+    pool.processChanges();
+    pool.elapsed(300'000);
+    all[0]->bytesSent = 99;
+    pool.elapsed(1);  // the baseline begins
+    EXPECT_EQ(all[0]->bytesSent, 0U);
+    all[0]->bytesSent = 180'000;
+    all[1]->bytesSent = 90'000;
+    all[2]->bytesReceived = 90'000;
+    pool.elapsed(45'001);  // a and c have priority from now on, b doesn't
+    EXPECT_EQ(turn(), "ac");
+    all[0]->ready = all[2]->ready = false;
+    all[1]->toSend = all[3]->toReceive = 1000;
+    sendBudget = 10'000;
+    EXPECT_EQ(turn(), "bd");
+    EXPECT_EQ(all[1]->bytesSent, 256U);
+    EXPECT_EQ(all[3]->bytesReceived, 256U);
+    EXPECT_EQ(sendBudget, unlimitedBudget);
+
+    // With priority a sends no faster, so the line carries more than the total; c receives 90,000 / 45,001
+    // without and 180,000 / 45,001 with priority, so the line is full.
+    preferences.maxUpSpeed = 5.0F;
+    preferences.maxDownSpeed = 100.0F;
+    all[0]->bytesSent = 180'000;
+    all[2]->bytesReceived = 180'000;
+    all[1]->bytesSent = 90'000;
+    pool.elapsed(45'001);
+    EXPECT_NEAR(preferences.maxUpSpeed, 270'000 / 45'001.0 * 9 / 8, 0.01);
+    EXPECT_NEAR(preferences.maxDownSpeed, 100 - (100 - 180'256 / 45'001.0) / 3, 0.01);
+
+    // Without rivals the estimate rises at once.
+    pool.elapsed(300'001);
+    all[0]->bytesSent = 4'500'000;
+    pool.elapsed(45'001);
+    EXPECT_NEAR(preferences.maxUpSpeed, 100, 0.1);
+    all[0]->bytesSent = 45'000'000;
+    pool.elapsed(45'001);  // idle again: nothing is due
+    EXPECT_NEAR(preferences.maxUpSpeed, 100, 0.1);
+}
+
 // How many KB/s a counter of bytes goes up by, over a quarter of a million.
 double rateOf(const Relaxed<u32>& bytes) {
     const u32 first = bytes;
@@ -538,6 +596,14 @@ TEST_F(ConversationTest, ASpeedLimitHoldsAndLeavesTheOtherDirectionAlone) {
     reader.join();
     writer.join();
     preferences.userMaxDownF = 0.0F;
+}
+
+TEST(SocketPoolTest, TheBasePoolHandsTurnsToItsWorkers) {
+    OpenDoor<SocketPool> open;
+    Caller caller(open.port);
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(caller.echoes("hello"));
+    caller.close();
+    EXPECT_TRUE(open.allGone(1));
 }
 
 }  // namespace
