@@ -3,7 +3,6 @@
 #include <cerrno>
 
 #include "app/UIInterface.h"
-#include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
 #include "i4min/network/socket.h"
 #include "i4min/threads/linux/i4_time.h"
@@ -19,7 +18,7 @@ bool descriptorsRanOut(int error) {
 
 }  // namespace
 
-DoorTask::DoorTask(SocketPool* pool, u32 openPort) : Connection(nullptr, pool), doorPort(openPort) {}
+DoorTask::DoorTask(SocketPool* pool, u32 openPort) : Endpoint(pool, "Door"), doorPort(openPort) {}
 
 bool DoorTask::canAccept() { return true; }
 
@@ -32,10 +31,7 @@ bool DoorTask::listen(i32 timeout_ms) {
             "Can't Listen for connections. Please adjust your proxy settings in the options tab.");
         return false;
     }
-    made->set_blocking(false);
-    if (const std::unique_ptr<i4_address> local = made->local_address()) localPort_ = local->get_port();
-    setOwnSocket(std::move(made));
-    pool()->addConnection(this);
+    join(std::move(made));
     return true;
 }
 
@@ -46,36 +42,16 @@ u32 DoorTask::wantedEvents() {
     return resting_ ? I4_SELECT_ERROR : I4_SELECT_READ | I4_SELECT_ERROR;
 }
 
-bool DoorTask::isReady() {
-    if (isBusy()) return false;
-    if (isClosing()) return Connection::isReady();
-    if (!pool()->set() || !socket()) return false;
-    lastEvents_ = socket()->check_in_set(*pool()->set(), I4_SELECT_READ | I4_SELECT_ERROR);
+bool DoorTask::takesTurn() {
     if (lastEvents_ & I4_SELECT_ERROR) {
         setBusy(true);
         pool()->removeConnection(this);
         return false;
     }
-    if (!(lastEvents_ & I4_SELECT_READ) || resting_) return false;
-    setBusy(true);
-    return true;
+    return (lastEvents_ & I4_SELECT_READ) && !resting_;
 }
 
-void DoorTask::doTask(SocketPool* pool) {
-    const Ref<DoorTask> self(this);
-    if (isClosing()) {
-        pool->removeConnection(this);
-        return;
-    }
-    try {
-        acceptOne(*pool);
-    } catch (const i4_err&) {
-        theLog->printVerbose("*** Exception in Door\n");
-    }
-    setBusy(false);
-}
-
-void DoorTask::acceptOne(SocketPool& pool) {
+void DoorTask::turn(SocketPool& pool) {
     std::unique_ptr<i4_socket> accepted;
     errno = 0;
     if (!socket()->accept(accepted)) {

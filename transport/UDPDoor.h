@@ -7,19 +7,16 @@
 #include "i4min/file/file.h"
 #include "i4min/memory/types.h"
 #include "i4min/network/address.h"
-#include "transport/Connection.h"
+#include "transport/Endpoint.h"
 #include "transport/UDPPacket.h"
 
 // A bound socket for datagrams that can reply to their sender.
-class UDPDoor : public Connection {
+class UDPDoor : public Endpoint {
   public:
     UDPDoor(SocketPool* pool, u32 openPort);
 
     // Binds the port and joins the pool; false, and said so, where that fails.
     bool open(i32 timeout_ms);
-    u32 localPort() const { return localPort_; }
-    void doTask(SocketPool* pool) override;
-    bool isReady() override;
 
     const u32 doorPort;
 
@@ -33,10 +30,11 @@ class UDPDoor : public Connection {
     // Sends that many bytes of outBuffer_ to the sender of the datagram being handled.
     void reply(u32 length);
 
+    bool takesTurn() override;
+    void turn(SocketPool& pool) override;
+    void turnEnded() override;
+
     std::unique_ptr<i4_address> from_;
     i4_ram_file_class inBuffer_;
     i4_ram_file_class outBuffer_;
-
-  private:
-    Relaxed<u32> localPort_;
 };
