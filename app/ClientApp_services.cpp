@@ -14,16 +14,6 @@
 #include "server/ServerPool.h"
 #include "transport/ConnectRegistry.h"
 
-namespace {
-
-std::unique_ptr<FileMeta> copyOf(const FileMeta& file) {
-    auto copy = std::make_unique<FileMeta>();
-    copy->copyFrom(&file);
-    return copy;
-}
-
-}  // namespace
-
 void ClientApp::publish() {
     const Ref<MainServer> server = serverPool.mainServer();
     if (!server || !hashThread.isFinished()) return;

@@ -109,7 +109,7 @@ void StringTable::set(u32 number, const char* text) {
     i4_lock guard(lock_);
     Table table = current();
     if (number >= table.size()) return;
-    table[number] = text ? text : "";
+    table[number] = orEmpty(text);
     publish(std::move(table));
 }
 

@@ -72,16 +72,8 @@ void CoreUIInterface::serverStats(u32, u32) {}
 void CoreUIInterface::extending(const char*) {}
 void CoreUIInterface::addResult(FileMeta* file) { delete file; }
 
-void CoreUIInterface::setResults(FileList* list, u8) {
-    if (list) list->deleteAll();
-    delete list;
-}
-
-void CoreUIInterface::gotUserList(UserList* list) {
-    if (list) list->deleteAll();
-    delete list;
-}
-
+void CoreUIInterface::setResults(FileList* list, u8) { const OwnedList<FileList> owned(list); }
+void CoreUIInterface::gotUserList(UserList* list) { const OwnedList<UserList> owned(list); }
 void CoreUIInterface::downloadAdded(Download*) {}
 void CoreUIInterface::downloadRemoved(Download*) {}
 void CoreUIInterface::uploadAdded(Upload*) {}

@@ -79,8 +79,7 @@ void publish(QArgument&) { clientApp.publish(); }
 void addShared(QArgument& argument) {
     const auto* file = carried<std::shared_ptr<FileMeta>>(argument);
     if (!file) return;
-    auto record = std::make_unique<FileMeta>();
-    record->copyFrom(file->get());
+    std::unique_ptr<FileMeta> record = copyOf(**file);
     record->date = (*file)->date;
     clientApp.addSharedFile(record.release());
 }

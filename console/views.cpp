@@ -21,23 +21,20 @@ namespace {
 constexpr const char* priorityNames[] = {"Low", "Normal", "High"};
 constexpr f64 megabyte = 1'048'576.0;
 
-const char* text(const i4_string& string) { return string.isNull() ? "" : string.c_str(); }
-const char* text(const char* string) { return string ? string : ""; }
-
 void printDownload(u32 number, Download& download) {
     const Ref<PartialFile> partial = download.partialRef();
     const u32 size = partial ? partial->fileSize() : 0;
     const u32 transferred = partial ? partial->transferred() : 0;
     const i32 status = download.getStatus();
     const i32 priority = download.priority;
-    theLog->printLine("(%u) %s:", number, text(download.getName()));
+    theLog->printLine("(%u) %s:", number, orEmpty(download.getName()));
     theLog->printLine("\t\t%s\t%uk\t%uk\t%.2f\t%d%%\t%s", stringTable.get(static_cast<u32>(status)),
                       size / 1024, transferred / 1024, static_cast<f64>(download.speed),
                       download.availabilityPercent(), priorityNames[priority]);
 }
 
 void printUser(u32 number, const UserMeta& user) {
-    theLog->printLine("(%u) %s \t(%d:%s)", number, text(user.getName()), static_cast<i32>(user.id),
+    theLog->printLine("(%u) %s \t(%d:%s)", number, orEmpty(user.getName()), static_cast<i32>(user.id),
                       ipToString(user.id).c_str());
 }
 
@@ -63,7 +60,7 @@ void viewSharedDirectories(Servant&, char*) {
     std::vector<i4_string> dirs;
     clientApp.getSharedDirs(dirs);
     u32 number = 0;
-    for (const i4_string& dir : dirs) theLog->printLine("(%u) %s", ++number, text(dir));
+    for (const i4_string& dir : dirs) theLog->printLine("(%u) %s", ++number, orEmpty(dir));
 }
 
 void viewDownloads(Servant&, char*) {
@@ -86,8 +83,8 @@ void viewUploads(Servant&, char*) {
         const i4_guard guard(uploads);
         u32 number = 0;
         for (LL<Upload>::Cursor c; Upload* upload = uploads.next(c);) {
-            theLog->printLine("(%u) %s\t%s\t%.1f", ++number, text(upload->getName()),
-                              text(upload->getPeerName()), static_cast<f64>(upload->speed));
+            theLog->printLine("(%u) %s\t%s\t%.1f", ++number, orEmpty(upload->getName()),
+                              orEmpty(upload->getPeerName()), static_cast<f64>(upload->speed));
         }
     }
     theLog->printLine("Total: %.2f (%.2f)", static_cast<f64>(preferences.curUpSpeed),
@@ -112,14 +109,14 @@ void viewConnections(Servant&, char*) {
     const i4_guard guard(peers);
     u32 number = 0;
     for (LL<Peer>::Cursor c; const Peer* peer = peers.next(c);) {
-        theLog->printLine("(%u) %s", ++number, text(peer->userName()));
+        theLog->printLine("(%u) %s", ++number, orEmpty(peer->userName()));
     }
 }
 
 void viewOptions(Servant&, char*) {
-    theLog->printLine("Name:\t\t\t%s", text(preferences.getName()));
-    theLog->printLine("AdminName:\t\t%s", text(preferences.adminName()));
-    theLog->printLine("AdminPass:\t\t%s", text(preferences.adminPass()));
+    theLog->printLine("Name:\t\t\t%s", orEmpty(preferences.getName()));
+    theLog->printLine("AdminName:\t\t%s", orEmpty(preferences.adminName()));
+    theLog->printLine("AdminPass:\t\t%s", orEmpty(preferences.adminPass()));
     theLog->printLine("AdminPort:\t\t%d", preferences.adminDoorPort.get());
     theLog->printLine("Max Download Speed:\t%.2f", static_cast<f64>(preferences.userMaxDownF));
     theLog->printLine("Max Upload Speed:\t%.2f", static_cast<f64>(preferences.userMaxUpF));
@@ -136,7 +133,7 @@ void viewServerState(Servant&, char*) {
     const u32 id = preferences.clientId();
     theLog->printLine("ClientID: %u (%s)", id, id >= highestLowId ? "open" : "firewalled");
     if (const Ref<MainServer> server = serverPool.mainServer()) {
-        theLog->printLine("Connected to: %s", text(server->getText()));
+        theLog->printLine("Connected to: %s", orEmpty(server->getText()));
         theLog->printLine("   Users: %u    Files: %u", conClientApp.serverUsers.get(),
                           conClientApp.serverFiles.get());
     } else {
@@ -155,6 +152,6 @@ void viewDiskSpace(Servant&, char*) {
     const i4_guard guard(downloads);
     for (LL<Download>::Cursor c; Download* download = downloads.next(c);) {
         const auto megabytes = download->bytesToFill() / 1'048'576;  // whole ones
-        theLog->printLine("(%.2fMB) :\t %s ", static_cast<f64>(megabytes), text(download->getName()));
+        theLog->printLine("(%.2fMB) :\t %s ", static_cast<f64>(megabytes), orEmpty(download->getName()));
     }
 }

@@ -33,12 +33,10 @@ LoadResult Collection::load(const char* path) {
 }
 
 bool Collection::read(i4_file& file) {
-    try {
+    return i4_attempt([&] {
         const i4_string magic(file);
         return self.fromDisk(file) && fromDisk(file);
-    } catch (const i4_err&) {
-        return false;
-    }
+    });
 }
 
 bool Collection::save(const char* path) {
@@ -76,8 +74,6 @@ bool Collection::store() {
 void Collection::fetchAll(MessageQ& queue) {
     const i4_guard guard(*this);
     for (Cursor c; const FileMeta* member = next(c);) {
-        auto copy = std::make_shared<FileMeta>();
-        copy->copyFrom(member);
-        queue.post(MESSAGE_DOWNLOAD, std::move(copy));
+        queue.post(MESSAGE_DOWNLOAD, std::shared_ptr<FileMeta>(copyOf(*member)));
     }
 }

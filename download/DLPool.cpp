@@ -23,8 +23,7 @@ constexpr u32 idleLimit = 120'000;      // ms after which a silent Peer is close
 constexpr f32 leastThreshold = 0.5F;    // KB/s
 
 void sayAbout(u32 number, const FileMeta& file) {
-    const char* name = file.getName();
-    theLog->printLine("%s %s.", stringTable.get(number), name ? name : "");
+    theLog->printLine("%s %s.", stringTable.get(number), orEmpty(file.getName()));
 }
 
 }  // namespace
@@ -142,8 +141,7 @@ void DLPool::measureFreeSpace() {
 void DLPool::add(const FileMeta& meta) {
     if (findByRecord(meta.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, meta);
     if (clientApp.shared.find(meta.hash)) return sayAbout(STRINGS_ALREADY_HAVE, meta);
-    const char* name = meta.getName();
-    theLog->printLine("%s: %s", stringTable.get(STRINGS_DOWNLOADING), name ? name : "");
+    theLog->printLine("%s: %s", stringTable.get(STRINGS_DOWNLOADING), orEmpty(meta.getName()));
     FileMeta record;
     record.copyFrom(&meta);
     Ref<Download> download(new Download);

@@ -18,12 +18,10 @@ void addUnlessThere(std::vector<i4_string>& dirs, const i4_string& path) {
 }  // namespace
 
 bool ShareList::readPaths(i4_file& stream, std::vector<i4_string>& out) {
-    try {
+    return i4_attempt([&] {
         while (stream.tell() != stream.size()) out.emplace_back(stream);
-    } catch (const i4_err&) {
-        return false;
-    }
-    return true;
+        return true;
+    });
 }
 
 void ShareList::writePaths(i4_file& stream, const std::vector<i4_string>& paths) {

@@ -77,5 +77,5 @@ FileList::Details FileList::detailsOf(const FileMeta& file) {
 }
 
 FileList::Details FileList::detailsFor(u32 size, u32 date, const char* name) {
-    return {size, date, std::hash<std::string_view>()(name ? name : "")};
+    return {size, date, std::hash<std::string_view>()(orEmpty(name))};
 }

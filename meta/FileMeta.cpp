@@ -13,14 +13,13 @@ bool FileMeta::toNetwork(i4_file& file) const {
 }
 
 bool FileMeta::fromNetwork(i4_file& file) {
-    try {
+    const bool read = i4_attempt([&] {
         hash = MD4Hash::read(file);
         file.read_32();
         file.read_16();
-    } catch (const i4_err&) {
-        return false;
-    }
-    return Meta::fromNetwork(file);
+        return true;
+    });
+    return read && Meta::fromNetwork(file);
 }
 
 bool FileMeta::toDisk(i4_file& file) {
@@ -28,14 +27,13 @@ bool FileMeta::toDisk(i4_file& file) {
 }
 
 bool FileMeta::fromDisk(i4_file& file) {
-    try {
+    const bool read = i4_attempt([&] {
         date = file.read_32();
         hash = MD4Hash::read(file);
         readPartHashes(file);
-    } catch (const i4_err&) {
-        return false;
-    }
-    return Meta::fromDisk(file);
+        return true;
+    });
+    return read && Meta::fromDisk(file);
 }
 
 void FileMeta::copyFrom(const Meta* other) {

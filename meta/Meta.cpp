@@ -57,10 +57,7 @@ void Meta::copyFrom(const Meta* other) {
 }
 
 MetaTag* Meta::findTag(const char* name) const {
-    for (LL<MetaTag>::Cursor c; MetaTag* tag = tags_.next(c);) {
-        if (tag->isNamed(name)) return tag;
-    }
-    return nullptr;
+    return findIn(tags_, [&](const MetaTag& tag) { return tag.isNamed(name); });
 }
 
 void Meta::addTag(std::unique_ptr<MetaTag> tag) { tags_.add(tag.release()); }
@@ -166,6 +163,6 @@ void Meta::print() const {
         char buffer[255] = "";
         const char* text = tag->printable(buffer, sizeof buffer);
         const char* name = tag->displayName();
-        theLog->printLine("%s: %s", name ? name : "", text ? text : "");
+        theLog->printLine("%s: %s", orEmpty(name), orEmpty(text));
     }
 }

@@ -73,3 +73,11 @@ class Meta : public Serializable {
 
     LL<MetaTag> tags_;
 };
+
+// A record of the same kind with what copyFrom() takes over.
+template <class Record>
+std::unique_ptr<Record> copyOf(const Record& record) {
+    auto copy = std::make_unique<Record>();
+    copy->copyFrom(&record);
+    return copy;
+}

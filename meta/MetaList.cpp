@@ -46,11 +46,7 @@ bool MetaList::toDisk(i4_file& file) {
 }
 
 bool MetaList::fromNetwork(i4_file& file) {
-    try {
-        return readRecords(file, StreamForm::network);
-    } catch (const i4_err&) {
-        return false;
-    }
+    return i4_attempt([&] { return readRecords(file, StreamForm::network); });
 }
 
 bool MetaList::fromDisk(i4_file& file) {

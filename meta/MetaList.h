@@ -111,6 +111,17 @@ class CAPABILITY("list") MetaList : public Serializable {
     u32 count_ = 0;
 };
 
+// Holds a list together with its records, for a list that is passed from hand to hand.
+struct DeletesRecords {
+    template <class List>
+    void operator()(List* list) const {
+        list->deleteAll();
+        delete list;
+    }
+};
+template <class List>
+using OwnedList = std::unique_ptr<List, DeletesRecords>;
+
 // The typed face of a MetaList whose records are all of one kind.
 template <class Record>
 class RecordList : public MetaList {

@@ -23,9 +23,7 @@ void ServerList::addOrUpdate(const ServerMeta* server) {
         listed->copyFrom(server);
         return;
     }
-    auto copy = std::make_unique<ServerMeta>();
-    copy->copyFrom(server);
-    addUnsafe(copy.release());
+    addUnsafe(copyOf(*server).release());
 }
 
 void ServerList::indexChange(Meta* record, const std::function<void()>& change) {

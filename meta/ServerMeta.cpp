@@ -10,15 +10,14 @@ bool ServerMeta::toNetwork(i4_file& file) const {
 }
 
 bool ServerMeta::fromNetwork(i4_file& file) {
-    try {
+    const bool read = i4_attempt([&] {
         u8 unused[16];
         file.readAll(unused, sizeof unused);
         ip = file.read_32();
         port = file.read_16();
-    } catch (const i4_err&) {
-        return false;
-    }
-    if (!Meta::fromNetwork(file)) return false;
+        return true;
+    });
+    if (!read || !Meta::fromNetwork(file)) return false;
     forgetMeasurements();
     return true;
 }
@@ -29,13 +28,12 @@ bool ServerMeta::toDisk(i4_file& file) {
 }
 
 bool ServerMeta::fromDisk(i4_file& file) {
-    try {
+    const bool read = i4_attempt([&] {
         ip = file.read_32();
         port = file.read_16();
-    } catch (const i4_err&) {
-        return false;
-    }
-    if (!Meta::fromDisk(file)) return false;
+        return true;
+    });
+    if (!read || !Meta::fromDisk(file)) return false;
     forgetMeasurements();
     return true;
 }

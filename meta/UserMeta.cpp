@@ -7,14 +7,13 @@ bool UserMeta::toNetwork(i4_file& file) const {
 }
 
 bool UserMeta::fromNetwork(i4_file& file) {
-    try {
+    const bool read = i4_attempt([&] {
         hash = MD4Hash::read(file);
         id = file.read_32();
         port = file.read_16();
-    } catch (const i4_err&) {
-        return false;
-    }
-    return Meta::fromNetwork(file);
+        return true;
+    });
+    return read && Meta::fromNetwork(file);
 }
 
 bool UserMeta::toDisk(i4_file& file) {
@@ -24,14 +23,13 @@ bool UserMeta::toDisk(i4_file& file) {
 }
 
 bool UserMeta::fromDisk(i4_file& file) {
-    try {
+    const bool read = i4_attempt([&] {
         id = file.read_32();
         port = file.read_16();
         hash = MD4Hash::read(file);
-    } catch (const i4_err&) {
-        return false;
-    }
-    return Meta::fromDisk(file);
+        return true;
+    });
+    return read && Meta::fromDisk(file);
 }
 
 void UserMeta::copyFrom(const Meta* other) {

@@ -23,10 +23,7 @@ std::vector<Call*> CallList::calls() {
 }
 
 Call* CallList::findUnsafe(const UserMeta& user) {
-    for (LL<Call>::Cursor c; Call* call = list_.next(c);) {
-        if (call->userHash() == user.hash) return call;
-    }
-    return nullptr;
+    return findIn(list_, [&](const Call& call) { return call.userHash() == user.hash; });
 }
 
 Call* CallList::find(const UserMeta& user) {

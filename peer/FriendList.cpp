@@ -8,7 +8,7 @@
 namespace {
 
 void askPeer(Peer& peer, const char* name) {
-    theLog->printLine("%s %s %s", stringTable.get(STRINGS_ASKING), name ? name : "",
+    theLog->printLine("%s %s %s", stringTable.get(STRINGS_ASKING), orEmpty(name),
                       stringTable.get(STRINGS_FOR_FILE_LIST));
     peer.askSharedFiles();
 }
@@ -40,9 +40,7 @@ void FriendList::addFriend(const UserMeta& user) {
     {
         const i4_guard guard(*this);
         if (findFriend(user)) return;
-        auto known = std::make_unique<UserMeta>();
-        known->copyFrom(&user);
-        addUnsafe(known.release());
+        addUnsafe(copyOf(user).release());
     }
     theUI->friendsChanged();
 }
@@ -67,8 +65,7 @@ void FriendList::askFiles(const UserMeta* wanted) {
         const i4_guard guard(*this);
         asked_.reset();
         if (!wanted) return;
-        asked_ = std::make_unique<UserMeta>();
-        asked_->copyFrom(wanted);
+        asked_ = copyOf(*wanted);
     }
     const UserMeta& user = *wanted;
     if (user.id == 0) {
@@ -135,7 +132,7 @@ bool FriendList::isFriend(const MD4Hash& user) {
     return !user.isZero() && findUnsafe(user);
 }
 
-void FriendList::gotFiles(Peer& peer, std::unique_ptr<FileList> list) {
+void FriendList::gotFiles(Peer& peer, OwnedList<FileList> list) {
     UserMeta user;
     peer.copyUser(user);
     bool expected = false;
@@ -144,11 +141,9 @@ void FriendList::gotFiles(Peer& peer, std::unique_ptr<FileList> list) {
         expected = isAsked(user);
         if (expected) asked_.reset();
     }
-    if (expected) {
-        files_.deleteAll();
-        files_.addAll(*list);
-        list->clear();
-        theUI->friendFiles();
-    }
-    list->deleteAll();
+    if (!expected) return;
+    files_.deleteAll();
+    files_.addAll(*list);
+    list->clear();
+    theUI->friendFiles();
 }

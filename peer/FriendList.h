@@ -28,7 +28,7 @@ class FriendList : public UserList {
     void askFiles(const UserMeta* user);  // message 19; null waits for nobody's any more
     void peerConnected(Peer& peer);
     void peerGone(Peer& peer);
-    void gotFiles(Peer& peer, std::unique_ptr<FileList> list);
+    void gotFiles(Peer& peer, OwnedList<FileList> list);
     bool awaitsFiles(const Peer& peer);  // whether this peer was asked for its files
     bool isFriend(const MD4Hash& user);  // false for a user whose hash isn't known
     // The shared files of the friend who answered last.

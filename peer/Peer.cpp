@@ -318,11 +318,8 @@ bool Peer::tellSharedFiles() {
 bool Peer::gotSharedFiles(i4_file& stream) {
     // A long list costs many times its bytes in memory: it's read only where somebody waits for it.
     if (stream.bytesLeft().value_or(0) > strangerBodyLimit && !friendList.awaitsFiles(*this)) return true;
-    auto list = std::make_unique<FileList>();
-    if (!list->fromNetwork(stream)) {
-        list->deleteAll();
-        return false;
-    }
+    OwnedList<FileList> list(new FileList);
+    if (!list->fromNetwork(stream)) return false;
     friendList.gotFiles(*this, std::move(list));
     return true;
 }

@@ -8,19 +8,10 @@ namespace {
 
 constexpr u32 remembered = 1'800'000;  // ms
 
-// The first entry for which `matches` holds, null if there is none. With the list locked.
-template <class Matches>
-UserMeta* findEntry(const LL<UserMeta>& entries, Matches matches) {
-    for (LL<UserMeta>::Cursor c; UserMeta* entry = entries.next(c);) {
-        if (matches(*entry)) return entry;
-    }
-    return nullptr;
-}
-
 template <class Matches>
 void removeEntry(LLsafe<UserMeta>& entries, Matches matches) {
     const i4_guard guard(entries);
-    UserMeta* entry = findEntry(entries, matches);
+    UserMeta* entry = findIn(entries, matches);
     if (!entry) return;
     entries.removeUnsafe(entry);
     delete entry;
@@ -35,16 +26,15 @@ void RemoteQueueList::note(Peer& peer, u32 now) {
     UserMeta user;
     peer.copyUser(user);
     const i4_guard guard(entries_);
-    UserMeta* entry = findEntry(entries_, [&](const UserMeta& other) { return isThisUser(other, user); });
+    UserMeta* entry = findIn(entries_, [&](const UserMeta& other) { return isThisUser(other, user); });
     if (!entry) {
         // Those that make no difference any more go: over the months there is no end of users.
         const auto isPast = [&](const UserMeta& other) { return now - other.stamp >= remembered; };
-        while (UserMeta* past = findEntry(entries_, isPast)) {
+        while (UserMeta* past = findIn(entries_, isPast)) {
             entries_.removeUnsafe(past);
             delete past;
         }
-        entry = new UserMeta;
-        entry->copyFrom(&user);
+        entry = copyOf(user).release();
         entries_.addUnsafe(entry);
     }
     entry->stamp = now;
@@ -53,7 +43,7 @@ void RemoteQueueList::note(Peer& peer, u32 now) {
 bool RemoteQueueList::isWaiting(const UserMeta& user, u32 now) {
     if (isLowId(user.id)) return false;
     const i4_guard guard(entries_);
-    const UserMeta* entry = findEntry(
+    const UserMeta* entry = findIn(
         entries_, [&](const UserMeta& other) { return other.id == user.id && other.port == user.port; });
     return entry && now - entry->stamp < remembered;
 }

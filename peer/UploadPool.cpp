@@ -24,23 +24,6 @@ constexpr f32 transferShare = 6.0F;     // KB/s of the line for each transfer th
 constexpr u32 leastTransfers = 2;
 constexpr f32 mostTransfers = 1e6F;
 
-std::unique_ptr<UserMeta> copyOf(const UserMeta& user) {
-    auto copy = std::make_unique<UserMeta>();
-    copy->copyFrom(&user);
-    return copy;
-}
-
-// The first element for which `matches` holds, null if there is none.
-template <class T, class Matches>
-T* findIn(const LL<T>& list, Matches matches) {
-    for (typename LL<T>::Cursor c; T* element = list.next(c);) {
-        if (matches(*element)) return element;
-    }
-    return nullptr;
-}
-
-const char* textOf(const char* text) { return text ? text : ""; }
-
 }  // namespace
 
 bool SlotRule::canStart() const {
@@ -71,7 +54,7 @@ void UploadPool::addSlot(const UserMeta& user) {
     auto* slot = new UploadSlot(user);
     slots_.add(slot);
     slot->tellPeer();
-    theUI->slotAdded(slot, textOf(slot->getName()));
+    theUI->slotAdded(slot, orEmpty(slot->getName()));
 }
 
 void UploadPool::removeSlot(UploadSlot* slot) {
@@ -126,7 +109,7 @@ void UploadPool::gotCall(Peer& peer) {
     i4_lock guard(lock_);
     if (!slotOf(peer)) return;
     peer.grantSlot();
-    theLog->printVerbose("UploadPool::gotCall(%s)\n", textOf(peer.getText().c_str()));
+    theLog->printVerbose("UploadPool::gotCall(%s)\n", orEmpty(peer.getText().c_str()));
 }
 
 void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
@@ -178,7 +161,7 @@ Upload* UploadPool::findUpload(const MD4Hash& hash, const Peer& peer) const {
 void UploadPool::replaceOldest() {
     Upload* oldest = replaceable_.first();
     if (!oldest) return;
-    theLog->printVerbose("Queueing: %s\n", textOf(oldest->peer().getText().c_str()));
+    theLog->printVerbose("Queueing: %s\n", orEmpty(oldest->peer().getText().c_str()));
     endLocked(*oldest);
 }
 
@@ -214,7 +197,7 @@ void UploadPool::markReplaceable(Upload& upload) {
 }
 
 void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
-    theLog->printVerbose("UploadPool::stopUpload(%s)\n", textOf(peer.getText().c_str()));
+    theLog->printVerbose("UploadPool::stopUpload(%s)\n", orEmpty(peer.getText().c_str()));
     i4_lock guard(lock_);
     if (Upload* upload = findUpload(hash, peer)) endLocked(*upload);
 }

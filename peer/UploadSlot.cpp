@@ -47,8 +47,7 @@ bool UploadSlot::tick(i32 elapsedMs) {
     elapsed_ += elapsedMs;
     if (elapsed_ <= slotLimit) return true;
     if (!retry_) {
-        const char* name = getName();
-        theLog->printVerbose("Slot time out: %s\n", name ? name : "");
+        theLog->printVerbose("Slot time out: %s\n", orEmpty(getName()));
         return false;
     }
     elapsed_ = 0;

@@ -99,14 +99,6 @@ u32 strangerCount = 0;
 
 bool isLoopback(u32 ip) { return (ip & 0xFF) == 127; }
 
-template <class List>
-std::unique_ptr<Packet> makeListPacket(u8 opcode, const List& list) {
-    auto packet = makePacket(opcode, list.byteSize());
-    list.toNetwork(packet->stream);
-    packet->finish();
-    return packet;
-}
-
 Ref<Download> readDownload(i4_file& stream) { return dlPool.findByRecord(MD4Hash::read(stream)); }
 
 ServerAddress readAddress(i4_file& stream) {
@@ -271,10 +263,10 @@ bool GUIController::handleEngine(u8 opcode, i4_ram_file_class& stream) {
 bool GUIController::handleSettings(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case CTL_GET_SERVERS:
-            send(makeListPacket(CTL_SERVERS, serverPool.servers()));
+            send(makePacket(CTL_SERVERS, serverPool.servers()));
             return true;
         case CTL_GET_FRIENDS:
-            send(makeListPacket(CTL_FRIENDS, friendList));
+            send(makePacket(CTL_FRIENDS, friendList));
             return true;
         case CTL_GET_SHARED_DIRS:
             sendSharedDirs();
@@ -283,7 +275,7 @@ bool GUIController::handleSettings(u8 opcode, i4_ram_file_class& stream) {
             stream.read_16();
             return true;
         case CTL_GET_SHARED_FILES:
-            send(makeListPacket(CTL_SHARED_FILES, clientApp.shared));
+            send(makePacket(CTL_SHARED_FILES, clientApp.shared));
             return true;
         case CTL_GET_SETTINGS:
             sendSettings();
@@ -314,13 +306,7 @@ void GUIController::runCommand(i4_file& stream) {
 // A server that isn't on the list means any server.
 void GUIController::connectToServer(i4_file& stream) {
     const ServerAddress address = readAddress(stream);
-    ServerList& servers = serverPool.servers();
-    bool known = false;
-    {
-        const i4_guard guard(servers);
-        known = servers.find(address.ip, address.port) != nullptr;
-    }
-    messageQ.post(MESSAGE_CONNECT, known ? QArgument(address) : QArgument());
+    messageQ.post(MESSAGE_CONNECT, serverPool.isListed(address) ? QArgument(address) : QArgument());
 }
 
 // A tree that can't be read leaves an empty search, and the request goes on with that.

@@ -16,12 +16,9 @@
 #include "app/ClientApp.h"
 #include "app/Preferences.h"
 #include "app/UIInterface.h"
-#include "download/DLPool.h"
 #include "i4min/network/protocol.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "meta/FileMeta.h"
-#include "meta/UserMeta.h"
-#include "peer/UploadPool.h"
 #include "server/Search.h"
 #include "server/ServerPool.h"
 #include "transport/UDPPacket.h"
@@ -99,7 +96,7 @@ void ExServerAnnex::handleDatagram() {
             gotSources(server);
             break;
         case UDP_CALLBACK_FAILED:
-            gotCallbackFailed(server);
+            serverPool.callbackFailed(server.ip, buffer_.read_32());
             break;
         default:
             theLog->printVerbose("ExServer Unknown Msg: %d\n", opcode);
@@ -119,24 +116,8 @@ void ExServerAnnex::gotResult() {
     if (file->fromNetwork(buffer_)) clientApp.gotResult(file.release());
 }
 
-// The sources remember the server that named them: a callback request for one goes by UDP to that very
-// server. A stranger's would keep those of the servers out.
+// A stranger's would keep those of the servers out.
 void ExServerAnnex::gotSources(const ServerAddress& server) {
     if (!serverPool.isListed(server)) return;
-    const Ref<Download> download = dlPool.find(MD4Hash::read(buffer_));
-    if (!download) return;
-    for (u32 count = buffer_.read_8(); count > 0; --count) {
-        UserMeta user;
-        user.id = buffer_.read_32();
-        user.port = buffer_.read_16();
-        user.serverIp = server.ip;
-        user.serverPort = server.port;
-        download->addSource(user);
-    }
-}
-
-void ExServerAnnex::gotCallbackFailed(const ServerAddress& server) {
-    const u32 id = buffer_.read_32();
-    dlPool.callbackFailed(server.ip, id);
-    uploadPool.callbackFailed(server.ip, id);
+    serverPool.gotSources(buffer_, server);
 }

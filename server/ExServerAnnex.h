@@ -28,6 +28,5 @@ class ExServerAnnex : public UDPAnnex {
     void gotPing(const ServerAddress& server);
     void gotResult();
     void gotSources(const ServerAddress& server);
-    void gotCallbackFailed(const ServerAddress& server);
     void sendTree(u8 opcode, const Search& search, const ServerAddress& server);
 };

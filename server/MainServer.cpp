@@ -7,11 +7,9 @@
 #include "app/Preferences.h"
 #include "app/StringTable.h"
 #include "app/UIInterface.h"
-#include "download/DLPool.h"
 #include "meta/FileList.h"
 #include "meta/UserList.h"
 #include "peer/Peer.h"
-#include "peer/UploadPool.h"
 #include "server/Search.h"
 #include "server/ServerPool.h"
 #include "transport/OpcodeTable.h"
@@ -74,16 +72,6 @@ constexpr Opcode rows[] = {
 };
 constexpr OpcodeTable table(rows);
 
-struct DeletesRecords {
-    template <class List>
-    void operator()(List* list) const {
-        list->deleteAll();
-        delete list;
-    }
-};
-template <class List>
-using OwnedList = std::unique_ptr<List, DeletesRecords>;
-
 // A list off a stream with its records; null where it can't be read.
 template <class List>
 OwnedList<List> readList(i4_file& stream) {
@@ -134,12 +122,9 @@ bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
         }
         case OP_CALLBACK_ASKED:
             return gotCallbackAsked(stream);
-        case OP_CALLBACK_FAILED: {
-            const u32 id = stream.read_32();
-            dlPool.callbackFailed(ip, id);
-            uploadPool.callbackFailed(ip, id);
+        case OP_CALLBACK_FAILED:
+            serverPool.callbackFailed(ip, stream.read_32());
             return true;
-        }
         case OP_SERVER_MESSAGE:
             if (theLog->mayComplain()) theLog->printLine("%s", i4_string(stream).c_str());
             return true;
@@ -200,19 +185,15 @@ bool MainServer::gotClientId(i4_file& stream) {
     theUI->connected(server_.getName(name));
     messageQ.postOnce(MESSAGE_PUBLISH);
     send(makePacket(OP_GET_SERVER_LIST));
-    tellPeers(id);
+    tellPeers();
     loggedOn_ = 1;
     serverPool.stopTrying();
     return true;
 }
 
-void MainServer::tellPeers(u32 clientId) {
-    constexpr u8 newIdentity = 77;
-    const std::unique_ptr<Packet> packet = makePacket(newIdentity, 8);
-    packet->stream.write_32(clientId);
-    packet->stream.write_32(ip);
+void MainServer::tellPeers() {
     const i4_guard guard(peers);
-    for (LL<Peer>::Cursor c; Peer* peer = peers.next(c);) peer->send(packet->clone());
+    for (LL<Peer>::Cursor c; Peer* peer = peers.next(c);) peer->sendIdentity();
 }
 
 // What the server says of its own address isn't used: the entry is found by the address that we connected to.
@@ -228,16 +209,7 @@ bool MainServer::gotServerIdent(i4_file& stream) {
 }
 
 bool MainServer::gotSources(i4_file& stream) {
-    const Ref<Download> download = dlPool.find(MD4Hash::read(stream));
-    if (!download) return true;
-    for (u32 count = stream.read_8(); count > 0; --count) {
-        UserMeta user;
-        user.id = stream.read_32();
-        user.port = stream.read_16();
-        user.serverIp = ip;
-        user.serverPort = static_cast<u16>(port.get());
-        download->addSource(user);
-    }
+    serverPool.gotSources(stream, {ip, static_cast<u16>(port.get())});
     return true;
 }
 
@@ -263,10 +235,7 @@ void MainServer::requestCallback(u32 clientId) {
 
 void MainServer::publish(const FileList& files) {
     theLog->printVerbose("Publishing\n");
-    auto packet = makePacket(OP_PUBLISH_FILES, files.byteSize());
-    files.toNetwork(packet->stream);
-    packet->finish();
-    send(std::move(packet));
+    send(makePacket(OP_PUBLISH_FILES, files));
 }
 
 void MainServer::sendTree(u8 opcode, const Search& search) {

@@ -48,7 +48,7 @@ class MainServer : public Connection {
     bool gotServerIdent(i4_file& stream);
     bool gotSources(i4_file& stream);
     bool gotUsers(i4_file& stream);
-    void tellPeers(u32 clientId);
+    void tellPeers();
     void sendTree(u8 opcode, const Search& search);
 
     Relaxed<u8> loggedOn_;

@@ -64,16 +64,6 @@ void append(char* out, std::size_t size, const char* text) {
     if (text && used < size) i4_strncpy(out + used, text, size - used);
 }
 
-// Runs a node's reading or writing; a stream that raises makes it false.
-template <class Transfer>
-bool guarded(Transfer transfer) {
-    try {
-        return transfer();
-    } catch (const i4_err&) {
-        return false;
-    }
-}
-
 bool writeByte(i4_file& stream, u32 value) { return stream.write_8(static_cast<u8>(value)) == 1; }
 
 u32 length(const i4_string& text) { return static_cast<u32>(text.length()); }
@@ -116,7 +106,7 @@ std::unique_ptr<SearchNode> SearchNode::read(i4_file& stream) {
 std::unique_ptr<SearchNode> SearchNode::read(i4_file& stream, SearchReadBudget& budget) {
     if (budget.depth == 0 || budget.nodes == 0) return nullptr;
     std::unique_ptr<SearchNode> node;
-    if (!guarded([&] {
+    if (!i4_attempt([&] {
             node = makeNode(stream.read_8());
             return node != nullptr;
         })) {
@@ -219,14 +209,14 @@ std::unique_ptr<SearchNode> SN_Compound::takeKeyword(std::unique_ptr<SearchNode>
 }
 
 bool SN_Compound::toBytes(i4_file& stream) const {
-    return guarded([&] {
+    return i4_attempt([&] {
         return writeByte(stream, type) && writeByte(stream, op) && left && right && left->toBytes(stream) &&
                right->toBytes(stream);
     });
 }
 
 bool SN_Compound::fromBytes(i4_file& stream, SearchReadBudget& budget) {
-    return guarded([&] {
+    return i4_attempt([&] {
         op = stream.read_8();
         left = read(stream, budget);
         if (left) right = read(stream, budget);
@@ -282,7 +272,7 @@ std::unique_ptr<SearchNode> SN_FindStr::takeKeyword(std::unique_ptr<SearchNode> 
 }
 
 bool SN_FindStr::toBytes(i4_file& stream) const {
-    return guarded([&] {
+    return i4_attempt([&] {
         if (!writeByte(stream, type)) return false;
         text.write(stream);
         return true;
@@ -290,7 +280,7 @@ bool SN_FindStr::toBytes(i4_file& stream) const {
 }
 
 bool SN_FindStr::fromBytes(i4_file& stream, SearchReadBudget&) {
-    return guarded([&] {
+    return i4_attempt([&] {
         text = i4_string(stream);
         text.toLower();
         return true;
@@ -324,7 +314,7 @@ bool SN_StrTagCompare::matches(TagSource& tags) const {
 }
 
 bool SN_StrTagCompare::toBytes(i4_file& stream) const {
-    return guarded([&] {
+    return i4_attempt([&] {
         if (!writeByte(stream, type)) return false;
         value.write(stream);
         tagName.write(stream);
@@ -333,7 +323,7 @@ bool SN_StrTagCompare::toBytes(i4_file& stream) const {
 }
 
 bool SN_StrTagCompare::fromBytes(i4_file& stream, SearchReadBudget&) {
-    return guarded([&] {
+    return i4_attempt([&] {
         value = i4_string(stream);
         value.toLower();
         tagName = i4_string(stream);
@@ -371,7 +361,7 @@ bool SN_IntTagCompare::matches(TagSource& tags) const {
 }
 
 bool SN_IntTagCompare::toBytes(i4_file& stream) const {
-    return guarded([&] {
+    return i4_attempt([&] {
         if (!writeByte(stream, type) || stream.write_32(static_cast<u32>(value.value_or(0))) != 4 ||
             !writeByte(stream, op)) {
             return false;
@@ -382,7 +372,7 @@ bool SN_IntTagCompare::toBytes(i4_file& stream) const {
 }
 
 bool SN_IntTagCompare::fromBytes(i4_file& stream, SearchReadBudget&) {
-    return guarded([&] {
+    return i4_attempt([&] {
         value = static_cast<i32>(stream.read_32());
         op = stream.read_8();
         tagName = i4_string(stream);
@@ -410,7 +400,7 @@ void SN_IntTagCompare::printable(char* out, std::size_t size) const {
 std::unique_ptr<SearchNode> SN_MatchAll::clone() const { return std::make_unique<SN_MatchAll>(); }
 
 bool SN_MatchAll::toBytes(i4_file& stream) const {
-    return guarded([&] { return writeByte(stream, type); });
+    return i4_attempt([&] { return writeByte(stream, type); });
 }
 
 void SN_MatchAll::printable(char* out, std::size_t size) const { append(out, size, "*"); }

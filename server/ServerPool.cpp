@@ -6,7 +6,10 @@
 #include "app/Preferences.h"
 #include "app/StringTable.h"
 #include "app/UIInterface.h"
+#include "download/DLPool.h"
+#include "meta/UserMeta.h"
 #include "meta/address.h"
+#include "peer/UploadPool.h"
 #include "server/ExServerAnnex.h"
 #include "server/MainServer.h"
 #include "server/Search.h"
@@ -81,8 +84,7 @@ void ServerPool::gotServerInfo(const ServerMeta& server) {
         entry->idleTime = idleTime;
         return;
     }
-    auto added = std::make_unique<ServerMeta>();
-    added->copyFrom(&server);
+    std::unique_ptr<ServerMeta> added = copyOf(server);
     // What the user thinks of a server isn't for the server to say.
     added->setPref(0);
     added->history = 0;
@@ -166,9 +168,7 @@ void ServerPool::fillQueue() {
     servers_.sortUnsafe(byRating);
     for (ServerList::Cursor c; const ServerMeta* server = servers_.next(c);) {
         if (queue_.size() == mostToTry) break;
-        auto copy = std::make_unique<ServerMeta>();
-        copy->copyFrom(server);
-        queue_.push_back(std::move(copy));
+        queue_.push_back(copyOf(*server));
     }
 }
 
@@ -308,6 +308,24 @@ void ServerPool::extendSearch(const Search& search, bool alternate) {
     }
     ++extendIndex_;
     theUI->extending(name.c_str());
+}
+
+void ServerPool::gotSources(i4_file& stream, const ServerAddress& from) {
+    const Ref<Download> download = dlPool.find(MD4Hash::read(stream));
+    if (!download) return;
+    for (u32 count = stream.read_8(); count > 0; --count) {
+        UserMeta user;
+        user.id = stream.read_32();
+        user.port = stream.read_16();
+        user.serverIp = from.ip;
+        user.serverPort = from.port;
+        download->addSource(user);
+    }
+}
+
+void ServerPool::callbackFailed(u32 serverIp, u32 clientId) {
+    dlPool.callbackFailed(serverIp, clientId);
+    uploadPool.callbackFailed(serverIp, clientId);
 }
 
 bool ServerPool::findSources(const ServerAddress& address, const MD4Hash& hash) {

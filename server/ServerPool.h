@@ -15,6 +15,7 @@ class ExServerAnnex;
 class MainServer;
 class Search;
 class SocketPool;
+class i4_file;
 struct MD4Hash;
 
 //   state       connecting  mainServer   entered by
@@ -59,6 +60,10 @@ class ServerPool {
     void search(const Search& search, bool alternate);        // messages 5 and 6
     void moreResults();                                       // message 7
     void extendSearch(const Search& search, bool alternate);  // messages 8 and 9
+    // What FoundSources holds, hash first: the download's sources, which remember the server that named them,
+    // since a callback request for one goes to that very server. Raises on a short stream.
+    void gotSources(i4_file& stream, const ServerAddress& from);
+    void callbackFailed(u32 serverIp, u32 clientId);
     // These two are false, and nothing goes out, until a server has logged us on.
     bool findSources(const ServerAddress& address, const MD4Hash& hash);
     bool requestCallback(u32 serverIp, u16 serverPort, u32 clientId);

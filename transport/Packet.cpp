@@ -5,6 +5,7 @@
 
 #include "i4min/memory/malloc4.h"
 #include "i4min/network/socket.h"
+#include "meta/Serializable.h"
 
 thread_local i32 sendBudget = unlimitedBudget;
 thread_local i32 recvBudget = unlimitedBudget;
@@ -113,5 +114,12 @@ void Packet::reset() {
 std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
     auto packet = std::make_unique<Packet>(payload + 1);
     packet->stream.write_8(opcode);
+    return packet;
+}
+
+std::unique_ptr<Packet> makePacket(u8 opcode, const Serializable& content) {
+    auto packet = makePacket(opcode, content.byteSize());
+    content.toNetwork(packet->stream);
+    packet->finish();
     return packet;
 }

@@ -7,6 +7,7 @@
 #include "i4min/file/file.h"
 #include "i4min/memory/types.h"
 
+class Serializable;
 class i4_socket;
 
 // No limit on a turn's bytes.
@@ -72,3 +73,5 @@ class Packet {
 
 // A packet to send: the opcode is written, and there's room for a payload of that many bytes.
 std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload = 0);
+// A packet whose payload is the network form of a record or a list of them.
+std::unique_ptr<Packet> makePacket(u8 opcode, const Serializable& content);

@@ -238,6 +238,15 @@ class LL {
     Node* tail_ = &sentinel_;
 };
 
+// The first element for which `matches` holds, null if there is none. Takes no lock.
+template <class T, class Matches>
+T* findIn(const LL<T>& list, Matches matches) {
+    for (typename LL<T>::Cursor c; T* element = list.next(c);) {
+        if (matches(*element)) return element;
+    }
+    return nullptr;
+}
+
 // Destroys what the list points at and empties it, for an owner of the elements. Takes no lock.
 template <class T>
 void deleteAll(LL<T>& list) {

@@ -17,6 +17,16 @@ class i4_err {
     i4_string message_;
 };
 
+// Runs what reads or writes a stream: its own answer, or false where that raised.
+template <class Action>
+bool i4_attempt(Action action) {
+    try {
+        return action();
+    } catch (const i4_err&) {
+        return false;
+    }
+}
+
 using i4_debug_hook = void (*)(const i4_string& text);
 // The result is what the caller of i4_error or i4_warning gets; the default error handler throws i4_err.
 using i4_error_handler = int (*)(const char* text);

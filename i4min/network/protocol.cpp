@@ -45,7 +45,7 @@ bool hostName(char (&name)[longest_name + 1]) {
 
 std::unique_ptr<i4_address> resolveLocally(const char* full_name) {
     char name[longest_name + 1];
-    i4_strncpy(name, full_name ? full_name : "", sizeof name);
+    i4_strncpy(name, orEmpty(full_name), sizeof name);
     if (name[0] == 0) return nullptr;
     sockaddr_in address{};
     address.sin_addr.s_addr = ::inet_addr(name);

@@ -53,6 +53,10 @@ class i4_string {
     char* text_;
 };
 
+// The text, or an empty one where it is null: for what prints and compares.
+inline const char* orEmpty(const char* text) { return text ? text : ""; }
+inline const char* orEmpty(const i4_string& text) { return orEmpty(text.c_str()); }
+
 // Writes a terminated text in the stream form of i4_string: u16 length, bytes. Null counts as length 0.
 void i4_write_string(i4_file& stream, const char* text);
 
