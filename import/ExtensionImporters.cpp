@@ -1,28 +1,12 @@
 #include "import/ExtensionImporters.h"
 
-#include <span>
-
 namespace {
 
-struct Kind {
-    const char* extension;
-    const char* format;
-};
-
-constexpr Kind pictures[] = {{".bmp", "bmp"}, {".gif", "gif"}, {".png", "png"}, {".jpg", "jpeg"}};
-constexpr Kind videos[] = {{".rm", "rm"},     {".mov", "mov"}, {".asf", "asf"}, {".mpg", "mpg"},
-                           {".mpeg", "mpeg"}, {".m2v", "m2v"}, {".wmv", "wmv"}, {".vcd", "vcd"}};
-constexpr Kind programs[] = {{".exe", "exe"}, {".zip", "zip"}, {".rar", "rar"},
-                             {".ace", "ace"}, {".sit", "sit"}, {".iso", "iso"}};
-
-bool importByName(FileMeta& meta, const char* name, const char* type, std::span<const Kind> kinds) {
-    for (const Kind& kind : kinds) {
-        if (!hasExtension(name, kind.extension)) continue;
-        addTypeTags(meta, type, kind.format);
-        return true;
-    }
-    return false;
-}
+constexpr NamedFormat pictures[] = {{".bmp", "bmp"}, {".gif", "gif"}, {".png", "png"}, {".jpg", "jpeg"}};
+constexpr NamedFormat videos[] = {{".rm", "rm"},     {".mov", "mov"}, {".asf", "asf"}, {".mpg", "mpg"},
+                                  {".mpeg", "mpeg"}, {".m2v", "m2v"}, {".wmv", "wmv"}, {".vcd", "vcd"}};
+constexpr NamedFormat programs[] = {{".exe", "exe"}, {".zip", "zip"}, {".rar", "rar"},
+                                    {".ace", "ace"}, {".sit", "sit"}, {".iso", "iso"}};
 
 }  // namespace
 

@@ -12,6 +12,15 @@ bool hasExtension(const char* name, const char* extension) {
     return length > ending && i4_stricmp(name + (length - ending), extension) == 0;
 }
 
+bool importByName(FileMeta& meta, const char* name, const char* type, std::span<const NamedFormat> formats) {
+    for (const auto& [extension, format] : formats) {
+        if (!hasExtension(name, extension)) continue;
+        addTypeTags(meta, type, format);
+        return true;
+    }
+    return false;
+}
+
 void addTypeTags(FileMeta& meta, const char* type, const char* format) {
     meta.addTag(MetaTag::makeTag(TAG_TYPE, type));
     meta.addTag(MetaTag::makeTag(TAG_FORMAT, format));

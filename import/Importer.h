@@ -1,6 +1,7 @@
 // Importer, what recognises files of one kind and tells their details.
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include "i4min/memory/types.h"
@@ -20,6 +21,14 @@ class Importer {
 
 // True if `name` is longer than `extension` (".mp3") and ends in it, ignoring the case of ASCII letters.
 bool hasExtension(const char* name, const char* extension);
+
+// A format that the end of a file's name tells.
+struct NamedFormat {
+    const char* extension;
+    const char* format;
+};
+// Appends TAG_TYPE and TAG_FORMAT for the format that the name tells; false where it tells none of these.
+bool importByName(FileMeta& meta, const char* name, const char* type, std::span<const NamedFormat> formats);
 
 // Appends TAG_TYPE and TAG_FORMAT.
 void addTypeTags(FileMeta& meta, const char* type, const char* format);

@@ -5,6 +5,8 @@
 
 namespace {
 
+constexpr NamedFormat unread[] = {{".ogg", "ogg"}, {".mod", "mod"}};
+
 void addIfAny(FileMeta& meta, const char* name, const char* value) {
     if (*value) addTextTag(meta, name, value);
 }
@@ -30,11 +32,5 @@ bool importMP3(FileMeta& meta, const char* path) {
 
 bool MP3Importer::import(FileMeta& meta, const char* name, const char* path, i4_file&) const {
     if (hasExtension(name, ".mp3")) return importMP3(meta, path);
-    for (const char* format : {"ogg", "mod"}) {
-        const char extension[] = {'.', format[0], format[1], format[2], 0};
-        if (!hasExtension(name, extension)) continue;
-        addTypeTags(meta, "Audio", format);
-        return true;
-    }
-    return false;
+    return importByName(meta, name, "Audio", unread);
 }

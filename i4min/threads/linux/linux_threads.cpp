@@ -19,6 +19,16 @@ bool initialized = false;
 i4_init_class* initList = nullptr;
 i4_thread_init_class* threadInitList = nullptr;
 
+// Takes an object out of the list that runs from `head` through the objects' member `next`.
+template <class Object>
+void unlink(Object*& head, Object* Object::*next, Object* object) {
+    for (Object** link = &head; *link; link = &((*link)->*next)) {
+        if (*link != object) continue;
+        *link = object->*next;
+        return;
+    }
+}
+
 struct StartArguments {
     void* (*function)(void*);
     void* argument;
@@ -93,24 +103,12 @@ void i4_tls_delete(u32 key) { ::pthread_key_delete(key); }
 
 i4_init_class::i4_init_class() : next_(initList) { initList = this; }
 
-i4_init_class::~i4_init_class() {
-    for (i4_init_class** link = &initList; *link; link = &(*link)->next_) {
-        if (*link == this) {
-            *link = next_;
-            return;
-        }
-    }
-}
+i4_init_class::~i4_init_class() { unlink(initList, &i4_init_class::next_, this); }
 
 i4_thread_init_class::i4_thread_init_class() : next_thread_(threadInitList) { threadInitList = this; }
 
 i4_thread_init_class::~i4_thread_init_class() {
-    for (i4_thread_init_class** link = &threadInitList; *link; link = &(*link)->next_thread_) {
-        if (*link == this) {
-            *link = next_thread_;
-            return;
-        }
-    }
+    unlink(threadInitList, &i4_thread_init_class::next_thread_, this);
 }
 
 void i4_init() {
