@@ -60,8 +60,7 @@ f32 takeEstimate(const Meta& settings, const char* key) {
 bool isPort(i32 value) { return value > 0 && value <= 0xFFFF; }
 
 i4_string takeText(const Meta& settings, const char* key) {
-    const char* value = settings.getText(key);
-    return i4_string(value ? value : "");
+    return i4_string(orEmpty(settings.getText(key)));
 }
 
 // What is unset is saved as an empty text.
@@ -120,20 +119,16 @@ struct Preferences::Texts {
     i4_string password;
     i4_string adminName;
     i4_string adminPass;
-    i4_string stringFile;
+    i4_string stringFile = defaultStringFile;
     i4_proxy_settings proxy;
 };
 
 Preferences::Preferences()
     : settings_(std::make_unique<Meta>()),
       self_(std::make_unique<UserMeta>()),
-      proxy_(std::make_unique<i4_proxy_settings>()) {
+      texts_(std::make_unique<Texts>()) {
     char here[longestWorkDir];
     workDir = ::getcwd(here, sizeof here) ? here : "";
-    i4_lock guard(pathLock);
-    for (i4_string* text : {&incomingDir_, &tempDir_, &userName_, &password_, &adminName_, &adminPass_})
-        *text = "";
-    stringFile_ = defaultStringFile;
 }
 
 Preferences::~Preferences() = default;
@@ -255,21 +250,15 @@ void Preferences::takeNumbers() {
 // A directory that is missing or empty takes its default: an empty path would mean the root.
 void Preferences::takeTexts(const Texts& texts) {
     i4_lock guard(pathLock);
-    incomingDir_ = texts.incoming.length() > 0 ? texts.incoming : inWorkDir("incoming");
-    tempDir_ = texts.temp.length() > 0 ? texts.temp : inWorkDir("temp");
-    userName_ = texts.userName;
-    password_ = texts.password;
-    adminName_ = texts.adminName;
-    adminPass_ = texts.adminPass;
-    stringFile_ = texts.stringFile.length() > 0 ? texts.stringFile.c_str() : defaultStringFile;
-    *proxy_ = texts.proxy;
+    *texts_ = texts;
+    if (texts_->incoming.length() == 0) texts_->incoming = inWorkDir("incoming");
+    if (texts_->temp.length() == 0) texts_->temp = inWorkDir("temp");
+    if (texts_->stringFile.length() == 0) texts_->stringFile = defaultStringFile;
 }
 
 void Preferences::makeFirstRun() {
-    Texts texts;
-    for (i4_string* text : {&texts.userName, &texts.password, &texts.adminName, &texts.adminPass}) *text = "";
-    takeTexts(texts);
-    texts = copyTexts();
+    takeTexts(Texts());
+    const Texts texts = copyTexts();
     i4_lock guard(selfLock);
     const UserMeta nobody;
     self_->copyFrom(&nobody);
@@ -299,7 +288,7 @@ bool Preferences::toDisk(i4_file& stream) {
 
 Preferences::Texts Preferences::copyTexts() const {
     i4_lock guard(pathLock);
-    return {incomingDir_, tempDir_, userName_, password_, adminName_, adminPass_, stringFile_, *proxy_};
+    return *texts_;
 }
 
 void Preferences::storeTags(const Texts& texts) {
@@ -400,18 +389,18 @@ void Preferences::setDoorPort(u16 port) {
 
 i4_string Preferences::incomingDir() const {
     i4_lock guard(pathLock);
-    return incomingDir_;
+    return texts_->incoming;
 }
 
 i4_string Preferences::tempDir() const {
     i4_lock guard(pathLock);
-    return tempDir_;
+    return texts_->temp;
 }
 
 void Preferences::setIncoming(const char* path) {
     {
         i4_lock guard(pathLock);
-        incomingDir_ = path;
+        texts_->incoming = path;
     }
     makeDirectory(path);
 }
@@ -419,7 +408,7 @@ void Preferences::setIncoming(const char* path) {
 void Preferences::setTemp(const char* path) {
     {
         i4_lock guard(pathLock);
-        if (tempDir_ == path) return;
+        if (texts_->temp == path) return;
     }
     if (hasDownloads && hasDownloads()) {
         theLog->printLine("%s", stringTable.get(STRINGS_CANT_CHANGE_TEMP));
@@ -427,25 +416,25 @@ void Preferences::setTemp(const char* path) {
     }
     {
         i4_lock guard(pathLock);
-        tempDir_ = path;
+        texts_->temp = path;
     }
     makeDirectory(path);
 }
 
 i4_string Preferences::adminName() const {
     i4_lock guard(pathLock);
-    return adminName_;
+    return texts_->adminName;
 }
 
 i4_string Preferences::adminPass() const {
     i4_lock guard(pathLock);
-    return adminPass_;
+    return texts_->adminPass;
 }
 
 void Preferences::setAdmin(const char* name, const char* password) {
     i4_lock guard(pathLock);
-    adminName_ = name;
-    adminPass_ = password;
+    texts_->adminName = name;
+    texts_->adminPass = password;
 }
 
 void Preferences::setMaxUp(f32 wish) {
@@ -479,7 +468,7 @@ void Preferences::setLanguage(const char* name) {
     file.format("%s.str", name);
     {
         i4_lock guard(pathLock);
-        stringFile_ = file;
+        texts_->stringFile = file;
     }
     stringTable.reload(inWorkDir(file.c_str()).c_str());
     constexpr struct {
@@ -503,15 +492,15 @@ void Preferences::setLanguage(const char* name) {
 
 i4_string Preferences::stringFile() const {
     i4_lock guard(pathLock);
-    return stringFile_;
+    return texts_->stringFile;
 }
 
 i4_proxy_settings Preferences::proxy() const {
     i4_lock guard(pathLock);
-    return *proxy_;
+    return texts_->proxy;
 }
 
 void Preferences::setProxy(const i4_proxy_settings& settings) {
     i4_lock guard(pathLock);
-    *proxy_ = settings;
+    texts_->proxy = settings;
 }

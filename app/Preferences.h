@@ -117,7 +117,7 @@ class Preferences {
     Relaxed<i32> adminDoorPort{4663};
 
   private:
-    struct Texts;  // what pathLock guards, as pref.met has it
+    struct Texts;  // the texts that commands change, and the proxy
 
     void makePaths();
     bool readFile() EXCLUDES(selfLock, pathLock);
@@ -134,14 +134,7 @@ class Preferences {
     mutable i4_mutex selfLock{LockRank::preferences};
     const std::unique_ptr<Meta> settings_ PT_GUARDED_BY(selfLock);
     const std::unique_ptr<UserMeta> self_ PT_GUARDED_BY(selfLock);
-    const std::unique_ptr<i4_proxy_settings> proxy_ PT_GUARDED_BY(pathLock);
-    i4_string incomingDir_ GUARDED_BY(pathLock);
-    i4_string tempDir_ GUARDED_BY(pathLock);
-    i4_string userName_ GUARDED_BY(pathLock);
-    i4_string password_ GUARDED_BY(pathLock);
-    i4_string adminName_ GUARDED_BY(pathLock);
-    i4_string adminPass_ GUARDED_BY(pathLock);
-    i4_string stringFile_ GUARDED_BY(pathLock);
+    const std::unique_ptr<Texts> texts_ PT_GUARDED_BY(pathLock);
 };
 
 extern Preferences preferences;
