@@ -10,10 +10,6 @@
 ConsoleInput::ConsoleInput(int descriptor)
     : descriptor_(descriptor), endEvent_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-ConsoleInput::~ConsoleInput() {
-    if (endEvent_ >= 0) ::close(endEvent_);
-}
-
 bool ConsoleInput::readLine(char* out, std::size_t size) {
     std::size_t length = 0;
     bool any = false;
@@ -29,7 +25,7 @@ bool ConsoleInput::readLine(char* out, std::size_t size) {
 
 bool ConsoleInput::fill() {
     for (;;) {
-        pollfd watched[2] = {{endEvent_, POLLIN, 0}, {descriptor_, POLLIN, 0}};
+        pollfd watched[2] = {{endEvent_.get(), POLLIN, 0}, {descriptor_, POLLIN, 0}};
         if (::poll(watched, 2, -1) < 0) {
             if (errno == EINTR) continue;
             return false;
@@ -44,16 +40,16 @@ bool ConsoleInput::fill() {
 }
 
 bool ConsoleInput::isEnded() const {
-    pollfd watched{endEvent_, POLLIN, 0};
+    pollfd watched{endEvent_.get(), POLLIN, 0};
     return ::poll(&watched, 1, 0) > 0;
 }
 
 void ConsoleInput::waitForEnd() {
-    pollfd watched{endEvent_, POLLIN, 0};
+    pollfd watched{endEvent_.get(), POLLIN, 0};
     while (::poll(&watched, 1, -1) < 0 && errno == EINTR) continue;
 }
 
 void ConsoleInput::end() {
     const std::uint64_t one = 1;
-    static_cast<void>(::write(endEvent_, &one, sizeof one));
+    static_cast<void>(::write(endEvent_.get(), &one, sizeof one));
 }

@@ -4,13 +4,14 @@
 #include <array>
 #include <cstddef>
 
+#include "i4min/file/descriptor.h"
+
 // Thread: readLine() and waitForEnd() on one; end() on any. Borrows its input descriptor.
 class ConsoleInput {
   public:
     explicit ConsoleInput(int descriptor);
     ConsoleInput(const ConsoleInput&) = delete;
     ConsoleInput& operator=(const ConsoleInput&) = delete;
-    ~ConsoleInput();
 
     // Reads one line of at most `size` - 1 bytes without its newline; what is over that is dropped to the end
     // of the line. False when the input ends with no line left, and from end() on.
@@ -25,7 +26,7 @@ class ConsoleInput {
     bool isEnded() const;
 
     const int descriptor_;
-    int endEvent_;  // readable from end() on
+    const i4_descriptor endEvent_;  // readable from end() on
     std::array<char, 4096> buffer_;
     std::size_t here_ = 0;
     std::size_t filled_ = 0;

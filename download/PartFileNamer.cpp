@@ -13,6 +13,7 @@
 #include "app/Preferences.h"
 #include "app/StringTable.h"
 #include "app/UIInterface.h"
+#include "i4min/file/descriptor.h"
 #include "i4min/file/filesystem.h"
 
 namespace {
@@ -22,22 +23,6 @@ constexpr std::size_t copyBlock = 1024 * 1024;
 // What taking a name for a file came to.
 enum class Take { done, nameTaken, otherFileSystem, failed };
 
-// A descriptor that closes itself.
-class Descriptor {
-  public:
-    explicit Descriptor(int number) : number_(number) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() {
-        if (number_ >= 0) ::close(number_);
-    }
-    int get() const { return number_; }
-    explicit operator bool() const { return number_ >= 0; }
-
-  private:
-    const int number_;
-};
-
 Take outcome(int error) {
     if (error == EEXIST) return Take::nameTaken;
     return error == EXDEV ? Take::otherFileSystem : Take::failed;
@@ -46,8 +31,8 @@ Take outcome(int error) {
 // A name of a file that isn't there is held by an empty file of ours, which the rename then replaces: for
 // file systems that know neither a rename that doesn't replace nor links.
 Take renameToHeldName(const char* source, const char* target) {
-    const Descriptor held(::open(target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
-    if (!held) return outcome(errno);
+    const i4_descriptor held(::open(target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
+    if (!held.isOpen()) return outcome(errno);
     if (::rename(source, target) == 0) return Take::done;
     const int error = errno;
     ::unlink(target);
@@ -88,11 +73,6 @@ bool sameSize(int a, int b) {
     return ::fstat(a, &first) == 0 && ::fstat(b, &second) == 0 && first.st_size == second.st_size;
 }
 
-void syncFolder(const char* path) {
-    const Descriptor folder(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder) ::fsync(folder.get());
-}
-
 // A copy of a file in another directory, without a name or, where the file system can't do that, under a
 // hidden one.
 class FileCopy {
@@ -106,9 +86,9 @@ class FileCopy {
     }
     // True when the whole of the source is on the disk.
     bool fill(const char* source, const GiveUp& giveUp) {
-        const Descriptor from(::open(source, O_RDONLY | O_CLOEXEC));
-        return copy_ && from && copyBytes(from.get(), copy_.get(), giveUp) && ::fsync(copy_.get()) == 0 &&
-               sameSize(from.get(), copy_.get());
+        const i4_descriptor from(::open(source, O_RDONLY | O_CLOEXEC));
+        return copy_.isOpen() && from.isOpen() && copyBytes(from.get(), copy_.get(), giveUp) &&
+               ::fsync(copy_.get()) == 0 && sameSize(from.get(), copy_.get());
     }
     Take nameIt(const char* target) {
         if (named_) {
@@ -132,7 +112,7 @@ class FileCopy {
 
     const std::string hidden_;
     bool named_ = false;
-    const Descriptor copy_;
+    const i4_descriptor copy_;
 };
 
 // name, 2_name, 3_name, ... in the directory, until one can be taken or it fails. `path` is the last one
@@ -152,7 +132,7 @@ Take takeFreeName(const char* name, const char* directory, i4_string& path, Take
 }  // namespace
 
 i4_string safeFileName(const char* name, std::size_t longest) {
-    std::string text(name ? name : "");
+    std::string text(orEmpty(name));
     const std::size_t component = text.find_last_of("/\\");
     if (component != std::string::npos) text.erase(0, component + 1);
     for (char& c : text) {
@@ -201,13 +181,13 @@ bool PartFileNamer::moveFile(const char* source, const char* name, const char* d
         }
         // The copy has its name for good before the source goes.
         if (taken == Take::done) {
-            syncFolder(directory);
+            i4_sync_folder(directory);
             ::unlink(source);
             return true;
         }
     }
     if (taken == Take::done) {
-        syncFolder(directory);
+        i4_sync_folder(directory);
         return true;
     }
     theLog->printLine("%s %s %s", source, stringTable.get(STRINGS_COULDNT_BE_MOVED), path.c_str());

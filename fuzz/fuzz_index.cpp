@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             frames[whom].feed(piece);
             for (Bytes body; frames[whom].next(body, limits.packet) && !session->job;) {
                 service.packet(*session, body, now);
-                service.doorTested(session->number, whom == 0, now);
+                service.doorTested(session->number, whom == 0);
             }
         }
         for (int i = 0; i < 100 && service.step(now); ++i) now += 10;

@@ -50,8 +50,8 @@ NetAddress ownAddress(int socket) {
     return fromSystem(address);
 }
 
-Descriptor openSocket(int type) {
-    return Descriptor(::socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+i4_descriptor openSocket(int type) {
+    return i4_descriptor(::socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 void setOption(int socket, int level, int option, int value) {
@@ -68,10 +68,6 @@ void keepAlive(int socket) {
 }
 
 }  // namespace
-
-Descriptor::~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-}
 
 IndexServer::IndexServer(IndexIdentity identity, IndexLimits limits, EventLog& log)
     : service_(std::move(identity), limits, *this, log),
@@ -98,8 +94,8 @@ bool IndexServer::listen(u32 ip, u32 port) {
 }
 
 bool IndexServer::tryListen(u32 ip, u32 port) {
-    Descriptor door = openSocket(SOCK_STREAM);
-    Descriptor datagrams = openSocket(SOCK_DGRAM);
+    i4_descriptor door = openSocket(SOCK_STREAM);
+    i4_descriptor datagrams = openSocket(SOCK_DGRAM);
     setOption(door.get(), SOL_SOCKET, SO_REUSEADDR, 1);
     sockaddr_in address = toSystem({ip, port});
     if (bind(door.get(), generic(address), sizeof address) != 0) return false;
@@ -216,7 +212,7 @@ void IndexServer::acceptAll() {
     for (;;) {
         sockaddr_in from{};
         socklen_t length = sizeof from;
-        Descriptor socket(accept4(door_.get(), generic(from), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        i4_descriptor socket(accept4(door_.get(), generic(from), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!socket.isOpen()) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
@@ -342,7 +338,7 @@ void IndexServer::testDoor(const IndexSession& session) {
 
 void IndexServer::endDoorTest(ClientNumber number, bool reachable) {
     doorTests_.erase(number);
-    service_.doorTested(number, reachable, now_);
+    service_.doorTested(number, reachable);
 }
 
 // --- Datagrams

@@ -4,28 +4,11 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
+#include "i4min/file/descriptor.h"
 #include "index/FrameReader.h"
 #include "index/IndexService.h"
-
-// A file descriptor. Closes it.
-class Descriptor {
-  public:
-    explicit Descriptor(int number = -1) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor();
-    int get() const { return number_; }
-    bool isOpen() const { return number_ >= 0; }
-
-  private:
-    int number_;
-};
 
 // Thread: the one that calls run(), from there on. Owns: the sockets and the service. Borrows: the log.
 class IndexServer : private IndexNetwork {
@@ -43,14 +26,14 @@ class IndexServer : private IndexNetwork {
   private:
     enum class Kind : u32 { door, datagrams, stop, client, doorTest };
     struct Connection {
-        Descriptor socket;
+        i4_descriptor socket;
         IndexSession* session = nullptr;
         FrameReader in;
         u32 events = 0;        // that epoll looks for
         std::size_t held = 0;  // what it counts for in held_
     };
     struct DoorTest {
-        Descriptor socket;
+        i4_descriptor socket;
         u64 until = 0;
     };
 
@@ -76,9 +59,9 @@ class IndexServer : private IndexNetwork {
 
     IndexService service_;
     EventLog& log_;
-    Descriptor epoll_;
-    Descriptor door_;
-    Descriptor datagrams_;
+    i4_descriptor epoll_;
+    i4_descriptor door_;
+    i4_descriptor datagrams_;
     u32 port_ = 0;
     bool stopped_ = false;
     u64 now_ = 0;

@@ -108,10 +108,10 @@ void IndexService::packet(IndexSession& session, Bytes body, u64 now) {
     log_.debug("Client %u: %s, %zu bytes", session.number, row->name, body.size());
     if (opcode != OP_LOGON) return request(session, opcode, std::move(body), now);
     ByteReader in(ByteSpan(body).subspan(1));
-    logOn(session, in, now);
+    logOn(session, in);
 }
 
-void IndexService::logOn(IndexSession& session, ByteReader& in, u64) {
+void IndexService::logOn(IndexSession& session, ByteReader& in) {
     if (session.phase != IndexSession::Phase::arrived) return drop(session, "it logs on twice");
     session.userHash = in.hash();
     in.read32();
@@ -129,7 +129,7 @@ void IndexService::logOn(IndexSession& session, ByteReader& in, u64) {
 }
 
 // The address serves as a high ID if the number is one: addresses that end in 0 aren't.
-void IndexService::doorTested(ClientNumber number, bool reachable, u64) {
+void IndexService::doorTested(ClientNumber number, bool reachable) {
     IndexSession* session = find(number);
     if (!session || session->phase != IndexSession::Phase::testing) return;
     session->phase = IndexSession::Phase::online;

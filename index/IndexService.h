@@ -44,7 +44,7 @@ class IndexService {
     void closed(IndexSession& session);
     // A whole body, opcode first. Whoever sends what can't be read is put into the phase `closing`.
     void packet(IndexSession& session, Bytes body, u64 now);
-    void doorTested(ClientNumber number, bool reachable, u64 now);
+    void doorTested(ClientNumber number, bool reachable);
     // A whole datagram, marker first.
     void datagram(const NetAddress& from, ByteSpan bytes, u64 now);
 
@@ -72,7 +72,7 @@ class IndexService {
         u64 notBefore = 0;
     };
 
-    void logOn(IndexSession& session, ByteReader& in, u64 now);
+    void logOn(IndexSession& session, ByteReader& in);
     void request(IndexSession& session, u8 opcode, Bytes body, u64 now);
     void startSearch(IndexSession& session, ByteSpan tree, u64 now);
     void startJob(IndexSession& session, std::unique_ptr<IndexJob> job);
@@ -91,7 +91,6 @@ class IndexService {
     bool stepSearch(IndexSession& session, IndexJob& job);
     void stepDatagramSearch(DatagramSearch& search, u64 now);
     void startDatagramSearch(const NetAddress& to, ByteSpan tree, u64 now);
-    void answerPing(const NetAddress& to, u32 stamp);
 
     // Begins a packet in the session's output; finish() sets its length, or drops the session that reads too
     // slowly.

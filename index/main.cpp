@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -24,14 +25,14 @@ class Silence : public CoreUIInterface {
 };
 
 // SIGINT and SIGTERM make it readable from now on.
-Descriptor stopSignals() {
+i4_descriptor stopSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    return Descriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    return i4_descriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 // Each client takes a descriptor, and one more while its door is tested.
@@ -66,7 +67,7 @@ int main(int argc, char** argv) {
     }
     static Silence silence;
     theLog = &silence;
-    const Descriptor stop = stopSignals();
+    const i4_descriptor stop = stopSignals();
     EventLog log(options.level);
     allowDescriptors(options.identity.maxClients, log);
     IndexServer server(options.identity, IndexLimits(), log);

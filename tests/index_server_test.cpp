@@ -108,7 +108,7 @@ class Service : public testing::Test {
     IndexSession* online(bool reachable, u16 port = 4662) {
         IndexSession* session = arrive();
         ask(*session, logOn(port));
-        service.doorTested(session->number, reachable, now);
+        service.doorTested(session->number, reachable);
         answers(*session);
         return session;
     }
@@ -168,7 +168,7 @@ TEST_F(Service, LogsOnWithAHighOrALowId) {
         IndexSession* session = arrive(row.ip);
         EXPECT_THAT(ask(*session, logOn(4662)), IsEmpty()) << "no answer before the door was tested";
         EXPECT_EQ(net.lastDoor, session->number);
-        service.doorTested(session->number, row.reachable, now);
+        service.doorTested(session->number, row.reachable);
         const Bodies got = answers(*session);
         ASSERT_EQ(got.size(), 4u);
         const u32 id = u32At(got[0], 1);
@@ -179,7 +179,7 @@ TEST_F(Service, LogsOnWithAHighOrALowId) {
         }
         EXPECT_THAT(got, ElementsAre(opcode(64, le32(id)), opcode(56, text16("hello")),
                                      opcode(52, le32(service.users()) + le32(0)), testing::StartsWith("A")));
-        service.doorTested(session->number, !row.reachable, now);
+        service.doorTested(session->number, !row.reachable);
         EXPECT_EQ(session->id, id) << "tested twice";
     }
 }
@@ -215,7 +215,7 @@ TEST_F(Service, DropsWhoDoesntKeepToTheProtocol) {
         sweepDamage(bytes(good), [&](std::span<const u8> damaged) {
             IndexSession* next = good == log_on ? arrive() : online(true);
             ask(*next, text(damaged));
-            service.doorTested(next->number, true, now);
+            service.doorTested(next->number, true);
             work();
             service.closed(*next);
             answers(*witness);

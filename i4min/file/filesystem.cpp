@@ -15,6 +15,7 @@
 #include <string_view>
 #include <utility>
 
+#include "i4min/file/descriptor.h"
 #include "i4min/file/file.h"
 
 namespace {
@@ -44,9 +45,8 @@ i4_file_status statusOf(const struct stat& from) {
 // or a device isn't disturbed.
 bool isDirectory(int parent, const dirent& entry) {
     if (entry.d_type != DT_DIR && entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) return false;
-    const int descriptor = ::openat(parent, entry.d_name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor >= 0) ::close(descriptor);
-    return descriptor >= 0;
+    return i4_descriptor(::openat(parent, entry.d_name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC))
+        .isOpen();
 }
 
 bool isSeparator(char c) { return c == '/' || c == '\\'; }
@@ -133,8 +133,13 @@ u64 i4_disk_free(const char* path) {
     return static_cast<u64>(system.f_bavail) * system.f_frsize;
 }
 
+void i4_sync_folder(const char* path) {
+    const i4_descriptor folder(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.isOpen()) ::fsync(folder.get());
+}
+
 bool i4_make_path(const char* path) {
-    const std::string_view whole = path ? path : "";
+    const std::string_view whole = orEmpty(path);
     if (whole.empty()) return false;
     for (std::size_t end = 1; end <= whole.size(); ++end) {
         if (end < whole.size() && !isSeparator(whole[end])) continue;
@@ -150,7 +155,7 @@ bool i4_make_path(const char* path) {
 }
 
 void i4_split_path(const char* path, i4_string& dir, i4_string& name, i4_string& ext) {
-    const std::string whole(path ? path : "");
+    const std::string whole(orEmpty(path));
     const std::size_t separator = whole.find_last_of("/\\");
     const std::size_t start = separator == std::string::npos ? 0 : separator + 1;
     std::size_t dot = whole.rfind('.');

@@ -14,6 +14,7 @@
 
 #include "app/UIInterface.h"
 #include "i4min/file/file.h"
+#include "i4min/file/filesystem.h"
 #include "i4min/memory/error.h"
 
 namespace {
@@ -145,10 +146,7 @@ std::string writeWhole(int descriptor, const std::function<bool(i4_file&)>& writ
 void syncFolderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0) return;
-    ::fsync(descriptor);
-    ::close(descriptor);
+    i4_sync_folder(folder.c_str());
 }
 
 }  // namespace

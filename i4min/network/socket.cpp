@@ -12,6 +12,7 @@
 #include <limits>
 #include <utility>
 
+#include "i4min/file/descriptor.h"
 #include "i4min/memory/error.h"
 #include "i4min/threads/linux/i4_time.h"
 
@@ -26,22 +27,19 @@ class i4_blocking_call {
         if (begun_) socket_.pending_ = this;
     }
     ~i4_blocking_call() {
-        {
-            i4_lock guard(socket_.lock_);
-            socket_.pending_ = nullptr;
-        }
-        if (wake_ >= 0) ::close(wake_);
+        i4_lock guard(socket_.lock_);
+        socket_.pending_ = nullptr;
     }
     i4_blocking_call(const i4_blocking_call&) = delete;
     i4_blocking_call& operator=(const i4_blocking_call&) = delete;
 
     bool begun() const { return begun_; }  // false: the socket was cancelled, and the call shall not happen
-    void wake() const { ::eventfd_write(wake_, 1); }
+    void wake() const { ::eventfd_write(wake_.get(), 1); }
 
     // Waits for the socket; the events, 0 when the time ran out or the call was cancelled.
     short poll(short events, i32 timeout_ms) const {
         const u32 start = i4_ticks();
-        pollfd entries[] = {{socket_.fd_, events, 0}, {wake_, POLLIN, 0}};
+        pollfd entries[] = {{socket_.fd_, events, 0}, {wake_.get(), POLLIN, 0}};
         for (i32 left = timeout_ms;;) {
             const int result = ::poll(entries, std::size(entries), left);
             if (result >= 0) return socket_.closed_ ? short{0} : entries[0].revents;
@@ -54,7 +52,7 @@ class i4_blocking_call {
 
   private:
     i4_tcpip_sock& socket_;
-    const int wake_;
+    const i4_descriptor wake_;
     bool begun_;
 };
 

@@ -1,7 +1,6 @@
 #include "i4min/network/socket_set.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -32,11 +31,7 @@ u32 i4_mask_of_events(short events) {
 }
 
 linux_socket_set::linux_socket_set() : wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    entries_.push_back({wake_, POLLIN, 0});
-}
-
-linux_socket_set::~linux_socket_set() {
-    if (wake_ >= 0) ::close(wake_);
+    entries_.push_back({wake_.get(), POLLIN, 0});
 }
 
 i32 linux_socket_set::poll(i32 timeout_ms) {
@@ -47,7 +42,7 @@ i32 linux_socket_set::poll(i32 timeout_ms) {
         for (pollfd& entry : entries_) entry.revents = 0;
     } else if (entries_[0].revents != 0) {
         eventfd_t wakes = 0;
-        ::eventfd_read(wake_, &wakes);
+        ::eventfd_read(wake_.get(), &wakes);
         --result;
     }
     return result;
@@ -95,7 +90,7 @@ u32 linux_socket_set::check(int descriptor, u32 mask) const {
     return at == none ? 0 : mask & i4_mask_of_events(entries_[at].revents);
 }
 
-void linux_socket_set::wake() { ::eventfd_write(wake_, 1); }
+void linux_socket_set::wake() { ::eventfd_write(wake_.get(), 1); }
 
 std::size_t linux_socket_set::find(int descriptor) const {
     const auto at = static_cast<std::size_t>(descriptor);

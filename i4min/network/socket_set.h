@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "i4min/file/descriptor.h"
 #include "i4min/memory/types.h"
 
 // What a socket is ready for, or should be asked about.
@@ -44,7 +45,6 @@ class linux_socket_set : public i4_socket_set {
     linux_socket_set();
     linux_socket_set(const linux_socket_set&) = delete;
     linux_socket_set& operator=(const linux_socket_set&) = delete;
-    ~linux_socket_set() override;
 
     i32 poll(i32 timeout_ms) override;
     void add(int descriptor, u32 mask) override;
@@ -74,5 +74,5 @@ class linux_socket_set : public i4_socket_set {
     std::size_t capacity_ = 0;
     std::size_t removed_ = 0;
     std::size_t repeated_ = 0;  // entries behind the first of their descriptor
-    const int wake_;
+    const i4_descriptor wake_;
 };
