@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr u32 mostResults = 10'000;
-
 // A list entry holds one reference. An event may repeat: an entry stands once.
 template <class T>
 void keep(LLsafe<T>& list, T* object) {
@@ -41,18 +39,13 @@ void CLUI::serverStats(u32 files, u32 users) {
 
 void CLUI::extending(const char* name) { printLine("%s %s", stringTable.get(STRINGS_EXTENDING_TO), name); }
 void CLUI::addResult(FileMeta* file) {
-    // Results by datagram come from anyone, and without end.
-    if (conClientApp.results.count() < mostResults) {
-        conClientApp.results.add(file);
-    } else {
-        delete file;
-    }
+    std::unique_ptr<FileMeta> owned(file);
+    if (!conClientApp.results.isFull()) conClientApp.results.add(owned.release());
 }
 
 void CLUI::setResults(FileList* list, u8) {
     const std::unique_ptr<FileList> owned(list);
-    conClientApp.results.deleteAll();
-    conClientApp.results.addAll(*list);
+    conClientApp.results.replaceBy(*list);
     // Said when they are there: who reads it types `vr`.
     i4_debug_printf("Results returned\n");
 }

@@ -7,5 +7,4 @@ ConClientApp::ConClientApp() { addCommands(*this); }
 ConClientApp::~ConClientApp() {
     while (Download* download = downloads.removeAt(0)) download->release();
     while (Upload* upload = uploads.removeAt(0)) upload->release();
-    results.deleteAll();
 }

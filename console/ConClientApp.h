@@ -3,17 +3,17 @@
 
 #include <atomic>
 
+#include "app/SearchResults.h"
 #include "console/Servant.h"
 #include "download/Download.h"
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/relaxed.h"
-#include "meta/FileList.h"
 #include "peer/Upload.h"
 
 class Collection;
 
 // Thread: as Servant; CLUI fills the lists from any.
-// Owns: the results, and one reference on each download and upload.
+// Owns: one reference on each download and upload.
 class ConClientApp : public Servant {
   public:
     ConClientApp();
@@ -23,7 +23,7 @@ class ConClientApp : public Servant {
     Relaxed<u32> serverUsers;
     LLsafe<Download> downloads{LockRank::uiList};
     LLsafe<Upload> uploads{LockRank::uiList};
-    FileList results;
+    SearchResults results;
     // A user interface that offers collections sets it; the console has no command that does.
     std::atomic<Collection*> selectedCollection{nullptr};
     Relaxed<i32> testNumber;  // what `test #` stored

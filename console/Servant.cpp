@@ -24,6 +24,12 @@ const char* Tokens::next() {
     return token;
 }
 
+Tokens argumentsOf(char* line) {
+    Tokens tokens(line);
+    tokens.next();
+    return tokens;
+}
+
 const char* restOfLine(const char* line) {
     char word[argumentSize];
     const i32 end = i4_strtok(line, consoleSeparators, 0, word, sizeof word);

@@ -36,6 +36,9 @@ class Tokens {
     char* rest_;
 };
 
+// The tokens behind the command word.
+Tokens argumentsOf(char* line);
+
 // The rest of a command's line behind the one separator that ends the command word, exactly as typed: for
 // names that may hold blanks. Null where there is none.
 const char* restOfLine(const char* line);

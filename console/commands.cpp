@@ -146,9 +146,7 @@ i32 numberIn(const char* word) {
 }
 
 std::optional<i32> numberArgument(char* line) {
-    Tokens tokens(line);
-    tokens.next();
-    const char* number = tokens.next();
+    const char* number = argumentsOf(line).next();
     return number ? std::optional<i32>(numberIn(number)) : std::nullopt;
 }
 

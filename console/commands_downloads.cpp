@@ -20,10 +20,7 @@ std::shared_ptr<FileMeta> copyAt(FileList& list, std::optional<u16> place) {
     const i4_guard guard(list);
     u16 index = 0;
     for (FileList::Cursor c; const FileMeta* file = list.next(c); ++index) {
-        if (index != *place) continue;
-        auto copy = std::make_shared<FileMeta>();
-        copy->copyFrom(file);
-        return copy;
+        if (index == *place) return copyOf(*file);
     }
     return nullptr;
 }
@@ -83,12 +80,11 @@ void downloadPart(Servant&, char* line) {
     }
     const i4_string name(file->getName());
     messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
-    theLog->printLine("Downloading: %s\n", name.isNull() ? "" : name.c_str());
+    theLog->printLine("Downloading: %s\n", orEmpty(name));
 }
 
 void changeDownload(Servant&, char* line) {
-    Tokens tokens(line);
-    tokens.next();
+    Tokens tokens = argumentsOf(line);
     const char* number = tokens.next();
     const char* option = tokens.next();
     if (!number || !option) return;

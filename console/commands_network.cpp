@@ -32,8 +32,7 @@ std::optional<ServerAddress> serverAt(std::optional<u16> place) {
 }  // namespace
 
 void addServer(Servant&, char* line) {
-    Tokens tokens(line);
-    tokens.next();
+    Tokens tokens = argumentsOf(line);
     const char* address = tokens.next();
     const char* portText = tokens.next();
     const i32 port = portText ? numberIn(portText) : defaultServerPort;
@@ -69,8 +68,7 @@ void connectToServer(Servant&, char* line) {
 void disconnectFromServer(Servant&, char*) { messageQ.post(MESSAGE_DISCONNECT); }
 
 Ref<Search> searchFor(char* line) {
-    Tokens tokens(line);
-    tokens.next();
+    Tokens tokens = argumentsOf(line);
     std::string text;
     std::string type;
     for (int i = 0; i < mostSearchTokens; ++i) {

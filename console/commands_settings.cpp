@@ -10,11 +10,7 @@
 
 namespace {
 
-const char* firstArgument(char* line) {
-    Tokens tokens(line);
-    tokens.next();
-    return tokens.next();
-}
+const char* firstArgument(char* line) { return argumentsOf(line).next(); }
 
 // `auto` turns it on, `auto -` off.
 i32 onUnlessDash(char* line) {
@@ -37,8 +33,7 @@ std::optional<u16> portArgument(char* line) {
 }  // namespace
 
 void setController(Servant&, char* line) {
-    Tokens tokens(line);
-    tokens.next();
+    Tokens tokens = argumentsOf(line);
     const char* name = tokens.next();
     const char* password = tokens.next();
     const bool both = name && password;
@@ -46,8 +41,7 @@ void setController(Servant&, char* line) {
 }
 
 void setLimits(Servant&, char* line) {
-    Tokens tokens(line);
-    tokens.next();
+    Tokens tokens = argumentsOf(line);
     const char* down = tokens.next();
     const char* up = tokens.next();
     if (!down || !up) return sayInvalid();

@@ -21,7 +21,6 @@ constexpr i32 doorTimeout = 10'000;  // ms
 constexpr std::size_t textSize = 256;
 constexpr std::size_t longestName = 0xFFFE;  // a string's longest on the wire
 constexpr u32 mostStrangers = 32;
-constexpr u32 mostResults = 10'000;
 
 // Names from the network may be longer than a string can be.
 void writeName(i4_file& stream, const char* name) {
@@ -74,7 +73,7 @@ TcpipUI::TcpipUI(CoreUIInterface& inner)
     door_->listen(doorTimeout);
 }
 
-TcpipUI::~TcpipUI() { results_.deleteAll(); }
+TcpipUI::~TcpipUI() = default;
 
 bool TcpipUI::attach(GUIController& controller) {
     i4_lock guard(lock_);
@@ -97,10 +96,7 @@ Ref<GUIController> TcpipUI::controller() {
 std::shared_ptr<FileMeta> TcpipUI::findResult(const MD4Hash& hash) {
     const i4_guard guard(results_);
     const FileMeta* file = results_.findUnsafe(hash);
-    if (!file) return nullptr;
-    auto copy = std::make_shared<FileMeta>();
-    copy->copyFrom(file);
-    return copy;
+    return file ? copyOf(*file) : nullptr;
 }
 
 bool TcpipUI::sendText(u8 opcode, const char* text) {
@@ -127,10 +123,7 @@ bool TcpipUI::sendWords(u8 opcode, std::initializer_list<u32> words) {
 bool TcpipUI::sendList(u8 opcode, const MetaList& list) {
     const Ref<GUIController> to = controller();
     if (!to) return false;
-    auto packet = makePacket(opcode, list.byteSize());
-    list.toNetwork(packet->stream);
-    packet->finish();
-    to->send(std::move(packet));
+    to->send(makePacket(opcode, list));
     return true;
 }
 
@@ -174,15 +167,10 @@ void TcpipUI::extending(const char* name) {
 void TcpipUI::addResult(FileMeta* file) {
     const Ref<GUIController> to = controller();
     if (!to) return inner_.addResult(file);
-    // Results by datagram come from anyone, and without end.
-    if (results_.count() >= mostResults) {
-        delete file;
-        return;
-    }
-    auto packet = makePacket(CTL_RESULT, file->byteSize());
-    file->toNetwork(packet->stream);
-    packet->finish();
-    results_.add(file);  // before the controller can ask for it
+    std::unique_ptr<FileMeta> owned(file);
+    if (results_.isFull()) return;
+    auto packet = makePacket(CTL_RESULT, *file);
+    results_.add(owned.release());  // before the controller can ask for it
     to->send(std::move(packet));
 }
 
@@ -194,8 +182,7 @@ void TcpipUI::setResults(FileList* list, u8 more) {
     list->toNetwork(packet->stream);
     packet->stream.write_8(more);
     packet->finish();
-    results_.deleteAll();
-    results_.addAll(*list);
+    results_.replaceBy(*list);
     to->send(std::move(packet));
 }
 

@@ -3,10 +3,10 @@
 
 #include <memory>
 
+#include "app/SearchResults.h"
 #include "app/UIInterface.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/threads/linux/RefCounter.h"
-#include "meta/FileList.h"
 
 class GUIController;
 class GUIControllerDoor;
@@ -16,8 +16,8 @@ class Packet;
 // wrapped interface. Events of downloads and uploads always go to both, since the status packets walk the
 // lists that the wrapped one keeps.
 // Thread: any, at the same time.
-// Owns: its door.    Borrows: the wrapped interface, which lives as long as the process; the controller,
-// counted.
+// Owns: its door, the results.    Borrows: the wrapped interface, which lives as long as the process; the
+// controller, counted.
 class TcpipUI : public CoreUIInterface {
   public:
     explicit TcpipUI(CoreUIInterface& inner);
@@ -62,5 +62,5 @@ class TcpipUI : public CoreUIInterface {
     i4_mutex lock_{LockRank::controller};
     Ref<GUIController> controller_ GUARDED_BY(lock_);
     CoreUIInterface& inner_;
-    FileList results_;
+    SearchResults results_;
 };
