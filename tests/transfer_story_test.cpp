@@ -36,11 +36,6 @@ class TwoClientsStory : public testing::Test {
         EXPECT_TRUE(leech_.hasFinished("big.bin", bytes_))
             << leech_.console().output() << seed_.console().output();
     }
-    // What `vr` prints after a search.
-    std::string found(const std::string& search) {
-        EXPECT_TRUE(leech_.type("s " + search, "Results returned\n"));
-        return leech_.view("vr", "> ");
-    }
 
     TemporaryDirectory folder_;
     IndexServerProcess index_;
@@ -55,15 +50,16 @@ TEST_F(TwoClientsStory, OneSharesAndTheOtherFindsAndFetches) {
                                                          {"reed warbler.mp3", someBytes(partSize, 3)}};
     for (const auto& [name, bytes] : small) writeFile(folder_.file(name), bytes);
     begin(30'000'000, "0");
+    ASSERT_TRUE(index_.said(" 4 in all")) << "each is published as soon as it is hashed";
     EXPECT_NE(leech_.view("g", "Files: ").find("(open)"), std::string::npos);
-    const std::string herons = found("grey heron");
+    const std::string herons = leech_.search("grey heron");
     EXPECT_TRUE(herons.find("heron.jpg") != std::string::npos &&
                 herons.find("heron.txt") != std::string::npos);
     EXPECT_EQ(herons.find("warbler"), std::string::npos) << herons;
-    const std::string images = found("heron -Image");
+    const std::string images = leech_.search("heron -Image");
     EXPECT_NE(images.find("(1) grey heron.jpg\t1\t"), std::string::npos) << images;
     EXPECT_EQ(images.find("(2)"), std::string::npos) << images;
-    EXPECT_NE(found("warbler -Image").find("None."), std::string::npos);
+    EXPECT_NE(leech_.search("warbler -Image").find("None."), std::string::npos);
 
     for (const char* search : {"big", "heron -Image", "warbler"}) leech_.findAndDownload(search);
     expectTheFile();
@@ -71,7 +67,7 @@ TEST_F(TwoClientsStory, OneSharesAndTheOtherFindsAndFetches) {
         EXPECT_TRUE(leech_.hasFinished(small[i].first, small[i].second)) << i;
     // Now it's shared from there too, and not a second time on the list.
     EXPECT_TRUE(index_.said("(leech) has published"));
-    EXPECT_NE(found("big").find("(1) "), std::string::npos);
+    EXPECT_NE(leech_.search("big").find("(1) "), std::string::npos);
     EXPECT_TRUE(leech_.type("d 1", "You already have big.bin."));
     leech_.quit();
     seed_.quit();

@@ -192,10 +192,15 @@ void Client::share(const std::string& folder, IndexServerProcess& index) {
     EXPECT_TRUE(index.said("(" + name_ + ") has published"));
 }
 
+std::string Client::search(const std::string& text) {
+    EXPECT_TRUE(type("s " + text, "Results returned\n"));
+    // The prompt doesn't tell where the view ends, as one may stand before it: what comes next does.
+    return view("vr\ng", "Files: ");
+}
+
 void Client::findAndDownload(const std::string& text) {
     EXPECT_TRUE(eventually([&] {
-        if (!type("s " + text, "Results returned\n")) return false;
-        const std::string results = view("vr", "> ");
+        const std::string results = search(text);
         return results.find("(1) ") != std::string::npos && results.find("(2) ") == std::string::npos;
     }));
     EXPECT_TRUE(type("d 1", "Downloading: ")) << console().output();

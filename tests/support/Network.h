@@ -82,6 +82,8 @@ class Client {
     std::string view(const std::string& line, const std::string& last);
     // Shares what `folder` holds and waits until the index server has heard of it.
     void share(const std::string& folder, IndexServerProcess& index);
+    // What `vr` shows after a search.
+    std::string search(const std::string& text);
     // Searches until the text brings exactly one file, and downloads that.
     void findAndDownload(const std::string& text);
     u_int transferredKB();  // of the first download
