@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,62 +27,112 @@ std::optional<u8> digit(char c) {
     return std::nullopt;
 }
 
-// Takes a file's bytes as they come and cuts them into parts.
-class PartDigest {
-  public:
-    void update(const u8* bytes, std::size_t count) {
-        while (count > 0) {
-            const std::size_t length = std::min<std::size_t>(count, PARTSIZE - inPart_);
-            digest_.update(bytes, length);
-            inPart_ += static_cast<u32>(length);
-            bytes += length;
-            count -= length;
-            if (inPart_ == PARTSIZE) endPart();
-        }
-    }
-    // The hash of each part, the last of which may be empty.
-    std::vector<MD4Hash> finish() {
-        endPart();
-        return std::move(parts_);
-    }
-
-  private:
-    void endPart() {
-        parts_.push_back(digest_.finish());
-        inPart_ = 0;
-    }
-
-    MD4 digest_;
-    u32 inPart_ = 0;
-    std::vector<MD4Hash> parts_;
-};
-
 bool sameVersion(const struct stat& a, const struct stat& b) {
     return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-// Feeds the whole of an open regular file to the digest.
-HashOutcome readWhole(int descriptor, PartDigest& digest, const GiveUp& giveUp, u64& size) {
+// Hashes an open regular file, each part on its own. Parts that lie in the system's cache are taken side by
+// side, which saves most of the work. What must come from the disk is read in order, as disks like it.
+class FileHasher {
+  public:
+    FileHasher(int descriptor, const GiveUp& giveUp) : descriptor_(descriptor), giveUp_(giveUp) {}
+    // Once. After `whole`, parts() has the hash of each part, the last of which may be empty.
+    HashOutcome hash();
+    u64 size() const { return done_; }
+    std::vector<MD4Hash>& parts() { return parts_; }
+
+  private:
+    // What is in the way of going on; `whole` for nothing.
+    HashOutcome hashOne();
+    HashOutcome hashEach(std::size_t count);
+    HashOutcome read(u64 at, u8* to, u32 length, u32& got) const;
+    bool isCached(std::size_t count) const;
+    bool isStopped() const { return giveUp_ && giveUp_(); }
+
+    const int descriptor_;
+    const GiveUp& giveUp_;
+    const std::unique_ptr<u8[]> piece_ = std::make_unique_for_overwrite<u8[]>(pieceSize);
+    u64 expected_ = 0;
+    u64 done_ = 0;
+    bool ended_ = false;
+    std::vector<MD4Hash> parts_;
+};
+
+HashOutcome FileHasher::hash() {
     struct stat before {};
     struct stat after {};
-    if (::fstat(descriptor, &before) != 0 || !S_ISREG(before.st_mode)) return HashOutcome::notOpened;
-    ::posix_fadvise(descriptor, 0, 0, POSIX_FADV_SEQUENTIAL);
-    const auto piece = std::make_unique_for_overwrite<u8[]>(pieceSize);
-    const u64 expected = static_cast<u64>(before.st_size);
-    for (size = 0;;) {
-        if (giveUp && giveUp()) return HashOutcome::abandoned;
-        const ssize_t got = ::read(descriptor, piece.get(), pieceSize);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return HashOutcome::unreadable;
-        if (got == 0) break;
-        size += static_cast<u64>(got);
-        // A file that is written as fast as it is read would never end.
-        if (size > expected) return HashOutcome::changed;
-        digest.update(piece.get(), static_cast<std::size_t>(got));
+    if (::fstat(descriptor_, &before) != 0 || !S_ISREG(before.st_mode)) return HashOutcome::notOpened;
+    ::posix_fadvise(descriptor_, 0, 0, POSIX_FADV_SEQUENTIAL);
+    expected_ = static_cast<u64>(before.st_size);
+    while (!ended_) {
+        const std::size_t count = std::min<u64>((expected_ - done_) / PARTSIZE, MD4::lanes);
+        const HashOutcome outcome = count > 1 && isCached(count) ? hashEach(count) : hashOne();
+        if (outcome != HashOutcome::whole) return outcome;
     }
-    if (::fstat(descriptor, &after) != 0) return HashOutcome::unreadable;
-    return size == expected && sameVersion(before, after) ? HashOutcome::whole : HashOutcome::changed;
+    if (::fstat(descriptor_, &after) != 0) return HashOutcome::unreadable;
+    return done_ == expected_ && sameVersion(before, after) ? HashOutcome::whole : HashOutcome::changed;
+}
+
+// One part, or what there is of it up to the file's end.
+HashOutcome FileHasher::hashOne() {
+    MD4 digest;
+    for (u32 taken = 0; taken < PARTSIZE && !ended_;) {
+        if (isStopped()) return HashOutcome::abandoned;
+        u32 got = 0;
+        const HashOutcome outcome = read(done_, piece_.get(), std::min(pieceSize, PARTSIZE - taken), got);
+        if (outcome != HashOutcome::whole) return outcome;
+        digest.update(piece_.get(), got);
+        taken += got;
+        done_ += got;
+        ended_ = got == 0;
+        // A file that is written as fast as it is read would never end.
+        if (done_ > expected_) return HashOutcome::changed;
+    }
+    parts_.push_back(digest.finish());
+    return HashOutcome::whole;
+}
+
+// So many whole parts side by side.
+HashOutcome FileHasher::hashEach(std::size_t count) {
+    std::array<MD4, MD4::lanes> digests;
+    u32 length = 0;
+    for (u32 at = 0; at < PARTSIZE; at += length) {
+        if (isStopped()) return HashOutcome::abandoned;
+        length = std::min<u32>(pieceSize / MD4::lanes, PARTSIZE - at);
+        for (std::size_t i = 0; i < count; ++i) {
+            for (u32 taken = 0, got = 0; taken < length; taken += got) {
+                const HashOutcome outcome = read(done_ + i * PARTSIZE + at + taken,
+                                                 piece_.get() + i * length + taken, length - taken, got);
+                if (outcome != HashOutcome::whole) return outcome;
+                if (got == 0) return HashOutcome::changed;
+            }
+        }
+        MD4::updateEach({digests.data(), count}, piece_.get(), length);
+    }
+    for (std::size_t i = 0; i < count; ++i) parts_.push_back(digests[i].finish());
+    done_ += count * PARTSIZE;
+    return HashOutcome::whole;
+}
+
+// Reads up to `length` bytes; `got` is 0 at the end.
+HashOutcome FileHasher::read(u64 at, u8* to, u32 length, u32& got) const {
+    ssize_t result = -1;
+    do result = ::pread(descriptor_, to, length, static_cast<off_t>(at));
+    while (result < 0 && errno == EINTR);
+    if (result < 0) return HashOutcome::unreadable;
+    got = static_cast<u32>(result);
+    return HashOutcome::whole;
+}
+
+// Whether the beginnings of the next parts can be read without waiting for the disk.
+bool FileHasher::isCached(std::size_t count) const {
+    for (std::size_t i = 0; i < count; ++i) {
+        const iovec first{piece_.get(), 1};
+        const u64 at = done_ + i * PARTSIZE;
+        if (::preadv2(descriptor_, &first, 1, static_cast<off_t>(at), RWF_NOWAIT) != 1) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -158,17 +209,16 @@ HashOutcome MD4Hash::computeFile(MD4Hash& out, const char* path, std::vector<MD4
     const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (descriptor < 0) return HashOutcome::notOpened;
     i4_unix_file_class file(descriptor);
-    PartDigest digest;
-    u64 hashed = 0;
-    const HashOutcome outcome = readWhole(descriptor, digest, giveUp, hashed);
+    FileHasher hasher(descriptor, giveUp);
+    const HashOutcome outcome = hasher.hash();
     if (outcome != HashOutcome::whole) return outcome;
-    parts = digest.finish();
+    parts = std::move(hasher.parts());
     if (parts.size() == 1) {
         out = parts.front();
         parts.clear();
     } else {
         out = ofParts(parts);
     }
-    if (size) *size = hashed;
+    if (size) *size = hasher.size();
     return HashOutcome::whole;
 }

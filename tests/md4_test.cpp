@@ -2,9 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -52,6 +54,26 @@ TEST(MD4Test, ThePublishedDigestsHoweverTheBytesAreCut) {
     }
 }
 
+TEST(MD4Test, DigestsSideBySideAreWhatEachIsAlone) {
+    const std::string bytes = someBytes(MD4::lanes * 1024 + 13);
+    const auto* from = reinterpret_cast<const u8*>(bytes.data()) + 1;  // at no even address
+    for (const bool wide : {true, false}) {
+        for (std::size_t count = 1; count <= MD4::lanes; ++count) {
+            std::array<MD4, MD4::lanes> digests;
+            std::array<std::string, MD4::lanes> taken;
+            for (const std::size_t length : {std::size_t{64}, std::size_t{0}, std::size_t{1024}}) {
+                MD4::updateEach({digests.data(), count}, from, length, wide);
+                for (std::size_t i = 0; i < count; ++i) taken[i] += bytes.substr(1 + i * length, length);
+            }
+            for (std::size_t i = 0; i < digests.size(); ++i) {
+                digests[i].update(from, i);
+                taken[i] += bytes.substr(1, i);
+                EXPECT_EQ(digests[i].finish(), MD4::of(taken[i])) << i << " of " << count << ", " << wide;
+            }
+        }
+    }
+}
+
 TEST(MD4Test, TextForm) {
     MD4Hash hash;
     for (std::size_t i = 0; i < hash.bytes.size(); ++i) hash.bytes[i] = static_cast<u8>(i);
@@ -71,6 +93,14 @@ TEST(MD4Test, TextForm) {
     EXPECT_FALSE(read.fromText(std::string_view(text.c_str(), 33))) << "with a zero behind";
 }
 
+// What lies behind `start` is read from the disk the next time, where the system follows the advice.
+void dropFromCache(const std::string& file, std::size_t start) {
+    const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    ::fsync(descriptor);
+    ::posix_fadvise(descriptor, static_cast<off_t>(start), 0, POSIX_FADV_DONTNEED);
+    ::close(descriptor);
+}
+
 class FileHashTest : public testing::Test {
   protected:
     std::string path(const std::string& name) const { return folder_.file(name); }
@@ -88,9 +118,10 @@ class FileHashTest : public testing::Test {
 };
 
 TEST_F(FileHashTest, PartsAgainstAnIndependentDigest) {
-    const std::string all = someBytes(20'000'000);
-    const std::pair<std::size_t, std::size_t> sizes[] = {{0, 0},         {1, 0},         {9'727'999, 0},
-                                                         {9'728'000, 2}, {9'728'001, 2}, {20'000'000, 3}};
+    const std::string all = someBytes(90'000'000);
+    const std::pair<std::size_t, std::size_t> sizes[] = {{0, 0},           {1, 0},          {9'727'999, 0},
+                                                         {9'728'000, 2},   {9'728'001, 2},  {20'000'000, 3},
+                                                         {87'552'000, 10}, {90'000'000, 10}};
     for (const auto& [size, partCount] : sizes) {
         const std::string_view bytes = std::string_view(all).substr(0, size);
         std::vector<MD4Hash> expectedParts;
@@ -102,6 +133,10 @@ TEST_F(FileHashTest, PartsAgainstAnIndependentDigest) {
         EXPECT_EQ(hash, expected) << size;
         EXPECT_EQ(parts, expectedParts) << size;
         EXPECT_EQ(hashed, size);
+        dropFromCache(file, size / 2);
+        ASSERT_EQ(compute(file), HashOutcome::whole) << size;
+        EXPECT_EQ(hash, expected) << size << ", partly from the disk";
+        EXPECT_EQ(parts, expectedParts) << size << ", partly from the disk";
         MD4Hash onePiece;
         EXPECT_TRUE(md4File(onePiece, file.c_str()));
         EXPECT_EQ(onePiece, MD4::of(bytes)) << size;
@@ -128,31 +163,34 @@ TEST_F(FileHashTest, WhatIsNoFileOrCantBeReadHasNoHash) {
 }
 
 TEST_F(FileHashTest, AFileThatChangesMeanwhileHasNoHash) {
-    const std::string bytes = someBytes(1'000'000);
+    const std::string bytes = someBytes(20'000'000);
     const std::string file = path("file");
     const auto resize = [&](std::uintmax_t size) { std::filesystem::resize_file(file, size); };
     const auto touch = [&] {
         const auto now = std::filesystem::file_time_type::clock::now();
         std::filesystem::last_write_time(file, now + std::chrono::hours(1));
     };
-    const std::function<void()> changes[] = {[&] { resize(1'000'004); }, [&] { resize(300'000); },
-                                             [&] { resize(0); }, touch};
-    for (const auto& change : changes) {
-        for (int when = 1; when <= 5; ++when) {
-            write("file", bytes);
-            int reads = 0;
-            const GiveUp meanwhile = [&] {
-                if (++reads == when) change();
-                return false;
-            };
-            EXPECT_EQ(compute(file, meanwhile), HashOutcome::changed) << when;
+    for (const std::size_t size :
+         {std::size_t{1'000'000}, bytes.size()}) {  // a part, and several side by side
+        const std::function<void()> changes[] = {[&] { resize(size + 4); }, [&] { resize(size * 3 / 10); },
+                                                 [&] { resize(0); }, touch};
+        for (const auto& change : changes) {
+            for (int when = 1; when <= 5; ++when) {
+                write("file", bytes.substr(0, size));
+                int reads = 0;
+                const GiveUp meanwhile = [&] {
+                    if (++reads == when) change();
+                    return false;
+                };
+                EXPECT_EQ(compute(file, meanwhile), HashOutcome::changed) << size << ", " << when;
+            }
         }
+        write("file", bytes.substr(0, size));
+        int reads = 0;
+        EXPECT_EQ(compute(file, [&] { return ++reads == 3; }), HashOutcome::abandoned) << size;
+        EXPECT_EQ(reads, 3) << size;
+        EXPECT_TRUE(hash.isZero()) << size;
     }
-    write("file", bytes);
-    int reads = 0;
-    EXPECT_EQ(compute(file, [&] { return ++reads == 3; }), HashOutcome::abandoned);
-    EXPECT_EQ(reads, 3);
-    EXPECT_TRUE(hash.isZero());
 }
 
 TEST_F(FileHashTest, ARangeOfAStream) {
