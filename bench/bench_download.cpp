@@ -99,6 +99,11 @@ f64 writePlain(const Sample& sample, const std::string& path) {
 
 // 0 where not every part is verified at the end.
 f64 writeAsDownload(const Sample& sample) {
+    std::vector<std::unique_ptr<i4_owned_ram_file>> packets;  // the download takes their memory
+    for (const auto& packet : sample.packets) {
+        packets.push_back(std::make_unique<i4_owned_ram_file>());
+        packets.back()->write(packet->buffer(), packet->size());
+    }
     const f64 start = seconds();
     const Ref<Download> download(new Download);
     FileMeta record;
@@ -106,7 +111,7 @@ f64 writeAsDownload(const Sample& sample) {
     if (!download->create(record)) return 0;
     PartialFile& partial = download->partial();
     bool more = true;
-    for (const auto& packet : sample.packets) {
+    for (const auto& packet : packets) {
         u32 from = 0;
         u32 to = 0;
         packet->seek(0);

@@ -1,8 +1,6 @@
 #include "download/PartialFile.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <limits>
 #include <map>
 #include <utility>
@@ -17,6 +15,7 @@
 #include "download/PartialList.h"
 #include "i4min/file/filesystem.h"
 #include "i4min/memory/error.h"
+#include "i4min/memory/malloc4.h"
 
 namespace {
 
@@ -106,8 +105,7 @@ bool PartialFile::isHashSet(const std::vector<MD4Hash>& hashes) const {
 }
 
 bool PartialFile::openForWriting(u32 flags) {
-    writeFile_ = i4_open_exact(meta_.path.c_str(), I4_FILE_READ | I4_FILE_WRITE | flags);
-    return writeFile_ != nullptr;
+    return writeFile_.open(meta_.path, I4_FILE_READ | I4_FILE_WRITE | flags);
 }
 
 bool PartialFile::create(const FileMeta& meta) {
@@ -168,13 +166,13 @@ void PartialFile::reopenLostEnd() {
 bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     const u32 from = packet.read_32();
     const u32 to = packet.read_32();
-    if (to <= from || from > fileSize_ || to > fileSize_ || !writeFile_ ||
+    if (to <= from || from > fileSize_ || to > fileSize_ || !writeFile_.isOpen() ||
         to - from > packet.bytesLeft().value_or(0) || (count() >= mostGaps && isWithin(from, to))) {
         theLog->printVerbose("Crazy packet\n");
         return true;
     }
     transferred_.add(to - from);
-    writeUnverified(packet.here(), from, to);
+    writeUnverified(packet, from, to);
     fileEnd_ = std::max(fileEnd_.get(), to);
     removeGap(from, to);
     start = from;
@@ -188,40 +186,34 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     return !isEmpty();
 }
 
-// A source that sends other bytes for a verified part must not spoil it. A failure, most likely a full disk,
-// is said once until a write succeeds again; what wasn't written fails the check of its part.
-void PartialFile::writeUnverified(const u8* bytes, u32 start, u32 end) {
-    u32 written = 0;
-    int error = 0;
+// A source that sends other bytes for a verified part must not spoil it. What isn't written fails the check
+// of its part.
+void PartialFile::writeUnverified(i4_ram_file_class& packet, u32 start, u32 end) {
+    const u8* const bytes = packet.here();
+    const bool large = packet.capacity() > DataFile::blockSize;
+    const std::shared_ptr<const u8> block(packet.release(),
+                                          [](const u8* taken) { i4_free(const_cast<u8*>(taken)); });
     for (u64 at = start; at < end;) {
         const u32 part = static_cast<u32>(at / PARTSIZE);
         const u64 stop = std::min<u64>(end, (static_cast<u64>(part) + 1) * PARTSIZE);
-        const u32 length = static_cast<u32>(stop - at);
-        i32 result = static_cast<i32>(length);
         if (!isVerified(part)) {
-            writeFile_->seek(static_cast<u32>(at));
-            result = writeFile_->write(bytes + (at - start), length);
-            if (result != static_cast<i32>(length)) error = result < 0 ? errno : ENOSPC;
+            writeFile_.write(at, {block, bytes + (at - start)}, static_cast<u32>(stop - at));
         }
-        written += static_cast<u32>(std::max(0, result));
         at = stop;
     }
-    if (error != 0 && !writeFailed_) {
-        theLog->printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(written),
-                          static_cast<i32>(end - start), meta_.path.c_str(), std::strerror(error));
-    }
-    writeFailed_ = error != 0;
+    // What waits may hold no more memory than a few small blocks.
+    if (large) writeFile_.flush();
 }
 
 PartialFile::PartCheck PartialFile::checkPart(u32 part) {
     const u32 start = part * PARTSIZE;
     const u32 end = static_cast<u32>(std::min<u64>(static_cast<u64>(start) + PARTSIZE, fileSize_));
     if (overlaps(start, end)) return PartCheck::missing;
-    if (part >= meta_.partHashes.size() || !writeFile_) return PartCheck::unknown;
-    writeFile_->flush();
+    if (part >= meta_.partHashes.size() || !writeFile_.isOpen()) return PartCheck::unknown;
+    writeFile_.flush();
     MD4Hash hash;
     const i4_string name = getName();
-    if (!MD4Hash::compute(hash, *writeFile_, start, end)) {
+    if (!MD4Hash::compute(hash, writeFile_.stream(), start, end)) {
         theLog->printLine("ERROR file couldn't be hashed: %s ", name.isNull() ? "" : name.c_str());
         theLog->printLine("Please close the tarnwick and run scandisk.");
         reopenPart(part, start, end);
@@ -290,6 +282,7 @@ PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
     i4_lock guard(fileLock_);
     if (!readFile_) readFile_ = i4_open_exact(meta_.path.c_str(), I4_FILE_READ);
     if (!readFile_) return Read::unavailable;
+    writeFile_.flushRange(start, end);
     readFile_->seek(start);
     try {
         readFile_->readAll(buffer, end - start);
@@ -300,7 +293,7 @@ PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
 }
 
 void PartialFile::closeFiles() {
-    writeFile_.reset();
+    writeFile_.close();
     i4_lock guard(fileLock_);
     if (!readFile_) return;
     if (status() != gone) status_ = moved;
@@ -328,7 +321,7 @@ void PartialFile::dropStaleMeta() const {
 
 // The meta file goes last: a crash before leaves a download that completes again. Uploads read on meanwhile.
 PartialFile::Completion PartialFile::complete(const GiveUp& giveUp) {
-    writeFile_.reset();
+    writeFile_.close();
     MD4Hash hash;
     std::vector<MD4Hash> parts;
     if (MD4Hash::computeFile(hash, meta_.path.c_str(), parts, giveUp) == HashOutcome::abandoned) {
@@ -405,6 +398,8 @@ void PartialFile::saveToList(PartialList& list, i32 priority, bool paused) {
         record->addTag(MetaTag::makeTag(META_TAG_INT, gapTagName(TAG_GAP_END, k).c_str(), &end));
         ++k;
     }
+    // After the gaps were taken: what they tell to be here is on the disk when the record gets there.
+    writeFile_.flush();
     list.add(record.release());
 }
 

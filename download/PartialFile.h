@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "download/DataFile.h"
 #include "download/GapList.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/relaxed.h"
@@ -41,7 +42,8 @@ class PartialFile : public GapList, public RefCounter {
     // Writes a packet's data, which stands behind opcode and hash: u32 start, u32 end, bytes. A range that
     // makes no sense, or would make one of far too many gaps, writes nothing and leaves start and end alone.
     // What lies in a verified part stays as it
-    // is, whatever the packet says. True while gaps remain.
+    // is, whatever the packet says. The packet's block is taken, and freed once it is on the disk. True while
+    // gaps remain.
     bool writeData(i4_ram_file_class& packet, u32& start, u32& end);
     // Verifies every part that is complete. Thread: the hash thread's, in a state that accepts no data.
     Check checkParts(const GiveUp& giveUp = {});
@@ -91,7 +93,7 @@ class PartialFile : public GapList, public RefCounter {
     void finishSetup(const FileMeta& tags, const FileMeta& record);
     bool openForWriting(u32 flags);
     void reopenLostEnd();
-    void writeUnverified(const u8* bytes, u32 start, u32 end);
+    void writeUnverified(i4_ram_file_class& packet, u32 start, u32 end);
     bool isHashSet(const std::vector<MD4Hash>& hashes) const;
     Check checkRange(u32 first, u32 last, const GiveUp& giveUp);
     PartCheck checkPart(u32 part);
@@ -106,7 +108,7 @@ class PartialFile : public GapList, public RefCounter {
     i4_string tempFileName_;
     std::unique_ptr<i4_file> readFile_ GUARDED_BY(fileLock_);
     i4_string finalPath_ GUARDED_BY(fileLock_){nullptr};
-    std::unique_ptr<i4_file> writeFile_;
+    DataFile writeFile_;
     u32 partCount_ = 0;
     Relaxed<i32> status_{incomplete};
     FileMeta meta_;
@@ -119,7 +121,6 @@ class PartialFile : public GapList, public RefCounter {
     bool partHashesKnown_ = false;
     bool hashesArrived_ = false;  // parts that were complete before have not been checked since
     std::vector<u32> reopened_;
-    bool writeFailed_ = false;           // and it was said
     bool failed_ = false;                // it couldn't be loaded: its files stay as they are
     std::atomic<bool> finished_{false};  // before the meta file is removed
 };

@@ -24,7 +24,9 @@ class FuzzedPeer : public Peer {
 
     // False once the connection would be dropped.
     bool hear(const std::string& body) {
-        i4_ram_file_class stream(const_cast<char*>(body.data()), static_cast<u32>(body.size()), 0);
+        i4_owned_ram_file stream;
+        stream.write(body.data(), static_cast<u32>(body.size()));
+        stream.seek(0);
         try {
             const u8 opcode = stream.read_8();
             return gotFirst ? handleMessage(opcode, stream) : firstMessage(opcode, stream);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -177,6 +178,13 @@ void i4_ram_file_class::reset(void* buffer, u32 capacity, u32 grow_step) {
     used_ = capacity;
 }
 
+u8* i4_ram_file_class::release() {
+    assert(grow_step_ != 0);
+    u8* const block = buffer_;
+    reset(nullptr, 0, grow_step_);
+    return block;
+}
+
 void i4_ram_file_class::setUsed(u32 used) {
     used_ = std::min(used, capacity_);
     position_ = std::min(position_, used_);
@@ -216,7 +224,7 @@ void i4_translate_path(const char* name, char* out, std::size_t limit) {
     out[length] = 0;
 }
 
-std::unique_ptr<i4_file> i4_open_exact(const char* name, u32 flags) {
+std::unique_ptr<i4_unix_file_class> i4_open_exact(const char* name, u32 flags) {
     int system = 0;
     if (flags & I4_FILE_APPEND) system = O_APPEND;
     if (flags & I4_FILE_TRUNCATE) system = O_TRUNC;

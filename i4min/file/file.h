@@ -95,6 +95,8 @@ class i4_ram_file_class : public i4_file {
 
     // Puts the stream on a new block, position 0, all of it readable. The old block is not freed.
     void reset(void* buffer, u32 capacity, u32 grow_step);
+    // Leaves an empty stream: the block, which isn't a fixed one, is the caller's to free.
+    u8* release();
     u8* buffer() const { return buffer_; }
     u32 capacity() const { return capacity_; }
     u8* here() const { return buffer_ + position_; }
@@ -143,7 +145,7 @@ enum i4_file_flags : u32 {
 // the umask.
 std::unique_ptr<i4_file> i4_open(const char* name, u32 flags);
 // The same for a name exactly as it stands: files found in a directory, and names that came from the network.
-std::unique_ptr<i4_file> i4_open_exact(const char* name, u32 flags);
+std::unique_ptr<i4_unix_file_class> i4_open_exact(const char* name, u32 flags);
 
 // Copies a name with '\' as '/', "c:/" as "/" and "x:" as "/u" into `out` of `limit` bytes; always
 // terminates.

@@ -21,6 +21,7 @@ enum class LockRank : int {
     preferences = 70,      // Preferences::selfLock, pathLock
     filter = 71,           // FilterList
     partialRead = 72,      // PartialFile::fileLock
+    dataFile = 73,         // DataFile, what waits to be written
     gapList = 74,          // GapList
     progress = 76,         // GapCounterList, DLProgress
     connectRegistry = 78,  // ConnectRegistry::lock

@@ -1,0 +1,84 @@
+#include "download/DataFile.h"
+
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "app/UIInterface.h"
+
+namespace {
+
+constexpr std::size_t mostPieces = 16;
+
+}  // namespace
+
+bool DataFile::open(const i4_string& path, u32 flags) {
+    close();
+    i4_lock guard(lock_);
+    path_ = path;
+    file_ = i4_open_exact(path.c_str(), flags);
+    return isOpen();
+}
+
+void DataFile::close() {
+    i4_lock guard(lock_);
+    writeUpTo(end_);
+    file_.reset();
+}
+
+void DataFile::write(u64 at, std::shared_ptr<const u8> bytes, u32 length) {
+    i4_lock guard(lock_);
+    if (at != end_ || waiting_.size() == mostPieces) writeUpTo(end_);
+    if (waiting_.empty()) start_ = end_ = at;
+    waiting_.push_back({std::move(bytes), length});
+    end_ += length;
+    writeUpTo(end_ - end_ % blockSize);
+}
+
+void DataFile::flush() {
+    i4_lock guard(lock_);
+    writeUpTo(end_);
+}
+
+void DataFile::flushRange(u64 start, u64 end) {
+    i4_lock guard(lock_);
+    if (start < end_ && start_ < end) writeUpTo(end_);
+}
+
+void DataFile::writeUpTo(u64 stop) {
+    if (stop <= start_) return;
+    std::array<iovec, mostPieces> vectors{};
+    std::size_t count = 0;
+    u64 at = start_;
+    for (; at < stop; ++count) {
+        const Piece& piece = waiting_[count];
+        const std::size_t length = std::min<u64>(piece.length, stop - at);
+        vectors[count] = {const_cast<u8*>(piece.bytes.get()), length};
+        at += length;
+    }
+    const ssize_t written =
+        ::pwritev(file_->descriptor(), vectors.data(), static_cast<int>(count), static_cast<off_t>(start_));
+    sayFailure(written, stop - start_);
+    start_ = stop;
+    // Of the last piece, some may lie behind.
+    Piece& last = waiting_[count - 1];
+    const u32 taken = static_cast<u32>(vectors[count - 1].iov_len);
+    if (taken < last.length) {
+        last = {{last.bytes, last.bytes.get() + taken}, last.length - taken};
+        --count;
+    }
+    waiting_.erase(waiting_.begin(), waiting_.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+void DataFile::sayFailure(i64 written, u64 wanted) {
+    const int error = written < 0 ? errno : ENOSPC;
+    const bool failed = written != static_cast<i64>(wanted);
+    if (failed && !failed_) {
+        theLog->printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(std::max<i64>(0, written)),
+                          static_cast<i32>(wanted), path_.c_str(), std::strerror(error));
+    }
+    failed_ = failed;
+}
