@@ -117,14 +117,15 @@ IndexServerProcess::IndexServerProcess(const Host& host) : host_(host) {
     port_ = output.substr(from, output.find(',', from) - from);
 }
 
+int IndexServerProcess::count(const std::string& text) {
+    const std::string& output = process_->output();
+    int count = 0;
+    for (std::size_t at = 0; (at = output.find(text, at)) != std::string::npos; at += text.size()) ++count;
+    return count;
+}
+
 bool IndexServerProcess::said(const std::string& text, int times) {
-    return eventually([&] {
-        const std::string& output = process_->output();
-        int count = 0;
-        for (std::size_t at = 0; (at = output.find(text, at)) != std::string::npos; at += text.size())
-            ++count;
-        return count >= times;
-    });
+    return eventually([&] { return count(text) >= times; });
 }
 
 // --- Client

@@ -47,7 +47,9 @@ class NamespaceNetwork {
 class IndexServerProcess {
   public:
     explicit IndexServerProcess(const Host& host = {});
-    // Waits until `text` stands in so many places of what the server has said from its start on.
+    // In how many places `text` stands of what the server has said from its start on; waits until it is in so
+    // many.
+    int count(const std::string& text);
     bool said(const std::string& text, int times = 1);
     const Host& host() const { return host_; }
     const std::string& port() const { return port_; }
