@@ -1,9 +1,13 @@
 #include "app/UIInterface.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 
+#include "i4min/file/output.h"
 #include "i4min/string/string.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "meta/FileList.h"
@@ -13,18 +17,15 @@ namespace {
 
 constexpr u32 mostComplaints = 60;  // a minute
 
-// Names and messages of strangers are among what is printed: none may steer the user's terminal. One write
-// for all of it, so that lines of different threads don't mix.
+// Names and messages of strangers are among what is printed: none may steer the user's terminal. All of it goes
+// at once, so that lines of different threads don't mix.
 void write(const char* format, va_list list, const char* end = "") {
     char* text = nullptr;
     const int length = ::vasprintf(&text, format, list);
     if (length < 0) return;
     const std::unique_ptr<char, void (*)(void*)> owned(text, std::free);
     i4_replace_controls(text, static_cast<std::size_t>(length));
-    ::flockfile(stdout);
-    std::fwrite(text, 1, static_cast<std::size_t>(length), stdout);
-    std::fputs(end, stdout);
-    ::funlockfile(stdout);
+    i4_standard_output().write(STDOUT_FILENO, std::string(text, static_cast<std::size_t>(length)) + end);
 }
 
 }  // namespace
@@ -56,7 +57,6 @@ void UIInterface::printFlush(const char* format, ...) {
     va_start(list, format);
     write(format, list);
     va_end(list);
-    std::fflush(stdout);
 }
 
 // Threads that meet at the turn of a minute may miscount by a few.

@@ -27,7 +27,8 @@ class UIInterface {
     virtual void print(const char* format, ...) PRINTF_LIKE;  // without newline
     virtual void printVerbose(const char* format,
                               ...) PRINTF_LIKE;  // without newline, only while `verbose` is set
-    virtual void printFlush(const char* format, ...) PRINTF_LIKE;  // without newline, then flushes
+    // Without newline. Nothing is held back, so this is what print() does.
+    virtual void printFlush(const char* format, ...) PRINTF_LIKE;
 
     // For a text that strangers can cause at any rate: false where enough of such texts were printed in this
     // minute. So a log stays small over months.

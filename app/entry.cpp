@@ -9,6 +9,7 @@
 #include "app/version.h"
 #include "console/CLUI.h"
 #include "console/ConClientApp.h"
+#include "i4min/file/output.h"
 #include "i4min/memory/error.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "i4min/threads/linux/linux_threads.h"
@@ -67,7 +68,8 @@ void takeArguments() {
 
 void runApplication(int, char**) {
     std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    i4_standard_output().start();
+    i4_standard_output().keepMine();
     auto* console = new CLUI;
     theUI = console;
     theLog = console;

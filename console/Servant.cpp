@@ -2,16 +2,17 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "app/UIInterface.h"
+#include "i4min/file/output.h"
 
 namespace {
 
 constexpr std::size_t lineSize = 255;   // a line and its terminator
 constexpr std::size_t answerSize = 82;  // an answer to confirm() and its terminator
 constexpr std::size_t argumentSize = 256;
+constexpr u32 roomWait = 200;  // ms between looks whether somebody else ended the client
 
 }  // namespace
 
@@ -46,8 +47,10 @@ void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
 
 void Servant::run() {
     consoleThread_.check();
-    std::fputs(prompt.c_str(), stdout);
-    std::fflush(stdout);
+    i4_output& output = i4_standard_output();
+    output.write(STDOUT_FILENO, prompt.c_str());
+    // What was typed is answered whole, so the next line waits while too many answers are unread.
+    while (running && !output.hasRoom(roomWait)) continue;
     char line[lineSize];
     if (input_.readLine(line, sizeof line)) {
         dispatch(line);

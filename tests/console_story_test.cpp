@@ -1,5 +1,6 @@
 // The program at a console: start, commands, end.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "tests/support/Network.h"
 #include "tests/support/eventually.h"
@@ -68,6 +69,32 @@ TEST_F(ConsoleStory, EndsInOrderWhenInputEndsOrOutputIsClosed) {
     Process mute("/bin/sh", {"-c", "exec " + program_ + " >&-"}, home_.path(), Process::Input::pipe);
     mute.type("nonsense");
     leave(mute);
+}
+
+TEST_F(ConsoleStory, AnOutputThatNobodyReadsHoldsUpNothing) {
+    IndexServerProcess index;
+    Process client(program_, {}, home_.path(), Process::Input::pipe);
+    constexpr int often = 60;  // more than a pipe takes
+    const auto askForHelp = [&] {
+        for (int n = 0; n < often; ++n) client.type("?");
+    };
+    askForHelp();
+    client.type("n 127.0.0.1 " + index.port());
+    client.type("c 1");
+    EXPECT_TRUE(index.said("has logged on"));
+    client.type("nonsense");
+    for (int n = 0; n < often; ++n) ASSERT_TRUE(client.waitFor("https://tarnwick.example")) << n;
+    EXPECT_TRUE(client.waitFor(unknown));
+
+    askForHelp();
+    client.type("q");
+    client.type("y");
+    EXPECT_TRUE(eventually([&] {
+        siginfo_t ended{};
+        return ::waitid(P_PID, static_cast<id_t>(client.pid()), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               ended.si_pid == client.pid();
+    }));
+    EXPECT_EQ(client.wait(), 1);
 }
 
 TEST_F(ConsoleStory, SettingsServersAndIdentityComeBack) {

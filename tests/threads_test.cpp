@@ -1,16 +1,22 @@
 // Threads and their states, the semaphore, counted references, start-up objects, time, what a debug build
-// checks of threads and locks, and the queue of messages.
+// checks of threads and locks, the queue of messages, and what is written to a terminal.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <functional>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "app/MessageQ.h"
 #include "i4min/file/file.h"
+#include "i4min/file/output.h"
 #include "i4min/memory/error.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/threads/linux/RefCounter.h"
@@ -224,6 +230,90 @@ TEST(Time, AddsAndComparesAcrossSeconds) {
         EXPECT_EQ(point < start, c.add < 0);
         EXPECT_EQ(point > start, c.add > 0);
     }
+}
+
+// A pipe of one page, and what writes to it. Owns its ends; the one that is read goes first, so that a write
+// which hangs there ends.
+struct Unread {
+    explicit Unread(std::size_t limit) : owned(std::make_unique<i4_output>(limit)), output(*owned) {
+        std::signal(SIGPIPE, SIG_IGN);
+        EXPECT_EQ(::pipe(ends), 0);
+        EXPECT_EQ(::fcntl(ends[1], F_SETPIPE_SZ, 4096), 4096);
+        same = ::dup(ends[1]);
+        output.start();
+        output.keepMine();
+    }
+    ~Unread() {
+        ::close(ends[0]);
+        owned.reset();
+        ::close(ends[1]);
+        ::close(same);
+    }
+    // All that is said until finish(), which this calls.
+    std::string readAll() {
+        std::string text;
+        std::thread reader([&] {
+            char bytes[1000];
+            while (text.find("the end\n") == std::string::npos) {
+                text.append(bytes, static_cast<std::size_t>(::read(ends[0], bytes, sizeof bytes)));
+            }
+        });
+        output.write(same, "the end\n");
+        output.finish();
+        reader.join();
+        return text;
+    }
+
+    std::unique_ptr<i4_output> owned;
+    i4_output& output;
+    int ends[2];
+    int same;  // the end that is written to, once more
+};
+
+TEST(Output, ThatNobodyReadsHoldsUpNobodyAndLosesOnlyOldLinesOfOtherThreads) {
+    Unread pipe(10'000);
+    i4_output& output = pipe.output;
+    constexpr int lines = 3000;
+    const auto numbered = [](char who, int n) { return who + std::to_string(10'000 + n) + "\n"; };
+    for (int n = 0; n < lines; ++n) {
+        output.write(pipe.ends[1], numbered('a', n));
+        std::thread([&] { output.write(n % 2 ? pipe.ends[1] : pipe.same, numbered('e', n)); }).join();
+    }
+    EXPECT_FALSE(output.hasRoom(1));
+
+    std::istringstream text(pipe.readAll());
+    int answers = 0;
+    int next = 0;
+    bool noticed = false;
+    for (std::string line; std::getline(text, line) && line != "the end";) {
+        if (line[0] == 'a') {
+            EXPECT_EQ(line + "\n", numbered('a', answers++));
+        } else if (line[0] == 'e') {
+            EXPECT_EQ(line + "\n", numbered('e', next++));
+            EXPECT_TRUE(!noticed || answers == next) << "each behind the answer that it came behind";
+        } else {
+            EXPECT_FALSE(std::exchange(noticed, true)) << "one place tells of all that is missing";
+            next += std::stoi(line);
+            EXPECT_NE(line.find(" lines are missing here: nobody read them in time."), std::string::npos);
+        }
+    }
+    EXPECT_EQ(answers, lines);
+    EXPECT_EQ(next, lines);
+    EXPECT_TRUE(noticed);
+    EXPECT_TRUE(output.hasRoom(1));
+    output.write(pipe.same, "at once");
+    char bytes[8] = {};
+    EXPECT_EQ(::read(pipe.ends[0], bytes, 7), 7);
+    EXPECT_STREQ(bytes, "at once");
+}
+
+TEST(Output, IsGivenUpAtTheEndWhereNobodyReads) {
+    Unread pipe(10);
+    i4_output& output = pipe.output;
+    output.write(pipe.same, std::string(5000, 'x'));
+    output.write(1'000'000, "no such descriptor");
+    output.finish();
+    output.write(pipe.same, "unheard");
 }
 
 TEST(DebugBuildDeathTest, AbortsOutOfTheOrderOfLocks) {

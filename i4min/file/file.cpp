@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 
+#include "i4min/file/output.h"
 #include "i4min/memory/error.h"
 #include "i4min/memory/malloc4.h"
 
@@ -197,7 +198,8 @@ i32 i4_debug_file_class::read(void* buffer, u32 count) {
 }
 
 i32 i4_debug_file_class::write(const void* buffer, u32 count) {
-    return static_cast<i32>(::write(STDIN_FILENO, buffer, count));
+    i4_standard_output().write(STDIN_FILENO, {static_cast<const char*>(buffer), count});
+    return static_cast<i32>(count);
 }
 
 void i4_translate_path(const char* name, char* out, std::size_t limit) {

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 
+#include "i4min/file/output.h"
 #include "i4min/memory/error.h"
 
 namespace {
@@ -35,6 +37,7 @@ struct StartArguments {
 };
 
 [[noreturn]] void endProcess() {
+    i4_standard_output().drain();
     std::fflush(nullptr);
     ::_exit(0);
 }
@@ -146,12 +149,11 @@ int i4_main(int argc, char** argv, void (*application)(int argc, char** argv)) {
         const char* file = nullptr;
         int line = 0;
         i4_get_file_line(file, line);
-        if (file) {
-            std::printf("Unrecoverable error at %s:%d : %s", file, line, error.message());
-        } else {
-            std::printf("Unrecoverable error");
-        }
+        std::string text = "Unrecoverable error";
+        if (file) text += std::string(" at ") + file + ":" + std::to_string(line) + " : " + error.message();
+        i4_standard_output().write(STDOUT_FILENO, text);
     }
+    i4_standard_output().finish();
     deleteAll(i4_argv);
     return 1;
 }
