@@ -67,6 +67,11 @@ void keepAlive(int socket) {
     setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
+// What comes behind a log-on waits for the test of the door, and may be as long as ever then.
+u32 packetLimit(const IndexSession& session, const IndexLimits& limits) {
+    return session.phase == IndexSession::Phase::arrived ? limits.packetBeforeLogon : limits.packet;
+}
+
 }  // namespace
 
 IndexServer::IndexServer(IndexIdentity identity, IndexLimits limits, EventLog& log)
@@ -250,7 +255,7 @@ void IndexServer::handOn(Connection& connection) {
     IndexSession& session = *connection.session;
     const IndexLimits& limits = service_.limits();
     Bytes body;
-    const u32 limit = session.id == 0 ? limits.packetBeforeLogon : limits.packet;
+    const u32 limit = packetLimit(session, limits);
     for (int i = 0; i < packetsAtOnce && session.wantsInput(limits.outputPause); ++i) {
         if (!connection.in.next(body, limit)) break;
         service_.packet(session, std::exchange(body, {}), now_);
@@ -280,7 +285,7 @@ void IndexServer::settle(Connection& connection) {
         handOn(connection);
         alive = session.phase != IndexSession::Phase::closing && flush(connection);
     }
-    if (alive && connection.in.isBroken(session.id == 0 ? limits.packetBeforeLogon : limits.packet)) {
+    if (alive && connection.in.isBroken(packetLimit(session, limits))) {
         log_.debug("Client %u is dropped: no packet", number);
         alive = false;
     }

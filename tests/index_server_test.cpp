@@ -428,6 +428,11 @@ TEST(IndexServer, BadClientsCostOnlyThemselves) {
         EXPECT_TRUE(bad.isEnded()) << testing::PrintToString(bytes);
     }
     {
+        Caller eager(port);  // doesn't wait for its ID, nor for its door to be tested
+        eager.send(framed(logOn(0)) + framed(publish(9000, 3000, "early")) + framed(search("early 9999")));
+        EXPECT_EQ(Page(opcode(51, eager.await(51))).names, Bodies{"early 9999 x1"});
+    }
+    {
         RawClient huge(port);
         huge.logOn();
         huge.send("\xE3" + le32((16 << 20) + 1) + "\x15");
