@@ -6,6 +6,7 @@
 #include <random>
 
 #include "i4min/file/file.h"
+#include "i4min/memory/debug_build.h"
 #include "meta/tagTable.h"
 
 namespace {
@@ -16,6 +17,10 @@ u64 mixed(u64 value) {
     value = (value ^ value >> 33) * 0xff51afd7ed558ccdu;
     value = (value ^ value >> 33) * 0xc4ceb9fe1a85ec53u;
     return value ^ value >> 33;
+}
+
+void require(bool holds) {
+    if (!holds) std::abort();
 }
 
 u64 spend(u64 work, u64 amount) { return work > amount ? work - amount : 0; }
@@ -50,6 +55,7 @@ std::optional<FileNumber> FileIndex::publish(ClientNumber client, const MD4Hash&
         File& file = files_[known->second];
         if (std::find(file.sources.begin(), file.sources.end(), client) == file.sources.end()) {
             file.sources.push_back(client);
+            checkAround(known->second);
             return known->second;
         }
         const ByteSpan before = file.record.tags();
@@ -61,6 +67,7 @@ std::optional<FileNumber> FileIndex::publish(ClientNumber client, const MD4Hash&
             recordBytes_ -= before.size();
             file.record = std::move(record);
             place(known->second);
+            checkAround(known->second);
         }
         return std::nullopt;
     }
@@ -79,18 +86,21 @@ std::optional<FileNumber> FileIndex::publish(ClientNumber client, const MD4Hash&
     file.sources.assign(1, client);
     byHash_.emplace(hash, number);
     place(number);
+    checkAround(number);
     return number;
 }
 
 void FileIndex::withdraw(ClientNumber client, FileNumber number) {
     File& file = files_[number];
+    if constexpr (debugBuild) require(!file.sources.empty());
     std::erase(file.sources, client);
-    if (!file.sources.empty()) return;
+    if (!file.sources.empty()) return checkAround(number);
     displace(number);
     byHash_.erase(file.hash);
     recordBytes_ -= file.record.size();
     file = File();
     freeNumbers_.push_back(number);
+    checkAround(number);
 }
 
 void FileIndex::place(FileNumber number) {
@@ -185,10 +195,23 @@ const FileIndex::File* FileIndex::nextCandidate(SearchRun& run, u64& work) const
     return nullptr;
 }
 
+void FileIndex::checkAround(FileNumber changed) const {
+    if constexpr (debugBuild) {
+        constexpr std::size_t small = 64;
+        if (files_.size() <= small) return checkInvariants();
+        const File& file = files_[changed];
+        if (file.sources.empty()) {
+            require(!file.segment && freeNumbers_.back() == changed);
+        } else {
+            require(byHash_.at(file.hash) == changed);
+            require(segmentFrom(file.segment->number()) == file.segment);
+            require(file.segment->file(file.slot) == changed);
+        }
+        require(!segments_.back()->isSealed() && byHash_.size() + freeNumbers_.size() == files_.size());
+    }
+}
+
 void FileIndex::checkInvariants() const {
-    const auto require = [](bool holds) {
-        if (!holds) std::abort();
-    };
     u64 live = 0;
     u64 bytes = 0;
     for (std::size_t i = 0; i < segments_.size(); ++i) {

@@ -62,7 +62,7 @@ class FileIndex {
     u32 fileCount() const { return static_cast<u32>(byHash_.size()); }
     bool isFull() const { return fileCount() >= limits_.files || recordBytes_ >= limits_.recordBytes; }
     std::size_t wordIndexBytes() const;
-    void checkInvariants() const;  // aborts
+    void checkInvariants() const;  // aborts; a debug build runs it, or of a big index a part, at each change
 
     // Goes on with a search until the index ends (run.atEnd()), `take` says false, or the work is spent.
     // `take` gets the record, the hash and the availability of each match; one that it refuses is met again.
@@ -89,6 +89,8 @@ class FileIndex {
         u64 seed_;
     };
 
+    // Of a big index, that file's place and the counts.
+    void checkAround(FileNumber changed) const;
     void openSegment();
     void place(FileNumber number);
     void displace(FileNumber number);

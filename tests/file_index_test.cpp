@@ -1,6 +1,7 @@
 // The index of published files, against a plain walk over the same files.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstring>
 #include <map>
 #include <random>
@@ -8,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "i4min/memory/debug_build.h"
 #include "index/FileIndex.h"
 #include "meta/FileMeta.h"
 #include "tests/support/bytes.h"
@@ -234,6 +236,17 @@ TEST(FileIndex, CountsClientsAndKeepsTheFirstRecord) {
     EXPECT_EQ(index.sources(hashOfFile(1)), nullptr);
     EXPECT_TRUE(index.publish(2, hashOfFile(3), recordOf(first)));
     index.checkInvariants();
+}
+
+TEST(FileIndexDeathTest, AbortsWhenAFileIsWithdrawnTwice) {
+    if (!debugBuild) GTEST_SKIP();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    FileIndex index;
+    FileMeta file;
+    file.setName("file");
+    const auto number = index.publish(1, hashOfFile(1), recordOf(file));
+    index.withdraw(1, *number);
+    EXPECT_EXIT(index.withdraw(1, *number), testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(FileIndex, RecordsKeepWhatFitsAndCanBeFound) {
