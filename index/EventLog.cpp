@@ -1,6 +1,11 @@
 #include "index/EventLog.h"
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <string>
+
+#include "i4min/file/output.h"
 
 void EventLog::always(const char* format, ...) {
     va_list list;
@@ -35,6 +40,5 @@ void EventLog::tell(const char* format, va_list list) {
 }
 
 void EventLog::write(const char* line) {
-    std::puts(line);
-    std::fflush(stdout);
+    i4_standard_output().write(STDOUT_FILENO, std::string(line) + "\n");
 }

@@ -1,4 +1,4 @@
-// EventLog, one line for each event on standard output.
+// EventLog, one line for each event on standard output, which holds up nobody when it isn't read.
 #pragma once
 
 #include <cstdarg>

@@ -10,6 +10,7 @@
 
 #include "app/UIInterface.h"
 #include "app/version.h"
+#include "i4min/file/output.h"
 #include "index/IndexServer.h"
 #include "index/options.h"
 
@@ -53,7 +54,6 @@ void allowDescriptors(u32 clients, EventLog& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     IndexOptions options;
     std::string error;
     if (!readOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
@@ -68,10 +68,12 @@ int main(int argc, char** argv) {
     static Silence silence;
     theLog = &silence;
     const i4_descriptor stop = stopSignals();
+    i4_standard_output().start();  // behind the mask, so that no signal reaches its thread
     EventLog log(options.level);
     allowDescriptors(options.identity.maxClients, log);
     IndexServer server(options.identity, IndexLimits(), log);
-    if (!server.listen(options.ip, options.port)) return 1;
-    server.run(stop.get());
-    return 0;
+    const bool listening = server.listen(options.ip, options.port);
+    if (listening) server.run(stop.get());
+    i4_standard_output().finish();
+    return listening ? 0 : 1;
 }
