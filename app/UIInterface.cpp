@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr u32 mostComplaints = 60;  // a minute
+constexpr u32 mostComplaints = 60;  // of one kind in a minute
 
 // Names and messages of strangers are among what is printed: none may steer the user's terminal. All of it goes
 // at once, so that lines of different threads don't mix.
@@ -60,10 +60,11 @@ void UIInterface::printFlush(const char* format, ...) {
 }
 
 // Threads that meet at the turn of a minute may miscount by a few.
-bool UIInterface::mayComplain() {
+bool UIInterface::mayComplain(Complaint kind) {
+    Budget& budget = budgets_[static_cast<std::size_t>(kind)];
     const u32 minute = i4_ticks() / 60'000;
-    if (complaintMinute_.exchange(minute) != minute) complaints_ = 0;
-    return complaints_ < mostComplaints && complaints_++ < mostComplaints;
+    if (budget.minute.exchange(minute) != minute) budget.spent = 0;
+    return budget.spent < mostComplaints && budget.spent++ < mostComplaints;
 }
 
 void CoreUIInterface::connected(const char*) {}

@@ -1,8 +1,10 @@
 // The one object through which the engine speaks: theLog for text, theUI for events.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdarg>
+#include <cstddef>
 
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/types.h"
@@ -30,15 +32,27 @@ class UIInterface {
     // Without newline. Nothing is held back, so this is what print() does.
     virtual void printFlush(const char* format, ...) PRINTF_LIKE;
 
-    // For a text that strangers can cause at any rate: false where enough of such texts were printed in this
-    // minute. So a log stays small over months.
-    bool mayComplain();
+    // For a text that strangers can cause at any rate: false where enough of its kind were printed in this
+    // minute. So a log stays small over months, and nobody's texts take the place of another's.
+    enum class Complaint {
+        brokenTag,
+        peerOutOfDate,
+        serverOutOfDate,
+        serverMessage,
+        datagram,
+        upload,
+        kinds
+    };
+    bool mayComplain(Complaint kind);
 
     std::atomic<u8> verbose{0};
 
   private:
-    std::atomic<u32> complaintMinute_{0};
-    std::atomic<u32> complaints_{0};  // in that minute
+    struct Budget {
+        std::atomic<u32> minute{0};
+        std::atomic<u32> spent{0};  // in that minute
+    };
+    std::array<Budget, static_cast<std::size_t>(Complaint::kinds)> budgets_;
 };
 
 // Takes the events of the engine; by default each is ignored. Thread: any, at the same time. A counted object

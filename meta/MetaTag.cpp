@@ -26,7 +26,8 @@ std::unique_ptr<MetaTag> newTag(int type, const void* value) {
         case META_TAG_BLOB:
             return std::make_unique<MetaTagBlob>(value);
         default:
-            if (theLog->mayComplain()) theLog->print("ERROR: unknown type MetaTag::makeTag() %d\n", type);
+            if (theLog->mayComplain(UIInterface::Complaint::brokenTag))
+                theLog->print("ERROR: unknown type MetaTag::makeTag() %d\n", type);
             return nullptr;
     }
 }
@@ -62,7 +63,7 @@ std::unique_ptr<MetaTag> MetaTag::readTag(i4_file& file) {
     } catch (const i4_err&) {
         return nullptr;
     }
-    if (theLog->mayComplain()) theLog->print("error in tag from bytes\n");
+    if (theLog->mayComplain(UIInterface::Complaint::brokenTag)) theLog->print("error in tag from bytes\n");
     return nullptr;
 }
 

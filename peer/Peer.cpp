@@ -178,7 +178,7 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
         case OP_HELLO:
             return gotHello(stream);
         case OP_PEER_OUT_OF_DATE:
-            if (theLog->mayComplain())
+            if (theLog->mayComplain(UIInterface::Complaint::peerOutOfDate))
                 theLog->printLine("Either your client or one you are connected to is out of date.");
             return true;
         case OP_FILE_DATA:

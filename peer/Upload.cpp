@@ -27,10 +27,12 @@ bool otherPart(u32 a, u32 b) { return a / PARTSIZE != b / PARTSIZE; }
 
 Upload::Upload(std::unique_ptr<i4_file> file, Peer& peer, const char* name, const MD4Hash& hash)
     : file_(std::move(file)), name_(name), peer_(&peer), hash_(hash), userHash_(peer.userHash()) {
-    theLog->printLine("New Upload");
+    if (isTold_) theLog->printLine("New Upload");
 }
 
-Upload::~Upload() { theLog->printLine("~Upload"); }
+Upload::~Upload() {
+    if (isTold_) theLog->printLine("~Upload");
+}
 
 bool Upload::isPeer(const Peer& other) const { return peer_.get() == &other; }
 Peer& Upload::peer() const { return *peer_; }

@@ -4,6 +4,7 @@
 #include <array>
 #include <memory>
 
+#include "app/UIInterface.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/string/string.h"
@@ -80,4 +81,5 @@ class Upload : public RefCounter {
     const Ref<Peer> peer_;
     const MD4Hash hash_;
     const MD4Hash userHash_;
+    const bool isTold_ = theLog->mayComplain(UIInterface::Complaint::upload);  // its start, and so its end
 };

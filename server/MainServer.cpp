@@ -109,7 +109,8 @@ void MainServer::gone() {
 bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case OP_OUT_OF_DATE:
-            if (theLog->mayComplain()) theLog->printLine("Either your client or the server is out of date.");
+            if (theLog->mayComplain(UIInterface::Complaint::serverOutOfDate))
+                theLog->printLine("Either your client or the server is out of date.");
             return true;
         case OP_SERVER_LIST:
             return gotServerList(stream);
@@ -126,7 +127,8 @@ bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
             serverPool.callbackFailed(ip, stream.read_32());
             return true;
         case OP_SERVER_MESSAGE:
-            if (theLog->mayComplain()) theLog->printLine("%s", i4_string(stream).c_str());
+            if (theLog->mayComplain(UIInterface::Complaint::serverMessage))
+                theLog->printLine("%s", i4_string(stream).c_str());
             return true;
         case OP_DROPPED_TEXT:
             stream.read_32();

@@ -85,6 +85,21 @@ TEST_F(UploadTest, SendsWhatIsAskedFor) {
     EXPECT_FALSE(upload->awaitsRequest()) << "asked for nothing, it is at its end";
 }
 
+TEST_F(UploadTest, StartAndEndAreToldUnlessThereAreTooManyInAMinute) {
+    upload = {};
+    const std::string both = "New Upload\n~Upload\n";
+    EXPECT_EQ(log.take(), both);
+    int told = 0;
+    for (int i = 0; i < 200; ++i) {
+        begin();
+        upload = {};
+        const std::string said = log.take();
+        EXPECT_TRUE(said.empty() || said == both) << said;
+        told += !said.empty();
+    }
+    EXPECT_TRUE(told >= 59 && told <= 120) << "in one minute, or at the turn of two: " << told;
+}
+
 TEST_F(UploadTest, TheSpeedIsTheMeanOfEightSamplesAndSetsThePacket) {
     upload->bytesSent = 1'000'000;
     upload->updateSpeed(2000);

@@ -139,10 +139,12 @@ TEST(Terminal, GetsNoControlCharacterOfStrangers) {
     ui.printVerbose("\7%d", 1);
     ui.printFlush("\1");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "a?[2J???\tb\nc\n??1m \xC3\x9B \xC2\xA0 \xC2?1?");
-    int complaints = 0;
-    for (int i = 0; i < 1000; ++i) complaints += ui.mayComplain() ? 1 : 0;
-    EXPECT_TRUE(complaints == 60 || complaints == 120)
-        << "in one minute, or at the turn of two: " << complaints;
+    for (const auto kind : {UIInterface::Complaint::upload, UIInterface::Complaint::serverMessage}) {
+        int complaints = 0;
+        for (int i = 0; i < 1000; ++i) complaints += ui.mayComplain(kind) ? 1 : 0;
+        EXPECT_TRUE(complaints == 60 || complaints == 120)
+            << "in one minute, or at the turn of two: " << complaints;
+    }
     i4_owned_ram_file terminal;
     i4_file* const old = std::exchange(i4_debug_stream, &terminal);
     CLUI().connected("a\x1B]0;b\7");

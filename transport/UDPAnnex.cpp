@@ -42,7 +42,8 @@ void UDPAnnex::sendOne(SocketPool& pool) {
     pool.noteProgress();
     u32 bytes = 0;
     // While the network is down, no ping to any server can be sent.
-    if (packet->send(*socket(), bytes) == Packet::failed && theLog->mayComplain())
+    if (packet->send(*socket(), bytes) == Packet::failed &&
+        theLog->mayComplain(UIInterface::Complaint::datagram))
         theLog->printFlush("Bad UDPAnnex out packet");
     countMoved(bytesSent, bytes);
     packet->sent();
