@@ -523,6 +523,10 @@ TEST_F(TurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     };
     for (const auto& one : all) pool.addConnection(one.get());
     pool.processChanges();
+    pool.addConnection(all[0].get());
+    const i32 asked = pool.count;
+    pool.processChanges();
+    EXPECT_EQ(pool.count, asked) << "what is there already changes nothing";
     pool.elapsed(300'000);
     all[0]->bytesSent = 99;
     pool.elapsed(1);  // the baseline begins

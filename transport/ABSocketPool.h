@@ -31,6 +31,7 @@ class ABSocketPool : public PacedPool {
     void elapsed(i32 ms) override;
     bool turns() override;
     const char* failureText() const override;
+    void addedAgain() override {}  // additions change `count` only when they are asked for
     void leaving(Connection* connection) override;
 
     Mode mode() const { return mode_; }

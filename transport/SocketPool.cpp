@@ -107,7 +107,7 @@ void SocketPool::takeAdditions() {
             if (active_.addUnique(connection)) {
                 connection->addToSet();
             } else {
-                count.add(-1);
+                addedAgain();
                 theLog->print("ERROR: connection already on list\n");
                 twice.add(connection);
             }
@@ -138,6 +138,7 @@ void SocketPool::takeRemovals() {
     }
 }
 
+void SocketPool::addedAgain() { count.add(-1); }
 void SocketPool::leaving(Connection*) {}
 
 void SocketPool::deleteConnections() {

@@ -58,6 +58,8 @@ class SocketPool : public Thread {
     Polled pollSet();
     // Takes additions and removals into effect.
     void processChanges() EXCLUDES(additionsLock_, removalsLock_);
+    // An addition was in `active_` already: takes back what its adding put on `count`.
+    virtual void addedAgain();
     virtual void leaving(Connection* connection);  // it was taken out of `active_`; nothing by default
 
     LL<Connection> active_;
