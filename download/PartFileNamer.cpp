@@ -167,6 +167,18 @@ void PartFileNamer::makeTempName(i4_string& out) {
 
 bool PartFileNamer::moveFile(const char* source, const char* name, const char* directory, i4_string& path,
                              const GiveUp& giveUp) {
+    const Moved moved = tryMove(source, name, directory, path, giveUp);
+    if (moved == Moved::failed) sayNotMoved(source, path);
+    if (moved != Moved::done) path = source;
+    return moved != Moved::givenUp;
+}
+
+void PartFileNamer::sayNotMoved(const char* source, const i4_string& path) {
+    theLog->printLine("%s %s %s", source, stringTable.get(STRINGS_COULDNT_BE_MOVED), path.c_str());
+}
+
+PartFileNamer::Moved PartFileNamer::tryMove(const char* source, const char* name, const char* directory,
+                                            i4_string& path, const GiveUp& giveUp) {
     Take taken =
         takeFreeName(name, directory, path, [&](const char* target) { return renameTo(source, target); });
     if (taken == Take::otherFileSystem) {
@@ -176,21 +188,16 @@ bool PartFileNamer::moveFile(const char* source, const char* name, const char* d
             taken =
                 takeFreeName(name, directory, path, [&](const char* target) { return copy.nameIt(target); });
         } else if (giveUp && giveUp()) {
-            path = source;
-            return false;
+            return Moved::givenUp;
         }
         // The copy has its name for good before the source goes.
         if (taken == Take::done) {
             i4_sync_folder(directory);
             ::unlink(source);
-            return true;
+            return Moved::done;
         }
     }
-    if (taken == Take::done) {
-        i4_sync_folder(directory);
-        return true;
-    }
-    theLog->printLine("%s %s %s", source, stringTable.get(STRINGS_COULDNT_BE_MOVED), path.c_str());
-    path = source;
-    return true;
+    if (taken != Take::done) return Moved::failed;
+    i4_sync_folder(directory);
+    return Moved::done;
 }

@@ -18,6 +18,12 @@ class PartFileNamer {
     // the caller gives up while it is copied.
     bool moveFile(const char* source, const char* name, const char* directory, i4_string& path,
                   const GiveUp& giveUp = {});
+    enum class Moved { done, failed, givenUp };
+    // The same, but for a file that couldn't be moved `path` is what was tried last and nothing is said;
+    // sayNotMoved() says it.
+    static Moved tryMove(const char* source, const char* name, const char* directory, i4_string& path,
+                         const GiveUp& giveUp = {});
+    static void sayNotMoved(const char* source, const i4_string& path);
 
   private:
     i4_mutex lock_{LockRank::leaf};

@@ -363,18 +363,22 @@ bool PartialFile::enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp&
 
 void PartialFile::keepCorrupted() {
     const i4_string name = getName();
-    theLog->printLine("%s: %s", stringTable.get(STRINGS_CORRUPTED_DOWNLOAD),
-                      name.isNull() ? "" : name.c_str());
+    i4_string path;
+    PartFileNamer::Moved outcome = PartFileNamer::Moved::done;
     if (FileMeta* record = sharedMeta_) clientApp.shared.remove(record);
     if (preferences.saveCor != 0) {
         // What stays in the temp directory must not be taken for a meta file at the next start.
         i4_string kept = name;
         if (!kept.isNull() && kept.view().ends_with(".met")) kept.format("%S_", &name);
-        i4_string path;
-        partFileNamer.moveFile(meta_.path.c_str(), kept.c_str(), preferences.tempDir().c_str(), path);
+        outcome =
+            PartFileNamer::tryMove(meta_.path.c_str(), kept.c_str(), preferences.tempDir().c_str(), path);
     } else {
         ::remove(meta_.path.c_str());
     }
+    // Said when the file is there: who reads it looks for it.
+    theLog->printLine("%s: %s", stringTable.get(STRINGS_CORRUPTED_DOWNLOAD),
+                      name.isNull() ? "" : name.c_str());
+    if (outcome == PartFileNamer::Moved::failed) PartFileNamer::sayNotMoved(meta_.path.c_str(), path);
 }
 
 i4_string PartialFile::finalPath() const {

@@ -61,7 +61,7 @@ TEST_F(FriendsStory, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
     bob_.findAndDownload("river -Col");
     ASSERT_TRUE(bob_.console().waitFor("Corrupted Download: river birds\n")) << bob_.console().output();
     const std::string bytes = contentOf(ada_.file("incoming/river birds"));
-    ASSERT_TRUE(eventually([&] { return hasBytes(bob_.file("temp/river birds"), bytes); }));
+    ASSERT_TRUE(hasBytes(bob_.file("temp/river birds"), bytes));
     ASSERT_TRUE(bob_.type("open temp/river birds", "Members: 3\n")) << bob_.console().output();
     ASSERT_TRUE(bob_.type("p 4", "Invalid Part number.\n"));
     ASSERT_TRUE(bob_.type("p 1", "Downloading: "));

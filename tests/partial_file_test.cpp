@@ -130,7 +130,24 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhateverElseIsSent) {
     EXPECT_TRUE(completes(download, file));
 }
 
+// Looks what is in a directory when a corrupted download is told.
+struct Onlooker : CapturedLog {
+    explicit Onlooker(std::string path) : directory(std::move(path)) {}
+    void printLine(const char* format, ...) override PRINTF_LIKE {
+        char line[300];
+        va_list list;
+        va_start(list, format);
+        std::vsnprintf(line, sizeof line, format, list);
+        va_end(list);
+        if (std::string(line).starts_with("Corrupted Download")) seen = namesIn(directory);
+        CapturedLog::printLine("%s", line);
+    }
+    const std::string directory;
+    std::string seen;
+};
+
 TEST_F(PartialFiles, EndCorruptedWhenTheWholeFails) {
+    Onlooker onlooker(temp());
     for (const int keep : {1, 0}) {
         preferences.saveCor = keep;
         const RemoteFile file(keep ? "kept.met" : "gone", 1000);
@@ -141,9 +158,19 @@ TEST_F(PartialFiles, EndCorruptedWhenTheWholeFails) {
         EXPECT_EQ(download->getStatus(), DL_STATUS_CORRUPTED);
         EXPECT_EQ(download->partial().status(), PartialFile::gone);
         EXPECT_FALSE(shared(file));
+        EXPECT_EQ(onlooker.seen.find(".part "), std::string::npos) << onlooker.seen;
     }
     // Under its own name, which the next start doesn't take for a meta file.
     EXPECT_EQ(namesIn(temp()) + "," + namesIn(incoming()), "kept.met_,");
+
+    preferences.saveCor = 1;
+    const Ref<Download> lost = add(RemoteFile("lost", 1000));
+    const std::string path = dataFileOf(*lost);
+    fs::remove(path);
+    onlooker.take();
+    giveWrong(*lost, 0, 1000);
+    waitUntilGone(lost);
+    EXPECT_EQ(onlooker.take().find("Corrupted Download: lost\n" + path + " could not be moved to "), 0U);
 }
 
 TEST_F(PartialFiles, LeaveNothingBehindWhenTheyAreCancelled) {
