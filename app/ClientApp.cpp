@@ -79,7 +79,7 @@ void ClientApp::startWorkers() {
 
 void ClientApp::listen(const i4_proxy_settings* proxy, i32 timeoutMs) {
     makeProtocol(proxy);
-    if (proxy && proxy->pType != 0) return;
+    if (proxy && proxy->inForce()) return;
     if (!door_)
         door_ = Ref<PeerDoor>(new PeerDoor(&socketPool, static_cast<u16>(preferences.doorPort.get())));
     door_->listen(timeoutMs);

@@ -259,6 +259,19 @@ TEST(ProxyListener, ADoorForAControllerCannotBeOpened) {
     }
 }
 
+TEST(ProxyListener, AProxyOfNoKnownTypeIsNone) {
+    IndexServerProcess index;
+    Client client("client", index);
+    storeProxy(client.file(""), "socks4,127.0.0.1,9");
+    std::string settings = contentOf(client.file("pref.met"));
+    const std::string type = "pType";
+    settings.replace(settings.find(type) + type.size(), 4, le32(7));
+    writeFile(client.file("pref.met"), settings);
+    client.start();
+    client.logOn();
+    EXPECT_NE(client.view("g", "Files: ").find("(open)"), std::string::npos);
+}
+
 TEST(ProxyListener, TakesAConnectionThroughSocks) {
     RealProxy proxy(Kind::dante);
     if (!proxy.isInstalled()) GTEST_SKIP() << "danted isn't installed";
