@@ -6,24 +6,6 @@
 #include "console/ConClientApp.h"
 #include "i4min/memory/error.h"
 
-namespace {
-
-// A list entry holds one reference. An event may repeat: an entry stands once.
-template <class T>
-void keep(LLsafe<T>& list, T* object) {
-    const i4_guard guard(list);
-    if (list.contains(object)) return;
-    object->addRef();
-    list.addUnsafe(object);
-}
-
-template <class T>
-void drop(LLsafe<T>& list, T* object) {
-    if (list.remove(object)) object->release();
-}
-
-}  // namespace
-
 void CLUI::connected(const char* name) { i4_debug_printf("Connected to: %s\n", name); }
 
 void CLUI::disconnected() {
@@ -50,9 +32,9 @@ void CLUI::setResults(FileList* list, u8) {
     i4_debug_printf("Results returned\n");
 }
 
-void CLUI::downloadAdded(Download* download) { keep(conClientApp.downloads, download); }
-void CLUI::downloadRemoved(Download* download) { drop(conClientApp.downloads, download); }
-void CLUI::uploadAdded(Upload* upload) { keep(conClientApp.uploads, upload); }
-void CLUI::uploadRemoved(Upload* upload) { drop(conClientApp.uploads, upload); }
+void CLUI::downloadAdded(Download* download) { conClientApp.downloads.keep(download); }
+void CLUI::downloadRemoved(Download* download) { conClientApp.downloads.drop(download); }
+void CLUI::uploadAdded(Upload* upload) { conClientApp.uploads.keep(upload); }
+void CLUI::uploadRemoved(Upload* upload) { conClientApp.uploads.drop(upload); }
 LLsafe<Upload>* CLUI::getUploads() { return &conClientApp.uploads; }
 LLsafe<Download>* CLUI::getDownloads() { return &conClientApp.downloads; }

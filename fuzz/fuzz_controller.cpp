@@ -95,9 +95,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // What a run leaves behind.
     serverPool.stopTrying();
     serverPool.servers().deleteAll();
-    while (Download* download = conClientApp.downloads.removeAt(0)) {
+    while (Download* download = conClientApp.downloads.first()) {
         dlPool.remove(Ref<Download>(download));
-        download->release();
+        conClientApp.downloads.drop(download);
     }
     conClientApp.results.deleteAll();
     clientApp.socketPool.deleteConnections();

@@ -6,7 +6,9 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "console/KeptList.h"
 #include "i4min/memory/HT32.h"
 #include "i4min/memory/LL.h"
 #include "i4min/memory/LLsafe.h"
@@ -167,6 +169,36 @@ TEST(LLsafe, ServesThreads) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(list.count(), 4U * 100U);
+}
+
+TEST(KeptList, HoldsEachOnceHoweverManyThereAre) {
+    // A walk of the list for each would outlast the time that a test has.
+    constexpr std::size_t many = 500'000;
+    struct Counted {
+        int references = 0;
+        void addRef() { ++references; }
+        void release() { --references; }
+    };
+    std::vector<Counted> pool(many);
+    const auto countHeld = [&] {
+        return std::count_if(pool.begin(), pool.end(),
+                             [](const Counted& one) { return one.references == 1; });
+    };
+    {
+        KeptList<Counted> list;
+        for (int twice = 0; twice < 2; ++twice) {
+            for (Counted& one : pool) list.keep(&one);
+        }
+        EXPECT_EQ(list.count(), many);
+        EXPECT_EQ(list.getAt(3), &pool[3]);
+        EXPECT_EQ(countHeld(), std::ptrdiff_t{many});
+        for (int twice = 0; twice < 2; ++twice) list.drop(&pool[1]);
+        EXPECT_EQ(list.count(), many - 1);
+        EXPECT_EQ(countHeld(), std::ptrdiff_t{many} - 1);
+        list.keep(&pool[1]);
+        EXPECT_EQ(list.count(), many);
+    }
+    EXPECT_EQ(countHeld(), 0);
 }
 
 // Two keys that share a bucket, one that doesn't, and the life of a key.
