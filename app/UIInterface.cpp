@@ -17,8 +17,8 @@ namespace {
 
 constexpr u32 mostComplaints = 60;  // of one kind in a minute
 
-// Names and messages of strangers are among what is printed: none may steer the user's terminal. All of it goes
-// at once, so that lines of different threads don't mix.
+// Names and messages of strangers are among what is printed: none may steer the user's terminal. All of it
+// goes at once, so that lines of different threads don't mix.
 void write(const char* format, va_list list, const char* end = "") {
     char* text = nullptr;
     const int length = ::vasprintf(&text, format, list);

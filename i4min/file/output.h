@@ -15,8 +15,8 @@
 //
 // Until start(), write() itself writes. From then on a thread does, at once but on its own, so that whoever
 // speaks never waits for a terminal that is stopped or a pipe that isn't read: text waits here, and when more
-// than `limit` bytes do, the older half gives way to a line that tells how many lines are missing. The text of
-// the thread that called keepMine() is never dropped; that thread asks hasRoom() before it goes on.
+// than `limit` bytes do, the older half gives way to a line that tells how many lines are missing. The text
+// of the thread that called keepMine() is never dropped; that thread asks hasRoom() before it goes on.
 //
 // Thread: any. Its lock is a leaf, so text may be printed under any other.
 class i4_output {
@@ -30,8 +30,8 @@ class i4_output {
     void keepMine();
     // What a descriptor doesn't take, because it is closed or its reader gone, is lost.
     void write(int descriptor, std::string_view text);
-    // Waits up to `ms` milliseconds until at most `limit` bytes of the kept text wait. False when the time ran
-    // out.
+    // Waits up to `ms` milliseconds until at most `limit` bytes of the kept text wait. False when the time
+    // ran out.
     bool hasRoom(u32 ms);
     // Waits until all is written; gives up, with false, when nothing could be written for `patience`.
     bool drain();
