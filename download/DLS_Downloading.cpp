@@ -91,14 +91,15 @@ void DLS_Downloading::updateSpeed(i32 elapsedMs) {
 // The server that we have logged on to meanwhile stands at the head and is due at once; the list is made anew
 // every 20 minutes, and what a server's timer says stays.
 void DLS_Downloading::refreshServers(i32 elapsedMs) {
-    for (ServerAsk& server : servers_) server.timer = std::min(server.timer + elapsedMs, 2 * serverListEvery);
+    for (ServerAsk& server : servers_)
+        server.timer = std::min(server.timer + elapsedMs, 2 * ServerAsk::pause);
     serverListAge_ += elapsedMs;
     if (serverListAge_ > serverListEvery) listServersAnew();
     const ServerAddress current = serverPool.currentAddress();
     if (current.ip == 0) return;
     const auto isCurrent = [&](const ServerAsk& server) { return server.address == current; };
     if (std::none_of(servers_.begin(), servers_.end(), isCurrent)) {
-        servers_.insert(servers_.begin(), ServerAsk{current, serverListEvery + 1});
+        servers_.insert(servers_.begin(), ServerAsk{current, ServerAsk::pause + 1});
     }
 }
 

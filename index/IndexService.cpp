@@ -284,20 +284,23 @@ void IndexService::tick(u64 now) {
 
 // --- Datagrams
 
+bool IndexService::admits(const NetAddress& from, bool search, u64 now) {
+    if (senders_.size() >= sendersLimit && senders_.count(from.ip) == 0) return false;
+    Sender& sender = senders_[from.ip];
+    return search ? sender.searches.tryTake(now, limits_.searchBurst, limits_.searchPause)
+                  : sender.others.tryTake(now, limits_.datagramBurst, limits_.datagramPause);
+}
+
 void IndexService::datagram(const NetAddress& from, ByteSpan bytes, u64 now) {
     ByteReader in(bytes);
     if (in.read8() != packetMarker) return;
     const u8 opcode = in.read8();
     const OpcodeRow* row = findRequest(opcode, true);
     if (in.failed() || !row || in.left() < row->least) return;
-    if (senders_.size() >= sendersLimit && senders_.count(from.ip) == 0) return;
-    Sender& sender = senders_[from.ip];
     const bool search = opcode == OP_EXTENDED_SEARCH || opcode == OP_EXTENDED_ALTERNATE_SEARCH;
-    if (search ? !sender.searches.tryTake(now, limits_.searchBurst, limits_.searchPause)
-               : !sender.others.tryTake(now, limits_.datagramBurst, limits_.datagramPause)) {
-        return;
-    }
+    if (!admits(from, search, now)) return;
     log_.debug("Datagram of %s:%u: %s", ipToString(from.ip).c_str(), from.port, row->name);
+    if (search) return startDatagramSearch(from, in.take(in.left()), now);
     Bytes answer;
     ByteWriter out(answer);
     out.put8(packetMarker);
@@ -305,9 +308,6 @@ void IndexService::datagram(const NetAddress& from, ByteSpan bytes, u64 now) {
         case OP_PING:
             out.put8(OP_PING_ANSWER).put32(in.read32()).put32(online_).put32(index_.fileCount());
             break;
-        case OP_EXTENDED_SEARCH:
-        case OP_EXTENDED_ALTERNATE_SEARCH:
-            return startDatagramSearch(from, in.take(in.left()), now);
         case OP_EXTENDED_GET_SOURCES: {
             const MD4Hash hash = in.hash();
             out.put8(OP_EXTENDED_FOUND_SOURCES).hash(hash);

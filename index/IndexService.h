@@ -90,6 +90,8 @@ class IndexService {
     bool stepPublish(IndexSession& session, IndexJob& job);
     bool stepSearch(IndexSession& session, IndexJob& job);
     void stepDatagramSearch(DatagramSearch& search, u64 now);
+    // Whether so many datagrams of that address are taken; counts this one.
+    bool admits(const NetAddress& from, bool search, u64 now);
     void startDatagramSearch(const NetAddress& to, ByteSpan tree, u64 now);
 
     // Begins a packet in the session's output; finish() sets its length, or drops the session that reads too

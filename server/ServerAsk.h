@@ -7,8 +7,10 @@
 struct MD4Hash;
 
 struct ServerAsk {
+    static constexpr i32 pause = 1'200'000;  // ms
+
     ServerAddress address;
-    i32 timer = 1'200'000;  // ms since it was last asked; it is due above 1,200,000
+    i32 timer = pause;  // ms since it was last asked; above `pause` it is due
 
     // Asks if it is due. True when the request went out.
     bool ask(const MD4Hash& hash);

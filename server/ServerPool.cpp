@@ -37,7 +37,7 @@ void say(u32 number) { theLog->printLine("%s", stringTable.get(number)); }
 }  // namespace
 
 bool ServerAsk::ask(const MD4Hash& hash) {
-    if (timer <= 1'200'000 || !serverPool.findSources(address, hash)) return false;
+    if (timer <= pause || !serverPool.findSources(address, hash)) return false;
     timer = 0;
     return true;
 }
