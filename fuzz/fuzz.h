@@ -1,11 +1,14 @@
-// What fuzz targets share: a target's entry, its demands, and an interface that says nothing.
+// What fuzz targets share: a target's entry, its demands, an interface that says nothing, and connections that
+// hear what the input says.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 
 #include "app/UIInterface.h"
+#include "i4min/memory/error.h"
 #include "tests/support/bytes.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -24,4 +27,37 @@ class Silence : public CoreUIInterface {
     }
     void printLine(const char*, ...) override PRINTF_LIKE {}
     void print(const char*, ...) override PRINTF_LIKE {}
+};
+
+// A connection in no pool, whose other side says what the input holds.
+template <class Base>
+class Fuzzed : public Base {
+  public:
+    using Base::Base;
+
+    // Messages one after the other, each a u16 length and a body, until the connection would be dropped;
+    // `after` runs behind each.
+    template <class After>
+    void hearAll(const std::uint8_t* data, std::size_t size, After after) {
+        const std::string text(reinterpret_cast<const char*>(data), size);
+        for (std::size_t at = 0; at + 2 < size;) {
+            const std::string body = text.substr(at + 2, u16At(text, at));
+            at += 2 + body.size();
+            if (!hear(body)) break;
+            after();
+        }
+    }
+
+  private:
+    bool hear(const std::string& body) {
+        i4_owned_ram_file stream;
+        stream.write(body.data(), static_cast<u32>(body.size()));
+        stream.seek(0);
+        try {
+            const u8 opcode = stream.read_8();
+            return this->gotFirst ? this->handleMessage(opcode, stream) : this->firstMessage(opcode, stream);
+        } catch (const i4_err&) {
+            return false;
+        }
+    }
 };

@@ -1,10 +1,5 @@
 // What comes in at the controller's port: messages one after the other, each a u16 length and a body; the
 // first is the log-on. The engine behind it is the real one, without threads but for the status thread.
-#include <algorithm>
-#include <filesystem>
-#include <memory>
-#include <string>
-
 #include "app/ClientApp.h"
 #include "app/MessageQ.h"
 #include "app/Preferences.h"
@@ -12,13 +7,14 @@
 #include "console/ConClientApp.h"
 #include "download/DLPool.h"
 #include "fuzz/fuzz.h"
-#include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
 #include "i4min/network/socket.h"
 #include "remote/ControllerOpcodes.h"
 #include "remote/GUIController.h"
 #include "remote/TcpipUI.h"
 #include "server/ServerPool.h"
+#include "tests/support/files.h"
+#include "tests/support/records.h"
 
 namespace {
 
@@ -31,39 +27,21 @@ class QuietUI : public CLUI {
     void extending(const char*) override {}
 };
 
-class FuzzedController : public GUIController {
+class FuzzedController : public Fuzzed<GUIController> {
   public:
-    explicit FuzzedController(TcpipUI& ui) : GUIController(nullptr, nullptr, ui) {}
+    explicit FuzzedController(TcpipUI& ui) : Fuzzed(nullptr, nullptr, ui) {}
 
-    // False once the connection would be dropped.
-    bool hear(const std::string& body) {
-        i4_ram_file_class stream(const_cast<char*>(body.data()), static_cast<u32>(body.size()), 0);
-        try {
-            const u8 opcode = stream.read_8();
-            if (!gotFirst) return firstMessage(opcode, stream);
-            if (opcode != CTL_COMMAND) return handleMessage(opcode, stream);
-            // What the console's commands do isn't this protocol's, and some of them walk over the disk.
-            static_cast<void>(i4_string(stream));
-            return true;
-        } catch (const i4_err&) {
-            return false;
-        }
+    bool handleMessage(u8 opcode, i4_ram_file_class& stream) override {
+        if (opcode != CTL_COMMAND) return GUIController::handleMessage(opcode, stream);
+        // What the console's commands do isn't this protocol's, and some of them walk over the disk.
+        static_cast<void>(i4_string(stream));
+        return true;
     }
 };
 
-std::unique_ptr<FileMeta> record(u8 fill, const char* name) {
-    auto file = std::make_unique<FileMeta>();
-    file->hash = hashOf(fill);
-    file->setName(name);
-    file->setInt(TAG_SIZE, 20'000'000);
-    return file;
-}
-
 TcpipUI& setUp() {
-    std::string directory = std::filesystem::temp_directory_path() / "fuzz_controller.XXXXXX";
-    if (!::mkdtemp(directory.data())) std::abort();
-    std::atexit([] { std::filesystem::remove_all(preferences.workDir.c_str()); });
-    preferences.workDir = directory.c_str();
+    static const TemporaryDirectory home;
+    preferences.workDir = home.path().c_str();
     preferences.load();
     preferences.setAdmin("kit", "pass");
     preferences.adminDoorPort = 0;
@@ -80,16 +58,12 @@ TcpipUI& setUp() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static TcpipUI& ui = setUp();
     std::filesystem::create_directories(preferences.tempDir().c_str());
-    dlPool.add(*record(0xBB, "wanted.bin"));
+    dlPool.add(*makeFile("wanted.bin", 20'000'000, 0xBB));
     const Ref<FuzzedController> controller(new FuzzedController(ui));
-    for (size_t at = 0; at + 2 < size;) {
-        const size_t length =
-            std::min<size_t>(data[at] | static_cast<size_t>(data[at + 1]) << 8, size - at - 2);
-        if (!controller->hear(std::string(reinterpret_cast<const char*>(data) + at + 2, length))) break;
-        ui.addResult(record(0xCC, "found.bin").release());
+    controller->hearAll(data, size, [&] {
+        ui.addResult(makeFile("found.bin", 20'000'000, 0xCC).release());
         controller->sendStatus();
-        at += 2 + length;
-    }
+    });
     controller->end();
     while (messageQ.process()) continue;
     // What a run leaves behind.

@@ -34,6 +34,7 @@ void checkOutput(IndexSession& session) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static Silence silence;
     Quiet log;
     Nowhere nowhere;
     const IndexLimits limits;
@@ -47,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ByteReader in({data, size});
     while (in.left() > 3) {
         const u8 whom = in.read8() % 3;
-        const ByteSpan piece = in.take(std::min<std::size_t>(in.read16(), in.left()));
+        const std::size_t length = in.read16();
+        const ByteSpan piece = in.take(std::min(length, in.left()));
         now += 500;
         if (whom == 2) {
             service.datagram({0x01010101, 1}, piece, now);

@@ -1,48 +1,18 @@
-// What an index server sends: packets through the handlers of a MainServer, framed as on the wire.
-#include <string>
-
+// What an index server sends: messages one after the other, each a u16 length and a body.
 #include "app/MessageQ.h"
 #include "app/Preferences.h"
 #include "fuzz/fuzz.h"
-#include "i4min/memory/error.h"
 #include "server/MainServer.h"
 #include "server/ServerPool.h"
-#include "tests/support/ScriptedSocket.h"
-
-namespace {
-
-// One that speaks for a server without the log-on.
-class FuzzedServer : public MainServer {
-  public:
-    using MainServer::MainServer;
-    u32 limit() const { return bodyLimit(); }
-};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // A call back to an address of the input's choice would leave the process: all connections are taken.
+    static Silence silence;
     preferences.maxCon = 0;
     ServerMeta entry;
     entry.setAddress("10.1.1.1", 4661);
-    const Ref<FuzzedServer> server(new FuzzedServer(entry));
-    ScriptedSocket socket;
-    socket.ends = true;
-    socket.pieces.push_back(std::string(reinterpret_cast<const char*>(data), size));
-    try {
-        while (true) {
-            Packet packet;
-            u32 moved = 0;
-            Packet::Result result = Packet::more;
-            while (result == Packet::more && !socket.atEnd())
-                result = packet.receive(socket, moved, server->limit());
-            if (result != Packet::complete) break;
-            const u8 opcode = packet.stream.read_8();
-            if (!server->handleMessage(opcode, packet.stream)) break;
-        }
-    } catch (const i4_err&) {
-        // What the connection's turn does: it ends.
-    }
+    const Ref<Fuzzed<MainServer>> server(new Fuzzed<MainServer>(entry));
+    server->hearAll(data, size, [] {});
     // What a run leaves behind.
     serverPool.servers().deleteAll();
     preferences.setClientId(0);

@@ -1,72 +1,61 @@
 // The meta file of a download from anybody's bytes. What loads misses only bytes that the file has, and is
 // saved and loaded again as the same.
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-
 #include "app/Preferences.h"
 #include "download/Download.h"
 #include "download/PartialList.h"
 #include "fuzz/fuzz.h"
-#include "i4min/file/file.h"
+#include "tests/support/files.h"
 
 namespace {
 
-// A temp directory with the one data file, 1.part, and a download to load for.
-class Place {
-  public:
-    Place() : path_(std::filesystem::temp_directory_path() / ("fuzz_partmet." + std::to_string(::getpid()))) {
-        std::filesystem::create_directory(path_);
-        preferences.setTemp(path_.c_str());
-        std::ofstream(path_ / "1.part") << std::string(1000, 'x');
-    }
-    ~Place() { std::filesystem::remove_all(path_); }
-    Download& owner() { return *owner_; }
-
-  private:
-    const std::filesystem::path path_;
-    const Ref<Download> owner_{new Download};
-};
-
-Ref<PartialFile> load(Download& owner, const FileMeta& record, i32& priority, bool& paused) {
-    Ref<PartialFile> partial(new PartialFile(&owner));
-    const PartialFile::Load result = partial->load(record, priority);
-    paused = result == PartialFile::Load::paused;
-    return result == PartialFile::Load::failed ? Ref<PartialFile>() : partial;
+// A temp directory with the one data file, 1.part.
+bool setUp() {
+    static const TemporaryDirectory home;
+    preferences.setTemp(home.path().c_str());
+    writeFile(home.file("1.part"), std::string(1000, 'x'));
+    return true;
 }
+
+struct Loaded {
+    explicit Loaded(const FileMeta& record) {
+        const PartialFile::Load result = partial->load(record, priority);
+        failed = result == PartialFile::Load::failed;
+        paused = result == PartialFile::Load::paused;
+    }
+    const Ref<Download> owner{new Download};
+    const Ref<PartialFile> partial{new PartialFile(owner.get())};
+    i32 priority = -1;
+    bool failed;
+    bool paused;
+};
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Silence silence;
-    static Place place;
+    static const bool ready = setUp();
+    require(ready);
     BytesFile stream({data, size});
     FileMeta record;
     if (PartialList::readMeta(stream, record) != PartialList::MetaFile::whole) return 0;
-    i32 priority = -1;
-    bool paused = false;
-    const Ref<PartialFile> partial = load(place.owner(), record, priority, paused);
-    require(priority >= 0 && priority <= 2);
-    if (!partial) return 0;
-    for (const Gap& gap : partial->gaps()) {
-        require(gap.start >= 0 && gap.start < gap.end && gap.end <= partial->fileSize());
+    const Loaded first(record);
+    require(first.priority >= 0 && first.priority <= 2);
+    if (first.failed) return 0;
+    for (const Gap& gap : first.partial->gaps()) {
+        require(gap.start >= 0 && gap.start < gap.end && gap.end <= first.partial->fileSize());
     }
 
     PartialList list;
-    partial->saveToList(list, priority, paused);
-    i4_owned_ram_file saved;
+    first.partial->saveToList(list, first.priority, first.paused);
+    require(list.count() == 1);
+    BytesFile saved(written([&](i4_file& out) { require(PartialList::writeMeta(out, *list.get(0))); }));
     FileMeta read;
-    require(list.count() == 1 && PartialList::writeMeta(saved, *list.get(0)));
-    saved.seek(0);
     require(PartialList::readMeta(saved, read) == PartialList::MetaFile::whole);
-    i32 samePriority = -1;
-    bool samePaused = false;
-    const Ref<PartialFile> again = load(place.owner(), read, samePriority, samePaused);
-    require(again && samePriority == priority && samePaused == paused);
-    require(again->gaps() == partial->gaps() && again->fileSize() == partial->fileSize());
-    require(again->getHash() == partial->getHash() && again->transferred() == partial->transferred());
+    const Loaded again(read);
+    require(!again.failed && again.priority == first.priority && again.paused == first.paused);
+    require(again.partial->gaps() == first.partial->gaps());
+    require(again.partial->fileSize() == first.partial->fileSize());
+    require(again.partial->getHash() == first.partial->getHash());
+    require(again.partial->transferred() == first.partial->transferred());
     return 0;
 }

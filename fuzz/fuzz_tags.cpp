@@ -1,32 +1,21 @@
 // Tags from anybody's bytes, one behind the other, and the bit array that a peer sends bare. What reads is
 // written again as it is told, and reads back as the same.
-#include <algorithm>
-
 #include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
-#include "i4min/memory/error.h"
 #include "meta/BoolArray.h"
 #include "meta/MetaTag.h"
 
 namespace {
 
-bool sameBytes(i4_ram_file_class& a, i4_ram_file_class& b) {
-    return a.size() == b.size() && std::equal(a.buffer(), a.buffer() + a.size(), b.buffer());
-}
-
 void check(MetaTag& tag) {
-    i4_owned_ram_file once;
-    require(tag.toNetwork(once));
+    const Bytes once = written([&](i4_file& out) { require(tag.toNetwork(out)); });
     const auto* bits = static_cast<const BoolArray*>(tag.getValue());
     const bool emptyBits = tag.type() == META_TAG_BOOLARRAY && bits->size() == 0;
     require(once.size() + (emptyBits ? 1 : 0) == tag.byteSize());
-    once.seek(0);
-    const auto again = MetaTag::readTag(once);
-    require(again != nullptr);
-    i4_owned_ram_file twice;
-    require(again->toDisk(twice) && sameBytes(once, twice));
-    i4_owned_ram_file cloned;
-    require(tag.clone()->toNetwork(cloned) && sameBytes(once, cloned));
+    BytesFile copy(once);
+    const auto again = MetaTag::readTag(copy);
+    require(again && written([&](i4_file& out) { require(again->toDisk(out)); }) == once);
+    require(written([&](i4_file& out) { require(tag.clone()->toNetwork(out)); }) == once);
     char text[20];
     for (i32 room = 0; room <= i32{sizeof text}; ++room) tag.printable(text, room);
     tag.displayName();

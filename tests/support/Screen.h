@@ -13,16 +13,8 @@
 #include "console/ConClientApp.h"
 #include "download/DLPool.h"
 #include "tests/support/CapturedLog.h"
-#include "tests/support/Process.h"
-
-// The record of a file, whose hash repeats one byte.
-inline std::unique_ptr<FileMeta> makeFile(const char* name, u32 size, u8 hash) {
-    auto file = std::make_unique<FileMeta>();
-    file->setName(name);
-    file->setInt(TAG_SIZE, size);
-    file->hash.bytes.fill(hash);
-    return file;
-}
+#include "tests/support/files.h"
+#include "tests/support/records.h"
 
 // The engine's events reach the console's lists. The first one moves the process into a directory of its own
 // and makes the settings of a first run there. Thread: one.
