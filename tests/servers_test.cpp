@@ -1,0 +1,541 @@
+// The connection to an index server, which server that is, the upkeep of their list, and what goes to the others
+// by datagram: over loopback, with servers that the test speaks for, and by a clock of its own.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "app/ClientApp.h"
+#include "app/FilterList.h"
+#include "app/MessageQ.h"
+#include "app/Preferences.h"
+#include "download/DLPool.h"
+#include "download/FileSource.h"
+#include "download/HashThread.h"
+#include "i4min/network/protocol.h"
+#include "server/MainServer.h"
+#include "server/Search.h"
+#include "server/ServerPool.h"
+#include "tests/support/ToldEvents.h"
+#include "tests/support/files.h"
+#include "tests/support/records.h"
+#include "transport/Worker.h"
+
+namespace {
+
+constexpr u32 ipA = 0x0101010A;
+constexpr u32 ipB = 0x0201010A;
+constexpr u32 ipC = 0x0301010A;
+
+const MD4Hash someHash = hashOf('h');
+const std::string hash = bytesOf(someHash);
+const std::string tree = "\1" + text16("film");
+const std::string connecting = "Connecting to 127.0.0.1 ....\n";
+const std::string queued = "Placed on connection Queue.\n";
+const std::string failed = "Can't connect to: 127.0.0.1\n";
+
+std::string named(const std::string& name) { return namedRecord(someHash, 0, 0, name); }
+
+// A listener, the connection that came in to it last, and a datagram socket on the port 4 above.
+class FakeServer : public Caller {
+  public:
+    FakeServer() {
+        sockaddr_in place{};
+        do {
+            listener_ = std::make_unique<Listener>();
+            place = loopbackAt(port() + 4u);
+        } while (::bind(udp_, reinterpret_cast<sockaddr*>(&place), sizeof place) != 0);
+    }
+    ~FakeServer() { ::close(udp_); }
+
+    u16 port() const { return listener_->port(); }
+    ServerAddress address() const { return {loopbackIp, port()}; }
+    bool accept() { return Caller::accept(listener_->descriptor()); }
+    // Nobody is on the way in.
+    bool isAlone() const { return !isReadable(listener_->descriptor(), std::chrono::seconds(0)); }
+    void stopListening() { listener_->close(); }
+
+    // The next datagram; its sender is answered by reply().
+    std::string datagram() {
+        std::string bytes(isReadable(udp_) ? 4096 : 0, '\0');
+        socklen_t size = sizeof from_;
+        const ssize_t got =
+            ::recvfrom(udp_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&from_), &size);
+        bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        return bytes;
+    }
+    int datagrams() const { return udp_; }
+    void reply(const std::string& bytes) const { replyFrom(udp_, bytes); }
+    void replyFrom(int descriptor, const std::string& bytes) const {
+        ::sendto(descriptor, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&from_),
+                 sizeof from_);
+    }
+
+  private:
+    std::unique_ptr<Listener> listener_;
+    const int udp_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in from_{};
+};
+
+// Messages are handled when the test says so. The socket pool and one worker run; they are the process's.
+class Servers : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        home = new TemporaryDirectory;
+        std::filesystem::current_path(home->path());
+        preferences.workDir = (home->path() + "/").c_str();
+        preferences.load();
+        preferences.setName("abcde");
+        makeProtocol(nullptr);
+        told = new ToldEvents;
+        clientApp.socketPool.start();
+        serverPool.setSocketPool(&clientApp.socketPool);
+        worker = new Worker(clientApp.socketPool);
+        worker->start();
+    }
+    static void TearDownTestSuite() {
+        worker->stop();
+        delete worker;
+        clientApp.socketPool.stop();
+        clientApp.socketPool.deleteConnections();
+        delete told;
+        std::filesystem::current_path("/");
+        delete home;
+    }
+    Servers() {
+        log.verbose = 1;
+        preferences.setClientId(0);
+        preferences.setServer(0, 0);
+        preferences.doorPort = 4662;
+        search.add(std::make_unique<SN_FindStr>("film"), 0);
+    }
+    ~Servers() override {
+        serverPool.disconnect();
+        EXPECT_TRUE(eventually([] { return clientApp.socketPool.count == 1; })) << "the annex alone stays";
+        drain();
+        serverPool.servers().deleteAll();
+        clientApp.shared.clear();
+        clientApp.clearPublished();
+        log.take();
+    }
+
+    static void drain() {
+        while (messageQ.process()) continue;
+    }
+    static bool connectTo(FakeServer& server) {
+        const ServerAddress address = server.address();
+        serverPool.connect(&address);
+        return server.accept();
+    }
+    // Rated so that those of a lower ping come first.
+    static void know(const FakeServer& server, i32 ping) {
+        serverPool.addServer(loopbackIp, server.port());
+        const i4_guard guard(serverPool.servers());
+        serverPool.servers().find(loopbackIp, server.port())->setPing(ping);
+    }
+    // Up to the answer that gives the ID, and what follows it.
+    void logOn(FakeServer& server) {
+        ASSERT_TRUE(connectTo(server));
+        EXPECT_EQ(server.packet().at(0), 1);
+        heard(server, opcode(64, le32(0x04030201)));
+        EXPECT_EQ(server.packet(), opcode(20));
+        drain();
+    }
+    // What a server's packet brings; behind it the connection still carries messages.
+    std::string heard(FakeServer& server, const std::string& body) {
+        server.send(framed(body) + framed(opcode(52, le32(7) + le32(9))));
+        std::string all = log.until("[stats 9 files 7 users]\n");
+        all.resize(all.rfind("[stats"));
+        return all;
+    }
+
+    inline static TemporaryDirectory* home = nullptr;
+    inline static Worker* worker = nullptr;
+    // The pool's thread may speak at any time: the log outlives it.
+    inline static ToldEvents* told = nullptr;
+    ToldEvents& log = *told;
+    Search search;  // the word "film"
+    FakeServer first;
+    FakeServer second;
+};
+
+TEST_F(Servers, LogsOnAsksAndIsLeft) {
+    serverPool.search(search, false);
+    serverPool.moreResults();
+    EXPECT_EQ(log.take(), "Not connected to a server.\nNot connected to a server.\n");
+    UserMeta self;
+    preferences.copySelf(self);
+    ASSERT_TRUE(connectTo(first));
+    EXPECT_EQ(first.packet(), opcode(1, namedRecord(self.hash, 0, 4662, "abcde")).replace(23, 1, "\2") +
+                                  "\3" + text16("\x11") + le32(59));
+    EXPECT_EQ(log.take(), connecting + queued);
+    // What would be asked before the answer could end the connection.
+    EXPECT_FALSE(serverPool.findSources(first.address(), someHash));
+    EXPECT_FALSE(serverPool.requestCallback(loopbackIp, first.port(), 7));
+    EXPECT_EQ(heard(first, opcode(64, le32(0x04030201))), "[connected 127.0.0.1]\n");
+    EXPECT_EQ(first.packet(), opcode(20));
+    EXPECT_EQ(preferences.clientId(), 0x04030201u);
+    EXPECT_EQ(preferences.serverIp(), loopbackIp);
+    EXPECT_EQ(preferences.serverPort(), first.port());
+
+    serverPool.search(search, false);
+    serverPool.search(search, true);
+    serverPool.search(Search(), false);  // a controller's tree that couldn't be read
+    serverPool.moreResults();
+    EXPECT_TRUE(serverPool.findSources(first.address(), someHash));
+    EXPECT_TRUE(serverPool.requestCallback(loopbackIp, first.port(), 0x112233));
+    for (const std::string& body : {opcode(22, tree), opcode(26, tree), opcode(22), opcode(33),
+                                    opcode(25, hash), opcode(28, le32(0x112233))}) {
+        EXPECT_EQ(first.packet(), body);
+    }
+    first.close();
+    EXPECT_EQ(log.until("[disconnected]\n"), "[disconnected]\n");
+    drain();
+    EXPECT_EQ(log.take(), "") << "a connection that was logged on is not replaced by itself";
+}
+
+TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
+    writeFile("filters.txt", "spam\n");
+    clientApp.filter().load("filters.txt");
+    logOn(first);
+    const struct {
+        u32 opcode;
+        std::string payload;
+        std::string told;
+    } rows[] = {
+        {5, std::string(9 << 20, 'x'), "Either your client or the server is out of date.\n"},
+        {50, le8(4) + le32(16) + le16(1) + le32(0) + le16(1) + le32(2) + le16(0) + le32(16) + le16(1), ""},
+        {51, le32(2) + named("a") + named("some spam") + "\1", "[results 1 more 1]\n"},
+        {53, le32(0xFFFFFF) + le16(1), ""},
+        {54, le32(12), ""},
+        {56, text16("%s%n"), "%s%n\n"},
+        {62, le32(1) + text16("dropped"), ""},
+        {63, "\2" + named("u"), ""},
+        {66, hash + "\3short", ""},  // of a file that isn't being downloaded nothing more is read
+        {65, namedRecord(someHash, 0x09090909, 99, "new name"), "[connected new name]\n"},
+        {67, le32(1) + named("u"), "[users 1]\n"},
+        {67, le32(0) + hash + le8(0), "[users 0]\n"},
+        {68, "", "Unknown msg from Connection: 68\n"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(heard(first, opcode(row.opcode, row.payload)), row.told) << row.opcode;
+    clientApp.filter().load("no filters");
+    // What it says of itself goes to the entry of the address that we called, not of the one it names.
+    ASSERT_EQ(serverPool.servers().count(), 2u);
+    EXPECT_EQ(serverPool.servers().get(1)->port, first.port());
+    EXPECT_STREQ(serverPool.servers().get(1)->getText(TAG_NAME), "new name");
+    // Servers without end.
+    for (u32 turn = 0; turn < 41; ++turn) {
+        std::string list = le8(255);
+        for (u32 i = 0; i < 255; ++i) list += le32(0x100 * turn + i + 1) + le16(4661);
+        first.say(opcode(50, list));
+    }
+    heard(first, opcode(54, le32(12)));
+    EXPECT_EQ(serverPool.servers().count(), 10'000u);
+}
+
+TEST_F(Servers, CallsWhomeverItIsAskedToCall) {
+    logOn(first);
+    const std::string call = opcode(53, le32(loopbackIp) + le16(second.port()));
+    first.say(call);
+    ASSERT_TRUE(second.accept());
+    EXPECT_EQ(second.packet().substr(0, 2), "\x01\x10");
+    // A changed ID goes to all who are connected, and so does being asked to call one of them.
+    const std::string identity = opcode(77, le32(0x08070605) + le32(loopbackIp));
+    first.say(opcode(64, le32(0x08070605)));
+    EXPECT_EQ(second.packet(), identity);
+    first.say(call);
+    EXPECT_EQ(second.packet(), identity);
+    second.close();
+    EXPECT_TRUE(eventually([] { return clientApp.socketPool.count == 2; }));
+}
+
+TEST_F(Servers, PublishesEachFileOnceToEachServer) {
+    hashThread.hashDirs({});
+    ASSERT_TRUE(eventually([] { return hashThread.isFinished(); }));
+    FileMeta files[2];
+    std::string records[2];
+    for (u8 i = 0; i < 2; ++i) {
+        files[i].setName("x");
+        files[i].hash = hashOf(i + 1);
+        records[i] = namedRecord(files[i].hash, 0, 0, "x");
+    }
+    clientApp.shared.add(&files[0]);
+    logOn(first);
+    EXPECT_EQ(first.packet(), opcode(21, le32(1) + records[0]));
+    clientApp.shared.add(&files[1]);
+    clientApp.publish();
+    EXPECT_EQ(first.packet(), opcode(21, le32(1) + records[1]));
+    clientApp.publish();
+    serverPool.moreResults();
+    EXPECT_EQ(first.packet(), opcode(33)) << "nothing new was there to offer";
+    first.close();
+    log.until("[disconnected]\n");
+    drain();
+    logOn(first);
+    EXPECT_EQ(first.packet(), opcode(21, le32(2) + records[0] + records[1]));
+    clientApp.shared.clear();
+    hashThread.stop();
+}
+
+TEST_F(Servers, WhatCantBeReadEndsTheConnection) {
+    ASSERT_TRUE(connectTo(first));
+    first.packet();
+    first.send("\xE3" + le32(0x10001));  // too long for an answer to the log-on
+    EXPECT_TRUE(first.isEnded());
+    log.until(failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); })) << "the next server is to be tried";
+    for (const std::string& bytes :
+         {framed(opcode(50, "\2" + le32(1) + le16(1))),  // the pair that is whole counts
+          framed(opcode(51, le32(0x7FFFFFFF) + named("name"))), framed(opcode(51, le32(1) + named("name"))),
+          framed(opcode(65, named("name").substr(0, 33))), framed(opcode(67, le32(1) + hash)), framed(""),
+          std::string("GET / HTTP"), "\xE3" + le32((16 << 20) + 1)}) {
+        SCOPED_TRACE(testing::PrintToString(bytes));
+        logOn(first);
+        first.send(bytes);
+        EXPECT_TRUE(first.isEnded());
+        log.until("[disconnected]\n");
+    }
+    EXPECT_EQ(serverPool.servers().count(), 1u);
+}
+
+TEST_F(Servers, AreTriedByRatingUntilOneLogsItOn) {
+    FakeServer shut;
+    shut.stopListening();
+    know(second, 300);
+    know(first, 200);
+    know(shut, 100);
+    serverPool.connect(nullptr);
+    EXPECT_EQ(log.until(failed), connecting + failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
+    ASSERT_TRUE(first.accept());
+    EXPECT_EQ(first.packet().at(0), 1);
+    const ServerAddress other = second.address();
+    serverPool.connect(&other);
+    EXPECT_EQ(log.take(), connecting + queued + "Already trying to connect.\n");
+    EXPECT_TRUE(second.isAlone());
+    first.send("\xE3\x05");  // dies within its answer
+    first.close();
+    EXPECT_EQ(log.until(failed), "[disconnected]\n" + failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
+    ASSERT_TRUE(second.accept());
+    second.close();
+    log.until(failed);
+    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
+    EXPECT_EQ(log.take(), "");
+    serverPool.connect(nullptr);
+    EXPECT_EQ(log.until(failed), connecting + failed) << "the queue had run out: it begins anew";
+}
+
+TEST_F(Servers, AnAttemptThatTheUserGaveUpComesToNothing) {
+    serverPool.connect(nullptr);
+    EXPECT_EQ(log.take(), "") << "an empty list";
+    ASSERT_TRUE(connectTo(first));
+    EXPECT_EQ(first.packet().at(0), 1);
+    serverPool.disconnect();
+    EXPECT_TRUE(first.isEnded());
+    log.until("[disconnected]\n");
+    EXPECT_FALSE(messageQ.process()) << "the user gave up: nothing else is tried";
+
+    worker->stop();  // the attempts stay pending
+    const ServerAddress targets[] = {first.address(), second.address()};
+    serverPool.connect(&targets[0]);
+    serverPool.disconnect();
+    serverPool.connect(&targets[1]);
+    worker->start();
+    ASSERT_TRUE(second.accept());
+    EXPECT_EQ(second.packet().at(0), 1);
+    EXPECT_TRUE(first.isAlone());
+    EXPECT_EQ(log.until(queued), connecting + connecting + queued);
+    EXPECT_FALSE(messageQ.process()) << "nothing has failed";
+}
+
+TEST_F(Servers, AnotherTargetReplacesTheConnection) {
+    logOn(first);
+    serverPool.connect(nullptr);
+    const ServerAddress same = first.address();
+    serverPool.connect(&same);
+    EXPECT_EQ(log.take(), "Already Connected.\nAlready connected to that server.\n");
+    ASSERT_TRUE(connectTo(second));
+    EXPECT_TRUE(first.isEnded());
+    EXPECT_EQ(second.packet().at(0), 1);
+    EXPECT_EQ(log.take(), "[disconnected]\n" + connecting + queued);
+    EXPECT_EQ(serverPool.currentAddress(), second.address());
+    EXPECT_FALSE(messageQ.process());
+}
+
+TEST_F(Servers, SourcesAndCallbacksGoToTheServerThatIsMeant) {
+    logOn(first);
+    EXPECT_TRUE(serverPool.findSources(second.address(), someHash));
+    EXPECT_EQ(second.datagram(), "\xE3\x9A" + hash);
+    EXPECT_TRUE(serverPool.requestCallback(loopbackIp, second.port(), 0x112233));
+    EXPECT_EQ(second.datagram(), "\xE3\x9C" + le32(0x04030201) + le16(4662) + le32(0x112233));
+
+    FakeServer silent;
+    know(silent, 0);
+    know(second, 100);
+    serverPool.tick(1);
+    know(second, 100);
+    EXPECT_EQ(second.datagram().substr(0, 2), "\xE3\x96");
+    std::vector<ServerAsk> servers;
+    serverPool.listSourceServers(servers);
+    ASSERT_EQ(servers.size(), 2u) << "the current one though it isn't listed, and the one that answers";
+    EXPECT_EQ(servers[0].address, first.address());
+    EXPECT_EQ(servers[1].address, second.address());
+    EXPECT_FALSE(servers[1].ask(someHash));
+    servers[1].timer += 1;
+    EXPECT_TRUE(servers[1].ask(someHash));
+    EXPECT_EQ(servers[1].timer, 0);
+    EXPECT_EQ(second.datagram().size(), 18u);
+}
+
+TEST_F(Servers, AnExtendedSearchWalksTheOthers) {
+    FakeServer third;
+    know(second, 10);
+    know(first, 20);
+    know(third, 30);
+    serverPool.extendSearch(search, false);
+    logOn(first);
+    for (int time = 0; time < 2; ++time) {
+        serverPool.search(search, false);
+        serverPool.extendSearch(search, false);
+        EXPECT_EQ(second.datagram(), "\xE3\x98" + tree);
+        serverPool.extendSearch(search, true);
+        EXPECT_EQ(third.datagram(), "\xE3\x9D" + tree);
+        serverPool.extendSearch(search, false);
+        EXPECT_EQ(log.take(),
+                  "[extending 127.0.0.1]\n[extending 127.0.0.1]\nNo more servers to extend to.\n");
+    }
+}
+
+TEST_F(Servers, ADatagramsSenderCountsAndWhatCantBeReadCostsOnlyItself) {
+    std::filesystem::create_directories(preferences.tempDir().c_str());
+    dlPool.add(*makeFile("film", 1000, 'h'));
+    const Ref<Download> download = dlPool.find(someHash);
+    ASSERT_TRUE(download);
+    dlPool.tick(60'000);
+    const auto sources = [&] {
+        const i4_guard guard(download->stateLock());
+        const LL<FileSource>* list = download->state().getSources();
+        return list ? list->count() : 0;
+    };
+    know(first, 0);
+    serverPool.tick(1);
+    const std::string ping = first.datagram();
+    ASSERT_EQ(ping.size(), 6u);
+    EXPECT_EQ(ping.substr(0, 2), "\xE3\x96");
+    const auto rating = [&] {
+        const i4_guard guard(serverPool.servers());
+        return serverPool.servers().find(loopbackIp, first.port())->rating;
+    };
+    const std::string answer = "\xE3\x97" + ping.substr(2) + le32(3) + le32(4);
+    const std::string result = "\xE3\x99" + named("found");
+    const std::string found = "\xE3\x9B" + hash + "\1";
+    first.replyFrom(second.datagrams(), answer);
+    first.replyFrom(second.datagrams(), found + le32(0x0A000001) + le16(4662));
+    first.reply(answer.substr(0, answer.size() - 1));
+    for (std::size_t length = 0; length < result.size(); ++length) first.reply(result.substr(0, length));
+    first.reply("\xE3\xC8");
+    EXPECT_EQ(log.until("ExServer Unknown Msg: 200\n").find("[result"), std::string::npos);
+    EXPECT_EQ(rating(), 0u);
+    EXPECT_EQ(sources(), 0U);
+    first.reply(answer);
+    first.reply(found + le32(0x0A000002) + le16(4662));
+    EXPECT_TRUE(eventually([&] { return rating() > 0 && sources() == 1; }));
+    // A flood: what the socket's buffer holds of it is handled, and the annex goes on.
+    for (int i = 0; i < 3000; ++i) first.reply("\xE3\xC8");
+    EXPECT_TRUE(eventually([&] {
+        first.reply(result);
+        return log.take().find("[result found]") != std::string::npos;
+    }));
+    download->cancel();
+    drain();
+}
+
+// --- The list, by a clock of the test's own
+
+class ServerListUpkeep : public testing::Test {
+  protected:
+    ~ServerListUpkeep() override { preferences.servRemove = 1; }
+    ServerMeta* entry(u32 ip) {
+        const i4_guard guard(pool.servers());
+        return pool.servers().find(ip, 4661);
+    }
+    // One round of pings.
+    void round() { pool.tick(1'800'001); }
+    ServerPool pool;
+    CapturedLog log;
+};
+
+TEST_F(ServerListUpkeep, AServerIsPingedAtOnceAndThenEveryHalfHour) {
+    EXPECT_TRUE(pool.addServer(ipA, 4661));
+    EXPECT_TRUE(pool.addServer(ipA, 4661));
+    EXPECT_FALSE(pool.addServer(0, 4661));
+    EXPECT_FALSE(pool.addServer(ipB, 0));
+    EXPECT_EQ(pool.servers().count(), 1u);
+    const std::pair<i32, u32> ticks[] = {{1, 1}, {1'800'000, 1}, {1, 2}};  // ms, pings so far
+    for (const auto& [ms, pings] : ticks) {
+        pool.tick(ms);
+        EXPECT_EQ(entry(ipA)->history, pings);
+    }
+    pool.gotPing(ipA, 4661, 0, 10, 20);
+    EXPECT_EQ(entry(ipA)->history, 0u) << "an answer within the millisecond is an answer";
+    EXPECT_EQ(entry(ipA)->rating, 2099998u);
+    pool.gotPing(ipA, 4661, 2'147'483'647, 1, 1);
+    EXPECT_LT(entry(ipA)->rating, 2000000u) << "a forged stamp doesn't make a server the best";
+    pool.gotPing(ipA, 4661, -5, 1, 1);
+    EXPECT_EQ(entry(ipA)->ping, 2);
+    pool.gotPing(ipB, 4661, 5, 1, 1);
+    EXPECT_EQ(pool.servers().count(), 1u);
+    round();
+    EXPECT_EQ(entry(ipA)->rating, 0u) << "until it answers again";
+}
+
+TEST_F(ServerListUpkeep, ASilentServerGoesWhenItsSeventhPingIsDue) {
+    for (const u32 ip : {ipA, ipB, ipC}) pool.addServer(ip, 4661);
+    entry(ipB)->setPref(1);
+    preferences.servRemove = 0;
+    for (int i = 0; i < 8; ++i) round();
+    EXPECT_EQ(pool.servers().count(), 3u) << "unless the user keeps them";
+    entry(ipA)->history = 6;
+    entry(ipC)->history = 5;
+    preferences.servRemove = 1;
+    round();
+    EXPECT_EQ(entry(ipA), nullptr);
+    EXPECT_EQ(entry(ipC)->history, 5u) << "the walk ended with the first";
+    round();
+    EXPECT_EQ(entry(ipC)->history, 6u);
+    round();
+    EXPECT_EQ(entry(ipC), nullptr);
+    for (int i = 0; i < 20; ++i) round();
+    ASSERT_NE(entry(ipB), nullptr) << "preferred servers stay";
+}
+
+TEST_F(ServerListUpkeep, WhatAServerTellsAndWhatAListBringsLeaveOurMeasurements) {
+    pool.addServer(ipA, 4661);
+    entry(ipA)->setPing(50);
+    entry(ipA)->history = 3;
+    entry(ipA)->setPref(2);
+    ServerMeta told;
+    told.ip = ipA;
+    told.port = 4661;
+    told.setName("told");
+    told.setPref(1);
+    told.history = 99;
+    pool.gotServerInfo(told);
+    const TemporaryDirectory home;
+    writeFile(home.file("more.met"),
+              "\x0E" + le32(2) + le32(ipA) + le16(4661) + le32(0) + le32(ipC) + le16(4661) + le32(0));
+    pool.merge(home.file("more.met").c_str());
+    EXPECT_EQ(entry(ipA)->rating, 1099950u);
+    EXPECT_EQ(entry(ipA)->history, 3u);
+    EXPECT_STREQ(entry(ipA)->getText(TAG_NAME), "told");
+    EXPECT_EQ(entry(ipC)->idleTime, 1'800'000u);
+    told.ip = ipB;
+    pool.gotServerInfo(told);
+    EXPECT_EQ(entry(ipB)->pref, 0u) << "a stranger doesn't choose its preference";
+    EXPECT_EQ(entry(ipB)->idleTime, 1'800'000u);
+}
+
+}  // namespace
