@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -106,9 +107,11 @@ bool NamespaceNetwork::ip(const std::string& space, const std::string& arguments
 
 // --- IndexServerProcess
 
-IndexServerProcess::IndexServerProcess(const Host& host) : host_(host) {
-    process_ = startOn(host, "tarnwick-index", {"--port", "0", "--bind", host.address}, home_.path(),
-                       Process::Input::pipe);
+IndexServerProcess::IndexServerProcess(const Host& host, const std::vector<std::string>& options)
+    : host_(host) {
+    std::vector<std::string> arguments{"--port", "0", "--bind", host.address};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    process_ = startOn(host, "tarnwick-index", arguments, home_.path(), Process::Input::pipe);
     const std::string listening = "Listening on " + host.address + ":";
     EXPECT_TRUE(process_->waitFor(listening));
     EXPECT_TRUE(process_->waitFor(","));
@@ -126,6 +129,11 @@ int IndexServerProcess::count(const std::string& text) {
 
 bool IndexServerProcess::said(const std::string& text, int times) {
     return eventually([&] { return count(text) >= times; });
+}
+
+int IndexServerProcess::stop() {
+    process_->signal(SIGTERM);
+    return process_->wait();
 }
 
 // --- Client

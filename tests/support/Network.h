@@ -46,11 +46,12 @@ class NamespaceNetwork {
 // tarnwick-index on a port that the system chose.
 class IndexServerProcess {
   public:
-    explicit IndexServerProcess(const Host& host = {});
-    // In how many places `text` stands of what the server has said from its start on; waits until it is in so
-    // many.
+    explicit IndexServerProcess(const Host& host = {}, const std::vector<std::string>& options = {});
+    // In how many places `text` stands of what the server has said from its start on; said() waits until it
+    // is in so many.
     int count(const std::string& text);
     bool said(const std::string& text, int times = 1);
+    int stop();  // as its operator does; the exit status
     const Host& host() const { return host_; }
     const std::string& port() const { return port_; }
     u_int portNumber() const { return static_cast<u_int>(std::stoul(port_)); }
