@@ -13,7 +13,6 @@
 #include "app/Preferences.h"
 #include "download/DLPool.h"
 #include "download/PartialList.h"
-#include "meta/FileMeta.h"
 #include "peer/CallList.h"
 #include "peer/FriendList.h"
 #include "peer/Peer.h"
@@ -21,10 +20,9 @@
 #include "peer/UploadPool.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Conversation.h"
-#include "tests/support/Process.h"
 #include "tests/support/ScriptedSocket.h"
-#include "tests/support/bytes.h"
 #include "tests/support/files.h"
+#include "tests/support/records.h"
 
 constexpr u32 addressOf(u8 last) { return 0x0A | static_cast<u32>(last) << 24; }  // 10.0.0.last
 
@@ -61,22 +59,26 @@ class AddressedSocket : public ScriptedSocket {
     const u32 ip_;
 };
 
-// A real Peer in no pool: what it sends is taken from its queue, and what it hears goes through its turns.
-class TestPeer : public Peer {
+// A real connection in no pool: what it sends is taken from its queue, and what it hears goes through its turns.
+template <class Base>
+class InNoPool : public Base {
   public:
-    // One that came in from that address.
-    explicit TestPeer(u32 from) : TestPeer(new AddressedSocket(from)) {}
+    // One that came in from that address; `more` is what Base wants behind socket and pool.
+    template <class... More>
+    explicit InNoPool(u32 from, More&... more) : InNoPool(new AddressedSocket(from), more...) {}
 
     // True while the connection lives.
-    bool hear(const std::string& body) {
-        scripted_->pieces.push_back(framed(body));
+    bool hear(const std::string& body) { return hearRaw(framed(body)); }
+    bool hearRaw(const std::string& bytes) {
+        scripted_->pieces.push_back(bytes);
         while (!scripted_->pieces.empty() && !refused_) turn(I4_SELECT_READ);
         return !refused_;
     }
     // The bodies of all packets that wait, which are dropped.
     std::vector<std::string> sent() {
         std::vector<std::string> bodies;
-        while (const std::unique_ptr<Packet> packet = takeFirstToSend()) bodies.push_back(bodyOf(*packet));
+        while (const std::unique_ptr<Packet> packet = this->takeFirstToSend())
+            bodies.push_back(bodyOf(*packet));
         return bodies;
     }
     // The one packet that waits; empty where there is none or more than one.
@@ -86,25 +88,25 @@ class TestPeer : public Peer {
     }
     // Lets the first packet that waits leave through the socket. Its body, empty where there is none.
     std::string leave() {
-        const Packet* packet = firstToSend();
+        const Packet* packet = this->firstToSend();
         if (!packet) return {};
         std::string body = bodyOf(*packet);
         turn(I4_SELECT_WRITE);
         return body;
     }
-    bool wasAskedToClose() const { return isClosing(); }
-    u32 mostQueued() const { return queueLimit(); }
-    bool awaits() const { return awaitsFirst(); }
+    bool wasAskedToClose() const { return this->isClosing(); }
+    std::size_t unread() const { return scripted_->pieces.size(); }
 
   private:
-    explicit TestPeer(AddressedSocket* socket)
-        : Peer(std::unique_ptr<i4_socket>(socket), nullptr), scripted_(socket) {}
+    template <class... More>
+    explicit InNoPool(AddressedSocket* socket, More&... more)
+        : Base(std::unique_ptr<i4_socket>(socket), nullptr, more...), scripted_(socket) {}
 
     void turn(u32 events) {
-        lastEvents_ = events;
-        setBusy(true);
-        doTask(&clientApp.socketPool);
-        refused_ = isBusy();
+        this->lastEvents_ = events;
+        this->setBusy(true);
+        this->doTask(&clientApp.socketPool);
+        refused_ = this->isBusy();
     }
     static std::string bodyOf(const Packet& packet) {
         return {reinterpret_cast<const char*>(packet.stream.buffer()), packet.size};
@@ -112,6 +114,13 @@ class TestPeer : public Peer {
 
     AddressedSocket* const scripted_;
     bool refused_ = false;
+};
+
+class TestPeer : public InNoPool<Peer> {
+  public:
+    using InNoPool::InNoPool;
+    u32 mostQueued() const { return queueLimit(); }
+    bool awaits() const { return awaitsFirst(); }
 };
 
 // The singletons, set up afresh. Own ID 10.0.0.100, port 4662.
@@ -164,10 +173,8 @@ class Engine : public testing::Test {
     // A file that lies in the directory and is shared.
     FileMeta& shareFile(const MD4Hash& hash, const std::string& name, const std::string& content) {
         writeFile(directory.file(name), content);
-        auto file = std::make_unique<FileMeta>();
+        auto file = makeFile(name, static_cast<u32>(content.size()), 0);
         file->hash = hash;
-        file->setName(name.c_str());
-        file->setInt(TAG_SIZE, static_cast<u32>(content.size()));
         file->setPath(directory.file(name).c_str());
         FileMeta& result = *file;
         clientApp.shared.add(file.get());
@@ -176,11 +183,9 @@ class Engine : public testing::Test {
     }
     // A download in the pool that is looking for sources.
     Ref<Download> startDownload(const MD4Hash& hash, const std::string& name, u32 size) {
-        FileMeta file;
-        file.hash = hash;
-        file.setName(name.c_str());
-        file.setInt(TAG_SIZE, size);
-        dlPool.add(file);
+        const auto file = makeFile(name, size, 0);
+        file->hash = hash;
+        dlPool.add(*file);
         Ref<Download> download = dlPool.find(hash);
         if (!download) ADD_FAILURE() << log.take();
         if (download) download->tick(1);
