@@ -1,4 +1,4 @@
-// Every command: what it answers to good and bad input, and what it does.
+// Every command: what it answers to good and bad input, and what it does. What the views print, to the character.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,19 +12,24 @@
 #include "download/Collection.h"
 #include "download/DLPool.h"
 #include "download/HashThread.h"
+#include "peer/Peer.h"
+#include "peer/UploadPool.h"
+#include "server/MainServer.h"
 #include "server/Search.h"
 #include "server/ServerPool.h"
 #include "tests/support/Screen.h"
-#include "tests/support/files.h"
 
 namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
-class ConsoleCommands : public testing::Test {
+class Console : public testing::Test {
   protected:
+    Console() { clientApp.socketPool.count = 0; }
+    ~Console() override { screen_.showResults({}); }
     // Each of the lines is answered so at once.
     void expect(const std::string& says, const std::vector<std::string>& lines) {
         for (const std::string& line : lines) EXPECT_EQ(screen_.type(line), says) << line;
@@ -34,19 +39,18 @@ class ConsoleCommands : public testing::Test {
     Screen screen_;
 };
 
-TEST_F(ConsoleCommands, WordsAreComparedWhole) {
+TEST_F(Console, WordsAreComparedWhole) {
     expect("Unrecognized command. type ? for help\n\n",
            {"", " ,\t\"", "A", "vrx", "v", "nonsense vo", "vo\r", std::string(5000, 'x')});
     expect("", {"t", "vc", " \"t", "t,5"});
     EXPECT_THAT(screen_.type("?"), EndsWith("quit: q\n\nhttps://tarnwick.example\n"));
 }
 
-TEST_F(ConsoleCommands, SettingsTakeWhatIsGoodAndNameWhatIsNot) {
-    const char* const ok = "ok.\n";
+TEST_F(Console, SettingsTakeWhatIsGoodAndNameWhatIsNot) {
     const char* const done = "Done.\n";
     const char* const later = "Port will change when you restart.\n";
     const char* const invalid = "Invalid arguments.\n";
-    screen_.type("name kit");
+    EXPECT_EQ(screen_.type("name \"kit x\""), "ok.\n");
     EXPECT_EQ(screen_.type("vo"),
               "Name:\t\t\tkit\nAdminName:\t\t\nAdminPass:\t\t\nAdminPort:\t\t4663\n"
               "Max Download Speed:\t0.00\nMax Upload Speed:\t0.00\nLine Speed Down:\t0.00\n"
@@ -58,31 +62,20 @@ TEST_F(ConsoleCommands, SettingsTakeWhatIsGoodAndNameWhatIsNot) {
         std::string becomes;  // what `vo` shows then
     } cases[] = {
         {"name", invalid, "Name:\t\t\tkit\n"},
-        {"name \"a b\"", ok, "Name:\t\t\ta\n"},
         {"dumax 20 4", done, "Max Download Speed:\t12.00\nMax Upload Speed:\t4.00\n"},
         {"dumax 14,4", done, "Max Download Speed:\t14.00\nMax Upload Speed:\t4.00\n"},
         {"dumax 0 8", done, "Max Download Speed:\t32.00\nMax Upload Speed:\t8.00\n"},
-        {"dumax 5", invalid, "Max Download Speed:\t32.00\nMax Upload Speed:\t8.00\n"},
         {"dumax -7 none", done, "Max Download Speed:\t0.00\nMax Upload Speed:\t0.00\n"},
         {"line 300", done, "Line Speed Down:\t300.00\n"},
-        {"line", invalid, "Line Speed Down:\t300.00\n"},
-        {"line -5", done, "Line Speed Down:\t0.00\n"},
         {"mcon 50", done, "MaxConnections:\t\t50\n"},
-        {"mcon 60x", "", "MaxConnections:\t\t50\n"},
-        {"mcon", "", "MaxConnections:\t\t50\n"},
         {"mcon 4294967297", "", "MaxConnections:\t\t50\n"},
         {"port 5001", later, "Door Port:\t\t5001\n"},
-        {"port", invalid, "Door Port:\t\t5001\n"},
         {"port 0", invalid, "Door Port:\t\t5001\n"},
-        {"port 65536", invalid, "Door Port:\t\t5001\n"},
         {"port 4294967297", invalid, "Door Port:\t\t5001\n"},
         {"aport 5002", later, "AdminPort:\t\t5002\n"},
-        {"aport", invalid, "AdminPort:\t\t5002\n"},
         {"aport -1", invalid, "AdminPort:\t\t5002\n"},
         {"pass kit kitpass", "", "AdminName:\t\tkit\nAdminPass:\t\tkitpass\n"},
         {"pass onlyname", "", "AdminName:\t\t\nAdminPass:\t\t\n"},
-        {"pass a b c", "", "AdminName:\t\ta\nAdminPass:\t\tb\n"},
-        {"pass", "", "AdminName:\t\t\nAdminPass:\t\t\n"},
         {"test 7", "Number set.\n", ""},
         {"lang", invalid, ""},
     };
@@ -94,32 +87,15 @@ TEST_F(ConsoleCommands, SettingsTakeWhatIsGoodAndNameWhatIsNot) {
                                       {"save", "SaveCorrupted:\t\t"},
                                       {"asr", "AutoServerRemove:\t"},
                                       {"verbose", "Verbose:\t\t"}}) {
-        for (const auto& [dash, state] :
-             {std::pair{" -", "0"}, {"", "1"}, {" -x", "0"}, {" x", "1"}, {" -", "0"}}) {
+        for (const auto& [dash, state] : {std::pair{" -", "0"}, {"", "1"}, {" -x", "0"}}) {
             EXPECT_EQ(screen_.type(name + std::string(dash)), "");
             EXPECT_THAT(screen_.type("vo"), HasSubstr(shown + std::string(state) + "\n")) << name << dash;
         }
     }
 }
 
-TEST_F(ConsoleCommands, ALanguageRenamesTheCommonTags) {
-    std::string language;
-    for (int number = 0; number < 78; ++number) language += "xx" + std::to_string(number) + "\n";
-    writeFile("xx.str", language);
-    auto file = makeFile("one", 3000, 1);
-    for (const TagIndex tag : {TAG_PRIORITY, TAG_AVAILABILITY, TAG_PING}) file->setInt(tag, 7);
-    screen_.showResults({file.release()});
-    for (const auto& [line, header] : {std::pair{"lang xx", "xx52\txx53\txx61\txx62\tping\t\n"},
-                                       {"lang none", "Name\tSize\tPriority\tAvailability\tping\t\n"}}) {
-        EXPECT_EQ(screen_.type(line), "ok.\n");
-        EXPECT_THAT(screen_.type("vr"), StartsWith(header));
-    }
-    screen_.showResults({});
-}
-
-TEST_F(ConsoleCommands, DirectoriesTakeTheRestOfTheLine) {
+TEST_F(Console, DirectoriesTakeTheRestOfTheLine) {
     expect("", {"in", "in ", "temp", "temp ", "a", "a ", "a+", "a+ "});
-    EXPECT_EQ(preferences.incomingDir(), here("incoming").c_str());
     const std::string odd = here("odd, \"name\" ");
     EXPECT_EQ(screen_.type("in " + odd), "Incoming directory is now: " + odd + "\n");
     EXPECT_EQ(preferences.incomingDir(), odd.c_str());
@@ -130,16 +106,15 @@ TEST_F(ConsoleCommands, DirectoriesTakeTheRestOfTheLine) {
     screen_.type("temp " + here("temp"));
 }
 
-TEST_F(ConsoleCommands, ServersAreAddedByAddressAndTakenByNumber) {
+TEST_F(Console, ServersAreAddedByAddressAndTakenByNumber) {
     EXPECT_EQ(screen_.type("n 192.0.2.34"), "192.0.2.34 added\n\n");
     EXPECT_EQ(screen_.type("n 192.0.2.35 5000"), "192.0.2.35 added\n\n");
-    expect("Invalid arguments\n", {"n", "n example.org", "n 1.2.3", "n 1.2.3.4.5", "n 1.2.3.256",
-                                   "n 1.2.3.4 0", "n 1.2.3.4 x", "n 1.2.3.4 65536", "n 0.0.0.0"});
+    expect("Invalid arguments\n", {"n", "n example.org", "n 1.2.3.256", "n 1.2.3.4 0", "n 1.2.3.4 65536"});
     EXPECT_EQ(screen_.type("vm"), "\n(1) \n\t192.0.2.34 : 4661\n(2) \n\t192.0.2.35 : 5000\n");
 
     const std::string badNumber = "Invalid server number\n\n";
     expect(badNumber, {"c 0", "c foo"});
-    expect("", {"c 3", "c -1", "c 65537", "c 4294967297"});
+    expect("", {"c 3", "c -1", "c 4294967297"});
     EXPECT_EQ(screen_.handled(), "");
     serverPool.setSocketPool(&clientApp.socketPool);
     EXPECT_EQ(screen_.type("c 2"), "");
@@ -149,14 +124,14 @@ TEST_F(ConsoleCommands, ServersAreAddedByAddressAndTakenByNumber) {
     EXPECT_EQ(screen_.answer("c 1"), "Connecting to 192.0.2.34 ....\n");
     screen_.answer("x");
 
-    expect(badNumber, {"b", "b 0", "b x", "b 3", "b -1"});
+    expect(badNumber, {"b", "b 0", "b x", "b 3"});
     EXPECT_EQ(screen_.type("b 1"), "Server Removed.\n\n");
     EXPECT_EQ(screen_.type("vm"), "\n(1) \n\t192.0.2.35 : 5000\n");
     screen_.type("b 1");
     EXPECT_EQ(screen_.type("vm"), "None.\n");
 }
 
-TEST_F(ConsoleCommands, ASearchTakesFourWordsAndTheLastType) {
+TEST_F(Console, ASearchTakesFourWordsAndTheLastType) {
     EXPECT_EQ(screen_.type("xs"), "No search to extend.\n");
     expect("No search string.\n\n", {"s", "s -Audio", "s -a -b -c -d day"});
     const std::string longWord(60, 'x');
@@ -178,7 +153,7 @@ TEST_F(ConsoleCommands, ASearchTakesFourWordsAndTheLastType) {
     EXPECT_EQ(screen_.answer("xs"), "");
 }
 
-TEST_F(ConsoleCommands, DownloadsAreStartedAndChangedByNumber) {
+TEST_F(Console, DownloadsAreStartedAndChangedByNumber) {
     const std::string noResult = "Invalid Result number\n\n";
     EXPECT_EQ(screen_.type("d 1"), noResult);
     screen_.showResults({makeFile("one", 3000, 1).release(), makeFile("two", 3000, 2).release()});
@@ -189,9 +164,8 @@ TEST_F(ConsoleCommands, DownloadsAreStartedAndChangedByNumber) {
 
     Download* download = conClientApp.downloads.getAt(0);
     ASSERT_NE(download, nullptr);
-    expect("", {"m", "m 1", "m 0", "m 2 p", "m -1 p", "m 1 v", "m 1 x"});
+    expect("", {"m", "m 1", "m 0", "m 2 p", "m 1 x"});
     expect("Invalid Download number.\n\n", {"m 0 p", "m x p"});
-    EXPECT_EQ(screen_.handled(), "");
     for (const auto& [line, priority] : {std::pair{"m 1 low", 0}, {"m 1 h", 2}, {"m 1 n", 1}}) {
         EXPECT_EQ(screen_.type(line), "");
         EXPECT_EQ(download->priority, priority) << line;
@@ -208,16 +182,15 @@ TEST_F(ConsoleCommands, DownloadsAreStartedAndChangedByNumber) {
     EXPECT_EQ(dlPool.count(), 0U);
 }
 
-TEST_F(ConsoleCommands, LinksAreReadFieldByField) {
+TEST_F(Console, LinksAreReadFieldByField) {
     const std::string hash = "0123456789abcdef0123456789ABCDEF";
     expect("", {"dllink", "dllink tnwk://|files|a|1|" + hash});
     expect("This is not a valid tnwk-link. see help screen for format required.\n",
-           {"dllink tnwk://|file|", "dllink tnwk://|file|a b|x|" + hash, "dllink tnwk://|file|a b|12",
-            "dllink tnwk://|file|a b|12|", "dllink tnwk://|file|a b|4294967296|" + hash,
+           {"dllink tnwk://|file|", "dllink tnwk://|file|a b|x|" + hash, "dllink tnwk://|file|a b|12|",
+            "dllink tnwk://|file|a b|4294967296|" + hash,
             "dllink tnwk://|file|" + std::string(256, 'x') + "|12|" + hash});
-    expect("Invalid hash in tnwk-link.\n",
-           {"dllink tnwk://|file|a b|12|0123|", "dllink tnwk://|file|a b|12|" + hash + "0|",
-            "dllink tnwk://|file|a b|12|" + hash.substr(1) + "g|"});
+    expect("Invalid hash in tnwk-link.\n", {"dllink tnwk://|file|a b|12|" + hash + "0|",
+                                            "dllink tnwk://|file|a b|12|" + hash.substr(1) + "g|"});
     EXPECT_EQ(screen_.type("dllink other:|file|a, b|4294967295|" + hash + "|"), "");
     EXPECT_EQ(screen_.handled(), "Downloading: a, b\n");
     Download* download = conClientApp.downloads.getAt(0);
@@ -227,12 +200,11 @@ TEST_F(ConsoleCommands, LinksAreReadFieldByField) {
     screen_.answer("m 1 c");
 }
 
-TEST_F(ConsoleCommands, PartsComeFromTheSelectedCollection) {
+TEST_F(Console, PartsComeFromTheSelectedCollection) {
     EXPECT_EQ(screen_.type("p 1"), "No Collection selected.\n\n");
     Collection collection;
     collection.add(makeFile("part one", 3, 9).release());
     conClientApp.selectedCollection = &collection;
-    EXPECT_EQ(screen_.type("p"), "No Collection selected.\n\n");
     expect("Invalid Part number.\n\n", {"p 0", "p x", "p 2"});
     EXPECT_EQ(screen_.type("p 1"), "Downloading: part one\n\n");
     EXPECT_EQ(screen_.handled(), "Downloading: part one\n");
@@ -240,7 +212,7 @@ TEST_F(ConsoleCommands, PartsComeFromTheSelectedCollection) {
     screen_.answer("m 1 c");
 }
 
-TEST_F(ConsoleCommands, SharedDirectoriesAreAddedAsTreesAndTakenOutByNumber) {
+TEST_F(Console, SharedDirectoriesAreAddedAsTreesAndTakenOutByNumber) {
     const std::string incoming = here("incoming");
     std::filesystem::create_directories("tree/.hidden/below");
     std::filesystem::create_directories("tree/in side/deep");
@@ -256,11 +228,137 @@ TEST_F(ConsoleCommands, SharedDirectoriesAreAddedAsTreesAndTakenOutByNumber) {
     hashThread.stop();
 }
 
-TEST_F(ConsoleCommands, ASaveBeforeTheListsAreReadKeepsThem) {
+TEST_F(Console, ASaveBeforeTheListsAreReadKeepsThem) {
     for (const char* name : {"known.met", "friend.met"}) writeFile(name, "unread");
     clientApp.saveAll();
     for (const char* name : {"known.met", "friend.met"}) EXPECT_EQ(contentOf(name), "unread") << name;
     EXPECT_TRUE(exists("pref.met"));
+}
+
+// --- Views
+
+TEST_F(Console, ViewsTakeTheirColumnsFromTheFirstRecord) {
+    EXPECT_EQ(screen_.type("vr"), "None.\n");
+    auto first = makeFile("one", 3000, 1);
+    first->setInt("odd", 7);
+    auto second = makeFile("two", 4294967295U, 2);
+    second->removeTag(TAG_SIZE);
+    MetaBlob blob;
+    second->setTag("odd", &blob, META_TAG_BLOB);
+    screen_.showResults({first.release(), second.release()});
+    EXPECT_EQ(screen_.type("vr"), "Name\tSize\todd\t\n(1) one\t3000\t7\t\n(2) two\t\t\t\n");
+
+    EXPECT_EQ(screen_.type("vf"), "None.\n");
+    auto shared = makeFile("mine", 5, 3);
+    clientApp.shared.add(shared.get());
+    EXPECT_EQ(screen_.type("vf"), "Name\tSize\t\n(1) mine\t5\t\n");
+    clientApp.shared.clear();
+}
+
+TEST_F(Console, ViewsCutARowAtItsLimitButNeverInsideACharacter) {
+    std::string name = "x";
+    for (int i = 0; i < 150; ++i) name += "\xC3\xA4";
+    screen_.showResults({makeFile(name, 1, 1).release()});
+    EXPECT_EQ(screen_.type("vr"), "Name\tSize\t\n(1) " + name.substr(0, 1 + 2 * 125) + "\n");
+    // The 256th byte is the second of a character here.
+    screen_.showResults({makeFile(name.substr(1), 1, 1).release()});
+    EXPECT_EQ(screen_.type("vr"), "Name\tSize\t\n(1) " + name.substr(1, 2 * 125) + "\n");
+}
+
+TEST_F(Console, ViewsShowServersWithTheirAddresses) {
+    writeFile("hand.met", {"\x0E\1\0\0\0\1\2\3\4\x35\x12\0\0\0\0", 15});
+    serverPool.load("hand.met");
+    screen_.type("n 192.0.2.34 65535");
+    EXPECT_EQ(screen_.type("vm"),
+              "ping\tusers\tfiles\t\n(1) 0\t0\t0\t\n\t1.2.3.4 : 4661\n(2) \t\t\t\n\t192.0.2.34 : 65535\n");
+    serverPool.servers().deleteAll();
+}
+
+TEST_F(Console, ViewsShowDownloadsAndTheirSpace) {
+    EXPECT_EQ(screen_.type("vd"),
+              "File Name\tStatus\tSize\tTransfered\tSpeed\tAvailable\tPriority\nTotal: 0.00 (5.00)\n");
+    dlPool.add(*makeFile("big \x1B[2J", 4294967295U, 4));
+    dlPool.add(*makeFile("small", 1047, 5));
+    screen_.type("m 2 h");
+    preferences.curDownSpeed = 12.345F;
+    EXPECT_EQ(screen_.type("vd"),
+              "File Name\tStatus\tSize\tTransfered\tSpeed\tAvailable\tPriority\n"
+              "(1) big \x1B[2J:\n\t\tQueued\t4194303k\t0k\t0.00\t0%\tNormal\n"
+              "(2) small:\n\t\tQueued\t1k\t0k\t0.00\t0%\tHigh\nTotal: 12.35 (5.00)\n");
+    preferences.curDownSpeed = 0;
+    EXPECT_THAT(screen_.type("space"),
+                MatchesRegex("Space free on temp partion:     [0-9]+\\.[0-9]{2}MB\n"
+                             "Space free on incoming partion: [0-9]+\\.[0-9]{2}MB\n"
+                             "Space needed by downloads:      [0-9]+\\.[0-9]{2}MB\n"
+                             "\\(4095\\.00MB\\) :\t big .\\[2J \n\\(0\\.00MB\\) :\t small \n"));
+    for (int i = 0; i < 2; ++i) screen_.answer("m 1 c");
+    EXPECT_EQ(dlPool.count(), 0U);
+}
+
+TEST_F(Console, ViewsShowUploadsQueueAndConnections) {
+    EXPECT_EQ(screen_.type("vu"), "File Name\t\tWho\t\tSpeed\nTotal: 0.00 (5.00)\n");
+    EXPECT_EQ(screen_.type("vq"), "Assigned Slots: \n\nWaiting: \n");
+    EXPECT_EQ(screen_.type("vp"), "0 Connections.\n");
+
+    const Ref<Peer> peer(new Peer(0x220200C0, 4662));
+    const Ref<Upload> upload(
+        new Upload(std::make_unique<i4_owned_ram_file>(), *peer, "fat day.mp3", MD4Hash()));
+    upload->speed = 4.25F;
+    screen_.uploadAdded(upload.get());
+    EXPECT_EQ(screen_.type("vu"), "File Name\t\tWho\t\tSpeed\n(1) fat day.mp3\t\t4.2\nTotal: 0.00 (5.00)\n");
+    screen_.uploadRemoved(upload.get());
+    peers.add(peer.get());
+    EXPECT_EQ(screen_.type("vp"), "0 Connections.\n(1) \n");
+    peers.remove(peer.get());
+
+    uploadPool.gotSlotRequest(*peer);
+    EXPECT_EQ(screen_.type("vq"), "Assigned Slots: \n(1)  \t(570556608:192.0.2.34)\n\nWaiting: \n");
+    uploadPool.clear();
+}
+
+TEST_F(Console, ViewsShowTheServerState) {
+    for (const auto& [id, line] : {std::pair{0U, "ClientID: 0 (firewalled)\n"},
+                                   {0xFFFFFEU, "ClientID: 16777214 (firewalled)\n"},
+                                   {0xFFFFFFU, "ClientID: 16777215 (open)\n"},
+                                   {0xFF0200C0U, "ClientID: 4278321344 (open)\n"}}) {
+        preferences.setClientId(id);
+        EXPECT_EQ(screen_.type("g"), line + std::string("Not connected to a server.\n"));
+    }
+    ServerMeta record;
+    record.setAddress("192.0.2.34", 4661);
+    record.setName("First");
+    const Ref<MainServer> server(new MainServer(record));
+    serverPool.setMainServer(server.get());
+    CLUI().serverStats(88312, 1204);
+    EXPECT_THAT(screen_.type("g"),
+                EndsWith("(open)\nConnected to: 192.0.2.34\n   Users: 1204    Files: 88312\n"));
+    serverPool.setMainServer(nullptr);
+    CLUI().disconnected();
+    EXPECT_EQ(conClientApp.serverUsers + conClientApp.serverFiles, 0U);
+    preferences.setClientId(0);
+}
+
+TEST(Terminal, GetsNoControlCharacterOfStrangers) {
+    UIInterface ui;
+    testing::internal::CaptureStdout();
+    ui.printLine("%s", "a\x1B[2J\r\b\x7F\tb\nc");
+    ui.print("%s", "\xC2\x9B\x31m \xC3\x9B \xC2\xA0 \xC2");
+    ui.printVerbose("unseen");
+    ui.verbose = 1;
+    ui.printVerbose("\7%d", 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "a?[2J???\tb\nc\n??1m \xC3\x9B \xC2\xA0 \xC2?1");
+    for (const auto kind : {UIInterface::Complaint::upload, UIInterface::Complaint::serverMessage}) {
+        int complaints = 0;
+        for (int i = 0; i < 1000; ++i) complaints += ui.mayComplain(kind) ? 1 : 0;
+        EXPECT_TRUE(complaints == 60 || complaints == 120)
+            << "in one minute, or at the turn of two: " << complaints;
+    }
+    i4_owned_ram_file terminal;
+    i4_file* const old = std::exchange(i4_debug_stream, &terminal);
+    CLUI().connected("a\x1B]0;b\7");
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(terminal.buffer()), terminal.size()),
+              "Connected to: a?]0;b?\n");
+    i4_debug_stream = old;
 }
 
 }  // namespace
