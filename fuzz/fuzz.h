@@ -1,5 +1,5 @@
-// What fuzz targets share: a target's entry, its demands, an interface that says nothing, and connections that
-// hear what the input says.
+// What fuzz targets share: a target's entry, its demands, an interface that says nothing, and connections
+// that hear what the input says.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,5 @@
-// Every command: what it answers to good and bad input, and what it does. What the views print, to the character.
+// Every command: what it answers to good and bad input, and what it does. What the views print, to the
+// character.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

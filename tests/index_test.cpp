@@ -1,5 +1,5 @@
-// The index server: over real sockets where sockets matter, by a clock of the test's own where time does; and its
-// index of published files, against a plain walk over the same files.
+// The index server: over real sockets where sockets matter, by a clock of the test's own where time does; and
+// its index of published files, against a plain walk over the same files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

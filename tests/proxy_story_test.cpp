@@ -21,8 +21,8 @@ const Kind microsocks{"microsocks", "socks5", "\5\xff", "\5"};
 const Kind tinyproxy{"tinyproxy", "http", "HTTP/1.0 403 Forbidden\r\n\r\n",
                      "HTTP/1.0 200 Connection established\r\n\r"};
 
-// A proxy program on loopback, in a session of its own, which may ask for the user kit with the password secret;
-// tinyproxy lets through to the target ports alone.
+// A proxy program on loopback, in a session of its own, which may ask for the user kit with the password
+// secret; tinyproxy lets through to the target ports alone.
 class RealProxy {
   public:
     explicit RealProxy(const Kind& kind, std::vector<std::string> targets = {}, bool withPassword = false)

@@ -1,5 +1,5 @@
-// The connection to an index server, which server that is, the upkeep of their list, and what goes to the others
-// by datagram: over loopback, with servers that the test speaks for, and by a clock of its own.
+// The connection to an index server, which server that is, the upkeep of their list, and what goes to the
+// others by datagram: over loopback, with servers that the test speaks for, and by a clock of its own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -59,7 +59,8 @@ class AddressedSocket : public ScriptedSocket {
     const u32 ip_;
 };
 
-// A real connection in no pool: what it sends is taken from its queue, and what it hears goes through its turns.
+// A real connection in no pool: what it sends is taken from its queue, and what it hears goes through its
+// turns.
 template <class Base>
 class InNoPool : public Base {
   public:

@@ -135,8 +135,6 @@ const std::string& Process::output() {
     return output_;
 }
 
-std::string Process::rest() { return output().substr(awaited_); }
-
 int Process::wait(std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     for (;;) {

@@ -31,8 +31,6 @@ class Process {
     bool waitFor(const std::string& text, std::chrono::milliseconds limit = patience);
     // Takes in what there is to read and returns all output so far, CR LF as LF.
     const std::string& output();
-    // Output behind the last text that was awaited.
-    std::string rest();
     // Waits for the end of the process. The exit status, minus the signal that ended it, or -1000 when time
     // ran out.
     int wait(std::chrono::milliseconds limit = patience);
