@@ -219,6 +219,7 @@ TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
     clientApp.filter().load("no filters");
     // What it says of itself goes to the entry of the address that we called, not of the one it names.
     ASSERT_EQ(serverPool.servers().count(), 2u);
+    EXPECT_EQ(serverPool.servers().get(1)->ip, loopbackIp);
     EXPECT_EQ(serverPool.servers().get(1)->port, first.port());
     EXPECT_STREQ(serverPool.servers().get(1)->getText(TAG_NAME), "new name");
     // Servers without end.
