@@ -504,6 +504,7 @@ class Dice {
         // More names than are kept apart.
         if (below(3) == 0) meta->setInt(("number" + std::to_string(below(40))).c_str(), below(5));
         if (below(2)) meta->setText(TAG_TYPE, below(2) ? "Audio" : "Video");
+        if (below(3) == 0) meta->setInt(TAG_AVAILABILITY, below(5));  // which isn't for a client to say
         if (below(3) == 0) meta->setText("Artist", text(4).c_str());
         return meta;
     }
@@ -539,7 +540,8 @@ TEST(FileIndex, FindsWhatAWalkFinds) {
             world.compare(SN_FindStr(text), 5000, 1'000'000);
         }
     };
-    for (u32 i = 0; i < 9'500; ++i) world.publish(1 + dice.below(3), i % 9'000, dice.meta());
+    for (u32 i = 0; i < 9'000; ++i) world.publish(1 + dice.below(3), i, dice.meta());
+    for (u32 i = 0; i < 1'500; ++i) world.publish(1 + dice.below(3), i % 500, dice.meta());
     compare(10);
     // Most files go while a search is under way: segments dissolve, and what stays is found all the same.
     SearchRun run(std::make_unique<SN_FindStr>("x"), 1);

@@ -90,8 +90,9 @@ TEST_F(Remote, OnlyAGoodLogOnIsLetIn) {
         TestController& guest = caller(addressOf(host++));
         return !guest.hear(body) && guest.sent().empty();
     };
-    for (const std::string& bad : {logon("kit", "Kitpass"), logon("Kit"), logon("", ""), opcode(225),
-                                   opcode(100, text16("kit") + le16(7) + "kit"), std::string(70'000, 'x')}) {
+    for (const std::string& bad :
+         {logon("kit", "Kitpass"), logon("Kit"), logon("", ""), opcode(225),
+          opcode(100, text16("kit") + le16(7) + "kit"), logon() + std::string(70'000, 'x')}) {
         EXPECT_TRUE(refused(bad));
     }
     // Empty ones count on this machine only.
