@@ -539,6 +539,7 @@ TEST(FileIndex, FindsWhatAWalkFinds) {
         for (const char* text : {"a", "abc", "AB", "\xa9", "cx", "abcabcab", ""}) {
             world.compare(SN_FindStr(text), 5000, 1'000'000);
         }
+        world.compare(SN_IntTagCompare("\x15", 3, COMPARE_AT_LEAST), 5000, 1'000'000);
     };
     for (u32 i = 0; i < 9'000; ++i) world.publish(1 + dice.below(3), i, dice.meta());
     for (u32 i = 0; i < 1'500; ++i) world.publish(1 + dice.below(3), i % 500, dice.meta());
