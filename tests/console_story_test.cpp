@@ -9,6 +9,8 @@
 namespace {
 
 const std::string banner = "Welcome to Tarnwick command line client v16.16.59.\n";
+const std::string invitation = "Enter commands at any time (type '?' for help)\n";
+const std::string prompt = "> ";
 const std::string unknown = "Unrecognized command. type ? for help\n\n";
 const std::string waiting = "Waiting 0\n";
 const std::string done = "Done loading shared files.\n";
@@ -29,9 +31,9 @@ class ConsoleStory : public testing::Test {
 TEST_F(ConsoleStory, RunsItsArgumentsStartsAnswersAsksAndLeaves) {
     Process client(program_, {"w0", "wx", "nonsense"}, home_.path());
     // Texts of the load may stand between them.
-    for (const std::string& text : {waiting, waiting, unknown}) ASSERT_TRUE(client.waitFor(text));
-    ASSERT_TRUE(client.waitFor(banner + "Enter commands at any time (type '?' for help)\n"));
-    ASSERT_TRUE(client.waitFor("> "));
+    for (const auto& text : {waiting, waiting, unknown, banner, invitation, prompt}) {
+        ASSERT_TRUE(client.waitFor(text)) << text;
+    }
     ASSERT_TRUE(eventually([&] { return client.output().find(done) != std::string::npos; }));
     client.type("test");
     ASSERT_TRUE(client.waitFor(

@@ -112,7 +112,8 @@ class Servers : public testing::Test {
     }
     ~Servers() override {
         serverPool.disconnect();
-        EXPECT_TRUE(eventually([] { return clientApp.socketPool.count == 1; })) << "the annex alone stays";
+        EXPECT_TRUE(eventually([] { return clientApp.socketPool.count == 1 && !serverPool.mainServer(); }))
+            << "the annex alone stays";
         drain();
         serverPool.servers().deleteAll();
         clientApp.shared.clear();
@@ -314,6 +315,7 @@ TEST_F(Servers, AreTriedByRatingUntilOneLogsItOn) {
     EXPECT_EQ(log.until(failed), "[disconnected]\n" + failed);
     ASSERT_TRUE(eventually([] { return messageQ.process(); }));
     ASSERT_TRUE(second.accept());
+    EXPECT_EQ(second.packet().at(0), 1);
 }
 
 TEST_F(Servers, AnAttemptThatTheUserGaveUpComesToNothing) {
