@@ -2,18 +2,19 @@
 
 #include <csignal>
 #include <cstdio>
+#include <memory>
+#include <vector>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/UIInterface.h"
-#include "app/version.h"
 #include "console/CLUI.h"
 #include "console/ConClientApp.h"
+#include "engine/Engine.h"
+#include "host/PosixHost.h"
+#include "i4min/file/filesystem.h"
 #include "i4min/file/output.h"
 #include "i4min/memory/error.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "i4min/threads/linux/linux_threads.h"
-#include "meta/tagTable.h"
+#include "protocol/version.h"
 #include "remote/TcpipUI.h"
 
 namespace {
@@ -26,60 +27,71 @@ void waitSeconds(const char* argument) {
     if (seconds > 0) i4_sleep(static_cast<u32>(seconds));
 }
 
-// A controller may attach from now on. A user interface lives as long as the process: the last object that
-// goes may still print.
-void wrapForController() {
-    auto* wrapper = new TcpipUI(*theUI.get());
-    theUI = wrapper;
-    theLog = wrapper;
-}
-
-// By the first character: - opens the door for a controller, w waits, ! runs without a console, anything else
-// is a console command.
-void takeArgument(const char* argument) {
-    switch (argument[0]) {
-        case '-':
-            wrapForController();
-            break;
-        case 'w':
-            waitSeconds(argument);
-            break;
-        case '!':
-            conClientApp.waitForQuit();  // a controller ends it
-            break;
-        default:
-            conClientApp.dispatch(argument);
-            break;
+// What the process runs: the console, and the engine behind it.
+class Application {
+  public:
+    explicit Application(const char* workDir) : engine_(host_.host, workDir, consoleUI_) {
+        console_.attach(engine_);
     }
-}
+    ~Application() { console_.detach(); }
 
-void takeArguments() {
-    LL<i4_string> arguments;
-    for (LL<i4_string>::Cursor c; const i4_string* argument = i4_argv.next(c);) {
-        arguments.add(new i4_string(*argument));
+    void run(ExtendConsole extend) {
+        if (extend) extend(console_);
+        i4_init();
+        engine_.clientApp.init();
+        engine_.messageQ.post(MESSAGE_LOAD);
+        takeArguments();
+        i4_debug_printf("Welcome to Tarnwick command line client v%d.%d.%d.\n", versionMajor, versionMinor,
+                        protocolVersion);
+        i4_debug_printf("Enter commands at any time (type '?' for help)\n");
+        while (console_.running) console_.run();
+        engine_.clientApp.shutdown();
+        i4_uninit();
     }
-    LL<i4_string>::Cursor c;
-    arguments.next(c);  // the program's name
-    while (const i4_string* argument = arguments.next(c)) takeArgument(argument->c_str());
-    deleteAll(arguments);
-}
+
+  private:
+    void takeArguments() {
+        LL<i4_string>::Cursor c;
+        i4_argv.next(c);  // the program's name
+        while (const i4_string* argument = i4_argv.next(c)) takeArgument(argument->c_str());
+    }
+    // By the first character: - opens the door for a controller, w waits, ! runs without a console, anything
+    // else is a console command.
+    void takeArgument(const char* argument) {
+        switch (argument[0]) {
+            case '-':
+                controllers_.push_back(std::make_unique<TcpipUI>(engine_, console_, engine_.ui.target()));
+                engine_.ui.replace(*controllers_.back());
+                break;
+            case 'w':
+                waitSeconds(argument);
+                break;
+            case '!':
+                console_.waitForQuit();  // a controller ends it
+                break;
+            default:
+                console_.dispatch(argument);
+                break;
+        }
+    }
+
+    PosixHost host_;
+    // The interfaces outlive the engine, which speaks to the end.
+    ConClientApp console_;
+    CLUI consoleUI_{console_};
+    std::vector<std::unique_ptr<TcpipUI>> controllers_;
+    Engine engine_;
+};
 
 }  // namespace
 
-void runApplication(int, char**) {
+void runConsole(ExtendConsole extend) {
     std::signal(SIGPIPE, SIG_IGN);
     i4_standard_output().start();
     i4_standard_output().keepMine();
-    auto* console = new CLUI;
-    theUI = console;
-    theLog = console;
-    i4_init();
-    clientApp.init();
-    messageQ.post(MESSAGE_LOAD);
-    takeArguments();
-    i4_debug_printf("Welcome to Tarnwick command line client v%d.%d.%d.\n", versionMajor, versionMinor,
-                    protocolVersion);
-    i4_debug_printf("Enter commands at any time (type '?' for help)\n");
-    while (conClientApp.running) conClientApp.run();
-    clientApp.shutdown();
+    i4_string workDir;
+    if (!i4_get_cwd(workDir)) workDir = "";
+    Application(workDir.c_str()).run(extend);
 }
+
+void runApplication(int, char**) { runConsole(nullptr); }

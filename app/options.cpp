@@ -4,8 +4,10 @@
 #include <charconv>
 #include <cstdio>
 
-#include "app/Preferences.h"
-#include "app/version.h"
+#include "engine/Engine.h"
+#include "host/PosixHost.h"
+#include "i4min/file/filesystem.h"
+#include "protocol/version.h"
 
 namespace {
 
@@ -99,6 +101,12 @@ int storeProxy(const std::string* value) {
     std::string error;
     if (!value) return refuse("a value must follow: TYPE,HOST,PORT[,USER,PASSWORD]");
     if (!readProxySetting(*value, proxy, error)) return refuse(error);
+    i4_string workDir;
+    if (!i4_get_cwd(workDir)) workDir = "";
+    PosixHost host;
+    CoreUIInterface ui;
+    Engine engine(host.host, workDir.c_str(), ui);
+    Preferences& preferences = engine.preferences;
     preferences.load();
     preferences.setProxy(proxy);
     if (!preferences.save()) return wrong;

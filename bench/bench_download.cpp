@@ -17,12 +17,12 @@
 #include <string>
 #include <vector>
 
-#include "app/ClientApp.h"
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
+#include "core/UIInterface.h"
 #include "download/Download.h"
 #include "download/FileSource.h"
+#include "engine/ClientApp.h"
 #include "meta/MD4.h"
+#include "tests/support/OwnEngine.h"
 
 namespace {
 
@@ -38,14 +38,18 @@ class Folder {
     Folder()
         : path_(std::filesystem::temp_directory_path() / ("bench_download." + std::to_string(::getpid()))) {
         std::filesystem::create_directory(path_);
-        preferences.setTemp(path_.c_str());
+        own_.preferences.setTemp(path_.c_str());
     }
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
     ~Folder() { std::filesystem::remove_all(path_); }
     std::string file(const char* name) const { return path_ / name; }
+    Ref<Download> makeDownload() {
+        return Ref<Download>(new Download(own_.engine.downloadNeeds, own_.dlPool));
+    }
 
   private:
+    OwnEngine own_;
     const std::filesystem::path path_;
 };
 
@@ -98,14 +102,14 @@ f64 writePlain(const Sample& sample, const std::string& path) {
 }
 
 // 0 where not every part is verified at the end.
-f64 writeAsDownload(const Sample& sample) {
+f64 writeAsDownload(Folder& folder, const Sample& sample) {
     std::vector<std::unique_ptr<i4_owned_ram_file>> packets;  // the download takes their memory
     for (const auto& packet : sample.packets) {
         packets.push_back(std::make_unique<i4_owned_ram_file>());
         packets.back()->write(packet->buffer(), packet->size());
     }
     const f64 start = seconds();
-    const Ref<Download> download(new Download);
+    const Ref<Download> download = folder.makeDownload();
     FileMeta record;
     record.copyFrom(&sample.record);
     if (!download->create(record)) return 0;
@@ -124,13 +128,13 @@ f64 writeAsDownload(const Sample& sample) {
 }
 
 void writeInRandomOrder(benchmark::State& state) {
-    const Folder folder;
+    Folder folder;
     const Sample sample;
     std::vector<f64> ratios;
     for (auto _ : state) {
         const f64 plain = writePlain(sample, folder.file("plain"));
         std::filesystem::remove(folder.file("plain"));
-        const f64 ours = writeAsDownload(sample);
+        const f64 ours = writeAsDownload(folder, sample);
         if (plain == 0 || ours == 0) {
             state.SkipWithError("not all was written");
             break;
@@ -148,7 +152,7 @@ BENCHMARK(writeInRandomOrder)->UseManualTime()->Unit(benchmark::kMillisecond)->M
 
 // Every thousandth chunk has come and each source has parts of its own.
 void memoryOf4Gigabytes(benchmark::State& state) {
-    const Folder folder;
+    Folder folder;
     std::mt19937 random(4);
     for (auto _ : state) {
         FileMeta record;
@@ -156,7 +160,7 @@ void memoryOf4Gigabytes(benchmark::State& state) {
         record.setInt(TAG_SIZE, 4'294'967'295);
         const std::size_t before = ::mallinfo2().uordblks;
         {
-            const Ref<Download> download(new Download);
+            const Ref<Download> download = folder.makeDownload();
             if (!download->create(record)) {
                 state.SkipWithError("no download");
                 break;

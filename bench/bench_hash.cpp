@@ -16,6 +16,7 @@
 #include "i4min/file/file.h"
 #include "meta/MD4.h"
 #include "meta/MD4Hash.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ void computeFile(benchmark::State& state) {
     for (auto _ : state) {
         MD4Hash hash;
         std::vector<MD4Hash> parts;
-        if (MD4Hash::computeFile(hash, sample.path(), parts) != HashOutcome::whole) {
+        if (MD4Hash::computeFile(hash, systemDisk(), sample.path(), parts) != HashOutcome::whole) {
             state.SkipWithError("the sample can't be hashed");
         }
         benchmark::DoNotOptimize(hash);
@@ -77,7 +78,7 @@ BENCHMARK(computeFile)->Arg(1)->Arg(256)->Unit(benchmark::kMillisecond);
 int hashOne(const char* path) {
     MD4Hash hash;
     std::vector<MD4Hash> parts;
-    if (MD4Hash::computeFile(hash, path, parts) != HashOutcome::whole) {
+    if (MD4Hash::computeFile(hash, systemDisk(), path, parts) != HashOutcome::whole) {
         std::fprintf(stderr, "%s can't be hashed\n", path);
         return 1;
     }

@@ -66,7 +66,7 @@ struct Million {
         static Million instance;
         return instance;
     }
-    FileIndex index{FileIndex::Limits{2 * million, 1u << 30}};
+    FileIndex index{FileIndex::Limits{2 * million, 1u << 30}, 1};
     std::size_t heap = 0;
 };
 

@@ -16,6 +16,7 @@
 
 #include "i4min/file/file.h"
 #include "meta/FileList.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -69,7 +70,7 @@ class KnownMet {
                 ("bench_meta." + std::to_string(std::random_device()()))) {
         FileList list;
         fill(list);
-        list.save(path());
+        static_cast<void>(list.save(systemDisk(), path()));
         list.deleteAll();
     }
     ~KnownMet() {
@@ -111,7 +112,7 @@ void loadKnownMet(benchmark::State& state) {
     for (auto _ : state) {
         FileList list;
         const double before = allocatedMegabytes();
-        const double taken = secondsOf([&] { list.load(known.path()); });
+        const double taken = secondsOf([&] { list.load(systemDisk(), known.path()); });
         megabytes = std::max(megabytes, allocatedMegabytes() - before);
         if (list.count() != knownFiles) state.SkipWithError("known.met didn't load");
         list.deleteAll();
@@ -129,7 +130,7 @@ void saveKnownMet(benchmark::State& state) {
     fill(list);
     double seconds = 0;
     for (auto _ : state) {
-        const double taken = secondsOf([&] { list.save(known.path()); });
+        const double taken = secondsOf([&] { static_cast<void>(list.save(systemDisk(), known.path())); });
         seconds += taken;
         state.SetIterationTime(taken);
     }

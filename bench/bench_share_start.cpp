@@ -12,17 +12,19 @@
 #include <string>
 #include <system_error>
 
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
+#include "core/Preferences.h"
+#include "core/StringTable.h"
+#include "core/UIInterface.h"
 #include "i4min/file/filesystem.h"
-#include "tests/support/SharedFiles.h"
+#include "tests/support/HashedFiles.h"
+#include "tests/support/OwnEngine.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
 class Silence : public CoreUIInterface {
   public:
-    void printLine(const char*, ...) override PRINTF_LIKE {}
+    void say(Text, const char*, va_list) override {}
 };
 
 class Home {
@@ -67,20 +69,18 @@ void startWithKnownFiles(benchmark::State& state) {
     const Home home;
     const std::string directory = home.file("shared");
     static Silence silence;
-    theLog = &silence;
-    stringTable.reload("");
-    preferences.knownPath = home.file("known.met").c_str();
-    preferences.sharePath = home.file("share.dat").c_str();
+    OwnEngine own(&silence);
+    own.preferences.load();
     {
         FileList known;
         makeKnownFiles(directory, state.range(0), known);
-        known.save(preferences.knownPath.c_str());
+        static_cast<void>(known.save(systemDisk(), own.preferences.knownPath.c_str()));
         known.deleteAll();
     }
     for (auto _ : state) {
-        SharedFiles files;
-        files.knownFiles.load(preferences.knownPath.c_str());
-        HashThread thread(files);
+        HashedFiles files(own.engine.core);
+        files.knownFiles.load(systemDisk(), own.preferences.knownPath.c_str());
+        HashThread thread(own.engine.core, silence, files);
         thread.hashDirs({directory.c_str()});
         files.published.wait(0);
         thread.stop();

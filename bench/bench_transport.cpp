@@ -6,8 +6,9 @@
 #include <chrono>
 #include <ctime>
 
-#include "app/Preferences.h"
+#include "core/Preferences.h"
 #include "tests/support/Conversation.h"
+#include "tests/support/OwnEngine.h"
 #include "transport/STSocketPool.h"
 
 namespace {
@@ -69,8 +70,8 @@ void Mover::sendNext() {
 class MoverDoor : public DoorTask {
   public:
     using DoorTask::DoorTask;
-    Connection* newConnection(std::unique_ptr<i4_socket> socket, SocketPool* pool) override {
-        auto* mover = new Mover(std::move(socket), pool);
+    Connection* newConnection(std::unique_ptr<i4_socket> socket) override {
+        auto* mover = new Mover(pool(), std::move(socket));
         last = mover;
         return mover;
     }
@@ -78,7 +79,7 @@ class MoverDoor : public DoorTask {
 };
 
 struct Ends {
-    explicit Ends(SocketPool& pool) : door(new MoverDoor(&pool, 0)) {
+    explicit Ends(SocketPool& pool) : door(new MoverDoor(pool, 0)) {
         pool.start();
         door->listen(500);
     }
@@ -93,12 +94,13 @@ struct Ends {
 
 // One pool moves the packets, from a connection that sends to one that receives.
 Took poolMoves(u32 size, int packets) {
-    STSocketPool pool;
+    OwnEngine own;
+    STSocketPool pool(own.engine.transport);
     Ends ends(pool);
     Caller caller;
     Mover& receiver = ends.accepted(caller);
     const Ref<Mover> sender(
-        new Mover(std::make_unique<i4_tcpip_sock>(::dup(caller.descriptor()), I4_STREAM), &pool));
+        new Mover(pool, std::make_unique<i4_tcpip_sock>(::dup(caller.descriptor()), I4_STREAM)));
     caller.close();
     const auto socketIsReady = [&] { return pool.count == 3; };
     pool.addConnection(sender.get());
@@ -173,7 +175,8 @@ BENCHMARK(PacketsOverLoopback)
 void IdleConnections(benchmark::State& state) {
     const int connections = static_cast<int>(state.range(0));
     for (auto _ : state) {
-        STSocketPool pool;
+        OwnEngine own;
+        STSocketPool pool(own.engine.transport);
         Ends ends(pool);
         const double before = static_cast<double>(::mallinfo2().uordblks);
         std::vector<std::unique_ptr<Caller>> callers;
@@ -199,9 +202,10 @@ BENCHMARK(IdleConnections)->Arg(500)->UseManualTime()->Iterations(1);
 
 void UploadLimit(benchmark::State& state) {
     for (auto _ : state) {
-        STSocketPool pool;
+        OwnEngine own;
+        STSocketPool pool(own.engine.transport);
         Ends ends(pool);
-        preferences.userMaxUpF = static_cast<f32>(state.range(0));
+        own.preferences.userMaxUpF = static_cast<f32>(state.range(0));
         Caller caller;
         Mover& sender = ends.accepted(caller);
         sender.size = static_cast<u32>(state.range(1));
@@ -215,7 +219,7 @@ void UploadLimit(benchmark::State& state) {
         state.SetIterationTime(seconds);
         pool.stop();
         pool.deleteConnections();
-        preferences.userMaxUpF = 0.0F;
+        own.preferences.userMaxUpF = 0.0F;
     }
 }
 BENCHMARK(UploadLimit)->Args({100, 10'240})->Args({100, 180'000})->UseManualTime()->Iterations(1);

@@ -2,7 +2,7 @@
 """What the client costs when it does nothing.
 
 Prints the time from exec to the banner (median of --runs starts), and then, of one process left alone for --window
-seconds: resident memory, wake-ups a second, processor time a minute, threads, and the wake-ups of each thread.
+seconds: resident memory, wake-ups and processor time a minute, threads, and the wake-ups of each thread.
 
 Usage: bench/idle.py [--client build/tarnwick] [--runs 7] [--window 20]
 """
@@ -80,7 +80,7 @@ def main():
         cpu = processor_seconds(process.pid) - cpu
         rates = {task: (count - before.get(task, 0)) / options.window for task, count in after.items()}
         print(f"resident         {status(process.pid, 'VmRSS') / 1024:.1f} MB  (limit 10)")
-        print(f"wake-ups         {sum(rates.values()):.1f} a second  (limit 30)")
+        print(f"wake-ups         {sum(rates.values()) * 60:.0f} a minute  (limit 60)")
         print(f"processor        {cpu / options.window * 60 * 1000:.0f} ms a minute")
         print(f"threads          {len(rates)}: " + ", ".join(f"{rate:.1f}/s" for rate in rates.values()))
         stop(process, master)

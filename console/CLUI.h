@@ -2,11 +2,14 @@
 // the lists of ConClientApp.
 #pragma once
 
-#include "app/UIInterface.h"
+#include "engine/CoreUIInterface.h"
+
+class ConClientApp;
 
 // Thread: any, at the same time.
 class CLUI : public CoreUIInterface {
   public:
+    explicit CLUI(ConClientApp& console) : console_(console) {}
     void connected(const char* name) override;
     void disconnected() override;
     void serverStats(u32 files, u32 users) override;
@@ -19,4 +22,7 @@ class CLUI : public CoreUIInterface {
     void uploadRemoved(Upload* upload) override;
     LLsafe<Upload>* getUploads() override;
     LLsafe<Download>* getDownloads() override;
+
+  private:
+    ConClientApp& console_;
 };

@@ -11,9 +11,7 @@ template <class T>
 class KeptList : public LLsafe<T> {
   public:
     using LLsafe<T>::LLsafe;
-    ~KeptList() override {
-        while (T* object = this->first()) drop(object);
-    }
+    ~KeptList() override { dropAll(); }
 
     void keep(T* object) {  // nothing where it is there
         const i4_guard guard(*this);
@@ -28,6 +26,10 @@ class KeptList : public LLsafe<T> {
             this->removeUnsafe(object);
         }
         object->release();
+    }
+
+    void dropAll() {
+        while (T* object = this->first()) drop(object);
     }
 
   private:

@@ -4,13 +4,12 @@
 #include <initializer_list>
 #include <vector>
 
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
 #include "console/ConClientApp.h"
 #include "console/commands.h"
 #include "download/GapCounterList.h"
 #include "download/GapList.h"
 #include "download/PartialFile.h"
+#include "engine/Engine.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/HT32.h"
 #include "meta/BoolArray.h"
@@ -20,8 +19,9 @@ namespace {
 
 class Hash32Test : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        theLog->printLine(" HashTable32 test:");
+        log_.printLine(" HashTable32 test:");
         int values[4] = {};
         HT32<int> table;
         table.setSize(17);
@@ -41,8 +41,9 @@ class Hash32Test : public Test {
 
 class StrtokTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        theLog->printLine(" i4_strtok test:");
+        log_.printLine(" i4_strtok test:");
         return gives("Hello OUT THere", {"Hello", "OUT", "THere"}) &&
                gives(".)Hello(test]]]]", {"Hello", "test"}) && gives(".!!{} ____", {}) &&
                gives(longText, {longText}) && comesInPieces();
@@ -72,14 +73,15 @@ class StrtokTest : public Test {
 
 class StristrTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        theLog->printLine(" stristr test:");
+        log_.printLine(" stristr test:");
         const char* text = "Hello OUT THere";
         const char* const expected[] = {text + 10, nullptr, text + 6, text};
         const char* const needles[] = {"thERe", "dog", "out", "hello"};
         for (int i = 0; i < 4; ++i) {
             if (stristr(text, needles[i]) != expected[i]) {
-                theLog->printLine("Test %d failed", i + 1);
+                log_.printLine("Test %d failed", i + 1);
                 return false;
             }
         }
@@ -89,13 +91,15 @@ class StristrTest : public Test {
 
 class TestMeta : public Test {
   public:
+    using Test::Test;
     bool run() override { return true; }
 };
 
 class TestBoolArray : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        theLog->printLine(" BoolArray test:");
+        log_.printLine(" BoolArray test:");
         BoolArray array(10);
         array.set(0, true);
         array.set(5, true);
@@ -111,8 +115,9 @@ class TestBoolArray : public Test {
 
 class LLTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        theLog->printLine(" LL test:");
+        log_.printLine(" LL test:");
         int values[3] = {3, 1, 2};
         LL<int> list;
         LL<int>::Cursor cursor;
@@ -124,7 +129,7 @@ class LLTest : public Test {
         if (list.count() != 3 || list.getAt(0) != &values[0] || list.getAt(2) != &values[2]) return false;
         list.sort([](const int* a, const int* b) { return *a <= *b; });
         if (*list.getAt(0) != 1 || *list.getAt(1) != 2 || *list.getAt(2) != 3) return false;
-        list.shuffle();
+        list.shuffle(engine_.host.random);
         if (list.count() != 3 || !list.contains(&values[0]) || !list.contains(&values[1])) return false;
         return list.remove(&values[1]) && !list.remove(&values[1]) && list.count() == 2;
     }
@@ -143,6 +148,7 @@ bool isRuns(GapCounterList& list, std::initializer_list<GapCounter> runs) {
 
 class GapCounterListTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
         GapCounterList list;
         list.setSize(2000);
@@ -177,6 +183,7 @@ bool isGaps(const GapList& list, std::initializer_list<Gap> gaps) {
 
 class GapListTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
         GapList list;
         list.append({0, 1000});
@@ -195,6 +202,7 @@ class GapListTest : public Test {
 // Both lists in step: what is here in the one is missing in none of the other's gaps.
 class GapSyncTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
         constexpr i64 size = 100;
         GapCounterList counters;
@@ -202,9 +210,9 @@ class GapSyncTest : public Test {
         GapList gaps;
         gaps.append({0, size});
         for (int step = 0; step < 2000; ++step) {
-            const i64 start = std::rand() % (size - 1);
-            const i64 end = start + 1 + std::rand() % (size - start);
-            switch (std::rand() % 6) {
+            const i64 start = below(size - 1);
+            const i64 end = start + 1 + below(size - start);
+            switch (below(6)) {
                 case 0:
                     counters.change(start, end, 1);
                     break;
@@ -244,8 +252,10 @@ class GapSyncTest : public Test {
 // has.
 class PFTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        PartialFile file(nullptr);
+        DLProgress progress;
+        PartialFile file(engine_.downloadNeeds, progress);
         file.append({0, 1000});
         file.removeGap(200, 400);
         BoolArray parts(2);
@@ -257,43 +267,48 @@ class PFTest : public Test {
 
 class StringTableTest : public Test {
   public:
+    using Test::Test;
     bool run() override {
-        for (u32 number = 0; number < stringTable.count(); ++number) {
-            if (!stringTable.get(number)) return false;
+        const StringTable& strings = engine_.stringTable;
+        for (u32 number = 0; number < strings.count(); ++number) {
+            if (!strings.get(number)) return false;
         }
-        return stringTable.count() == 78;
+        return strings.count() == 78;
     }
 };
 
 }  // namespace
 
-void addSelfTests(LL<Test>& tests) {
-    tests.add(new Hash32Test);
-    tests.add(new StrtokTest);
-    tests.add(new StristrTest);
-    tests.add(new TestMeta);
-    tests.add(new TestBoolArray);
-    tests.add(new LLTest);
-    tests.add(new GapCounterListTest);
-    tests.add(new GapListTest);
-    tests.add(new GapSyncTest);
-    tests.add(new PFTest);
-    tests.add(new StringTableTest);
+Test::Test(Engine& engine) : engine_(engine), log_(engine.ui) {}
+i64 Test::below(i64 limit) { return engine_.host.random.below(static_cast<u32>(limit)); }
+
+void addSelfTests(LL<Test>& tests, Engine& engine) {
+    tests.add(new Hash32Test(engine));
+    tests.add(new StrtokTest(engine));
+    tests.add(new StristrTest(engine));
+    tests.add(new TestMeta(engine));
+    tests.add(new TestBoolArray(engine));
+    tests.add(new LLTest(engine));
+    tests.add(new GapCounterListTest(engine));
+    tests.add(new GapListTest(engine));
+    tests.add(new GapSyncTest(engine));
+    tests.add(new PFTest(engine));
+    tests.add(new StringTableTest(engine));
 }
 
-void runTests(Servant&, char* line) {
+void runTests(ConClientApp& console, char* line) {
     if (const std::optional<i32> number = numberArgument(line)) {
-        conClientApp.testNumber = *number;
-        theLog->printLine("Number set.");
+        console.testNumber = *number;
+        console.log().printLine("Number set.");
         return;
     }
     LL<Test> tests;
-    addSelfTests(tests);
+    addSelfTests(tests, console.engine());
     bool passed = true;
     for (LL<Test>::Cursor c; Test* test = tests.next(c);) {
         passed = test->run();
         if (!passed) break;
     }
-    theLog->printLine(passed ? "go." : "ERRORS ::::--- FIX NOW");
+    console.log().printLine(passed ? "go." : "ERRORS ::::--- FIX NOW");
     deleteAll(tests);
 }

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "app/UIInterface.h"
+#include "core/UIInterface.h"
 #include "i4min/file/output.h"
 
 namespace {
@@ -41,6 +41,11 @@ const char* restOfLine(const char* line) {
 Servant::Servant() : prompt("> "), input_(STDIN_FILENO) { consoleThread_.bind(); }
 Servant::~Servant() { deleteAll(*this); }
 
+void Servant::speakThrough(UIInterface& log, const StringTable& strings) {
+    log_ = &log;
+    strings_ = &strings;
+}
+
 void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
     add(new ServantCommand{name, handler});
 }
@@ -74,11 +79,11 @@ void Servant::dispatch(const char* line) {
     unknownCommand(whole.c_str());
 }
 
-void Servant::unknownCommand(const char*) { theLog->printLine("Unrecognized command. type ? for help\n"); }
+void Servant::unknownCommand(const char*) { log_->printLine("Unrecognized command. type ? for help\n"); }
 
 bool Servant::confirm(const char* question) {
     if (!consoleThread_.isHere()) return true;
-    theLog->printLine("%s?(y or n): ", question);
+    log_->printLine("%s?(y or n): ", question);
     char answer[answerSize];
     if (!input_.readLine(answer, sizeof answer)) return false;
     return answer[0] == 'y' || answer[0] == 'Y';

@@ -13,6 +13,8 @@
 class Meta;
 class MetaList;
 class Servant;
+class StringTable;
+class UIInterface;
 
 // A comma separates arguments just as a blank does, and a quote is no quoting: it is a separator.
 inline constexpr char consoleSeparators[] = " ,\t\n\"";
@@ -50,6 +52,9 @@ class Servant : public LL<ServantCommand> {
   public:
     Servant();
     ~Servant() override;
+    // What it prints goes to `log`, and no command runs before this. Both outlive the commands.
+    void speakThrough(UIInterface& log, const StringTable& strings);
+    UIInterface& log() const { return *log_; }
     virtual void unknownCommand(const char* line);
 
     void addCommand(const char* name, ServantCommand::Handler handler);
@@ -75,6 +80,8 @@ class Servant : public LL<ServantCommand> {
     Relaxed<u8> running{1};
 
   private:
+    UIInterface* log_ = nullptr;
+    const StringTable* strings_ = nullptr;
     ConsoleInput input_;
     ThreadBound consoleThread_;
 };

@@ -1,19 +1,25 @@
 #include "console/commands.h"
 
+#include "console/ConClientApp.h"
+#include "engine/Engine.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
 
-#include "app/UIInterface.h"
-#include "console/ConClientApp.h"
-
 namespace {
 
-void quit(Servant& servant, char*) {
-    if (servant.confirm("Are you sure you want to exit")) servant.quit();
+void quit(ConClientApp& console, char*) {
+    if (console.confirm("Are you sure you want to exit")) console.quit();
 }
 
-void nothing(Servant&, char*) {}
+void nothing(ConClientApp&, char*) {}
+
+// A command of the table as Servant calls it.
+template <void (*command)(ConClientApp&, char*)>
+void run(Servant& servant, char* line) {
+    command(static_cast<ConClientApp&>(servant), line);
+}
 
 struct Row {
     const char* name;
@@ -21,49 +27,49 @@ struct Row {
 };
 
 constexpr Row table[] = {
-    {"?", showHelp},
-    {"a", shareDirectory},
-    {"a+", shareTree},
-    {"n", addServer},
-    {"q", quit},
-    {"vr", viewResults},
-    {"vm", viewServers},
-    {"vd", viewDownloads},
-    {"vu", viewUploads},
-    {"vs", viewSharedDirectories},
-    {"vc", nothing},
-    {"vf", viewSharedFiles},
-    {"vp", viewConnections},
-    {"vq", viewQueue},
-    {"u", unshareDirectory},
-    {"b", removeServer},
-    {"c", connectToServer},
-    {"d", downloadResult},
-    {"m", changeDownload},
-    {"s", search},
-    {"xs", extendSearch},
-    {"t", nothing},
-    {"p", downloadPart},
-    {"pass", setController},
-    {"dumax", setLimits},
-    {"auto", setAutoConnect},
-    {"name", setName},
-    {"verbose", setVerbose},
-    {"port", setPort},
-    {"aport", setControllerPort},
-    {"temp", setTempDirectory},
-    {"in", setIncomingDirectory},
-    {"line", setLineSpeed},
-    {"vo", viewOptions},
-    {"g", viewServerState},
-    {"x", disconnectFromServer},
-    {"space", viewDiskSpace},
-    {"lang", setLanguage},
-    {"save", setSaveCorrupted},
-    {"asr", setRemoveServers},
-    {"mcon", setMaxConnections},
-    {"dllink", downloadLink},
-    {"test", runTests},
+    {"?", run<showHelp>},
+    {"a", run<shareDirectory>},
+    {"a+", run<shareTree>},
+    {"n", run<addServer>},
+    {"q", run<quit>},
+    {"vr", run<viewResults>},
+    {"vm", run<viewServers>},
+    {"vd", run<viewDownloads>},
+    {"vu", run<viewUploads>},
+    {"vs", run<viewSharedDirectories>},
+    {"vc", run<nothing>},
+    {"vf", run<viewSharedFiles>},
+    {"vp", run<viewConnections>},
+    {"vq", run<viewQueue>},
+    {"u", run<unshareDirectory>},
+    {"b", run<removeServer>},
+    {"c", run<connectToServer>},
+    {"d", run<downloadResult>},
+    {"m", run<changeDownload>},
+    {"s", run<search>},
+    {"xs", run<extendSearch>},
+    {"t", run<nothing>},
+    {"p", run<downloadPart>},
+    {"pass", run<setController>},
+    {"dumax", run<setLimits>},
+    {"auto", run<setAutoConnect>},
+    {"name", run<setName>},
+    {"verbose", run<setVerbose>},
+    {"port", run<setPort>},
+    {"aport", run<setControllerPort>},
+    {"temp", run<setTempDirectory>},
+    {"in", run<setIncomingDirectory>},
+    {"line", run<setLineSpeed>},
+    {"vo", run<viewOptions>},
+    {"g", run<viewServerState>},
+    {"x", run<disconnectFromServer>},
+    {"space", run<viewDiskSpace>},
+    {"lang", run<setLanguage>},
+    {"save", run<setSaveCorrupted>},
+    {"asr", run<setRemoveServers>},
+    {"mcon", run<setMaxConnections>},
+    {"dllink", run<downloadLink>},
+    {"test", run<runTests>},
 };
 
 constexpr const char* help[] = {
@@ -135,8 +141,8 @@ void addCommands(Servant& servant) {
     for (const Row& row : table) servant.addCommand(row.name, row.handler);
 }
 
-void showHelp(Servant&, char*) {
-    for (const char* line : help) theLog->printLine("%s", line);
+void showHelp(ConClientApp& console, char*) {
+    for (const char* line : help) console.log().printLine("%s", line);
 }
 
 i32 numberIn(const char* word) {

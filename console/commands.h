@@ -26,54 +26,54 @@ std::optional<u16> listPlace(std::optional<i32> number);
 // type, the last of them counting. Empty where no other word is left.
 Ref<Search> searchFor(char* line);
 
-void showHelp(Servant& servant, char* line);
+void showHelp(ConClientApp& console, char* line);
 
 // Directories.
-void shareDirectory(Servant& servant, char* line);
-void shareTree(Servant& servant, char* line);
-void unshareDirectory(Servant& servant, char* line);
+void shareDirectory(ConClientApp& console, char* line);
+void shareTree(ConClientApp& console, char* line);
+void unshareDirectory(ConClientApp& console, char* line);
 
 // Servers and searches.
-void addServer(Servant& servant, char* line);
-void removeServer(Servant& servant, char* line);
-void connectToServer(Servant& servant, char* line);
-void disconnectFromServer(Servant& servant, char* line);
-void search(Servant& servant, char* line);
-void extendSearch(Servant& servant, char* line);
+void addServer(ConClientApp& console, char* line);
+void removeServer(ConClientApp& console, char* line);
+void connectToServer(ConClientApp& console, char* line);
+void disconnectFromServer(ConClientApp& console, char* line);
+void search(ConClientApp& console, char* line);
+void extendSearch(ConClientApp& console, char* line);
 
 // Downloads.
-void downloadResult(Servant& servant, char* line);
-void downloadLink(Servant& servant, char* line);
-void downloadPart(Servant& servant, char* line);
-void changeDownload(Servant& servant, char* line);
+void downloadResult(ConClientApp& console, char* line);
+void downloadLink(ConClientApp& console, char* line);
+void downloadPart(ConClientApp& console, char* line);
+void changeDownload(ConClientApp& console, char* line);
 
 // Settings.
-void setController(Servant& servant, char* line);
-void setLimits(Servant& servant, char* line);
-void setAutoConnect(Servant& servant, char* line);
-void setName(Servant& servant, char* line);
-void setVerbose(Servant& servant, char* line);
-void setPort(Servant& servant, char* line);
-void setControllerPort(Servant& servant, char* line);
-void setTempDirectory(Servant& servant, char* line);
-void setIncomingDirectory(Servant& servant, char* line);
-void setLineSpeed(Servant& servant, char* line);
-void setLanguage(Servant& servant, char* line);
-void setSaveCorrupted(Servant& servant, char* line);
-void setRemoveServers(Servant& servant, char* line);
-void setMaxConnections(Servant& servant, char* line);
+void setController(ConClientApp& console, char* line);
+void setLimits(ConClientApp& console, char* line);
+void setAutoConnect(ConClientApp& console, char* line);
+void setName(ConClientApp& console, char* line);
+void setVerbose(ConClientApp& console, char* line);
+void setPort(ConClientApp& console, char* line);
+void setControllerPort(ConClientApp& console, char* line);
+void setTempDirectory(ConClientApp& console, char* line);
+void setIncomingDirectory(ConClientApp& console, char* line);
+void setLineSpeed(ConClientApp& console, char* line);
+void setLanguage(ConClientApp& console, char* line);
+void setSaveCorrupted(ConClientApp& console, char* line);
+void setRemoveServers(ConClientApp& console, char* line);
+void setMaxConnections(ConClientApp& console, char* line);
 
 // Views.
-void viewResults(Servant& servant, char* line);
-void viewServers(Servant& servant, char* line);
-void viewDownloads(Servant& servant, char* line);
-void viewUploads(Servant& servant, char* line);
-void viewSharedDirectories(Servant& servant, char* line);
-void viewSharedFiles(Servant& servant, char* line);
-void viewConnections(Servant& servant, char* line);
-void viewQueue(Servant& servant, char* line);
-void viewOptions(Servant& servant, char* line);
-void viewServerState(Servant& servant, char* line);
-void viewDiskSpace(Servant& servant, char* line);
+void viewResults(ConClientApp& console, char* line);
+void viewServers(ConClientApp& console, char* line);
+void viewDownloads(ConClientApp& console, char* line);
+void viewUploads(ConClientApp& console, char* line);
+void viewSharedDirectories(ConClientApp& console, char* line);
+void viewSharedFiles(ConClientApp& console, char* line);
+void viewConnections(ConClientApp& console, char* line);
+void viewQueue(ConClientApp& console, char* line);
+void viewOptions(ConClientApp& console, char* line);
+void viewServerState(ConClientApp& console, char* line);
+void viewDiskSpace(ConClientApp& console, char* line);
 
-void runTests(Servant& servant, char* line);
+void runTests(ConClientApp& console, char* line);

@@ -6,11 +6,10 @@
 #include <limits>
 #include <memory>
 
-#include "app/MessageQ.h"
-#include "app/UIInterface.h"
 #include "console/ConClientApp.h"
 #include "console/commands.h"
 #include "download/Collection.h"
+#include "engine/Engine.h"
 
 namespace {
 
@@ -25,24 +24,23 @@ std::shared_ptr<FileMeta> copyAt(FileList& list, std::optional<u16> place) {
     return nullptr;
 }
 
-Ref<Download> downloadAt(u16 place) {
-    LLsafe<Download>& downloads = conClientApp.downloads;
+Ref<Download> downloadAt(LLsafe<Download>& downloads, u16 place) {
     const i4_guard guard(downloads);
     return Ref<Download>(downloads.getAtUnsafe(place));
 }
 
 }  // namespace
 
-void downloadResult(Servant&, char* line) {
-    if (auto file = copyAt(conClientApp.results, listPlace(numberArgument(line)))) {
-        messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+void downloadResult(ConClientApp& console, char* line) {
+    if (auto file = copyAt(console.results, listPlace(numberArgument(line)))) {
+        console.engine().messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
     } else {
-        theLog->printLine("Invalid Result number\n");
+        console.log().printLine("Invalid Result number\n");
     }
 }
 
 // tnwk://|file|NAME|SIZE|HASH|; whatever stands before "|file|" is ignored.
-void downloadLink(Servant&, char* line) {
+void downloadLink(ConClientApp& console, char* line) {
     const char* fields = std::strstr(line, "|file|");
     if (!fields) return;
     char name[256];
@@ -53,58 +51,58 @@ void downloadLink(Servant&, char* line) {
         std::sscanf(fields, "|file|%255[^|]| %20[0-9]|%255[0-9a-fA-F]", name, sizeText, hashText) == 3;
     const unsigned long long size = read ? std::strtoull(sizeText, nullptr, 10) : 0;
     if (!read || errno != 0 || size > std::numeric_limits<u32>::max()) {
-        theLog->printLine("This is not a valid tnwk-link. see help screen for format required.");
+        console.log().printLine("This is not a valid tnwk-link. see help screen for format required.");
         return;
     }
     auto file = std::make_shared<FileMeta>();
     file->setName(name);
     file->setInt(TAG_SIZE, static_cast<u32>(size));
     if (!file->hash.fromText(hashText)) {
-        theLog->printLine("Invalid hash in tnwk-link.");
+        console.log().printLine("Invalid hash in tnwk-link.");
         return;
     }
-    messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    console.engine().messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
 }
 
-void downloadPart(Servant&, char* line) {
-    Collection* collection = conClientApp.selectedCollection;
+void downloadPart(ConClientApp& console, char* line) {
+    Collection* collection = console.selectedCollection;
     const std::optional<i32> number = numberArgument(line);
     if (!collection || !number) {
-        theLog->printLine("No Collection selected.\n");
+        console.log().printLine("No Collection selected.\n");
         return;
     }
     auto file = copyAt(*collection, listPlace(number));
     if (!file) {
-        theLog->printLine("Invalid Part number.\n");
+        console.log().printLine("Invalid Part number.\n");
         return;
     }
     const i4_string name(file->getName());
-    messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
-    theLog->printLine("Downloading: %s\n", orEmpty(name));
+    console.engine().messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    console.log().printLine("Downloading: %s\n", orEmpty(name));
 }
 
-void changeDownload(Servant&, char* line) {
+void changeDownload(ConClientApp& console, char* line) {
     Tokens tokens = argumentsOf(line);
     const char* number = tokens.next();
     const char* option = tokens.next();
     if (!number || !option) return;
     const i32 counted = numberIn(number);
     if (counted == 0) {
-        theLog->printLine("Invalid Download number.\n");
+        console.log().printLine("Invalid Download number.\n");
         return;
     }
     const std::optional<u16> place = listPlace(counted);
-    const Ref<Download> download = place ? downloadAt(*place) : Ref<Download>();
+    const Ref<Download> download = place ? downloadAt(console.downloads, *place) : Ref<Download>();
     if (!download) return;
     switch (option[0]) {
         case 'c':
-            messageQ.post(MESSAGE_CANCEL, download);
+            console.engine().messageQ.post(MESSAGE_CANCEL, download);
             break;
         case 'p':
-            messageQ.post(MESSAGE_PAUSE, download);
+            console.engine().messageQ.post(MESSAGE_PAUSE, download);
             break;
         case 'r':
-            messageQ.post(MESSAGE_RESUME, download);
+            console.engine().messageQ.post(MESSAGE_RESUME, download);
             break;
         case 'l':
             download->priority = 0;

@@ -1,15 +1,11 @@
 // The commands for servers and searches.
 #include <string>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
-#include "console/Servant.h"
+#include "console/ConClientApp.h"
 #include "console/commands.h"
+#include "engine/Engine.h"
 #include "meta/address.h"
 #include "server/Search.h"
-#include "server/ServerPool.h"
 
 namespace {
 
@@ -18,9 +14,8 @@ constexpr std::size_t longestSearch = 49;  // bytes
 constexpr int mostSearchTokens = 4;
 
 // The address of the server at a place of the list. Empty where there is none.
-std::optional<ServerAddress> serverAt(std::optional<u16> place) {
+std::optional<ServerAddress> serverAt(ServerList& servers, std::optional<u16> place) {
     if (!place) return std::nullopt;
-    ServerList& servers = serverPool.servers();
     const i4_guard guard(servers);
     u16 index = 0;
     for (ServerList::Cursor c; const ServerMeta* server = servers.next(c); ++index) {
@@ -31,41 +26,45 @@ std::optional<ServerAddress> serverAt(std::optional<u16> place) {
 
 }  // namespace
 
-void addServer(Servant&, char* line) {
+void addServer(ConClientApp& console, char* line) {
     Tokens tokens = argumentsOf(line);
     const char* address = tokens.next();
     const char* portText = tokens.next();
     const i32 port = portText ? numberIn(portText) : defaultServerPort;
     if (!address || port < 1 || port > 0xFFFF ||
-        !serverPool.addServer(stringToIp(address), static_cast<u16>(port))) {
-        theLog->printLine("%s", stringTable.get(STRINGS_INVALID_ARGUMENTS));
+        !console.engine().serverPool.addServer(stringToIp(address), static_cast<u16>(port))) {
+        console.log().printLine("%s", console.engine().stringTable.get(STRINGS_INVALID_ARGUMENTS));
         return;
     }
-    theLog->printLine("%s %s\n", address, stringTable.get(STRINGS_ADDED));
+    console.log().printLine("%s %s\n", address, console.engine().stringTable.get(STRINGS_ADDED));
 }
 
-void removeServer(Servant&, char* line) {
-    const std::optional<ServerAddress> address = serverAt(listPlace(numberArgument(line)));
+void removeServer(ConClientApp& console, char* line) {
+    const std::optional<ServerAddress> address =
+        serverAt(console.engine().serverPool.servers(), listPlace(numberArgument(line)));
     if (!address) {
-        theLog->printLine("Invalid server number\n");
+        console.log().printLine("Invalid server number\n");
         return;
     }
-    serverPool.removeServer(address->ip, address->port);
-    theLog->printLine("Server Removed.\n");
+    console.engine().serverPool.removeServer(address->ip, address->port);
+    console.log().printLine("Server Removed.\n");
 }
 
-void connectToServer(Servant&, char* line) {
+void connectToServer(ConClientApp& console, char* line) {
     const std::optional<i32> number = numberArgument(line);
     if (!number) {
-        messageQ.post(MESSAGE_CONNECT);
+        console.engine().messageQ.post(MESSAGE_CONNECT);
     } else if (*number == 0) {
-        theLog->printLine("Invalid server number\n");
-    } else if (const std::optional<ServerAddress> address = serverAt(listPlace(number))) {
-        messageQ.post(MESSAGE_CONNECT, *address);
+        console.log().printLine("Invalid server number\n");
+    } else if (const std::optional<ServerAddress> address =
+                   serverAt(console.engine().serverPool.servers(), listPlace(number))) {
+        console.engine().messageQ.post(MESSAGE_CONNECT, *address);
     }
 }
 
-void disconnectFromServer(Servant&, char*) { messageQ.post(MESSAGE_DISCONNECT); }
+void disconnectFromServer(ConClientApp& console, char*) {
+    console.engine().messageQ.post(MESSAGE_DISCONNECT);
+}
 
 Ref<Search> searchFor(char* line) {
     Tokens tokens = argumentsOf(line);
@@ -92,14 +91,15 @@ Ref<Search> searchFor(char* line) {
     return search;
 }
 
-void search(Servant&, char* line) {
+void search(ConClientApp& console, char* line) {
     if (Ref<Search> search = searchFor(line)) {
-        clientApp.startSearch(std::move(search));
+        console.engine().clientApp.startSearch(std::move(search));
     } else {
-        theLog->printLine("No search string.\n");
+        console.log().printLine("No search string.\n");
     }
 }
 
-void extendSearch(Servant&, char*) {
-    if (!clientApp.extendSearch()) theLog->printLine("%s", stringTable.get(STRINGS_NO_SEARCH_EXTEND));
+void extendSearch(ConClientApp& console, char*) {
+    if (!console.engine().clientApp.extendSearch())
+        console.log().printLine("%s", console.engine().stringTable.get(STRINGS_NO_SEARCH_EXTEND));
 }

@@ -3,10 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
 #include "console/ConClientApp.h"
 #include "console/commands.h"
+#include "engine/Engine.h"
 
 namespace {
 
@@ -18,13 +17,13 @@ i32 onUnlessDash(char* line) {
     return argument && argument[0] == '-' ? 0 : 1;
 }
 
-void sayInvalid() { theLog->printLine("Invalid arguments."); }
+void sayInvalid(const ConClientApp& console) { console.log().printLine("Invalid arguments."); }
 
 // A port that a command names. Empty, and said, where there is none.
-std::optional<u16> portArgument(char* line) {
+std::optional<u16> portArgument(const ConClientApp& console, char* line) {
     const std::optional<i32> number = numberArgument(line);
     if (!number || *number < 1 || *number > 0xFFFF) {
-        sayInvalid();
+        sayInvalid(console);
         return std::nullopt;
     }
     return static_cast<u16>(*number);
@@ -32,85 +31,92 @@ std::optional<u16> portArgument(char* line) {
 
 }  // namespace
 
-void setController(Servant&, char* line) {
+void setController(ConClientApp& console, char* line) {
     Tokens tokens = argumentsOf(line);
     const char* name = tokens.next();
     const char* password = tokens.next();
     const bool both = name && password;
-    preferences.setAdmin(both ? name : "", both ? password : "");
+    console.engine().preferences.setAdmin(both ? name : "", both ? password : "");
 }
 
-void setLimits(Servant&, char* line) {
+void setLimits(ConClientApp& console, char* line) {
     Tokens tokens = argumentsOf(line);
     const char* down = tokens.next();
     const char* up = tokens.next();
-    if (!down || !up) return sayInvalid();
-    preferences.setMaxUp(static_cast<f32>(std::max(0, numberIn(up))));
-    preferences.setMaxDown(static_cast<f32>(std::max(0, numberIn(down))));
-    theLog->printLine("Done.");
+    if (!down || !up) return sayInvalid(console);
+    console.engine().preferences.setMaxUp(static_cast<f32>(std::max(0, numberIn(up))));
+    console.engine().preferences.setMaxDown(static_cast<f32>(std::max(0, numberIn(down))));
+    console.log().printLine("Done.");
 }
 
-void setAutoConnect(Servant&, char* line) { preferences.autoConnect = onUnlessDash(line); }
-void setVerbose(Servant&, char* line) { theLog->verbose = static_cast<u8>(onUnlessDash(line)); }
-void setSaveCorrupted(Servant&, char* line) { preferences.saveCor = onUnlessDash(line); }
-void setRemoveServers(Servant&, char* line) { preferences.servRemove = onUnlessDash(line); }
+void setAutoConnect(ConClientApp& console, char* line) {
+    console.engine().preferences.autoConnect = onUnlessDash(line);
+    console.engine().messageQ.wake();  // it may be due
+}
+void setVerbose(ConClientApp& console, char* line) { console.log().setVerbose(onUnlessDash(line) != 0); }
+void setSaveCorrupted(ConClientApp& console, char* line) {
+    console.engine().preferences.saveCor = onUnlessDash(line);
+}
+void setRemoveServers(ConClientApp& console, char* line) {
+    console.engine().preferences.servRemove = onUnlessDash(line);
+}
 
-void setName(Servant&, char* line) {
+void setName(ConClientApp& console, char* line) {
     const char* name = firstArgument(line);
-    if (!name) return sayInvalid();
-    preferences.setName(name);
-    theLog->printLine("ok.");
+    if (!name) return sayInvalid(console);
+    console.engine().preferences.setName(name);
+    console.log().printLine("ok.");
 }
 
-void setPort(Servant&, char* line) {
-    const std::optional<u16> port = portArgument(line);
+void setPort(ConClientApp& console, char* line) {
+    const std::optional<u16> port = portArgument(console, line);
     if (!port) return;
-    preferences.setDoorPort(*port);
-    theLog->printLine("Port will change when you restart.");
+    console.engine().preferences.setDoorPort(*port);
+    console.log().printLine("Port will change when you restart.");
 }
 
-void setControllerPort(Servant&, char* line) {
-    const std::optional<u16> port = portArgument(line);
+void setControllerPort(ConClientApp& console, char* line) {
+    const std::optional<u16> port = portArgument(console, line);
     if (!port) return;
-    preferences.adminDoorPort = *port;
-    theLog->printLine("Port will change when you restart.");
+    console.engine().preferences.adminDoorPort = *port;
+    console.log().printLine("Port will change when you restart.");
 }
 
-void setTempDirectory(Servant&, char* line) {
+void setTempDirectory(ConClientApp& console, char* line) {
     const char* path = restOfLine(line);
     if (!path) return;
-    preferences.setTemp(path);
-    theLog->printLine("Temp directory is now: %s", path);
+    console.engine().preferences.setTemp(path);
+    console.log().printLine("Temp directory is now: %s", path);
 }
 
-void setIncomingDirectory(Servant&, char* line) {
+void setIncomingDirectory(ConClientApp& console, char* line) {
     const char* path = restOfLine(line);
     if (!path) return;
-    preferences.setIncoming(path);
-    theLog->printLine("Incoming directory is now: %s", path);
+    console.engine().preferences.setIncoming(path);
+    console.log().printLine("Incoming directory is now: %s", path);
 }
 
-void setLineSpeed(Servant&, char* line) {
+void setLineSpeed(ConClientApp& console, char* line) {
     const std::optional<i32> speed = numberArgument(line);
-    if (!speed) return sayInvalid();
-    preferences.lineDown = static_cast<f32>(std::max(0, *speed));
-    theLog->printLine("Done.");
+    if (!speed) return sayInvalid(console);
+    console.engine().preferences.lineDown = static_cast<f32>(std::max(0, *speed));
+    console.log().printLine("Done.");
 }
 
-void setLanguage(Servant&, char* line) {
+void setLanguage(ConClientApp& console, char* line) {
     const char* name = firstArgument(line);
-    if (!name) return sayInvalid();
-    preferences.setLanguage(name);
-    theLog->printLine("ok.");
+    if (!name) return sayInvalid(console);
+    console.engine().preferences.setLanguage(name);
+    console.log().printLine("ok.");
 }
 
-void setMaxConnections(Servant&, char* line) {
+void setMaxConnections(ConClientApp& console, char* line) {
     const char* argument = firstArgument(line);
     if (!argument) return;
     char* end = nullptr;
     errno = 0;
     const long number = std::strtol(argument, &end, 10);
     if (*end || errno != 0 || number != static_cast<i32>(number)) return;
-    preferences.maxCon = static_cast<i32>(number);
-    theLog->printLine("Done.");
+    console.engine().preferences.maxCon = static_cast<i32>(number);
+    console.log().printLine("Done.");
 }

@@ -1,8 +1,9 @@
 // Records as tables: what the views of results, files and servers rest on.
 #include <string>
 
-#include "app/UIInterface.h"
 #include "console/Servant.h"
+#include "core/StringTable.h"
+#include "core/UIInterface.h"
 #include "meta/Meta.h"
 #include "meta/MetaList.h"
 
@@ -26,13 +27,13 @@ void Servant::printHeader(const Meta* record, Keys& keys) {
     if (!record) return;
     std::string line;
     for (LL<MetaTag>::Cursor c; const MetaTag* tag = record->getTags().next(c);) {
-        const char* name = tag->displayName();
+        const char* name = strings_->nameOf(*tag);
         if (!name || !tag->name()) continue;
         keys.emplace_back(tag->name());
         line += name;
         line += '\t';
     }
-    theLog->printLine("%s", cut(std::move(line)).c_str());
+    log_->printLine("%s", cut(std::move(line)).c_str());
 }
 
 void Servant::printRow(const Meta* record, const Keys& keys, u32 index) {
@@ -43,7 +44,7 @@ void Servant::printRow(const Meta* record, const Keys& keys, u32 index) {
         line += record->printable(key.c_str(), value, sizeof value) ? value : "";
         line += '\t';
     }
-    theLog->printLine("%s", cut(std::move(line)).c_str());
+    log_->printLine("%s", cut(std::move(line)).c_str());
 }
 
 void Servant::printList(MetaList* list) {
@@ -55,5 +56,5 @@ void Servant::printList(MetaList* list) {
         if (index == 0) printHeader(record, keys);
         printRow(record, keys, index);
     }
-    if (index == 0) theLog->printLine("None.");
+    if (index == 0) log_->printLine("None.");
 }

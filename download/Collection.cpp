@@ -5,10 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
+#include "core/Core.h"
 #include "download/PartFileNamer.h"
-#include "i4min/file/file.h"
 #include "i4min/file/save_file.h"
 #include "i4min/memory/error.h"
 #include "import/ColImporter.h"
@@ -21,14 +19,15 @@ constexpr std::size_t longestName = 250;  // saving puts an ending behind it for
 
 Collection::~Collection() { deleteAll(); }
 
-LoadResult Collection::load(const char* path) {
+LoadResult Collection::load(Disk& disk, const char* path, i4_log* log) {
     deleteAll();
-    const std::unique_ptr<i4_file> file = i4_open_exact(path, I4_FILE_READ);
+    const std::unique_ptr<i4_file> file = disk.open(path, I4_FILE_READ);
     if (!file) return errno == ENOENT || errno == ENOTDIR ? LoadResult::missing : LoadResult::damaged;
     // One byte more than is taken tells a file that is too large from one that just fits.
     std::vector<u8> bytes = readBlock(*file, maxFile + 1);
     if (bytes.size() > maxFile) return LoadResult::damaged;
     i4_ram_file_class stream(bytes.data(), static_cast<u32>(bytes.size()), 0);
+    stream.setLog(log);
     return read(stream) ? LoadResult::whole : LoadResult::damaged;
 }
 
@@ -39,14 +38,14 @@ bool Collection::read(i4_file& file) {
     });
 }
 
-bool Collection::save(const char* path) {
-    return saveFile(path, [this](i4_file& file) {
+std::string Collection::save(Disk& disk, const char* path) {
+    return saveFile(disk, path, [this](i4_file& file) {
         if (file.write(collectionMagic.data(), collectionMagic.size()) != i32{collectionMagic.size()})
             return false;
         try {
             return self.toDisk(file) && toDisk(file);
         } catch (const i4_err&) {
-            theLog->printVerbose("**I4 error in Collection::save\n");
+            core_.log.printVerbose("**I4 error in Collection::save\n");
             return false;
         }
     });
@@ -55,15 +54,17 @@ bool Collection::save(const char* path) {
 bool Collection::store() {
     const i4_string name = safeFileName(self.getName(), longestName);
     const std::string path =
-        std::string(preferences.incomingDir().view()) + preferences.pathSeparator + name.c_str();
+        std::string(core_.preferences.incomingDir().view()) + core_.preferences.pathSeparator + name.c_str();
     self.setText(TAG_TYPE, "Col");
     u64 size = 0;
     MD4Hash hash;
     std::vector<MD4Hash> parts;
-    if (!save(path.c_str()) ||
-        MD4Hash::computeFile(hash, path.c_str(), parts, {}, &size) != HashOutcome::whole) {
+    Disk& disk = core_.host.disk;
+    if (const std::string reason = save(disk, path.c_str()); !reason.empty()) {
+        core_.log.printLine("Couldn't save %s: %s", path.c_str(), reason.c_str());
         return false;
     }
+    if (MD4Hash::computeFile(hash, disk, path.c_str(), parts, {}, &size) != HashOutcome::whole) return false;
     self.setInt(TAG_SIZE, static_cast<u32>(size));
     self.setPath(path.c_str());
     self.hash = hash;
@@ -71,9 +72,9 @@ bool Collection::store() {
     return true;
 }
 
-void Collection::fetchAll(MessageQ& queue) {
+void Collection::fetchAll() {
     const i4_guard guard(*this);
     for (Cursor c; const FileMeta* member = next(c);) {
-        queue.post(MESSAGE_DOWNLOAD, std::shared_ptr<FileMeta>(copyOf(*member)));
+        core_.messages.post(MESSAGE_DOWNLOAD, std::shared_ptr<FileMeta>(copyOf(*member)));
     }
 }

@@ -1,8 +1,9 @@
 // Collection, a file that lists other files.
 #pragma once
 
-#include "app/MessageQ.h"
 #include "meta/FileList.h"
+
+struct Core;
 
 // The members of one collection, and its own record. Shared like any other file, and known by its first
 // bytes.
@@ -20,13 +21,12 @@ class Collection : public FileList {
   public:
     static constexpr u32 maxFile = 32 * 1024 * 1024;  // a larger file isn't loaded
 
-    using FileList::FileList;
+    explicit Collection(Core& core) : core_(core) {}
     ~Collection() override;
 
     // Instead of what was here. Paths are taken exactly as they stand.
-    LoadResult load(const char* path) override;
-    // Through saveFile: on a failure, which is told, the old file stays.
-    bool save(const char* path) override;
+    LoadResult load(Disk& disk, const char* path, i4_log* log = nullptr) override;
+    [[nodiscard]] std::string save(Disk& disk, const char* path) override;
     // The same from the bytes of a file: false if they don't read whole. What was read stays.
     bool read(i4_file& file);
 
@@ -35,7 +35,10 @@ class Collection : public FileList {
     // before. False if it can't be saved or read again.
     bool store();
     // Asks for each member to be downloaded.
-    void fetchAll(MessageQ& queue = messageQ);
+    void fetchAll();
 
     FileMeta self;
+
+  private:
+    Core& core_;
 };

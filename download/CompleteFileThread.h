@@ -4,15 +4,16 @@
 
 #include "i4min/threads/linux/Thread.h"
 
-class Download;
+class DownloadBody;
 
-// Runs once. Borrows: its Download, which owns it and joins it before it goes.
+// Runs once. Borrows: its download, which owns it and joins it before it goes.
 class CompleteFileThread : public Thread {
   public:
-    explicit CompleteFileThread(Download& download) : download_(download) {}
+    CompleteFileThread(Scheduler& scheduler, DownloadBody& download)
+        : Thread(scheduler), download_(download) {}
     ~CompleteFileThread() override;
-    void run() override;
+    Rest run() override;
 
   private:
-    Download& download_;
+    DownloadBody& download_;
 };

@@ -3,30 +3,27 @@
 #include <algorithm>
 #include <vector>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
 #include "download/PartialList.h"
-#include "i4min/file/filesystem.h"
 #include "peer/Peer.h"
 #include "peer/RemoteQueueList.h"
 
 namespace {
 
-constexpr u32 turn = 100;               // ms
+constexpr i64 tickEvery = 100;          // ms
 constexpr i32 saveEvery = 300'000;      // ms
 constexpr i32 checkDiskEvery = 60'000;  // ms
 constexpr i32 sourcePacing = 500;       // ms
 constexpr u32 idleLimit = 120'000;      // ms after which a silent Peer is closed
 constexpr f32 leastThreshold = 0.5F;    // KB/s
 
-void sayAbout(u32 number, const FileMeta& file) {
-    theLog->printLine("%s %s.", stringTable.get(number), orEmpty(file.getName()));
-}
-
 }  // namespace
+
+DLPool::DLPool(const DownloadNeeds& needs)
+    : Thread(needs.core.host.scheduler), needs_(needs), clock_(needs.core.host.clock) {}
+
+void DLPool::sayAbout(u32 number, const FileMeta& file) {
+    needs_.core.log.printLine("%s %s.", needs_.core.strings.get(number), orEmpty(file.getName()));
+}
 
 DLPool::~DLPool() {
     stop();
@@ -34,7 +31,7 @@ DLPool::~DLPool() {
 }
 
 void DLPool::start() {
-    lastTick_.get();
+    lastTick_ = clock_.now();
     measureFreeSpace();
     Thread::start();
 }
@@ -55,12 +52,30 @@ bool DLPool::byPriority(Operation operation) {
     return false;
 }
 
-void DLPool::run() {
-    const i4_time now;
-    const i32 elapsed = now.diff(lastTick_);
-    lastTick_ = now;
+Rest DLPool::run() {
+    const i32 elapsed = msBetween(lastTick_, clock_.now());
+    lastTick_ = later(lastTick_, elapsed);
     tick(elapsed);
-    sleepFor(turn);
+    return untilDue();
+}
+
+// A download that has something to do ticks; otherwise the disk, the saves and idle peers have their times.
+Rest DLPool::untilDue() {
+    i64 due = Rest::unlimited;
+    {
+        const i4_guard guard(downloads_);
+        for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+            if (download->wantsTicks()) return Rest::atMost(tickEvery);
+            due = std::min(diskTimer_, saveTimer_);
+        }
+    }
+    const i4_guard guard(needs_.peers);
+    for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.next(c);) {
+        if (peer->isClosing()) continue;
+        const u32 idle = peer->idle;
+        due = std::min<i64>(due, idle > idleLimit ? 0 : idleLimit + 1 - idle);
+    }
+    return due == Rest::unlimited ? Rest::untilWoken() : Rest::atMost(due);
 }
 
 void DLPool::tick(i32 elapsed) {
@@ -68,8 +83,8 @@ void DLPool::tick(i32 elapsed) {
     sinceStart_ = std::min(sinceStart_ + elapsed, sourcePacing);
     updateCanStart();
     const f32 total = tickDownloads(elapsed);
-    preferences.curDownSpeed = total;
-    if (total > preferences.maxDownSpeed) preferences.maxDownSpeed = total;
+    needs_.core.preferences.curDownSpeed = total;
+    if (total > needs_.core.preferences.maxDownSpeed) needs_.core.preferences.maxDownSpeed = total;
     closeIdlePeers(elapsed);
     diskTimer_ -= elapsed;
     if (diskTimer_ < 1) {
@@ -96,8 +111,8 @@ f32 DLPool::tickDownloads(i32 elapsedMs) {
 }
 
 void DLPool::closeIdlePeers(i32 elapsedMs) {
-    const i4_guard guard(peers);
-    for (LL<Peer>::Cursor c; Peer* peer = peers.next(c);) {
+    const i4_guard guard(needs_.peers);
+    for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.next(c);) {
         peer->idle.add(static_cast<u32>(elapsedMs));
         if (peer->idle > idleLimit) peer->close();
     }
@@ -106,11 +121,12 @@ void DLPool::closeIdlePeers(i32 elapsedMs) {
 // Whether the line has room for a further source: with a second transfer under way, only while a tenth of it
 // is idle.
 void DLPool::updateCanStart() {
-    const f32 limit = preferences.userMaxDownF != 0
-                          ? preferences.userMaxDownF.get()
-                          : std::max(preferences.maxDownSpeed.get(), preferences.lineDown.get());
+    const f32 limit =
+        needs_.core.preferences.userMaxDownF != 0
+            ? needs_.core.preferences.userMaxDownF.get()
+            : std::max(needs_.core.preferences.maxDownSpeed.get(), needs_.core.preferences.lineDown.get());
     const f32 threshold = std::max(limit / 10, leastThreshold);
-    const bool room = transferCount <= 1 || limit - preferences.curDownSpeed > threshold;
+    const bool room = transferCount_ <= 1 || limit - needs_.core.preferences.curDownSpeed > threshold;
     canStart_ = room && sinceStart_ >= sourcePacing ? 1 : 0;
 }
 
@@ -120,41 +136,48 @@ void DLPool::sourceStarted() {
 }
 
 void DLPool::saveDownloads() {
-    theLog->printVerbose("Saving downloads.\n");
-    PartialList& partials = clientApp.partials();
-    partials.deleteAll();
+    needs_.core.log.printVerbose("Saving downloads.\n");
+    PartialList partials(needs_.core);
     std::vector<Ref<PartialFile>> saved;
     forEach([&](Download& download) {
         saved.push_back(download.partialRef());
-        saved.back()->saveToList(partials, download.priority, download.isPaused());
+        if (auto record = saved.back()->makeRecord(download.priority, download.isPaused())) {
+            partials.add(record.release());
+        }
     });
-    partials.saveToDir(preferences.tempDir().c_str());
+    partials.saveToDir(needs_.core.preferences.tempDir().c_str());
     // A download that ended while its record was on its way to the disk must not come back at the next start.
     for (const Ref<PartialFile>& partial : saved) partial->dropStaleMeta();
 }
 
 void DLPool::measureFreeSpace() {
-    freeSpace_ = std::min(i4_disk_free(preferences.tempDir().c_str()),
-                          i4_disk_free(preferences.incomingDir().c_str()));
+    Disk& disk = needs_.core.host.disk;
+    freeSpace_ = std::min(disk.freeSpace(needs_.core.preferences.tempDir().c_str()),
+                          disk.freeSpace(needs_.core.preferences.incomingDir().c_str()));
 }
 
 void DLPool::add(const FileMeta& meta) {
     if (findByRecord(meta.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, meta);
-    if (clientApp.shared.find(meta.hash)) return sayAbout(STRINGS_ALREADY_HAVE, meta);
-    theLog->printLine("%s: %s", stringTable.get(STRINGS_DOWNLOADING), orEmpty(meta.getName()));
+    if (needs_.library.shared().find(meta.hash)) return sayAbout(STRINGS_ALREADY_HAVE, meta);
+    needs_.core.log.printLine("%s: %s", needs_.core.strings.get(STRINGS_DOWNLOADING),
+                              orEmpty(meta.getName()));
     FileMeta record;
     record.copyFrom(&meta);
-    Ref<Download> download(new Download);
+    Ref<Download> download(new Download(needs_, *this));
+    measureFreeSpace();
     if (download->create(record)) enter(std::move(download));
     checkDisk();
 }
 
-void DLPool::loadDownload(const FileMeta& record) {
-    if (findByRecord(record.hash) || isDataFileInUse(record))
-        return sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
-    Ref<Download> download(new Download);
-    download->load(record);
-    enter(std::move(download));
+Ref<Download> DLPool::loadDownload(const FileMeta& record) {
+    if (findByRecord(record.hash) || isDataFileInUse(record)) {
+        sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
+        return {};
+    }
+    Ref<Download> download(new Download(needs_, *this));
+    const bool wantsVerifying = download->load(record);
+    enter(download);
+    return wantsVerifying ? download : Ref<Download>();
 }
 
 void DLPool::enter(Ref<Download> download) {
@@ -163,6 +186,7 @@ void DLPool::enter(Ref<Download> download) {
     byRecord_.emplace(partial.getHash(), download.get());
     dataFiles_.emplace(partial.tempFileName().view());
     downloads_.addUnsafe(download.detach());
+    wake();
 }
 
 Ref<Download> DLPool::takeOut(Download* download) {
@@ -197,11 +221,11 @@ void DLPool::remove(const Ref<Download>& download) {
         const i4_guard guard(downloads_);
         if (!takeOut(download.get())) return;  // cancelled twice
     }
-    theUI->downloadRemoved(download.get());
-    messageQ.post(MESSAGE_CHECK_DISK);
+    needs_.ui.downloadRemoved(download.get());
+    needs_.core.messages.post(MESSAGE_CHECK_DISK);
 }
 
-void DLPool::stopAll() {
+void DLPool::stopAll(PartialList& saved) {
     for (;;) {
         Ref<Download> download;
         {
@@ -209,7 +233,7 @@ void DLPool::stopAll() {
             download = takeOut(downloads_.firstUnsafe());
         }
         if (!download) return;
-        download->stop();
+        if (auto record = download->stop()) saved.add(record.release());
     }
 }
 
@@ -243,7 +267,7 @@ void DLPool::slotGranted(Peer& peer) {
         taken = byPriority([&](Download& download) { return download.offerSlot(peer); }) ||
                 byPriority([&](Download& download) { return download.usesSlot(peer); });
     }
-    if (!taken) remoteQueueList.release(peer);
+    if (!taken) needs_.queues.release(peer);
 }
 
 void DLPool::slotEnded(Peer& peer) {
@@ -254,6 +278,7 @@ void DLPool::slotEnded(Peer& peer) {
 }
 
 void DLPool::peerConnected(Peer& peer) {
+    wake();  // it may become idle
     forEach([&](Download& download) { download.peerConnected(peer); });
 }
 

@@ -9,30 +9,31 @@
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/threads/linux/Thread.h"
-#include "i4min/threads/linux/i4_time.h"
 
+class PartialList;
 class Peer;
 class UserMeta;
 
 // Thread: any; each operation takes the list's lock but for those that say otherwise. Lock order: the list,
 // then Download's lock, then the lists inside.
 // Owns: one reference on each Download.
-class DLPool : public Thread {
+class DLPool : public Thread, public DownloadOwner {
   public:
-    DLPool() = default;
+    explicit DLPool(const DownloadNeeds& needs);
     ~DLPool() override;
     void start() override;
-    void run() override;
+    Rest run() override;
     void tick(i32 elapsedMs);  // the work of one turn. Thread: its own; no lock
 
-    void add(const FileMeta& meta);             // message 10: starts a download, or tells why not
-    void loadDownload(const FileMeta& record);  // one found at start
+    void add(const FileMeta& meta);  // message 10: starts a download, or tells why not
+    // One found at start; empty where there is nothing to verify.
+    Ref<Download> loadDownload(const FileMeta& record);
     // One whose file is set up; one that is still being verified isn't found.
     Ref<Download> find(const MD4Hash& hash);
     // Also one that is still being verified, or couldn't be loaded.
     Ref<Download> findByRecord(const MD4Hash& hash);
     void remove(const Ref<Download>& download);  // message 11
-    void stopAll();                              // at shut-down
+    void stopAll(PartialList& saved);            // at shut-down
     void republish();
     // Fits the downloads into the space that was free at the last look, those of high priority first: what
     // doesn't fit stops. The result is the bytes that those which run still need.
@@ -49,10 +50,11 @@ class DLPool : public Thread {
     LLsafe<Download>& getDownloads() RETURN_CAPABILITY(downloads_) { return downloads_; }
 
     // A source was just tried: none other is for half a second. No lock.
-    void sourceStarted();
-    bool canStart() const { return canStart_ != 0; }
-    // The number of sources that transfer now. No lock.
-    Relaxed<i32> transferCount{0};
+    void sourceStarted() override;
+    bool canStart() const override { return canStart_ != 0; }
+    void transferStarted() override { transferCount_.add(1); }
+    void transferEnded() override { transferCount_.add(-1); }
+    void ticksWanted() override { wake(); }
 
   private:
     bool isDataFileInUse(const FileMeta& record);
@@ -69,8 +71,13 @@ class DLPool : public Thread {
     void closeIdlePeers(i32 elapsedMs);
     void saveDownloads();
     void measureFreeSpace();
+    Rest untilDue();
 
-    i4_time lastTick_;
+    void sayAbout(u32 number, const FileMeta& file);
+
+    const DownloadNeeds& needs_;
+    const Clock& clock_;
+    Moment lastTick_;
     LLsafe<Download> downloads_{LockRank::downloads};                         // in the order of adding
     std::unordered_map<MD4Hash, Download*> byRecord_ GUARDED_BY(downloads_);  // by their records' hashes
     std::unordered_set<std::string> dataFiles_ GUARDED_BY(downloads_);        // by their bare names
@@ -78,7 +85,6 @@ class DLPool : public Thread {
     i32 diskTimer_ = 60'000;                                                  // ms
     Relaxed<i32> sinceStart_{500};  // ms since a source was last tried
     Relaxed<u8> canStart_{1};
-    Relaxed<u64> freeSpace_{0};  // bytes, the smaller of the temp and the incoming file system
+    Relaxed<i32> transferCount_{0};  // of sources
+    Relaxed<u64> freeSpace_{0};      // bytes, the smaller of the temp and the incoming file system
 };
-
-extern DLPool dlPool;

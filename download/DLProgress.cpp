@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "app/Preferences.h"
 #include "download/PartialFile.h"
+#include "i4min/memory/Random.h"
 
 namespace {
 
@@ -13,7 +13,7 @@ bool rarerFirst(const GapCounter* a, const GapCounter* b) { return a->count <= b
 
 DLProgress::~DLProgress() { deleteAll(partList_); }
 
-void DLProgress::setup(PartialFile& partial) {
+void DLProgress::setup(PartialFile& partial, Random& random) {
     reset();
     deleteAll(partList_);
     GapList here;
@@ -27,7 +27,7 @@ void DLProgress::setup(PartialFile& partial) {
         if (partial.overlaps(start, start + PARTSIZE) || !partial.isVerified(static_cast<u32>(part)))
             partList_.add(new GapCounter(start, start + PARTSIZE, 0));
     }
-    partList_.shuffle();
+    partList_.shuffle(random);
 }
 
 void DLProgress::addParts(const BoolArray* parts) {
@@ -51,11 +51,11 @@ void DLProgress::changeParts(const BoolArray& parts, i32 delta) {
     if (changed) partList_.sort(rarerFirst);
 }
 
-bool DLProgress::pickChunk(const BoolArray* parts, u32& start, u32& end) {
+bool DLProgress::pickChunk(const BoolArray* parts, i64 most, u32& start, u32& end) {
     if (!parts) return false;
     for (LL<GapCounter>::Cursor c; const GapCounter* part = partList_.next(c);) {
         if (!parts->get(static_cast<i32>(part->start / PARTSIZE))) continue;
-        if (findFree(part->start, part->end, start, end)) {
+        if (findFree(part->start, part->end, most, start, end)) {
             addRequested(start, end);
             return true;
         }
@@ -63,7 +63,7 @@ bool DLProgress::pickChunk(const BoolArray* parts, u32& start, u32& end) {
     return false;
 }
 
-bool DLProgress::findFree(i64 partStart, i64 partEnd, u32& start, u32& end) {
+bool DLProgress::findFree(i64 partStart, i64 partEnd, i64 most, u32& start, u32& end) {
     const i4_guard guard(*this);
     Cursor c;
     if (!findRun(partStart, c)) return false;
@@ -71,7 +71,7 @@ bool DLProgress::findFree(i64 partStart, i64 partEnd, u32& start, u32& end) {
         if (run->start >= partEnd) return false;
         if (run->count >= countRequested) continue;
         const i64 from = std::max(partStart, run->start);
-        const i64 to = std::min({partEnd, run->end, from + preferences.pSize});
+        const i64 to = std::min({partEnd, run->end, from + most});
         if (from >= to) continue;
         start = static_cast<u32>(from);
         end = static_cast<u32>(to);

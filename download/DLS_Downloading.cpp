@@ -5,14 +5,8 @@
 #include <numeric>
 #include <utility>
 
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
-#include "download/DLPool.h"
-#include "download/DLS_States.h"
-#include "download/Download.h"
+#include "download/DownloadBody.h"
 #include "download/FileSourceState.h"
-#include "peer/Peer.h"
-#include "server/ServerPool.h"
 
 namespace {
 
@@ -27,9 +21,9 @@ constexpr u32 mostSources = 900;
 
 }  // namespace
 
-DLS_Downloading::DLS_Downloading(Download& owner)
+DLS_Downloading::DLS_Downloading(DownloadBody& owner)
     : DownloadState(owner, DL_STATUS_LOOKING), lastTransferred_(owner.partial().transferred()) {
-    serverPool.listSourceServers(servers_);
+    download.needs.servers.listSourceServers(servers_);
 }
 
 DLS_Downloading::~DLS_Downloading() { deleteAll(sources_); }
@@ -95,7 +89,7 @@ void DLS_Downloading::refreshServers(i32 elapsedMs) {
         server.timer = std::min(server.timer + elapsedMs, 2 * ServerAsk::pause);
     serverListAge_ += elapsedMs;
     if (serverListAge_ > serverListEvery) listServersAnew();
-    const ServerAddress current = serverPool.currentAddress();
+    const ServerAddress current = download.needs.servers.currentAddress();
     if (current.ip == 0) return;
     const auto isCurrent = [&](const ServerAsk& server) { return server.address == current; };
     if (std::none_of(servers_.begin(), servers_.end(), isCurrent)) {
@@ -109,7 +103,7 @@ void DLS_Downloading::listServersAnew() {
     for (const ServerAsk& server : servers_)
         timers.emplace(std::pair(server.address.ip, server.address.port), server.timer);
     servers_.clear();
-    serverPool.listSourceServers(servers_);
+    download.needs.servers.listSourceServers(servers_);
     for (ServerAsk& server : servers_) {
         const auto old = timers.find({server.address.ip, server.address.port});
         if (old != timers.end()) server.timer = old->second;
@@ -117,21 +111,25 @@ void DLS_Downloading::listServersAnew() {
 }
 
 void DLS_Downloading::startMore() {
-    if (!dlPool.canStart()) return;
-    const i64 small = static_cast<i64>(smallFileChunks) * preferences.pSize;
+    if (!download.owner.canStart()) return;
+    const i64 small = static_cast<i64>(smallFileChunks) * download.needs.core.preferences.pSize;
     if (download.partial().fileSize() <= small && download.speed >= smallFileSpeed) return;
-    if (untilTrue([](FileSourceState& state) { return state.tryConnect(); })) return dlPool.sourceStarted();
-    if (!serverPool.isOnline()) return;
+    if (untilTrue([](FileSourceState& state) { return state.tryConnect(); })) {
+        return download.owner.sourceStarted();
+    }
+    if (!download.needs.servers.isOnline()) return;
     for (ServerAsk& server : servers_) {
-        if (server.ask(download.partial().getHash())) return;
+        if (server.timer <= ServerAsk::pause) continue;
+        if (!download.needs.servers.findSources(server.address, download.partial().getHash())) continue;
+        server.timer = 0;
+        return;
     }
 }
 
 void DLS_Downloading::pause() {
     forEachSource([](FileSourceState& state) { state.pause(); });
-    messageQ.post(MESSAGE_CHECK_DISK);
-    download.stateLock().assertHeld();
-    download.setState(std::make_unique<DLS_Paused>(download));
+    download.needs.core.messages.post(MESSAGE_CHECK_DISK);
+    download.become(Stage::paused);
 }
 
 void DLS_Downloading::cancel() {
@@ -141,8 +139,7 @@ void DLS_Downloading::cancel() {
 
 void DLS_Downloading::diskFull() {
     forEachSource([](FileSourceState& state) { state.diskFull(); });
-    download.stateLock().assertHeld();
-    download.setState(std::make_unique<DLS_DiskFull>(download));
+    download.become(Stage::diskFull);
 }
 
 void DLS_Downloading::stop() {
@@ -166,10 +163,9 @@ void DLS_Downloading::gotData(i4_ram_file_class& packet, Peer& peer) {
 
 void DLS_Downloading::finish() {
     forEachSource([](FileSourceState& state) { state.complete(); });
-    Download& owner = download;
-    owner.stateLock().assertHeld();
-    owner.setState(std::make_unique<DLS_Done>(owner, DL_STATUS_COMPLETING));
-    owner.completer().start();
+    DownloadBody& body = download;
+    body.become(Stage::completing);
+    body.startCompleter();
 }
 
 void DLS_Downloading::addSource(const UserMeta& user) {
@@ -178,7 +174,7 @@ void DLS_Downloading::addSource(const UserMeta& user) {
         if (source->sameUser(user) || ++count == mostSources) return;
     }
     sources_.addFront(new FileSource(user, download));
-    sources_.shuffle();
+    sources_.shuffle(download.needs.core.host.random);
 }
 
 void DLS_Downloading::peerConnected(Peer& peer) {

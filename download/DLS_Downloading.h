@@ -13,11 +13,12 @@
 // Owns: its sources and its list of servers to ask.
 class DLS_Downloading : public DownloadState {
   public:
-    explicit DLS_Downloading(Download& owner);
+    explicit DLS_Downloading(DownloadBody& owner);
     ~DLS_Downloading() override;
 
     u32 diskNeeded() override { return bytesToFill(); }
     LL<FileSource>* getSources() override { return &sources_; }
+    bool wantsTicks() override { return true; }
     void tick(i32 elapsedMs) override;
     void pause() override;
     void cancel() override;

@@ -1,26 +1,18 @@
 #include "download/DLS_States.h"
 
-#include "app/MessageQ.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
-#include "download/DLPool.h"
-#include "download/DLS_Downloading.h"
-#include "download/Download.h"
+#include "download/DownloadBody.h"
 
 namespace {
 
 constexpr i32 retryWithoutSources = 1'200'000;  // ms
 
-template <class State>
-void change(Download& download) {
-    download.stateLock().assertHeld();
-    download.setState(std::make_unique<State>(download));
+void refuseCancel(DownloadBody& download) {
+    const Core& core = download.needs.core;
+    core.log.printLine("%s", core.strings.get(STRINGS_CANT_CANCEL_HASH));
+    download.show();
 }
 
-void refuseCancel(Download& download) {
-    theLog->printLine("%s", stringTable.get(STRINGS_CANT_CANCEL_HASH));
-    theUI->downloadAdded(&download);
-}
+void checkDisk(const DownloadBody& download) { download.needs.core.messages.post(MESSAGE_CHECK_DISK); }
 
 }  // namespace
 
@@ -31,51 +23,48 @@ u32 DownloadState::bytesToFill() {
 
 void DownloadState::cancel() {
     download.partial().cancel();
-    messageQ.post(MESSAGE_DOWNLOAD_GONE, Ref<Download>(&download));
+    download.leavePool();
 }
 
 void DLS_Queued::tick(i32 elapsedMs) {
-    if (!dlPool.canStart() && !download.partial().isEmpty()) return;
-    Download& owner = download;
-    owner.stateLock().assertHeld();
-    change<DLS_Downloading>(owner);
-    owner.state().tick(elapsedMs);
+    if (!download.owner.canStart() && !download.partial().isEmpty()) return;
+    download.become(Stage::downloading).tick(elapsedMs);
 }
 
-void DLS_Queued::pause() { change<DLS_Paused>(download); }
+void DLS_Queued::pause() { download.become(Stage::paused); }
 
-DLS_Paused::DLS_Paused(Download& owner) : DownloadState(owner, DL_STATUS_PAUSED) { owner.speed = 0; }
+DLS_Paused::DLS_Paused(DownloadBody& owner) : DownloadState(owner, DL_STATUS_PAUSED) { owner.speed = 0; }
 
 void DLS_Paused::resume() {
-    messageQ.post(MESSAGE_CHECK_DISK);
-    change<DLS_Queued>(download);
+    checkDisk(download);
+    download.become(Stage::queued);
 }
 
-void DLS_DiskFull::pause() { change<DLS_Paused>(download); }
+void DLS_DiskFull::pause() { download.become(Stage::paused); }
 
 u32 DLS_DiskFull::diskFreed() {
     const u32 bytes = bytesToFill();
-    change<DLS_Queued>(download);
+    download.become(Stage::queued);
     return bytes;
 }
 
 void DLS_NoSources::tick(i32 elapsedMs) {
     idle_ += elapsedMs;
-    if (idle_ > retryWithoutSources) change<DLS_Queued>(download);
+    if (idle_ > retryWithoutSources) download.become(Stage::queued);
 }
 
-void DLS_NoSources::pause() { change<DLS_Paused>(download); }
+void DLS_NoSources::pause() { download.become(Stage::paused); }
 
-DLS_Done::DLS_Done(Download& owner, i32 statusNumber) : DownloadState(owner, statusNumber) {
+DLS_Done::DLS_Done(DownloadBody& owner, i32 statusNumber) : DownloadState(owner, statusNumber) {
     owner.speed = 0;
 }
 
 void DLS_Hashing::cancel() { refuseCancel(download); }
 
 void DLS_Hashing::hashDone() {
-    messageQ.post(MESSAGE_CHECK_DISK);
-    change<DLS_Queued>(download);
+    checkDisk(download);
+    download.become(Stage::queued);
 }
 
 void DLS_PausedHashing::cancel() { refuseCancel(download); }
-void DLS_PausedHashing::hashDone() { change<DLS_Paused>(download); }
+void DLS_PausedHashing::hashDone() { download.become(Stage::paused); }

@@ -24,28 +24,30 @@
 
 class DLS_Queued : public DownloadState {
   public:
-    explicit DLS_Queued(Download& owner) : DownloadState(owner, DL_STATUS_QUEUED) {}
+    explicit DLS_Queued(DownloadBody& owner) : DownloadState(owner, DL_STATUS_QUEUED) {}
+    bool wantsTicks() override { return true; }
     void tick(i32 elapsedMs) override;
     void pause() override;
 };
 
 class DLS_Paused : public DownloadState {
   public:
-    explicit DLS_Paused(Download& owner);
+    explicit DLS_Paused(DownloadBody& owner);
     bool isPaused() override { return true; }
     void resume() override;
 };
 
 class DLS_DiskFull : public DownloadState {
   public:
-    explicit DLS_DiskFull(Download& owner) : DownloadState(owner, DL_STATUS_DISKFULL) {}
+    explicit DLS_DiskFull(DownloadBody& owner) : DownloadState(owner, DL_STATUS_DISKFULL) {}
     void pause() override;
     u32 diskFreed() override;
 };
 
 class DLS_NoSources : public DownloadState {
   public:
-    explicit DLS_NoSources(Download& owner) : DownloadState(owner, DL_STATUS_NOSOURCES) {}
+    explicit DLS_NoSources(DownloadBody& owner) : DownloadState(owner, DL_STATUS_NOSOURCES) {}
+    bool wantsTicks() override { return true; }
     void tick(i32 elapsedMs) override;
     void pause() override;
 
@@ -56,20 +58,20 @@ class DLS_NoSources : public DownloadState {
 // The end of a download, or its failure: status 9 to 13.
 class DLS_Done : public DownloadState {
   public:
-    DLS_Done(Download& owner, i32 statusNumber);
+    DLS_Done(DownloadBody& owner, i32 statusNumber);
     void cancel() override {}
 };
 
 class DLS_Hashing : public DownloadState {
   public:
-    explicit DLS_Hashing(Download& owner) : DownloadState(owner, DL_STATUS_HASHING) {}
+    explicit DLS_Hashing(DownloadBody& owner) : DownloadState(owner, DL_STATUS_HASHING) {}
     void cancel() override;  // refused
     void hashDone() override;
 };
 
 class DLS_PausedHashing : public DownloadState {
   public:
-    explicit DLS_PausedHashing(Download& owner) : DownloadState(owner, DL_STATUS_HASHING) {}
+    explicit DLS_PausedHashing(DownloadBody& owner) : DownloadState(owner, DL_STATUS_HASHING) {}
     void cancel() override;  // refused
     void hashDone() override;
 };

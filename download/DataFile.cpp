@@ -1,13 +1,11 @@
 #include "download/DataFile.h"
 
-#include <sys/uio.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 
-#include "app/UIInterface.h"
+#include "core/UIInterface.h"
 
 namespace {
 
@@ -15,11 +13,11 @@ constexpr std::size_t mostPieces = 16;
 
 }  // namespace
 
-bool DataFile::open(const i4_string& path, u32 flags) {
+bool DataFile::open(Disk& disk, const i4_string& path, u32 flags) {
     close();
     i4_lock guard(lock_);
     path_ = path;
-    file_ = i4_open_exact(path.c_str(), flags);
+    file_ = disk.open(path.c_str(), flags);
     return isOpen();
 }
 
@@ -50,22 +48,20 @@ void DataFile::flushRange(u64 start, u64 end) {
 
 void DataFile::writeUpTo(u64 stop) {
     if (stop <= start_) return;
-    std::array<iovec, mostPieces> vectors{};
+    std::array<i4_piece, mostPieces> pieces{};
     std::size_t count = 0;
     u64 at = start_;
     for (; at < stop; ++count) {
         const Piece& piece = waiting_[count];
         const std::size_t length = std::min<u64>(piece.length, stop - at);
-        vectors[count] = {const_cast<u8*>(piece.bytes.get()), length};
+        pieces[count] = {piece.bytes.get(), length};
         at += length;
     }
-    const ssize_t written =
-        ::pwritev(file_->descriptor(), vectors.data(), static_cast<int>(count), static_cast<off_t>(start_));
-    sayFailure(written, stop - start_);
+    sayFailure(file_->writeAt(start_, {pieces.data(), count}), stop - start_);
     start_ = stop;
     // Of the last piece, some may lie behind.
     Piece& last = waiting_[count - 1];
-    const u32 taken = static_cast<u32>(vectors[count - 1].iov_len);
+    const u32 taken = static_cast<u32>(pieces[count - 1].length);
     if (taken < last.length) {
         last = {{last.bytes, last.bytes.get() + taken}, last.length - taken};
         --count;
@@ -77,8 +73,8 @@ void DataFile::sayFailure(i64 written, u64 wanted) {
     const int error = written < 0 ? errno : ENOSPC;
     const bool failed = written != static_cast<i64>(wanted);
     if (failed && !failed_) {
-        theLog->printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(std::max<i64>(0, written)),
-                          static_cast<i32>(wanted), path_.c_str(), std::strerror(error));
+        log_.printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(std::max<i64>(0, written)),
+                       static_cast<i32>(wanted), path_.c_str(), std::strerror(error));
     }
     failed_ = failed;
 }

@@ -4,10 +4,12 @@
 #include <memory>
 #include <vector>
 
-#include "i4min/file/file.h"
+#include "i4min/file/Disk.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
+
+class UIInterface;
 
 // What arrives in packets, one behind the other, waits in the packets' own memory until it reaches the end of
 // a block of the file: the system takes a few large pieces with a fraction of the work. A failure, most
@@ -18,10 +20,11 @@ class DataFile {
   public:
     static constexpr u32 blockSize = 64 * 1024;
 
+    explicit DataFile(UIInterface& log) : log_(log) {}
     ~DataFile() { close(); }
 
-    // False, with the system's error, when it can't be opened. `flags` are those of i4_open_exact.
-    bool open(const i4_string& path, u32 flags) EXCLUDES(lock_);
+    // False, with the system's error, when it can't be opened. `flags` are those of Disk::open.
+    bool open(Disk& disk, const i4_string& path, u32 flags) EXCLUDES(lock_);
     void close() EXCLUDES(lock_);  // writes what waits
     bool isOpen() const { return file_ != nullptr; }
     // For reading what has been written; only while the file is open.
@@ -41,8 +44,9 @@ class DataFile {
     void writeUpTo(u64 stop) REQUIRES(lock_);
     void sayFailure(i64 written, u64 wanted) REQUIRES(lock_);
 
+    UIInterface& log_;
     i4_mutex lock_{LockRank::dataFile};
-    std::unique_ptr<i4_unix_file_class> file_;
+    std::unique_ptr<i4_disk_file> file_;
     i4_string path_;
     std::vector<Piece> waiting_ GUARDED_BY(lock_);  // one behind the other
     u64 start_ GUARDED_BY(lock_) = 0;               // the range of what waits

@@ -4,13 +4,8 @@
 #include <cassert>
 #include <cmath>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
+#include "download/DLS_Downloading.h"
 #include "download/DLS_States.h"
-#include "download/HashThread.h"
-#include "download/PartialList.h"
 
 void DownloadLock::lock() {
     i4_rank_push(LockRank::download);
@@ -34,7 +29,8 @@ void DownloadLock::unlock() {
     i4_rank_pop(LockRank::download);
 }
 
-Download::Download() : state_(std::make_unique<DLS_Queued>(*this)) {}
+Download::Download(const DownloadNeeds& outside, DownloadOwner& line)
+    : DownloadBody(outside, line), state_(makeState(Stage::queued)) {}
 
 Download::~Download() {
     completer_.stop();
@@ -46,36 +42,36 @@ Download::~Download() {
 bool Download::create(FileMeta& meta) {
     const i4_guard guard(lock_);
     meta.removeTag(TAG_AVAILABILITY);
-    partial_ = Ref<PartialFile>(new PartialFile(this));
+    partial_ = Ref<PartialFile>(new PartialFile(needs, progress_));
     if (!partial_->create(meta)) {
-        theLog->printLine("%s", stringTable.get(STRINGS_COULDNT_CREATE_TEMP_FILE));
+        needs.core.log.printLine("%s", needs.core.strings.get(STRINGS_COULDNT_CREATE_TEMP_FILE));
         return false;
     }
     setHash(partial_->getHash());
-    progress_.setup(*partial_);
-    theUI->downloadAdded(this);
+    progress_.setup(*partial_, needs.core.host.random);
+    needs.ui.downloadAdded(this);
     return true;
 }
 
-void Download::load(const FileMeta& record) {
+bool Download::load(const FileMeta& record) {
     const i4_guard guard(lock_);
-    partial_ = Ref<PartialFile>(new PartialFile(this));
+    partial_ = Ref<PartialFile>(new PartialFile(needs, progress_));
     i32 recorded = 1;
     const PartialFile::Load result = partial_->load(record, recorded);
     priority = recorded;
     switch (result) {
         case PartialFile::Load::failed:
-            setState(std::make_unique<DLS_Done>(*this, DL_STATUS_ERROR_LOADING));
+            become(Stage::errorLoading);
             break;
         case PartialFile::Load::running:
-            setState(std::make_unique<DLS_Hashing>(*this));
+            become(Stage::hashing);
             break;
         case PartialFile::Load::paused:
-            setState(std::make_unique<DLS_PausedHashing>(*this));
+            become(Stage::pausedHashing);
             break;
     }
-    if (result != PartialFile::Load::failed) hashThread.addPartial(Ref<Download>(this));
-    theUI->downloadAdded(this);
+    show();
+    return result != PartialFile::Load::failed;
 }
 
 void Download::verify(const GiveUp& giveUp) {
@@ -92,14 +88,14 @@ void Download::verify(const GiveUp& giveUp) {
 void Download::hashingEnded() {
     const i4_guard guard(lock_);
     setHash(partial_->getHash());
-    progress_.setup(*partial_);
+    progress_.setup(*partial_, needs.core.host.random);
     state_->hashDone();
 }
 
 void Download::hashingFailed() {
     const i4_guard guard(lock_);
-    setState(std::make_unique<DLS_Done>(*this, DL_STATUS_ERROR_HASHING));
-    messageQ.post(MESSAGE_DOWNLOAD_GONE, Ref<Download>(this));
+    become(Stage::errorHashing);
+    leavePool();
 }
 
 i32 Download::getStatus() {
@@ -126,10 +122,58 @@ i32 Download::availabilityPercent() { return static_cast<i32>(getAvailability() 
 
 i4_string Download::getName() const { return partial_ ? partial_->getName() : i4_string(); }
 
-void Download::setState(std::unique_ptr<DownloadState> state) {
+std::unique_ptr<DownloadState> Download::makeState(Stage stage) {
+    switch (stage) {
+        case Stage::queued:
+            return std::make_unique<DLS_Queued>(*this);
+        case Stage::downloading:
+            return std::make_unique<DLS_Downloading>(*this);
+        case Stage::paused:
+            return std::make_unique<DLS_Paused>(*this);
+        case Stage::diskFull:
+            return std::make_unique<DLS_DiskFull>(*this);
+        case Stage::noSources:
+            return std::make_unique<DLS_NoSources>(*this);
+        case Stage::hashing:
+            return std::make_unique<DLS_Hashing>(*this);
+        case Stage::pausedHashing:
+            return std::make_unique<DLS_PausedHashing>(*this);
+        case Stage::errorLoading:
+            return std::make_unique<DLS_Done>(*this, DL_STATUS_ERROR_LOADING);
+        case Stage::completing:
+            return std::make_unique<DLS_Done>(*this, DL_STATUS_COMPLETING);
+        case Stage::complete:
+            return std::make_unique<DLS_Done>(*this, DL_STATUS_COMPLETE);
+        case Stage::corrupted:
+            return std::make_unique<DLS_Done>(*this, DL_STATUS_CORRUPTED);
+        case Stage::errorHashing:
+            return std::make_unique<DLS_Done>(*this, DL_STATUS_ERROR_HASHING);
+    }
+    return nullptr;
+}
+
+DownloadState& Download::become(Stage stage) {
+    lock_.assertHeld();
     state_.reset();
-    state_ = std::move(state);
+    state_ = makeState(stage);
     paused_ = state_->isPaused() ? 1 : 0;
+    wantsTicks_ = state_->wantsTicks() ? 1 : 0;
+    if (wantsTicks_ != 0) owner.ticksWanted();
+    return *state_;
+}
+
+void Download::leavePool() { needs.core.messages.post(MESSAGE_DOWNLOAD_GONE, Ref<Download>(this)); }
+void Download::show() { needs.ui.downloadAdded(this); }
+void Download::startCompleter() { completer_.start(); }
+
+void Download::completed(PartialFile::Completion how) {
+    // The program ends: the file is saved as it is, and completed at the next start.
+    if (how == PartialFile::Completion::abandoned) return;
+    {
+        const i4_guard guard(lock_);
+        become(how == PartialFile::Completion::good ? Stage::complete : Stage::corrupted);
+    }
+    leavePool();
 }
 
 MD4Hash Download::hash() const {
@@ -142,12 +186,13 @@ void Download::setHash(const MD4Hash& hash) {
     hash_ = hash;
 }
 
-void Download::stop() {
+std::unique_ptr<FileMeta> Download::stop() {
     completer_.stop();
     const i4_guard guard(lock_);
     state_->stop();
-    partial_->saveToList(clientApp.partials(), priority, isPaused());
+    std::unique_ptr<FileMeta> record = partial_->makeRecord(priority, isPaused());
     partial_->closeFiles();
+    return record;
 }
 
 void Download::gotHashSet(i4_file& stream) {

@@ -6,9 +6,8 @@
 #include <thread>
 
 #include "download/CompleteFileThread.h"
-#include "download/DLProgress.h"
+#include "download/DownloadBody.h"
 #include "download/DownloadState.h"
-#include "download/PartialFile.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/threads/linux/RefCounter.h"
@@ -33,13 +32,13 @@ class CAPABILITY("download") DownloadLock {
 // Thread: any. Operations take the lock around the state's, but for those that say otherwise. A forwarded
 // operation must not call a locked one of the same Download.
 // Owns: its state, progress and completer; one reference on its PartialFile.
-class Download : public RefCounter {
+class Download : public RefCounter, public DownloadBody {
   public:
-    Download();
+    Download(const DownloadNeeds& needs, DownloadOwner& owner);
     ~Download() override;
 
     bool create(FileMeta& meta) EXCLUDES(lock_);  // false, and said, when there is no room for the temp file
-    void load(const FileMeta& record) EXCLUDES(lock_);
+    bool load(const FileMeta& record) EXCLUDES(lock_);  // true where its parts are to be verified
     // Checks the parts of a loaded file, then says how it ended; nothing of it when the caller gives up.
     // Thread: the hash thread's.
     void verify(const GiveUp& giveUp) EXCLUDES(lock_);
@@ -62,7 +61,8 @@ class Download : public RefCounter {
     void diskFull() EXCLUDES(lock_);
     u32 diskFreed() EXCLUDES(lock_);
     void idChanged() EXCLUDES(lock_);
-    void stop() EXCLUDES(lock_);
+    // At shut-down. The result is the record to save, null for none.
+    std::unique_ptr<FileMeta> stop() EXCLUDES(lock_);
     void addSource(const UserMeta& user) EXCLUDES(lock_);
     void peerConnected(Peer& peer) EXCLUDES(lock_);
     bool offerSlot(Peer& peer) EXCLUDES(lock_);
@@ -77,33 +77,34 @@ class Download : public RefCounter {
     void gotData(i4_ram_file_class& packet, Peer& peer) EXCLUDES(lock_);
     void gotHashSet(i4_file& stream) EXCLUDES(lock_);
 
-    // Destroys the old state first.
-    void setState(std::unique_ptr<DownloadState> state) REQUIRES(lock_);
-    DownloadLock& stateLock() RETURN_CAPABILITY(lock_) { return lock_; }
-
-    // For states, sources and the completer.
-    PartialFile& partial() const { return *partial_; }
+    // Whether tick() may have something to do. Thread: any.
+    bool wantsTicks() const { return wantsTicks_ != 0; }
     // Null before create() or load(). Thread: any.
     Ref<PartialFile> partialRef() const { return partial_; }
-    DLProgress& progress() { return progress_; }
-    CompleteFileThread& completer() { return completer_; }
+
+    // For displays, which take it for a moment only, and what they then see.
+    DownloadLock& stateLock() RETURN_CAPABILITY(lock_) { return lock_; }
     DownloadState& state() REQUIRES(lock_) { return *state_; }
 
     // All zero until the file is set up; for a loaded file, until hashing ends. Thread: any.
     MD4Hash hash() const EXCLUDES(hashLock_);
 
-    Relaxed<f32> speed;        // bytes per ms, the mean of the last eight samples
     Relaxed<i32> priority{1};  // 0 low, 1 normal, 2 high
 
   private:
+    DownloadState& become(Stage stage) override REQUIRES(lock_);
+    void leavePool() override;
+    void show() override;
+    void startCompleter() override;
+    void completed(PartialFile::Completion how) override EXCLUDES(lock_);
+    std::unique_ptr<DownloadState> makeState(Stage stage);
     void setHash(const MD4Hash& hash) EXCLUDES(hashLock_);
 
     mutable DownloadLock lock_;
     std::unique_ptr<DownloadState> state_ GUARDED_BY(lock_);
-    DLProgress progress_;
-    Ref<PartialFile> partial_;  // set once, before the download is in the pool
     mutable i4_mutex hashLock_{LockRank::leaf};
     MD4Hash hash_ GUARDED_BY(hashLock_);
     Relaxed<u8> paused_{0};
-    CompleteFileThread completer_{*this};
+    Relaxed<u8> wantsTicks_{1};
+    CompleteFileThread completer_{needs.core.host.scheduler, *this};
 };

@@ -6,7 +6,7 @@
 #include "i4min/memory/LL.h"
 #include "meta/BoolArray.h"
 
-class Download;
+class DownloadBody;
 class FileSource;
 class Peer;
 class UserMeta;
@@ -27,11 +27,11 @@ enum DownloadStatus : i32 {
     DL_STATUS_ERROR_HASHING = 13,
 };
 
-// Thread: under Download's lock. Owned by its Download, whose setState() destroys it: an operation that has
+// Thread: under Download's lock. Owned by its Download, whose become() destroys it: an operation that has
 // changed the state touches no member of itself afterwards.
 class DownloadState {
   public:
-    DownloadState(Download& owner, i32 statusNumber) : download(owner), status(statusNumber) {}
+    DownloadState(DownloadBody& owner, i32 statusNumber) : download(owner), status(statusNumber) {}
     DownloadState(const DownloadState&) = delete;
     DownloadState& operator=(const DownloadState&) = delete;
     virtual ~DownloadState() = default;
@@ -39,6 +39,7 @@ class DownloadState {
     virtual u32 bytesToFill();  // what the file can still grow by
     virtual u32 diskNeeded() { return 0; }
     virtual bool isPaused() { return false; }
+    virtual bool wantsTicks() { return false; }
     virtual LL<FileSource>* getSources() { return nullptr; }
     virtual void tick(i32 /*elapsedMs*/) {}
     virtual void pause() {}
@@ -62,6 +63,6 @@ class DownloadState {
     virtual void callbackFailed(u32 /*serverIp*/, u32 /*clientId*/) {}
     virtual void connectFailed(u32 /*ip*/, u16 /*port*/) {}
 
-    Download& download;
+    DownloadBody& download;
     const i32 status;
 };

@@ -2,10 +2,7 @@
 
 #include <algorithm>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
-#include "download/DLPool.h"
+#include "download/DownloadBody.h"
 #include "download/FileSource.h"
 #include "peer/RemoteQueueList.h"
 
@@ -38,13 +35,14 @@ void FileSourceState::drop() { change<FSS_BadSource>(source); }
 
 // Always true: whatever comes of it, this source has had the turn.
 bool FSS_Unasked::tryConnect() {
-    if (clientApp.socketPool.count + 1 >= preferences.maxCon) return true;
-    if (remoteQueueList.isWaiting(source.user)) {
+    const DownloadNeeds& needs = source.download.needs;
+    if (!needs.reach.mayConnect()) return true;
+    if (needs.queues.isWaiting(source.user)) {
         change<FSS_OnQueue>(source);
         return true;
     }
     Ref<Peer> peer;
-    switch (clientApp.connectToUser(source.user, peer)) {
+    switch (needs.reach.connectToUser(source.user, peer)) {
         case ConnectResult::peerThere:
             source.gotPeer(*peer);
             break;
@@ -73,7 +71,7 @@ bool FSS_Unasked::offerSlot(Peer& peer) {
         change<FSS_Transfering>(owner, peer);
     } else {
         change<FSS_BadSource>(owner);
-        messageQ.post(MESSAGE_OFFER_SLOT, Ref<Peer>(&peer));
+        source.download.needs.core.messages.post(MESSAGE_OFFER_SLOT, Ref<Peer>(&peer));
     }
     return true;
 }
@@ -97,14 +95,14 @@ void FSS_WaitForConnection::peerConnected(Peer& peer) {
 
 bool FSS_WaitForConnection::callbackFailed(u32 serverIp, u32 clientId) {
     if (source.user.id != clientId || source.user.serverIp != serverIp) return false;
-    remoteQueueList.forget(serverIp, clientId);
+    source.download.needs.queues.forget(serverIp, clientId);
     change<FSS_BadSource>(source);
     return true;
 }
 
 bool FSS_WaitForConnection::connectFailed(u32 ip, u16 port) {
     if (source.user.id != ip || source.user.port != port) return false;
-    remoteQueueList.forgetAddress(ip, port);
+    source.download.needs.queues.forgetAddress(ip, port);
     change<FSS_BadSource>(source);
     return true;
 }
@@ -121,7 +119,9 @@ bool PeerState::askHashSet() {
     return true;
 }
 
-void PeerState::leaveSlot(Ref<Peer> peer) { messageQ.post(MESSAGE_OFFER_SLOT, std::move(peer)); }
+void PeerState::leaveSlot(Ref<Peer> peer) {
+    source.download.needs.core.messages.post(MESSAGE_OFFER_SLOT, std::move(peer));
+}
 
 // --- FSS_WaitForChunksBQ
 
@@ -129,7 +129,7 @@ bool FSS_WaitForChunksBQ::gotFileStatus(Peer& peer, const BoolArray& parts) {
     if (!isMine(peer)) return false;
     source.setParts(parts);
     if (hasNeededPart(source)) {
-        remoteQueueList.note(peer);
+        source.download.needs.queues.note(peer);
         change<FSS_OnQueue>(source);
     } else {
         change<FSS_NoNeededParts>(source);
@@ -183,10 +183,10 @@ void FSS_WaitForChunks::noSuchFile(Peer& peer) {
 // --- FSS_Transfering
 
 FSS_Transfering::FSS_Transfering(FileSource& owner, Peer& peer) : PeerState(owner, "Transferring", peer) {
-    dlPool.transferCount.add(1);
+    owner.download.owner.transferStarted();
 }
 
-FSS_Transfering::~FSS_Transfering() { dlPool.transferCount.add(-1); }
+FSS_Transfering::~FSS_Transfering() { source.download.owner.transferEnded(); }
 
 // While the part hashes are unknown they are asked for before the chunks.
 void FSS_Transfering::enter() {
@@ -195,12 +195,13 @@ void FSS_Transfering::enter() {
 }
 
 void FSS_Transfering::requestChunks() {
+    const i64 most = source.download.needs.core.preferences.pSize;
     bool filled = false;
     bool pending = false;
     for (int i = 0; i < chunks; ++i) {
         if (ends_[i] != 0) {
             pending = true;
-        } else if (source.download.progress().pickChunk(source.parts(), starts_[i], ends_[i])) {
+        } else if (source.download.progress().pickChunk(source.parts(), most, starts_[i], ends_[i])) {
             filled = true;
         }
     }
@@ -260,7 +261,7 @@ bool FSS_Transfering::slotEnded(Peer& peer) {
 void FSS_Transfering::peerGone(Peer& peer) {
     if (!isMine(peer)) return;
     giveBack();
-    remoteQueueList.release(peer);
+    source.download.needs.queues.release(peer);
     change<FSS_BadSource>(source);
 }
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "download/Download.h"
+#include "download/DownloadBody.h"
 #include "download/FSS_States.h"
 #include "peer/Peer.h"
 #include "peer/RemoteQueueList.h"
@@ -13,7 +13,7 @@ constexpr std::size_t longestName = 255;  // bytes
 
 }  // namespace
 
-FileSource::FileSource(const UserMeta& who, Download& owner) : download(owner) {
+FileSource::FileSource(const UserMeta& who, DownloadBody& owner) : download(owner) {
     user.copyFrom(&who);
     state_ = std::make_unique<FSS_Unasked>(*this);
 }
@@ -70,7 +70,7 @@ void FileSource::gotPeer(Peer& peer) {
         setState(std::make_unique<FSS_BadSource>(*this));
         return;
     }
-    remoteQueueList.note(peer);
+    download.needs.queues.note(peer);
     setState(std::make_unique<FSS_OnQueue>(*this));
 }
 

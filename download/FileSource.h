@@ -7,7 +7,7 @@
 #include "meta/BoolArray.h"
 #include "meta/UserMeta.h"
 
-class Download;
+class DownloadBody;
 class FileSourceState;
 class Peer;
 
@@ -15,7 +15,7 @@ class Peer;
 // Owns: its state and its array of parts.    Borrows: its Download.
 class FileSource {
   public:
-    FileSource(const UserMeta& user, Download& download);
+    FileSource(const UserMeta& user, DownloadBody& download);
     FileSource(const FileSource&) = delete;
     FileSource& operator=(const FileSource&) = delete;
     ~FileSource();
@@ -38,7 +38,7 @@ class FileSource {
 
     UserMeta user;   // renewed from the Peer at connection
     i4_string name;  // under which this source knows the file, 255 bytes of it; empty until it has said so
-    Download& download;
+    DownloadBody& download;
 
   private:
     std::unique_ptr<FileSourceState> state_;

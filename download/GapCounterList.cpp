@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "app/UIInterface.h"
+#include "core/UIInterface.h"
 #include "download/GapList.h"
 
 namespace {
@@ -29,7 +29,7 @@ bool holds(const GapCounter& run, i64 at) { return run.start <= at && at < run.e
 }  // namespace
 
 GapCounter::GapCounter(i64 from, i64 to, i32 number) : start(from), end(to), count(number) {
-    if (start > end || count < 0) theLog->print("Bad GapCounter");
+    assert(start <= end && count >= 0);
 }
 
 GapCounterList::~GapCounterList() { deleteAll(*this); }
@@ -175,13 +175,13 @@ void GapCounterList::joinAll() {
     if (!regular_) index_.clear();
 }
 
-void GapCounterList::print() {
+void GapCounterList::print(UIInterface& log) {
     const i4_guard guard(*this);
-    theLog->printLine("#   (start- end)   count");
+    log.printLine("#   (start- end)   count");
     int number = 0;
     for (Cursor c; const GapCounter* run = next(c);) {
-        theLog->printLine("(%d) (%lld-%lld) %d", ++number, static_cast<long long>(run->start),
-                          static_cast<long long>(run->end), run->count);
+        log.printLine("(%d) (%lld-%lld) %d", ++number, static_cast<long long>(run->start),
+                      static_cast<long long>(run->end), run->count);
     }
 }
 

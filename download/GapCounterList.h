@@ -7,6 +7,8 @@
 #include "i4min/memory/annotations.h"
 #include "i4min/memory/types.h"
 
+class UIInterface;
+
 struct Gap;
 
 // What a run's count says.
@@ -58,7 +60,7 @@ class CAPABILITY("list") GapCounterList : public LLsafe<GapCounter> {
     void addDone(i64 start, i64 end) { change(start, end, countDone); }
     void removeDone(i64 start, i64 end) { change(start, end, -countDone); }
 
-    void print();
+    void print(UIInterface& log);
 
     // Aborts a debug build if the runs aren't what is told above. Runs around each change.
     void checkInvariants();

@@ -6,7 +6,7 @@
 #include <limits>
 #include <optional>
 
-#include "app/UIInterface.h"
+#include "core/UIInterface.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
 
@@ -251,12 +251,12 @@ std::size_t GapList::count() const {
     return gaps_.size();
 }
 
-void GapList::print() const {
-    theLog->printLine("\n#   (start- end)");
+void GapList::print(UIInterface& log) const {
+    log.printLine("\n#   (start- end)");
     int number = 0;
     for (const Gap& gap : gaps()) {
-        theLog->printLine("(%d) (%lld-%lld)", ++number, static_cast<long long>(gap.start),
-                          static_cast<long long>(gap.end));
+        log.printLine("(%d) (%lld-%lld)", ++number, static_cast<long long>(gap.start),
+                      static_cast<long long>(gap.end));
     }
 }
 

@@ -9,6 +9,7 @@
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
 
+class UIInterface;
 class i4_file;
 
 // A range of bytes, half-open: `start` is its first byte, `end` one past its last. (0,5) and (5,10) touch,
@@ -60,7 +61,7 @@ class GapList {
     // What was missing of [0, size) is so no more, and what wasn't is.
     void invert(i64 size);
 
-    void print() const;
+    void print(UIInterface& log) const;
 
     // The saved form; see the table in GapList.cpp. False, and nothing is written, for more gaps or higher
     // offsets than it can hold.

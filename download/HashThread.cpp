@@ -3,53 +3,32 @@
 #include <limits>
 #include <utility>
 
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
+#include "download/Download.h"
 #include "download/ShareList.h"
 #include "i4min/file/filesystem.h"
 #include "i4min/memory/error.h"
-#include "i4min/threads/linux/i4_time.h"
 #include "meta/FileList.h"
 
 namespace {
 
-constexpr u32 pauseMs = 40;                                     // before a file that must be read
 constexpr u32 batchMs = 40;                                     // of work on unchanged files in one turn
 constexpr u64 largestShared = std::numeric_limits<u32>::max();  // bytes
 
-// Whether such a file can be shared; says why not where the user would wonder.
-bool isShareable(const std::string& path, const char* name, const i4_file_status& status) {
-    switch (status.kind) {
-        case i4_file_kind::unknown:
-            theLog->print("Couldn't get status of %s\n", name);
-            return false;
-        case i4_file_kind::directory:
-            return false;
-        case i4_file_kind::other:
-            theLog->printLine("%s isn't shared: it is no regular file", path.c_str());
-            return false;
-        case i4_file_kind::regular:
-            break;
-    }
-    if (status.size <= largestShared) return true;
-    theLog->printLine("%s isn't shared: it has %llu bytes, and the most that a shared file can have is %llu",
-                      path.c_str(), static_cast<unsigned long long>(status.size),
-                      static_cast<unsigned long long>(largestShared));
-    return false;
-}
-
-void couldntHash(const char* name) { theLog->print("ERROR: Couldn't hash %s\n", name); }
-
 }  // namespace
 
-HashThread::HashThread(HashDuties& duties) : duties_(duties) {}
+HashThread::HashThread(Core& core, DownloadUI& ui, HashDuties& duties)
+    : Thread(core.host.scheduler),
+      core_(core),
+      clock_(core.host.clock),
+      disk_(core.host.disk),
+      ui_(ui),
+      duties_(duties) {}
 
 HashThread::~HashThread() { stop(); }
 
 void HashThread::hashDirs(std::vector<i4_string> dirs) {
-    theLog->printLine("%s", stringTable.get(STRINGS_LOADING_SHARED));
-    for (const i4_string& dir : dirs) theLog->printVerbose("Hash List: %s\n", dir.c_str());
+    core_.log.printLine("%s", core_.strings.get(STRINGS_LOADING_SHARED));
+    for (const i4_string& dir : dirs) core_.log.printVerbose("Hash List: %s\n", dir.c_str());
     {
         const i4_lock guard(lock_);
         request_ = std::move(dirs);
@@ -68,15 +47,16 @@ void HashThread::addPartial(Ref<Download> download) {
     partials_.push_back(std::move(download));
 }
 
-void HashThread::run() {
+Rest HashThread::run() {
     try {
         turn();
     } catch (const i4_err&) {
-        theLog->print("Exception during hash.");
+        core_.log.print("Exception during hash.");
         listing_.reset();
         dirs_.clear();
         endUnlessAsked(false);
     }
+    return Rest::none();
 }
 
 void HashThread::turn() {
@@ -113,8 +93,6 @@ bool HashThread::hasPartial() const {
 }
 
 void HashThread::verifyPartial() {
-    sleepFor(pauseMs);
-    if (isStopping()) return;
     Ref<Download> download;
     {
         const i4_lock guard(lock_);
@@ -125,8 +103,8 @@ void HashThread::verifyPartial() {
 }
 
 void HashThread::takeFiles() {
-    const u32 start = i4_ticks();
-    while (!wantsToLeave() && i4_ticks() - start < batchMs) {
+    const u32 start = clock_.ticks();
+    while (!wantsToLeave() && clock_.ticks() - start < batchMs) {
         if (!listing_ && !listDirectory()) return;
         if (fileIndex_ == listing_->files.size()) {
             leaveDirectory();
@@ -140,8 +118,8 @@ void HashThread::takeFiles() {
 bool HashThread::listDirectory() {
     auto listing = std::make_unique<i4_directory_list>();
     const char* dir = dirs_.front().c_str();
-    if (!i4_get_directory(dir, *listing, true)) {
-        theLog->printLine("%s: %s", stringTable.get(STRINGS_COULDNT_HASH), dir);
+    if (!disk_.list(dir, *listing, true)) {
+        core_.log.printLine("%s: %s", core_.strings.get(STRINGS_COULDNT_HASH), dir);
         duties_.shareDirs().removeDir(dir);
         leaveDirectory();
         return false;
@@ -157,13 +135,36 @@ void HashThread::leaveDirectory() {
     dirs_.pop_front();
 }
 
+// Whether such a file can be shared; says why not where the user would wonder.
+bool HashThread::isShareable(const std::string& path, const char* name, const i4_file_status& status) {
+    switch (status.kind) {
+        case i4_file_kind::unknown:
+            core_.log.print("Couldn't get status of %s\n", name);
+            return false;
+        case i4_file_kind::directory:
+            return false;
+        case i4_file_kind::other:
+            core_.log.printLine("%s isn't shared: it is no regular file", path.c_str());
+            return false;
+        case i4_file_kind::regular:
+            break;
+    }
+    if (status.size <= largestShared) return true;
+    core_.log.printLine(
+        "%s isn't shared: it has %llu bytes, and the most that a shared file can have is %llu", path.c_str(),
+        static_cast<unsigned long long>(status.size), static_cast<unsigned long long>(largestShared));
+    return false;
+}
+
+void HashThread::couldntHash(const char* name) { core_.log.print("ERROR: Couldn't hash %s\n", name); }
+
 // True if the next file didn't have to be read.
 bool HashThread::takeFile() {
     const char* name = listing_->files[fileIndex_].c_str();
-    const std::string path = dirs_.front() + preferences.pathSeparator + name;
+    const std::string path = dirs_.front() + core_.preferences.pathSeparator + name;
     i4_file_status status = listing_->file_status[fileIndex_];
     ++fileIndex_;
-    if (listingIsOld_) i4_get_status(path.c_str(), status);
+    if (listingIsOld_) disk_.status(path.c_str(), status);
     if (!isShareable(path, name, status)) return true;
     FileMeta* file = duties_.known().find(static_cast<u32>(status.size), status.last_modified, name);
     if (file) {
@@ -171,20 +172,17 @@ bool HashThread::takeFile() {
         return true;
     }
     listingIsOld_ = true;
-    sleepFor(pauseMs);
-    if (wantsToLeave()) return false;
-    i4_get_status(path.c_str(), status);
-    if (isShareable(path, name, status)) readFile(path, name, status);
+    readFile(path, name, status);
     return false;
 }
 
 void HashThread::readFile(const std::string& path, const char* name, const i4_file_status& status) {
-    theUI->hashing(name);
+    ui_.hashing(name);
     MD4Hash hash;
     std::vector<MD4Hash> parts;
     u64 size = 0;
     const HashOutcome outcome = MD4Hash::computeFile(
-        hash, path.c_str(), parts, [this] { return wantsToLeave(); }, &size);
+        hash, disk_, path.c_str(), parts, [this] { return wantsToLeave(); }, &size);
     if (outcome == HashOutcome::abandoned) return;
     if (outcome != HashOutcome::whole || size != status.size) {
         couldntHash(name);
@@ -204,8 +202,8 @@ void HashThread::readFile(const std::string& path, const char* name, const i4_fi
     file->partHashes = std::move(parts);
     i4_file_status now;
     if (!duties_.importFile(*file, path.c_str(), name) || file->hash.isZero()) {
-        theLog->printLine("Import failed: %s", name);
-    } else if (!i4_get_status(path.c_str(), now) || now.size != size ||
+        core_.log.printLine("Import failed: %s", name);
+    } else if (!disk_.status(path.c_str(), now) || now.size != size ||
                now.last_modified != status.last_modified) {
         couldntHash(name);
     } else {
@@ -232,9 +230,9 @@ void HashThread::share(FileMeta* file, const std::function<void(FileMeta&)>& cha
 }
 
 void HashThread::endRun() {
-    theUI->hashing(stringTable.get(STRINGS_NONE));
-    theLog->printLine("%s", stringTable.get(STRINGS_DONE_LOADING_SHARED));
-    duties_.known().save(preferences.knownPath.c_str());
+    ui_.hashing(core_.strings.get(STRINGS_NONE));
+    core_.log.printLine("%s", core_.strings.get(STRINGS_DONE_LOADING_SHARED));
+    core_.files.save(duties_.known(), core_.preferences.knownPath.c_str());
     duties_.shareDirs().save();
     if (endUnlessAsked(true)) duties_.publish();
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "download/DownloadNeeds.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/string/string.h"
@@ -17,23 +18,14 @@
 #include "i4min/threads/linux/Thread.h"
 #include "meta/MD4Hash.h"
 
-class Download;
-class FileList;
-class FileMeta;
 class ShareList;
 struct i4_directory_list;
 struct i4_file_status;
 
 // What HashThread works on, so that a test can stand in for the application. Thread: the hash thread's.
-class HashDuties {
+class HashDuties : public Library {
   public:
-    virtual FileList& known() = 0;   // every file that was ever hashed
-    virtual FileList& shared() = 0;  // the files that are shared at present
     virtual ShareList& shareDirs() = 0;
-    // A new record, for both lists. Ownership passes to known().
-    virtual void addSharedFile(FileMeta* file) = 0;
-    // Changes a record that may be in both lists, under both locks.
-    virtual void changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) = 0;
     // Fills in the tags of a file and its path. False where it can't be opened.
     virtual bool importFile(FileMeta& file, const char* path, const char* name) = 0;
     // Checks the parts of a loaded file and tells the download how it ended; nothing of it once `giveUp` says
@@ -48,14 +40,15 @@ class HashDuties {
 // One request is one run: first the partial files, one a turn, then directory by directory. Whoever asks
 // never waits for a file: a new request ends the reading of the file at hand and starts the run over.
 //
-// A file that has to be read is a turn of its own, with a pause before it. Files that are known unchanged are
-// taken together, by what the listing says of them, up to 40 ms a turn.
+// A file that has to be read is a turn of its own. Files that are known unchanged are taken together, by what
+// the listing says of them, up to 40 ms a turn.
 // Thread: any for the operations; the work runs on its own thread, from a request until all is done.
 class HashThread : public Thread {
   public:
-    explicit HashThread(HashDuties& duties);
+    HashThread(Core& core, DownloadUI& ui, HashDuties& duties);
     ~HashThread() override;
-    void run() override;
+    Rest run() override;
+    bool isBackground() const override { return true; }
 
     // Starts over with these directories. What an unfinished run had put into the shared list goes out again.
     void hashDirs(std::vector<i4_string> dirs) EXCLUDES(lock_);
@@ -80,6 +73,13 @@ class HashThread : public Thread {
     bool endUnlessAsked(bool finished) EXCLUDES(lock_);
     bool wantsToLeave() const { return isStopping() || asked_; }
 
+    bool isShareable(const std::string& path, const char* name, const i4_file_status& status);
+    void couldntHash(const char* name);
+
+    Core& core_;
+    const Clock& clock_;
+    Disk& disk_;
+    DownloadUI& ui_;
     HashDuties& duties_;
     mutable i4_mutex lock_{LockRank::leaf};  // around what other threads ask for
     std::deque<Ref<Download>> partials_ GUARDED_BY(lock_);
@@ -94,5 +94,3 @@ class HashThread : public Thread {
     bool listingIsOld_ = false;      // time went by since the listing was made
     std::vector<FileMeta*> shared_;  // what this run has put into the shared list
 };
-
-extern HashThread hashThread;

@@ -6,14 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "app/ClientApp.h"
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
-#include "download/Download.h"
+#include "download/DLProgress.h"
+#include "download/DownloadNeeds.h"
 #include "download/PartFileNamer.h"
-#include "download/PartialList.h"
-#include "i4min/file/filesystem.h"
 #include "i4min/memory/error.h"
 #include "i4min/memory/malloc4.h"
 
@@ -77,16 +72,19 @@ bool isDataFileName(const i4_string& name) {
     return !name.isNull() && safeFileName(name.c_str()) == name && !name.view().ends_with(".met");
 }
 
-i4_string pathInTemp(const i4_string& name) {
-    const i4_string directory = preferences.tempDir();
-    i4_string path;
-    path.format("%S%c%S", &directory, preferences.pathSeparator, &name);
-    return path;
-}
-
 }  // namespace
 
+PartialFile::PartialFile(const DownloadNeeds& needs, DLProgress& progress)
+    : needs_(needs), progress_(progress), writeFile_(needs.core.log) {}
+
 PartialFile::~PartialFile() { closeFiles(); }
+
+i4_string PartialFile::pathInTemp(const i4_string& name) const {
+    const i4_string directory = needs_.core.preferences.tempDir();
+    i4_string path;
+    path.format("%S/%S", &directory, &name);
+    return path;
+}
 
 // Part hashes that don't belong to the file would only fail parts that are good: they are asked for anew.
 void PartialFile::finishSetup(const FileMeta& tags, const FileMeta& record) {
@@ -105,11 +103,11 @@ bool PartialFile::isHashSet(const std::vector<MD4Hash>& hashes) const {
 }
 
 bool PartialFile::openForWriting(u32 flags) {
-    return writeFile_.open(meta_.path, I4_FILE_READ | I4_FILE_WRITE | flags);
+    return writeFile_.open(needs_.core.host.disk, meta_.path, I4_FILE_READ | I4_FILE_WRITE | flags);
 }
 
 bool PartialFile::create(const FileMeta& meta) {
-    partFileNamer.makeTempName(tempFileName_);
+    needs_.namer.makeTempName(tempFileName_);
     FileMeta tags;
     takeGaps(meta, tags);
     removeDownloadTags(tags);
@@ -138,12 +136,12 @@ PartialFile::Load PartialFile::load(const FileMeta& record, i32& priority) {
         if (gap.start < end) append({gap.start, end});
     }
     i4_file_status status;
-    if (!isDataFileName(tempFileName_) || !i4_get_status(meta_.path.c_str(), status)) {
-        theLog->printLine("%s not found.", meta_.path.c_str());
+    if (!isDataFileName(tempFileName_) || !needs_.core.host.disk.status(meta_.path.c_str(), status)) {
+        needs_.core.log.printLine("%s not found.", meta_.path.c_str());
         return Load::failed;
     }
     if (status.kind != i4_file_kind::regular || !openForWriting(0)) {
-        theLog->printLine("%s Couldn't be opened.", meta_.path.c_str());
+        needs_.core.log.printLine("%s Couldn't be opened.", meta_.path.c_str());
         return Load::failed;
     }
     fileEnd_ = static_cast<u32>(std::min<u64>(status.size, std::numeric_limits<u32>::max()));
@@ -159,7 +157,8 @@ void PartialFile::reopenLostEnd() {
     here.assign(*this);
     here.invert(fileSize_);
     if (!here.overlaps(fileEnd_, fileSize_)) return;
-    theLog->printLine("%s is shorter than it was; what is missing is fetched again.", meta_.path.c_str());
+    needs_.core.log.printLine("%s is shorter than it was; what is missing is fetched again.",
+                              meta_.path.c_str());
     addGap(fileEnd_, fileSize_);
 }
 
@@ -168,7 +167,7 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     const u32 to = packet.read_32();
     if (to <= from || from > fileSize_ || to > fileSize_ || !writeFile_.isOpen() ||
         to - from > packet.bytesLeft().value_or(0) || (count() >= mostGaps && isWithin(from, to))) {
-        theLog->printVerbose("Crazy packet\n");
+        needs_.core.log.printVerbose("Crazy packet\n");
         return true;
     }
     transferred_.add(to - from);
@@ -178,7 +177,7 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     start = from;
     end = to;
     // Marked as here before the parts are checked, so that one which fails is open as a whole.
-    download_->progress().addDone(from, to);
+    progress_.addDone(from, to);
     // Only a part that was written to can have become complete, once those from before the hashes are
     // checked.
     const bool all = std::exchange(hashesArrived_, false);
@@ -214,14 +213,14 @@ PartialFile::PartCheck PartialFile::checkPart(u32 part) {
     MD4Hash hash;
     const i4_string name = getName();
     if (!MD4Hash::compute(hash, writeFile_.stream(), start, end)) {
-        theLog->printLine("ERROR file couldn't be hashed: %s ", name.isNull() ? "" : name.c_str());
-        theLog->printLine("Please close the tarnwick and run scandisk.");
+        needs_.core.log.printLine("ERROR file couldn't be hashed: %s ", name.isNull() ? "" : name.c_str());
+        needs_.core.log.printLine("Please close the tarnwick and run scandisk.");
         reopenPart(part, start, end);
         return PartCheck::unreadable;
     }
     if (hash == meta_.partHashes[part]) return PartCheck::good;
-    theLog->printLine("%s %s %s %u", stringTable.get(STRINGS_CORRUPTION_FOUND),
-                      name.isNull() ? "" : name.c_str(), stringTable.get(STRINGS_AT), part);
+    needs_.core.log.printLine("%s %s %s %u", needs_.core.strings.get(STRINGS_CORRUPTION_FOUND),
+                              name.isNull() ? "" : name.c_str(), needs_.core.strings.get(STRINGS_AT), part);
     reopenPart(part, start, end);
     return PartCheck::corrupted;
 }
@@ -229,7 +228,7 @@ PartialFile::PartCheck PartialFile::checkPart(u32 part) {
 void PartialFile::reopenPart(u32 part, u32 start, u32 end) {
     transferred_ = transferred_ > PARTSIZE ? transferred_ - PARTSIZE : 0;
     addGap(start, end);
-    download_->progress().removeDone(start, end);
+    progress_.removeDone(start, end);
     reopened_.push_back(part);
 }
 
@@ -261,12 +260,12 @@ void PartialFile::publish() {
     // A record without a path is one of a file that isn't whole.
     record->setPath(nullptr);
     sharedMeta_ = record.get();
-    clientApp.addSharedFile(record.release());
+    needs_.library.addSharedFile(record.release());
 }
 
 void PartialFile::republish() {
     if (status() == gone) return;
-    if (FileMeta* record = sharedMeta_) clientApp.shared.add(record);
+    if (FileMeta* record = sharedMeta_) needs_.library.shared().add(record);
 }
 
 PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
@@ -280,7 +279,7 @@ PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
     }
     if (end > fileSize_ || start > end || overlaps(start, end)) return Read::unavailable;
     i4_lock guard(fileLock_);
-    if (!readFile_) readFile_ = i4_open_exact(meta_.path.c_str(), I4_FILE_READ);
+    if (!readFile_) readFile_ = needs_.core.host.disk.open(meta_.path.c_str(), I4_FILE_READ);
     if (!readFile_) return Read::unavailable;
     writeFile_.flushRange(start, end);
     readFile_->seek(start);
@@ -310,13 +309,13 @@ void PartialFile::cancel() {
     finished_ = true;
     status_ = gone;
     closeFiles();
-    ::remove(meta_.path.c_str());
-    ::remove(metaPath().c_str());
-    if (FileMeta* record = sharedMeta_) clientApp.shared.remove(record);
+    needs_.core.host.disk.remove(meta_.path.c_str());
+    needs_.core.host.disk.remove(metaPath().c_str());
+    if (FileMeta* record = sharedMeta_) needs_.library.shared().remove(record);
 }
 
 void PartialFile::dropStaleMeta() const {
-    if (finished_) ::remove(metaPath().c_str());
+    if (finished_) needs_.core.host.disk.remove(metaPath().c_str());
 }
 
 // The meta file goes last: a crash before leaves a download that completes again. Uploads read on meanwhile.
@@ -324,7 +323,8 @@ PartialFile::Completion PartialFile::complete(const GiveUp& giveUp) {
     writeFile_.close();
     MD4Hash hash;
     std::vector<MD4Hash> parts;
-    if (MD4Hash::computeFile(hash, meta_.path.c_str(), parts, giveUp) == HashOutcome::abandoned) {
+    if (MD4Hash::computeFile(hash, needs_.core.host.disk, meta_.path.c_str(), parts, giveUp) ==
+        HashOutcome::abandoned) {
         return Completion::abandoned;
     }
     const bool good = hash == meta_.hash;
@@ -335,14 +335,14 @@ PartialFile::Completion PartialFile::complete(const GiveUp& giveUp) {
         return Completion::abandoned;
     }
     finished_ = true;
-    ::remove(metaPath().c_str());
+    needs_.core.host.disk.remove(metaPath().c_str());
     return good ? Completion::good : Completion::corrupted;
 }
 
 bool PartialFile::enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp& giveUp) {
     i4_string path;
-    if (!partFileNamer.moveFile(meta_.path.c_str(), meta_.getName(), preferences.incomingDir().c_str(), path,
-                                giveUp)) {
+    if (!needs_.namer.moveFile(meta_.path.c_str(), meta_.getName(),
+                               needs_.core.preferences.incomingDir().c_str(), path, giveUp)) {
         return false;
     }
     {
@@ -352,8 +352,8 @@ bool PartialFile::enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp&
     endUploads(moved);
     publish();
     i4_file_status status;
-    const u32 date = i4_get_status(path.c_str(), status) ? status.last_modified : 0;
-    clientApp.changeFile(sharedMeta_, [&](FileMeta& record) {
+    const u32 date = needs_.core.host.disk.status(path.c_str(), status) ? status.last_modified : 0;
+    needs_.library.changeFile(sharedMeta_, [&](FileMeta& record) {
         record.setPath(path.c_str());
         record.date = date;
         record.partHashes = parts;
@@ -365,20 +365,20 @@ void PartialFile::keepCorrupted() {
     const i4_string name = getName();
     i4_string path;
     PartFileNamer::Moved outcome = PartFileNamer::Moved::done;
-    if (FileMeta* record = sharedMeta_) clientApp.shared.remove(record);
-    if (preferences.saveCor != 0) {
+    if (FileMeta* record = sharedMeta_) needs_.library.shared().remove(record);
+    if (needs_.core.preferences.saveCor != 0) {
         // What stays in the temp directory must not be taken for a meta file at the next start.
         i4_string kept = name;
         if (!kept.isNull() && kept.view().ends_with(".met")) kept.format("%S_", &name);
-        outcome =
-            PartFileNamer::tryMove(meta_.path.c_str(), kept.c_str(), preferences.tempDir().c_str(), path);
+        outcome = needs_.namer.tryMove(meta_.path.c_str(), kept.c_str(),
+                                       needs_.core.preferences.tempDir().c_str(), path);
     } else {
-        ::remove(meta_.path.c_str());
+        needs_.core.host.disk.remove(meta_.path.c_str());
     }
     // Said when the file is there: who reads it looks for it.
-    theLog->printLine("%s: %s", stringTable.get(STRINGS_CORRUPTED_DOWNLOAD),
-                      name.isNull() ? "" : name.c_str());
-    if (outcome == PartFileNamer::Moved::failed) PartFileNamer::sayNotMoved(meta_.path.c_str(), path);
+    needs_.core.log.printLine("%s: %s", needs_.core.strings.get(STRINGS_CORRUPTED_DOWNLOAD),
+                              name.isNull() ? "" : name.c_str());
+    if (outcome == PartFileNamer::Moved::failed) needs_.namer.sayNotMoved(meta_.path.c_str(), path);
 }
 
 i4_string PartialFile::finalPath() const {
@@ -386,8 +386,8 @@ i4_string PartialFile::finalPath() const {
     return finalPath_;
 }
 
-void PartialFile::saveToList(PartialList& list, i32 priority, bool paused) {
-    if (failed_ || finished_) return;
+std::unique_ptr<FileMeta> PartialFile::makeRecord(i32 priority, bool paused) {
+    if (failed_ || finished_) return nullptr;
     auto record = std::make_unique<FileMeta>();
     copyMeta(*record);
     record->setInt(TAG_PART_TRANS, transferred_);
@@ -404,7 +404,7 @@ void PartialFile::saveToList(PartialList& list, i32 priority, bool paused) {
     }
     // After the gaps were taken: what they tell to be here is on the disk when the record gets there.
     writeFile_.flush();
-    list.add(record.release());
+    return record;
 }
 
 void PartialFile::setPartHashes(i4_file& stream) {

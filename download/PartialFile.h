@@ -11,26 +11,25 @@
 #include "download/GapList.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/relaxed.h"
-#include "i4min/threads/linux/RefCounter.h"
 #include "meta/BoolArray.h"
 #include "meta/FileMeta.h"
+#include "peer/PeerNeeds.h"
 
-class Download;
-class PartialList;
+class DLProgress;
+struct DownloadNeeds;
 
 // The gaps are the ranges that are still missing, or that failed their hash.
 // Thread: under Download's lock, but for what says otherwise.
-// Owns: its files.    Borrows: its Download, which owns it; the published record, which lives with the
+// Owns: its files.    Borrows: the progress of its download; the published record, which lives with the
 // process.
-class PartialFile : public GapList, public RefCounter {
+class PartialFile : public GapList, public PartReader {
   public:
     enum Status : i32 { incomplete = 0, moved = 1, gone = 2 };
     enum class Load { failed = 0, running = 1, paused = 2 };
-    enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
     enum class Completion { good, corrupted, abandoned };
     enum class Check { done, unreadable, abandoned };
 
-    explicit PartialFile(Download* download) : download_(download) {}
+    PartialFile(const DownloadNeeds& needs, DLProgress& progress);
     ~PartialFile() override;
 
     // A new download of `meta`. False when the data file can't be made.
@@ -48,7 +47,7 @@ class PartialFile : public GapList, public RefCounter {
     // Verifies every part that is complete. Thread: the hash thread's, in a state that accepts no data.
     Check checkParts(const GiveUp& giveUp = {});
     // For uploads. Thread: any.
-    Read readData(u8* buffer, u32 start, u32 end) EXCLUDES(fileLock_);
+    Read readData(u8* buffer, u32 start, u32 end) override EXCLUDES(fileLock_);
     void closeFiles() EXCLUDES(fileLock_);
     // Hashes the whole file and moves it to the incoming directory, or gives up, with everything as it was.
     // Thread: the completer, in a state that accepts no data.
@@ -58,8 +57,8 @@ class PartialFile : public GapList, public RefCounter {
     bool isFinished() const { return finished_; }
     // Once finished, removes a meta file that was written meanwhile. Thread: any.
     void dropStaleMeta() const;
-    // Adds the record of the meta file to the list, which owns it.
-    void saveToList(PartialList& list, i32 priority, bool paused);
+    // The record of the meta file; null where there is nothing to save.
+    std::unique_ptr<FileMeta> makeRecord(i32 priority, bool paused);
     void publish();    // enters the file, still incomplete, into the shared lists
     void republish();  // again, after the shared list was emptied
     // The part hashes, as a peer sent them: u16 count, 16 bytes each. They count only if there are as many as
@@ -72,8 +71,8 @@ class PartialFile : public GapList, public RefCounter {
     bool hasNeededPart(const BoolArray& parts) const;  // false for an array of another length
 
     // Where the finished file lies, null before. Thread: any.
-    i4_string finalPath() const EXCLUDES(fileLock_);
-    i4_string getName() const;
+    i4_string finalPath() const override EXCLUDES(fileLock_);
+    i4_string getName() const override;
     // The file's record, part hashes included. Thread: any.
     void copyMeta(FileMeta& out) const EXCLUDES(doneLock_);
     const MD4Hash& getHash() const { return meta_.hash; }
@@ -103,6 +102,10 @@ class PartialFile : public GapList, public RefCounter {
     void endUploads(Status status) EXCLUDES(fileLock_);
     i4_string metaPath() const;
 
+    i4_string pathInTemp(const i4_string& name) const;
+
+    const DownloadNeeds& needs_;
+    DLProgress& progress_;
     mutable i4_mutex fileLock_{LockRank::partialRead};
     mutable i4_mutex doneLock_{LockRank::leaf};
     i4_string tempFileName_;
@@ -114,7 +117,6 @@ class PartialFile : public GapList, public RefCounter {
     FileMeta meta_;
     std::atomic<FileMeta*> sharedMeta_{nullptr};
     BoolArray partsDone_;  // written under Download's lock and doneLock_
-    Download* const download_;
     Relaxed<u32> fileEnd_;
     Relaxed<u32> fileSize_;
     Relaxed<u32> transferred_;

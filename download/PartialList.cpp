@@ -2,14 +2,8 @@
 
 #include <memory>
 
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
-#include "download/DLPool.h"
-#include "download/PartFileNamer.h"
+#include "core/Core.h"
 #include "i4min/file/buffered_file.h"
-#include "i4min/file/filesystem.h"
-#include "i4min/file/save_file.h"
 #include "i4min/memory/error.h"
 
 namespace {
@@ -47,8 +41,8 @@ PartialList::MetaFile PartialList::readMeta(i4_file& stream, FileMeta& record) {
 
 bool PartialList::loadFromDir(const char* directory) {
     i4_directory_list listing;
-    if (!i4_get_directory(directory, listing, true)) {
-        theLog->printLine("%s: %s", stringTable.get(STRINGS_COULDNT_LOAD_PARTS), directory);
+    if (!core_.host.disk.list(directory, listing, true)) {
+        core_.log.printLine("%s: %s", core_.strings.get(STRINGS_COULDNT_LOAD_PARTS), directory);
         return false;
     }
     for (std::size_t i = 0; i < listing.files.size(); ++i) {
@@ -56,17 +50,18 @@ bool PartialList::loadFromDir(const char* directory) {
         if (name.length() <= extension.size() || !name.view().ends_with(extension)) continue;
         if (listing.file_status[i].kind != i4_file_kind::regular) continue;
         i4_string path;
-        path.format("%s%c%S", directory, preferences.pathSeparator, &name);
-        std::unique_ptr<i4_file> file = i4_open_exact(path.c_str(), I4_FILE_READ);
+        path.format("%s/%S", directory, &name);
+        std::unique_ptr<i4_file> file = core_.host.disk.open(path.c_str(), I4_FILE_READ);
         if (!file) continue;
         i4_buffered_file_class stream(std::move(file), readBuffer, 0);
+        stream.setLog(&core_.log);
         auto record = std::make_unique<FileMeta>();
         switch (readMeta(stream, *record)) {
             case MetaFile::whole:
                 add(record.release());
                 break;
             case MetaFile::damaged:
-                theLog->printLine("Error loading: %s", path.c_str());
+                core_.log.printLine("Error loading: %s", path.c_str());
                 break;
             case MetaFile::foreign:
                 break;
@@ -75,7 +70,6 @@ bool PartialList::loadFromDir(const char* directory) {
     return true;
 }
 
-// Each record goes to one caller, also where two save at the same time.
 std::vector<std::unique_ptr<FileMeta>> PartialList::takeAll() {
     std::vector<std::unique_ptr<FileMeta>> records;
     const i4_guard guard(*this);
@@ -84,16 +78,12 @@ std::vector<std::unique_ptr<FileMeta>> PartialList::takeAll() {
     return records;
 }
 
-void PartialList::startDownloads() {
-    for (const auto& record : takeAll()) dlPool.loadDownload(*record);
-}
-
 void PartialList::saveToDir(const char* directory) {
     for (const auto& record : takeAll()) {
         i4_string path;
-        path.format("%s%c%s.met", directory, preferences.pathSeparator, record->getText(TAG_TEMPFILENAME));
+        path.format("%s/%s.met", directory, record->getText(TAG_TEMPFILENAME));
         const bool saved =
-            saveFile(path.c_str(), [&](i4_file& stream) { return writeMeta(stream, *record); });
-        if (!saved) theLog->print("ERROR: partial info not saved: %s", path.c_str());
+            core_.files.save(path.c_str(), [&](i4_file& stream) { return writeMeta(stream, *record); });
+        if (!saved) core_.log.print("ERROR: partial info not saved: %s", path.c_str());
     }
 }

@@ -6,16 +6,20 @@
 
 #include "meta/FileList.h"
 
-// Empty between its uses. Owns its records until startDownloads() or saveToDir() destroys them.
+struct Core;
+
+// Empty between its uses. Owns its records until takeAll() or saveToDir().
 // Thread: MessageQ's at start, DLPool's for its saves, the entry thread at the end.
 class PartialList : public FileList {
   public:
+    explicit PartialList(Core& core) : core_(core) {}
     ~PartialList() override;
 
     // Reads every .met file of the directory that is a download's. One that is damaged is named in one line,
     // skipped and left untouched. False when the directory can't be read, which is said.
     bool loadFromDir(const char* directory);
-    void startDownloads();  // hands each record to DLPool
+    // Each record goes to one caller, also where two take them at the same time.
+    std::vector<std::unique_ptr<FileMeta>> takeAll();
     // Writes each record to its .met file and destroys it.
     void saveToDir(const char* directory);
 
@@ -25,5 +29,5 @@ class PartialList : public FileList {
     static bool writeMeta(i4_file& stream, FileMeta& record);
 
   private:
-    std::vector<std::unique_ptr<FileMeta>> takeAll();
+    Core& core_;
 };

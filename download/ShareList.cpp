@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
-#include "i4min/file/file.h"
-#include "i4min/file/save_file.h"
+#include "core/Core.h"
 #include "i4min/memory/error.h"
 
 namespace {
@@ -29,18 +26,17 @@ void ShareList::writePaths(i4_file& stream, const std::vector<i4_string>& paths)
 }
 
 void ShareList::load() {
-    const char* file = preferences.sharePath.c_str();
+    const char* file = core_.preferences.sharePath.c_str();
     std::vector<i4_string> dirs;
     bool whole = true;
-    if (const std::unique_ptr<i4_file> stream = i4_open_exact(file, I4_FILE_READ)) {
+    if (const std::unique_ptr<i4_file> stream = core_.host.disk.open(file, I4_FILE_READ)) {
         whole = readPaths(*stream, dirs);
     }
     if (!whole) {
-        theLog->printVerbose("Error loading shared directory list.\n");
-        theLog->printLine("Error loading: %s", file);
-        setAsideDamaged(file);
+        core_.log.printVerbose("Error loading shared directory list.\n");
+        core_.files.setAside(file);
     }
-    addUnlessThere(dirs, preferences.incomingDir());
+    addUnlessThere(dirs, core_.preferences.incomingDir());
     const i4_lock guard(lock_);
     dirs_ = std::move(dirs);
 }
@@ -48,11 +44,11 @@ void ShareList::load() {
 void ShareList::save() const {
     std::vector<i4_string> dirs;
     copyTo(dirs);
-    saveFile(preferences.sharePath.c_str(), [&dirs](i4_file& stream) {
+    core_.files.save(core_.preferences.sharePath.c_str(), [this, &dirs](i4_file& stream) {
         try {
             writePaths(stream, dirs);
         } catch (const i4_err&) {
-            theLog->printVerbose("**I4 error in ShareList::save()\n");
+            core_.log.printVerbose("**I4 error in ShareList::save()\n");
             throw;
         }
         return true;
@@ -78,7 +74,7 @@ void ShareList::removeDir(const char* path) {
 void ShareList::setDirs(const std::vector<i4_string>& dirs) {
     std::vector<i4_string> unique;
     for (const i4_string& path : dirs) addUnlessThere(unique, path);
-    addUnlessThere(unique, preferences.incomingDir());
+    addUnlessThere(unique, core_.preferences.incomingDir());
     const i4_lock guard(lock_);
     dirs_ = std::move(unique);
 }

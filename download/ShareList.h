@@ -7,6 +7,7 @@
 #include "i4min/string/string.h"
 
 class i4_file;
+struct Core;
 
 // share.dat has neither header nor count: a path each, to its end.
 //
@@ -18,6 +19,8 @@ class i4_file;
 // Thread: any.
 class ShareList {
   public:
+    explicit ShareList(Core& core) : core_(core) {}
+
     // From Preferences::sharePath, instead of what was here. Of a file that doesn't read to its end, what was
     // read stays, and the file is set aside. A missing one is silent.
     void load() EXCLUDES(lock_);
@@ -33,6 +36,7 @@ class ShareList {
     static void writePaths(i4_file& stream, const std::vector<i4_string>& paths);
 
   private:
+    Core& core_;
     mutable i4_mutex lock_{LockRank::leaf};
     std::vector<i4_string> dirs_ GUARDED_BY(lock_);
 };

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/UIInterface.h"
 #include "i4min/memory/error.h"
+#include "tests/support/OwnEngine.h"
 #include "tests/support/bytes.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -21,13 +21,22 @@ inline void require(bool holds) {
 // Damage is told in lines, which nobody reads here.
 class Silence : public CoreUIInterface {
   public:
-    Silence() {
-        theLog = this;
-        theUI = this;
-    }
-    void printLine(const char*, ...) override PRINTF_LIKE {}
-    void print(const char*, ...) override PRINTF_LIKE {}
+    void say(Text, const char*, va_list) override {}
 };
+
+// The engine behind a target that needs one: made at the first call, which has read the settings of a first
+// run. It says nothing.
+inline OwnEngine& quietEngine() {
+    static Silence& silence = *new Silence;
+    static OwnEngine& own = *new OwnEngine(&silence);
+    static const bool ready = [] {
+        own.preferences.load();
+        std::filesystem::create_directories(own.preferences.tempDir().c_str());
+        return true;
+    }();
+    require(ready);
+    return own;
+}
 
 // A connection in no pool, whose other side says what the input holds.
 template <class Base>

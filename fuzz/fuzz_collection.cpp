@@ -7,7 +7,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     BytesFile file({data, size});
-    Collection collection;
+    Collection collection(quietEngine().engine.core);
     const bool whole = collection.read(file);
     if (whole) {
         i4_owned_ram_file copy;
@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     file.seek(0);
     FileMeta meta;
     try {
-        ColImporter().import(meta, "set", "set", file);
+        ColImporter().import(meta, "set", file);
     } catch (const i4_err&) {
         require(!meta.getTags().first());
     }

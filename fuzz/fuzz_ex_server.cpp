@@ -1,12 +1,10 @@
 // A datagram from an index server, or from anyone.
 #include <algorithm>
 
-#include "app/Preferences.h"
 #include "fuzz/fuzz.h"
 #include "i4min/memory/error.h"
-#include "i4min/network/protocol.h"
 #include "server/ExServerAnnex.h"
-#include "server/ServerPool.h"
+#include "tests/support/systemNetwork.h"
 #include "transport/STSocketPool.h"
 
 namespace {
@@ -19,7 +17,7 @@ class FuzzedAnnex : public ExServerAnnex {
         std::copy_n(data, size, buffer_.buffer());
         buffer_.setUsed(static_cast<u32>(size));
         buffer_.seek(0);
-        from_ = theProtocol->resolve("10.1.1.1", 4665, 0);
+        from_ = systemNetwork().resolve("10.1.1.1", 4665, 0);
         try {
             handleDatagram();
         } catch (const i4_err&) {
@@ -32,13 +30,13 @@ class FuzzedAnnex : public ExServerAnnex {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static STSocketPool pool;
+    static OwnEngine& own = quietEngine();
+    static STSocketPool pool(own.engine.transport);
     static const Ref<FuzzedAnnex> annex = [] {
-        makeProtocol(nullptr);
-        return Ref<FuzzedAnnex>(new FuzzedAnnex(&pool));
+        return Ref<FuzzedAnnex>(new FuzzedAnnex(pool, own.serverPool, own.engine.serverNeeds));
     }();
-    serverPool.addServer(0x0101010A, 4661);
+    own.serverPool.addServer(0x0101010A, 4661);
     annex->handle(data, std::min<std::size_t>(size, largestDatagram));
-    serverPool.servers().deleteAll();
+    own.serverPool.servers().deleteAll();
     return 0;
 }

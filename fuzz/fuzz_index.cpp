@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Quiet log;
     Nowhere nowhere;
     const IndexLimits limits;
-    IndexService service(IndexIdentity(), limits, nowhere, log);
+    IndexService service(IndexIdentity(), limits, nowhere, log, 0);
     u64 now = 1'000'000;
     Bytes refusal;
     IndexSession* sessions[2];

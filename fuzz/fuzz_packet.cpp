@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 2) return 0;
     constexpr u32 limit = 8 << 20;
     const std::size_t longest = data[0] % 4 == 0 ? size : data[0];
-    const i32 budget = data[1] % 2 == 0 ? unlimitedBudget : data[1];
+    const Budgets budgets{unlimitedBudget, data[1] % 2 == 0 ? unlimitedBudget : data[1]};
     const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
     ScriptedSocket socket;
     socket.ends = true;
@@ -22,9 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Packet packet;
     std::size_t done = 0;  // bytes of packets that are complete
     while (!socket.atEnd()) {
-        recvBudget = budget;
         u32 moved = 0;
-        const Packet::Result result = packet.receive(socket, moved, limit);
+        const Packet::Result result = packet.receive(socket, budgets, moved, limit);
         if (result == Packet::failed) break;
         require(packet.stream.capacity() <= std::max(Packet::firstBlock, 4 * packet.bodyDone));
         if (result == Packet::more) continue;
@@ -34,6 +33,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         done += packet.size;
         packet.reset();
     }
-    recvBudget = unlimitedBudget;
     return 0;
 }

@@ -1,6 +1,5 @@
 // The meta file of a download from anybody's bytes. What loads misses only bytes that the file has, and is
 // saved and loaded again as the same.
-#include "app/Preferences.h"
 #include "download/Download.h"
 #include "download/PartialList.h"
 #include "fuzz/fuzz.h"
@@ -10,8 +9,9 @@ namespace {
 
 // A temp directory with the one data file, 1.part.
 bool setUp() {
-    static const TemporaryDirectory home;
-    preferences.setTemp(home.path().c_str());
+    OwnEngine& own = quietEngine();
+    const TemporaryDirectory& home = own.directory;
+    own.preferences.setTemp(home.path().c_str());
     writeFile(home.file("1.part"), std::string(1000, 'x'));
     return true;
 }
@@ -22,8 +22,8 @@ struct Loaded {
         failed = result == PartialFile::Load::failed;
         paused = result == PartialFile::Load::paused;
     }
-    const Ref<Download> owner{new Download};
-    const Ref<PartialFile> partial{new PartialFile(owner.get())};
+    DLProgress progress;
+    const Ref<PartialFile> partial{new PartialFile(quietEngine().engine.downloadNeeds, progress)};
     i32 priority = -1;
     bool failed;
     bool paused;
@@ -32,7 +32,6 @@ struct Loaded {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static Silence silence;
     static const bool ready = setUp();
     require(ready);
     BytesFile stream({data, size});
@@ -45,10 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(gap.start >= 0 && gap.start < gap.end && gap.end <= first.partial->fileSize());
     }
 
-    PartialList list;
-    first.partial->saveToList(list, first.priority, first.paused);
-    require(list.count() == 1);
-    BytesFile saved(written([&](i4_file& out) { require(PartialList::writeMeta(out, *list.get(0))); }));
+    const std::unique_ptr<FileMeta> kept = first.partial->makeRecord(first.priority, first.paused);
+    require(kept != nullptr);
+    BytesFile saved(written([&](i4_file& out) { require(PartialList::writeMeta(out, *kept)); }));
     FileMeta read;
     require(PartialList::readMeta(saved, read) == PartialList::MetaFile::whole);
     const Loaded again(read);

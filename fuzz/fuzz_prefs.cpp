@@ -1,5 +1,5 @@
 // pref.met: what reads is written again, and what was written reads back as the same bytes.
-#include "app/Preferences.h"
+#include "core/Preferences.h"
 #include "fuzz/fuzz.h"
 
 namespace {
@@ -13,7 +13,8 @@ Bytes encode(Preferences& settings) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Silence silence;
     BytesFile stream({data, size});
-    Preferences settings;
+    OwnEngine& own = quietEngine();
+    Preferences settings(own.host.host, own.log, own.engine.stringTable, "");
     if (!settings.fromDisk(stream)) return 0;
     require(settings.incomingDir().length() > 0 && settings.tempDir().length() > 0);
     require(settings.userMaxUpF >= 0 && settings.userMaxDownF >= 0);
@@ -21,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     const Bytes once = encode(settings);
     BytesFile copy(once);
-    Preferences again;
+    Preferences again(own.host.host, own.log, own.engine.stringTable, "");
     require(again.fromDisk(copy) && encode(again) == once);
     return 0;
 }

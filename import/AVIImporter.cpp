@@ -9,7 +9,6 @@
 #include <span>
 #include <string_view>
 
-#include "app/UIInterface.h"
 #include "i4min/file/file.h"
 #include "meta/FileMeta.h"
 
@@ -61,18 +60,18 @@ std::optional<u32> secondsOf(const VideoHeader& video) {
 
 // Walks the chunks that stand side by side in `bytes`, into the stream lists too, and keeps the header of the
 // last video stream. A chunk that runs past the end of what holds it is cut there. False if the file isn't to
-// be taken.
-bool walk(Bytes bytes, std::optional<VideoHeader>& video, int depth = 0) {
+// be taken, which it is told.
+bool walk(i4_file& file, Bytes bytes, std::optional<VideoHeader>& video, int depth = 0) {
     while (bytes.size() >= 8) {
         const u64 size = littleEndian(bytes, 4);  // no padding to an even number
         const Bytes chunk = bytes.first(static_cast<std::size_t>(std::min<u64>(8 + size, bytes.size())));
         const Bytes data = chunk.subspan(8);
         if (beginsWith(chunk, "avih") && size != mainHeaderBytes) {
-            theLog->print("AVI header not correct size!\n");
+            file.tell(i4_log::Tone::plain, "AVI header not correct size!\n");
             return false;
         }
         if (beginsWith(chunk, "LIST") && beginsWith(data, "strl") && depth < maxDepth) {
-            if (!walk(data.subspan(4), video, depth + 1)) return false;
+            if (!walk(file, data.subspan(4), video, depth + 1)) return false;
         }
         if (beginsWith(chunk, "strh") && beginsWith(data, "vids")) {
             VideoHeader& header = video.emplace();
@@ -94,19 +93,19 @@ bool readHeaderList(i4_file& file, std::optional<VideoHeader>& video) {
     const u32 size = littleEndian(bytes, 16);
     if (size < 4 || size - 4 > maxHeaderList) return false;
     const std::vector<u8> list = readBlock(file, size - 4);
-    return list.size() == size - 4 && walk(list, video);
+    return list.size() == size - 4 && walk(file, list, video);
 }
 
 }  // namespace
 
-bool AVIImporter::import(FileMeta& meta, const char* name, const char*, i4_file& file) const {
+bool AVIImporter::import(FileMeta& meta, const char* name, i4_file& file) const {
     const char* format = hasExtension(name, ".avi") ? "avi" : hasExtension(name, ".divx") ? "divx" : nullptr;
     std::optional<VideoHeader> video;
     if (!format || !readHeaderList(file, video)) return false;
     addTypeTags(meta, "Video", format);
     if (!video) return true;
     const std::array<char, 5> codec = codecOf(*video);
-    theLog->print("      Compression: %s\n", codec.data());
+    file.tell(i4_log::Tone::plain, "      Compression: %s\n", codec.data());
     addTextTag(meta, "codec", codec.data());
     if (const std::optional<u32> seconds = secondsOf(*video)) {
         const u32 minutes = *seconds / 60;

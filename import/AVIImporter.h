@@ -8,5 +8,5 @@
 // Without a video stream both are left out, with a rate or scale of 0 the length is.
 class AVIImporter : public Importer {
   public:
-    bool import(FileMeta& meta, const char* name, const char* path, i4_file& file) const override;
+    bool import(FileMeta& meta, const char* name, i4_file& file) const override;
 };

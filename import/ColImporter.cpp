@@ -13,12 +13,13 @@ constexpr u32 maxRecord = 256 * 1024;
 
 }  // namespace
 
-bool ColImporter::import(FileMeta& meta, const char*, const char*, i4_file& file) const {
+bool ColImporter::import(FileMeta& meta, const char*, i4_file& file) const {
     std::array<u8, collectionMagic.size()> start{};
     file.readAll(start.data(), start.size());
     if (start != collectionMagic) return false;
     std::vector<u8> block = readBlock(file, maxRecord);
     i4_ram_file_class stream(block.data(), static_cast<u32>(block.size()), 0);
+    stream.setLog(file.log());
     FileMeta stored;
     if (!stored.fromDisk(stream)) i4_error()("a collection without a whole record");
     meta.Meta::copyFrom(&stored);

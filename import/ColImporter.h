@@ -14,5 +14,5 @@ inline constexpr std::array<u8, 12> collectionMagic = {10,  0,   'c', 'o', 'l', 
 // as it was. A record counts as ending after 256 KiB.
 class ColImporter : public Importer {
   public:
-    bool import(FileMeta& meta, const char* name, const char* path, i4_file& file) const override;
+    bool import(FileMeta& meta, const char* name, i4_file& file) const override;
 };

@@ -10,16 +10,16 @@ constexpr NamedFormat programs[] = {{".exe", "exe"}, {".zip", "zip"}, {".rar", "
 
 }  // namespace
 
-bool PictureImporter::import(FileMeta& meta, const char* name, const char*, i4_file&) const {
+bool PictureImporter::import(FileMeta& meta, const char* name, i4_file&) const {
     if (!importByName(meta, name, "Image", pictures)) return false;
     addTextTag(meta, "Artist", "");
     return true;
 }
 
-bool RMImporter::import(FileMeta& meta, const char* name, const char*, i4_file&) const {
+bool RMImporter::import(FileMeta& meta, const char* name, i4_file&) const {
     return importByName(meta, name, "Video", videos);
 }
 
-bool AppImporter::import(FileMeta& meta, const char* name, const char*, i4_file&) const {
+bool AppImporter::import(FileMeta& meta, const char* name, i4_file&) const {
     return importByName(meta, name, "Pro", programs);
 }

@@ -14,9 +14,9 @@ class Importer {
   public:
     virtual ~Importer() = default;
     // True if the file is of this importer's kind: its details then stand in `meta` as tags. False adds
-    // nothing. `name` is the bare file name, `path` the whole one, `file` is open for reading at offset 0.
-    // May let an i4_err of the stream pass.
-    virtual bool import(FileMeta& meta, const char* name, const char* path, i4_file& file) const = 0;
+    // nothing. `name` is the bare file name, `file` is open for reading at offset 0. May let an i4_err of the
+    // stream pass.
+    virtual bool import(FileMeta& meta, const char* name, i4_file& file) const = 0;
 };
 
 // True if `name` is longer than `extension` (".mp3") and ends in it, ignoring the case of ASCII letters.

@@ -1,7 +1,6 @@
 #include "import/ImporterList.h"
 
-#include "app/UIInterface.h"
-#include "i4min/file/file.h"
+#include "i4min/file/Disk.h"
 #include "i4min/memory/error.h"
 #include "import/AVIImporter.h"
 #include "import/ColImporter.h"
@@ -14,19 +13,21 @@ ImporterList::ImporterList()
                  std::make_unique<PictureImporter>(), std::make_unique<RMImporter>(),
                  std::make_unique<AppImporter>(),     std::make_unique<ColImporter>()} {}
 
-bool ImporterList::importFile(FileMeta& meta, const char* path, const char* name) const {
-    const std::unique_ptr<i4_file> file = i4_open_exact(path, I4_FILE_READ);
+bool ImporterList::importFile(FileMeta& meta, Disk& disk, i4_log& log, const char* path,
+                              const char* name) const {
+    const std::unique_ptr<i4_file> file = disk.open(path, I4_FILE_READ);
     if (!file) return false;
+    file->setLog(&log);
     try {
         const u32 size = file->size();
         meta.addTag(MetaTag::makeTag(TAG_NAME, name));
         meta.addTag(MetaTag::makeTag(TAG_SIZE, &size));
         for (const auto& importer : importers_) {
             file->seek(0);
-            if (importer->import(meta, name, path, *file)) break;
+            if (importer->import(meta, name, *file)) break;
         }
     } catch (const i4_err&) {
-        theLog->printVerbose("Exception in import\n");
+        file->tell(i4_log::Tone::verbose, "Exception in import\n");
     }
     meta.setPath(path);
     return true;

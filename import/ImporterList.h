@@ -6,6 +6,9 @@
 
 #include "import/Importer.h"
 
+class Disk;
+class i4_log;
+
 // Owns the importers. Constant once it is made. Thread: the hash thread.
 class ImporterList {
   public:
@@ -15,7 +18,7 @@ class ImporterList {
     // importer that knows the file adds. Sets its path. False only if the file can't be opened: one that
     // can't be read through goes without its details. The path is taken exactly as it stands. The file has
     // 4,294,967,295 bytes at most.
-    bool importFile(FileMeta& meta, const char* path, const char* name) const;
+    bool importFile(FileMeta& meta, Disk& disk, i4_log& log, const char* path, const char* name) const;
 
   private:
     std::array<std::unique_ptr<const Importer>, 6> importers_;

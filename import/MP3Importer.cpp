@@ -11,9 +11,9 @@ void addIfAny(FileMeta& meta, const char* name, const char* value) {
     if (*value) addTextTag(meta, name, value);
 }
 
-bool importMP3(FileMeta& meta, const char* path) {
+bool importMP3(FileMeta& meta, i4_file& file) {
     MP3Info info;
-    if (info.open(path) != MP3Info::found) return false;
+    if (info.read(file) != MP3Info::found) return false;
     addTypeTags(meta, "Audio", "mp3");
     if (info.hasTag) {
         addIfAny(meta, "Artist", info.tag.artist);
@@ -30,7 +30,7 @@ bool importMP3(FileMeta& meta, const char* path) {
 
 }  // namespace
 
-bool MP3Importer::import(FileMeta& meta, const char* name, const char* path, i4_file&) const {
-    if (hasExtension(name, ".mp3")) return importMP3(meta, path);
+bool MP3Importer::import(FileMeta& meta, const char* name, i4_file& file) const {
+    if (hasExtension(name, ".mp3")) return importMP3(meta, file);
     return importByName(meta, name, "Audio", unread);
 }

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "i4min/file/file.h"
+#include "i4min/file/Disk.h"
 #include "import/Importer.h"
 
 namespace {
@@ -258,9 +258,9 @@ bool ID3Tag::parse(const u8* block) {
 
 const char* genreName(u8 genre) { return genre < std::size(genres) ? genres[genre] : "not supported"; }
 
-MP3Info::Result MP3Info::open(const char* name) {
+MP3Info::Result MP3Info::open(Disk& disk, const char* name) {
     path = name;
-    const std::unique_ptr<i4_file> file = i4_open_exact(name, I4_FILE_READ);
+    const std::unique_ptr<i4_file> file = disk.open(name, I4_FILE_READ);
     return file ? read(*file) : notOpened;
 }
 

@@ -6,6 +6,7 @@
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
+class Disk;
 class i4_file;
 
 // The ID3v1 tag: the last 128 bytes of a file. Texts stand without trailing blanks and zeros.
@@ -46,7 +47,7 @@ class MP3Info {
     enum Result : int { found = 0, notOpened = 2, noHeader = 4 };
 
     // The path is taken exactly as it stands.
-    Result open(const char* path);
+    Result open(Disk& disk, const char* path);
     // The same from a stream. Reads its first 200 KiB at once, and two short blocks.
     Result read(i4_file& file);
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 
 #include "i4min/file/file.h"
 #include "i4min/memory/debug_build.h"
@@ -35,11 +34,6 @@ std::unique_ptr<SearchRun> SearchRun::read(ByteSpan tree) {
     SearchReadBudget budget = whole;
     std::unique_ptr<SearchNode> root = SearchNode::read(stream, budget);
     return root ? std::make_unique<SearchRun>(std::move(root), whole.nodes - budget.nodes) : nullptr;
-}
-
-FileIndex::SeededHash::SeededHash() {
-    std::random_device random;
-    seed_ = u64{random()} << 32 | random();
 }
 
 std::size_t FileIndex::SeededHash::operator()(const MD4Hash& hash) const {

@@ -8,7 +8,7 @@
 
 #include "index/FileRecord.h"
 #include "index/FileSegment.h"
-#include "server/SearchNode.h"
+#include "protocol/SearchNode.h"
 
 using ClientNumber = u32;
 
@@ -47,8 +47,9 @@ class FileIndex {
         u32 files = 1'000'000;
         u64 recordBytes = 256u << 20;
     };
-    FileIndex() : FileIndex(Limits()) {}
-    explicit FileIndex(Limits limits) : limits_(limits) { openSegment(); }
+    FileIndex() : FileIndex(Limits(), 0) {}
+    // `seed` is one that strangers can't guess.
+    FileIndex(Limits limits, u64 seed) : limits_(limits), byHash_(0, SeededHash(seed)) { openSegment(); }
 
     // Gives the file one more source. The first client's record is what others see; a client that is the only
     // source replaces it by publishing again. Empty where the index is full, or the client has published the
@@ -82,7 +83,7 @@ class FileIndex {
     // Strangers choose the hashes: without the seed they can't choose them so that they collide here.
     class SeededHash {
       public:
-        SeededHash();
+        explicit SeededHash(u64 seed) : seed_(seed) {}
         std::size_t operator()(const MD4Hash& hash) const;
 
       private:

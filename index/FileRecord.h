@@ -6,7 +6,7 @@
 
 #include "index/Bytes.h"
 #include "meta/tagTable.h"
-#include "server/TagSource.h"
+#include "protocol/TagSource.h"
 
 // The name of the tag that counts a file's clients.
 inline constexpr char availabilityCharacter = TAG_AVAILABILITY;

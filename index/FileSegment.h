@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "index/Bytes.h"
-#include "server/SearchNode.h"
+#include "protocol/SearchNode.h"
 
 using FileNumber = u32;
 inline constexpr FileNumber noFile = 0xFFFFFFFF;

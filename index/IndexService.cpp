@@ -17,8 +17,13 @@ std::string_view rowName(const char& row) { return {&row, 1}; }
 
 }  // namespace
 
-IndexService::IndexService(IndexIdentity identity, IndexLimits limits, IndexNetwork& network, EventLog& log)
-    : identity_(std::move(identity)), limits_(limits), network_(network), log_(log) {}
+IndexService::IndexService(IndexIdentity identity, IndexLimits limits, IndexNetwork& network, EventLog& log,
+                           u64 seed)
+    : identity_(std::move(identity)),
+      limits_(limits),
+      network_(network),
+      log_(log),
+      index_(FileIndex::Limits(), seed) {}
 
 // --- Sessions
 
@@ -64,12 +69,13 @@ IndexSession* IndexService::find(ClientNumber number) {
 void IndexService::touch(IndexSession& session) { touched_.push_back(session.number); }
 
 std::vector<IndexSession*> IndexService::takeTouched() {
+    std::vector<ClientNumber> numbers = std::exchange(touched_, {});
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     std::vector<IndexSession*> result;
-    for (const ClientNumber number : std::exchange(touched_, {})) {
+    for (const ClientNumber number : numbers) {
         if (IndexSession* session = find(number)) result.push_back(session);
     }
-    std::sort(result.begin(), result.end());
-    result.erase(std::unique(result.begin(), result.end()), result.end());
     return result;
 }
 

@@ -37,7 +37,8 @@ class IndexNetwork {
 // answers appended to the session's output, at once or by step().
 class IndexService {
   public:
-    IndexService(IndexIdentity identity, IndexLimits limits, IndexNetwork& network, EventLog& log);
+    // `seed` is one that strangers can't guess.
+    IndexService(IndexIdentity identity, IndexLimits limits, IndexNetwork& network, EventLog& log, u64 seed);
 
     // Null where the server is full; `refusal` then holds a packet for the caller to send.
     IndexSession* opened(const NetAddress& address, const NetAddress& own, u64 now, Bytes& refusal);

@@ -1,29 +1,22 @@
 // tarnwick-index, an index server for private networks.
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "app/UIInterface.h"
-#include "app/version.h"
+#include "host/PosixHost.h"
 #include "i4min/file/output.h"
 #include "index/IndexServer.h"
 #include "index/options.h"
+#include "protocol/version.h"
 
 namespace {
-
-// What the shared code says of broken trees is no news of this program.
-class Silence : public CoreUIInterface {
-  public:
-    void printLine(const char*, ...) override {}
-    void print(const char*, ...) override {}
-    void printVerbose(const char*, ...) override {}
-    void printFlush(const char*, ...) override {}
-};
 
 // SIGINT and SIGTERM make it readable from now on.
 i4_descriptor stopSignals() {
@@ -54,6 +47,7 @@ void allowDescriptors(u32 clients, EventLog& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    i4_hold_standard_descriptors();
     IndexOptions options;
     std::string error;
     if (!readOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
@@ -65,15 +59,20 @@ int main(int argc, char** argv) {
         std::printf("tarnwick-index %d.%d.%u\n", versionMajor, versionMinor, protocolVersion);
         return 0;
     }
-    static Silence silence;
-    theLog = &silence;
     const i4_descriptor stop = stopSignals();
     i4_standard_output().start();  // behind the mask, so that no signal reaches its thread
     EventLog log(options.level);
     allowDescriptors(options.identity.maxClients, log);
-    IndexServer server(options.identity, IndexLimits(), log);
+    PosixHost host;
+    IndexServer server(host.host, options.identity, IndexLimits(), log);
     const bool listening = server.listen(options.ip, options.port);
-    if (listening) server.run(stop.get());
+    if (listening) {
+        server.start();
+        pollfd waiting{stop.get(), POLLIN, 0};
+        while (::poll(&waiting, 1, -1) < 0 && errno == EINTR) continue;
+        server.stop();
+        server.close();
+    }
     i4_standard_output().finish();
     return listening ? 0 : 1;
 }

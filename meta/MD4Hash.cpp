@@ -1,18 +1,12 @@
 #include "meta/MD4Hash.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
+#include <array>
 #include <memory>
 #include <optional>
 #include <utility>
 
-#include "app/UIInterface.h"
-#include "i4min/file/file.h"
+#include "i4min/file/Disk.h"
 #include "meta/MD4.h"
 
 namespace {
@@ -27,16 +21,11 @@ std::optional<u8> digit(char c) {
     return std::nullopt;
 }
 
-bool sameVersion(const struct stat& a, const struct stat& b) {
-    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
-}
-
 // Hashes an open regular file, each part on its own. Parts that lie in the system's cache are taken side by
 // side, which saves most of the work. What must come from the disk is read in order, as disks like it.
 class FileHasher {
   public:
-    FileHasher(int descriptor, const GiveUp& giveUp) : descriptor_(descriptor), giveUp_(giveUp) {}
+    FileHasher(i4_disk_file& file, const GiveUp& giveUp) : file_(file), giveUp_(giveUp) {}
     // Once. After `whole`, parts() has the hash of each part, the last of which may be empty.
     HashOutcome hash();
     u64 size() const { return done_; }
@@ -50,7 +39,7 @@ class FileHasher {
     bool isCached(std::size_t count) const;
     bool isStopped() const { return giveUp_ && giveUp_(); }
 
-    const int descriptor_;
+    i4_disk_file& file_;
     const GiveUp& giveUp_;
     const std::unique_ptr<u8[]> piece_ = std::make_unique_for_overwrite<u8[]>(pieceSize);
     u64 expected_ = 0;
@@ -60,18 +49,18 @@ class FileHasher {
 };
 
 HashOutcome FileHasher::hash() {
-    struct stat before {};
-    struct stat after {};
-    if (::fstat(descriptor_, &before) != 0 || !S_ISREG(before.st_mode)) return HashOutcome::notOpened;
-    ::posix_fadvise(descriptor_, 0, 0, POSIX_FADV_SEQUENTIAL);
-    expected_ = static_cast<u64>(before.st_size);
+    i4_file_status before;
+    i4_file_status after;
+    if (!file_.status(before) || before.kind != i4_file_kind::regular) return HashOutcome::notOpened;
+    file_.willReadAll();
+    expected_ = before.size;
     while (!ended_) {
         const std::size_t count = std::min<u64>((expected_ - done_) / PARTSIZE, MD4::lanes);
         const HashOutcome outcome = count > 1 && isCached(count) ? hashEach(count) : hashOne();
         if (outcome != HashOutcome::whole) return outcome;
     }
-    if (::fstat(descriptor_, &after) != 0) return HashOutcome::unreadable;
-    return done_ == expected_ && sameVersion(before, after) ? HashOutcome::whole : HashOutcome::changed;
+    if (!file_.status(after)) return HashOutcome::unreadable;
+    return done_ == expected_ && before.isSameVersion(after) ? HashOutcome::whole : HashOutcome::changed;
 }
 
 // One part, or what there is of it up to the file's end.
@@ -117,9 +106,7 @@ HashOutcome FileHasher::hashEach(std::size_t count) {
 
 // Reads up to `length` bytes; `got` is 0 at the end.
 HashOutcome FileHasher::read(u64 at, u8* to, u32 length, u32& got) const {
-    ssize_t result = -1;
-    do result = ::pread(descriptor_, to, length, static_cast<off_t>(at));
-    while (result < 0 && errno == EINTR);
+    const i64 result = file_.readAt(at, to, length);
     if (result < 0) return HashOutcome::unreadable;
     got = static_cast<u32>(result);
     return HashOutcome::whole;
@@ -128,9 +115,7 @@ HashOutcome FileHasher::read(u64 at, u8* to, u32 length, u32& got) const {
 // Whether the beginnings of the next parts can be read without waiting for the disk.
 bool FileHasher::isCached(std::size_t count) const {
     for (std::size_t i = 0; i < count; ++i) {
-        const iovec first{piece_.get(), 1};
-        const u64 at = done_ + i * PARTSIZE;
-        if (::preadv2(descriptor_, &first, 1, static_cast<off_t>(at), RWF_NOWAIT) != 1) return false;
+        if (!file_.isCached(done_ + i * PARTSIZE)) return false;
     }
     return true;
 }
@@ -181,7 +166,7 @@ bool MD4Hash::fromText(std::string_view text) {
 bool MD4Hash::compute(MD4Hash& out, i4_file& stream, u32 start, u32 end) {
     if (end < start) return false;
     if (stream.seek(start) != start) {
-        theLog->printVerbose("MD4Hash::compute couldn't seek\n");
+        stream.tell(i4_log::Tone::verbose, "MD4Hash::compute couldn't seek\n");
         return false;
     }
     const u32 length = std::min(end - start, pieceSize);
@@ -203,13 +188,11 @@ MD4Hash MD4Hash::ofParts(const std::vector<MD4Hash>& parts) {
     return digest.finish();
 }
 
-HashOutcome MD4Hash::computeFile(MD4Hash& out, const char* path, std::vector<MD4Hash>& parts,
+HashOutcome MD4Hash::computeFile(MD4Hash& out, Disk& disk, const char* path, std::vector<MD4Hash>& parts,
                                  const GiveUp& giveUp, u64* size) {
-    // Not blocking: a FIFO would hold the open until somebody writes to it.
-    const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0) return HashOutcome::notOpened;
-    i4_unix_file_class file(descriptor);
-    FileHasher hasher(descriptor, giveUp);
+    const std::unique_ptr<i4_disk_file> file = disk.open(path, I4_FILE_READ);
+    if (!file) return HashOutcome::notOpened;
+    FileHasher hasher(*file, giveUp);
     const HashOutcome outcome = hasher.hash();
     if (outcome != HashOutcome::whole) return outcome;
     parts = std::move(hasher.parts());

@@ -10,6 +10,7 @@
 
 #include "i4min/memory/types.h"
 
+class Disk;
 class i4_file;
 
 // A file is hashed in parts of 9500 blocks of 1024 bytes.
@@ -60,7 +61,7 @@ struct MD4Hash {
     // file of one part, so one below PARTSIZE, has an empty list, and its part's hash is its own. A file
     // whose size is an exact multiple of PARTSIZE ends with an empty part, which counts. `size`, where given,
     // gets the number of bytes that were hashed. Takes 256 KiB of memory, whatever the file's size.
-    static HashOutcome computeFile(MD4Hash& out, const char* path, std::vector<MD4Hash>& parts,
+    static HashOutcome computeFile(MD4Hash& out, Disk& disk, const char* path, std::vector<MD4Hash>& parts,
                                    const GiveUp& giveUp = {}, u64* size = nullptr);
 };
 

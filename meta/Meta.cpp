@@ -1,9 +1,9 @@
 #include "meta/Meta.h"
 
+#include <string>
+
 #include <bit>
 #include <cstring>
-
-#include "app/UIInterface.h"
 
 Meta::~Meta() { deleteAll(tags_); }
 
@@ -13,7 +13,7 @@ bool Meta::toDisk(i4_file& file) { return saveList(tags_, file, StreamForm::disk
 bool Meta::fromNetwork(i4_file& file) {
     bool damaged = false;
     if (readTags(file, damaged)) return true;
-    if (damaged) theLog->printVerbose("ERROR: Meta::fromNetwork()\n");
+    if (damaged) file.tell(i4_log::Tone::verbose, "ERROR: Meta::fromNetwork()\n");
     return false;
 }
 
@@ -21,7 +21,7 @@ bool Meta::fromDisk(i4_file& file) {
     clearTags();
     bool damaged = false;
     if (readTags(file, damaged)) return true;
-    if (damaged) theLog->print("ERROR: Meta::fromDisk()\n");
+    if (damaged) file.tell(i4_log::Tone::plain, "ERROR: Meta::fromDisk()\n");
     return false;
 }
 
@@ -158,11 +158,12 @@ char* Meta::printable(const char* name, char* dst, i32 n) const {
     return dst;
 }
 
-void Meta::print() const {
+void Meta::print(i4_log& log) const {
     for (LL<MetaTag>::Cursor c; const MetaTag* tag = tags_.next(c);) {
         char buffer[255] = "";
         const char* text = tag->printable(buffer, sizeof buffer);
         const char* name = tag->displayName();
-        theLog->printLine("%s: %s", orEmpty(name), orEmpty(text));
+        const std::string line = std::string(orEmpty(name)) + ": " + orEmpty(text) + "\n";
+        log.tell(i4_log::Tone::plain, line.c_str());
     }
 }

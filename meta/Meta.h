@@ -64,7 +64,7 @@ class Meta : public Serializable {
     f32 getFloat(TagIndex index) const { return getFloat(tagTable[index].wireName); }
 
     char* printable(const char* name, char* dst, i32 n) const;  // an empty text if there is no such tag
-    void print() const;
+    void print(i4_log& log) const;
     const LL<MetaTag>& getTags() const { return tags_; }
 
   private:

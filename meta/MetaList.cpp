@@ -7,7 +7,6 @@
 #include <string>
 #include <unordered_map>
 
-#include "app/UIInterface.h"
 #include "i4min/file/buffered_file.h"
 #include "i4min/file/save_file.h"
 
@@ -60,11 +59,11 @@ bool MetaList::readRecords(i4_file& file, StreamForm form) {
     for (i32 i = 0; i < count; ++i) {
         std::unique_ptr<Meta> record = newMeta();
         if (!(form == StreamForm::disk ? record->fromDisk(file) : record->fromNetwork(file))) {
-            theLog->printVerbose("meta #:%d, n=%d\n", count, i);
+            file.tell(i4_log::Tone::verbose, "meta #:%d, n=%d\n", count, i);
             if (form == StreamForm::disk) {
-                theLog->print("ERROR: MetaList::fromDisk()\n");
+                file.tell(i4_log::Tone::plain, "ERROR: MetaList::fromDisk()\n");
             } else {
-                theLog->printVerbose("ERROR: MetaList::fromNetwork()\n");
+                file.tell(i4_log::Tone::verbose, "ERROR: MetaList::fromNetwork()\n");
             }
             return false;
         }
@@ -82,11 +81,12 @@ u32 MetaList::byteSize() const {
 
 std::unique_ptr<Meta> MetaList::newMeta() { return std::make_unique<Meta>(); }
 
-LoadResult MetaList::load(const char* name) {
-    std::unique_ptr<i4_file> file = i4_open_exact(translated(name).c_str(), I4_FILE_READ);
+LoadResult MetaList::load(Disk& disk, const char* name, i4_log* log) {
+    std::unique_ptr<i4_file> file = disk.open(translated(name).c_str(), I4_FILE_READ);
     if (!file) return errno == ENOENT || errno == ENOTDIR ? LoadResult::missing : LoadResult::damaged;
     const std::optional<u32> length = file->bytesLeft();
     RecordFile reader(std::move(file), length);
+    reader.setLog(log);
     try {
         return fromDisk(reader) ? LoadResult::whole : LoadResult::damaged;
     } catch (const i4_err&) {
@@ -94,15 +94,8 @@ LoadResult MetaList::load(const char* name) {
     }
 }
 
-bool MetaList::save(const char* name) {
-    return saveFile(translated(name).c_str(), [this](i4_file& file) { return toDisk(file); });
-}
-
-bool MetaList::loadOrSetAside(const char* name) {
-    if (load(name) != LoadResult::damaged) return true;
-    theLog->printLine("Error loading: %s", name);
-    setAsideDamaged(translated(name).c_str());
-    return false;
+std::string MetaList::save(Disk& disk, const char* name) {
+    return saveFile(disk, translated(name).c_str(), [this](i4_file& file) { return toDisk(file); });
 }
 
 void MetaList::copyFrom(MetaList* other) {
@@ -174,12 +167,12 @@ void MetaList::deleteAll() {
     ::deleteAll(list_);
 }
 
-void MetaList::print() const {
+void MetaList::print(i4_log& log) const {
     const i4_guard guard(*this);
     int position = 0;
     for (Cursor c; const Meta* record = next(c);) {
-        theLog->printLine("\nMeta (%d)", position++);
-        record->print();
+        log.tell(i4_log::Tone::plain, ("\nMeta (" + std::to_string(position++) + ")\n").c_str());
+        record->print(log);
     }
 }
 

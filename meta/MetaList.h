@@ -3,8 +3,10 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "i4min/file/Disk.h"
 #include "i4min/memory/LLsafe.h"
 #include "meta/Meta.h"
 
@@ -55,14 +57,12 @@ class CAPABILITY("list") MetaList : public Serializable {
     u32 byteSize() const override;
     virtual std::unique_ptr<Meta> newMeta();  // an empty record of the kind that this list holds
     // A name that the user typed: see i4_translate_path.
-    virtual LoadResult load(const char* name);
-    // Through saveFile: on a failure, which is told, the old file stays.
-    virtual bool save(const char* name);
+    // What is damaged is told to the log.
+    virtual LoadResult load(Disk& disk, const char* name, i4_log* log = nullptr);
+    // Through saveFile, which see: the reason why it failed, empty where it didn't.
+    [[nodiscard]] virtual std::string save(Disk& disk, const char* name);
     virtual void copyFrom(MetaList* other);   // copies of the other's records instead of what was here
     virtual void removeAll(MetaList* other);  // by pointer
-
-    // load(); a damaged file is told in one line and set aside. False for such a one.
-    bool loadOrSetAside(const char* name);
 
     void lock() const ACQUIRE() NO_THREAD_SAFETY_ANALYSIS { list_.lock(); }
     void unlock() const RELEASE() NO_THREAD_SAFETY_ANALYSIS { list_.unlock(); }
@@ -74,7 +74,7 @@ class CAPABILITY("list") MetaList : public Serializable {
     u32 count() const;                   // no walk
     void clear();                        // deletes no record
     void deleteAll();                    // deletes every record
-    void print() const;
+    void print(i4_log& log) const;
     // Adds the records that match to `out`, in order, at most `limit` of them; 0 is no limit.
     void search(const MetaMatcher& matcher, MetaList& out, u32 limit);
     void sort(Compare compare);  // see LL::sort

@@ -5,8 +5,6 @@
 #include <cstring>
 #include <string>
 
-#include "app/UIInterface.h"
-
 namespace {
 
 std::unique_ptr<MetaTag> newTag(int type, const void* value) {
@@ -26,8 +24,6 @@ std::unique_ptr<MetaTag> newTag(int type, const void* value) {
         case META_TAG_BLOB:
             return std::make_unique<MetaTagBlob>(value);
         default:
-            if (theLog->mayComplain(UIInterface::Complaint::brokenTag))
-                theLog->print("ERROR: unknown type MetaTag::makeTag() %d\n", type);
             return nullptr;
     }
 }
@@ -58,12 +54,14 @@ std::unique_ptr<MetaTag> MetaTag::makeTag(TagIndex index, const void* value) {
 
 std::unique_ptr<MetaTag> MetaTag::readTag(i4_file& file) {
     try {
-        auto tag = newTag(file.read_8(), nullptr);
+        const int type = file.read_8();
+        auto tag = newTag(type, nullptr);
+        if (!tag) file.tell(i4_log::Tone::damage, "ERROR: unknown type MetaTag::makeTag() %d\n", type);
         if (tag && tag->fromBytes(file)) return tag;
     } catch (const i4_err&) {
         return nullptr;
     }
-    if (theLog->mayComplain(UIInterface::Complaint::brokenTag)) theLog->print("error in tag from bytes\n");
+    file.tell(i4_log::Tone::damage, "error in tag from bytes\n");
     return nullptr;
 }
 
@@ -72,7 +70,7 @@ bool MetaTag::toBytes(i4_file& file) const {
         if (file.write_8(type_) != 1) return false;
         i4_write_string(file, name_ ? name_ : "n");
     } catch (const i4_err&) {
-        theLog->printVerbose("**I4 error in MetaTag::toBytes()\n");
+        file.tell(i4_log::Tone::verbose, "**I4 error in MetaTag::toBytes()\n");
         return false;
     }
     return writeValue(file);
@@ -114,9 +112,7 @@ std::unique_ptr<MetaTag> MetaTag::clone() const {
 
 bool MetaTag::isNamed(const char* name) const { return name_ && name && std::strcmp(name_, name) == 0; }
 
-const char* MetaTag::displayName() const {
-    return row() ? row()->displayName.load(std::memory_order_acquire) : name_;
-}
+const char* MetaTag::displayName() const { return row() ? row()->displayName : name_; }
 
 u32 MetaTag::nameLength() const { return name_ ? static_cast<u32>(std::strlen(name_)) : 1; }
 
@@ -148,7 +144,7 @@ bool MetaTagString::writeValue(i4_file& file) const {
         value_.write(file);
         return true;
     } catch (const i4_err&) {
-        theLog->printVerbose("**I4 error in MetaTagString::toBytes()\n");
+        file.tell(i4_log::Tone::verbose, "**I4 error in MetaTagString::toBytes()\n");
         return false;
     }
 }

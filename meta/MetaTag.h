@@ -28,12 +28,12 @@ class MetaTag : public Serializable {
   public:
     ~MetaTag() override;
 
-    // An unknown type is told in one line and gives null.
+    // Null for an unknown type.
     static std::unique_ptr<MetaTag> makeTag(int type, const char* name, const void* value);
     // A tag of tagTable: the row's type and name. Null for a row that isn't there.
     static std::unique_ptr<MetaTag> makeTag(TagIndex index, const void* value);
-    // Takes a tag off a stream. Null for a short stream, with no message, and for an unknown type, with one;
-    // the rest of the stream is then lost.
+    // Takes a tag off a stream. Null for a short stream, with no message, and for an unknown type, which is
+    // told; the rest of the stream is then lost.
     static std::unique_ptr<MetaTag> readTag(i4_file& file);
 
     bool toNetwork(i4_file& file) const final { return toBytes(file); }

@@ -36,11 +36,10 @@ class Serializable {
     Serializable& operator=(const Serializable&) = default;
 
   private:
-    static void reportFailedElement();
     template <class T>
     static bool saveElement(T& element, i4_file& file, StreamForm form) {
         if (form == StreamForm::disk ? element.toDisk(file) : element.toNetwork(file)) return true;
-        reportFailedElement();
+        file.tell(i4_log::Tone::plain, "ERROR: Serializable::saveList()\n");
         return false;
     }
 };

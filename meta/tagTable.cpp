@@ -1,11 +1,6 @@
 #include "meta/tagTable.h"
 
-#include <set>
-#include <string>
-
-#include "i4min/memory/mutex.h"
-
-constinit std::array<MetaTagRow, tagRows> tagTable{{
+const std::array<MetaTagRow, tagRows> tagTable{{
     {0, 0, 0, nullptr, {0, 0}},
     {META_TAG_STRING, 1, 0, "Name", {TAG_NAME, 0}},
     {META_TAG_INT, 0, 0, "Size", {TAG_SIZE, 0}},
@@ -45,12 +40,3 @@ constexpr OneByteNames oneByteNames;
 }  // namespace
 
 const char* oneByteName(u8 character) { return oneByteNames.names[character]; }
-
-void setTagDisplayName(TagIndex index, const char* text) {
-    // Reachable for ever, even from code that runs while static objects go.
-    static i4_mutex lock(LockRank::leaf);
-    static auto& names = *new std::set<std::string>;
-    if (!text) return;
-    const i4_lock guard(lock);
-    tagTable[index].displayName = names.insert(text).first->c_str();
-}

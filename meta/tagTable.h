@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 
 #include "i4min/memory/types.h"
 
@@ -48,18 +47,13 @@ struct MetaTagRow {
     u8 type;
     u8 flagA;
     u8 flagB;
-    std::atomic<const char*> displayName;  // changes with the language; never null but in row 0
+    const char* displayName;  // in English; null in row 0
     char wireName[2];
 };
 
 inline constexpr u32 tagRows = 24;  // row 0 is no tag
 
-// Ready before any code of ours runs. Thread: any; all but displayName never changes.
-extern std::array<MetaTagRow, tagRows> tagTable;
-
-// Names the row in the user's language. The text is copied, and the copy stays for the life of the process,
-// as do the names it takes the place of.
-void setTagDisplayName(TagIndex index, const char* text);
+extern const std::array<MetaTagRow, tagRows> tagTable;
 
 // The terminated text of one character, in memory that lasts: what one-byte names of tags point at.
 const char* oneByteName(u8 character);

@@ -1,14 +1,13 @@
 #include "peer/Call.h"
 
-#include "app/ClientApp.h"
-#include "app/UIInterface.h"
 #include "peer/Peer.h"
+#include "peer/PeerNeeds.h"
 
-Call::Call(const UserMeta& user) { user_.copyFrom(&user); }
+Call::Call(const PeerNeeds& needs, const UserMeta& user) : needs_(needs) { user_.copyFrom(&user); }
 
 void Call::connect(const UserMeta& user) {
     Ref<Peer> peer;
-    const ConnectResult result = clientApp.connectToUser(user, peer);
+    const ConnectResult result = needs_.reach.connectToUser(user, peer);
     i4_lock guard(lock_);
     if (state_ != CALL_CONNECTING || result == ConnectResult::connecting) return;
     if (peer && !peer->isDead()) {
@@ -47,7 +46,7 @@ void Call::peerConnected(Peer& peer) {
         peer_ = Ref<Peer>(&peer);
         user_.copyFrom(&other);
     }
-    theUI->callOpened(this);
+    needs_.ui.callOpened(this);
 }
 
 void Call::peerGone(Peer& peer) {
@@ -57,8 +56,8 @@ void Call::peerGone(Peer& peer) {
         peer_.reset();
         state_ = CALL_ENDED;
     }
-    theUI->callMessage(this, "Disconnected.");
-    theUI->callOpened(this);
+    needs_.ui.callMessage(this, "Disconnected.");
+    needs_.ui.callOpened(this);
 }
 
 void Call::refused(const UserMeta& other) {
@@ -67,6 +66,6 @@ void Call::refused(const UserMeta& other) {
         if (!isUser(other)) return;
         state_ = CALL_ENDED;
     }
-    theUI->callMessage(this, "Is not accepting calls.");
-    theUI->callOpened(this);
+    needs_.ui.callMessage(this, "Is not accepting calls.");
+    needs_.ui.callOpened(this);
 }

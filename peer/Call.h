@@ -7,6 +7,7 @@
 #include "meta/UserMeta.h"
 
 class Peer;
+struct PeerNeeds;
 
 //   from   event                                         to
 //   none   connect(): connected / on its way / neither   0 / 1 / 3
@@ -22,7 +23,7 @@ enum CallState : u32 {
 // Thread: any. Lives as long as the process, in the CallList.
 class Call {
   public:
-    explicit Call(const UserMeta& user);
+    Call(const PeerNeeds& needs, const UserMeta& user);
 
     // Looks for the user, once. The list has the call by then, so that no event passes it by.
     void connect(const UserMeta& user) EXCLUDES(lock_);
@@ -38,6 +39,7 @@ class Call {
   private:
     bool isUser(const UserMeta& other) const REQUIRES(lock_);
 
+    const PeerNeeds& needs_;
     mutable i4_mutex lock_{LockRank::call};
     Ref<Peer> peer_ GUARDED_BY(lock_);
     Relaxed<u32> state_{CALL_CONNECTING};

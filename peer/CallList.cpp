@@ -1,8 +1,7 @@
 #include "peer/CallList.h"
 
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
 #include "peer/FriendList.h"
+#include "peer/PeerNeeds.h"
 
 namespace {
 
@@ -36,7 +35,7 @@ Call* CallList::open(const UserMeta& user) {
     {
         const i4_guard guard(list_);
         if (Call* known = findUnsafe(user)) return known;
-        call = new Call(user);
+        call = new Call(needs_, user);
         list_.addUnsafe(call);
     }
     call->connect(user);
@@ -46,12 +45,13 @@ Call* CallList::open(const UserMeta& user) {
 bool CallList::gotMessage(const UserMeta& user, const char* text) {
     Call* known = find(user);
     if (!known) {
-        if (preferences.pmAllow == withCall) return false;
-        if (preferences.pmAllow == friendsAndWithCall && !friendList.isFriend(user.hash)) return false;
+        const i32 allowed = needs_.core.preferences.pmAllow;
+        if (allowed == withCall) return false;
+        if (allowed == friendsAndWithCall && !friends_.isFriend(user.hash)) return false;
         if (list_.count() >= mostCalls) return false;
         known = open(user);
     }
-    theUI->callMessage(known, text);
+    needs_.ui.callMessage(known, text);
     return true;
 }
 

@@ -1,23 +1,17 @@
 #include "peer/FriendList.h"
 
-#include "app/ClientApp.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
 #include "peer/Peer.h"
-
-namespace {
-
-void askPeer(Peer& peer, const char* name) {
-    theLog->printLine("%s %s %s", stringTable.get(STRINGS_ASKING), orEmpty(name),
-                      stringTable.get(STRINGS_FOR_FILE_LIST));
-    peer.askSharedFiles();
-}
-
-}  // namespace
+#include "peer/PeerNeeds.h"
 
 FriendList::~FriendList() {
     deleteAll();
     files_.deleteAll();
+}
+
+void FriendList::askPeer(Peer& peer, const char* name) {
+    needs_.core.log.printLine("%s %s %s", needs_.core.strings.get(STRINGS_ASKING), orEmpty(name),
+                              needs_.core.strings.get(STRINGS_FOR_FILE_LIST));
+    peer.askSharedFiles();
 }
 
 UserMeta* FriendList::findFriend(const UserMeta& user) {
@@ -42,7 +36,7 @@ void FriendList::addFriend(const UserMeta& user) {
         if (findFriend(user)) return;
         addUnsafe(copyOf(user).release());
     }
-    theUI->friendsChanged();
+    needs_.ui.friendsChanged();
 }
 
 void FriendList::remove(const UserMeta& user) {
@@ -52,7 +46,7 @@ void FriendList::remove(const UserMeta& user) {
         if (!known) return;
         removeUnsafe(known.get());
     }
-    theUI->friendsChanged();
+    needs_.ui.friendsChanged();
 }
 
 void FriendList::setState(const UserMeta& user, u32 state) {
@@ -69,21 +63,21 @@ void FriendList::askFiles(const UserMeta* wanted) {
     }
     const UserMeta& user = *wanted;
     if (user.id == 0) {
-        theLog->printLine("Need to look for user. Not yet implemented.");
+        needs_.core.log.printLine("Need to look for user. Not yet implemented.");
         return;
     }
     Ref<Peer> peer;
-    switch (clientApp.connectToUser(user, peer)) {
+    switch (needs_.reach.connectToUser(user, peer)) {
         case ConnectResult::peerThere:
             askPeer(*peer, peer->userName().c_str());
             break;
         case ConnectResult::connecting:
             setState(user, FRIEND_WAITING);
-            theLog->printLine("%s", stringTable.get(STRINGS_WAITING_CONNECTION));
+            needs_.core.log.printLine("%s", needs_.core.strings.get(STRINGS_WAITING_CONNECTION));
             break;
         case ConnectResult::neitherReachable:
             setState(user, FRIEND_UNREACHABLE);
-            theLog->printLine("%s", stringTable.get(STRINGS_CANT_CONNECT_USER));
+            needs_.core.log.printLine("%s", needs_.core.strings.get(STRINGS_CANT_CONNECT_USER));
             break;
         case ConnectResult::impossible:
         case ConnectResult::tooManyConnections:
@@ -105,7 +99,7 @@ void FriendList::peerConnected(Peer& peer) {
         known->friendState = FRIEND_CONNECTED;
     }
     if (asks) askPeer(peer, user.getName());
-    theUI->friendsChanged();
+    needs_.ui.friendsChanged();
 }
 
 void FriendList::peerGone(Peer& peer) {
@@ -117,7 +111,7 @@ void FriendList::peerGone(Peer& peer) {
         if (!known) return;
         known->friendState = FRIEND_NOT_CONNECTED;
     }
-    theUI->friendsChanged();
+    needs_.ui.friendsChanged();
 }
 
 bool FriendList::awaitsFiles(const Peer& peer) {
@@ -145,5 +139,5 @@ void FriendList::gotFiles(Peer& peer, OwnedList<FileList> list) {
     files_.deleteAll();
     files_.addAll(*list);
     list->clear();
-    theUI->friendFiles();
+    needs_.ui.friendFiles();
 }

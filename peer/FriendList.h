@@ -7,6 +7,7 @@
 #include "meta/UserList.h"
 
 class Peer;
+struct PeerNeeds;
 
 // UserMeta::friendState of a friend.
 enum FriendState : u32 {
@@ -20,6 +21,7 @@ enum FriendState : u32 {
 // Owns: its records and the files that a friend told.
 class FriendList : public UserList {
   public:
+    explicit FriendList(const PeerNeeds& needs) : needs_(needs) {}
     ~FriendList() override;
 
     bool add(u32 ip, u16 port);  // false for an ip of 0
@@ -35,12 +37,12 @@ class FriendList : public UserList {
     FileList& getFiles() { return files_; }
 
   private:
+    void askPeer(Peer& peer, const char* name);
     UserMeta* findFriend(const UserMeta& user) REQUIRES(this);
     void setState(const UserMeta& user, u32 state) EXCLUDES(this);
     bool isAsked(const UserMeta& user) const REQUIRES(this) { return asked_ && asked_->sameUser(&user); }
 
+    const PeerNeeds& needs_;
     FileList files_;
     std::unique_ptr<UserMeta> asked_ GUARDED_BY(this);  // whose list is awaited, null if nobody's
 };
-
-extern FriendList friendList;

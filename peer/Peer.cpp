@@ -3,17 +3,11 @@
 #include <memory>
 #include <utility>
 
-#include "app/ClientApp.h"
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
-#include "download/DLPool.h"
 #include "i4min/network/socket.h"
 #include "meta/FileList.h"
 #include "meta/address.h"
-#include "peer/CallList.h"
-#include "peer/FriendList.h"
+#include "peer/PeerNeeds.h"
 #include "peer/PeerOpcodes.h"
-#include "peer/UploadPool.h"
 #include "transport/OpcodeTable.h"
 
 namespace {
@@ -63,13 +57,6 @@ std::unique_ptr<Packet> makeFilePacket(u8 opcode, const MD4Hash& hash, u32 paylo
     return packet;
 }
 
-// Our own record and the server that gave us our ID.
-void writeIdentity(i4_file& stream) {
-    preferences.writeSelf(stream);
-    stream.write_32(preferences.serverIp());
-    stream.write_16(preferences.serverPort());
-}
-
 // A list of our files on its way, of which a connection has one at a time.
 class ListPacket : public Packet {
   public:
@@ -101,39 +88,20 @@ void copyBounded(const UserMeta& from, UserMeta& to) {
     to.copyFrom(&bare);
 }
 
-// What we tell of a shared file, copied under the list's lock. Empty where the file isn't shared.
-struct SharedFile {
-    bool found = false;
-    bool complete = false;
-    i4_string name{nullptr};
-    std::vector<MD4Hash> partHashes;
-};
-
-SharedFile findShared(const MD4Hash& hash) {
-    SharedFile result;
-    FileList& shared = clientApp.shared;
-    const i4_guard guard(shared);
-    if (const FileMeta* file = shared.findUnsafe(hash)) {
-        result.found = true;
-        result.complete = !file->path.isNull();
-        result.name = file->getName();
-        result.partHashes = file->partHashes;
-    }
-    return result;
-}
-
 }  // namespace
 
-Peer::Peer(u32 toId, u16 toPort) : Connection(toId, toPort) {
+Peer::Peer(SocketPool& pool, const PeerNeeds& needs, u32 toId, u16 toPort)
+    : Connection(pool, toId, toPort), needs_(needs) {
     user_.id = toId;
     user_.port = toPort;
 }
 
-Peer::Peer(std::unique_ptr<i4_socket> accepted, SocketPool* pool) : Connection(std::move(accepted), pool) {}
+Peer::Peer(SocketPool& pool, const PeerNeeds& needs, std::unique_ptr<i4_socket> accepted)
+    : Connection(pool, std::move(accepted)), needs_(needs) {}
 Peer::~Peer() = default;
 
-Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted, SocketPool* pool) {
-    return new Peer(std::move(accepted), pool);
+Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted) {
+    return new Peer(pool(), needs_, std::move(accepted));
 }
 
 const OpcodeTable* Peer::opcodes() const { return &table; }
@@ -141,8 +109,16 @@ u32 Peer::bodyLimit() const { return gotHello_ ? peerBodyLimit : strangerBodyLim
 u32 Peer::queueLimit() const { return answersLimit + *listBytes_; }
 bool Peer::awaitsFirst() const { return Connection::awaitsFirst() || !gotHello_; }
 
+// Our own record and the server that gave us our ID.
+void Peer::writeIdentity(i4_file& stream) {
+    Preferences& preferences = needs_.core.preferences;
+    preferences.writeSelf(stream);
+    stream.write_32(preferences.serverIp());
+    stream.write_16(preferences.serverPort());
+}
+
 void Peer::connected() {
-    auto packet = makePacket(OP_HELLO, preferences.selfByteSize() + 7);
+    auto packet = makePacket(OP_HELLO, needs_.core.preferences.selfByteSize() + 7);
     packet->stream.write_8(helloMark);
     writeIdentity(packet->stream);
     packet->finish();
@@ -151,45 +127,42 @@ void Peer::connected() {
 }
 
 void Peer::connectFailed() {
-    const u16 toPort = static_cast<u16>(port.get());
-    dlPool.connectFailed(ip, toPort);
-    uploadPool.connectFailed(ip, toPort);
+    needs_.listener.connectFailed(ip, static_cast<u16>(port.get()));
     Connection::connectFailed();
 }
 
 // A connection that never received a message has, for the others, never existed.
 void Peer::gone() {
-    peers.remove(this);
-    if (!gotFirst) return;
-    uploadPool.peerGone(*this);
-    dlPool.peerGone(*this);
-    friendList.peerGone(*this);
-    callList.peerGone(*this);
+    needs_.peers.remove(this);
+    if (gotFirst) needs_.listener.gone(*this);
 }
 
 void Peer::joinPeers() {
-    const i4_guard guard(peers);
-    if (!peers.contains(this)) peers.addUnsafe(this);
+    const i4_guard guard(needs_.peers);
+    if (!needs_.peers.contains(this)) needs_.peers.addUnsafe(this);
 }
 
 bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     idle = 1;
+    PeerListener& listener = needs_.listener;
     switch (opcode) {
         case OP_HELLO:
             return gotHello(stream);
         case OP_PEER_OUT_OF_DATE:
-            if (theLog->mayComplain(UIInterface::Complaint::peerOutOfDate))
-                theLog->printLine("Either your client or one you are connected to is out of date.");
+            if (needs_.core.log.mayComplain(UIInterface::Complaint::peerOutOfDate))
+                needs_.core.log.printLine("Either your client or one you are connected to is out of date.");
             return true;
         case OP_FILE_DATA:
-            return forDownload(stream, [&](Download& file) { gotFileData(stream, file); });
+            listener.gotFileData(*this, MD4Hash::read(stream), stream);
+            return true;
         case OP_REQUEST_PARTS:
-            uploadPool.gotPartRequest(stream, *this);
+            listener.gotPartRequest(*this, stream);
             return true;
         case OP_NO_SUCH_FILE:
-            return forDownload(stream, [&](Download& file) { file.noSuchFile(*this); });
+            listener.noSuchFile(*this, MD4Hash::read(stream));
+            return true;
         case OP_STOP_UPLOAD:
-            uploadPool.stopUpload(MD4Hash::read(stream), *this);
+            listener.uploadStopped(*this, MD4Hash::read(stream));
             return true;
         case OP_GET_SHARED_FILES:
             return tellSharedFiles();
@@ -208,37 +181,30 @@ bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
         case OP_GET_HASH_SET:
             return tellHashSet(MD4Hash::read(stream));
         case OP_HASH_SET:
-            return forDownload(stream, [&](Download& file) { file.gotHashSet(stream); });
+            listener.gotHashSet(MD4Hash::read(stream), stream);
+            return true;
         case OP_CHAT_REFUSED:
             return gotChatRefused();
         case OP_REQUEST_SLOT:
-            uploadPool.gotSlotRequest(*this);
+            listener.gotSlotRequest(*this);
             return true;
         case OP_SLOT_GRANTED:
-            dlPool.slotGranted(*this);
+            listener.slotGranted(*this);
             return true;
         case OP_RELEASE_SLOT:
-            uploadPool.peerGone(*this);
+            listener.slotReleased(*this);
             return true;
         case OP_SLOT_ENDED:
-            dlPool.slotEnded(*this);
+            listener.slotEnded(*this);
             return true;
         case OP_GET_FILE_NAME:
             return tellFileName(MD4Hash::read(stream));
         case OP_FILE_NAME:
-            return forDownload(stream,
-                               [&](Download& file) { file.gotFileName(i4_string(stream).c_str(), *this); });
+            listener.gotFileName(*this, MD4Hash::read(stream), stream);
+            return true;
         default:
             return Connection::handleMessage(opcode, stream);
     }
-}
-
-// Reads the hash and acts on the download of that file; what is left of the message is dropped where there is
-// none.
-template <class Act>
-bool Peer::forDownload(i4_file& stream, Act act) {
-    if (const Ref<Download> download = dlPool.find(MD4Hash::read(stream))) act(*download);
-    return true;
 }
 
 // Reads who is on the other side: record, server. False where that can't be read.
@@ -269,23 +235,18 @@ void Peer::setIdentity(u32 id) {
 
 bool Peer::gotHello(i4_file& stream) {
     if (stream.read_8() != helloMark || !readUser(stream)) return false;
-    auto packet = makePacket(OP_HELLO_ANSWER, preferences.selfByteSize() + 6);
+    auto packet = makePacket(OP_HELLO_ANSWER, needs_.core.preferences.selfByteSize() + 6);
     writeIdentity(packet->stream);
     packet->finish();
     send(std::move(packet));
     joinPeers();
-    dlPool.peerConnected(*this);
-    friendList.peerConnected(*this);
-    uploadPool.gotCall(*this);
+    needs_.listener.met(*this, PeerListener::Met::hello);
     return true;
 }
 
 bool Peer::gotHelloAnswer(i4_file& stream) {
     if (!readUser(stream)) return false;
-    dlPool.peerConnected(*this);
-    friendList.peerConnected(*this);
-    callList.peerConnected(*this);
-    uploadPool.gotCall(*this);
+    needs_.listener.met(*this, PeerListener::Met::helloAnswer);
     return true;
 }
 
@@ -297,18 +258,16 @@ bool Peer::gotNewIdentity(i4_file& stream) {
         user_.serverIp = server;
     }
     setIdentity(id);
-    dlPool.peerConnected(*this);
-    friendList.peerConnected(*this);
-    callList.peerConnected(*this);
+    needs_.listener.met(*this, PeerListener::Met::newIdentity);
     return true;
 }
 
 // Asked again before the last answer has left, there is no second one.
 bool Peer::tellSharedFiles() {
     if (*listBytes_ != 0) return true;
-    auto packet = std::make_unique<ListPacket>(1 + clientApp.shared.byteSize(), listBytes_);
+    auto packet = std::make_unique<ListPacket>(1 + needs_.files.listBytes(), listBytes_);
     packet->stream.write_8(OP_SHARED_FILES);
-    clientApp.shared.toNetwork(packet->stream);
+    needs_.files.writeList(packet->stream);
     packet->finish();
     *listBytes_ = packet->size;
     send(std::move(packet));
@@ -317,10 +276,11 @@ bool Peer::tellSharedFiles() {
 
 bool Peer::gotSharedFiles(i4_file& stream) {
     // A long list costs many times its bytes in memory: it's read only where somebody waits for it.
-    if (stream.bytesLeft().value_or(0) > strangerBodyLimit && !friendList.awaitsFiles(*this)) return true;
+    if (stream.bytesLeft().value_or(0) > strangerBodyLimit && !needs_.listener.awaitsFiles(*this))
+        return true;
     OwnedList<FileList> list(new FileList);
     if (!list->fromNetwork(stream)) return false;
-    friendList.gotFiles(*this, std::move(list));
+    needs_.listener.gotSharedFiles(*this, std::move(list));
     return true;
 }
 
@@ -328,28 +288,26 @@ bool Peer::gotChatMessage(i4_file& stream) {
     const i4_string text(stream);
     UserMeta user;
     copyUser(user);
-    if (!callList.gotMessage(user, text.c_str())) send(makePacket(OP_CHAT_REFUSED));
+    if (!needs_.listener.gotChatMessage(user, text.c_str())) send(makePacket(OP_CHAT_REFUSED));
     return true;
 }
 
 bool Peer::gotChatRefused() {
     UserMeta user;
     copyUser(user);
-    callList.refused(user);
+    needs_.listener.chatRefused(user);
     return true;
 }
 
 bool Peer::tellFileStatus(const MD4Hash& hash) {
-    const SharedFile file = findShared(hash);
-    if (!file.found) {
+    SharedFile file;
+    if (!needs_.files.find(hash, file)) {
         noSuchFile(hash);
         return true;
     }
     // An empty array says that all is here.
     BoolArray parts;
-    if (!file.complete) {
-        if (const Ref<Download> download = dlPool.find(hash)) download->partial().copyPartsDone(parts);
-    }
+    if (file.path.isNull()) needs_.files.partsDone(hash, parts);
     auto packet = makeFilePacket(OP_FILE_STATUS, hash, parts.byteSize());
     parts.write(packet->stream);
     packet->finish();
@@ -357,28 +315,17 @@ bool Peer::tellFileStatus(const MD4Hash& hash) {
     return true;
 }
 
-// Data is taken from those who were asked: nobody else may spoil a file that is on its way.
-void Peer::gotFileData(i4_ram_file_class& stream, Download& file) {
-    if (file.usesSlot(*this)) file.gotData(stream, *this);
-}
-
 bool Peer::gotFileStatus(i4_file& stream) {
     const MD4Hash hash = MD4Hash::read(stream);
     BoolArray parts;
     parts.read(stream);
-    const Ref<Download> download = dlPool.find(hash);
-    if (!download) return true;
-    if (parts.size() == 0) {
-        parts.setSize(static_cast<i32>(download->partial().getPartCount()));
-        parts.setAll(true);
-    }
-    download->gotFileStatus(*this, parts);
+    needs_.listener.gotFileStatus(*this, hash, parts);
     return true;
 }
 
 bool Peer::tellHashSet(const MD4Hash& hash) {
-    const SharedFile file = findShared(hash);
-    if (!file.found) {
+    SharedFile file;
+    if (!needs_.files.find(hash, file)) {
         noSuchFile(hash);
         return true;
     }
@@ -391,8 +338,8 @@ bool Peer::tellHashSet(const MD4Hash& hash) {
 }
 
 bool Peer::tellFileName(const MD4Hash& hash) {
-    const SharedFile file = findShared(hash);
-    if (!file.found) return true;
+    SharedFile file;
+    if (!needs_.files.find(hash, file)) return true;
     auto packet = makeFilePacket(OP_FILE_NAME, hash, static_cast<u32>(2 + file.name.length()));
     file.name.write(packet->stream);
     send(std::move(packet));
@@ -412,8 +359,8 @@ void Peer::askSharedFiles() { send(makePacket(OP_GET_SHARED_FILES)); }
 
 void Peer::sendIdentity() {
     auto packet = makePacket(OP_NEW_IDENTITY, 8);
-    packet->stream.write_32(preferences.clientId());
-    packet->stream.write_32(preferences.serverIp());
+    packet->stream.write_32(needs_.core.preferences.clientId());
+    packet->stream.write_32(needs_.core.preferences.serverIp());
     send(std::move(packet));
 }
 

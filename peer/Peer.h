@@ -10,19 +10,20 @@
 #include "meta/UserMeta.h"
 #include "transport/Connection.h"
 
-class Download;
+struct PeerNeeds;
 
-// Each message is handed to DLPool, UploadPool, FriendList or the call list, and through them to their
-// states; a Peer itself remembers who is on the other side. peer/Peer.cpp has the table of the messages.
+// Each message is handed to the PeerListener; a Peer itself answers what is asked of our files, and remembers
+// who is on the other side. peer/Peer.cpp has the table of the messages.
 // Thread: handlers on the socket pool's; the sending operations on any.
 class Peer : public Connection {
   public:
-    Peer(u32 toId, u16 toPort);                                   // an outgoing connection
-    Peer(std::unique_ptr<i4_socket> accepted, SocketPool* pool);  // one that came in
+    // An outgoing connection, and one that came in.
+    Peer(SocketPool& pool, const PeerNeeds& needs, u32 toId, u16 toPort);
+    Peer(SocketPool& pool, const PeerNeeds& needs, std::unique_ptr<i4_socket> accepted);
     ~Peer() override;
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
-    Connection* spawn(std::unique_ptr<i4_socket> accepted, SocketPool* pool) override;
+    Connection* spawn(std::unique_ptr<i4_socket> accepted) override;
     void connected() override;  // hello, and joins `peers`
     void connectFailed() override;
     i4_string getText() override { return userName(); }
@@ -62,28 +63,24 @@ class Peer : public Connection {
     void joinPeers();
     bool readUser(i4_file& stream);
     void setIdentity(u32 id);
-    template <class Act>
-    bool forDownload(i4_file& stream, Act act);
     bool gotHello(i4_file& stream);
     bool gotHelloAnswer(i4_file& stream);
     bool gotNewIdentity(i4_file& stream);
     bool gotSharedFiles(i4_file& stream);
     bool gotChatMessage(i4_file& stream);
     bool gotChatRefused();
-    void gotFileData(i4_ram_file_class& stream, Download& file);
     bool gotFileStatus(i4_file& stream);
     bool tellSharedFiles();
     bool tellFileStatus(const MD4Hash& hash);
     bool tellHashSet(const MD4Hash& hash);
     bool tellFileName(const MD4Hash& hash);
 
+    void writeIdentity(i4_file& stream);
+
+    const PeerNeeds& needs_;
     bool gotHello_ = false;  // of the pool's thread
     // The bytes of a list of our files that is still to be sent, 0 where there is none.
     const std::shared_ptr<Relaxed<u32>> listBytes_ = std::make_shared<Relaxed<u32>>();
     mutable i4_mutex userLock_{LockRank::leaf};
     UserMeta user_ GUARDED_BY(userLock_);
 };
-
-// The live connections to other clients. An entry is valid while the lock is held; whoever keeps it longer
-// takes a reference under the lock.
-extern LLsafe<Peer> peers;

@@ -1,12 +1,12 @@
 #include "peer/PeerDoor.h"
 
-#include "app/Preferences.h"
 #include "i4min/network/socket.h"
 #include "peer/Peer.h"
+#include "peer/PeerNeeds.h"
 #include "transport/SocketPool.h"
 
-bool PeerDoor::canAccept() { return pool() && pool()->count < 2 * preferences.maxCon; }
+bool PeerDoor::canAccept() { return pool().count < 2 * needs_.core.preferences.maxCon; }
 
-Connection* PeerDoor::newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) {
-    return new Peer(std::move(accepted), socketPool);
+Connection* PeerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
+    return new Peer(pool(), needs_, std::move(accepted));
 }

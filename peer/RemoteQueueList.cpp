@@ -21,7 +21,8 @@ void removeEntry(LLsafe<UserMeta>& entries, Matches matches) {
 
 RemoteQueueList::~RemoteQueueList() { clear(); }
 
-void RemoteQueueList::note(Peer& peer, u32 now) {
+void RemoteQueueList::note(Peer& peer) {
+    const u32 now = clock_.ticks();
     peer.requestSlot();
     UserMeta user;
     peer.copyUser(user);
@@ -40,12 +41,12 @@ void RemoteQueueList::note(Peer& peer, u32 now) {
     entry->stamp = now;
 }
 
-bool RemoteQueueList::isWaiting(const UserMeta& user, u32 now) {
+bool RemoteQueueList::isWaiting(const UserMeta& user) {
     if (isLowId(user.id)) return false;
     const i4_guard guard(entries_);
     const UserMeta* entry = findIn(
         entries_, [&](const UserMeta& other) { return other.id == user.id && other.port == user.port; });
-    return entry && now - entry->stamp < remembered;
+    return entry && clock_.ticks() - entry->stamp < remembered;
 }
 
 void RemoteQueueList::release(Peer& peer) {

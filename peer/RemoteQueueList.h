@@ -3,7 +3,7 @@
 
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/types.h"
-#include "i4min/threads/linux/i4_time.h"
+#include "i4min/threads/Clock.h"
 
 class Peer;
 class UserMeta;
@@ -11,18 +11,17 @@ class UserMeta;
 // Thread: any. Owns its entries.
 class RemoteQueueList {
   public:
+    explicit RemoteQueueList(const Clock& clock) : clock_(clock) {}
     ~RemoteQueueList();
-    // `now` is the time in ms since the process started.
-    void note(Peer& peer, u32 now = i4_ticks());  // asks the peer for a slot and stamps the entry
+    void note(Peer& peer);  // asks the peer for a slot and stamps the entry
     // Asked within the last 30 minutes; false for a low ID.
-    bool isWaiting(const UserMeta& user, u32 now = i4_ticks());
+    bool isWaiting(const UserMeta& user);
     void release(Peer& peer);  // gives the slot back, whether there is an entry or not
     void forget(u32 serverIp, u32 clientId);
     void forgetAddress(u32 ip, u16 port);
     void clear();
 
   private:
+    const Clock& clock_;
     LLsafe<UserMeta> entries_{LockRank::remoteQueue};
 };
-
-extern RemoteQueueList remoteQueueList;

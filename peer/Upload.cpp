@@ -4,12 +4,10 @@
 #include <functional>
 #include <numeric>
 
-#include "app/UIInterface.h"
 #include "i4min/memory/error.h"
 #include "peer/Peer.h"
 #include "peer/PeerOpcodes.h"
 #include "peer/UploadPacket.h"
-#include "peer/UploadPool.h"
 
 namespace {
 
@@ -25,13 +23,21 @@ bool otherPart(u32 a, u32 b) { return a / PARTSIZE != b / PARTSIZE; }
 
 }  // namespace
 
-Upload::Upload(std::unique_ptr<i4_file> file, Peer& peer, const char* name, const MD4Hash& hash)
-    : file_(std::move(file)), name_(name), peer_(&peer), hash_(hash), userHash_(peer.userHash()) {
-    if (isTold_) theLog->printLine("New Upload");
+Upload::Upload(UploadOwner& owner, UIInterface& log, std::unique_ptr<i4_file> file, Peer& peer,
+               const char* name, const MD4Hash& hash)
+    : file_(std::move(file)),
+      name_(name),
+      peer_(&peer),
+      hash_(hash),
+      userHash_(peer.userHash()),
+      owner_(owner),
+      log_(log),
+      isTold_(log.mayComplain(UIInterface::Complaint::upload)) {
+    if (isTold_) log_.printLine("New Upload");
 }
 
 Upload::~Upload() {
-    if (isTold_) theLog->printLine("~Upload");
+    if (isTold_) log_.printLine("~Upload");
 }
 
 bool Upload::isPeer(const Peer& other) const { return peer_.get() == &other; }
@@ -60,7 +66,7 @@ void Upload::updateSpeed(i32 elapsedMs) {
 }
 
 void Upload::setRanges(const u32 (&starts)[3], const u32 (&ends)[3]) {
-    if (bytesSent != 0 && otherPart(ranges_[0].start, starts[0])) uploadPool.markReplaceable(*this);
+    if (bytesSent != 0 && otherPart(ranges_[0].start, starts[0])) owner_.markReplaceable(*this);
     for (std::size_t i = 0; i < ranges_.size(); ++i) {
         ranges_[i] = starts[i] < ends[i] ? Range{starts[i], ends[i]} : Range{};
     }
@@ -101,11 +107,11 @@ void Upload::sendNext() {
         return;
     }
     if (ranges_[0].end == position_ || stopped_ != 0) {
-        uploadPool.endUpload(*this);
+        owner_.endUpload(*this);
         return;
     }
     if (ranges_[0].end < position_) {
-        theLog->printVerbose("Crazy packet\n");
+        log_.printVerbose("Crazy packet\n");
         return;
     }
     const u32 length = std::min(ranges_[0].end - position_, packetSize_.get());
@@ -116,7 +122,7 @@ void Upload::sendNext() {
     body.write_32(position_);
     body.write_32(position_ + length);
     if (!readData(body.here(), length)) {
-        uploadPool.endUpload(*this);
+        owner_.endUpload(*this);
         return;
     }
     position_ += length;
@@ -126,7 +132,7 @@ void Upload::sendNext() {
 }
 
 void Upload::finishRange() {
-    if (otherPart(ranges_[0].start, ranges_[1].start)) uploadPool.markReplaceable(*this);
+    if (otherPart(ranges_[0].start, ranges_[1].start)) owner_.markReplaceable(*this);
     std::move_backward(finished_.begin(), finished_.end() - 1, finished_.end());
     finished_[0] = ranges_[0];
     std::move(ranges_.begin() + 1, ranges_.end(), ranges_.begin());

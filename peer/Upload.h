@@ -4,7 +4,7 @@
 #include <array>
 #include <memory>
 
-#include "app/UIInterface.h"
+#include "core/UIInterface.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/string/string.h"
@@ -12,7 +12,18 @@
 #include "meta/MD4Hash.h"
 
 class Peer;
+class Upload;
 class UserMeta;
+
+// Who runs the uploads. Thread: any.
+class UploadOwner {
+  public:
+    virtual void endUpload(Upload& upload) = 0;
+    virtual void markReplaceable(Upload& upload) = 0;
+
+  protected:
+    ~UploadOwner() = default;
+};
 
 // Reads the file piece by piece and has one packet in flight: the next is built when the last has left.
 // Thread: setRanges() and sendNext() on the socket pool's, updateSpeed() on MessageQ's; the words are any
@@ -21,7 +32,8 @@ class UserMeta;
 class Upload : public RefCounter {
   public:
     // `hash` names the file; `name` is what it is called.
-    Upload(std::unique_ptr<i4_file> file, Peer& peer, const char* name, const MD4Hash& hash);
+    Upload(UploadOwner& owner, UIInterface& log, std::unique_ptr<i4_file> file, Peer& peer, const char* name,
+           const MD4Hash& hash);
     ~Upload() override;
     // Reads `length` bytes at the present position. False on failure.
     virtual bool readData(u8* buffer, u32 length);
@@ -81,5 +93,7 @@ class Upload : public RefCounter {
     const Ref<Peer> peer_;
     const MD4Hash hash_;
     const MD4Hash userHash_;
-    const bool isTold_ = theLog->mayComplain(UIInterface::Complaint::upload);  // its start, and so its end
+    UploadOwner& owner_;
+    UIInterface& log_;
+    const bool isTold_;  // its start, and so its end
 };

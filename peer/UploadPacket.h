@@ -16,8 +16,8 @@ class UploadPacket : public Packet {
   public:
     UploadPacket(u32 length, Upload& upload) : Packet(length), upload_(&upload) {}
 
-    Result send(i4_socket& socket, u32& out_bytes) override {
-        const Result result = Packet::send(socket, out_bytes);
+    Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes) override {
+        const Result result = Packet::send(socket, budgets, out_bytes);
         upload_->bytesSent.add(out_bytes);
         return result;
     }

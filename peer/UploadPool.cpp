@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <cassert>
+#include <limits>
 #include <memory>
 #include <vector>
 
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
 #include "i4min/memory/debug_build.h"
-#include "i4min/threads/linux/i4_time.h"
 #include "meta/UserMeta.h"
 #include "peer/Peer.h"
+#include "peer/PeerNeeds.h"
 #include "peer/Upload.h"
 #include "peer/UploadSlot.h"
 
@@ -19,6 +18,7 @@ namespace {
 constexpr u32 queueMemory = 2'699'999;  // ms after which a user who didn't ask again is forgotten
 constexpr i32 queueLimit = 50;          // users who wait, but for those who had an upload
 constexpr i32 assignEvery = 30'000;     // ms
+constexpr i32 tickEvery = 300;          // ms, while there are uploads
 constexpr f32 speedOfTransfer = 3.0F;   // KB/s that a new transfer wants
 constexpr f32 transferShare = 6.0F;     // KB/s of the line for each transfer that always runs
 constexpr u32 leastTransfers = 2;
@@ -36,9 +36,9 @@ bool SlotRule::canStart() const {
 UploadPool::~UploadPool() { clear(); }
 
 bool UploadPool::canStartSlot() const {
-    const f32 limit = preferences.userMaxUpF;
-    SlotRule rule{limit != 0 ? limit : preferences.maxUpSpeed.get(), preferences.curUpSpeed, slots_.count(),
-                  0};
+    const f32 limit = needs_.core.preferences.userMaxUpF;
+    SlotRule rule{limit != 0 ? limit : needs_.core.preferences.maxUpSpeed.get(),
+                  needs_.core.preferences.curUpSpeed, slots_.count(), 0};
     for (LL<Upload>::Cursor c; const Upload* upload = replaceable_.next(c);) rule.used -= upload->speed;
     rule.active = rule.slots + uploads_.count() - replaceable_.count();
     return rule.canStart();
@@ -51,15 +51,16 @@ UploadSlot* UploadPool::slotOf(const Peer& peer) const {
 }
 
 void UploadPool::addSlot(const UserMeta& user) {
-    auto* slot = new UploadSlot(user);
+    auto* slot = new UploadSlot(needs_, *this, ++slotsMade_, user);
     slots_.add(slot);
+    needs_.core.messages.wake();
     slot->tellPeer();
-    theUI->slotAdded(slot, orEmpty(slot->getName()));
+    needs_.ui.slotAdded(slot, orEmpty(slot->getName()));
 }
 
 void UploadPool::removeSlot(UploadSlot* slot) {
     slots_.remove(slot);
-    theUI->slotRemoved(slot);
+    needs_.ui.slotRemoved(slot);
     delete slot;
 }
 
@@ -67,7 +68,7 @@ void UploadPool::assignSlots() {
     if (!canStartSlot()) return;
     while (const std::unique_ptr<UserMeta> user{queue_.removeAt(0)}) {
         --queueLength_;
-        if (i4_ticks() - user->getInt(TAG_QTIME) > queueMemory) continue;
+        if (needs_.core.host.clock.ticks() - user->getInt(TAG_QTIME) > queueMemory) continue;
         addSlot(*user);
         break;
     }
@@ -90,7 +91,7 @@ void UploadPool::gotSlotRequest(Peer& peer) {
         addSlot(user);
     } else if (queueLength_ < queueLimit) {
         if (waiting) {
-            waiting->setInt(TAG_QTIME, i4_ticks());
+            waiting->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
         } else {
             enqueue(user);
         }
@@ -99,9 +100,10 @@ void UploadPool::gotSlotRequest(Peer& peer) {
 
 void UploadPool::enqueue(const UserMeta& user) {
     std::unique_ptr<UserMeta> entry = copyOf(user);
-    entry->setInt(TAG_QTIME, i4_ticks());
+    entry->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
     queue_.add(entry.release());
     ++queueLength_;
+    needs_.core.messages.wake();
     checkInvariants();
 }
 
@@ -109,7 +111,7 @@ void UploadPool::gotCall(Peer& peer) {
     i4_lock guard(lock_);
     if (!slotOf(peer)) return;
     peer.grantSlot();
-    theLog->printVerbose("UploadPool::gotCall(%s)\n", orEmpty(peer.getText().c_str()));
+    needs_.core.log.printVerbose("UploadPool::gotCall(%s)\n", orEmpty(peer.getText().c_str()));
 }
 
 void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
@@ -134,7 +136,7 @@ Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) 
         if (Upload* running = findUpload(hash, peer)) return Ref<Upload>(running);
         UploadSlot* slot = slotOf(peer);
         if (!slot) {
-            theLog->printVerbose("Invalid upload request\n");
+            needs_.core.log.printVerbose("Invalid upload request\n");
             return {};
         }
         upload = slot->makeUpload(hash, peer);
@@ -142,9 +144,10 @@ Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) 
             replaceOldest();
             // Ending one may have given the slot's place away, but not the slot itself.
             removeSlot(slot);
-            theUI->uploadAdded(upload.get());
+            needs_.ui.uploadAdded(upload.get());
             upload->addRef();
             uploads_.add(upload.get());
+            needs_.core.messages.wake();
             isNew = true;
         }
     }
@@ -161,7 +164,7 @@ Upload* UploadPool::findUpload(const MD4Hash& hash, const Peer& peer) const {
 void UploadPool::replaceOldest() {
     Upload* oldest = replaceable_.first();
     if (!oldest) return;
-    theLog->printVerbose("Queueing: %s\n", orEmpty(oldest->peer().getText().c_str()));
+    needs_.core.log.printVerbose("Queueing: %s\n", orEmpty(oldest->peer().getText().c_str()));
     endLocked(*oldest);
 }
 
@@ -179,7 +182,7 @@ void UploadPool::endLocked(Upload& upload) {
     UserMeta user;
     upload.copyPeerUser(user);
     enqueue(user);
-    theUI->uploadRemoved(&upload);
+    needs_.ui.uploadRemoved(&upload);
     assignSlots();
 }
 
@@ -197,7 +200,7 @@ void UploadPool::markReplaceable(Upload& upload) {
 }
 
 void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
-    theLog->printVerbose("UploadPool::stopUpload(%s)\n", orEmpty(peer.getText().c_str()));
+    needs_.core.log.printVerbose("UploadPool::stopUpload(%s)\n", orEmpty(peer.getText().c_str()));
     i4_lock guard(lock_);
     if (Upload* upload = findUpload(hash, peer)) endLocked(*upload);
 }
@@ -214,7 +217,7 @@ void UploadPool::peerGone(Peer& peer) {
         const Ref<Upload> keep(upload);
         upload->stop();
         removeUpload(*upload);
-        theUI->uploadRemoved(upload);
+        needs_.ui.uploadRemoved(upload);
         changed = true;
     }
     if (changed) assignSlots();
@@ -256,12 +259,23 @@ void UploadPool::tick(i32 elapsedMs) {
         if (!upload->waitOn(elapsedMs)) silent.push_back(upload);
     }
     for (Upload* upload : silent) endLocked(*upload);
-    preferences.curUpSpeed = total;
-    if (total > preferences.maxUpSpeed) preferences.maxUpSpeed = total;
+    needs_.core.preferences.curUpSpeed = total;
+    if (total > needs_.core.preferences.maxUpSpeed) needs_.core.preferences.maxUpSpeed = total;
     if (!over.empty() || assignTimer_ > assignEvery) {
         assignSlots();
         assignTimer_ = 0;
     }
+}
+
+i32 UploadPool::untilDue() {
+    i4_lock guard(lock_);
+    if (!uploads_.isEmpty()) return tickEvery;
+    i32 due = std::numeric_limits<i32>::max();
+    for (LL<UploadSlot>::Cursor c; const UploadSlot* slot = slots_.next(c);) {
+        due = std::min(due, slot->untilDue());
+    }
+    if (!queue_.isEmpty()) due = std::min(due, assignEvery + 1 - assignTimer_);
+    return std::max(due, 0);
 }
 
 void UploadPool::checkInvariants() const {

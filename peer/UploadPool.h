@@ -6,10 +6,11 @@
 #include "i4min/memory/mutex.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/MD4Hash.h"
+#include "peer/Upload.h"
 
 class Peer;
-class Upload;
 class UploadSlot;
+struct PeerNeeds;
 class UserMeta;
 
 // The rule that sets the number of transfers, all in KB/s and numbers of transfers.
@@ -32,9 +33,10 @@ struct SlotRule {
 //
 // Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
 // Owns: queue and slots, one reference on each upload.
-class CAPABILITY("uploadPool") UploadPool {
+class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
   public:
-    ~UploadPool();
+    explicit UploadPool(const PeerNeeds& needs) : needs_(needs) {}
+    virtual ~UploadPool();
     void gotSlotRequest(Peer& peer);
     void gotCall(Peer& peer);  // a hello came in
     void gotPartRequest(i4_file& stream, Peer& peer);
@@ -42,9 +44,10 @@ class CAPABILITY("uploadPool") UploadPool {
     void peerGone(Peer& peer);
     void connectFailed(u32 ip, u16 port);
     void callbackFailed(u32 serverIp, u32 clientId);
-    void endUpload(Upload& upload);
-    void markReplaceable(Upload& upload);
+    void endUpload(Upload& upload) override;
+    void markReplaceable(Upload& upload) override;
     void tick(i32 elapsedMs);
+    i32 untilDue();  // ms until tick() has something to do; the greatest i32 for nothing
     void clear();
 
     // For views: the lock, and the lists under it.
@@ -70,6 +73,7 @@ class CAPABILITY("uploadPool") UploadPool {
     // runs it when either has changed.
     void checkInvariants() const REQUIRES(lock_);
 
+    const PeerNeeds& needs_;
     i4_mutex lock_{LockRank::uploadPool};
     LL<Upload> uploads_ GUARDED_BY(lock_);
     LL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
@@ -77,6 +81,5 @@ class CAPABILITY("uploadPool") UploadPool {
     LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
     i32 assignTimer_ GUARDED_BY(lock_) = 0;     // ms since the last assignment
     i32 queueLength_ GUARDED_BY(lock_) = 0;
+    u32 slotsMade_ GUARDED_BY(lock_) = 0;  // their identities
 };
-
-extern UploadPool uploadPool;

@@ -8,14 +8,17 @@
 
 class Peer;
 class Upload;
+class UploadOwner;
+struct PeerNeeds;
 
 // Thread: under UploadPool's lock, which owns it.
 class UploadSlot {
   public:
-    explicit UploadSlot(const UserMeta& user);
+    UploadSlot(const PeerNeeds& needs, UploadOwner& owner, u32 identity, const UserMeta& user);
 
     void tellPeer();           // tries to reach the user
     bool tick(i32 elapsedMs);  // false when the slot has run out
+    i32 untilDue() const;      // ms until tick() has something to do
     // The transfer of this file, null where there is no such file.
     Ref<Upload> makeUpload(const MD4Hash& hash, Peer& peer);
     const UserMeta& getUser() const { return user_; }
@@ -24,6 +27,8 @@ class UploadSlot {
     u32 identity() const { return identity_; }
 
   private:
+    const PeerNeeds& needs_;
+    UploadOwner& owner_;
     bool retry_ = false;
     i32 elapsed_ = 0;  // ms since the user was last tried
     UserMeta user_;

@@ -5,24 +5,17 @@
 #include <utility>
 #include <vector>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
-#include "app/version.h"
-#include "console/ConClientApp.h"
-#include "download/DLPool.h"
+#include "engine/Commands.h"
+#include "engine/Engine.h"
 #include "i4min/network/socket.h"
-#include "i4min/threads/linux/i4_time.h"
 #include "meta/UserMeta.h"
-#include "peer/FriendList.h"
 #include "peer/Upload.h"
+#include "protocol/version.h"
 #include "remote/ControllerOpcodes.h"
-#include "remote/LogonGuard.h"
 #include "remote/TcpipUI.h"
 #include "server/MainServer.h"
-#include "server/ServerPool.h"
 #include "transport/OpcodeTable.h"
+#include "transport/Transport.h"
 
 namespace {
 
@@ -93,13 +86,7 @@ constexpr Opcode rows[] = {
 };
 constexpr OpcodeTable table(rows);
 
-// Of the socket pool's thread.
-LogonGuard logonGuard;
-u32 strangerCount = 0;
-
 bool isLoopback(u32 ip) { return (ip & 0xFF) == 127; }
-
-Ref<Download> readDownload(i4_file& stream) { return dlPool.findByRecord(MD4Hash::read(stream)); }
 
 ServerAddress readAddress(i4_file& stream) {
     const u32 ip = stream.read_32();
@@ -108,36 +95,41 @@ ServerAddress readAddress(i4_file& stream) {
 
 }  // namespace
 
-GUIController::GUIController(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool, TcpipUI& ui)
-    : Connection(std::move(accepted), socketPool),
-      statusThread_(*this, statusEvery),
+GUIController::GUIController(SocketPool& socketPool, TcpipUI& ui, std::unique_ptr<i4_socket> accepted)
+    : Connection(socketPool, std::move(accepted)),
+      statusThread_(
+          transport().host.scheduler, [this] { sendStatus(); }, statusEvery),
       ui_(ui),
+      engine_(ui.engine()),
       search_(new Search) {
-    ++strangerCount;
+    ++ui_.strangers;
 }
 
 GUIController::~GUIController() = default;
 
-u32 GUIController::strangers() { return strangerCount; }
+Ref<Download> GUIController::readDownload(i4_file& stream) {
+    return engine_.dlPool.findByRecord(MD4Hash::read(stream));
+}
 
 const OpcodeTable* GUIController::opcodes() const { return &table; }
 u32 GUIController::bodyLimit() const { return loggedOn_ ? controllerBodyLimit : strangerBodyLimit; }
 u32 GUIController::stallLimit() const { return loggedOn_ ? Connection::stallLimit() : strangerStallLimit; }
 
 void GUIController::doTask(SocketPool* socketPool) {
-    if (!loggedOn_ && logonGuard.isBlocked(remoteIp(), i4_ticks())) close();
-    const i32 sendBefore = std::exchange(sendBudget, unlimitedBudget);
-    const i32 receiveBefore = std::exchange(recvBudget, unlimitedBudget);
+    if (!loggedOn_ && ui_.logonGuard.isBlocked(remoteIp(), transport().host.clock.ticks())) close();
     Connection::doTask(socketPool);
-    sendBudget = sendBefore;
-    recvBudget = receiveBefore;
-    if (socketPool && (bytesSent != 0 || bytesReceived != 0)) socketPool->noteProgress();
+    if ((bytesSent != 0 || bytesReceived != 0)) pool().noteProgress();
     bytesSent = 0;
     bytesReceived = 0;
 }
 
+const Budgets& GUIController::budgets() const {
+    static constexpr Budgets unlimited;
+    return unlimited;
+}
+
 void GUIController::gone() {
-    if (!loggedOn_) --strangerCount;
+    if (!loggedOn_) --ui_.strangers;
     ui_.detach(*this);
     statusThread_.stop();
 }
@@ -146,7 +138,7 @@ bool GUIController::firstMessage(u8 opcode, i4_ram_file_class& stream) {
     if (opcode != CTL_LOGON || !logOn(stream)) return false;
     gotFirst = 1;
     loggedOn_ = true;
-    --strangerCount;
+    --ui_.strangers;
     sendStartState();
     return true;
 }
@@ -156,21 +148,21 @@ bool GUIController::logOn(i4_file& stream) {
     const i4_string name(stream);
     const i4_string password(stream);
     const bool open = name.length() == 0 || password.length() == 0;
-    if (preferences.adminName() != name || preferences.adminPass() != password ||
+    if (engine_.preferences.adminName() != name || engine_.preferences.adminPass() != password ||
         (open && !isLoopback(remoteIp()))) {
-        logonGuard.refused(remoteIp(), i4_ticks());
-        theLog->printLine("Invalid name and pass");
+        ui_.logonGuard.refused(remoteIp(), transport().host.clock.ticks());
+        engine_.ui.printLine("Invalid name and pass");
         return false;
     }
     if (!ui_.attach(*this)) {
-        theLog->printLine("Another Control attempt");
+        engine_.ui.printLine("Another Control attempt");
         return false;
     }
     return true;
 }
 
 void GUIController::sendStartState() {
-    if (const Ref<MainServer> server = serverPool.mainServer()) {
+    if (const Ref<MainServer> server = engine_.serverPool.mainServer()) {
         const i4_string name = server->getText();
         auto packet = makePacket(CTL_CONNECTED, static_cast<u32>(2 + name.length()));
         name.write(packet->stream);
@@ -190,7 +182,7 @@ bool GUIController::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case CTL_QUIT:
             statusThread_.stop();
-            conClientApp.quit();
+            ui_.commands().quit();
             return true;
         case CTL_COMMAND:
             runCommand(stream);
@@ -220,22 +212,22 @@ bool GUIController::handleEngine(u8 opcode, i4_ram_file_class& stream) {
             connectToServer(stream);
             return true;
         case CTL_DISCONNECT:
-            messageQ.post(MESSAGE_DISCONNECT);
+            engine_.messageQ.post(MESSAGE_DISCONNECT);
             return true;
         case CTL_SEARCH:
             startSearch(MESSAGE_SEARCH, stream);
             return true;
         case CTL_EXTEND:
-            messageQ.post(MESSAGE_EXTEND, search_);
+            engine_.messageQ.post(MESSAGE_EXTEND, search_);
             return true;
         case CTL_MORE_RESULTS:
-            messageQ.post(MESSAGE_MORE_RESULTS);
+            engine_.messageQ.post(MESSAGE_MORE_RESULTS);
             return true;
         case CTL_SEARCH_ALTERNATE:
             startSearch(MESSAGE_SEARCH_ALTERNATE, stream);
             return true;
         case CTL_EXTEND_ALTERNATE:
-            messageQ.post(MESSAGE_EXTEND_ALTERNATE, search_);
+            engine_.messageQ.post(MESSAGE_EXTEND_ALTERNATE, search_);
             return true;
         case CTL_DOWNLOAD_RESULT:
             downloadResult(stream);
@@ -263,10 +255,10 @@ bool GUIController::handleEngine(u8 opcode, i4_ram_file_class& stream) {
 bool GUIController::handleSettings(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case CTL_GET_SERVERS:
-            send(makePacket(CTL_SERVERS, serverPool.servers()));
+            send(makePacket(CTL_SERVERS, engine_.serverPool.servers()));
             return true;
         case CTL_GET_FRIENDS:
-            send(makePacket(CTL_FRIENDS, friendList));
+            send(makePacket(CTL_FRIENDS, engine_.friendList));
             return true;
         case CTL_GET_SHARED_DIRS:
             sendSharedDirs();
@@ -275,19 +267,19 @@ bool GUIController::handleSettings(u8 opcode, i4_ram_file_class& stream) {
             stream.read_16();
             return true;
         case CTL_GET_SHARED_FILES:
-            send(makePacket(CTL_SHARED_FILES, clientApp.shared));
+            send(makePacket(CTL_SHARED_FILES, engine_.clientApp.shared));
             return true;
         case CTL_GET_SETTINGS:
             sendSettings();
             return true;
         case CTL_REMOVE_SERVER: {
             const ServerAddress server = readAddress(stream);
-            serverPool.removeServer(server.ip, server.port);
+            engine_.serverPool.removeServer(server.ip, server.port);
             return true;
         }
         case CTL_ADD_SERVER: {
             const ServerAddress server = readAddress(stream);
-            serverPool.addServer(server.ip, server.port);
+            engine_.serverPool.addServer(server.ip, server.port);
             return true;
         }
         case CTL_SERVER_PREFERENCE:
@@ -300,29 +292,31 @@ bool GUIController::handleSettings(u8 opcode, i4_ram_file_class& stream) {
 
 void GUIController::runCommand(i4_file& stream) {
     const i4_string line(stream);
-    conClientApp.dispatch(line.c_str());
+    ui_.commands().dispatch(line.c_str());
 }
 
 // A server that isn't on the list means any server.
 void GUIController::connectToServer(i4_file& stream) {
     const ServerAddress address = readAddress(stream);
-    messageQ.post(MESSAGE_CONNECT, serverPool.isListed(address) ? QArgument(address) : QArgument());
+    engine_.messageQ.post(MESSAGE_CONNECT,
+                          engine_.serverPool.isListed(address) ? QArgument(address) : QArgument());
 }
 
 // A tree that can't be read leaves an empty search, and the request goes on with that.
 void GUIController::startSearch(u32 message, i4_file& stream) {
     search_ = Ref<Search>(new Search);
     search_->fromBytes(stream);
-    messageQ.post(message, search_);
+    engine_.messageQ.post(message, search_);
 }
 
 void GUIController::downloadResult(i4_file& stream) {
-    if (auto file = ui_.findResult(MD4Hash::read(stream))) messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    if (auto file = ui_.findResult(MD4Hash::read(stream)))
+        engine_.messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
 }
 
 void GUIController::downloadRecord(i4_file& stream) {
     auto file = std::make_shared<FileMeta>();
-    if (file->fromNetwork(stream)) messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
+    if (file->fromNetwork(stream)) engine_.messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
 }
 
 void GUIController::setDownloadPriority(i4_file& stream) {
@@ -335,7 +329,7 @@ void GUIController::setServerPreference(i4_file& stream) {
     const ServerAddress address = readAddress(stream);
     const u8 preference = stream.read_8();
     if (preference > 2) return;
-    ServerList& servers = serverPool.servers();
+    ServerList& servers = engine_.serverPool.servers();
     const i4_guard guard(servers);
     if (ServerMeta* server = servers.find(address.ip, address.port)) server->setPref(preference);
 }
@@ -351,7 +345,7 @@ void GUIController::wantStatus(Relaxed<u8>& status, u8 wanted) {
 
 void GUIController::sendSharedDirs() {
     std::vector<i4_string> dirs;
-    clientApp.getSharedDirs(dirs);
+    engine_.clientApp.getSharedDirs(dirs);
     if (dirs.size() > mostRecords) dirs.resize(mostRecords);
     u32 size = 2;
     for (const i4_string& dir : dirs) size += static_cast<u32>(2 + dir.length());
@@ -366,22 +360,23 @@ void GUIController::sendSharedDirs() {
 //   u8 auto connect           u8 remove dead servers  u8 who may call          u8 keep corrupted
 //   u8 confirm cancel         u16 controller port     u32 connections again
 void GUIController::sendSettings() {
-    const i4_string texts[] = {preferences.getName(), preferences.tempDir(), preferences.incomingDir()};
+    const i4_string texts[] = {engine_.preferences.getName(), engine_.preferences.tempDir(),
+                               engine_.preferences.incomingDir()};
     auto packet = makePacket(CTL_SETTINGS, 32);
     i4_ram_file_class& body = packet->stream;
     body.write_16(protocolVersion);
-    body.write_float(preferences.userMaxDownF);
-    body.write_float(preferences.userMaxUpF);
-    body.write_16(static_cast<u16>(preferences.doorPort.get()));
-    body.write_16(static_cast<u16>(preferences.maxCon.get()));
+    body.write_float(engine_.preferences.userMaxDownF);
+    body.write_float(engine_.preferences.userMaxUpF);
+    body.write_16(static_cast<u16>(engine_.preferences.doorPort.get()));
+    body.write_16(static_cast<u16>(engine_.preferences.maxCon.get()));
     for (const i4_string& text : texts) text.write(body);
-    for (const i32 flag :
-         {preferences.autoConnect.get(), preferences.servRemove.get(), preferences.pmAllow.get(),
-          preferences.saveCor.get(), preferences.verifyCancel.get()}) {
+    for (const i32 flag : {engine_.preferences.autoConnect.get(), engine_.preferences.servRemove.get(),
+                           engine_.preferences.pmAllow.get(), engine_.preferences.saveCor.get(),
+                           engine_.preferences.verifyCancel.get()}) {
         body.write_8(static_cast<u8>(flag));
     }
-    body.write_16(static_cast<u16>(preferences.adminDoorPort.get()));
-    body.write_32(static_cast<u32>(preferences.maxCon.get()));
+    body.write_16(static_cast<u16>(engine_.preferences.adminDoorPort.get()));
+    body.write_32(static_cast<u32>(engine_.preferences.maxCon.get()));
     packet->finish();
     send(std::move(packet));
 }

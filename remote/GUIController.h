@@ -11,6 +11,7 @@
 #include "transport/Connection.h"
 
 class Download;
+class Engine;
 class TcpipUI;
 class Upload;
 
@@ -19,16 +20,13 @@ class Upload;
 // Thread: handlers on the socket pool's; sendStatus() on the status thread's; sending on any.
 class GUIController : public Connection {
   public:
-    GUIController(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool, TcpipUI& ui);
+    GUIController(SocketPool& socketPool, TcpipUI& ui, std::unique_ptr<i4_socket> accepted);
     ~GUIController() override;
 
     // A controller's traffic is neither limited by the speed limits nor counted in them.
     void doTask(SocketPool* socketPool) override;
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
     bool firstMessage(u8 opcode, i4_ram_file_class& stream) override;
-
-    // Connections that haven't logged on yet. Thread: the socket pool's.
-    static u32 strangers();
 
     void sendStatus();
     void sendDownload(Download& download);
@@ -41,8 +39,10 @@ class GUIController : public Connection {
     u32 bodyLimit() const override;
     u32 stallLimit() const override;
     const OpcodeTable* opcodes() const override;
+    const Budgets& budgets() const override;  // none
 
   private:
+    Ref<Download> readDownload(i4_file& stream);
     bool logOn(i4_file& stream);
     void sendStartState();
     bool handleEngine(u8 opcode, i4_ram_file_class& stream);
@@ -67,5 +67,6 @@ class GUIController : public Connection {
     i4_mutex toldLock_{LockRank::controller};
     std::unordered_set<const Upload*> toldUploads_ GUARDED_BY(toldLock_);
     TcpipUI& ui_;
+    Engine& engine_;
     Ref<Search> search_;  // as the controller sent it last
 };

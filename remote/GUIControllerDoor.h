@@ -8,11 +8,11 @@ class TcpipUI;
 // Thread: see DoorTask.    Borrows: the TcpipUI, which owns it.
 class GUIControllerDoor : public DoorTask {
   public:
-    GUIControllerDoor(SocketPool* socketPool, u16 listenPort, TcpipUI& ui)
+    GUIControllerDoor(SocketPool& socketPool, u16 listenPort, TcpipUI& ui)
         : DoorTask(socketPool, listenPort), ui_(ui) {}
     // Whoever doesn't log on can't hold more than so many of the process's descriptors.
     bool canAccept() override;
-    Connection* newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) override;
+    Connection* newConnection(std::unique_ptr<i4_socket> accepted) override;
 
   private:
     TcpipUI& ui_;

@@ -3,12 +3,9 @@
 #include <cstdio>
 #include <string>
 
-#include "app/ClientApp.h"
-#include "app/Preferences.h"
-#include "download/Download.h"
+#include "engine/Engine.h"
 #include "i4min/network/socket.h"
 #include "meta/UserMeta.h"
-#include "peer/FriendList.h"
 #include "peer/Upload.h"
 #include "peer/UploadSlot.h"
 #include "remote/ControllerOpcodes.h"
@@ -29,10 +26,10 @@ void writeName(i4_file& stream, const char* name) {
 }
 
 // A text of at most 255 bytes, cut where it is longer, but never inside a character.
-struct Text {
+struct ShortText {
     char bytes[textSize];
 
-    Text(const char* format, va_list list) {
+    ShortText(const char* format, va_list list) {
         bytes[0] = 0;
         const int length = std::vsnprintf(bytes, textSize, format, list);
         if (length >= static_cast<int>(textSize)) cutInsideCharacter();
@@ -53,23 +50,18 @@ struct Text {
 
 }  // namespace
 
-#define FORMAT_TEXT(text, format)  \
-    va_list list;                  \
-    va_start(list, format);        \
-    const Text text(format, list); \
-    va_end(list)
+bool GUIControllerDoor::canAccept() { return ui_.strangers < mostStrangers; }
 
-bool GUIControllerDoor::canAccept() { return GUIController::strangers() < mostStrangers; }
-
-Connection* GUIControllerDoor::newConnection(std::unique_ptr<i4_socket> accepted, SocketPool* socketPool) {
-    return new GUIController(std::move(accepted), socketPool, ui_);
+Connection* GUIControllerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
+    return new GUIController(pool(), ui_, std::move(accepted));
 }
 
-TcpipUI::TcpipUI(CoreUIInterface& inner)
-    : door_(new GUIControllerDoor(&clientApp.socketPool, static_cast<u16>(preferences.adminDoorPort.get()),
-                                  *this)),
+TcpipUI::TcpipUI(Engine& engine, Commands& commands, CoreUIInterface& inner)
+    : engine_(engine),
+      commands_(commands),
+      door_(new GUIControllerDoor(engine.clientApp.socketPool,
+                                  static_cast<u16>(engine.preferences.adminDoorPort.get()), *this)),
       inner_(inner) {
-    verbose = inner.verbose.load();
     door_->listen(doorTimeout);
 }
 
@@ -127,25 +119,21 @@ bool TcpipUI::sendList(u8 opcode, const MetaList& list) {
     return true;
 }
 
-void TcpipUI::printLine(const char* format, ...) {
-    FORMAT_TEXT(text, format);
-    sendText(CTL_PRINT_LINE, text.bytes);
-    inner_.printLine("%s", text.bytes);
-}
-
-void TcpipUI::print(const char* format, ...) {
-    FORMAT_TEXT(text, format);
-    if (!sendText(CTL_PRINT, text.bytes)) inner_.print("%s", text.bytes);
-}
-
-void TcpipUI::printVerbose(const char* format, ...) {
-    FORMAT_TEXT(text, format);
-    inner_.printVerbose("%s", text.bytes);
-}
-
-void TcpipUI::printFlush(const char* format, ...) {
-    FORMAT_TEXT(text, format);
-    inner_.printFlush("%s", text.bytes);
+// A line goes to both, other text to the controller alone; what isn't for a controller's log stays here.
+void TcpipUI::say(Text kind, const char* format, va_list list) {
+    const ShortText text(format, list);
+    switch (kind) {
+        case Text::line:
+            sendText(CTL_PRINT_LINE, text.bytes);
+            return inner_.printLine("%s", text.bytes);
+        case Text::plain:
+            if (!sendText(CTL_PRINT, text.bytes)) inner_.print("%s", text.bytes);
+            return;
+        case Text::verbose:
+            return inner_.printVerbose("%s", text.bytes);
+        case Text::flush:
+            return inner_.printFlush("%s", text.bytes);
+    }
 }
 
 void TcpipUI::connected(const char* name) {
@@ -236,7 +224,7 @@ void TcpipUI::friendsChanged() {
 }
 
 void TcpipUI::friendFiles() {
-    if (!sendList(CTL_FRIEND_FILES, friendList.getFiles())) inner_.friendFiles();
+    if (!sendList(CTL_FRIEND_FILES, engine_.friendList.getFiles())) inner_.friendFiles();
 }
 
 LLsafe<Upload>* TcpipUI::getUploads() { return inner_.getUploads(); }

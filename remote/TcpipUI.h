@@ -3,11 +3,14 @@
 
 #include <memory>
 
-#include "app/SearchResults.h"
-#include "app/UIInterface.h"
+#include "engine/CoreUIInterface.h"
+#include "engine/SearchResults.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/threads/linux/RefCounter.h"
+#include "remote/LogonGuard.h"
 
+class Commands;
+class Engine;
 class GUIController;
 class GUIControllerDoor;
 class Packet;
@@ -16,22 +19,27 @@ class Packet;
 // wrapped interface. Events of downloads and uploads always go to both, since the status packets walk the
 // lists that the wrapped one keeps.
 // Thread: any, at the same time.
-// Owns: its door, the results.    Borrows: the wrapped interface, which lives as long as the process; the
-// controller, counted.
+// Owns: its door, the results.    Borrows: the engine, the commands; the wrapped interface, which outlives
+// it; the controller, counted.
 class TcpipUI : public CoreUIInterface {
   public:
-    explicit TcpipUI(CoreUIInterface& inner);
+    TcpipUI(Engine& engine, Commands& commands, CoreUIInterface& inner);
     ~TcpipUI() override;
+
+    Engine& engine() const { return engine_; }
+    Commands& commands() const { return commands_; }
+    // Of the socket pool's thread.
+    LogonGuard logonGuard;
+    u32 strangers = 0;  // connections that haven't logged on yet
 
     bool attach(GUIController& controller);  // false if another one is attached
     void detach(const GUIController& controller);
     // A copy of that search result, null where it isn't known.
     std::shared_ptr<FileMeta> findResult(const MD4Hash& hash);
 
-    void printLine(const char* format, ...) override PRINTF_LIKE;
-    void print(const char* format, ...) override PRINTF_LIKE;
-    void printVerbose(const char* format, ...) override PRINTF_LIKE;
-    void printFlush(const char* format, ...) override PRINTF_LIKE;
+    bool isVerbose() const override { return inner_.isVerbose(); }
+    void setVerbose(bool verbose) override { inner_.setVerbose(verbose); }
+    void say(Text kind, const char* format, va_list list) override;
     void connected(const char* name) override;
     void disconnected() override;
     void serverStats(u32 files, u32 users) override;
@@ -58,6 +66,8 @@ class TcpipUI : public CoreUIInterface {
     bool sendWords(u8 opcode, std::initializer_list<u32> words);
     bool sendList(u8 opcode, const MetaList& list);
 
+    Engine& engine_;
+    Commands& commands_;
     Ref<GUIControllerDoor> door_;
     i4_mutex lock_{LockRank::controller};
     Ref<GUIController> controller_ GUARDED_BY(lock_);

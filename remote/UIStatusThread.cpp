@@ -1,10 +1,13 @@
 #include "remote/UIStatusThread.h"
 
-#include "remote/GUIController.h"
-
 UIStatusThread::~UIStatusThread() { stop(); }
 
-void UIStatusThread::run() {
-    sleepFor(interval_);
-    if (!isStopping()) controller_.sendStatus();
+void UIStatusThread::start() {
+    if (state() == notRunning) rested_ = false;
+    Thread::start();
+}
+
+Rest UIStatusThread::run() {
+    if (rested_.exchange(true)) send_();
+    return Rest::atMost(interval_);
 }

@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""The gates that the C++ sources pass: sizes of functions, files and lines, and who may include whom.
+"""The gates that the C++ sources pass: sizes of functions, files and lines, who may include whom, in how large
+circles, and who asks the machine itself.
 
     scripts/gates.py               checks every tracked C++ file
+    scripts/gates.py --symbols LIBRARY...   checks what of built libraries is state of the process
     scripts/gates.py --self-test   checks the checks
 
 Prints one line for each offence, `file:line: what`, and exits with 1 if there is any. Sizes, but for the length
@@ -20,35 +22,39 @@ LINE_CHARACTERS = 110
 
 # Folder -> the folders it may include, besides itself. The folders are the floors of the house, lowest first.
 FOUNDATION = ["i4min/string", "i4min/memory", "i4min/file", "i4min/threads", "i4min/network"]
-ENGINE = ["server", "peer", "download"]
+CORE = ["i4min", "host", "meta", "protocol", "core"]
+DOWNLOADS = [*CORE, "transport", "import", "server", "peer", "download"]
 MAY_INCLUDE = {
     "i4min/string": ["i4min/memory"],
     "i4min/memory": ["i4min/string"],
     "i4min/file": FOUNDATION[:2],
     "i4min/threads": FOUNDATION[:3],
     "i4min/network": FOUNDATION[:4],
+    "host": ["i4min"],
     "meta": ["i4min"],
-    "transport": ["i4min", "meta"],
-    "import": ["i4min", "meta", "transport"],
-    "server": ["i4min", "meta", "transport", "import", *ENGINE],
-    "peer": ["i4min", "meta", "transport", "import", *ENGINE],
-    "download": ["i4min", "meta", "transport", "import", *ENGINE],
-    "app": ["i4min", "meta", "transport", "import", *ENGINE],
-    "console": ["i4min", "meta", "transport", "import", *ENGINE, "app", "remote"],
-    "remote": ["i4min", "meta", "transport", "import", *ENGINE, "app", "console"],
-    "index": ["i4min", "meta"],
+    "protocol": ["i4min", "meta"],
+    "core": CORE,
+    "transport": CORE,
+    "import": CORE,
+    "server": [*CORE, "transport"],
+    "peer": [*CORE, "transport"],
+    "download": DOWNLOADS,
+    "engine": DOWNLOADS,
+    "console": [*DOWNLOADS, "engine"],
+    "remote": [*DOWNLOADS, "engine"],
+    "app": [*DOWNLOADS, "engine", "console", "remote"],
+    "index": ["i4min", "host", "meta", "protocol"],
+    "sim": [*DOWNLOADS, "engine", "index"],
 }
-# The headers by which floors reach up. So that no cycle comes of it, each stands on floors below all its users, and
-# forward-declares the rest. Every floor includes the first kind, the engine's three the second kind as well.
-FOR_EVERYONE = ["app/UIInterface.h", "app/Preferences.h", "app/version.h"]
-FOR_EVERYONE_STANDS_ON = ["i4min/string", "i4min/memory"]
-FOR_ENGINE = ["app/ClientApp.h", "app/MessageQ.h", "app/StringTable.h"]
-FOR_ENGINE_STANDS_ON = ["i4min", "meta", "transport"]
-# Of the client the index server may include the search trees, which it evaluates, and the version.
-INDEX_SHARES = ["server/SearchNode.h", "server/TagSource.h", "app/version.h"]
-# The entry and the list of singletons know every floor.
-KNOWS_ALL = ["app/main.cpp", "app/entry.cpp", "app/singletons.cpp"]
 INCLUDES_ANYTHING = ["tests", "fuzz", "bench"]
+# A circle of includes takes a header and its source as one; it may have two such pairs.
+CIRCLE_FILES = 4
+# Only these may ask the machine for time, files or randomness; the rest has a Host.
+ASKS_THE_MACHINE = ["i4min", "host", "tests", "fuzz", "bench", "app/entry.cpp", "index/main.cpp", "sim/main.cpp"]
+MACHINE = re.compile(
+    r"\b(i4_time|i4_ticks|i4_msleep|i4_sleep|i4_open|i4_get_directory|steady_clock|system_clock"
+    r"|random_device)\b|[^\w:]::(open|stat|lstat|rename|unlink|mkdir|time|clock_gettime|getrandom)\("
+)
 SIZES_FREE = ["tests", "fuzz"]
 
 TOKEN = re.compile(
@@ -140,17 +146,7 @@ def includes(source):
 
 
 def may_include(path, target):
-    if path in KNOWS_ALL or any(inside(path, folder) for folder in INCLUDES_ANYTHING):
-        return True
-    if path in FOR_EVERYONE:
-        return target in FOR_EVERYONE or any(inside(target, folder) for folder in FOR_EVERYONE_STANDS_ON)
-    if target in FOR_EVERYONE:
-        return True
-    if path in FOR_ENGINE:
-        return target in FOR_ENGINE or any(inside(target, folder) for folder in FOR_ENGINE_STANDS_ON)
-    if target in FOR_ENGINE and any(inside(path, folder) for folder in ENGINE):
-        return True
-    if inside(path, "index") and target in INDEX_SHARES:
+    if any(inside(path, folder) for folder in INCLUDES_ANYTHING):
         return True
     for folder, allowed in MAY_INCLUDE.items():
         if inside(path, folder):
@@ -168,25 +164,107 @@ def include_offences(sources):
                 continue
             if not may_include(path, target):
                 yield path, line, f"this floor may not include {target}"
-            if path.endswith(".h") and target.endswith(".h"):
-                edges.setdefault(path, []).append((line, target))
-    state = {}
-    for start in edges:
-        if start in state:
-            continue
-        way, stack = [start], [iter(edges[start])]
-        state[start] = "open"
-        while stack:
-            line, target = next(stack[-1], (0, None))
+            pair, other = path.rsplit(".", 1)[0], target.rsplit(".", 1)[0]
+            edges.setdefault(pair, set())
+            if pair != other:
+                edges[pair].add(other)
+    for circle in circles(edges):
+        files = sorted(path for path in sources if path.rsplit(".", 1)[0] in circle)
+        if len(files) > CIRCLE_FILES:
+            yield files[0], 1, f"a circle of {len(files)} files, {CIRCLE_FILES} are allowed: " + " ".join(files)
+
+
+def circles(edges):
+    """The sets of nodes that reach each other. edges: node -> nodes."""
+    index, low, stack, on_stack, result = {}, {}, [], set(), []
+
+    def visit(start):
+        work = [(start, iter(sorted(edges.get(start, ()))))]
+        index[start] = low[start] = len(index)
+        stack.append(start)
+        on_stack.add(start)
+        while work:
+            node, targets = work[-1]
+            target = next(targets, None)
             if target is None:
-                stack.pop()
-                state[way.pop()] = "done"
-            elif state.get(target) == "open":
-                yield way[-1], line, "a cycle of includes: " + " -> ".join(way[way.index(target) :] + [target])
-            elif target not in state:
-                state[target] = "open"
-                way.append(target)
-                stack.append(iter(edges.get(target, [])))
+                work.pop()
+                if work:
+                    low[work[-1][0]] = min(low[work[-1][0]], low[node])
+                if low[node] == index[node]:
+                    circle = set()
+                    while node not in circle:
+                        circle.add(stack[-1])
+                        on_stack.discard(stack.pop())
+                    if len(circle) > 1:
+                        result.append(circle)
+            elif target not in index:
+                index[target] = low[target] = len(index)
+                stack.append(target)
+                on_stack.add(target)
+                work.append((target, iter(sorted(edges.get(target, ())))))
+            elif target in on_stack:
+                low[node] = min(low[node], index[target])
+
+    for node in sorted(edges):
+        if node not in index:
+            visit(node)
+    return result
+
+
+def machine_offences(path, source):
+    if any(inside(path, one) for one in ASKS_THE_MACHINE):
+        return
+    for number, line in enumerate(blank(source).split("\n"), 1):
+        match = MACHINE.search(line)
+        if match:
+            yield number, f"asks the machine by {match.group().strip()}: that is the host's"
+
+
+# What the process has, once: everything else belongs to an engine.
+WRITABLE = {
+    "i4_argv",
+    "i4_debug_stream",
+    "i4_standard_output()::output",
+    "i4_get_clocks_per_sec()::measured",
+    "(anonymous namespace)::debugFile",
+    "(anonymous namespace)::debugHook",
+    "(anonymous namespace)::errorHandler",
+    "(anonymous namespace)::warningHandler",
+    "(anonymous namespace)::position",  # of an error; one for each thread
+    "(anonymous namespace)::held",  # ranks of locks; one for each thread
+    "(anonymous namespace)::initList",
+    "(anonymous namespace)::initialized",
+    "(anonymous namespace)::mainThread",
+    "(anonymous namespace)::threadCount",
+    "(anonymous namespace)::threadInitList",
+    "(anonymous namespace)::processStart",
+    "processStart()::start",
+}
+SYMBOL = re.compile(r"^\w+ .{7} (\.\S+)\t\w+ (?:\.hidden )?(.+)$")
+
+
+def writable_symbols(table):
+    """The names of the objects in writable sections, of the output of objdump -t -C."""
+    for line in table.splitlines():
+        match = SYMBOL.match(line)
+        if not match or line[23:24] != "O":
+            continue
+        section, name = match.groups()
+        if not re.match(r"\.(data|bss|tdata|tbss)", section) or section.startswith(".data.rel.ro"):
+            continue
+        if "DW.ref." not in name and "guard variable" not in name:
+            yield re.sub(r"^\(anonymous namespace\)::(?=\w+\()", "", name)
+
+
+def check_symbols(libraries):
+    offences = 0
+    for library in libraries:
+        table = subprocess.run(["objdump", "-t", "-C", library], check=True, capture_output=True, text=True).stdout
+        for name in sorted(set(writable_symbols(table)) - WRITABLE):
+            print(f"{library}: {name} is state of the process: it belongs to an engine")
+            offences += 1
+    print(f"gates: {len(libraries)} libraries, {offences} offences")
+    return 1 if offences else 0
 
 
 def main():
@@ -200,6 +278,7 @@ def main():
     for path, source in sources.items():
         try:
             offences += [(path, line, what) for line, what in size_offences(path, source)]
+            offences += [(path, line, what) for line, what in machine_offences(path, source)]
         except ValueError as error:
             offences.append((path, 1, f"can't tell its functions apart: {error}"))
     for path, line, what in sorted(offences):
@@ -236,26 +315,43 @@ def self_test():
     assert len(offends("tests/a_test.cpp", "/" * (LINE_CHARACTERS + 1))) == 1
     sources = {
         "meta/a.h": '#include "meta/b.h"\n',
-        "meta/b.h": '#include "meta/a.h"\n#include "app/UIInterface.h"\n#include "peer/p.h"\n#include "gone.h"\n',
-        "app/UIInterface.h": '#include "i4min/string/string.h"\n#include "i4min/network/net.h"\n',
+        "meta/b.h": '#include "peer/p.h"\n#include "gone.h"\n',
         "i4min/string/string.h": "",
         "i4min/network/net.h": '#include "i4min/threads/linux/t.h"\n',
         "i4min/threads/linux/t.h": "",
         "i4min/file/f.cpp": '#include "i4min/network/net.h"\n',
-        "peer/p.h": '#include "server/s.h"\n',
-        "server/s.h": '#include "app/MessageQ.h"\n#include "app/a.h"\n',
-        "app/MessageQ.h": '#include "meta/b.h"\n#include "peer/p.h"\n',
-        "app/a.h": '#include "app/MessageQ.h"\n#include "peer/q.h"\n',
-        "peer/q.h": "",
+        "peer/p.h": '#include "core/c.h"\n#include "server/s.h"\n',
+        "core/c.h": '#include "i4min/string/string.h"\n',
+        "server/s.h": '#include "core/c.h"\n#include "app/a.h"\n',
+        "app/a.h": '#include "console/c.h"\n',
+        "console/c.h": '#include "remote/r.h"\n',
+        "remote/r.h": "",
         "tests/t_test.cpp": '#include "peer/p.h"\n',
+        "download/a.h": "",
+        "download/a.cpp": '#include "download/a.h"\n#include "download/b.h"\n',
+        "download/b.h": "",
+        "download/b.cpp": '#include "download/b.h"\n#include "download/a.h"\n',
     }
-    found = sorted((path, line) for path, line, what in include_offences(sources) if "cycle" not in what)
-    assert found == [("app/MessageQ.h", 2), ("app/UIInterface.h", 2), ("i4min/file/f.cpp", 1), ("meta/b.h", 3),
-                     ("meta/b.h", 4), ("server/s.h", 2)], found
-    cycles = [what for _, _, what in include_offences(sources) if "cycle" in what]
-    assert cycles[0].endswith("meta/a.h -> meta/b.h -> meta/a.h"), cycles
+    found = sorted((path, line) for path, line, what in include_offences(sources))
+    assert found == [("console/c.h", 1), ("i4min/file/f.cpp", 1), ("meta/b.h", 1), ("meta/b.h", 2), ("peer/p.h", 2),
+                     ("server/s.h", 2)], found
+    sources["download/b.cpp"] += '#include "download/c.h"\n'
+    sources["download/c.h"] = '#include "download/a.h"\n'
+    found = [what for _, _, what in include_offences(sources) if "circle" in what]
+    assert len(found) == 1 and found[0].startswith("a circle of 5 files"), found
+    assert [line for line, _ in machine_offences("peer/a.cpp", "f();\nx = ::stat(a, b);\n// i4_time\n")] == [2]
+    assert not list(machine_offences("host/a.cpp", "x = ::stat(a, b);\n"))
+    table = (
+        "0000000000000000 l     O .bss\t0000000000000008 (anonymous namespace)::count\n"
+        "0000000000000000 g     O .data.rel.ro\t0000000000000008 constant\n"
+        "0000000000000000 l     F .text\t0000000000000008 f()\n"
+        "0000000000000000  w    O .data.rel.local.DW.ref.x\t0000000000000008 .hidden DW.ref.x\n"
+    )
+    assert list(writable_symbols(table)) == ["(anonymous namespace)::count"], list(writable_symbols(table))
     print("gates: the self-test passes")
 
 
 if __name__ == "__main__":
-    sys.exit(self_test() if sys.argv[1:] == ["--self-test"] else main())
+    if sys.argv[1:] == ["--self-test"]:
+        sys.exit(self_test())
+    sys.exit(check_symbols(sys.argv[2:]) if sys.argv[1:2] == ["--symbols"] else main())

@@ -13,14 +13,12 @@
 
 #include <memory>
 
-#include "app/ClientApp.h"
-#include "app/Preferences.h"
-#include "app/UIInterface.h"
 #include "i4min/network/protocol.h"
-#include "i4min/threads/linux/i4_time.h"
 #include "meta/FileMeta.h"
 #include "server/Search.h"
-#include "server/ServerPool.h"
+#include "server/ServerDesk.h"
+#include "server/ServerNeeds.h"
+#include "transport/Transport.h"
 #include "transport/UDPPacket.h"
 
 namespace {
@@ -39,17 +37,18 @@ enum UdpOpcode : u8 {
     UDP_CALLBACK_FAILED = 158,
 };
 
-std::unique_ptr<UDPPacket> makeDatagram(u8 opcode, u32 payload, const ServerAddress& server) {
-    auto packet = std::make_unique<UDPPacket>(payload + 1, server.ip, server.port + udpPortOffset);
+}  // namespace
+
+std::unique_ptr<UDPPacket> ExServerAnnex::makeDatagram(u8 opcode, u32 payload, const ServerAddress& server) {
+    auto packet = std::make_unique<UDPPacket>(transport().host.network, payload + 1, server.ip,
+                                              server.port + udpPortOffset);
     packet->stream.write_8(opcode);
     return packet;
 }
 
-}  // namespace
-
 void ExServerAnnex::ping(const ServerAddress& server) {
     auto packet = makeDatagram(UDP_SERVER_PING, 4, server);
-    packet->stream.write_32(i4_ticks());
+    packet->stream.write_32(transport().host.clock.ticks());
     send(std::move(packet));
 }
 
@@ -75,8 +74,8 @@ void ExServerAnnex::findSources(const MD4Hash& hash, const ServerAddress& server
 
 void ExServerAnnex::requestCallback(u32 clientId, const ServerAddress& server) {
     auto packet = makeDatagram(UDP_CALLBACK, 10, server);
-    packet->stream.write_32(preferences.clientId());
-    packet->stream.write_16(static_cast<u16>(preferences.doorPort.get()));
+    packet->stream.write_32(needs_.core.preferences.clientId());
+    packet->stream.write_16(static_cast<u16>(needs_.core.preferences.doorPort.get()));
     packet->stream.write_32(clientId);
     send(std::move(packet));
 }
@@ -96,10 +95,10 @@ void ExServerAnnex::handleDatagram() {
             gotSources(server);
             break;
         case UDP_CALLBACK_FAILED:
-            serverPool.callbackFailed(server.ip, buffer_.read_32());
+            needs_.events.callbackFailed(server.ip, buffer_.read_32());
             break;
         default:
-            theLog->printVerbose("ExServer Unknown Msg: %d\n", opcode);
+            needs_.core.log.printVerbose("ExServer Unknown Msg: %d\n", opcode);
             break;
     }
 }
@@ -108,16 +107,17 @@ void ExServerAnnex::gotPing(const ServerAddress& server) {
     const u32 stamp = buffer_.read_32();
     const u32 users = buffer_.read_32();
     const u32 files = buffer_.read_32();
-    serverPool.gotPing(server.ip, server.port, static_cast<i32>(i4_ticks() - stamp), users, files);
+    desk_.gotPing(server.ip, server.port, static_cast<i32>(transport().host.clock.ticks() - stamp), users,
+                  files);
 }
 
 void ExServerAnnex::gotResult() {
     auto file = std::make_unique<FileMeta>();
-    if (file->fromNetwork(buffer_)) clientApp.gotResult(file.release());
+    if (file->fromNetwork(buffer_)) needs_.events.gotResult(file.release());
 }
 
 // A stranger's would keep those of the servers out.
 void ExServerAnnex::gotSources(const ServerAddress& server) {
-    if (!serverPool.isListed(server)) return;
-    serverPool.gotSources(buffer_, server);
+    if (!desk_.isListed(server)) return;
+    desk_.gotSources(buffer_, server);
 }

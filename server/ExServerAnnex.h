@@ -1,10 +1,12 @@
 // ExServerAnnex, the client's one UDP socket towards index servers.
 #pragma once
 
-#include "app/MessageQ.h"
+#include "core/MessageQ.h"
 #include "transport/UDPAnnex.h"
 
 class Search;
+class ServerDesk;
+struct ServerNeeds;
 struct MD4Hash;
 
 // Pings every server, and extends searches, source requests and callback requests to those that the client
@@ -13,7 +15,8 @@ struct MD4Hash;
 // Thread: sending on any, answers on the socket pool's.
 class ExServerAnnex : public UDPAnnex {
   public:
-    explicit ExServerAnnex(SocketPool* pool) : UDPAnnex(pool) {}
+    ExServerAnnex(SocketPool& pool, ServerDesk& desk, const ServerNeeds& needs)
+        : UDPAnnex(pool), desk_(desk), needs_(needs) {}
 
     void ping(const ServerAddress& server);
     void sendSearch(const Search& search, const ServerAddress& server);
@@ -25,8 +28,12 @@ class ExServerAnnex : public UDPAnnex {
     void handleDatagram() override;
 
   private:
+    std::unique_ptr<UDPPacket> makeDatagram(u8 opcode, u32 payload, const ServerAddress& server);
     void gotPing(const ServerAddress& server);
     void gotResult();
     void gotSources(const ServerAddress& server);
     void sendTree(u8 opcode, const Search& search, const ServerAddress& server);
+
+    ServerDesk& desk_;
+    const ServerNeeds& needs_;
 };

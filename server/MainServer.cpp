@@ -2,23 +2,17 @@
 
 #include <memory>
 
-#include "app/ClientApp.h"
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
 #include "meta/FileList.h"
 #include "meta/UserList.h"
-#include "peer/Peer.h"
 #include "server/Search.h"
-#include "server/ServerPool.h"
+#include "server/ServerDesk.h"
+#include "server/ServerNeeds.h"
 #include "transport/OpcodeTable.h"
 
 namespace {
 
 constexpr u32 logOnBodyLimit = 64 * 1024;
 constexpr u32 loggedOnBodyLimit = 16 * 1024 * 1024;
-constexpr u32 mostServers = 10'000;  // on the list, for a server to add to it
 
 enum ServerOpcode : u8 {
     OP_LOGON = 1,
@@ -82,7 +76,8 @@ OwnedList<List> readList(i4_file& stream) {
 
 }  // namespace
 
-MainServer::MainServer(const ServerMeta& server) : Connection(server.ip, server.port) {
+MainServer::MainServer(SocketPool& pool, ServerDesk& desk, const ServerNeeds& needs, const ServerMeta& server)
+    : Connection(pool, server.ip, server.port), desk_(desk), needs_(needs) {
     server_.copyFrom(&server);
 }
 
@@ -92,25 +87,25 @@ u32 MainServer::bodyLimit() const { return isLoggedOn() ? loggedOnBodyLimit : lo
 u32 MainServer::stallLimit() const { return 0; }
 
 void MainServer::connected() {
-    theLog->printLine("%s", stringTable.get(STRINGS_PLACED_ON_Q));
-    auto packet = makePacket(OP_LOGON, preferences.selfByteSize());
-    preferences.writeSelf(packet->stream);
+    needs_.core.log.printLine("%s", needs_.core.strings.get(STRINGS_PLACED_ON_Q));
+    auto packet = makePacket(OP_LOGON, needs_.core.preferences.selfByteSize());
+    needs_.core.preferences.writeSelf(packet->stream);
     packet->finish();
     send(std::move(packet));
-    serverPool.setMainServer(this);
+    desk_.setMainServer(this);
 }
 
 void MainServer::gone() {
-    serverPool.mainServerGone(this);
+    desk_.mainServerGone(this);
     // One that the user gave up has not failed.
-    if (!isLoggedOn() && !isClosing()) serverPool.serverFailed(ip);
+    if (!isLoggedOn() && !isClosing()) desk_.serverFailed(ip);
 }
 
 bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
     switch (opcode) {
         case OP_OUT_OF_DATE:
-            if (theLog->mayComplain(UIInterface::Complaint::serverOutOfDate))
-                theLog->printLine("Either your client or the server is out of date.");
+            if (needs_.core.log.mayComplain(UIInterface::Complaint::serverOutOfDate))
+                needs_.core.log.printLine("Either your client or the server is out of date.");
             return true;
         case OP_SERVER_LIST:
             return gotServerList(stream);
@@ -118,17 +113,17 @@ bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
             return gotSearchResults(stream);
         case OP_SERVER_STATUS: {
             const u32 users = stream.read_32();
-            theUI->serverStats(stream.read_32(), users);
+            needs_.ui.serverStats(stream.read_32(), users);
             return true;
         }
         case OP_CALLBACK_ASKED:
             return gotCallbackAsked(stream);
         case OP_CALLBACK_FAILED:
-            serverPool.callbackFailed(ip, stream.read_32());
+            needs_.events.callbackFailed(ip, stream.read_32());
             return true;
         case OP_SERVER_MESSAGE:
-            if (theLog->mayComplain(UIInterface::Complaint::serverMessage))
-                theLog->printLine("%s", i4_string(stream).c_str());
+            if (needs_.core.log.mayComplain(UIInterface::Complaint::serverMessage))
+                needs_.core.log.printLine("%s", i4_string(stream).c_str());
             return true;
         case OP_DROPPED_TEXT:
             stream.read_32();
@@ -154,7 +149,7 @@ bool MainServer::gotServerList(i4_file& stream) {
     for (u32 count = stream.read_8(); count > 0; --count) {
         const u32 serverIp = stream.read_32();
         const u16 serverPort = stream.read_16();
-        if (serverPool.servers().count() < mostServers) serverPool.addServer(serverIp, serverPort);
+        if (desk_.hasRoomForServers()) desk_.addServer(serverIp, serverPort);
     }
     return true;
 }
@@ -163,7 +158,7 @@ bool MainServer::gotSearchResults(i4_file& stream) {
     OwnedList<FileList> list = readList<FileList>(stream);
     if (!list) return false;
     const bool more = stream.read_8() != 0;
-    clientApp.gotResults(list.release(), more);
+    needs_.events.gotResults(list.release(), more);
     return true;
 }
 
@@ -173,29 +168,23 @@ bool MainServer::gotCallbackAsked(i4_file& stream) {
     user.id = stream.read_32();
     user.port = stream.read_16();
     if (isLowId(user.id)) return true;
-    Ref<Peer> peer;
-    if (clientApp.connectToUser(user, peer) == ConnectResult::peerThere) peer->sendIdentity();
+    needs_.events.callbackAsked(user);
     return true;
 }
 
 // The answer to the log-on. It can come again later, with another ID.
 bool MainServer::gotClientId(i4_file& stream) {
     const u32 id = stream.read_32();
-    preferences.setClientId(id);
-    preferences.setServer(ip, static_cast<u16>(port.get()));
+    needs_.core.preferences.setClientId(id);
+    needs_.core.preferences.setServer(ip, static_cast<u16>(port.get()));
     i4_string name;
-    theUI->connected(server_.getName(name));
-    messageQ.postOnce(MESSAGE_PUBLISH);
+    needs_.ui.connected(server_.getName(name));
+    needs_.core.messages.postOnce(MESSAGE_PUBLISH);
     send(makePacket(OP_GET_SERVER_LIST));
-    tellPeers();
+    needs_.events.loggedOn();
     loggedOn_ = 1;
-    serverPool.stopTrying();
+    desk_.stopTrying();
     return true;
-}
-
-void MainServer::tellPeers() {
-    const i4_guard guard(peers);
-    for (LL<Peer>::Cursor c; Peer* peer = peers.next(c);) peer->sendIdentity();
 }
 
 // What the server says of its own address isn't used: the entry is found by the address that we connected to.
@@ -204,14 +193,14 @@ bool MainServer::gotServerIdent(i4_file& stream) {
     if (!server_.fromNetwork(stream)) return false;
     server_.ip = ip;
     server_.port = port;
-    serverPool.gotServerInfo(server_);
+    desk_.gotServerInfo(server_);
     i4_string name;
-    theUI->connected(server_.getName(name));
+    needs_.ui.connected(server_.getName(name));
     return true;
 }
 
 bool MainServer::gotSources(i4_file& stream) {
-    serverPool.gotSources(stream, {ip, static_cast<u16>(port.get())});
+    desk_.gotSources(stream, {ip, static_cast<u16>(port.get())});
     return true;
 }
 
@@ -219,7 +208,7 @@ bool MainServer::gotSources(i4_file& stream) {
 bool MainServer::gotUsers(i4_file& stream) {
     OwnedList<UserList> list = readList<UserList>(stream);
     if (!list) return false;
-    clientApp.gotUserList(list.release());
+    needs_.events.gotUserList(list.release());
     return stream.bytesLeft().value_or(0) == 0 || gotSources(stream);
 }
 
@@ -236,7 +225,7 @@ void MainServer::requestCallback(u32 clientId) {
 }
 
 void MainServer::publish(const FileList& files) {
-    theLog->printVerbose("Publishing\n");
+    needs_.core.log.printVerbose("Publishing\n");
     send(makePacket(OP_PUBLISH_FILES, files));
 }
 

@@ -7,6 +7,8 @@
 
 class FileList;
 class Search;
+class ServerDesk;
+struct ServerNeeds;
 
 // server/MainServer.cpp has the table of the messages.
 //
@@ -19,7 +21,7 @@ class Search;
 // packet.
 class MainServer : public Connection {
   public:
-    explicit MainServer(const ServerMeta& server);
+    MainServer(SocketPool& pool, ServerDesk& desk, const ServerNeeds& needs, const ServerMeta& server);
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
     void connected() override;  // logs on
@@ -48,9 +50,10 @@ class MainServer : public Connection {
     bool gotServerIdent(i4_file& stream);
     bool gotSources(i4_file& stream);
     bool gotUsers(i4_file& stream);
-    void tellPeers();
     void sendTree(u8 opcode, const Search& search);
 
+    ServerDesk& desk_;
+    const ServerNeeds& needs_;
     Relaxed<u8> loggedOn_;
     ServerMeta server_;  // a copy of the list's entry; of the pool's thread once connected
 };

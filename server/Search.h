@@ -6,7 +6,7 @@
 #include "i4min/string/string.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/MetaList.h"
-#include "server/SearchNode.h"
+#include "protocol/SearchNode.h"
 
 class i4_file;
 

@@ -1,17 +1,12 @@
 // ServerAsk, one server on a download's list of servers to ask for sources.
 #pragma once
 
-#include "app/MessageQ.h"
+#include "core/MessageQ.h"
 #include "i4min/memory/types.h"
-
-struct MD4Hash;
 
 struct ServerAsk {
     static constexpr i32 pause = 1'200'000;  // ms
 
     ServerAddress address;
     i32 timer = pause;  // ms since it was last asked; above `pause` it is due
-
-    // Asks if it is due. True when the request went out.
-    bool ask(const MD4Hash& hash);
 };

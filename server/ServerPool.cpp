@@ -1,15 +1,10 @@
 #include "server/ServerPool.h"
 
 #include <algorithm>
+#include <limits>
 
-#include "app/ClientApp.h"
-#include "app/Preferences.h"
-#include "app/StringTable.h"
-#include "app/UIInterface.h"
-#include "download/DLPool.h"
 #include "meta/UserMeta.h"
 #include "meta/address.h"
-#include "peer/UploadPool.h"
 #include "server/ExServerAnnex.h"
 #include "server/MainServer.h"
 #include "server/Search.h"
@@ -32,18 +27,12 @@ ServerAddress addressOf(const ServerMeta& server) { return {server.ip, static_ca
 
 ServerAddress addressOf(const MainServer& server) { return {server.ip, static_cast<u16>(server.port.get())}; }
 
-void say(u32 number) { theLog->printLine("%s", stringTable.get(number)); }
-
 }  // namespace
 
-bool ServerAsk::ask(const MD4Hash& hash) {
-    if (timer <= pause || !serverPool.findSources(address, hash)) return false;
-    timer = 0;
-    return true;
-}
-
-ServerPool::ServerPool() = default;
+ServerPool::ServerPool(const ServerNeeds& needs) : needs_(needs) {}
 ServerPool::~ServerPool() { servers_.deleteAll(); }
+
+void ServerPool::say(u32 number) const { needs_.core.log.printLine("%s", needs_.core.strings.get(number)); }
 
 bool ServerPool::addServer(u32 ip, u16 port) {
     if (ip == 0 || port == 0) return false;
@@ -51,7 +40,9 @@ bool ServerPool::addServer(u32 ip, u16 port) {
     server->ip = ip;
     server->port = port;
     server->idleTime = pingEvery;
-    if (!servers_.addIfNew(server.get())) static_cast<void>(server.release());
+    if (servers_.addIfNew(server.get())) return true;
+    static_cast<void>(server.release());
+    needs_.core.messages.wake();  // the first ping is due
     return true;
 }
 
@@ -90,6 +81,7 @@ void ServerPool::gotServerInfo(const ServerMeta& server) {
     added->history = 0;
     added->idleTime = pingEvery;
     servers_.addUnsafe(added.release());
+    needs_.core.messages.wake();
 }
 
 void ServerPool::gotPing(u32 ip, u16 port, i32 ping, u32 users, u32 files) {
@@ -102,23 +94,24 @@ void ServerPool::gotPing(u32 ip, u16 port, i32 ping, u32 users, u32 files) {
 }
 
 void ServerPool::load(const char* path) {
-    servers_.loadOrSetAside(path);
+    needs_.core.files.load(servers_, path);
     const i4_guard guard(servers_);
     for (ServerList::Cursor c; ServerMeta* server = servers_.next(c);) server->idleTime = pingEvery;
 }
 
 void ServerPool::merge(const char* path) {
     ServerList read(LockRank::none);
-    read.load(path);
+    read.load(needs_.core.host.disk, path);
     for (ServerMeta* server : read.snapshot()) {
         server->idleTime = pingEvery;
         if (servers_.addIfNew(server)) delete server;
     }
+    needs_.core.messages.wake();
 }
 
-void ServerPool::setSocketPool(SocketPool* pool) {
-    pool_ = pool;
-    annex_ = Ref<ExServerAnnex>(new ExServerAnnex(pool));
+void ServerPool::setSocketPool(SocketPool& pool) {
+    pool_ = &pool;
+    annex_ = Ref<ExServerAnnex>(new ExServerAnnex(pool, *this, needs_));
     annex_->open();
 }
 
@@ -197,9 +190,10 @@ void ServerPool::tryNextLocked() {
     const std::unique_ptr<ServerMeta> entry = std::move(queue_.front());
     queue_.pop_front();
     i4_string name;
-    theLog->printLine("%s %s ....", stringTable.get(STRINGS_CONNECTING_TO), entry->getName(name));
-    Ref<MainServer> attempt(new MainServer(*entry));
-    if (connectRegistry.connect(pool_, Ref<Connection>(attempt.get()))) {
+    needs_.core.log.printLine("%s %s ....", needs_.core.strings.get(STRINGS_CONNECTING_TO),
+                              entry->getName(name));
+    Ref<MainServer> attempt(new MainServer(*pool_, *this, needs_, *entry));
+    if (needs_.transport.connects.connect(Ref<Connection>(attempt.get()))) {
         connecting_ = true;
         attempt_ = std::move(attempt);
     } else {
@@ -219,8 +213,9 @@ void ServerPool::serverFailed(u32 ip) {
     i4_lock guard(lock_);
     if (!connecting_) return;
     attempt_.reset();
-    messageQ.post(MESSAGE_TRY_NEXT_SERVER);
-    theLog->printLine("%s: %s", stringTable.get(STRINGS_CANT_CONNECT_TO), ipToString(ip).c_str());
+    needs_.core.messages.post(MESSAGE_TRY_NEXT_SERVER);
+    needs_.core.log.printLine("%s: %s", needs_.core.strings.get(STRINGS_CANT_CONNECT_TO),
+                              ipToString(ip).c_str());
 }
 
 void ServerPool::setMainServer(MainServer* server) {
@@ -240,8 +235,9 @@ void ServerPool::mainServerGone(MainServer* server) {
         if (mainServer_.get() != server) return;
         std::swap(mainServer_, old);
     }
-    theUI->disconnected();
-    clientApp.clearPublished();
+    needs_.ui.disconnected();
+    needs_.events.serverGone();
+    needs_.core.messages.wake();  // an automatic connect may be due
 }
 
 Ref<MainServer> ServerPool::mainServer() const {
@@ -307,25 +303,20 @@ void ServerPool::extendSearch(const Search& search, bool alternate) {
         annex_->sendSearch(search, address);
     }
     ++extendIndex_;
-    theUI->extending(name.c_str());
+    needs_.ui.extending(name.c_str());
 }
 
 void ServerPool::gotSources(i4_file& stream, const ServerAddress& from) {
-    const Ref<Download> download = dlPool.find(MD4Hash::read(stream));
-    if (!download) return;
+    const MD4Hash file = MD4Hash::read(stream);
+    if (!needs_.events.wantsSources(file)) return;
     for (u32 count = stream.read_8(); count > 0; --count) {
         UserMeta user;
         user.id = stream.read_32();
         user.port = stream.read_16();
         user.serverIp = from.ip;
         user.serverPort = from.port;
-        download->addSource(user);
+        needs_.events.foundSource(file, user);
     }
-}
-
-void ServerPool::callbackFailed(u32 serverIp, u32 clientId) {
-    dlPool.callbackFailed(serverIp, clientId);
-    uploadPool.callbackFailed(serverIp, clientId);
 }
 
 bool ServerPool::findSources(const ServerAddress& address, const MD4Hash& hash) {
@@ -376,9 +367,19 @@ void ServerPool::tick(i32 elapsedMs) {
     }
 }
 
+i32 ServerPool::untilDue() {
+    i32 due = std::numeric_limits<i32>::max();
+    const i4_guard list(servers_);
+    for (ServerList::Cursor c; const ServerMeta* server = servers_.next(c);) {
+        due = std::min(due, static_cast<i32>(pingEvery + 1 - std::min(server->idleTime, pingEvery + 1)));
+    }
+    return due;
+}
+
 // False for a server that is dead.
 bool ServerPool::pingDue(ServerMeta& server) {
-    if (preferences.servRemove != 0 && server.history > mostSilentPings && server.pref != prefHigh)
+    if (needs_.core.preferences.servRemove != 0 && server.history > mostSilentPings &&
+        server.pref != prefHigh)
         return false;
     server.idleTime = 0;
     ++server.history;

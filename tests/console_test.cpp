@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "app/ClientApp.h"
 #include "console/commands.h"
 #include "download/Collection.h"
 #include "download/DLPool.h"
 #include "download/HashThread.h"
+#include "engine/ClientApp.h"
 #include "peer/Peer.h"
 #include "peer/UploadPool.h"
 #include "server/MainServer.h"
@@ -27,17 +27,13 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-class Console : public testing::Test {
+class Console : public testing::Test, protected OwnScreen {
   protected:
-    Console() { clientApp.socketPool.count = 0; }
-    ~Console() override { screen_.showResults({}); }
     // Each of the lines is answered so at once.
     void expect(const std::string& says, const std::vector<std::string>& lines) {
         for (const std::string& line : lines) EXPECT_EQ(screen_.type(line), says) << line;
     }
     std::string here(const std::string& name) { return preferences.workDir.c_str() + ("/" + name); }
-
-    Screen screen_;
 };
 
 TEST_F(Console, WordsAreComparedWhole) {
@@ -117,7 +113,7 @@ TEST_F(Console, ServersAreAddedByAddressAndTakenByNumber) {
     expect(badNumber, {"c 0", "c foo"});
     expect("", {"c 3", "c -1", "c 4294967297"});
     EXPECT_EQ(screen_.handled(), "");
-    serverPool.setSocketPool(&clientApp.socketPool);
+    serverPool.setSocketPool(clientApp.socketPool);
     EXPECT_EQ(screen_.answer("c 2"), "Connecting to 192.0.2.35 ....\n");
     EXPECT_EQ(screen_.answer("c"), "Already trying to connect.\n");
     EXPECT_EQ(screen_.answer("x"), "");
@@ -160,7 +156,7 @@ TEST_F(Console, DownloadsAreStartedAndChangedByNumber) {
     EXPECT_EQ(screen_.answer("d 2"), "Downloading: two\n");
     EXPECT_EQ(screen_.answer("d 2"), "You are already downloading two.\n");
 
-    Download* download = conClientApp.downloads.getAt(0);
+    Download* download = screen_.console.downloads.getAt(0);
     ASSERT_NE(download, nullptr);
     expect("", {"m", "m 1", "m 0", "m 2 p", "m 1 x"});
     expect("Invalid Download number.\n\n", {"m 0 p", "m x p"});
@@ -189,7 +185,7 @@ TEST_F(Console, LinksAreReadFieldByField) {
     expect("Invalid hash in tnwk-link.\n", {"dllink tnwk://|file|a b|12|" + hash + "0|",
                                             "dllink tnwk://|file|a b|12|" + hash.substr(1) + "g|"});
     EXPECT_EQ(screen_.answer("dllink other:|file|a, b|4294967295|" + hash + "|"), "Downloading: a, b\n");
-    Download* download = conClientApp.downloads.getAt(0);
+    Download* download = screen_.console.downloads.getAt(0);
     ASSERT_NE(download, nullptr);
     EXPECT_EQ(download->hash().bytes[1], 0x23);
     EXPECT_EQ(download->partial().fileSize(), 4294967295U);
@@ -198,12 +194,12 @@ TEST_F(Console, LinksAreReadFieldByField) {
 
 TEST_F(Console, PartsComeFromTheSelectedCollection) {
     EXPECT_EQ(screen_.type("p 1"), "No Collection selected.\n\n");
-    Collection collection;
+    Collection collection(screen_.engine.core);
     collection.add(makeFile("part one", 3, 9).release());
-    conClientApp.selectedCollection = &collection;
+    screen_.console.selectedCollection = &collection;
     expect("Invalid Part number.\n\n", {"p 0", "p x", "p 2"});
     EXPECT_EQ(screen_.answer("p 1"), "Downloading: part one\n\nDownloading: part one\n");
-    conClientApp.selectedCollection = nullptr;
+    screen_.console.selectedCollection = nullptr;
     screen_.answer("m 1 c");
 }
 
@@ -286,9 +282,9 @@ TEST_F(Console, ViewsShowUploadsQueueAndConnections) {
     EXPECT_EQ(screen_.type("vq"), "Assigned Slots: \n\nWaiting: \n");
     EXPECT_EQ(screen_.type("vp"), "0 Connections.\n");
 
-    const Ref<Peer> peer(new Peer(0x220200C0, 4662));
-    const Ref<Upload> upload(
-        new Upload(std::make_unique<i4_owned_ram_file>(), *peer, "fat day.mp3", MD4Hash()));
+    const Ref<Peer> peer(new Peer(clientApp.socketPool, screen_.engine.peerNeeds, 0x220200C0, 4662));
+    const Ref<Upload> upload(new Upload(uploadPool, screen_, std::make_unique<i4_owned_ram_file>(), *peer,
+                                        "fat day.mp3", MD4Hash()));
     upload->speed = 4.25F;
     screen_.uploadAdded(upload.get());
     EXPECT_EQ(screen_.type("vu"), "File Name\t\tWho\t\tSpeed\n(1) fat day.mp3\t\t4.2\nTotal: 0.00 (5.00)\n");
@@ -311,13 +307,14 @@ TEST_F(Console, ViewsShowTheServerState) {
     ServerMeta record;
     record.setAddress("192.0.2.34", 4661);
     record.setName("First");
-    const Ref<MainServer> server(new MainServer(record));
+    const Ref<MainServer> server(
+        new MainServer(clientApp.socketPool, serverPool, screen_.engine.serverNeeds, record));
     serverPool.setMainServer(server.get());
-    CLUI().serverStats(88312, 1204);
+    screen_.shown().serverStats(88312, 1204);
     EXPECT_THAT(screen_.type("g"),
                 EndsWith("(open)\nConnected to: 192.0.2.34\n   Users: 1204    Files: 88312\n"));
     serverPool.setMainServer(nullptr);
-    CLUI().disconnected();
+    screen_.shown().disconnected();
     preferences.setClientId(0);
 }
 
@@ -327,7 +324,7 @@ TEST(Terminal, GetsNoControlCharacterOfStrangers) {
     ui.printLine("%s", "a\x1B[2J\r\b\x7F\tb\nc");
     ui.print("%s", "\xC2\x9B\x31m \xC3\x9B \xC2\xA0 \xC2");
     ui.printVerbose("unseen");
-    ui.verbose = 1;
+    ui.setVerbose(true);
     ui.printVerbose("\7%d", 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "a?[2J???\tb\nc\n??1m \xC3\x9B \xC2\xA0 \xC2?1");
     for (const auto kind : {UIInterface::Complaint::upload, UIInterface::Complaint::serverMessage}) {
@@ -338,7 +335,8 @@ TEST(Terminal, GetsNoControlCharacterOfStrangers) {
     }
     i4_owned_ram_file terminal;
     i4_file* const old = std::exchange(i4_debug_stream, &terminal);
-    CLUI().connected("a\x1B]0;b\7");
+    ConClientApp console;
+    CLUI(console).connected("a\x1B]0;b\7");
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(terminal.buffer()), terminal.size()),
               "Connected to: a?]0;b?\n");
     i4_debug_stream = old;

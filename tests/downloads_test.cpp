@@ -11,6 +11,7 @@
 #include "download/DLS_States.h"
 #include "i4min/file/filesystem.h"
 #include "tests/support/Downloads.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -19,29 +20,22 @@ using testing::HasSubstr;
 class DownloadStates : public Downloads {
   protected:
     // A download in no pool, in DLS_Queued.
-    static Ref<Download> make(u32 size) {
-        Ref<Download> download(new Download);
+    Ref<Download> make(u32 size) {
+        Ref<Download> download(new Download(engine.downloadNeeds, dlPool));
         FileMeta record;
         record.setName("a");
         record.setInt(TAG_SIZE, size);
         EXPECT_TRUE(download->create(record));
         return download;
     }
-    template <class State, auto... arguments>
-    static void enter(Download& download) {
-        const i4_guard guard(download.stateLock());
-        download.setState(std::make_unique<State>(download, arguments...));
-    }
     static void enter(Download& download, const std::string& name) {
-        static const std::map<std::string, void (*)(Download&)> states = {
-            {"Downloading", enter<DLS_Downloading>},
-            {"Paused", enter<DLS_Paused>},
-            {"DiskFull", enter<DLS_DiskFull>},
-            {"NoSources", enter<DLS_NoSources>},
-            {"Hashing", enter<DLS_Hashing>},
-            {"PausedHashing", enter<DLS_PausedHashing>},
-            {"Done", enter<DLS_Done, DL_STATUS_COMPLETING>}};
-        if (name != "Queued") states.at(name)(download);
+        static const std::map<std::string, Stage> stages = {
+            {"Queued", Stage::queued},       {"Downloading", Stage::downloading},
+            {"Paused", Stage::paused},       {"DiskFull", Stage::diskFull},
+            {"NoSources", Stage::noSources}, {"Hashing", Stage::hashing},
+            {"Done", Stage::completing},     {"PausedHashing", Stage::pausedHashing}};
+        const i4_guard guard(download.stateLock());
+        static_cast<DownloadBody&>(download).become(stages.at(name));
     }
     static std::string stateOf(Download& download) {
         const i4_guard guard(download.stateLock());
@@ -69,7 +63,7 @@ TEST_F(DownloadStates, FollowTheTable) {
                                                      [](Download& d) { d.diskFreed(); },
                                                      [](Download& d) { d.hashingEnded(); },
                                                      tick(100),  // no source may start
-                                                     [](Download& d) { dlPool.tick(500), d.tick(100); },
+                                                     [this](Download& d) { dlPool.tick(500), d.tick(100); },
                                                      tick(1'200'000),
                                                      tick(1'200'001)};
     //                pause     resume   cancel diskFull diskFreed hashDone tick may start   20 min more
@@ -161,7 +155,7 @@ std::string pick(DLProgress& progress, const std::string& flags) {
     const BoolArray array = partsOf(flags);
     u32 start = 0;
     u32 end = 0;
-    if (!progress.pickChunk(&array, start, end)) return "none";
+    if (!progress.pickChunk(&array, 184'320, start, end)) return "none";
     return std::to_string(start / PARTSIZE) + ":" + std::to_string(start % PARTSIZE) + "+" +
            std::to_string(end - start);
 }
@@ -183,7 +177,7 @@ TEST_F(DownloadStates, TheNextChunkIsTheFirstFreeOfTheRarestPart) {
     progress.addParts(nullptr);
     u32 start = 7;
     u32 end = 8;
-    EXPECT_FALSE(progress.pickChunk(&tooLong, start, end) || progress.pickChunk(nullptr, start, end));
+    EXPECT_FALSE(progress.pickChunk(&tooLong, 1, start, end) || progress.pickChunk(nullptr, 1, start, end));
     EXPECT_EQ(start, 7U);
 }
 
@@ -256,11 +250,11 @@ TEST_F(DownloadPool, StartsASourceEveryHalfSecondWhileTheLineHasRoom) {
         preferences.lineDown = row.told;
         preferences.maxDownSpeed = row.estimated;
         preferences.curDownSpeed = row.speed;
-        dlPool.transferCount = row.transfers;
+        for (int i = 0; i < row.transfers; ++i) dlPool.transferStarted();
         dlPool.tick(500);
         EXPECT_EQ(dlPool.canStart(), row.expected) << &row - rows;
+        for (int i = 0; i < row.transfers; ++i) dlPool.transferEnded();
     }
-    dlPool.transferCount = 0;
     preferences.lineDown = 0;
 }
 
@@ -297,8 +291,8 @@ TEST_F(DownloadPool, SavesEveryFiveMinutes) {
     EXPECT_EQ(clientApp.partials().count(), 0U);
 
     // Cancelled while its record is on the way to the disk.
-    PartialList records;
-    download->partial().saveToList(records, 1, false);
+    PartialList records(engine.core);
+    records.add(download->partial().makeRecord(1, false).release());
     download->cancel();
     records.saveToDir(temp().c_str());
     download->partial().dropStaleMeta();
@@ -311,13 +305,12 @@ TEST_F(DownloadPool, EndsWithACompleterAtWork) {
     const RemoteFile file("a", PARTSIZE);
     const Ref<Download> download = add(file);
     give(*download, file);
-    dlPool.stopAll();
+    dlPool.stopAll(clientApp.partials());
     clientApp.partials().saveToDir(temp().c_str());
     const std::string data = dataFileOf(*download);
     const bool moved = exists(incoming("a"));
     EXPECT_TRUE(hasBytes(moved ? incoming("a") : data, file.bytes));
     EXPECT_EQ(exists(data + ".met"), !moved);
-    EXPECT_EQ(download->completer().state(), Thread::notRunning);
 }
 
 // --- collections
@@ -336,17 +329,18 @@ class Collections : public Downloads {
     // Whether it loads whole, and its members.
     std::string load(const std::string& bytes) {
         writeFile(path, bytes);
-        std::string text = collection.load(path.c_str()) == LoadResult::whole ? "whole" : "damaged";
+        std::string text =
+            collection.load(systemDisk(), path.c_str()) == LoadResult::whole ? "whole" : "damaged";
         for (const FileMeta* member : collection.snapshot()) text += std::string(" ") + member->getName();
         return text;
     }
 
     const std::string path = directory.file("any name");
-    Collection collection;
+    Collection collection{engine.core};
 };
 
 TEST_F(Collections, AreReadThoughTheirCountsMayLie) {
-    ASSERT_TRUE(collection.save(path.c_str()));
+    ASSERT_EQ(collection.save(systemDisk(), path.c_str()), "");
     const std::string saved = contentOf(path);
     EXPECT_EQ(saved.substr(0, 12), std::string("\x0A\0collectio2", 12));
     const std::string many = le32(0x7FFFFFFF);
@@ -358,13 +352,13 @@ TEST_F(Collections, AreReadThoughTheirCountsMayLie) {
     EXPECT_EQ(load(changed(34, many)), "damaged");
     EXPECT_EQ(load(changed(saved.find('\x0E') + 1, many)), "damaged one ../two");
     std::filesystem::resize_file(path, Collection::maxFile + 1);
-    EXPECT_EQ(collection.load(path.c_str()), LoadResult::damaged);
+    EXPECT_EQ(collection.load(systemDisk(), path.c_str()), LoadResult::damaged);
     EXPECT_EQ(collection.count(), 0U) << "too large to be looked at";
-    EXPECT_EQ(collection.load(directory.path().c_str()), LoadResult::damaged);
-    EXPECT_EQ(collection.load(directory.file("gone").c_str()), LoadResult::missing);
+    EXPECT_EQ(collection.load(systemDisk(), directory.path().c_str()), LoadResult::damaged);
+    EXPECT_EQ(collection.load(systemDisk(), directory.file("gone").c_str()), LoadResult::missing);
     // The magic word is for those who look for collections.
     EXPECT_EQ(load(changed(2, "collectio1")), "whole one ../two");
-    EXPECT_FALSE(collection.save("/nowhere/at/all"));
+    EXPECT_NE(collection.save(systemDisk(), "/nowhere/at/all"), "");
 }
 
 TEST_F(Collections, AreStoredAndFetchTheirMembers) {
@@ -376,7 +370,7 @@ TEST_F(Collections, AreStoredAndFetchTheirMembers) {
     EXPECT_EQ(collection.self.getSize(), std::filesystem::file_size(stored));
     MD4Hash hash;
     std::vector<MD4Hash> parts;
-    MD4Hash::computeFile(hash, stored.c_str(), parts);
+    MD4Hash::computeFile(hash, systemDisk(), stored.c_str(), parts);
     EXPECT_EQ(collection.self.hash, hash);
     EXPECT_EQ(load(contentOf(stored)), "whole one ../two");
     EXPECT_EQ(collection.self.hash, hashOf(0xAA)) << "the hash from before";

@@ -2,12 +2,24 @@
 #include "download/FSS_States.h"
 #include "download/FileSource.h"
 #include "tests/support/Downloads.h"
+#include "tests/support/ManualClock.h"
 
 namespace {
 
 constexpr u32 chunk = 184'320;
 
 enum From { unasked, onQueue, connecting, partsFirst, slotFirst, transfer, noNeeded, bad };
+
+// A line with room for everybody.
+struct Line final : DownloadOwner {
+    bool canStart() const override { return true; }
+    void sourceStarted() override {}
+    void transferStarted() override { ++transfers; }
+    void transferEnded() override { --transfers; }
+    void ticksWanted() override {}
+
+    int transfers = 0;
+};
 
 class FileSourceTest : public Downloads {
   protected:
@@ -24,7 +36,7 @@ class FileSourceTest : public Downloads {
         file.hash = hashOf(0xF0);
         file.setName("file.bin");
         file.setInt(TAG_SIZE, size);
-        download = Ref<Download>(new Download);
+        download = Ref<Download>(new Download(engine.downloadNeeds, line));
         ASSERT_TRUE(download->create(file));
         source = std::make_unique<FileSource>(User(1), *download);
     }
@@ -100,6 +112,7 @@ class FileSourceTest : public Downloads {
         return bytes;
     }
 
+    Line line;
     Ref<Download> download;
     std::unique_ptr<FileSource> source;
     TestPeer* partner = nullptr;
@@ -179,7 +192,7 @@ TEST_F(FileSourceTest, FollowsTheTable) {
         const bool stays = happen(row.event, *partner);
         std::string outcome = stays ? label() : "removed";
         const bool transfers = outcome == "Transferring";
-        EXPECT_EQ(dlPool.transferCount, transfers ? 1 : 0);
+        EXPECT_EQ(line.transfers, transfers ? 1 : 0);
         const std::string words = said();
         if (!transfers) outcome += words;
         if (requested() > 0) outcome += ", asked";
@@ -217,13 +230,17 @@ TEST_F(FileSourceTest, IsReachedOrNot) {
 }
 
 TEST_F(FileSourceTest, APlaceInItsQueueKeepsForHalfAnHour) {
-    const u32 asked = 1000;
-    remoteQueueList.note(*partner, asked);
-    EXPECT_TRUE(remoteQueueList.isWaiting(User(1), asked + 1'799'999));
-    EXPECT_FALSE(remoteQueueList.isWaiting(User(1), asked + 1'800'000));
+    ManualClock clock;
+    RemoteQueueList queues(clock);
+    clock.ms = 1000;
+    queues.note(*partner);
     UserMeta low;
     low.id = highestLowId;
-    EXPECT_FALSE(remoteQueueList.isWaiting(low, asked));
+    EXPECT_FALSE(queues.isWaiting(low));
+    clock.ms += 1'799'999;
+    EXPECT_TRUE(queues.isWaiting(User(1)));
+    ++clock.ms;
+    EXPECT_FALSE(queues.isWaiting(User(1)));
     remoteQueueList.note(*partner);
     said();
     EXPECT_TRUE(state().tryConnect());

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "app/Preferences.h"
+#include "core/Preferences.h"
 #include "download/Collection.h"
 #include "download/PartialList.h"
 #include "download/ShareList.h"
@@ -24,6 +24,7 @@
 #include "meta/UserList.h"
 #include "meta/address.h"
 #include "server/Search.h"
+#include "tests/support/OwnEngine.h"
 #include "tests/support/bytes.h"
 #include "transport/Packet.h"
 
@@ -38,14 +39,16 @@ using Decoder = std::function<bool(std::span<const std::uint8_t>)>;
 
 bool readsAsSettings(std::span<const std::uint8_t> bytes) {
     BytesFile stream(bytes);
-    Preferences settings;
+    OwnEngine own;
+    Preferences& settings = own.engine.preferences;
     return settings.fromDisk(stream) && stream.bytesLeft() == 0u && settings.getName() == "kit" &&
            settings.doorPort == 4662 && settings.maxCon == 300 && settings.lineDown == 50.0F;
 }
 
 bool readsAsCollection(std::span<const std::uint8_t> bytes) {
     BytesFile stream(bytes);
-    Collection collection;
+    OwnEngine own;
+    Collection collection(own.engine.core);
     return collection.read(stream) && stream.bytesLeft() == 0u && collection.self.getName() == "Set"s &&
            collection.self.getText(TAG_TYPE) == "Col"s && collection.count() == 1 &&
            collection.get(0)->getName() == "a.txt"s && collection.get(0)->getSize() == 0;

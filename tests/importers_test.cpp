@@ -15,6 +15,7 @@
 #include "meta/FileMeta.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Network.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -57,7 +58,7 @@ class Importers : public testing::Test {
     std::string import(const std::string& name, const std::string& bytes) {
         writeFile(home_.file(name), bytes);
         FileMeta meta;
-        EXPECT_TRUE(importers_.importFile(meta, home_.file(name).c_str(), name.c_str()));
+        EXPECT_TRUE(importers_.importFile(meta, systemDisk(), log_, home_.file(name).c_str(), name.c_str()));
         std::string tags;
         for (LL<MetaTag>::Cursor c; const MetaTag* tag = meta.getTags().next(c);) {
             char text[256];
@@ -93,9 +94,9 @@ TEST_F(Importers, KnowFilesByTheirNames) {
     EXPECT_EQ(import("A.ZIP", ""), "Type=Pro|Format=zip|");
     for (const char* name : {".zip", "zip", "azip", "a.zip "}) EXPECT_EQ(import(name, ""), "");
     FileMeta meta;
-    EXPECT_FALSE(importers_.importFile(meta, home_.file("gone.zip").c_str(), "gone.zip"));
+    EXPECT_FALSE(importers_.importFile(meta, systemDisk(), log_, home_.file("gone.zip").c_str(), "gone.zip"));
     // A directory opens but can't be read.
-    EXPECT_TRUE(importers_.importFile(meta, home_.path().c_str(), "films.avi"));
+    EXPECT_TRUE(importers_.importFile(meta, systemDisk(), log_, home_.path().c_str(), "films.avi"));
     EXPECT_EQ(meta.getText(TAG_TYPE), nullptr);
 }
 
@@ -255,7 +256,7 @@ class MediaFiles : public Importers {
         return fields.substr(0, fields.find('\n'));
     }
     void import(FileMeta& meta, const std::string& name) {
-        ASSERT_TRUE(importers_.importFile(meta, home_.file(name).c_str(), name.c_str()));
+        ASSERT_TRUE(importers_.importFile(meta, systemDisk(), log_, home_.file(name).c_str(), name.c_str()));
     }
 };
 

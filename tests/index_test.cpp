@@ -137,7 +137,8 @@ class Service : public testing::Test {
                           .maxClients = 410},
                          limits,
                          net,
-                         log};
+                         log,
+                         0};
 };
 
 TEST_F(Service, LogsOnWithAHighOrALowId) {
@@ -571,7 +572,7 @@ TEST(FileIndex, FindsWhatAWalkFinds) {
 }
 
 TEST(FileIndex, IsBounded) {
-    FileIndex index(FileIndex::Limits{2, 1u << 20});
+    FileIndex index(FileIndex::Limits{2, 1u << 20}, 0);
     const FileMeta file;
     const auto number = index.publish(1, hashOfFile(1), recordOf(file));
     EXPECT_FALSE(index.publish(1, hashOfFile(1), recordOf(file))) << "again";

@@ -13,6 +13,7 @@
 #include "i4min/memory/LL.h"
 #include "i4min/memory/LLsafe.h"
 #include "meta/HTMD4.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ TYPED_TEST(Lists, TakePositionsIgnoreNullAndKeepTheirTail) {
     list.addFront(nullptr);
     list.removeNext(LL<Item>::Cursor());
     list.sort([](const Item*, const Item*) { return true; });
-    list.shuffle();
+    list.shuffle(systemRandom());
     EXPECT_EQ(drawn(list), "");
     list.addFront(item('b'));
     list.addFront(item('a'));
@@ -142,7 +143,7 @@ TYPED_TEST(Lists, ShuffleLetsAnyElementComeFirst) {
     std::set<char> first;
     fill(list, "abcdefghij");
     for (int round = 0; round < 400; ++round) {
-        list.shuffle();
+        list.shuffle(systemRandom());
         first.insert(drawn(list)[0]);
     }
     EXPECT_EQ(first.size(), 10U);

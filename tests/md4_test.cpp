@@ -20,6 +20,7 @@
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"
 #include "tests/support/independent_digest.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -109,7 +110,7 @@ class FileHashTest : public testing::Test {
         return path(name);
     }
     HashOutcome compute(const std::string& file, const GiveUp& giveUp = {}) {
-        return MD4Hash::computeFile(hash, file.c_str(), parts, giveUp);
+        return MD4Hash::computeFile(hash, systemDisk(), file.c_str(), parts, giveUp);
     }
 
     const TemporaryDirectory folder_;
@@ -129,7 +130,9 @@ TEST_F(FileHashTest, PartsAgainstAnIndependentDigest) {
         EXPECT_EQ(expectedParts.size(), partCount);
         u64 hashed = 1;
         const std::string file = write("file", bytes);
-        ASSERT_EQ(MD4Hash::computeFile(hash, file.c_str(), parts, {}, &hashed), HashOutcome::whole) << size;
+        ASSERT_EQ(MD4Hash::computeFile(hash, systemDisk(), file.c_str(), parts, {}, &hashed),
+                  HashOutcome::whole)
+            << size;
         EXPECT_EQ(hash, expected) << size;
         EXPECT_EQ(parts, expectedParts) << size;
         EXPECT_EQ(hashed, size);

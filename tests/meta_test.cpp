@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 
+#include "core/StateFiles.h"
 #include "meta/BoolArray.h"
 #include "meta/FileList.h"
 #include "meta/ServerList.h"
@@ -13,13 +14,15 @@
 #include "tests/support/CapturedLog.h"
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
 using testing::ElementsAre;
 
-std::unique_ptr<MetaTag> tagOf(const Bytes& bytes) {
+std::unique_ptr<MetaTag> tagOf(const Bytes& bytes, i4_log* log = nullptr) {
     BytesFile file(bytes);
+    file.setLog(log);
     return MetaTag::readTag(file);
 }
 
@@ -128,19 +131,13 @@ TEST(MetaTag, ANameOfOneByteIsARow) {
         EXPECT_EQ(tag->flagA(), c.flag);
         EXPECT_FALSE(tag->isNamed("n"));
     }
-    const auto version = tagOf({3, 1, 0, 17, 5, 0, 0, 0});
-    const char* before = version->displayName();
-    setTagDisplayName(TAG_VERSION, "Fassung");
-    EXPECT_STREQ(version->displayName(), "Fassung");
-    EXPECT_STREQ(before, "Version") << "texts that were handed out stay";
-    setTagDisplayName(TAG_VERSION, before);
 }
 
 TEST(MetaTag, WhatIsNoTagGivesNone) {
     CapturedLog log;
     EXPECT_EQ(MetaTag::makeTag(static_cast<TagIndex>(24), nullptr), nullptr);
     EXPECT_EQ(MetaTag::makeTag(static_cast<TagIndex>(0), nullptr), nullptr);
-    EXPECT_EQ(tagOf({8, 1, 0, 'a'}), nullptr);
+    EXPECT_EQ(tagOf({8, 1, 0, 'a'}, &log), nullptr);
     EXPECT_EQ(log.take(), "ERROR: unknown type MetaTag::makeTag() 8\nerror in tag from bytes\n");
     EXPECT_EQ(tagOf({3, 1, 0, 2, 1, 0, 0}), nullptr);
     EXPECT_EQ(tagOf({7, 1, 0, 'x', 0xFF, 0xFF, 0xFF, 0xFF, 1, 2}), nullptr);
@@ -504,9 +501,9 @@ TEST(MetaFiles, AListComesBackAsItWas) {
                                  text16("a") + "\3" + text16("\2") + le32(3));
     // A path may be typed the way of another system; and a load adds.
     const std::string typed = folder.path() + "\\known.met";
-    EXPECT_TRUE(list.save(typed.c_str()));
+    EXPECT_EQ(list.save(systemDisk(), typed.c_str()), "");
     EXPECT_EQ(contentOf(folder.file("known.met")), viewOf(bytes));
-    EXPECT_EQ(list.load(typed.c_str()), LoadResult::whole);
+    EXPECT_EQ(list.load(systemDisk(), typed.c_str()), LoadResult::whole);
     EXPECT_EQ(list.count(), 2U);
     EXPECT_EQ(diskForm(*list.get(1)), diskForm(*file));
     EXPECT_TRUE(list.get(1)->matches(3, 0x01020304, "a"));
@@ -515,18 +512,19 @@ TEST(MetaFiles, AListComesBackAsItWas) {
 
 TEST(MetaFiles, ADamagedFileIsSetAsideAndWhatWasReadStays) {
     CapturedLog log;
-    log.verbose = 1;
+    log.setVerbose(true);
     const TemporaryDirectory folder;
     const std::string file = folder.file("known.met");
     Owned<FileList> list, three;
-    EXPECT_EQ(list.load(file.c_str()), LoadResult::missing);
-    EXPECT_TRUE(list.loadOrSetAside(file.c_str()));
+    EXPECT_EQ(list.load(systemDisk(), file.c_str()), LoadResult::missing);
+    StateFiles files(systemDisk(), log);
+    EXPECT_EQ(files.load(list, file.c_str()), LoadResult::missing);
     EXPECT_EQ(log.take(), "");
     for (const char* name : {"a", "b", "c"}) three.add(newFile(name));
     Bytes bytes = diskForm(three);
     bytes.resize(bytes.size() - 3);
     writeFile(file, viewOf(bytes));
-    EXPECT_FALSE(list.loadOrSetAside(file.c_str()));
+    EXPECT_EQ(files.load(list, file.c_str()), LoadResult::damaged);
     EXPECT_EQ(
         log.take(),
         "ERROR: Meta::fromDisk()\nmeta #:3, n=2\nERROR: MetaList::fromDisk()\nError loading: " + file + "\n");
@@ -544,11 +542,11 @@ TEST(MetaFiles, ADamagedFileIsSetAsideAndWhatWasReadStays) {
     for (const auto& [content, result] : others) {
         writeFile(file, content);
         Owned<FileList> empty;
-        EXPECT_EQ(empty.load(file.c_str()), result);
+        EXPECT_EQ(empty.load(systemDisk(), file.c_str()), result);
         EXPECT_EQ(empty.count(), 0U);
     }
     log.take();
-    log.verbose = 0;
+    log.setVerbose(false);
     Owned<UserList> users;
     EXPECT_FALSE(readNetwork(users, {2, 0, 0, 0, 1, 2, 3}));
     EXPECT_EQ(log.take(), "");

@@ -51,13 +51,13 @@ std::string namesIn(const std::string& path) {
 
 class PartialFiles : public Downloads {
   protected:
-    static Ref<Download> verifyLoaded(const RemoteFile& file) {
+    Ref<Download> verifyLoaded(const RemoteFile& file) {
         Ref<Download> download = dlPool.findByRecord(file.record.hash);
         if (download) download->verify({});
         handleMessages();
         return download;
     }
-    static FileMeta* shared(const RemoteFile& file) { return clientApp.shared.find(file.record.hash); }
+    FileMeta* shared(const RemoteFile& file) { return clientApp.shared.find(file.record.hash); }
 };
 
 TEST_F(PartialFiles, EndWholeInTheIncomingDirectoryWhateverTheOrder) {
@@ -104,7 +104,7 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhateverElseIsSent) {
     u32 from = 0;
     u32 to = 0;
     const BoolArray all = partsOf("110");
-    ASSERT_TRUE(download->progress().pickChunk(&all, from, to));
+    ASSERT_TRUE(download->progress().pickChunk(&all, 1000, from, to));
     EXPECT_EQ(from, PARTSIZE) << "the part that failed can be asked for";
     EXPECT_THAT(partial.takeReopened(), testing::IsEmpty()) << "the sources were told";
 
@@ -117,7 +117,7 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhateverElseIsSent) {
 
     // Ranges that make no sense, and fewer bytes than promised.
     log.take();
-    log.verbose = 1;
+    log.setVerbose(true);
     const std::pair<u32, u32> crazy[] = {{size - 10, size - 10}, {size, size},      {5, 4},
                                          {size - 10, size + 1},  {0, 0xFFFFFFFF},   {0xFFFFFFFF, 0xFFFFFFFF},
                                          {size + 1, size + 2},   {size - 500, size}};
@@ -133,14 +133,9 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhateverElseIsSent) {
 // Looks what is in a directory when a corrupted download is told.
 struct Onlooker : CapturedLog {
     explicit Onlooker(std::string path) : directory(std::move(path)) {}
-    void printLine(const char* format, ...) override PRINTF_LIKE {
-        char line[300];
-        va_list list;
-        va_start(list, format);
-        std::vsnprintf(line, sizeof line, format, list);
-        va_end(list);
-        if (std::string(line).starts_with("Corrupted Download")) seen = namesIn(directory);
-        CapturedLog::printLine("%s", line);
+    void say(Text kind, const char* format, va_list list) override {
+        CapturedLog::say(kind, format, list);
+        if (text().find("Corrupted Download") != std::string::npos) seen = namesIn(directory);
     }
     const std::string directory;
     std::string seen;
@@ -148,6 +143,7 @@ struct Onlooker : CapturedLog {
 
 TEST_F(PartialFiles, EndCorruptedWhenTheWholeFails) {
     Onlooker onlooker(temp());
+    engine.ui.replace(onlooker);
     for (const int keep : {1, 0}) {
         preferences.saveCor = keep;
         const RemoteFile file(keep ? "kept.met" : "gone", 1000);
@@ -171,6 +167,7 @@ TEST_F(PartialFiles, EndCorruptedWhenTheWholeFails) {
     giveWrong(*lost, 0, 1000);
     waitUntilGone(lost);
     EXPECT_EQ(onlooker.take().find("Corrupted Download: lost\n" + path + " could not be moved to "), 0U);
+    engine.ui.replace(log);
 }
 
 TEST_F(PartialFiles, LeaveNothingBehindWhenTheyAreCancelled) {
@@ -308,7 +305,7 @@ TEST_F(PartialFiles, MissNoMoreThanTheyShould) {
     };
     const RemoteFile file("a", 1000);
     for (const auto& [length, recorded, expected] : rows) {
-        dlPool.stopAll();
+        dlPool.stopAll(clientApp.partials());
         clientApp.partials().deleteAll();
         writeFile(temp("1.part"), file.bytes.substr(0, length));
         writeFile(temp("1.part.met"), metaOf(file, "1.part", recorded));
@@ -417,14 +414,14 @@ TEST_F(KilledDownloads, ComeBackWithEveryPartThatWasVerifiedAtTheLastSave) {
         ::mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const RemoteFile file("a", 2 * PARTSIZE + 500);
     const std::vector<Gap> pieces = file.pieces(PARTSIZE / 4);
-    const auto parts = [](const Ref<Download>& download) {
+    const auto parts = [this](const Ref<Download>& download) {
         const std::string flags = verified(*download);
         return std::count(flags.begin(), flags.end(), '1');
     };
     std::mt19937 random(7);
     int withParts = 0;
     for (u32 round = 0; round < 50; ++round) {
-        dlPool.stopAll();
+        dlPool.stopAll(clientApp.partials());
         clientApp.partials().deleteAll();
         clientApp.shared.clear();
         fs::remove_all(temp());
@@ -500,10 +497,10 @@ TEST_F(PartialFiles, NeverTakeTheNameOfAFileThatExists) {
 
     // The next temp name is one whose meta file doesn't lie there either.
     i4_string name;
-    partFileNamer.makeTempName(name);
+    engine.partFileNamer.makeTempName(name);
     const int last = std::atoi(name.c_str());
     writeFile(temp(std::to_string(last + 1) + ".part.met"), "");
-    partFileNamer.makeTempName(name);
+    engine.partFileNamer.makeTempName(name);
     EXPECT_EQ(name.c_str(), std::to_string(last + 2) + ".part");
 }
 
@@ -537,12 +534,12 @@ TEST_F(PartialFiles, CrossFileSystemsWhole) {
     // Given up on the way, nothing has changed; where the copy doesn't fit, the file stays and it is said.
     i4_string path;
     int asked = 0;
-    EXPECT_FALSE(
-        partFileNamer.moveFile(source.c_str(), "c", other.path().c_str(), path, [&] { return ++asked > 1; }));
+    EXPECT_FALSE(engine.partFileNamer.moveFile(source.c_str(), "c", other.path().c_str(), path,
+                                               [&] { return ++asked > 1; }));
     log.take();
     {
         const FileSizeLimit full(2'000'000);
-        EXPECT_TRUE(partFileNamer.moveFile(source.c_str(), "c", other.path().c_str(), path));
+        EXPECT_TRUE(engine.partFileNamer.moveFile(source.c_str(), "c", other.path().c_str(), path));
     }
     EXPECT_EQ(path, source.c_str());
     EXPECT_THAT(log.take(), HasSubstr("could not be moved to"));

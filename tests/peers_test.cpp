@@ -3,7 +3,7 @@
 #include <functional>
 
 #include "peer/Call.h"
-#include "tests/support/Engine.h"
+#include "tests/support/EngineTest.h"
 
 namespace {
 
@@ -12,10 +12,10 @@ const MD4Hash unknown = hashOf(0xBB);
 const std::string knownBytes = bytesOf(known);
 const std::string unknownBytes = bytesOf(unknown);
 
-class PeerTest : public Engine {
+class PeerTest : public EngineTest {
   protected:
     // What stands behind the opcode of Hello's mark, and of HelloAnswer.
-    static std::string selfOnWire() {
+    std::string selfOnWire() {
         i4_owned_ram_file file;
         preferences.writeSelf(file);
         return std::string(reinterpret_cast<const char*>(file.buffer()), file.size()) + le32(addressOf(200)) +
@@ -213,18 +213,22 @@ class Listener : public CapturedLog {
     std::string told;
 };
 
-class FriendsTest : public Engine {
+class FriendsTest : public EngineTest {
   protected:
-    ~FriendsTest() override { friendList.getFiles().deleteAll(); }
+    FriendsTest() { engine.ui.replace(ui); }
+    ~FriendsTest() override {
+        engine.ui.replace(log);
+        friendList.getFiles().deleteAll();
+    }
 
     // Whom nobody reaches, while we have a low ID too.
-    static void makeLow(UserMeta& user, u8 fill) {
+    void makeLow(UserMeta& user, u8 fill) {
         preferences.setClientId(5);
         user.id = 77;
         user.hash = hashOf(fill);
     }
     // The friends and how they stand: "1:2 2:0".
-    static std::string drawn() {
+    std::string drawn() {
         const i4_guard guard(friendList);
         std::string text;
         for (FriendList::Cursor c; const UserMeta* user = friendList.next(c);) {
@@ -233,10 +237,10 @@ class FriendsTest : public Engine {
         }
         return text;
     }
-    static std::string files(const std::string& name) {
+    std::string files(const std::string& name) {
         return opcode(75, le32(1) + namedRecord(hashOf(0xF0), 0, 0, name));
     }
-    static std::string shownFile() {
+    std::string shownFile() {
         const FileMeta* file = friendList.getFiles().get(0);
         return file ? file->getName() : "";
     }

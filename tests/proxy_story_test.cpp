@@ -5,6 +5,7 @@
 #include "tests/support/Caller.h"
 #include "tests/support/Network.h"
 #include "tests/support/ScriptedProxy.h"
+#include "tests/support/systemNetwork.h"
 
 namespace {
 
@@ -227,20 +228,20 @@ TEST(ProxyListener, TakesAConnectionThroughSocks) {
     RealProxy proxy(dante);
     if (!proxy.isInstalled()) GTEST_SKIP();
     ASSERT_NO_FATAL_FAILURE(proxy.start());
-    makeProtocol(nullptr);
-    const auto target = theProtocol->resolve("127.0.0.1", 0, 0);
+    systemNetwork().setProxy(nullptr);
+    const auto target = systemNetwork().resolve("127.0.0.1", 0, 0);
     for (const i32 type : {I4_PROXY_SOCKS4, I4_PROXY_SOCKS5}) {
         SCOPED_TRACE(type);
         i4_proxy_settings settings;
         settings.pType = type;
         settings.server = "127.0.0.1";
         settings.port = proxy.port();
-        makeProtocol(&settings);
-        const auto door = theProtocol->listen(0, 10'000, I4_STREAM, target.get());
+        systemNetwork().setProxy(&settings);
+        const auto door = systemNetwork().listen(0, 10'000, I4_STREAM, target.get());
         ASSERT_TRUE(door);
         auto& listener = static_cast<i4_proxy_sock&>(*door);
-        makeProtocol(nullptr);
-        const auto caller = theProtocol->connect(*listener.target_address(), I4_STREAM, true);
+        systemNetwork().setProxy(nullptr);
+        const auto caller = systemNetwork().connect(*listener.target_address(), I4_STREAM, true);
         ASSERT_TRUE(caller);
         std::unique_ptr<i4_socket> socket;
         std::unique_ptr<i4_address> from;

@@ -10,7 +10,7 @@
 #include "remote/LogonGuard.h"
 #include "remote/TcpipUI.h"
 #include "server/ServerPool.h"
-#include "tests/support/Engine.h"
+#include "tests/support/EngineTest.h"
 #include "tests/support/ToldEvents.h"
 
 namespace {
@@ -29,7 +29,8 @@ std::unique_ptr<FileMeta> namedFile(u8 fill, const std::string& name) {
 
 class TestController : public InNoPool<GUIController> {
   public:
-    using InNoPool::InNoPool;
+    TestController(SocketPool& pool, u32 from, TcpipUI& ui) : InNoPool(pool, from, ui) {}
+    using GUIController::sendStatus;
     // Looks at this time whether it stands still; true while it may go on.
     bool goesOn(u32 now) {
         checkStall(now);
@@ -49,26 +50,25 @@ std::string logon(const std::string& name = "kit", const std::string& password =
     return opcode(100, text16(name) + text16(password));
 }
 
-class Remote : public Engine {
+class Remote : public EngineTest {
   protected:
     Remote() {
         preferences.adminDoorPort = 0;
         preferences.setAdmin("kit", "kitpass");
-        ui = std::make_unique<TcpipUI>(inner);
-        theLog = ui.get();
-        theUI = ui.get();
+        ui = std::make_unique<TcpipUI>(engine, console, inner);
+        engine.ui.replace(*ui);
+        console.attach(engine);
     }
     ~Remote() override {
         for (const Ref<TestController>& controller : controllers) controller->end();
         controllers.clear();
-        theLog = &log;
-        theUI = &log;
+        engine.ui.replace(log);
         clientApp.socketPool.deleteConnections();
         serverPool.servers().deleteAll();
     }
 
     TestController& caller(u32 from = loopbackIp) {
-        controllers.emplace_back(new TestController(from, *ui));
+        controllers.emplace_back(new TestController(clientApp.socketPool, from, *ui));
         return *controllers.back();
     }
     TestController& controller() {
@@ -79,15 +79,16 @@ class Remote : public Engine {
         return result;
     }
 
+    ConClientApp console;
     Wrapped inner;
     std::unique_ptr<TcpipUI> ui;
     std::vector<Ref<TestController>> controllers;
 };
 
 TEST_F(Remote, OnlyAGoodLogOnIsLetIn) {
-    u8 host = 1;  // each from an address of its own, so that none is taken for a guesser
+    u8 from = 1;  // each from an address of its own, so that none is taken for a guesser
     const auto refused = [&](const std::string& body) {
-        TestController& guest = caller(addressOf(host++));
+        TestController& guest = caller(addressOf(from++));
         return !guest.hear(body) && guest.sent().empty();
     };
     for (const std::string& bad :
@@ -124,7 +125,7 @@ TEST(LogonGuard, HoldsAnAddressAtFiveRefusalsInAnyMinute) {
 }
 
 TEST_F(Remote, WhoSaysNothingAndWhoStandsStillIsLetGo) {
-    GUIControllerDoor door(&clientApp.socketPool, 0, *ui);
+    GUIControllerDoor door(clientApp.socketPool, 0, *ui);
     for (u32 i = 0; i < 32; ++i) {
         EXPECT_TRUE(door.canAccept());
         EXPECT_TRUE(caller().goesOn(1));
@@ -147,7 +148,7 @@ TEST_F(Remote, WhoSaysNothingAndWhoStandsStillIsLetGo) {
 }
 
 TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
-    UploadSlot slot{User(5)};
+    UploadSlot slot(engine.peerNeeds, uploadPool, 1, User(5));
     const auto all = [&] {
         ui->print("%d", 7);
         ui->connected("index");
@@ -213,8 +214,8 @@ TEST_F(Remote, LinesGoToBothAndAreCutAt255Bytes) {
 
 TEST_F(Remote, UploadsAreToldOfOnceAndTheirEndOnlyToWhoKnowsThem) {
     peer(7, "ann");
-    const Ref<Upload> before(new Upload(nullptr, *made[0], "early", hashOf(1)));
-    const Ref<Upload> nameless(new Upload(nullptr, *made[0], nullptr, hashOf(2)));
+    const Ref<Upload> before(new Upload(uploadPool, log, nullptr, *made[0], "early", hashOf(1)));
+    const Ref<Upload> nameless(new Upload(uploadPool, log, nullptr, *made[0], nullptr, hashOf(2)));
     ui->uploadAdded(before.get());
     TestController& to = caller();
     ASSERT_TRUE(to.hear(logon()));

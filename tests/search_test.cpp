@@ -14,8 +14,6 @@ namespace {
 
 using Node = std::unique_ptr<SearchNode>;
 
-constexpr u32 anyUnknown = 9;
-
 Node find(const std::string& text) { return std::make_unique<SN_FindStr>(text.c_str()); }
 Node inTag(const char* name, const char* value) { return std::make_unique<SN_StrTagCompare>(name, value); }
 Node number(const char* name, i32 value, u32 op) {
@@ -157,10 +155,6 @@ TEST(Search, JoinsBranches) {
             EXPECT_EQ(join(SEARCH_LEFT_ONLY, side(true), node())->matches(record), !expected);
         }
     }
-    CapturedLog log;
-    EXPECT_FALSE(join(anyUnknown, all(), all())->matches(record));
-    EXPECT_FALSE(number("bitrate", 1, anyUnknown)->matches(record));
-    EXPECT_EQ(log.take(), "Unknown Operation in SearchUnknown Operation in SN_IntTagCompare");
 }
 
 // A list of filters is one.

@@ -6,20 +6,21 @@
 #include <filesystem>
 #include <memory>
 
-#include "app/ClientApp.h"
-#include "app/FilterList.h"
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
+#include "core/MessageQ.h"
+#include "core/Preferences.h"
 #include "download/DLPool.h"
 #include "download/FileSource.h"
 #include "download/HashThread.h"
-#include "i4min/network/protocol.h"
+#include "engine/ClientApp.h"
+#include "engine/FilterList.h"
 #include "server/MainServer.h"
 #include "server/Search.h"
 #include "server/ServerPool.h"
+#include "tests/support/OwnEngine.h"
 #include "tests/support/ToldEvents.h"
 #include "tests/support/files.h"
 #include "tests/support/records.h"
+#include "tests/support/systemDisk.h"
 #include "transport/Worker.h"
 
 namespace {
@@ -78,62 +79,61 @@ class FakeServer : public Caller {
     sockaddr_in from_{};
 };
 
-// Messages are handled when the test says so. The socket pool and one worker run; they are the process's.
+// Messages are handled when the test says so. The socket pool and one worker run; they are the suite's.
 class Servers : public testing::Test {
   protected:
     static void SetUpTestSuite() {
-        home = new TemporaryDirectory;
-        std::filesystem::current_path(home->path());
-        preferences.workDir = (home->path() + "/").c_str();
-        preferences.load();
-        preferences.setName("abcde");
-        makeProtocol(nullptr);
         told = new ToldEvents;
-        clientApp.socketPool.start();
-        serverPool.setSocketPool(&clientApp.socketPool);
-        worker = new Worker(clientApp.socketPool);
+        own = new OwnEngine(told);
+        std::filesystem::current_path(own->directory.path());
+        own->preferences.load();
+        own->preferences.setName("abcde");
+        own->clientApp.socketPool.start();
+        own->serverPool.setSocketPool(own->clientApp.socketPool);
+        worker = new Worker(own->clientApp.socketPool);
         worker->start();
     }
     static void TearDownTestSuite() {
         worker->stop();
         delete worker;
-        clientApp.socketPool.stop();
-        clientApp.socketPool.deleteConnections();
-        delete told;
+        own->clientApp.socketPool.stop();
+        own->clientApp.socketPool.deleteConnections();
         std::filesystem::current_path("/");
-        delete home;
+        delete own;
+        delete told;
     }
     Servers() {
-        log.verbose = 1;
-        preferences.setClientId(0);
-        preferences.setServer(0, 0);
-        preferences.doorPort = 4662;
+        log.setVerbose(true);
+        own->preferences.setClientId(0);
+        own->preferences.setServer(0, 0);
+        own->preferences.doorPort = 4662;
         search.add(std::make_unique<SN_FindStr>("film"), 0);
     }
     ~Servers() override {
-        serverPool.disconnect();
-        EXPECT_TRUE(eventually([] { return clientApp.socketPool.count == 1 && !serverPool.mainServer(); }))
-            << "the annex alone stays";
+        own->serverPool.disconnect();
+        EXPECT_TRUE(eventually([] {
+            return own->clientApp.socketPool.count == 1 && !own->serverPool.mainServer();
+        })) << "the annex alone stays";
         drain();
-        serverPool.servers().deleteAll();
-        clientApp.shared.clear();
-        clientApp.clearPublished();
+        own->serverPool.servers().deleteAll();
+        own->clientApp.shared.clear();
+        own->clientApp.clearPublished();
         log.take();
     }
 
     static void drain() {
-        while (messageQ.process()) continue;
+        while (own->messageQ.process()) continue;
     }
     static bool connectTo(FakeServer& server) {
         const ServerAddress address = server.address();
-        serverPool.connect(&address);
+        own->serverPool.connect(&address);
         return server.accept();
     }
     // Rated so that those of a lower ping come first.
     static void know(const FakeServer& server, i32 ping) {
-        serverPool.addServer(loopbackIp, server.port());
-        const i4_guard guard(serverPool.servers());
-        serverPool.servers().find(loopbackIp, server.port())->setPing(ping);
+        own->serverPool.addServer(loopbackIp, server.port());
+        const i4_guard guard(own->serverPool.servers());
+        own->serverPool.servers().find(loopbackIp, server.port())->setPing(ping);
     }
     // Up to the answer that gives the ID, and what follows it.
     void logOn(FakeServer& server) {
@@ -151,7 +151,7 @@ class Servers : public testing::Test {
         return all;
     }
 
-    inline static TemporaryDirectory* home = nullptr;
+    inline static OwnEngine* own = nullptr;
     inline static Worker* worker = nullptr;
     // The pool's thread may speak at any time: the log outlives it.
     inline static ToldEvents* told = nullptr;
@@ -162,29 +162,29 @@ class Servers : public testing::Test {
 };
 
 TEST_F(Servers, LogsOnAsksAndIsLeft) {
-    serverPool.search(search, false);
-    serverPool.moreResults();
+    own->serverPool.search(search, false);
+    own->serverPool.moreResults();
     EXPECT_EQ(log.take(), "Not connected to a server.\nNot connected to a server.\n");
     UserMeta self;
-    preferences.copySelf(self);
+    own->preferences.copySelf(self);
     ASSERT_TRUE(connectTo(first));
     EXPECT_EQ(first.packet(), opcode(1, namedRecord(self.hash, 0, 4662, "abcde")).replace(23, 1, "\2") +
                                   "\3" + text16("\x11") + le32(59));
     EXPECT_EQ(log.take(), connecting + queued);
     // What would be asked before the answer could end the connection.
-    EXPECT_FALSE(serverPool.findSources(first.address(), someHash));
-    EXPECT_FALSE(serverPool.requestCallback(loopbackIp, first.port(), 7));
+    EXPECT_FALSE(own->serverPool.findSources(first.address(), someHash));
+    EXPECT_FALSE(own->serverPool.requestCallback(loopbackIp, first.port(), 7));
     EXPECT_EQ(heard(first, opcode(64, le32(0x04030201))), "[connected 127.0.0.1]\n");
     EXPECT_EQ(first.packet(), opcode(20));
-    EXPECT_EQ(preferences.clientId(), 0x04030201u);
-    EXPECT_EQ(preferences.serverPort(), first.port());
+    EXPECT_EQ(own->preferences.clientId(), 0x04030201u);
+    EXPECT_EQ(own->preferences.serverPort(), first.port());
 
-    serverPool.search(search, false);
-    serverPool.search(search, true);
-    serverPool.search(Search(), false);  // a controller's tree that couldn't be read
-    serverPool.moreResults();
-    EXPECT_TRUE(serverPool.findSources(first.address(), someHash));
-    EXPECT_TRUE(serverPool.requestCallback(loopbackIp, first.port(), 0x112233));
+    own->serverPool.search(search, false);
+    own->serverPool.search(search, true);
+    own->serverPool.search(Search(), false);  // a controller's tree that couldn't be read
+    own->serverPool.moreResults();
+    EXPECT_TRUE(own->serverPool.findSources(first.address(), someHash));
+    EXPECT_TRUE(own->serverPool.requestCallback(loopbackIp, first.port(), 0x112233));
     for (const std::string& body : {opcode(22, tree), opcode(26, tree), opcode(22), opcode(33),
                                     opcode(25, hash), opcode(28, le32(0x112233))}) {
         EXPECT_EQ(first.packet(), body);
@@ -197,7 +197,7 @@ TEST_F(Servers, LogsOnAsksAndIsLeft) {
 
 TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
     writeFile("filters.txt", "spam\n");
-    clientApp.filter().load("filters.txt");
+    own->clientApp.filter().load(systemDisk(), "filters.txt");
     logOn(first);
     const struct {
         u32 opcode;
@@ -217,12 +217,12 @@ TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
     };
     for (const auto& row : rows)
         EXPECT_EQ(heard(first, opcode(row.opcode, row.payload)), row.told) << row.opcode;
-    clientApp.filter().load("no filters");
+    own->clientApp.filter().load(systemDisk(), "no filters");
     // What it says of itself goes to the entry of the address that we called, not of the one it names.
-    ASSERT_EQ(serverPool.servers().count(), 2u);
-    EXPECT_EQ(serverPool.servers().get(1)->ip, loopbackIp);
-    EXPECT_EQ(serverPool.servers().get(1)->port, first.port());
-    EXPECT_STREQ(serverPool.servers().get(1)->getText(TAG_NAME), "new name");
+    ASSERT_EQ(own->serverPool.servers().count(), 2u);
+    EXPECT_EQ(own->serverPool.servers().get(1)->ip, loopbackIp);
+    EXPECT_EQ(own->serverPool.servers().get(1)->port, first.port());
+    EXPECT_STREQ(own->serverPool.servers().get(1)->getText(TAG_NAME), "new name");
     // Servers without end.
     for (u32 turn = 0; turn < 41; ++turn) {
         std::string list = le8(255);
@@ -230,7 +230,7 @@ TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
         first.say(opcode(50, list));
     }
     heard(first, opcode(54, le32(12)));
-    EXPECT_EQ(serverPool.servers().count(), 10'000u);
+    EXPECT_EQ(own->serverPool.servers().count(), 10'000u);
 }
 
 TEST_F(Servers, CallsWhomeverItIsAskedToCall) {
@@ -245,12 +245,12 @@ TEST_F(Servers, CallsWhomeverItIsAskedToCall) {
         EXPECT_EQ(second.packet(), opcode(77, le32(0x08070605) + le32(loopbackIp)));
     }
     second.close();
-    EXPECT_TRUE(eventually([] { return clientApp.socketPool.count == 2; }));
+    EXPECT_TRUE(eventually([] { return own->clientApp.socketPool.count == 2; }));
 }
 
 TEST_F(Servers, PublishesEachFileOnceToEachServer) {
-    hashThread.hashDirs({});
-    ASSERT_TRUE(eventually([] { return hashThread.isFinished(); }));
+    own->hashThread.hashDirs({});
+    ASSERT_TRUE(eventually([] { return own->hashThread.isFinished(); }));
     FileMeta files[2];
     std::string records[2];
     for (u8 i = 0; i < 2; ++i) {
@@ -258,22 +258,22 @@ TEST_F(Servers, PublishesEachFileOnceToEachServer) {
         files[i].hash = hashOf(i + 1);
         records[i] = namedRecord(files[i].hash, 0, 0, "x");
     }
-    clientApp.shared.add(&files[0]);
+    own->clientApp.shared.add(&files[0]);
     logOn(first);
     EXPECT_EQ(first.packet(), opcode(21, le32(1) + records[0]));
-    clientApp.shared.add(&files[1]);
-    clientApp.publish();
+    own->clientApp.shared.add(&files[1]);
+    own->clientApp.publish();
     EXPECT_EQ(first.packet(), opcode(21, le32(1) + records[1]));
-    clientApp.publish();
-    serverPool.moreResults();
+    own->clientApp.publish();
+    own->serverPool.moreResults();
     EXPECT_EQ(first.packet(), opcode(33)) << "nothing new was there to offer";
     first.close();
     log.until("[disconnected]\n");
     drain();
     logOn(first);
     EXPECT_EQ(first.packet(), opcode(21, le32(2) + records[0] + records[1]));
-    clientApp.shared.clear();
-    hashThread.stop();
+    own->clientApp.shared.clear();
+    own->hashThread.stop();
 }
 
 TEST_F(Servers, WhatCantBeReadEndsTheConnection) {
@@ -282,7 +282,7 @@ TEST_F(Servers, WhatCantBeReadEndsTheConnection) {
     first.send("\xE3" + le32(0x10001));  // too long for an answer to the log-on
     EXPECT_TRUE(first.isEnded());
     log.until(failed);
-    ASSERT_TRUE(eventually([] { return messageQ.process(); })) << "the next server is to be tried";
+    ASSERT_TRUE(eventually([] { return own->messageQ.process(); })) << "the next server is to be tried";
     for (const std::string& bytes :
          {framed(opcode(50, "\2" + le32(1) + le16(1))),  // the pair that is whole counts
           framed(opcode(51, le32(0x7FFFFFFF) + named("name"))),
@@ -293,7 +293,7 @@ TEST_F(Servers, WhatCantBeReadEndsTheConnection) {
         EXPECT_TRUE(first.isEnded());
         log.until("[disconnected]\n");
     }
-    EXPECT_EQ(serverPool.servers().count(), 1u);
+    EXPECT_EQ(own->serverPool.servers().count(), 1u);
 }
 
 TEST_F(Servers, AreTriedByRatingUntilOneLogsItOn) {
@@ -302,80 +302,77 @@ TEST_F(Servers, AreTriedByRatingUntilOneLogsItOn) {
     know(second, 300);
     know(first, 200);
     know(shut, 100);
-    serverPool.connect(nullptr);
+    own->serverPool.connect(nullptr);
     EXPECT_EQ(log.until(failed), connecting + failed);
-    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
+    ASSERT_TRUE(eventually([] { return own->messageQ.process(); }));
     ASSERT_TRUE(first.accept());
     EXPECT_EQ(first.packet().at(0), 1);
     const ServerAddress other = second.address();
-    serverPool.connect(&other);
+    own->serverPool.connect(&other);
     EXPECT_EQ(log.take(), connecting + queued + "Already trying to connect.\n");
     first.send("\xE3\x05");  // dies within its answer
     first.close();
     EXPECT_EQ(log.until(failed), "[disconnected]\n" + failed);
-    ASSERT_TRUE(eventually([] { return messageQ.process(); }));
+    ASSERT_TRUE(eventually([] { return own->messageQ.process(); }));
     ASSERT_TRUE(second.accept());
     EXPECT_EQ(second.packet().at(0), 1);
 }
 
 TEST_F(Servers, AnAttemptThatTheUserGaveUpComesToNothing) {
-    serverPool.connect(nullptr);
+    own->serverPool.connect(nullptr);
     EXPECT_EQ(log.take(), "") << "an empty list";
     ASSERT_TRUE(connectTo(first));
     EXPECT_EQ(first.packet().at(0), 1);
-    serverPool.disconnect();
+    own->serverPool.disconnect();
     EXPECT_TRUE(first.isEnded());
     log.until("[disconnected]\n");
-    EXPECT_FALSE(messageQ.process()) << "the user gave up: nothing else is tried";
+    EXPECT_FALSE(own->messageQ.process()) << "the user gave up: nothing else is tried";
 
     worker->stop();  // the attempts stay pending
     const ServerAddress targets[] = {first.address(), second.address()};
-    serverPool.connect(&targets[0]);
-    serverPool.disconnect();
-    serverPool.connect(&targets[1]);
+    own->serverPool.connect(&targets[0]);
+    own->serverPool.disconnect();
+    own->serverPool.connect(&targets[1]);
     worker->start();
     ASSERT_TRUE(second.accept());
     EXPECT_EQ(second.packet().at(0), 1);
     EXPECT_TRUE(first.isAlone());
     EXPECT_EQ(log.until(queued), connecting + connecting + queued);
-    EXPECT_FALSE(messageQ.process()) << "nothing has failed";
+    EXPECT_FALSE(own->messageQ.process()) << "nothing has failed";
 }
 
 TEST_F(Servers, AnotherTargetReplacesTheConnection) {
     logOn(first);
-    serverPool.connect(nullptr);
+    own->serverPool.connect(nullptr);
     const ServerAddress same = first.address();
-    serverPool.connect(&same);
+    own->serverPool.connect(&same);
     EXPECT_EQ(log.take(), "Already Connected.\nAlready connected to that server.\n");
     ASSERT_TRUE(connectTo(second));
     EXPECT_TRUE(first.isEnded());
     EXPECT_EQ(second.packet().at(0), 1);
     EXPECT_EQ(log.take(), "[disconnected]\n" + connecting + queued);
-    EXPECT_EQ(serverPool.currentAddress(), second.address());
-    EXPECT_FALSE(messageQ.process());
+    EXPECT_EQ(own->serverPool.currentAddress(), second.address());
+    EXPECT_FALSE(own->messageQ.process());
 }
 
 TEST_F(Servers, SourcesAndCallbacksGoToTheServerThatIsMeant) {
     logOn(first);
-    EXPECT_TRUE(serverPool.findSources(second.address(), someHash));
+    EXPECT_TRUE(own->serverPool.findSources(second.address(), someHash));
     EXPECT_EQ(second.datagram(), "\xE3\x9A" + hash);
-    EXPECT_TRUE(serverPool.requestCallback(loopbackIp, second.port(), 0x112233));
+    EXPECT_TRUE(own->serverPool.requestCallback(loopbackIp, second.port(), 0x112233));
     EXPECT_EQ(second.datagram(), "\xE3\x9C" + le32(0x04030201) + le16(4662) + le32(0x112233));
 
     FakeServer silent;
     know(silent, 0);
     know(second, 100);
-    serverPool.tick(1);
+    own->serverPool.tick(1);
     know(second, 100);
     EXPECT_EQ(second.datagram().substr(0, 2), "\xE3\x96");
     std::vector<ServerAsk> servers;
-    serverPool.listSourceServers(servers);
+    own->serverPool.listSourceServers(servers);
     ASSERT_EQ(servers.size(), 2u) << "the current one though it isn't listed, and the one that answers";
     EXPECT_EQ(servers[1].address, second.address());
-    EXPECT_FALSE(servers[1].ask(someHash));
-    servers[1].timer += 1;
-    EXPECT_TRUE(servers[1].ask(someHash));
-    EXPECT_EQ(servers[1].timer, 0);
+    EXPECT_EQ(servers[1].timer, ServerAsk::pause) << "due from the next tick on";
 }
 
 TEST_F(Servers, AnExtendedSearchWalksTheOthers) {
@@ -384,36 +381,36 @@ TEST_F(Servers, AnExtendedSearchWalksTheOthers) {
     know(first, 20);
     know(third, 30);
     logOn(first);
-    serverPool.extendSearch(search, false);
+    own->serverPool.extendSearch(search, false);
     EXPECT_EQ(second.datagram(), "\xE3\x98" + tree);
-    serverPool.extendSearch(search, true);
+    own->serverPool.extendSearch(search, true);
     EXPECT_EQ(third.datagram(), "\xE3\x9D" + tree);
-    serverPool.extendSearch(search, false);
+    own->serverPool.extendSearch(search, false);
     EXPECT_EQ(log.take(), "[extending 127.0.0.1]\n[extending 127.0.0.1]\nNo more servers to extend to.\n");
-    serverPool.search(search, false);
-    serverPool.extendSearch(search, false);
+    own->serverPool.search(search, false);
+    own->serverPool.extendSearch(search, false);
     EXPECT_EQ(second.datagram(), "\xE3\x98" + tree) << "a new search begins anew";
 }
 
 TEST_F(Servers, ADatagramsSenderCountsAndWhatCantBeReadCostsOnlyItself) {
-    std::filesystem::create_directories(preferences.tempDir().c_str());
-    dlPool.add(*makeFile("film", 1000, 'h'));
-    const Ref<Download> download = dlPool.find(someHash);
+    std::filesystem::create_directories(own->preferences.tempDir().c_str());
+    own->dlPool.add(*makeFile("film", 1000, 'h'));
+    const Ref<Download> download = own->dlPool.find(someHash);
     ASSERT_TRUE(download);
-    dlPool.tick(60'000);
+    own->dlPool.tick(60'000);
     const auto sources = [&] {
         const i4_guard guard(download->stateLock());
         const LL<FileSource>* list = download->state().getSources();
         return list ? list->count() : 0;
     };
     know(first, 0);
-    serverPool.tick(1);
+    own->serverPool.tick(1);
     const std::string ping = first.datagram();
     ASSERT_EQ(ping.size(), 6u);
     EXPECT_EQ(ping.substr(0, 2), "\xE3\x96");
     const auto rating = [&] {
-        const i4_guard guard(serverPool.servers());
-        return serverPool.servers().find(loopbackIp, first.port())->rating;
+        const i4_guard guard(own->serverPool.servers());
+        return own->serverPool.servers().find(loopbackIp, first.port())->rating;
     };
     const std::string answer = "\xE3\x97" + ping.substr(2) + le32(3) + le32(4);
     const std::string result = "\xE3\x99" + named("found");
@@ -437,17 +434,15 @@ TEST_F(Servers, ADatagramsSenderCountsAndWhatCantBeReadCostsOnlyItself) {
 
 // --- The list, by a clock of the test's own
 
-class ServerListUpkeep : public testing::Test {
+class ServerListUpkeep : public testing::Test, protected OwnEngine {
   protected:
-    ~ServerListUpkeep() override { preferences.servRemove = 1; }
     ServerMeta* entry(u32 ip) {
         const i4_guard guard(pool.servers());
         return pool.servers().find(ip, 4661);
     }
     // One round of pings.
     void round() { pool.tick(1'800'001); }
-    ServerPool pool;
-    CapturedLog log;
+    ServerPool pool{engine.serverNeeds};
 };
 
 TEST_F(ServerListUpkeep, AServerIsPingedAtOnceAndThenEveryHalfHour) {
@@ -506,10 +501,9 @@ TEST_F(ServerListUpkeep, WhatAServerTellsAndWhatAListBringsLeaveOurMeasurements)
     told.setPref(1);
     told.history = 99;
     pool.gotServerInfo(told);
-    const TemporaryDirectory home;
-    writeFile(home.file("more.met"),
+    writeFile(directory.file("more.met"),
               "\x0E" + le32(2) + le32(ipA) + le16(4661) + le32(0) + le32(ipC) + le16(4661) + le32(0));
-    pool.merge(home.file("more.met").c_str());
+    pool.merge(directory.file("more.met").c_str());
     EXPECT_EQ(entry(ipA)->rating, 1099950u);
     EXPECT_EQ(entry(ipA)->history, 3u);
     EXPECT_STREQ(entry(ipA)->getText(TAG_NAME), "told");

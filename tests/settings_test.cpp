@@ -13,17 +13,18 @@
 #include <thread>
 #include <utility>
 
-#include "app/FilterList.h"
-#include "app/Preferences.h"
-#include "app/StringTable.h"
 #include "app/options.h"
+#include "core/Preferences.h"
+#include "core/StringTable.h"
+#include "engine/FilterList.h"
 #include "i4min/network/proxy.h"
 #include "meta/FileList.h"
 #include "meta/UserMeta.h"
-#include "tests/support/CapturedLog.h"
+#include "tests/support/OwnEngine.h"
 #include "tests/support/Process.h"
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -66,9 +67,9 @@ Bytes encode(Preferences& settings) {
 
 class PreferencesTest : public testing::Test {
   protected:
-    std::unique_ptr<Preferences> loaded() const {
-        auto settings = std::make_unique<Preferences>();
-        settings->workDir = folder_.path().c_str();
+    std::unique_ptr<Preferences> loaded() {
+        auto settings = std::make_unique<Preferences>(own_.host.host, own_.log, own_.engine.stringTable,
+                                                      folder_.path().c_str());
         settings->load();
         return settings;
     }
@@ -77,8 +78,9 @@ class PreferencesTest : public testing::Test {
         return {text.begin(), text.end()};
     }
 
-    CapturedLog log_;
-    TemporaryDirectory folder_;
+    OwnEngine own_;
+    CapturedLog& log_ = own_.log;
+    const TemporaryDirectory& folder_ = own_.directory;
     const std::string pref_ = folder_.file("pref.met");
 };
 
@@ -92,7 +94,7 @@ TEST_F(PreferencesTest, AFirstRunMakesAnIdentityAndSavesItOnlyWhenTold) {
     const auto first = loaded();
     EXPECT_THAT(first->getName().c_str(), testing::MatchesRegex("[a-y]{5}"));
     EXPECT_EQ(first->incomingDir(), folder_.file("incoming").c_str());
-    EXPECT_STREQ(stringTable.get(1), "Queued");
+    EXPECT_STREQ(own_.engine.stringTable.get(1), "Queued");
     EXPECT_NE(hashOf(*loaded()), hashOf(*first)) << "two fresh clients are two users";
     EXPECT_FALSE(exists(pref_));
 
@@ -175,7 +177,9 @@ TEST_F(PreferencesTest, KeysThatAreMissingOrMakeNoSenseTakeTheirDefaults) {
     // Estimates of the line don't drift from run to run.
     for (u32 value = 1; value < 4'000'000'000 / 21; value = value * 21 / 20 + 1) {
         file.settings.setInt("maxUpSpeed", value);
-        Preferences once, again;
+        OwnEngine own;
+        Preferences once(own.host.host, own.log, own.engine.stringTable, ""),
+            again(own.host.host, own.log, own.engine.stringTable, "");
         ASSERT_TRUE(decode(once, file.bytes()));
         ASSERT_TRUE(decode(again, encode(once)));
         EXPECT_EQ(encode(again), encode(once)) << value;
@@ -231,13 +235,15 @@ TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
                     {8, 33, 32}, {8, 32, 32}, {10, 0, 0},  {10, 500, 500}},
       thenUp[] = {{4, 13, 12}, {4, 12, 12}, {5, 100, 20}, {9, 37, 36}, {10, 100, 100}, {-5, 12, 12}};
     for (const auto& [up, down, becomes] : thenDown) {
-        Preferences settings;
+        OwnEngine own;
+        Preferences& settings = own.engine.preferences;
         settings.setMaxUp(up);
         settings.setMaxDown(down);
         EXPECT_EQ(settings.userMaxDownF, becomes) << up << " then " << down;
     }
     for (const auto& [up, down, becomes] : thenUp) {
-        Preferences settings;
+        OwnEngine own;
+        Preferences& settings = own.engine.preferences;
         settings.setMaxDown(down);
         settings.setMaxUp(up);
         EXPECT_EQ(settings.userMaxDownF, becomes) << down << " then " << up;
@@ -245,7 +251,8 @@ TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
     }
     // What a file says passes through the rule as well.
     File file;
-    Preferences settings;
+    OwnEngine own;
+    Preferences& settings = own.engine.preferences;
     file.setFloat("userMaxUpF", 4);
     file.setFloat("userMaxDownF", 20);
     ASSERT_TRUE(decode(settings, file.bytes()));
@@ -348,7 +355,7 @@ struct StringTableTest : testing::Test {
 
 TEST_F(StringTableTest, LinesReplaceTextsFromTheFirstNumberOn) {
     for (const char* noFile : {"/nonexistent/fr.str", "/", "/dev/zero"}) {
-        table_.reload(noFile);
+        table_.reload(systemDisk(), noFile);
         EXPECT_STREQ(table_.get(STRINGS_CONFIRM_CANCEL_TITLE), "Confirm Cancel") << noFile;
         EXPECT_STREQ(table_.get(STRINGS_COUNT), "") << noFile;
     }
@@ -368,17 +375,17 @@ TEST_F(StringTableTest, LinesReplaceTextsFromTheFirstNumberOn) {
                  {longest + tooLong + "\nwaits\n", 2, 0, longest},
                  {longest + tooLong + "\nwaits\n", 2, 1, "waits"}};
     for (const auto& [text, lines, number, shown] : cases) {
-        table_.reload(file(text));
+        table_.reload(systemDisk(), file(text));
         EXPECT_EQ(table_.get(number), shown) << text;
-        EXPECT_EQ(table_.loadFile(file(text)), lines) << text;
+        EXPECT_EQ(table_.loadFile(systemDisk(), file(text)), lines) << text;
     }
 }
 
 TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
-    table_.reload("/nonexistent");
+    table_.reload(systemDisk(), "/nonexistent");
     const char* english = table_.get(1);
     const char* path = file("\nEn attente\n");
-    table_.reload(path);
+    table_.reload(systemDisk(), path);
     const char* french = table_.get(1);
     std::atomic<bool> done = false;
     std::thread reader([&] {
@@ -387,7 +394,7 @@ TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
             if (text != "Queued" && text != "En attente") ADD_FAILURE() << text;
         }
     });
-    for (int i = 0; i < 200; ++i) table_.reload(i % 2 ? path : "/nonexistent");
+    for (int i = 0; i < 200; ++i) table_.reload(systemDisk(), i % 2 ? path : "/nonexistent");
     done = true;
     reader.join();
     EXPECT_STREQ(english, "Queued");
@@ -399,7 +406,7 @@ TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
 std::string filtered(FilterList& filter, const std::string& text, const std::string& names) {
     const TemporaryDirectory folder;
     writeFile(folder.file("filters.txt"), text);
-    EXPECT_TRUE(filter.load(folder.file("filters.txt").c_str()));
+    EXPECT_TRUE(filter.load(systemDisk(), folder.file("filters.txt").c_str()));
     FileList results;
     std::istringstream each(names);
     for (std::string name; std::getline(each, name, '|');) {
@@ -428,7 +435,7 @@ TEST(FilterList, AnyLineFoundInAnyTextTakesAFileOut) {
               "exe|yyy|" + x255.substr(1) + "|")
         << "the old lines go, and a line counts up to its 255th character";
     // A file that isn't there filters nothing.
-    EXPECT_FALSE(filter.load("/nonexistent"));
+    EXPECT_FALSE(filter.load(systemDisk(), "/nonexistent"));
     FileMeta word;
     word.setName("z");
     EXPECT_FALSE(filter.matches(word));

@@ -9,15 +9,16 @@
 #include <mutex>
 #include <thread>
 
-#include "app/Preferences.h"
-#include "app/StringTable.h"
+#include "core/Preferences.h"
+#include "core/StringTable.h"
 #include "i4min/memory/error.h"
-#include "tests/support/CapturedLog.h"
-#include "tests/support/SharedFiles.h"
+#include "tests/support/HashedFiles.h"
+#include "tests/support/OwnEngine.h"
 #include "tests/support/bytes.h"
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
 #include "tests/support/independent_digest.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -58,13 +59,16 @@ std::string dirsOf(const ShareList& list) {
 }
 
 // A HashThread at work in a directory of its own, without an application; `dir` is there to be shared.
-class Sharing : public testing::Test, public SharedFiles {
+// What it is done in, and who hears of it.
+struct SharingEngine {
+    HashEvents events;
+    OwnEngine own{&events};
+};
+
+class Sharing : public testing::Test, protected SharingEngine, public HashedFiles {
   protected:
-    Sharing() {
-        stringTable.reload("");
-        preferences.sharePath = home.file("share.dat").c_str();
-        preferences.knownPath = home.file("known.met").c_str();
-        preferences.setIncoming(home.file("incoming").c_str());
+    Sharing() : HashedFiles(own.engine.core) {
+        own.preferences.load();
         fs::create_directory(dir);
     }
     // Ends when a run over these directories, for which the shared list starts empty, has ended.
@@ -103,16 +107,15 @@ class Sharing : public testing::Test, public SharedFiles {
         return at == all.end() ? nullptr : *at;
     }
 
-    TemporaryDirectory home;
+    const TemporaryDirectory& home = own.directory;
     const std::string dir = home.file("dir");
-    HashEvents events;
     i4_semaphore reading;
-    HashThread thread{*this};
+    HashThread thread{own.engine.core, events, *this};
 };
 
 TEST_F(Sharing, TheListOfDirectoriesLastsAndTheIncomingOneIsAlwaysOnIt) {
     const std::string in = home.file("incoming");
-    ShareList list;
+    ShareList list(own.engine.core);
     list.load();
     EXPECT_EQ(dirsOf(list), in + " ") << "without a file";
     list.setDirs({"/a", in.c_str(), "/bc", "/a"});
@@ -158,7 +161,7 @@ TEST_F(Sharing, FilesAreHashedInPartsOnceAndRecognisedFromThenOn) {
     hash({dir});
     EXPECT_EQ(events.takeNames(), "None. ");
     FileList reloaded{LockRank::knownFiles};
-    ASSERT_EQ(reloaded.load(preferences.knownPath.c_str()), LoadResult::whole);
+    ASSERT_EQ(reloaded.load(systemDisk(), own.preferences.knownPath.c_str()), LoadResult::whole);
     EXPECT_EQ(sharedFiles.count(), std::size(sizes));
     for (const FileMeta* file : sharedFiles.snapshot())
         EXPECT_TRUE(reloaded.find(file->getSize(), file->date, file->getName()));

@@ -18,12 +18,12 @@
 #include <vector>
 
 #include "i4min/memory/error.h"
-#include "i4min/network/protocol.h"
 #include "i4min/network/proxy.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "tests/support/ScriptedProxy.h"
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
+#include "tests/support/systemNetwork.h"
 
 using namespace std::string_literals;
 
@@ -35,20 +35,20 @@ constexpr i32 briefly = 100;  // ms, for what shall not happen
 constexpr u32 writeOrError = I4_SELECT_WRITE | I4_SELECT_ERROR;
 
 std::unique_ptr<i4_address> loopback(u16 port) {
-    auto address = theProtocol->resolve("127.0.0.1", 0, 0);
+    auto address = systemNetwork().resolve("127.0.0.1", 0, 0);
     address->set_port(port);
     return address;
 }
 
 u16 portOf(i4_socket& socket) { return socket.local_address()->get_port(); }
 
-std::unique_ptr<i4_socket> listenAnywhere() { return theProtocol->listen(0, 500, I4_STREAM, nullptr); }
+std::unique_ptr<i4_socket> listenAnywhere() { return systemNetwork().listen(0, 500, I4_STREAM, nullptr); }
 
 // Both ends of a connection over loopback.
 struct Pair {
     Pair() {
         const auto door = listenAnywhere();
-        near = theProtocol->connect(*loopback(portOf(*door)), I4_STREAM, true);
+        near = systemNetwork().connect(*loopback(portOf(*door)), I4_STREAM, true);
         EXPECT_TRUE(door->accept(far));
     }
     // Makes the far end go with a reset instead of an end.
@@ -115,17 +115,17 @@ TEST(SocketSet, GrowsBy32AndKeepsTheFirstOfRepeatedEntries) {
     for (int i = 0; i < 33; ++i) {
         descriptors.push_back(::eventfd(1, EFD_CLOEXEC));  // readable
         EXPECT_EQ(set.capacity(), i == 0 ? 0U : 32U);
-        set.add(descriptors.back(), I4_SELECT_READ);
+        set.add(descriptors.back(), I4_SELECT_READ, nullptr);
     }
     for (std::size_t i = 0; i < 33; i += 2) set.remove(descriptors[i]);
     set.remove(descriptors[0]);
     for (int i = 0; i < 5000; ++i) {
-        set.add(descriptors[0], I4_SELECT_READ);
+        set.add(descriptors[0], I4_SELECT_READ, nullptr);
         set.remove(descriptors[0]);
     }
     EXPECT_EQ(set.capacity(), 64U) << "the room of the removed is used again";
-    set.add(descriptors[0], I4_SELECT_WRITE);
-    set.add(descriptors[0], I4_SELECT_READ);
+    set.add(descriptors[0], I4_SELECT_WRITE, nullptr);
+    set.add(descriptors[0], I4_SELECT_READ, nullptr);
     EXPECT_EQ(set.poll(0), 18);
     EXPECT_EQ(set.check(descriptors[0], all), I4_SELECT_WRITE);
     for (std::size_t i = 1; i < 33; ++i) {
@@ -201,7 +201,7 @@ TEST(Socket, CancelEndsABlockedCall) {
     ASSERT_EQ(::listen(static_cast<i4_tcpip_sock&>(*full).descriptor(), 0), 0);
     const auto address = loopback(portOf(*full));
     std::vector<std::unique_ptr<i4_socket>> queued;
-    for (int i = 0; i < 4; ++i) queued.push_back(theProtocol->connect(*address, I4_STREAM, false));
+    for (int i = 0; i < 4; ++i) queued.push_back(systemNetwork().connect(*address, I4_STREAM, false));
     i4_tcpip_sock socket(I4_STREAM);
     expectCancelled(socket, [&] { return socket.connect(static_cast<i4_tcpip_address&>(*address), true); });
 }
@@ -213,43 +213,43 @@ TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
     std::unique_ptr<i4_socket> none;
     EXPECT_FALSE(door->accept(none));
     EXPECT_EQ(errno, EAGAIN);
-    auto good = theProtocol->connect(*loopback(port), I4_STREAM, false);
+    auto good = systemNetwork().connect(*loopback(port), I4_STREAM, false);
     EXPECT_EQ(good->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
-    EXPECT_EQ(theProtocol->listen(port, 500, I4_STREAM, nullptr), nullptr);  // the port is taken
+    EXPECT_EQ(systemNetwork().listen(port, 500, I4_STREAM, nullptr), nullptr);  // the port is taken
     door.reset();
 
-    EXPECT_EQ(theProtocol->connect(*loopback(port), I4_STREAM, true), nullptr);
-    const auto refused = theProtocol->connect(*loopback(port), I4_STREAM, false);
+    EXPECT_EQ(systemNetwork().connect(*loopback(port), I4_STREAM, true), nullptr);
+    const auto refused = systemNetwork().connect(*loopback(port), I4_STREAM, false);
     const u32 mask = refused->ready(writeOrError, limit, nullptr);
     EXPECT_NE(mask, I4_SELECT_WRITE);
     EXPECT_NE(mask, 0U);
 }
 
 TEST(Protocol, ResolvesDottedTextHereAndNamesWhereTheProxyIs) {
-    makeProtocol(nullptr);
+    systemNetwork().setProxy(nullptr);
     i4_string text;
-    addressToString(*theProtocol->resolve("10.1.2.255", 99, 0), text);
+    addressToString(*systemNetwork().resolve("10.1.2.255", 99, 0), text);
     EXPECT_STREQ(text.c_str(), "10.1.2.255");
-    addressToString(*theProtocol->resolve("localhost", 0, 0), text);
+    addressToString(*systemNetwork().resolve("localhost", 0, 0), text);
     EXPECT_EQ(text.view().substr(0, 4), "127.");
     for (const char* bad : {"", static_cast<const char*>(nullptr), "no such name"}) {
-        EXPECT_EQ(theProtocol->resolve(bad, 0, 0), nullptr);
+        EXPECT_EQ(systemNetwork().resolve(bad, 0, 0), nullptr);
     }
     for (const i32 type : {I4_PROXY_SOCKS4, I4_PROXY_SOCKS5, I4_PROXY_HTTP}) {
         i4_proxy_settings settings;
         settings.server = "127.0.0.1";
         settings.pType = type;
-        makeProtocol(&settings);
+        systemNetwork().setProxy(&settings);
         const bool byProxy = type != I4_PROXY_SOCKS4;
-        const auto named = theProtocol->resolve(byProxy ? "index.example" : "10.1.2.3", 0, 0);
+        const auto named = systemNetwork().resolve(byProxy ? "index.example" : "10.1.2.3", 0, 0);
         const auto* proxied = dynamic_cast<i4_proxy_address*>(named.get());
         ASSERT_EQ(proxied != nullptr, byProxy);
-        makeProtocol(nullptr);
+        systemNetwork().setProxy(nullptr);
         if (!proxied) continue;
         named->set_port(4661);
         EXPECT_STREQ(proxied->name.c_str(), "index.example");
         // It has no address of its own; its bytes are 0, which the system takes for this machine.
-        EXPECT_EQ(theProtocol->connect(*named, I4_STREAM, false), nullptr);
+        EXPECT_EQ(systemNetwork().connect(*named, I4_STREAM, false), nullptr);
         EXPECT_EQ(i4_tcpip_sock(I4_DATAGRAM).write_to("ping", 4, *named), -1);
     }
 }
@@ -258,9 +258,9 @@ TEST(Protocol, SocketsAndCallsOutliveTheProtocolThatMadeThem) {
     Pair pair;
     std::atomic<bool> stop{false};
     std::thread other([&] {
-        while (!stop) EXPECT_TRUE(theProtocol->resolve("10.1.2.3", 0, 0));
+        while (!stop) EXPECT_TRUE(systemNetwork().resolve("10.1.2.3", 0, 0));
     });
-    for (int i = 0; i < 200; ++i) makeProtocol(nullptr);
+    for (int i = 0; i < 200; ++i) systemNetwork().setProxy(nullptr);
     stop = true;
     other.join();
     EXPECT_EQ(pair.near->write("x", 1), 1);
@@ -297,7 +297,7 @@ void useProxy(i32 type, u16 port, const std::string& user = "", const std::strin
         settings.user = user.c_str();
         settings.password = password.c_str();
     }
-    makeProtocol(&settings);
+    systemNetwork().setProxy(&settings);
 }
 
 // Port 4661 of a host. A name is left to the proxy, whatever its type.
@@ -305,13 +305,13 @@ std::unique_ptr<i4_address> hostAt(const std::string& name) {
     if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) {
         return std::make_unique<i4_proxy_address>(name.c_str(), u16{4661});
     }
-    auto address = theProtocol->resolve(name.c_str(), 0, 0);
+    auto address = systemNetwork().resolve(name.c_str(), 0, 0);
     address->set_port(4661);
     return address;
 }
 
 std::unique_ptr<i4_proxy_sock> connectTo(const std::string& name) {
-    auto socket = theProtocol->connect(*hostAt(name), I4_STREAM, false);
+    auto socket = systemNetwork().connect(*hostAt(name), I4_STREAM, false);
     return std::unique_ptr<i4_proxy_sock>(static_cast<i4_proxy_sock*>(socket.release()));
 }
 
@@ -353,7 +353,7 @@ TEST(Proxy, ATunnelStandsAndCarriesBytes) {
             const ScriptedProxy proxy(turns);
             useProxy(row.type, proxy.port(), row.user, row.password);
             if (blocking) {
-                expectPong(*theProtocol->connect(*hostAt(row.name), I4_STREAM, true));
+                expectPong(*systemNetwork().connect(*hostAt(row.name), I4_STREAM, true));
                 continue;
             }
             const auto socket = connectTo(row.name);
@@ -447,16 +447,16 @@ TEST(Proxy, CancelEndsAHandshakeAndAProxyThatIsNotThereFails) {
         EXPECT_TRUE(socket->cancel());
         worker.join();
         EXPECT_EQ(result, I4_SELECT_ERROR);
-        makeProtocol(nullptr);
+        systemNetwork().setProxy(nullptr);
     }
     useProxy(I4_PROXY_SOCKS5, portOf(*listenAnywhere()));
     EXPECT_EQ(connectTo(host)->ready(writeOrError, limit, nullptr), I4_SELECT_ERROR);
-    EXPECT_EQ(theProtocol->connect(*hostAt(host), I4_STREAM, true), nullptr);
+    EXPECT_EQ(systemNetwork().connect(*hostAt(host), I4_STREAM, true), nullptr);
     i4_proxy_settings unknown;
     unknown.pType = I4_PROXY_SOCKS5;
     for (const char* server : {"no such name", static_cast<const char*>(nullptr)}) {
         unknown.server = server;
-        makeProtocol(&unknown);
+        systemNetwork().setProxy(&unknown);
         EXPECT_EQ(connectTo(host), nullptr);
     }
 }
@@ -464,7 +464,7 @@ TEST(Proxy, CancelEndsAHandshakeAndAProxyThatIsNotThereFails) {
 TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
     const std::string incoming4 = "\0\x5a\x12\x37\x0a\0\0\x8"s;
     const std::string incoming5 = "\5\0\0\1\x0a\0\0\x8\x12\x37"s;
-    makeProtocol(nullptr);
+    systemNetwork().setProxy(nullptr);
     const auto target = hostAt("10.1.2.3");
     const std::pair<i32, Turns> table[] = {
         {I4_PROXY_SOCKS4, {{bind4, granted4 + incoming4}, {"ping", "pong"}}},
@@ -473,7 +473,7 @@ TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
     for (const auto& [type, turns] : table) {
         const ScriptedProxy proxy(turns);
         useProxy(type, proxy.port());
-        const auto door = theProtocol->listen(4662, limit, I4_STREAM, target.get());
+        const auto door = systemNetwork().listen(4662, limit, I4_STREAM, target.get());
         ASSERT_TRUE(door);
         auto& listener = static_cast<i4_proxy_sock&>(*door);
         EXPECT_EQ(listener.target_address()->get_port(), 4662);
@@ -485,11 +485,11 @@ TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
         expectPong(*socket);
         EXPECT_FALSE(listener.accept_remote(socket, from));
     }
-    EXPECT_EQ(theProtocol->listen(0, limit, I4_STREAM, nullptr), nullptr);
+    EXPECT_EQ(systemNetwork().listen(0, limit, I4_STREAM, nullptr), nullptr);
     // Granted, but nobody comes: the wait for the second reply ends with its time.
     const ScriptedProxy waiting({{bind4, granted4}});
     useProxy(I4_PROXY_SOCKS4, waiting.port());
-    const auto door = theProtocol->listen(0, limit, I4_STREAM, target.get());
+    const auto door = systemNetwork().listen(0, limit, I4_STREAM, target.get());
     ASSERT_TRUE(door);
     EXPECT_EQ(door->ready(I4_SELECT_READ | I4_SELECT_ERROR, briefly, nullptr), I4_SELECT_ERROR);
 }

@@ -3,8 +3,9 @@
 
 #include <fstream>
 
-#include "tests/support/Engine.h"
+#include "tests/support/EngineTest.h"
 #include "tests/support/Network.h"
+#include "tests/support/systemDisk.h"
 
 namespace {
 
@@ -82,7 +83,8 @@ TEST_F(StrangersStory, TheFileArrivesAndTheMemoryStays) {
     TemporaryDirectory folder;
     writeFile(folder.file("big.bin"), bytes_);
     std::vector<MD4Hash> parts;
-    ASSERT_EQ(MD4Hash::computeFile(hash_, folder.file("big.bin").c_str(), parts), HashOutcome::whole);
+    ASSERT_EQ(MD4Hash::computeFile(hash_, systemDisk(), folder.file("big.bin").c_str(), parts),
+              HashOutcome::whole);
     IndexServerProcess index;
     Client seed("seed", index);
     Client leech("leech", index);

@@ -14,7 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/MessageQ.h"
+#include "core/MessageQ.h"
+#include "host/PosixHost.h"
 #include "i4min/file/file.h"
 #include "i4min/file/output.h"
 #include "i4min/memory/error.h"
@@ -32,28 +33,25 @@ namespace {
 // A thread that tells of each turn, and does in it what the test says.
 class Worker : public Thread {
   public:
+    Worker() : Thread(scheduler) {}
     ~Worker() override { stop(); }
-    void run() override {
+    Rest run() override {
         checkOwnThread();
         ++turns;
-        turn.signal();
-        if (endAt == turns) {
-            endLoop();
-        } else {
-            sleepFor(nap);
-        }
+        if (endAt == turns) endLoop();
+        told.signal();
+        return Rest::atMost(nap);
     }
     void finished() override {
         stateInFinished = state();
         ended.signal();
     }
-    using Thread::wake;
-
-    i4_semaphore turn;
+    inline static PosixScheduler scheduler;
+    i4_semaphore told;
     i4_semaphore ended;
     std::atomic<int> turns{0};
     int endAt = -1;
-    u32 nap = 3'600'000;
+    i64 nap = 3'600'000;
     State stateInFinished = running;
 };
 
@@ -69,7 +67,7 @@ TEST(Threads, StopWakesASleeperAndItStartsAgain) {
     EXPECT_FALSE(worker.isStopping()) << "there was nothing to stop";
     for (int round = 1; round <= 3; ++round) {
         worker.start();
-        ASSERT_TRUE(worker.turn.wait(0));
+        ASSERT_TRUE(worker.told.wait(0));
         EXPECT_EQ(worker.state(), Thread::running);
         worker.start();
         worker.stop();
@@ -80,7 +78,7 @@ TEST(Threads, StopWakesASleeperAndItStartsAgain) {
     EXPECT_FALSE(worker.ended.wait(1)) << "who was stopped hasn't finished";
     worker.start();
     for (int n = 0; n < 50; ++n) {
-        ASSERT_TRUE(worker.turn.wait(0)) << "a wake ends one nap";
+        ASSERT_TRUE(worker.told.wait(0)) << "a wake ends one nap";
         worker.wake();
     }
     worker.stop();
@@ -341,42 +339,48 @@ TEST(DebugBuildDeathTest, AbortsWhereAThreadsOwnWorkIsDoneOnAnother) {
     Worker worker;
     worker.checkOwnThread();
     worker.start();
-    worker.turn.wait(0);
+    worker.told.wait(0);
     worker.stop();
     worker.checkOwnThread();
     const auto interfere = [&] {
         worker.start();
-        worker.turn.wait(0);
+        worker.told.wait(0);
         worker.checkOwnThread("the test");
     };
     EXPECT_DEATH(interfere(), "thread: the test was called on another thread than its own");
 }
 
 // What the handlers see. They run on one thread at a time, and the tests read after stop().
-class MessageQueue : public testing::Test {
+class MessageQueue : public testing::Test, protected MessageDuties {
   protected:
-    MessageQueue() {
-        test = this;
-        duties_.handlers[MESSAGE_LOAD] = [](QArgument&) {
-            test->queue_.post(MESSAGE_SAVE, ServerAddress{99, 0});
-        };
-        duties_.handlers[MESSAGE_SAVE] = [](QArgument& argument) {
-            test->order_.push_back(std::get<ServerAddress>(argument));
-            ++test->handled_;
-        };
-        duties_.handlers[MESSAGE_CONNECT] = [](QArgument&) { ++test->connects_; };
-        duties_.idle = [](i32) { ++test->idles_; };
-        duties_.wantsServer = [] { return test->wantsServer_.load(); };
+    bool handle(u32 number, QArgument& argument) override {
+        switch (number) {
+            case MESSAGE_LOAD:
+                queue_.post(MESSAGE_SAVE, ServerAddress{99, 0});
+                return true;
+            case MESSAGE_SAVE:
+                order_.push_back(std::get<ServerAddress>(argument));
+                ++handled_;
+                return true;
+            case MESSAGE_CONNECT:
+                ++connects_;
+                return true;
+            default:
+                return false;
+        }
     }
-    static inline MessageQueue* test = nullptr;
+    void idle(i32) override { ++idles_; }
+    bool wantsServer() override { return wantsServer_; }
+    i32 untilDue() override { return std::numeric_limits<i32>::max(); }
 
     std::vector<ServerAddress> order_;
     std::atomic<int> handled_{0};
     std::atomic<int> connects_{0};
     std::atomic<int> idles_{0};
     std::atomic<bool> wantsServer_{false};
-    MessageDuties duties_;
-    MessageQ queue_{duties_};
+    CapturedLog log_;
+    PosixHost host_;
+    MessageQ queue_{host_.host, log_, *this};
 };
 
 TEST_F(MessageQueue, HandlesEachThreadsMessagesInTheOrderOfPosting) {
@@ -392,7 +396,6 @@ TEST_F(MessageQueue, HandlesEachThreadsMessagesInTheOrderOfPosting) {
 }
 
 TEST_F(MessageQueue, AMessagePostedByAHandlerComesBehindThoseThatWaited) {
-    CapturedLog log;
     queue_.post(MESSAGE_LOAD);
     queue_.post(MESSAGE_SAVE, ServerAddress{1, 0});
     queue_.postFront(MESSAGE_SAVE, ServerAddress{0, 0});
@@ -406,7 +409,7 @@ TEST_F(MessageQueue, AMessagePostedByAHandlerComesBehindThoseThatWaited) {
     EXPECT_EQ(connects_, 2) << "the one at the head may be in hand";
     EXPECT_EQ(order_, (std::vector<ServerAddress>{{0, 0}, {1, 0}, {99, 0}}));
     const std::string unknown = "ERROR: Unknown message in Process\n";
-    EXPECT_EQ(log.take(), unknown + unknown + unknown + unknown);
+    EXPECT_EQ(log_.take(), unknown + unknown + unknown + unknown);
 }
 
 TEST_F(MessageQueue, ConnectsByItselfOnTheFirstIdleTurnAndNotAgainWithinAMinute) {
@@ -415,6 +418,7 @@ TEST_F(MessageQueue, ConnectsByItselfOnTheFirstIdleTurnAndNotAgainWithinAMinute)
     ASSERT_TRUE(eventually([this] { return handled_ == 1; }));
     EXPECT_EQ(connects_, 0);
     wantsServer_ = true;
+    queue_.wake();
     ASSERT_TRUE(eventually([this] { return connects_ == 1; }));
     // Two more idle turns, each behind a message.
     for (int i = 2; i <= 3; ++i) {

@@ -5,10 +5,12 @@
 
 #include <ctime>
 
-#include "app/Preferences.h"
+#include "core/Preferences.h"
 #include "i4min/memory/error.h"
 #include "tests/support/OpenDoor.h"
+#include "tests/support/OwnEngine.h"
 #include "tests/support/ScriptedSocket.h"
+#include "tests/support/systemNetwork.h"
 #include "transport/ABSocketPool.h"
 #include "transport/ConnectRegistry.h"
 #include "transport/OpcodeTable.h"
@@ -25,10 +27,10 @@ constexpr u32 limit = 8 << 20;
 
 class PacketTest : public testing::Test {
   protected:
-    ~PacketTest() override { sendBudget = recvBudget = unlimitedBudget; }
+    Budgets budgets;
     Packet::Result receive() {
         moved = 0;
-        return packet.receive(socket, moved, limit);
+        return packet.receive(socket, budgets, moved, limit);
     }
     ScriptedSocket socket;
     Packet packet;
@@ -40,20 +42,20 @@ TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
     const auto copy = longer->clone();
     socket.room = 3;
     std::vector<u32> pieces;
-    sendBudget = 2;
+    budgets.sendBudget = 2;
     for (Packet::Result result = Packet::more; result == Packet::more && pieces.size() < 20;) {
         moved = 0;
-        result = longer->send(socket, moved);
+        result = longer->send(socket, budgets, moved);
         pieces.push_back(moved);
-        if (pieces.size() == 4) sendBudget = unlimitedBudget;
+        if (pieces.size() == 4) budgets.sendBudget = unlimitedBudget;
     }
     EXPECT_EQ(pieces, (std::vector<u32>{3, 4, 2, 2, 3, 1}));
     EXPECT_EQ(socket.written, framed("0123456789"));
-    sendBudget = 0;
-    EXPECT_EQ(copy->send(socket, moved), Packet::more);
+    budgets.sendBudget = 0;
+    EXPECT_EQ(copy->send(socket, budgets, moved), Packet::more);
     socket.room = -1;
-    sendBudget = 10;
-    EXPECT_EQ(copy->send(socket, moved), Packet::failed);
+    budgets.sendBudget = 10;
+    EXPECT_EQ(copy->send(socket, budgets, moved), Packet::failed);
 
     Packet growing(1);
     const std::string body(3000, 'x');
@@ -61,8 +63,8 @@ TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
     growing.finish();
     socket.written.clear();
     socket.room = 4000;
-    sendBudget = unlimitedBudget;
-    EXPECT_EQ(growing.send(socket, moved), Packet::complete);
+    budgets.sendBudget = unlimitedBudget;
+    EXPECT_EQ(growing.send(socket, budgets, moved), Packet::complete);
     EXPECT_EQ(socket.written, framed(body));
 }
 
@@ -85,10 +87,10 @@ TEST_F(PacketTest, TakesMemoryAsBytesArriveAndAsTheBudgetAllows) {
     for (std::size_t at = 0; at < limit; at += 50'000) {
         const u32 before = packet.stream.capacity();
         socket.pieces.push_back(body.substr(at, 50'000));
-        recvBudget = 0;
+        budgets.recvBudget = 0;
         EXPECT_EQ(receive(), Packet::more);
         EXPECT_EQ(moved, 0U);
-        recvBudget = unlimitedBudget;
+        budgets.recvBudget = unlimitedBudget;
         EXPECT_EQ(receive(), at + 50'000 < limit ? Packet::more : Packet::complete);
         growths += packet.stream.capacity() != before;
         EXPECT_LE(packet.stream.capacity(), std::max(64U * 1024, 4 * packet.bodyDone));
@@ -99,7 +101,10 @@ TEST_F(PacketTest, TakesMemoryAsBytesArriveAndAsTheBudgetAllows) {
     EXPECT_THROW(packet.stream.expect(5), i4_err);
 }
 
-class ConversationTest : public testing::Test, protected OpenDoor<STSocketPool> {};
+class ConversationTest : public testing::Test, protected OwnEngine, protected OpenDoor<STSocketPool> {
+  protected:
+    ConversationTest() : OpenDoor(engine.transport) {}
+};
 
 TEST_F(ConversationTest, CarriesMessagesInOrderBothWays) {
     Caller caller(port);
@@ -110,7 +115,7 @@ TEST_F(ConversationTest, CarriesMessagesInOrderBothWays) {
     EXPECT_EQ(talker->getText(), "127.0.0.1");
     std::thread([&] { talker->send(packetOf("from another thread")); }).join();
     EXPECT_EQ(caller.read(24), framed("from another thread"));
-    const Ref<TalkerDoor> second(new TalkerDoor(&pool, port, told));
+    const Ref<TalkerDoor> second(new TalkerDoor(pool, port, told));
     EXPECT_FALSE(second->listen(500)) << "a taken port is told, and harms nobody";
     EXPECT_EQ(log.take(),
               "Can't Listen for connections. Please adjust your proxy settings in the options tab.\n");
@@ -126,7 +131,7 @@ TEST_F(ConversationTest, WhatIsMalformedEndsItsConnectionAlone) {
     static constexpr Opcode rows[] = {{'t', "Table", Direction::in, 2, 3}};
     static constexpr OpcodeTable table(rows);
     told.table = &table;
-    log.verbose = 1;
+    log.setVerbose(true);
     Caller bystander(port);
     bystander.send(framed("hi"));
     int ended = 0;
@@ -229,7 +234,7 @@ TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
     };
     // Once before, since a sanitizer's first look at a type takes descriptors of its own.
     EXPECT_FALSE(saysSo());
-    theLog->printLine("%s", "");
+    log.printLine("%s", "");
     log.take();
     Caller before_all(port);
     EXPECT_TRUE(before_all.echoes("hello"));
@@ -268,26 +273,25 @@ struct FullListener : Listener {
 
 class ConnectTest : public ConversationTest {
   protected:
-    ~ConnectTest() override { connectRegistry.limit = ConnectRegistry::usualLimit; }
     bool connect(u32 ip, u32 to, Told& outgoing) {
-        return connectRegistry.connect(&pool, Ref<Connection>(new Talker(ip, to, outgoing)));
+        return engine.connectRegistry.connect(Ref<Connection>(new Talker(pool, ip, to, outgoing)));
     }
     FullListener full;
 };
 
 TEST_F(ConnectTest, ConnectsSucceedOrFailCleanly) {
     Told outgoing;
-    Ref<Talker> talker(new Talker(loopbackIp, port, outgoing));
-    EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>(talker.get())));
+    Ref<Talker> talker(new Talker(pool, loopbackIp, port, outgoing));
+    EXPECT_TRUE(engine.connectRegistry.connect(Ref<Connection>(talker.get())));
     talker->send(packetOf("eover there"));
     EXPECT_TRUE(eventually([&] { return outgoing.count() >= 1; }));
     EXPECT_EQ(outgoing.connected, 1);
     talker->close();  // until now, the two echo each other
     EXPECT_TRUE(eventually([&] { return outgoing.ended == 1; }));
-    EXPECT_TRUE(connectRegistry.connect(&pool, Ref<Connection>()));
+    EXPECT_TRUE(engine.connectRegistry.connect(Ref<Connection>()));
 
     // Nobody there; a low ID; a broadcast address, which the system doesn't route; and no answer.
-    connectRegistry.limit = 100;
+    engine.connectRegistry.limit = 100;
     const auto begun = std::chrono::steady_clock::now();
     for (const auto& [ip, to] : {std::pair{loopbackIp, 1U},
                                  {0xFFFFFFU, port},
@@ -331,14 +335,14 @@ std::string hear(i4_ram_file_class& datagram, Told& told, char bad) {
 }
 
 struct Annex : UDPAnnex {
-    Annex(SocketPool* pool, Told& annexTold) : UDPAnnex(pool), told(annexTold) {}
+    Annex(SocketPool& pool, Told& annexTold) : UDPAnnex(pool), told(annexTold) {}
     void handleDatagram() override { hear(buffer_, told, 'p'); }
     Told& told;
 };
 
 // Sends each datagram back.
 struct Door : UDPDoor {
-    Door(SocketPool* pool, Told& doorTold) : UDPDoor(pool, 0), told(doorTold) {}
+    Door(SocketPool& pool, Told& doorTold) : UDPDoor(pool, 0), told(doorTold) {}
     void handleDatagram() override {
         const std::string text = hear(inBuffer_, told, '!');
         outBuffer_.write(text.data(), static_cast<u32>(text.size()));
@@ -348,14 +352,14 @@ struct Door : UDPDoor {
 };
 
 TEST_F(ConversationTest, DatagramsHaveTheirOwnLengthAndWhatCantBeReadCostsThatOneOnly) {
-    log.verbose = 1;
+    log.setVerbose(true);
     Told annexTold;
-    const Ref<Door> udpDoor(new Door(&pool, told));
-    const Ref<Annex> annex(new Annex(&pool, annexTold));
+    const Ref<Door> udpDoor(new Door(pool, told));
+    const Ref<Annex> annex(new Annex(pool, annexTold));
     ASSERT_TRUE(udpDoor->open(500) && annex->open());
     // Of a body of that many bytes; what isn't written goes out as zeros.
     const auto send = [&](const std::string& body, u32 length) {
-        auto packet = std::make_unique<UDPPacket>(length, loopbackIp, udpDoor->localPort());
+        auto packet = std::make_unique<UDPPacket>(systemNetwork(), length, loopbackIp, udpDoor->localPort());
         packet->stream.write(body.data(), static_cast<u32>(body.size()));
         annex->send(std::move(packet));
     };
@@ -387,10 +391,10 @@ TEST_F(ConversationTest, DatagramsHaveTheirOwnLengthAndWhatCantBeReadCostsThatOn
 }
 
 TEST(BudgetClockTest, GrantsWhatTheLimitAllowsForTheTimeSinceTheLastGrant) {
-    i4_time now;
+    Moment now;
     BudgetClock clock;
     const auto after = [&](i32 ms, f32 speed) {
-        now.add(ms);
+        now = later(now, ms);
         return clock.grant(speed, now);
     };
     clock.begin(now);
@@ -406,7 +410,7 @@ TEST(BudgetClockTest, GrantsWhatTheLimitAllowsForTheTimeSinceTheLastGrant) {
     EXPECT_EQ(after(60, 0.01F), 0);
     EXPECT_EQ(after(60, 0.01F), 1);
     EXPECT_EQ(after(200, 1e30F), unlimitedBudget);
-    now.add(5000);
+    now = later(now, 5000);
     clock.waited(5000);
     EXPECT_EQ(after(0, 10), 400);
 }
@@ -414,12 +418,13 @@ TEST(BudgetClockTest, GrantsWhatTheLimitAllowsForTheTimeSinceTheLastGrant) {
 // A connection without a socket that is ready when told so, and moves what it is told to.
 class Simulated : public Connection {
   public:
-    explicit Simulated(char name, std::string& order) : Connection(0, 0), name_(name), order_(order) {}
+    Simulated(SocketPool& pool, char name, std::string& order)
+        : Connection(pool, 0, 0), name_(name), order_(order) {}
     bool isReady() override { return ready; }
     void doTask(SocketPool*) override {
         order_ += name_;
-        bytesSent.add(static_cast<u32>(std::min(toSend, sendBudget)));
-        bytesReceived.add(static_cast<u32>(std::min(toReceive, recvBudget)));
+        bytesSent.add(static_cast<u32>(std::min(toSend, budgets().sendBudget)));
+        bytesReceived.add(static_cast<u32>(std::min(toReceive, budgets().recvBudget)));
     }
     bool ready = true;
     i32 toSend = 0;
@@ -435,30 +440,33 @@ class Simulated : public Connection {
 };
 
 struct OpenedPool : STSocketPool {
+    using STSocketPool::budgets_;
     using STSocketPool::processChanges;
     using STSocketPool::runTurns;
+    using STSocketPool::STSocketPool;
 };
 
 struct OpenedLine : ABSocketPool {
+    using ABSocketPool::ABSocketPool;
+    using ABSocketPool::budgets_;
     using ABSocketPool::elapsed;
     using ABSocketPool::processChanges;
     using ABSocketPool::turns;
 };
 
-struct TurnsTest : testing::Test {
-    ~TurnsTest() override {
-        sendBudget = unlimitedBudget;
-        preferences.maxUpSpeed = preferences.maxDownSpeed = 5.0F;
-    }
-    Ref<Simulated> make(char name) { return Ref<Simulated>(new Simulated(name, order)); }
+template <class Pool>
+struct Turns : testing::Test, OwnEngine {
+    Ref<Simulated> make(char name) { return Ref<Simulated>(new Simulated(pool, name, order)); }
 
-    CapturedLog log;
+    Pool pool{engine.transport};
     std::string order;
     const Ref<Simulated> all[4] = {make('a'), make('b'), make('c'), make('d')};
 };
 
+using TurnsTest = Turns<OpenedPool>;
+using LineTurnsTest = Turns<OpenedLine>;
+
 TEST_F(TurnsTest, TheHeadOfTheListMovesOnAndTheBudgetIsSharedInOrder) {
-    OpenedPool pool;
     EXPECT_TRUE(pool.runTurns());
     for (const auto& one : all) pool.addConnection(one.get());
     pool.processChanges();
@@ -466,16 +474,15 @@ TEST_F(TurnsTest, TheHeadOfTheListMovesOnAndTheBudgetIsSharedInOrder) {
     for (int i = 0; i < 4; ++i) EXPECT_FALSE(pool.runTurns());
     EXPECT_EQ(order, "abcbcacababc");
     for (const auto& one : all) one->toSend = 600;
-    sendBudget = 1000;
+    pool.budgets_.sendBudget = 1000;
     pool.runTurns();  // the list stands at a again
     EXPECT_EQ(all[0]->bytesSent, 600U);
     EXPECT_EQ(all[1]->bytesSent, 400U);
     EXPECT_EQ(all[2]->bytesSent, 0U);
-    EXPECT_EQ(sendBudget, 0);
+    EXPECT_EQ(pool.budgets_.sendBudget, 0);
 }
 
 TEST_F(TurnsTest, ConnectionsEnterAndLeaveOnce) {
-    OpenedPool pool;
     pool.addConnection(all[0].get());
     pool.addConnection(all[0].get());
     EXPECT_EQ(pool.count, 1);
@@ -514,8 +521,7 @@ TEST(LineTest, IsEstimated) {
     EXPECT_FLOAT_EQ(ABSocketPool::adjust(2.0F, 9, 0, 12), 12);
 }
 
-TEST_F(TurnsTest, TheLineIsMeasuredByGivingSomePriority) {
-    OpenedLine pool;
+TEST_F(LineTurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     const auto turn = [&] {
         order.clear();
         pool.turns();
@@ -538,11 +544,11 @@ TEST_F(TurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     EXPECT_EQ(turn(), "ac");
     all[0]->ready = all[2]->ready = false;
     all[1]->toSend = all[3]->toReceive = 1000;
-    sendBudget = 10'000;
+    pool.budgets_.sendBudget = 10'000;
     EXPECT_EQ(turn(), "bd");
     EXPECT_EQ(all[1]->bytesSent, 256U);
     EXPECT_EQ(all[3]->bytesReceived, 256U);
-    EXPECT_EQ(sendBudget, unlimitedBudget);
+    EXPECT_EQ(pool.budgets_.sendBudget, unlimitedBudget);
 
     // With priority a sends no faster, so the line carries more than the total; c receives 90,000 / 45,001
     // without and 180,000 / 45,001 with priority, so the line is full.
@@ -603,7 +609,8 @@ TEST_F(ConversationTest, ASpeedLimitHoldsAndLeavesTheOtherDirectionAlone) {
 }
 
 TEST(SocketPoolTest, TheBasePoolHandsTurnsToItsWorkers) {
-    OpenDoor<SocketPool> open;
+    OwnEngine own;
+    OpenDoor<SocketPool> open(own.engine.transport);
     Caller caller(open.port);
     for (int i = 0; i < 5; ++i) EXPECT_TRUE(caller.echoes("hello"));
     caller.close();

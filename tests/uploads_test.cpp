@@ -21,7 +21,7 @@ class UploadTest : public Downloads {
     }
     void begin() {
         std::unique_ptr<i4_file> stream = i4_open_exact(directory.file("shared.bin").c_str(), I4_FILE_READ);
-        upload = Ref<Upload>(new Upload(std::move(stream), to, "shared.bin", hash));
+        upload = Ref<Upload>(new Upload(uploadPool, log, std::move(stream), to, "shared.bin", hash));
     }
     // Asks, and lets that many packets leave: what was sent, as "start-end start-end". Every byte is
     // compared.
@@ -135,12 +135,14 @@ TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsThere) {
     clientApp.shared.clear();
     const Ref<Download> download = add(file);
     give(*download, file, 0, 50'000);
-    upload = Ref<Upload>(new PartUpload(*download, to, hash));
-    download->stateLock().lock();
-    EXPECT_EQ(download->state().getSources()->count(), 1U) << "whoever fetches has, or will have, parts";
-    download->stateLock().unlock();
+    const auto parts = [&] { return engine.peerNeeds.files.partsFor(hash, User(1)); };
+    upload = Ref<Upload>(new PartUpload(uploadPool, log, host.disk, parts(), to, hash));
+    {
+        const i4_guard guard(download->stateLock());
+        EXPECT_EQ(download->state().getSources()->count(), 1U) << "whoever fetches has, or will have, parts";
+    }
     EXPECT_EQ(ask({{49'995, 50'005}}), "") << "not there";
-    upload = Ref<Upload>(new PartUpload(*download, to, hash));
+    upload = Ref<Upload>(new PartUpload(uploadPool, log, host.disk, parts(), to, hash));
     EXPECT_EQ(ask({{0, 20'000}}, 1), "0-10240");
     writeFile(incoming("shared.bin"), "of another download of that name");
     give(*download, file, 50'000, file.size());
@@ -155,13 +157,13 @@ const MD4Hash file = hashOf(0xF0);
 const std::string slotGranted = opcode(85);
 const std::string slotEnded = opcode(87);
 
-class UploadPoolTest : public Engine {
+class UploadPoolTest : public EngineTest {
   protected:
     using Answers = std::vector<std::string>;
     UploadPoolTest() { shareFile(file, "shared.bin", std::string(100'000, 'x')); }
 
     // The users who hold a slot, and those who wait, by the first byte of their hash: "1 2 | 3".
-    static std::string drawn() {
+    std::string drawn() {
         const i4_guard guard(uploadPool);
         std::string users;
         for (LL<UploadSlot>::Cursor c; const UploadSlot* slot = uploadPool.getSlots().next(c);)
@@ -171,7 +173,7 @@ class UploadPoolTest : public Engine {
             users += " " + std::to_string(user->hash.bytes[0]);
         return users;
     }
-    static void ageQueue(u32 ms) {
+    void ageQueue(u32 ms) {
         const i4_guard guard(uploadPool);
         for (LL<UserMeta>::Cursor c; UserMeta* user = uploadPool.getQueue().next(c);)
             user->setInt(TAG_QTIME, user->getInt(TAG_QTIME) - ms);
@@ -185,7 +187,7 @@ class UploadPoolTest : public Engine {
         return peer.sent();
     }
     // The next packet of a transfer for which `peer` has this request; the rest waits.
-    static void transfers(TestPeer& peer, const MD4Hash& of, u32 start, u32 end) {
+    void transfers(TestPeer& peer, const MD4Hash& of, u32 start, u32 end) {
         peer.sent();
         EXPECT_TRUE(peer.hear(requestFor(of, {{start, end}})));
         peer.leave();

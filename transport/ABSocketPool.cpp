@@ -2,9 +2,10 @@
 
 #include <algorithm>
 
-#include "app/Preferences.h"
+#include "core/LineSpeeds.h"
 #include "transport/Connection.h"
 #include "transport/Packet.h"
+#include "transport/Transport.h"
 
 namespace {
 
@@ -112,8 +113,8 @@ void ABSocketPool::endBaseline(i32 ms) {
         mode_ = priority;
         return;
     }
-    raise(preferences.maxUpSpeed, all.upOver(ms));
-    raise(preferences.maxDownSpeed, all.downOver(ms));
+    raise(transport().line.maxUpSpeed, all.upOver(ms));
+    raise(transport().line.maxDownSpeed, all.downOver(ms));
     mode_ = idle;
 }
 
@@ -129,17 +130,14 @@ bool ABSocketPool::runPriority() {
         for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
             if (!connection->isReady()) continue;
             nothingRan = false;
-            const i32 sendSaved = sendBudget;
-            const i32 recvSaved = recvBudget;
-            sendBudget = std::min(sendSaved, trickle);
-            recvBudget = std::min(recvSaved, trickle);
-            const i32 sendGiven = sendBudget;
-            const i32 recvGiven = recvBudget;
+            const Budgets saved = budgets_;
+            budgets_ = {std::min(saved.sendBudget, trickle), std::min(saved.recvBudget, trickle)};
+            const Budgets given = budgets_;
             runTurn(*connection);
-            sendBudget = sendSaved - (sendGiven - sendBudget);
-            recvBudget = recvSaved - (recvGiven - recvBudget);
+            budgets_ = {saved.sendBudget - (given.sendBudget - budgets_.sendBudget),
+                        saved.recvBudget - (given.recvBudget - budgets_.recvBudget)};
         }
-        sendBudget = recvBudget = unlimitedBudget;
+        budgets_ = {};
     }
     rotate();
     return nothingRan;
@@ -149,9 +147,10 @@ void ABSocketPool::endPriority(i32 ms) {
     mode_ = idle;
     const Rates picked = ratesOf(priority_);
     const Rates all = ratesOf(active_);
-    preferences.maxUpSpeed = adjust(baseUp_, picked.upOver(ms), all.upOver(ms), preferences.maxUpSpeed);
-    preferences.maxDownSpeed =
-        adjust(baseDown_, picked.downOver(ms), all.downOver(ms), preferences.maxDownSpeed);
+    transport().line.maxUpSpeed =
+        adjust(baseUp_, picked.upOver(ms), all.upOver(ms), transport().line.maxUpSpeed);
+    transport().line.maxDownSpeed =
+        adjust(baseDown_, picked.downOver(ms), all.downOver(ms), transport().line.maxDownSpeed);
 }
 
 f32 ABSocketPool::adjust(f32 base, f32 chosen, f32 total, f32 maximum) {

@@ -21,6 +21,7 @@ class ABSocketPool : public PacedPool {
   public:
     enum Mode : u32 { idle = 0, baseline = 1, priority = 2 };
 
+    using PacedPool::PacedPool;
     ~ABSocketPool() override;
 
     // The estimate of the line, in KB/s, that follows `maximum` when the chosen connections moved `base`

@@ -2,13 +2,12 @@
 
 #include <cassert>
 
-#include "app/UIInterface.h"
 #include "i4min/memory/error.h"
 #include "i4min/network/socket.h"
-#include "i4min/threads/linux/i4_time.h"
 #include "meta/address.h"
 #include "transport/OpcodeTable.h"
 #include "transport/SocketPool.h"
+#include "transport/Transport.h"
 
 namespace {
 
@@ -27,26 +26,23 @@ constexpr u32 allEvents = I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR;
 
 }  // namespace
 
-Connection::Connection(std::unique_ptr<i4_socket> socket, SocketPool* pool) : cameIn_(socket != nullptr) {
-    pool_.store(pool, std::memory_order_release);
-    setOwnSocket(std::move(socket));
+Connection::Connection(SocketPool& pool, std::unique_ptr<i4_socket> socket)
+    : pool_(pool), cameIn_(socket != nullptr) {
+    setSocket(std::move(socket));
     ip = remoteIp_;
     addressText_ = ipToString(remoteIp_);
 }
 
-Connection::Connection(u32 peerIp, u32 peerPort)
-    : ip(peerIp), port(peerPort), addressText_(ipToString(peerIp)), cameIn_(false) {}
+Connection::Connection(SocketPool& pool, u32 peerIp, u32 peerPort)
+    : ip(peerIp), port(peerPort), pool_(pool), addressText_(ipToString(peerIp)), cameIn_(false) {}
 
 Connection::~Connection() {
     while (std::unique_ptr<Packet> packet = takeFirstToSend()) packet.reset();
 }
 
-void Connection::setSocket(std::unique_ptr<i4_socket> socket, SocketPool* pool) {
-    setOwnSocket(std::move(socket));
-    pool_.store(pool, std::memory_order_release);
-}
+const Transport& Connection::transport() const { return pool_.transport(); }
 
-void Connection::setOwnSocket(std::unique_ptr<i4_socket> socket) {
+void Connection::setSocket(std::unique_ptr<i4_socket> socket) {
     socket_ = std::move(socket);
     if (!socket_) return;
     const std::unique_ptr<i4_address> remote = socket_->remote_address();
@@ -86,7 +82,7 @@ void Connection::send(std::unique_ptr<Packet> packet) {
     }
     if (packet) return;  // dead: it goes with this call
     if (tooMuch) close();
-    if (SocketPool* owner = pool()) owner->wake();
+    pool_.wake();
 }
 
 std::unique_ptr<Packet> Connection::takeFirstToSend() {
@@ -105,7 +101,7 @@ std::unique_ptr<Packet> Connection::takeFirstToSend() {
 void Connection::close() {
     if (isDead()) return;
     closing_ = 1;
-    if (SocketPool* owner = pool()) owner->wake();
+    pool_.wake();
 }
 
 void Connection::end() {
@@ -127,8 +123,7 @@ void Connection::gone() {}
 
 void Connection::cleanup() {
     checkPoolThread();
-    SocketPool* owner = pool();
-    if (inSet_ && owner && owner->set()) socket_->remove_from_set(*owner->set());
+    if (inSet_ && pool_.set()) socket_->remove_from_set(*pool_.set());
     inSet_ = false;
     end();
 }
@@ -139,7 +134,7 @@ void Connection::connectFailed() { end(); }
 // What subclasses say otherwise.
 
 bool Connection::handleMessage(u8 opcode, i4_ram_file_class&) {
-    theLog->printVerbose("Unknown msg from Connection: %d\n", opcode);
+    transport().log.printVerbose("Unknown msg from Connection: %d\n", opcode);
     return true;
 }
 
@@ -148,7 +143,8 @@ bool Connection::firstMessage(u8 opcode, i4_ram_file_class& stream) {
     return handleMessage(opcode, stream);
 }
 
-Connection* Connection::spawn(std::unique_ptr<i4_socket>, SocketPool*) { return nullptr; }
+Connection* Connection::spawn(std::unique_ptr<i4_socket>) { return nullptr; }
+const Budgets& Connection::budgets() const { return pool_.budgets(); }
 bool Connection::canAccept() { return false; }
 bool Connection::isAllowed() { return true; }
 u32 Connection::bodyLimit() const { return gotFirst ? laterBodyLimit : firstBodyLimit; }
@@ -164,23 +160,20 @@ const OpcodeTable* Connection::opcodes() const { return nullptr; }
 
 void Connection::addToSet() {
     checkPoolThread();
-    SocketPool* owner = pool();
-    if (!socket_ || inSet_ || !owner || !owner->set()) return;
+    if (!socket_ || inSet_ || !pool_.set()) return;
     asked_ = wantedEvents();
-    socket_->add_to_set(*owner->set(), asked_);
+    socket_->add_to_set(*pool_.set(), asked_);
     inSet_ = true;
 }
 
-void Connection::checkPoolThread(const char* function) const {
-    if (const SocketPool* owner = pool()) owner->checkOwnThread(function);
-}
+void Connection::checkPoolThread(const char* function) const { pool_.checkOwnThread(function); }
 
 void Connection::refreshInterest() {
     if (!inSet_) return;
     const u32 wanted = wantedEvents();
     if (wanted == asked_) return;
     asked_ = wanted;
-    socket_->change_in_set(*pool()->set(), asked_);
+    socket_->change_in_set(*pool_.set(), asked_);
 }
 
 bool Connection::isReady() {
@@ -190,16 +183,11 @@ bool Connection::isReady() {
         setBusy(true);
         return true;
     }
-    SocketPool* owner = pool();
-    if (!owner) {
-        theLog->print("ERROR: socketPool NULL\n");
-        return false;
-    }
     if (!inSet_) return false;
-    lastEvents_ = socket_->check_in_set(*owner->set(), allEvents);
+    lastEvents_ = socket_->check_in_set(*pool_.set(), allEvents);
     if (lastEvents_ & I4_SELECT_ERROR) {
         setBusy(true);
-        owner->removeConnection(this);
+        pool_.removeConnection(this);
         return false;
     }
     if ((lastEvents_ & I4_SELECT_READ) || ((lastEvents_ & I4_SELECT_WRITE) && hasToSend())) {
@@ -244,7 +232,7 @@ void Connection::doTask(SocketPool* pool) {
             return;
         }
     } catch (const i4_err&) {
-        theLog->printVerbose("Exception in Connection::doTask %d\n", static_cast<i32>(ip.get()));
+        transport().log.printVerbose("Exception in Connection::doTask %d\n", static_cast<i32>(ip.get()));
     }
     pool->removeConnection(this);
 }
@@ -254,7 +242,7 @@ bool Connection::sendTurn() {
     Packet* packet = firstToSend();
     if (!packet) return true;
     u32 bytes = 0;
-    const Packet::Result result = packet->send(*socket_, bytes);
+    const Packet::Result result = packet->send(*socket_, budgets(), bytes);
     countMoved(bytesSent, bytes);
     if (result == Packet::more) return true;
     const std::unique_ptr<Packet> finished = takeFirstToSend();
@@ -266,7 +254,7 @@ bool Connection::sendTurn() {
 bool Connection::receiveTurn() {
     if (!(lastEvents_ & I4_SELECT_READ)) return true;
     u32 bytes = 0;
-    const Packet::Result result = incoming_.receive(*socket_, bytes, bodyLimit());
+    const Packet::Result result = incoming_.receive(*socket_, budgets(), bytes, bodyLimit());
     countMoved(bytesReceived, bytes);
     if (result == Packet::more) return !socket_->atEnd();
     const bool lives = result == Packet::complete && dispatch();
@@ -275,6 +263,7 @@ bool Connection::receiveTurn() {
 }
 
 bool Connection::dispatch() {
+    incoming_.stream.setLog(&transport().log);
     const u8 opcode = incoming_.stream.read_8();
     const OpcodeTable* table = opcodes();
     if (table && !table->fits(opcode, Direction::in, incoming_.size - 1)) {

@@ -17,6 +17,7 @@
 class OpcodeTable;
 class SocketPool;
 class i4_socket;
+struct Transport;
 
 // A conversation with a server, a peer or a controller. A subclass handles its messages.
 //
@@ -32,13 +33,13 @@ class i4_socket;
 // is held for a whole turn, and so by every handler and sent().
 // Counted: the pool holds one reference while it has the connection; whoever keeps a pointer off the
 // pool's thread holds one too. A dead connection ignores send() and close().
-// Owns: its socket, until end(), and the packets of its queue.
+// Owns: its socket, until end(), and the packets of its queue.    Borrows: its pool, which outlives it.
 class Connection : public Task, public RefCounter {
   public:
     // One that came in through a door. A null socket is given later.
-    Connection(std::unique_ptr<i4_socket> socket, SocketPool* pool);
+    Connection(SocketPool& pool, std::unique_ptr<i4_socket> socket);
     // An outgoing one, for ConnectRegistry::connect. The ip in network order, the port in host order.
-    Connection(u32 peerIp, u32 peerPort);
+    Connection(SocketPool& pool, u32 peerIp, u32 peerPort);
 
     // One turn: the head of the queue is sent on, and the packet that comes in is received on, as far as
     // socket and budgets allow; at most one packet is finished in each direction.
@@ -48,7 +49,7 @@ class Connection : public Task, public RefCounter {
     virtual bool handleMessage(u8 opcode, i4_ram_file_class& stream);
     // The same for the first message of a connection: sets gotFirst and calls handleMessage.
     virtual bool firstMessage(u8 opcode, i4_ram_file_class& stream);
-    virtual Connection* spawn(std::unique_ptr<i4_socket> socket, SocketPool* pool);  // null
+    virtual Connection* spawn(std::unique_ptr<i4_socket> socket);  // null
     ~Connection() override;
     // Takes the socket out of the pool's set and ends the connection. On the pool's thread.
     virtual void cleanup();
@@ -73,13 +74,14 @@ class Connection : public Task, public RefCounter {
     bool isDead() const { return dead_.load(std::memory_order_acquire); }
 
     // Gives an outgoing connection what its connect made.
-    void setSocket(std::unique_ptr<i4_socket> socket, SocketPool* pool);
+    void setSocket(std::unique_ptr<i4_socket> socket);
     // The address of the socket's other side as dotted text; untouched where there never was a socket.
     void getAddress(i4_string& out) const;
     u32 remoteIp() const { return remoteIp_; }  // the same as a number; 0 where there never was a socket
     // Takes another ip, as the other side told it. Thread: the pool's.
     void setIp(u32 newIp) EXCLUDES(textLock_);
-    SocketPool* pool() const { return pool_.load(std::memory_order_acquire); }
+    SocketPool& pool() const { return pool_; }
+    const Transport& transport() const;  // of its pool
     // Whether packets wait to be sent. Thread: any.
     bool hasToSend() const { return queuedPackets_ != 0; }
 
@@ -119,13 +121,14 @@ class Connection : public Task, public RefCounter {
     // either.
     Packet* firstToSend() const { return sendQueue_.first(); }
     std::unique_ptr<Packet> takeFirstToSend() EXCLUDES(sendQueue_);
+    // What a turn may move: the pool's by default.
+    virtual const Budgets& budgets() const;
     // In a turn: adds to bytesSent or bytesReceived.
     void countMoved(Relaxed<u32>& counter, u32 bytes);
-    // On the pool's thread, about once a second, between turns: asks for the end of one that stands still.
-    void checkStall(u32 now);
-    // For a subclass that makes its own socket, before the pool has it.
-    void setOwnSocket(std::unique_ptr<i4_socket> socket);
-
+    // On the pool's thread, between turns, about once a second while isWatched(): asks for the end of one
+    // that stands still.
+    virtual void checkStall(u32 now);
+    virtual bool isWatched() const { return stallLimit() != 0; }
     u32 lastEvents_ = 0;  // the mask of the last isReady()
 
   private:
@@ -141,7 +144,7 @@ class Connection : public Task, public RefCounter {
 
     i4_mutex lock_{LockRank::connection};
     std::unique_ptr<i4_socket> socket_;
-    std::atomic<SocketPool*> pool_{nullptr};
+    SocketPool& pool_;
     Packet incoming_ GUARDED_BY(lock_);
     LLsafe<Packet> sendQueue_{LockRank::sendQueue};
     Relaxed<u32> queuedPackets_;  // these two change with sendQueue_ locked

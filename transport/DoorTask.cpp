@@ -2,11 +2,10 @@
 
 #include <cerrno>
 
-#include "app/UIInterface.h"
 #include "i4min/network/protocol.h"
 #include "i4min/network/socket.h"
-#include "i4min/threads/linux/i4_time.h"
 #include "transport/SocketPool.h"
+#include "transport/Transport.h"
 
 namespace {
 
@@ -18,16 +17,16 @@ bool descriptorsRanOut(int error) {
 
 }  // namespace
 
-DoorTask::DoorTask(SocketPool* pool, u32 openPort) : Endpoint(pool, "Door"), doorPort(openPort) {}
+DoorTask::DoorTask(SocketPool& pool, u32 openPort) : Endpoint(pool, "Door"), doorPort(openPort) {}
 
 bool DoorTask::canAccept() { return true; }
 
 bool DoorTask::listen(i32 timeout_ms) {
     if (socket()) return true;
     std::unique_ptr<i4_socket> made =
-        theProtocol->listen(static_cast<u16>(doorPort), timeout_ms, I4_STREAM, nullptr);
+        transport().host.network.listen(static_cast<u16>(doorPort), timeout_ms, I4_STREAM, nullptr);
     if (!made) {
-        theLog->printLine(
+        transport().log.printLine(
             "Can't Listen for connections. Please adjust your proxy settings in the options tab.");
         return false;
     }
@@ -36,7 +35,8 @@ bool DoorTask::listen(i32 timeout_ms) {
 }
 
 u32 DoorTask::wantedEvents() {
-    if (resting_ && (pool()->leftCount() != leftAtRest_ || i4_ticks() - restedAt_ >= restLimit)) {
+    if (resting_ &&
+        (pool().leftCount() != leftAtRest_ || transport().host.clock.ticks() - restedAt_ >= restLimit)) {
         resting_ = false;
     }
     return resting_ ? I4_SELECT_ERROR : I4_SELECT_READ | I4_SELECT_ERROR;
@@ -45,38 +45,39 @@ u32 DoorTask::wantedEvents() {
 bool DoorTask::takesTurn() {
     if (lastEvents_ & I4_SELECT_ERROR) {
         setBusy(true);
-        pool()->removeConnection(this);
+        pool().removeConnection(this);
         return false;
     }
     return (lastEvents_ & I4_SELECT_READ) && !resting_;
 }
 
-void DoorTask::turn(SocketPool& pool) {
+void DoorTask::turn() {
     std::unique_ptr<i4_socket> accepted;
     errno = 0;
     if (!socket()->accept(accepted)) {
         if (descriptorsRanOut(errno)) {
-            outOfDescriptors(pool);
+            outOfDescriptors();
         } else {
-            theLog->printVerbose("Door couldn't accept new socket?\n");
+            transport().log.printVerbose("Door couldn't accept new socket?\n");
         }
         return;
     }
-    pool.noteProgress();
+    pool().noteProgress();
     told_ = false;
     if (!canAccept()) {
         accepted->cancel();
         return;
     }
     accepted->set_blocking(false);
-    pool.addConnection(newConnection(std::move(accepted), &pool));
+    pool().addConnection(newConnection(std::move(accepted)));
 }
 
-void DoorTask::outOfDescriptors(SocketPool& pool) {
+void DoorTask::outOfDescriptors() {
     resting_ = true;
-    restedAt_ = i4_ticks();
-    leftAtRest_ = pool.leftCount();
+    restedAt_ = transport().host.clock.ticks();
+    leftAtRest_ = pool().leftCount();
     if (told_) return;
     told_ = true;
-    theLog->printLine("Too many open files: new connections on port %u wait until others end.", localPort());
+    transport().log.printLine("Too many open files: new connections on port %u wait until others end.",
+                              localPort());
 }

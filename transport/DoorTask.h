@@ -9,11 +9,11 @@
 // Thread: as Connection; listen() by its owner.
 class DoorTask : public Endpoint {
   public:
-    DoorTask(SocketPool* pool, u32 port);
+    DoorTask(SocketPool& pool, u32 port);
 
     bool canAccept() override;  // true
     // The connection for a socket that came in; the pool takes it. Null drops the socket.
-    virtual Connection* newConnection(std::unique_ptr<i4_socket> socket, SocketPool* pool) = 0;
+    virtual Connection* newConnection(std::unique_ptr<i4_socket> socket) = 0;
 
     // Opens the port, and tells the user where it can't be opened. The time counts only with a proxy,
     // which is asked to listen in our place. True if it listens; nothing happens where it does already.
@@ -24,10 +24,11 @@ class DoorTask : public Endpoint {
   protected:
     u32 wantedEvents() override;
     bool takesTurn() override;
-    void turn(SocketPool& pool) override;
+    void turn() override;
+    bool isWatched() const override { return resting_; }
 
   private:
-    void outOfDescriptors(SocketPool& pool);
+    void outOfDescriptors();
 
     bool resting_ = false;  // doesn't ask for connections until a descriptor may be free
     bool told_ = false;     // that there is no descriptor

@@ -14,13 +14,14 @@ class Endpoint : public Connection {
     u32 localPort() const { return localPort_; }
 
   protected:
-    Endpoint(SocketPool* pool, const char* name);  // the name, for verbose mode, is a literal
+    Endpoint(SocketPool& pool, const char* name);  // the name, for verbose mode, is a literal
     // Takes the socket and joins the pool. Once, by the owner of the finished object.
     void join(std::unique_ptr<i4_socket> made);
     // Whether what the poll reported, in `lastEvents_`, is for a turn.
     virtual bool takesTurn() = 0;
-    virtual void turn(SocketPool& pool) = 0;
+    virtual void turn() = 0;
     virtual void turnEnded();  // by a raise as well; nothing by default
+    bool isWatched() const override { return false; }
 
   private:
     const char* const name_;

@@ -7,9 +7,6 @@
 #include "i4min/network/socket.h"
 #include "meta/Serializable.h"
 
-thread_local i32 sendBudget = unlimitedBudget;
-thread_local i32 recvBudget = unlimitedBudget;
-
 namespace {
 
 constexpr u32 growStep = 1024;
@@ -33,7 +30,7 @@ void Packet::setHeader() {
     for (u32 i = 0; i < 4; ++i) header[1 + i] = static_cast<u8>(size >> (8 * i));
 }
 
-Packet::Result Packet::send(i4_socket& socket, u32& out_bytes) {
+Packet::Result Packet::send(i4_socket& socket, const Budgets& budgets, u32& out_bytes) {
     if (headerDone < headerSize) {
         const i32 written = socket.write_more(header.data() + headerDone, headerSize - headerDone);
         if (written < 0) return failed;
@@ -41,7 +38,7 @@ Packet::Result Packet::send(i4_socket& socket, u32& out_bytes) {
         out_bytes += static_cast<u32>(written);
         if (headerDone < headerSize) return more;
     }
-    const u32 chunk = withinBudget(size - bodyDone, sendBudget);
+    const u32 chunk = withinBudget(size - bodyDone, budgets.sendBudget);
     if (chunk == 0) return more;
     const i32 written = socket.write(stream.buffer() + bodyDone, chunk);
     if (written < 0) return failed;
@@ -52,7 +49,7 @@ Packet::Result Packet::send(i4_socket& socket, u32& out_bytes) {
 
 void Packet::sent() {}
 
-Packet::Result Packet::receive(i4_socket& socket, u32& out_bytes, u32 limit) {
+Packet::Result Packet::receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit) {
     if (headerDone < headerSize) {
         const i32 got = socket.read(header.data() + headerDone, headerSize - headerDone);
         if (got < 0) return failed;
@@ -63,7 +60,7 @@ Packet::Result Packet::receive(i4_socket& socket, u32& out_bytes, u32 limit) {
     }
     // A block that was filled grows and is read on into at once, so that what comes in keeps up with what the
     // other side sends in a turn of its own.
-    for (i32 budget = recvBudget; bodyDone < size;) {
+    for (i32 budget = budgets.recvBudget; bodyDone < size;) {
         if (bodyDone == stream.capacity()) growBody();
         const u32 chunk = withinBudget(stream.capacity() - bodyDone, budget);
         if (chunk == 0) break;

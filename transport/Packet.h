@@ -12,11 +12,12 @@ class i4_socket;
 
 // No limit on a turn's bytes.
 constexpr i32 unlimitedBudget = 0xFFFFFFF;
-// The bytes that packets may still send and receive in the pool's present turn. Each thread has its own
-// pair: the pool's thread grants and charges them, Packet caps its chunks at them. Elsewhere they stay
-// unlimited.
-extern thread_local i32 sendBudget;
-extern thread_local i32 recvBudget;
+// The bytes that packets may still send and receive in a turn: the pool grants and charges them, Packet caps
+// its chunks at them. A plain value.
+struct Budgets {
+    i32 sendBudget = unlimitedBudget;
+    i32 recvBudget = unlimitedBudget;
+};
 
 // A packet on the wire:
 //
@@ -43,14 +44,14 @@ class Packet {
     virtual ~Packet();
 
     // Writes as much as socket and budget take. `out_bytes` is what this call moved.
-    virtual Result send(i4_socket& socket, u32& out_bytes);
+    virtual Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes);
     // Once, when the whole packet has left. On the pool's thread, within the connection's turn.
     virtual void sent();
 
     // Reads as much as socket and budget give: the rest of the header, then of the body.
     // Failed: the socket, a wrong marker, a length of 0 or above `limit`. Complete: `stream` stands at
     // the opcode and ends with the body.
-    Result receive(i4_socket& socket, u32& out_bytes, u32 limit);
+    Result receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit);
 
     // A packet of its own with the same body, nothing of it sent.
     std::unique_ptr<Packet> clone() const;

@@ -2,7 +2,8 @@
 
 #include <numeric>
 
-#include "app/Preferences.h"
+#include "core/LineSpeeds.h"
+#include "transport/Transport.h"
 
 namespace {
 
@@ -20,8 +21,8 @@ void STSocketPool::start() {
     timer_ = 0;
     up_ = {};
     down_ = {};
-    up_.entries.fill(preferences.maxUpSpeed);
-    down_.entries.fill(preferences.maxDownSpeed);
+    up_.entries.fill(transport().line.maxUpSpeed);
+    down_.entries.fill(transport().line.maxDownSpeed);
     PacedPool::start();
 }
 
@@ -33,8 +34,9 @@ void STSocketPool::elapsed(i32 ms) {
 }
 
 void STSocketPool::updateSpeeds() {
-    preferences.maxDownSpeed = down_.update(preferences.curDownSpeed, preferences.maxDownSpeed);
-    preferences.maxUpSpeed = up_.update(preferences.curUpSpeed, preferences.maxUpSpeed);
+    LineSpeeds& line = transport().line;
+    line.maxDownSpeed = down_.update(line.curDownSpeed, line.maxDownSpeed);
+    line.maxUpSpeed = up_.update(line.curUpSpeed, line.maxUpSpeed);
 }
 
 f32 STSocketPool::History::update(f32 current, f32 maximum) {

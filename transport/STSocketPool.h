@@ -17,7 +17,7 @@ class STSocketPool : public PacedPool {
         f32 update(f32 current, f32 maximum);
     };
 
-    STSocketPool() = default;
+    using PacedPool::PacedPool;
     ~STSocketPool() override;
     void start() override;
 

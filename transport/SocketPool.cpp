@@ -1,21 +1,18 @@
 #include "transport/SocketPool.h"
 
-#include "app/UIInterface.h"
+#include <algorithm>
+
 #include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
 #include "i4min/threads/linux/RefCounter.h"
-#include "i4min/threads/linux/i4_time.h"
+#include "i4min/threads/linux/Thread.h"
 #include "transport/Connection.h"
-#include "transport/Worker.h"
+#include "transport/Transport.h"
 
 namespace {
 
-constexpr i32 pollLimit = 200;
-constexpr u32 idleSleep = 100;
+constexpr i64 idleRest = 100;  // ms
 constexpr u32 checkInterval = 1000;
-
-// The pool whose thread this is.
-thread_local const SocketPool* ownPool = nullptr;
 
 // A connection's turn on a worker.
 class TurnTask : public Task {
@@ -32,7 +29,7 @@ class TurnTask : public Task {
 
 }  // namespace
 
-SocketPool::SocketPool() = default;
+SocketPool::SocketPool(Transport& transport) : Thread(transport.host.scheduler), transport_(transport) {}
 
 SocketPool::~SocketPool() {
     stop();
@@ -41,8 +38,8 @@ SocketPool::~SocketPool() {
 
 void SocketPool::start() {
     if (!set_) {
-        set_ = theProtocol->new_socket_set(0);
-        wakeSet_.store(set_.get(), std::memory_order_release);
+        set_ = transport_.host.network.new_socket_set(0);
+        restingSet_.store(set_.get(), std::memory_order_release);
     }
     Thread::start();
 }
@@ -52,7 +49,7 @@ void SocketPool::start() {
 void SocketPool::addTask(Task* task) {
     i4_lock guard(tasksLock_);
     tasks_.add(task);
-    for (LL<Worker>::Cursor c; Worker* worker = workers_.next(c);) worker->taskAdded();
+    for (LL<Thread>::Cursor c; Thread* worker = workers_.next(c);) worker->wake();
 }
 
 Task* SocketPool::nextTask() {
@@ -60,12 +57,12 @@ Task* SocketPool::nextTask() {
     return tasks_.removeAt(0);
 }
 
-void SocketPool::addWorker(Worker* worker) {
+void SocketPool::addWorker(Thread* worker) {
     i4_lock guard(tasksLock_);
     workers_.addUnique(worker);
 }
 
-void SocketPool::removeWorker(Worker* worker) {
+void SocketPool::removeWorker(Thread* worker) {
     i4_lock guard(tasksLock_);
     workers_.remove(worker);
 }
@@ -80,7 +77,7 @@ void SocketPool::addConnection(Connection* connection) {
         connection->addRef();
         count.add(1);
     }
-    if (ownPool != this) wake();
+    if (!isOwnTurn()) wake();
 }
 
 void SocketPool::removeConnection(Connection* connection) {
@@ -90,7 +87,7 @@ void SocketPool::removeConnection(Connection* connection) {
         if (!removals_.addUnique(connection)) return;
         connection->addRef();
     }
-    if (ownPool != this) wake();
+    if (!isOwnTurn()) wake();
 }
 
 void SocketPool::processChanges() {
@@ -108,7 +105,7 @@ void SocketPool::takeAdditions() {
                 connection->addToSet();
             } else {
                 addedAgain();
-                theLog->print("ERROR: connection already on list\n");
+                transport_.log.print("ERROR: connection already on list\n");
                 twice.add(connection);
             }
         }
@@ -157,40 +154,39 @@ void SocketPool::deleteConnections() {
 // Waiting.
 
 void SocketPool::wake() {
-    if (ownPool == this) {
+    if (isOwnTurn()) {
         again_ = true;
         return;
     }
-    if (wakeAsked_.exchange(true, std::memory_order_acq_rel)) return;
-    if (i4_socket_set* set = wakeSet_.load(std::memory_order_acquire)) set->wake();
+    if (!wakeAsked_.exchange(true, std::memory_order_acq_rel)) Thread::wake();
 }
 
-void SocketPool::refreshConnections() {
-    const u32 now = i4_ticks();
+SocketPool::Polled SocketPool::takePolled() {
+    const bool woken = wakeAsked_.exchange(false, std::memory_order_acq_rel) || again_;
+    again_ = false;
+    return {set_->ready(), woken};
+}
+
+Rest SocketPool::restWithSockets() {
+    const u32 now = transport_.host.clock.ticks();
     const bool check = now - lastCheck_ >= checkInterval;
     if (check) lastCheck_ = now;
+    bool isWatched = false;
     for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
         if (check) connection->checkStall(now);
         connection->refreshInterest();
+        isWatched = isWatched || connection->isWatched();
         // One that was closed before it came here has its turn too.
         if (connection->isClosing() && !connection->isBusy()) again_ = true;
     }
+    if (again_) return Rest::none();
+    return isWatched ? Rest::atMost(lastCheck_ + checkInterval - now) : Rest::untilWoken();
 }
 
-SocketPool::Polled SocketPool::pollSet() {
-    ownPool = this;
-    refreshConnections();
-    const i4_time before;
-    const i32 ready = set_->poll(again_ ? 0 : pollLimit);
-    const bool woken = wakeAsked_.exchange(false, std::memory_order_acq_rel) || again_;
-    again_ = false;
-    return {ready, woken, i4_time().diff(before)};
-}
-
-void SocketPool::run() {
+Rest SocketPool::run() {
     bool idle = true;
     try {
-        const Polled polled = pollSet();
+        const Polled polled = takePolled();
         if (polled.ready > 0 || polled.woken) {
             for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
                 if (!connection->isReady()) continue;
@@ -200,7 +196,8 @@ void SocketPool::run() {
         }
         processChanges();
     } catch (const i4_err&) {
-        theLog->printVerbose("*** Exception in socketpool::run()\n");
+        transport_.log.printVerbose("*** Exception in socketpool::run()\n");
     }
-    if (idle) sleepFor(idleSleep);
+    const Rest rest = restWithSockets();
+    return idle ? Rest{idleRest * 1000, std::max(rest.most, idleRest * 1000)} : rest;
 }

@@ -10,10 +10,12 @@
 #include "i4min/memory/types.h"
 #include "i4min/network/socket_set.h"
 #include "i4min/threads/linux/Thread.h"
+#include "transport/Packet.h"
 #include "transport/Task.h"
 
 class Connection;
-class Worker;
+class Thread;
+struct Transport;
 
 // The base: its run() hands ready connections to workers as tasks.
 // Thread: the public operations any, where they don't say otherwise; run() and what is protected, the
@@ -21,15 +23,18 @@ class Worker;
 // Counts: one reference for each connection that it has.
 class SocketPool : public Thread {
   public:
-    SocketPool();
+    explicit SocketPool(Transport& transport);
     ~SocketPool() override;
     void start() override;
-    void run() override;
+    Rest run() override;
+    i4_socket_set* restingSet() const override { return restingSet_.load(std::memory_order_acquire); }
+    Transport& transport() const { return transport_; }
 
     void addTask(Task* task) EXCLUDES(tasksLock_);
     Task* nextTask() EXCLUDES(tasksLock_);  // null where there is none
-    void addWorker(Worker* worker) EXCLUDES(tasksLock_);
-    void removeWorker(Worker* worker) EXCLUDES(tasksLock_);
+    // A thread that takes tasks: it is woken when there is one.
+    void addWorker(Thread* worker) EXCLUDES(tasksLock_);
+    void removeWorker(Thread* worker) EXCLUDES(tasksLock_);
 
     // Both take effect at the end of the pool's present turn, and may be asked for twice. Null does
     // nothing.
@@ -39,23 +44,25 @@ class SocketPool : public Thread {
     // has stopped.
     void deleteConnections();
 
-    // Has the pool look at its connections now, if it waits in its poll.
+    // Has the pool look at its connections now, or once more when the present turn has ended.
     void wake();
     // Something moved that no connection's counters show; on the pool's thread.
     void noteProgress() { progress_ = true; }
-    u32 leftCount() const { return left_; }            // connections that have left since the start; wraps
-    i4_socket_set* set() const { return set_.get(); }  // on the pool's thread; null before start()
+    u32 leftCount() const { return left_; }              // connections that have left since the start; wraps
+    i4_socket_set* set() const { return set_.get(); }    // on the pool's thread; null before start()
+    const Budgets& budgets() const { return budgets_; }  // of the present turn, on the pool's thread
 
     Relaxed<i32> count;  // connections in the pool or on their way into it
 
   protected:
-    // What a poll and the moments around it found.
+    // What the rest before this turn has brought.
     struct Polled {
         i32 ready;   // sockets with events; below 0 when the poll failed
         bool woken;  // wake() was called
-        i32 waited;  // ms that the poll took
     };
-    Polled pollSet();
+    Polled takePolled();
+    // After a turn: brings the set up to date. Returns how long the pool may rest.
+    Rest restWithSockets();
     // Takes additions and removals into effect.
     void processChanges() EXCLUDES(additionsLock_, removalsLock_);
     // An addition was in `active_` already: takes back what its adding put on `count`.
@@ -63,24 +70,25 @@ class SocketPool : public Thread {
     virtual void leaving(Connection* connection);  // it was taken out of `active_`; nothing by default
 
     LL<Connection> active_;
+    Budgets budgets_;
     bool progress_ = false;
 
   private:
     void takeAdditions() EXCLUDES(additionsLock_);
     void takeRemovals() EXCLUDES(removalsLock_);
-    void refreshConnections();
 
     i4_mutex tasksLock_{LockRank::socketPool};
     LL<Task> tasks_ GUARDED_BY(tasksLock_);
-    LL<Worker> workers_ GUARDED_BY(tasksLock_);
+    LL<Thread> workers_ GUARDED_BY(tasksLock_);
     i4_mutex additionsLock_{LockRank::socketPool};
     LL<Connection> additions_ GUARDED_BY(additionsLock_);
     i4_mutex removalsLock_{LockRank::socketPool};
     LL<Connection> removals_ GUARDED_BY(removalsLock_);
+    Transport& transport_;
     std::unique_ptr<i4_socket_set> set_;
-    std::atomic<i4_socket_set*> wakeSet_{nullptr};  // the same, for other threads
+    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads
     std::atomic<bool> wakeAsked_{false};
-    bool again_ = false;  // the pool's own thread asked for another turn
+    bool again_ = false;  // a turn of the pool's own asked for another
     Relaxed<u32> left_;
     u32 lastCheck_ = 0;  // ticks
 };

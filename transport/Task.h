@@ -1,7 +1,12 @@
 // Task, a unit of work on a socket pool's queue.
 #pragma once
 
+#include <optional>
+
+#include "i4min/threads/Scheduler.h"
+
 class SocketPool;
+class i4_socket_set;
 
 // Taken from the queue and run by a Worker, on the worker's thread. The queue owns a task until it is
 // taken; a task that doTask was called on owns itself.
@@ -9,6 +14,12 @@ class Task {
   public:
     virtual void doTask(SocketPool* pool) = 0;
     virtual ~Task() = default;
-    // Instead of doTask, where the pool goes with the task still queued.
+    // One piece of the work, for a worker: nothing when the task is done, and gone; else how long it waits at
+    // most for the sockets that it has put into the set. By default doTask() is all of it.
+    virtual std::optional<Rest> work(SocketPool& pool, i4_socket_set& /*set*/) {
+        doTask(&pool);
+        return std::nullopt;
+    }
+    // Instead of doTask, or of what is left of the work, where pool or worker go.
     virtual void abandon() { delete this; }
 };

@@ -1,16 +1,18 @@
 #include "transport/UDPAnnex.h"
 
-#include "app/UIInterface.h"
-#include "i4min/network/socket.h"
+#include "i4min/network/protocol.h"
 #include "transport/SocketPool.h"
+#include "transport/Transport.h"
 
-UDPAnnex::UDPAnnex(SocketPool* pool)
-    : Endpoint(pool, "UDPAnnex"), buffer_(block_.data(), largestDatagram, 0) {}
+UDPAnnex::UDPAnnex(SocketPool& owner)
+    : Endpoint(owner, "UDPAnnex"), buffer_(block_.data(), largestDatagram, 0) {
+    buffer_.setLog(&owner.transport().log);
+}
 
 bool UDPAnnex::open() {
-    auto made = std::make_unique<i4_tcpip_sock>(I4_DATAGRAM);
-    if (made->error()) {
-        theLog->print("ERROR: UDPAnnex::UDPAnnex()\n");
+    std::unique_ptr<i4_socket> made = transport().host.network.datagrams();
+    if (!made) {
+        transport().log.print("ERROR: UDPAnnex::UDPAnnex()\n");
         return false;
     }
     join(std::move(made));
@@ -22,29 +24,29 @@ bool UDPAnnex::takesTurn() {
     return (lastEvents_ & I4_SELECT_READ) || ((lastEvents_ & I4_SELECT_WRITE) && hasToSend());
 }
 
-void UDPAnnex::turn(SocketPool& pool) {
-    if (lastEvents_ & I4_SELECT_READ) receiveAll(pool);
-    if (lastEvents_ & I4_SELECT_WRITE) sendOne(pool);
+void UDPAnnex::turn() {
+    if (lastEvents_ & I4_SELECT_READ) receiveAll();
+    if (lastEvents_ & I4_SELECT_WRITE) sendOne();
 }
 
 void UDPAnnex::turnEnded() { from_.reset(); }
 
-void UDPAnnex::receiveAll(SocketPool& pool) {
+void UDPAnnex::receiveAll() {
     for (int n = 0; n < datagramsPerTurn && readDatagram(*socket(), buffer_, from_); ++n) {
-        pool.noteProgress();
+        pool().noteProgress();
         handleDatagram();
     }
 }
 
-void UDPAnnex::sendOne(SocketPool& pool) {
+void UDPAnnex::sendOne() {
     const std::unique_ptr<Packet> packet = takeFirstToSend();
     if (!packet) return;
-    pool.noteProgress();
+    pool().noteProgress();
     u32 bytes = 0;
     // While the network is down, no ping to any server can be sent.
-    if (packet->send(*socket(), bytes) == Packet::failed &&
-        theLog->mayComplain(UIInterface::Complaint::datagram))
-        theLog->printFlush("Bad UDPAnnex out packet");
+    if (packet->send(*socket(), {}, bytes) == Packet::failed &&
+        transport().log.mayComplain(UIInterface::Complaint::datagram))
+        transport().log.printFlush("Bad UDPAnnex out packet");
     countMoved(bytesSent, bytes);
     packet->sent();
 }

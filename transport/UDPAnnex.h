@@ -14,7 +14,7 @@
 // UDPPacket with send().
 class UDPAnnex : public Endpoint {
   public:
-    explicit UDPAnnex(SocketPool* pool);
+    explicit UDPAnnex(SocketPool& pool);
 
     // Makes the socket and joins the pool; false, and said so, where the system gives none. Once, by the
     // owner of the finished object.
@@ -29,13 +29,13 @@ class UDPAnnex : public Endpoint {
     virtual void handleDatagram() = 0;
 
     bool takesTurn() override;
-    void turn(SocketPool& pool) override;
+    void turn() override;
     void turnEnded() override;
 
     std::unique_ptr<i4_address> from_;  // the sender of the datagram being handled, null between datagrams
     i4_ram_file_class buffer_;
 
   private:
-    void receiveAll(SocketPool& pool);
-    void sendOne(SocketPool& pool);
+    void receiveAll();
+    void sendOne();
 };

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "app/UIInterface.h"
 #include "i4min/network/protocol.h"
 #include "i4min/network/socket.h"
 #include "transport/SocketPool.h"
+#include "transport/Transport.h"
 
-UDPDoor::UDPDoor(SocketPool* pool, u32 openPort)
+UDPDoor::UDPDoor(SocketPool& pool, u32 openPort)
     : Endpoint(pool, "UDPDoor"),
       doorPort(openPort),
       inBuffer_(inBlock_.data(), largestDatagram, 0),
@@ -15,9 +15,9 @@ UDPDoor::UDPDoor(SocketPool* pool, u32 openPort)
 
 bool UDPDoor::open(i32 timeout_ms) {
     std::unique_ptr<i4_socket> made =
-        theProtocol->listen(static_cast<u16>(doorPort), timeout_ms, I4_DATAGRAM, nullptr);
+        transport().host.network.listen(static_cast<u16>(doorPort), timeout_ms, I4_DATAGRAM, nullptr);
     if (!made) {
-        theLog->print("ERROR: couldn't create UDPDoor\n");
+        transport().log.print("ERROR: couldn't create UDPDoor\n");
         return false;
     }
     join(std::move(made));
@@ -26,9 +26,9 @@ bool UDPDoor::open(i32 timeout_ms) {
 
 bool UDPDoor::takesTurn() { return lastEvents_ & I4_SELECT_READ; }
 
-void UDPDoor::turn(SocketPool& pool) {
+void UDPDoor::turn() {
     for (int n = 0; n < datagramsPerTurn && readDatagram(*socket(), inBuffer_, from_); ++n) {
-        pool.noteProgress();
+        pool().noteProgress();
         outBuffer_.seek(0);
         handleDatagram();
     }

@@ -13,7 +13,7 @@
 // A bound socket for datagrams that can reply to their sender.
 class UDPDoor : public Endpoint {
   public:
-    UDPDoor(SocketPool* pool, u32 openPort);
+    UDPDoor(SocketPool& pool, u32 openPort);
 
     // Binds the port and joins the pool; false, and said so, where that fails.
     bool open(i32 timeout_ms);
@@ -31,7 +31,7 @@ class UDPDoor : public Endpoint {
     void reply(u32 length);
 
     bool takesTurn() override;
-    void turn(SocketPool& pool) override;
+    void turn() override;
     void turnEnded() override;
 
     std::unique_ptr<i4_address> from_;

@@ -16,6 +16,7 @@
 #include "transport/Packet.h"
 
 class i4_address;
+class i4_protocol;
 class i4_socket;
 
 // The largest datagram that is taken or answered; a longer one is cut.
@@ -25,14 +26,17 @@ constexpr u32 largestDatagram = 3072;
 // writes past it are cut.
 class UDPPacket : public Packet {
   public:
-    UDPPacket(u32 bodyLength, u32 toIp, u32 toPort);  // the marker is written already
+    UDPPacket(i4_protocol& network, u32 bodyLength, u32 toIp, u32 toPort);  // the marker is written already
 
     // Sends it whole. Complete means gone, whether or not the system took it; failed, that the address
     // couldn't be resolved.
-    Result send(i4_socket& socket, u32& out_bytes) override;
+    Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes) override;
 
     const u32 ip;  // network order
     const u32 port;
+
+  private:
+    i4_protocol& network_;
 };
 
 // The datagrams that are handled in one turn; those of a flood wait for the next turns, between which

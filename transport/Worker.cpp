@@ -1,70 +1,43 @@
 #include "transport/Worker.h"
 
-#include "app/UIInterface.h"
+#include <utility>
+
 #include "i4min/memory/error.h"
-#include "i4min/network/socket.h"
+#include "i4min/network/protocol.h"
 #include "transport/SocketPool.h"
 #include "transport/Task.h"
+#include "transport/Transport.h"
 
-namespace {
-
-// An idle worker is woken by addTask; the limit only keeps the sleep a finite number.
-constexpr u32 idleSleep = 24 * 3600 * 1000;
-
-thread_local Worker* currentWorker = nullptr;
-
-}  // namespace
-
-Worker::Worker(SocketPool& pool) : pool_(pool) { pool_.addWorker(this); }
+Worker::Worker(SocketPool& pool) : Thread(pool.transport().host.scheduler), pool_(pool) {
+    pool_.addWorker(this);
+}
 
 Worker::~Worker() {
     pool_.removeWorker(this);
     stop();
 }
 
-Worker* Worker::current() { return currentWorker; }
-
 void Worker::start() {
-    if (state() != notRunning) return;
-    {
-        i4_lock guard(waitLock_);
-        givesUp_ = false;
+    if (!set_) {
+        set_ = pool_.transport().host.network.new_socket_set(0);
+        restingSet_.store(set_.get(), std::memory_order_release);
     }
     Thread::start();
 }
 
 void Worker::stop() {
-    {
-        i4_lock guard(waitLock_);
-        givesUp_ = true;
-        if (waiting_) waiting_->cancel();
-    }
     Thread::stop();
+    if (Task* task = std::exchange(task_, nullptr)) task->abandon();
 }
 
-void Worker::run() {
-    currentWorker = this;
-    Task* task = pool_.nextTask();
-    if (!task) {
-        sleepFor(idleSleep);
-        return;
-    }
+Rest Worker::run() {
+    if (!task_) task_ = pool_.nextTask();
+    if (!task_) return Rest::untilWoken();
     try {
-        task->doTask(&pool_);
+        if (const std::optional<Rest> rest = task_->work(pool_, *set_)) return *rest;
     } catch (const i4_err&) {
-        theLog->printVerbose("*** Exception in Task\n");
+        pool_.transport().log.printVerbose("*** Exception in Task\n");
     }
-}
-
-Worker::Wait::Wait(Worker* worker, i4_socket& socket) : worker_(worker) {
-    if (!worker_) return;
-    i4_lock guard(worker_->waitLock_);
-    allowed = !worker_->givesUp_;
-    worker_->waiting_ = &socket;
-}
-
-Worker::Wait::~Wait() {
-    if (!worker_) return;
-    i4_lock guard(worker_->waitLock_);
-    worker_->waiting_ = nullptr;
+    task_ = nullptr;
+    return Rest::none();
 }

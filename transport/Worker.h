@@ -1,47 +1,32 @@
 // Worker, the thread on which connections are made.
 #pragma once
 
-#include "i4min/memory/mutex.h"
+#include <atomic>
+#include <memory>
+
+#include "i4min/network/socket_set.h"
 #include "i4min/threads/linux/Thread.h"
 
 class SocketPool;
-class i4_socket;
+class Task;
 
 // Takes tasks from a pool's queue and runs them, one after the other. It is woken by SocketPool::addTask;
-// while there is nothing to do it sleeps. An i4_err of a task is told in verbose mode, and the worker
-// goes on.
+// while there is nothing to do it rests. An i4_err of a task is told in verbose mode, and the worker goes on.
 // Thread: start() and stop() from any but its own.    Borrows: the pool, which outlives it.
 class Worker : public Thread {
   public:
     explicit Worker(SocketPool& pool);
     ~Worker() override;
     void start() override;
-    void run() override;
+    Rest run() override;
+    i4_socket_set* restingSet() const override { return restingSet_.load(std::memory_order_acquire); }
 
-    // Thread::stop, with the connect cancelled that is going on, so that it doesn't wait for the outcome.
+    // Thread::stop; a task that is under way is abandoned.
     void stop();
-    // There may be a task. Thread: any.
-    void taskAdded() { wake(); }
-
-    // The worker whose task runs on the calling thread; null on others.
-    static Worker* current();
-    // While it lives, stop() cancels this socket. Made on the worker's thread; `allowed` is false, and
-    // the wait should not begin, once stop() was called.
-    class Wait {
-      public:
-        Wait(Worker* worker, i4_socket& socket);
-        ~Wait();
-        Wait(const Wait&) = delete;
-        Wait& operator=(const Wait&) = delete;
-        bool allowed = true;
-
-      private:
-        Worker* const worker_;
-    };
 
   private:
     SocketPool& pool_;
-    i4_mutex waitLock_{LockRank::connectRegistry};
-    i4_socket* waiting_ GUARDED_BY(waitLock_) = nullptr;
-    bool givesUp_ GUARDED_BY(waitLock_) = false;
+    std::unique_ptr<i4_socket_set> set_;
+    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads
+    Task* task_ = nullptr;                             // under way; of the worker's thread while it runs
 };

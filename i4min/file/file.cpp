@@ -18,6 +18,16 @@
 u8* i4_file::map(u32, u32, u32) { return nullptr; }
 bool i4_file::unmap(u32, u32) { return false; }
 
+void i4_file::tell(i4_log::Tone tone, const char* format, ...) {
+    if (!log_) return;
+    char text[512];
+    va_list list;
+    va_start(list, format);
+    std::vsnprintf(text, sizeof text, format, list);
+    va_end(list);
+    log_->tell(tone, text);
+}
+
 u8 i4_file::read_8() {
     u8 value = 0;
     if (read(&value, 1) != 1) i4_error()("read_8 error");

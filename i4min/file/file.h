@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "i4min/file/log.h"
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
@@ -41,9 +42,18 @@ class i4_file {
     u32 write_32(u32 value);
     u32 write_float(f32 value);
 
+    // Where those who read and write here tell what is wrong with it; null, as at first, for nowhere. The log
+    // outlives the stream.
+    void setLog(i4_log* log) { log_ = log; }
+    i4_log* log() const { return log_; }
+    void tell(i4_log::Tone tone, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
     // The foundation's formatter on this stream: the difference of tell() before and after.
     u32 printf(const char* format, ...);
     u32 vprintf(const char* format, va_list list);
+
+  private:
+    i4_log* log_ = nullptr;
 };
 
 // What the formatter's %I calls.
@@ -138,6 +148,9 @@ enum i4_file_flags : u32 {
     I4_FILE_WRITE = 2,
     I4_FILE_APPEND = 4,
     I4_FILE_TRUNCATE = 8,
+    // Of Disk::open alone.
+    I4_FILE_NEW = 16,      // fails where there is such a file
+    I4_FILE_PRIVATE = 32,  // a new file is its owner's alone to read
 };
 
 // Opens a file whose name we or the user typed: the name is rewritten by i4_translate_path and cut at 255

@@ -35,9 +35,17 @@ i4_file_status statusOf(const struct stat& from) {
     status.last_accessed = static_cast<u32>(from.st_atime);
     status.created = static_cast<u32>(from.st_ctime);
     status.size = static_cast<u64>(from.st_size);
+    status.occupied = static_cast<u64>(from.st_blocks) * 512;
+    status.modified_ns =
+        static_cast<u64>(from.st_mtim.tv_sec) * 1'000'000'000 + static_cast<u64>(from.st_mtim.tv_nsec);
+    status.device = from.st_dev;
+    status.inode = from.st_ino;
     status.kind = i4_file_kind::other;
     if (S_ISREG(from.st_mode)) status.kind = i4_file_kind::regular;
-    if (S_ISDIR(from.st_mode)) status.kind = i4_file_kind::directory;
+    if (S_ISDIR(from.st_mode)) {
+        status.kind = i4_file_kind::directory;
+        status.flags |= I4_FILE_STATUS_DIRECTORY;
+    }
     return status;
 }
 
@@ -105,7 +113,14 @@ bool i4_get_status(const char* name, i4_file_status& out) {
     struct stat status {};
     if (::stat(name, &status) != 0) return false;
     out = statusOf(status);
-    if (out.kind == i4_file_kind::directory) out.flags |= I4_FILE_STATUS_DIRECTORY;
+    return true;
+}
+
+bool i4_get_status(int descriptor, i4_file_status& out) {
+    out = {};
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) return false;
+    out = statusOf(status);
     return true;
 }
 

@@ -20,7 +20,16 @@ struct i4_file_status {
     u32 created = 0;  // when its status last changed
     u32 flags = 0;    // I4_FILE_STATUS_DIRECTORY
     u64 size = 0;
+    u64 occupied = 0;     // bytes that it takes of the disk
+    u64 modified_ns = 0;  // last_modified in nanoseconds
+    u64 device = 0;       // these two are the file's alone
+    u64 inode = 0;
     i4_file_kind kind = i4_file_kind::unknown;
+
+    // The same bytes, as far as can be told without reading them.
+    bool isSameVersion(const i4_file_status& other) const {
+        return size == other.size && modified_ns == other.modified_ns;
+    }
 };
 
 inline constexpr u32 I4_FILE_STATUS_DIRECTORY = 1;
@@ -38,6 +47,7 @@ bool i4_get_cwd(i4_string& out);
 // The absolute path without links, "." or "..", of something that exists.
 bool i4_full_path(const char* name, i4_string& out);
 bool i4_get_status(const char* name, i4_file_status& out);
+bool i4_get_status(int descriptor, i4_file_status& out);
 // Appends the directory's entries in the order of the disk, "." and ".." among them. The process's current
 // directory stays. False, and nothing appended, where the path can't be opened.
 bool i4_get_directory(const char* path, i4_directory_list& out, bool want_status);

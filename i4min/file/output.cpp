@@ -1,5 +1,6 @@
 #include "i4min/file/output.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -125,6 +126,14 @@ void i4_output::dropOlderHalf() {
     looseSize_ += notice.text.size();
     left.insert(left.begin() + place, std::move(notice));
     pieces_ = std::move(left);
+}
+
+void i4_hold_standard_descriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) >= 0) continue;
+        // The lowest that is free is this one.
+        static_cast<void>(::open("/dev/null", O_RDWR));
+    }
 }
 
 i4_output& i4_standard_output() {

@@ -65,5 +65,9 @@ class i4_output {
     std::thread thread_;
 };
 
+// Opens those of descriptors 0 to 2 that are closed on /dev/null, so that no other file becomes one of them.
+// First of all in a program.
+void i4_hold_standard_descriptors();
+
 // The process's. It is never destroyed: objects that go last still speak.
 i4_output& i4_standard_output();

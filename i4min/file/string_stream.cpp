@@ -7,31 +7,33 @@
 
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
-#include "i4min/memory/malloc4.h"
 
-i4_string::i4_string(i4_file& stream) : text_(nullptr) {
+namespace {
+
+// With room for the terminator.
+std::unique_ptr<char[]> roomFor(std::size_t length) {
+    auto text = std::make_unique_for_overwrite<char[]>(length + 1);
+    text[length] = 0;
+    return text;
+}
+
+}  // namespace
+
+i4_string::i4_string(i4_file& stream) {
     const u16 length = stream.read_16();
     if (length == 0xFFFF) i4_error()("read string error");
     stream.expect(length);
-    i4_string bytes;
-    bytes.text_ = static_cast<char*>(i4_realloc(bytes.text_, length + std::size_t{1}));
-    bytes.text_[0] = 0;
-    if (length > 0) stream.readAll(bytes.text_, length);
-    bytes.text_[length] = 0;
-    std::swap(text_, bytes.text_);
+    text_ = roomFor(length);
+    if (length > 0) stream.readAll(text_.get(), length);
 }
 
-i4_string::i4_string(i4_file& stream, u32 length) : text_(nullptr) {
+i4_string::i4_string(i4_file& stream, u32 length) {
     const std::optional<u32> left = stream.bytesLeft();
     if (left && length > *left) i4_error()("read string error");
-    i4_string bytes;
-    bytes.text_ = static_cast<char*>(i4_realloc(bytes.text_, length + std::size_t{1}));
-    bytes.text_[0] = 0;
-    if (length > 0 && stream.read(bytes.text_, length) != static_cast<i32>(length)) {
+    text_ = roomFor(length);
+    if (length > 0 && stream.read(text_.get(), length) != static_cast<i32>(length)) {
         i4_error()("read string error");
     }
-    bytes.text_[length] = 0;
-    std::swap(text_, bytes.text_);
 }
 
 void i4_write_string(i4_file& stream, const char* text) {
@@ -45,4 +47,4 @@ void i4_write_string(i4_file& stream, const char* text) {
     }
 }
 
-void i4_string::write(i4_file& stream) const { i4_write_string(stream, text_); }
+void i4_string::write(i4_file& stream) const { i4_write_string(stream, c_str()); }

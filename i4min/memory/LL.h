@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdlib>
 #include <utility>
 #include <vector>
 
+#include "i4min/memory/Random.h"
 #include "i4min/memory/debug_build.h"
 #include "i4min/memory/types.h"
 
@@ -128,11 +128,11 @@ class LL {
         mergeSort(values, [&](const T* a, const T* b) { return !compare(b, a); });
         for (T* value : values) linkAfter(tail_, value);
     }
-    // Random order, by the system library's rand().
-    virtual void shuffle() {
+    // Random order.
+    virtual void shuffle(Random& random) {
         std::vector<T*> values = take();
         while (!values.empty()) {
-            std::swap(values[static_cast<std::size_t>(std::rand()) % values.size()], values.back());
+            std::swap(values[random.below(static_cast<u32>(values.size()))], values.back());
             linkAfter(tail_, values.back());
             values.pop_back();
         }

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr std::size_t longest_name = 255;
-constexpr int backlog = 128;
+constexpr int backlog = 1024;
 constexpr i32 handshake_limit = 15000;  // ms
 
 struct FreeAddresses {
@@ -57,19 +57,20 @@ std::unique_ptr<i4_address> resolveLocally(const char* full_name) {
     return std::make_unique<i4_tcpip_address>(address);
 }
 
-bool bindTo(const i4_tcpip_sock& socket, u16 port) {
+bool bindTo(const i4_tcpip_sock& socket, u32 ip, u16 port) {
     const int on = 1;
-    if (::setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) return false;
+    if (socket.type() == I4_STREAM &&
+        ::setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+        return false;
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_addr.s_addr = ip;
     address.sin_port = htons(port);
     return ::bind(socket.descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 }  // namespace
-
-i4_protocol_pointer theProtocol;
 
 i4_protocol::i4_protocol(const i4_proxy_settings* settings)
     : proxy_(settings ? std::make_unique<i4_proxy_settings>(*settings) : nullptr) {}
@@ -147,8 +148,18 @@ std::unique_ptr<i4_socket> i4_tcpip_protocol::listen(u16 port, i32 timeout_ms, u
         i4_lock guard(lock_);
         if (proxy_ && proxy_->inForce()) return listenThroughProxy(timeout_ms, type, target);
     }
+    return listenAt(0, port, type);
+}
+
+std::unique_ptr<i4_socket> i4_tcpip_protocol::listenAt(u32 ip, u16 port, u32 type) {
     auto socket = std::make_unique<i4_tcpip_sock>(type);
-    if (socket->error() || !bindTo(*socket, port)) return nullptr;
+    if (socket->error()) return nullptr;
+    // Datagrams of a burst wait, also while the reader has other work.
+    const int room = 1 << 20;
+    if (type == I4_DATAGRAM) {
+        ::setsockopt(socket->descriptor(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    }
+    if (!bindTo(*socket, ip, port)) return nullptr;
     if (type == I4_STREAM && ::listen(socket->descriptor(), backlog) != 0) return nullptr;
     return socket;
 }
@@ -164,19 +175,9 @@ std::unique_ptr<i4_socket> i4_tcpip_protocol::listenThroughProxy(i32 timeout_ms,
     return failed ? nullptr : std::move(socket);
 }
 
-std::shared_ptr<i4_protocol> i4_protocol_pointer::operator->() {
-    i4_lock guard(lock_);
-    if (!protocol_) protocol_ = std::make_shared<i4_tcpip_protocol>(nullptr);
-    return protocol_;
-}
-
-void i4_protocol_pointer::replace(std::shared_ptr<i4_protocol> protocol) {
-    i4_lock guard(lock_);
-    std::swap(protocol_, protocol);
-}
-
-void makeProtocol(const i4_proxy_settings* settings) {
-    theProtocol.replace(std::make_shared<i4_tcpip_protocol>(settings));
+std::unique_ptr<i4_socket> i4_tcpip_protocol::datagrams() {
+    auto socket = std::make_unique<i4_tcpip_sock>(I4_DATAGRAM);
+    return socket->error() ? nullptr : std::move(socket);
 }
 
 bool i4_find_local_ip(sockaddr_in& out) {

@@ -43,6 +43,10 @@ class i4_protocol {
     // without a target.
     virtual std::unique_ptr<i4_socket> listen(u16 port, i32 timeout_ms, u32 type,
                                               const i4_address* target) = 0;
+    // The same at one address of this host's, 0 for all of them, and never through a proxy.
+    virtual std::unique_ptr<i4_socket> listenAt(u32 ip, u16 port, u32 type) = 0;
+    // A socket for datagrams, which gets a port with the first one that it sends. Null on failure.
+    virtual std::unique_ptr<i4_socket> datagrams() = 0;
     virtual ~i4_protocol();
 
     // Takes a deep copy, or no proxy for null. Sockets that are on their way keep the settings they began
@@ -65,6 +69,8 @@ class i4_tcpip_protocol : public i4_protocol {
     std::unique_ptr<i4_socket> connect(const i4_address& address, u32 type, bool blocking) override;
     bool get_local_host(i4_host_info& out) override;
     std::unique_ptr<i4_socket> listen(u16 port, i32 timeout_ms, u32 type, const i4_address* target) override;
+    std::unique_ptr<i4_socket> listenAt(u32 ip, u16 port, u32 type) override;
+    std::unique_ptr<i4_socket> datagrams() override;
 
   private:
     // Starts the way to the proxy, and on to the target through it.
@@ -73,26 +79,6 @@ class i4_tcpip_protocol : public i4_protocol {
     std::unique_ptr<i4_socket> listenThroughProxy(i32 timeout_ms, u32 type, const i4_address* target)
         REQUIRES(lock_);
 };
-
-// theProtocol, through which everything reaches the network. Thread: any. It keeps the protocol alive for the
-// call that is made on it, so that a new one may take its place meanwhile. A protocol without a proxy stands
-// there from the start.
-class i4_protocol_pointer {
-  public:
-    std::shared_ptr<i4_protocol> operator->() EXCLUDES(lock_);
-
-  private:
-    friend void makeProtocol(const i4_proxy_settings* settings);
-    void replace(std::shared_ptr<i4_protocol> protocol) EXCLUDES(lock_);
-
-    i4_mutex lock_{LockRank::leaf};
-    std::shared_ptr<i4_protocol> protocol_ GUARDED_BY(lock_);
-};
-
-extern i4_protocol_pointer theProtocol;
-
-// Puts a new protocol with these settings, or with none, in place. At start, and when the setting changes.
-void makeProtocol(const i4_proxy_settings* settings);
 
 // This host's first address by its own name. False where the name doesn't resolve.
 bool i4_find_local_ip(sockaddr_in& out);

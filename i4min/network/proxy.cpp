@@ -176,16 +176,42 @@ u32 i4_proxy_sock::ready(u32 mask, i32 timeout_ms, i4_status_class* status) {
             return i4_tcpip_sock::ready(mask, timeout_ms == 0 ? 0 : remaining(), status);
         }
         const State before = state_;
-        const Step& step = *std::find_if(std::begin(steps_), std::end(steps_),
-                                         [before](const Step& one) { return one.state == before; });
-        const bool in_time =
-            step.waits_for == 0 || i4_tcpip_sock::ready(step.waits_for, remaining(), status) != 0;
-        const Outcome outcome = in_time ? (this->*step.act)() : fail();
+        const u32 waits_for = step().waits_for;
+        const bool in_time = waits_for == 0 || i4_tcpip_sock::ready(waits_for, remaining(), status) != 0;
+        const Outcome outcome = in_time ? act() : fail();
         if (status && before >= socks4Send && state_ != before) tellState(*status);
         if (outcome == Outcome::writable) return mask & I4_SELECT_WRITE;
         if (outcome == Outcome::readable) return mask & I4_SELECT_READ;
     }
 }
+
+u32 i4_proxy_sock::proceed(u32 mask) {
+    for (;;) {
+        if (state_ == failed || state_ == gotIncoming || state_ == connected) return ready(mask, 0, nullptr);
+        const u32 waits_for = step().waits_for;
+        if (waits_for != 0 && i4_tcpip_sock::ready(waits_for, 0, nullptr) == 0) return 0;
+        switch (act()) {
+            case Outcome::goOn:
+                break;
+            case Outcome::writable:
+                return mask & I4_SELECT_WRITE;
+            case Outcome::readable:
+                return mask & I4_SELECT_READ;
+        }
+    }
+}
+
+u32 i4_proxy_sock::awaited() const {
+    const bool underWay = state_ != failed && state_ != gotIncoming && state_ != connected;
+    return (underWay ? step().waits_for : static_cast<u32>(I4_SELECT_WRITE)) | I4_SELECT_ERROR;
+}
+
+const i4_proxy_sock::Step& i4_proxy_sock::step() const {
+    return *std::find_if(std::begin(steps_), std::end(steps_),
+                         [this](const Step& one) { return one.state == state_; });
+}
+
+i4_proxy_sock::Outcome i4_proxy_sock::act() { return (this->*step().act)(); }
 
 void i4_proxy_sock::tellState(i4_status_class& status) const {
     switch (state_) {

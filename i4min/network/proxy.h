@@ -96,6 +96,9 @@ class i4_proxy_sock : public i4_tcpip_sock {
     // read bit), has failed (the error bit) or needs another call (0). Each result is limited by `mask`. A
     // time of 0 or below sets no limit to a handshake. In state 14, the plain ready.
     u32 ready(u32 mask, i32 timeout_ms, i4_status_class* status) override;
+    // The same, but no further than without waiting: its caller sets the limit to the time.
+    u32 proceed(u32 mask) override;
+    u32 awaited() const override;
 
     // For a listener: waits for the connection that the proxy takes for it, and gives it as a plain blocking
     // socket, with the address that the proxy reports.
@@ -111,6 +114,8 @@ class i4_proxy_sock : public i4_tcpip_sock {
     // What a step has come to: another round, or a result for the caller.
     enum class Outcome { goOn, writable, readable };
 
+    const Step& step() const;
+    Outcome act();
     Outcome sendHttp();
     Outcome readHttp();
     Outcome sendSocks4();

@@ -96,6 +96,16 @@ i4_tcpip_sock::~i4_tcpip_sock() {
     if (fd_ >= 0) ::close(fd_);
 }
 
+void i4_tcpip_sock::keepAlive() {
+    const auto set = [this](int level, int option, int value) {
+        ::setsockopt(fd_, level, option, &value, sizeof value);
+    };
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, 120);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, 30);
+    set(IPPROTO_TCP, TCP_KEEPCNT, 4);
+}
+
 i32 i4_tcpip_sock::read(void* buffer, u32 count) {
     if (closed_) return -1;
     if (count == 0) return 0;  // the system would wait for a byte
@@ -193,7 +203,7 @@ u32 i4_tcpip_sock::waitWithStatus(u32 mask, i32 timeout_ms, i4_status_class& sta
     }
 }
 
-void i4_tcpip_sock::add_to_set(i4_socket_set& set, u32 mask) { set.add(fd_, mask); }
+void i4_tcpip_sock::add_to_set(i4_socket_set& set, u32 mask, void* owner) { set.add(fd_, mask, owner); }
 void i4_tcpip_sock::remove_from_set(i4_socket_set& set) { set.remove(fd_); }
 void i4_tcpip_sock::change_in_set(i4_socket_set& set, u32 mask) { set.change(fd_, mask); }
 u32 i4_tcpip_sock::check_in_set(const i4_socket_set& set, u32 mask) { return set.check(fd_, mask); }

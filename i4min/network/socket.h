@@ -42,7 +42,8 @@ class i4_socket : public i4_file {
     // mask of what there is, 0 when the time ran out or the wait was cancelled. With a status, which is told
     // of the time that has gone, anything ready gives 1, and 0 is also given when the status gives up.
     virtual u32 ready(u32 mask, i32 timeout_ms, i4_status_class* status) = 0;
-    virtual void add_to_set(i4_socket_set& set, u32 mask) = 0;
+    // The owner is found again in the set's readyOnes().
+    virtual void add_to_set(i4_socket_set& set, u32 mask, void* owner = nullptr) = 0;
     virtual void remove_from_set(i4_socket_set& set) = 0;
     virtual u32 check_in_set(const i4_socket_set& set, u32 mask) = 0;
     // Ends the call that another thread is blocked in, and makes this and every later call fail; without such
@@ -59,6 +60,12 @@ class i4_socket : public i4_file {
     virtual bool atEnd() const = 0;
     // As write, telling that more follows at once: a header and its body then share a segment.
     virtual i32 write_more(const void* buffer, u32 count) = 0;
+    // Has the system notice within some minutes that the other side's machine has gone.
+    virtual void keepAlive() {}
+    // Takes a socket that is on its way on as far as it goes without waiting: as ready(), 0 for not yet.
+    virtual u32 proceed(u32 mask) { return ready(mask, 0, nullptr); }
+    // The events that the next call of proceed() wants.
+    virtual u32 awaited() const { return I4_SELECT_WRITE | I4_SELECT_ERROR; }
 };
 
 class i4_blocking_call;
@@ -82,7 +89,7 @@ class i4_tcpip_sock : public i4_socket {
     i32 read_from(void* buffer, u32 length, std::unique_ptr<i4_address>* out_address) override;
     i32 write_to(const void* buffer, u32 length, const i4_address& address) override;
     u32 ready(u32 mask, i32 timeout_ms, i4_status_class* status) override;
-    void add_to_set(i4_socket_set& set, u32 mask) override;
+    void add_to_set(i4_socket_set& set, u32 mask, void* owner) override;
     void remove_from_set(i4_socket_set& set) override;
     u32 check_in_set(const i4_socket_set& set, u32 mask) override;
     bool cancel() override EXCLUDES(lock_);
@@ -92,6 +99,7 @@ class i4_tcpip_sock : public i4_socket {
     void change_in_set(i4_socket_set& set, u32 mask) override;
     bool atEnd() const override { return at_end_; }
     i32 write_more(const void* buffer, u32 count) override;
+    void keepAlive() override;
 
     // Connects. Blocking: waits for the outcome, which cancel() may cut short, and returns it. Otherwise only
     // starts, and returns true: ready() for writing then tells the outcome.

@@ -1,15 +1,18 @@
 #include "i4min/network/socket_set.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 
 #include <algorithm>
-#include <cassert>
-
-#include "i4min/memory/debug_build.h"
+#include <utility>
 
 namespace {
 
 constexpr std::size_t growth = 32;
+constexpr int wakeDescriptor = -1;  // stands for wake_ in an event
+
+// The bits of poll and epoll are the same.
+static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLERR == POLLERR && EPOLLHUP == POLLHUP);
 
 }  // namespace
 
@@ -30,105 +33,98 @@ u32 i4_mask_of_events(short events) {
     return mask;
 }
 
-linux_socket_set::linux_socket_set() : wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    entries_.push_back({wake_.get(), POLLIN, 0});
+linux_socket_set::linux_socket_set()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = wakeDescriptor;
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event);
 }
 
 i32 linux_socket_set::poll(i32 timeout_ms) {
-    compact();
-    i32 result = ::poll(entries_.data(), entries_.size(), timeout_ms);
-    if (result < 0) {
-        // The system leaves the events as they were, and none of them is news.
-        for (pollfd& entry : entries_) entry.revents = 0;
-    } else if (entries_[0].revents != 0) {
-        eventfd_t wakes = 0;
-        ::eventfd_read(wake_.get(), &wakes);
-        --result;
+    ++polls_;
+    ready_.clear();
+    epoll_event spare{};  // for the wake-up of an empty set
+    epoll_event* const events = events_.empty() ? &spare : events_.data();
+    const int room = static_cast<int>(std::max<std::size_t>(events_.size(), 1));
+    const int got = ::epoll_wait(epoll_.get(), events, room, refused_.empty() ? timeout_ms : 0);
+    result_ = got < 0 ? got : 0;
+    for (int i = 0; i < got; ++i) {
+        if (events[i].data.fd == wakeDescriptor) {
+            eventfd_t wakes = 0;
+            ::eventfd_read(wake_.get(), &wakes);
+        } else if (Entry* entry = find(events[i].data.fd)) {
+            report(*entry, i4_mask_of_events(static_cast<short>(events[i].events)));
+        }
     }
-    return result;
+    for (const int descriptor : refused_) report(*find(descriptor), I4_SELECT_READ | I4_SELECT_ERROR);
+    return result_;
 }
 
-void linux_socket_set::add(int descriptor, u32 mask) {
+void linux_socket_set::report(Entry& entry, u32 mask) {
+    entry.poll = polls_;
+    // A hang-up counts as readable for who didn't ask to read.
+    const u32 unasked = (entry.all & I4_SELECT_READ) == 0 ? mask & I4_SELECT_READ : 0;
+    entry.reported = (mask & (entry.first | I4_SELECT_ERROR)) | unasked;
+    result_ += static_cast<i32>(entry.times);
+    ready_.push_back({entry.owner, entry.reported});
+}
+
+void linux_socket_set::add(int descriptor, u32 mask, void* owner) {
     if (descriptor < 0) return;
-    if (count_ + removed_ == capacity_) compact();
-    if (count_ == capacity_) {
-        capacity_ += growth;
-        entries_.reserve(capacity_ + 1);
-    }
     const auto at = static_cast<std::size_t>(descriptor);
-    if (at >= first_.size()) first_.resize(at + 1, none);
-    if (first_[at] == none) {
-        first_[at] = entries_.size();
-    } else {
-        ++repeated_;
-    }
-    entries_.push_back({descriptor, i4_events_of_mask(mask), 0});
+    if (at >= entries_.size()) entries_.resize(at + 1);
+    if (count_ == events_.size()) events_.resize(events_.size() + growth);
+    Entry& entry = entries_[at];
+    const bool isNew = entry.times == 0;
+    if (isNew) entry = {0, mask, 0, 0, 0, false, owner};
+    ++entry.times;
+    entry.all |= mask;
     ++count_;
-    checkInvariants();
+    control(isNew ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, descriptor, entry);
 }
 
 void linux_socket_set::change(int descriptor, u32 mask) {
-    forEach(descriptor, [&](pollfd& entry) { entry.events = i4_events_of_mask(mask); });
+    Entry* entry = find(descriptor);
+    if (!entry) return;
+    entry->first = entry->all = mask;
+    control(EPOLL_CTL_MOD, descriptor, *entry);
 }
 
 void linux_socket_set::remove(int descriptor) {
-    std::size_t gone = 0;
-    forEach(descriptor, [&](pollfd& entry) {
-        entry = {-1, 0, 0};
-        ++gone;
-    });
-    if (gone == 0) return;
-    first_[static_cast<std::size_t>(descriptor)] = none;
-    count_ -= gone;
-    removed_ += gone;
-    repeated_ -= gone - 1;
-    checkInvariants();
+    Entry* entry = find(descriptor);
+    if (!entry) return;
+    if (entry->refused) {
+        std::erase(refused_, descriptor);
+    } else {
+        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
+    }
+    count_ -= entry->times;
+    *entry = {};
+}
+
+void linux_socket_set::control(int operation, int descriptor, Entry& entry) {
+    if (entry.refused) return;
+    epoll_event event{};
+    event.events = static_cast<u16>(i4_events_of_mask(entry.all));
+    event.data.fd = descriptor;
+    if (::epoll_ctl(epoll_.get(), operation, descriptor, &event) == 0 || operation != EPOLL_CTL_ADD) return;
+    entry.refused = true;
+    refused_.push_back(descriptor);
 }
 
 u32 linux_socket_set::check(int descriptor, u32 mask) const {
-    const std::size_t at = find(descriptor);
-    return at == none ? 0 : mask & i4_mask_of_events(entries_[at].revents);
+    const Entry* entry = find(descriptor);
+    return entry && entry->poll == polls_ ? mask & entry->reported : 0;
 }
 
 void linux_socket_set::wake() { ::eventfd_write(wake_.get(), 1); }
 
-std::size_t linux_socket_set::find(int descriptor) const {
+const linux_socket_set::Entry* linux_socket_set::find(int descriptor) const {
     const auto at = static_cast<std::size_t>(descriptor);
-    return descriptor < 0 || at >= first_.size() ? none : first_[at];
+    return descriptor < 0 || at >= entries_.size() || entries_[at].times == 0 ? nullptr : &entries_[at];
 }
 
-template <class Action>
-void linux_socket_set::forEach(int descriptor, Action action) {
-    const std::size_t first = find(descriptor);
-    if (first == none) return;
-    action(entries_[first]);
-    if (repeated_ == 0) return;
-    for (std::size_t i = first + 1; i < entries_.size(); ++i) {
-        if (entries_[i].fd == descriptor) action(entries_[i]);
-    }
-}
-
-void linux_socket_set::compact() {
-    if (removed_ == 0) return;
-    const auto stays = std::remove_if(entries_.begin() + 1, entries_.end(),
-                                      [](const pollfd& entry) { return entry.fd < 0; });
-    entries_.erase(stays, entries_.end());
-    removed_ = 0;
-    for (std::size_t i = entries_.size(); i-- > 1;) first_[static_cast<std::size_t>(entries_[i].fd)] = i;
-    checkInvariants();
-}
-
-void linux_socket_set::checkInvariants() const {
-    constexpr std::size_t small = 64;
-    if (!debugBuild || entries_.size() > small) return;
-    std::size_t open = 0;
-    std::size_t first = 0;
-    for (std::size_t i = 1; i < entries_.size(); ++i) {
-        const int descriptor = entries_[i].fd;
-        if (descriptor < 0) continue;
-        ++open;
-        if (find(descriptor) == i) ++first;
-        assert(find(descriptor) <= i && entries_[find(descriptor)].fd == descriptor);
-    }
-    assert(open == count_ && count_ + removed_ == entries_.size() - 1 && first + repeated_ == count_);
+linux_socket_set::Entry* linux_socket_set::find(int descriptor) {
+    return const_cast<Entry*>(std::as_const(*this).find(descriptor));
 }

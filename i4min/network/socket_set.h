@@ -1,9 +1,10 @@
 // Socket sets: waiting for many sockets at once.
 #pragma once
 
-#include <poll.h>
+#include <sys/epoll.h>
 
 #include <cstddef>
+#include <span>
 #include <vector>
 
 #include "i4min/file/descriptor.h"
@@ -22,6 +23,12 @@ enum i4_select : u32 {
 short i4_events_of_mask(u32 mask);
 u32 i4_mask_of_events(short events);
 
+// A socket for which the last poll reported something.
+struct i4_ready {
+    void* owner;  // as given to add()
+    u32 mask;
+};
+
 // Waits for the sockets in it. Thread: one, but for wake(). Owns nothing: descriptors are taken out before
 // they are closed. A socket enters through i4_socket::add_to_set.
 class i4_socket_set {
@@ -29,9 +36,13 @@ class i4_socket_set {
     // Waits at most that long (-1: without a limit) until a socket is ready. Returns how many are: 0 when the
     // time ran out or wake() was called, below 0 when the system's poll failed.
     virtual i32 poll(i32 timeout_ms) = 0;
+    virtual i32 ready() const = 0;  // what the last poll returned; 0 before the first
+    // The sockets that it reported; valid until the set is polled or changed.
+    virtual std::span<const i4_ready> readyOnes() const = 0;
     virtual ~i4_socket_set() = default;
 
-    virtual void add(int descriptor, u32 mask) = 0;         // the same descriptor may be added twice
+    // The owner is the caller's, who finds it in readyOnes(). The same descriptor may be added twice.
+    virtual void add(int descriptor, u32 mask, void* owner) = 0;
     virtual void change(int descriptor, u32 mask) = 0;      // asks for `mask` from now on; all its entries
     virtual void remove(int descriptor) = 0;                // all its entries; nothing for an unknown one
     virtual u32 check(int descriptor, u32 mask) const = 0;  // the bits of `mask` that the last poll reported
@@ -39,7 +50,7 @@ class i4_socket_set {
     virtual void wake() = 0;
 };
 
-// The set on poll. Finding a descriptor takes the same short time however many there are.
+// The set on epoll: what a poll costs grows with the sockets that are ready, not with all.
 class linux_socket_set : public i4_socket_set {
   public:
     linux_socket_set();
@@ -47,32 +58,41 @@ class linux_socket_set : public i4_socket_set {
     linux_socket_set& operator=(const linux_socket_set&) = delete;
 
     i32 poll(i32 timeout_ms) override;
-    void add(int descriptor, u32 mask) override;
+    i32 ready() const override { return result_; }
+    std::span<const i4_ready> readyOnes() const override { return ready_; }
+    void add(int descriptor, u32 mask, void* owner) override;
     void change(int descriptor, u32 mask) override;
     void remove(int descriptor) override;
     u32 check(int descriptor, u32 mask) const override;
     void wake() override;
 
     std::size_t count() const { return count_; }
-    std::size_t capacity() const { return capacity_; }  // grows by 32 entries at a time
+    std::size_t capacity() const { return events_.size(); }  // grows by 32 at a time
 
   private:
-    static constexpr std::size_t none = static_cast<std::size_t>(-1);
+    // What the set knows of a descriptor. Of one that was added twice, check() limits the answer to what the
+    // first asked for.
+    struct Entry {
+        u32 times = 0;  // added; 0 for one that isn't in the set
+        u32 first = 0;  // what the first of them asks for
+        u32 all = 0;    // and all together
+        u32 reported = 0;
+        u64 poll = 0;  // the number of the poll that reported it
+        bool refused = false;
+        void* owner = nullptr;
+    };
+    Entry* find(int descriptor);
+    const Entry* find(int descriptor) const;
+    void control(int operation, int descriptor, Entry& entry);
+    void report(Entry& entry, u32 mask);
 
-    std::size_t find(int descriptor) const;
-    template <class Action>
-    void forEach(int descriptor, Action action);
-    void compact();
-    // Asserts for a small set that each descriptor is found at its first entry and that the counts are right;
-    // each change of a debug build runs it.
-    void checkInvariants() const;
-
-    // Entry 0 is wake_; an entry of -1 was removed, and goes at the next poll.
-    std::vector<pollfd> entries_;
-    std::vector<std::size_t> first_;  // by descriptor: its first entry
+    std::vector<Entry> entries_;  // by descriptor
+    std::vector<epoll_event> events_;
+    std::vector<i4_ready> ready_;
+    std::vector<int> refused_;  // that the system takes into no set: always readable and in error
     std::size_t count_ = 0;
-    std::size_t capacity_ = 0;
-    std::size_t removed_ = 0;
-    std::size_t repeated_ = 0;  // entries behind the first of their descriptor
+    u64 polls_ = 0;
+    i32 result_ = 0;
+    const i4_descriptor epoll_;
     const i4_descriptor wake_;
 };

@@ -1,18 +1,19 @@
 #include "i4min/string/string.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "i4min/memory/error.h"
-#include "i4min/memory/malloc4.h"
 
 namespace {
 
-char* duplicate(const char* source, std::size_t length) {
-    auto* copy = static_cast<char*>(i4_malloc(length + 1));
-    if (length > 0) std::memcpy(copy, source, length);
-    copy[length] = 0;
-    return copy;
+// The pieces one behind the other, terminated.
+std::unique_ptr<char[]> join(std::string_view head, std::string_view tail = {}) {
+    auto text = std::make_unique_for_overwrite<char[]>(head.size() + tail.size() + 1);
+    std::copy(tail.begin(), tail.end(), std::copy(head.begin(), head.end(), text.get()));
+    text[head.size() + tail.size()] = 0;
+    return text;
 }
 
 template <class Fold>
@@ -45,48 +46,38 @@ bool isDelimiter(char c, const char* delimiters) { return c && std::strchr(delim
 
 }  // namespace
 
-i4_string::i4_string() : text_(duplicate("", 0)) {}
-i4_string::i4_string(const char* text) : text_(i4_strdup(text)) {}
-i4_string::i4_string(const char* source, std::size_t length) : text_(duplicate(source, length)) {}
-i4_string::i4_string(const i4_string& other) : text_(i4_strdup(other.text_)) {}
-i4_string::i4_string(i4_string&& other) noexcept : text_(std::exchange(other.text_, nullptr)) {}
-i4_string::~i4_string() { i4_free(text_); }
+i4_string::i4_string() : text_(join("")) {}
+i4_string::i4_string(const char* text) : text_(text ? join(text) : nullptr) {}
+i4_string::i4_string(const char* source, std::size_t length) : text_(join({source, length})) {}
+i4_string::i4_string(const i4_string& other) : i4_string(other.c_str()) {}
+i4_string::i4_string(i4_string&& other) noexcept = default;
 
-i4_string& i4_string::operator=(const i4_string& other) { return *this = other.text_; }
+i4_string& i4_string::operator=(const i4_string& other) { return *this = other.c_str(); }
 
 i4_string& i4_string::operator=(i4_string&& other) noexcept {
     std::swap(text_, other.text_);
     return *this;
 }
 
+// The copy comes first: `text` may be a piece of the old value.
 i4_string& i4_string::operator=(const char* text) {
-    // The copy comes first: `text` may be a piece of the old value.
-    char* copy = i4_strdup(text);
-    i4_free(text_);
-    text_ = copy;
+    text_ = text ? join(text) : nullptr;
     return *this;
 }
 
 i4_string& i4_string::operator+=(const char* text) {
-    if (!text) return *this;
-    const std::size_t head = length();
-    const std::size_t tail = i4_strlen(text);
-    auto* joined = static_cast<char*>(i4_malloc(head + tail + 1));
-    if (head > 0) std::memcpy(joined, text_, head);
-    std::memcpy(joined + head, text, tail + 1);
-    i4_free(text_);
-    text_ = joined;
+    if (text) text_ = join(view(), text);
     return *this;
 }
 
-bool i4_string::operator==(const i4_string& other) const { return i4_strcmp(text_, other.text_) == 0; }
-bool i4_string::operator==(const char* other) const { return i4_strcmp(text_, other) == 0; }
+bool i4_string::operator==(const i4_string& other) const { return i4_strcmp(c_str(), other.c_str()) == 0; }
+bool i4_string::operator==(const char* other) const { return i4_strcmp(c_str(), other) == 0; }
 
 void i4_string::toLower() {
-    for (char* c = text_; c && *c; ++c) *c = i4_tolower(*c);
+    for (char* c = text_.get(); c && *c; ++c) *c = i4_tolower(*c);
 }
 
-std::size_t i4_string::length() const { return i4_strlen(text_); }
+std::size_t i4_string::length() const { return i4_strlen(c_str()); }
 
 std::size_t i4_strlen(const char* s) { return s ? std::strlen(s) : 0; }
 int i4_strcmp(const char* a, const char* b) { return compareText(a, b, same); }
@@ -102,7 +93,12 @@ char* i4_strncpy(char* d, const char* s, std::size_t n) {
     return d;
 }
 
-char* i4_strdup(const char* s) { return s ? duplicate(s, std::strlen(s)) : nullptr; }
+char* i4_strdup(const char* s) {
+    if (!s) return nullptr;
+    char* copy = ::strdup(s);
+    if (!copy) i4_error()("out of memory");
+    return copy;
+}
 
 const char* i4_strstr(const char* hay, const char* needle) { return findText(hay, needle, same, same); }
 const char* stristr(const char* hay, const char* needle) {

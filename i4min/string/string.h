@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <memory>
 #include <string_view>
 
 #include "i4min/memory/types.h"
@@ -23,7 +24,6 @@ class i4_string {
     explicit i4_string(i4_file& stream);
     // Reads `length` raw bytes with one read; anything less raises "read string error".
     i4_string(i4_file& stream, u32 length);
-    ~i4_string();
 
     i4_string& operator=(const i4_string& other);
     i4_string& operator=(i4_string&& other) noexcept;
@@ -38,11 +38,11 @@ class i4_string {
     void format(const char* text, ...);
     void toLower();
 
-    const char* c_str() const { return text_; }
-    bool isNull() const { return text_ == nullptr; }
+    const char* c_str() const { return text_.get(); }
+    bool isNull() const { return !text_; }
     std::size_t length() const;
     // The text, empty where it is null.
-    std::string_view view() const { return text_ ? std::string_view(text_) : std::string_view(); }
+    std::string_view view() const { return text_ ? std::string_view(text_.get()) : std::string_view(); }
     char& operator[](std::size_t i) { return text_[i]; }
     char operator[](std::size_t i) const { return text_[i]; }
 
@@ -50,7 +50,7 @@ class i4_string {
     void write(i4_file& stream) const;
 
   private:
-    char* text_;
+    std::unique_ptr<char[]> text_;  // null for a null text; one word wide
 };
 
 // The text, or an empty one where it is null: for what prints and compares.

@@ -49,9 +49,10 @@ struct Told {
 // Opcodes: 'f' refuses, 's' reads past the end, 'e' echoes its body back, 'c' closes; all are kept.
 class Talker : public Connection {
   public:
-    Talker(std::unique_ptr<i4_socket> socket, SocketPool* pool, Told& told)
-        : Connection(std::move(socket), pool), told_(told) {}
-    Talker(u32 toIp, u32 toPort, Told& told) : Connection(toIp, toPort), told_(told) {}
+    Talker(SocketPool& pool, std::unique_ptr<i4_socket> socket, Told& told)
+        : Connection(pool, std::move(socket)), told_(told) {}
+    Talker(SocketPool& pool, u32 toIp, u32 toPort, Told& told)
+        : Connection(pool, toIp, toPort), told_(told) {}
     ~Talker() override { ++told_.destroyed; }
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override {
@@ -82,9 +83,9 @@ class Talker : public Connection {
 
 class TalkerDoor : public DoorTask {
   public:
-    TalkerDoor(SocketPool* pool, u32 openPort, Told& told) : DoorTask(pool, openPort), told_(told) {}
-    Connection* newConnection(std::unique_ptr<i4_socket> socket, SocketPool* pool) override {
-        auto* talker = new Talker(std::move(socket), pool, told_);
+    TalkerDoor(SocketPool& pool, u32 openPort, Told& told) : DoorTask(pool, openPort), told_(told) {}
+    Connection* newConnection(std::unique_ptr<i4_socket> socket) override {
+        auto* talker = new Talker(pool(), std::move(socket), told_);
         std::lock_guard<std::mutex> lock(mutex_);
         last_ = Ref<Talker>(talker);
         return talker;

@@ -1,4 +1,4 @@
-// Downloads for a test: the engine of Engine.h, and files to fetch.
+// Downloads for a test: the engine of EngineTest.h, and files to fetch.
 #pragma once
 
 #include <algorithm>
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/Engine.h"
+#include "tests/support/EngineTest.h"
 #include "tests/support/bytes.h"
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
@@ -56,10 +56,10 @@ inline BoolArray partsOf(const std::string& flags) {
     return array;
 }
 
-class Downloads : public Engine {
+class Downloads : public EngineTest {
   protected:
     Downloads() {
-        log.verbose = 0;
+        log.setVerbose(false);
         preferences.setIncoming(incoming().c_str());
         preferences.setTemp(temp().c_str());
         for (const std::string& path : {temp(), incoming()}) std::filesystem::create_directory(path);
@@ -77,47 +77,47 @@ class Downloads : public Engine {
         return temp(download.partial().tempFileName().c_str());
     }
     // How many there were.
-    static int handleMessages() {
+    int handleMessages() {
         int count = 0;
         while (messageQ.process()) ++count;
         return count;
     }
     // A download in the pool, looking for sources unless it isn't to start.
-    static Ref<Download> add(const RemoteFile& file, bool start = true) {
+    Ref<Download> add(const RemoteFile& file, bool start = true) {
         dlPool.add(file.record);
         Ref<Download> download = dlPool.find(file.record.hash);
         dlPool.tick(500);
         if (start && download) download->tick(1);
         return download;
     }
-    static void giveBytes(Download& download, i64 start, i64 end, const std::string& bytes) {
+    void giveBytes(Download& download, i64 start, i64 end, const std::string& bytes) {
         DataPacket packet(static_cast<u32>(start), static_cast<u32>(end), bytes);
-        download.gotData(packet, *Ref<Peer>(new Peer(0x0100007F, 9)));
+        download.gotData(packet, *Ref<Peer>(new Peer(clientApp.socketPool, engine.peerNeeds, 0x0100007F, 9)));
     }
-    static void give(Download& download, const RemoteFile& file, i64 start, i64 end) {
+    void give(Download& download, const RemoteFile& file, i64 start, i64 end) {
         giveBytes(download, start, end,
                   file.bytes.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start)));
     }
-    static void give(Download& download, const RemoteFile& file) {
+    void give(Download& download, const RemoteFile& file) {
         for (const Gap& piece : file.pieces(PARTSIZE)) give(download, file, piece.start, piece.end);
     }
-    static void giveWrong(Download& download, i64 start, i64 end) {
+    void giveWrong(Download& download, i64 start, i64 end) {
         giveBytes(download, start, end, std::string(static_cast<std::size_t>(end - start), '?'));
     }
-    static void giveHashSet(Download& download, const std::vector<MD4Hash>& parts) {
+    void giveHashSet(Download& download, const std::vector<MD4Hash>& parts) {
         std::string body = le16(parts.size());
         for (const MD4Hash& part : parts) body += bytesOf(part);
         i4_ram_file_class stream(body.data(), static_cast<u32>(body.size()), 0);
         download.gotHashSet(stream);
     }
     // A flag for each part: whether it has passed its hash.
-    static std::string verified(const Download& download) {
+    std::string verified(const Download& download) {
         BoolArray parts;
         download.partial().copyPartsDone(parts);
         return parts.toText();
     }
     // What is missing, in order of the list.
-    static std::string gaps(const GapList& list) {
+    std::string gaps(const GapList& list) {
         std::string text;
         for (const Gap& gap : list.gaps()) {
             text += (text.empty() ? "" : " ") + std::to_string(gap.start) + "-" + std::to_string(gap.end);
@@ -125,7 +125,7 @@ class Downloads : public Engine {
         return text;
     }
     // Waits until the completer has done its work and the download has left the pool.
-    static void waitUntilGone(const Ref<Download>& download) {
+    void waitUntilGone(const Ref<Download>& download) {
         ASSERT_TRUE(eventually([&] {
             handleMessages();
             return !dlPool.findByRecord(download->partial().getHash());
@@ -133,23 +133,25 @@ class Downloads : public Engine {
         handleMessages();
     }
     // It does so with these bytes in the incoming directory.
-    bool completes(const Ref<Download>& download, const RemoteFile& file) const {
+    bool completes(const Ref<Download>& download, const RemoteFile& file) {
         waitUntilGone(download);
         return download->getStatus() == DL_STATUS_COMPLETE &&
                hasBytes(incoming(file.record.getName()), file.bytes);
     }
     // Writes the meta files of all downloads, as every five minutes.
-    static void save() { dlPool.tick(300'000); }
+    void save() { dlPool.tick(300'000); }
     // Ends the program, as far as downloads go, and finds again what it left.
     void restart() {
-        dlPool.stopAll();
+        dlPool.stopAll(clientApp.partials());
         clientApp.partials().saveToDir(temp().c_str());
         load();
     }
     void load() {
         log.take();
         clientApp.partials().loadFromDir(temp().c_str());
-        clientApp.partials().startDownloads();
+        for (const auto& record : clientApp.partials().takeAll()) {
+            if (const Ref<Download> download = dlPool.loadDownload(*record)) hashThread.addPartial(download);
+        }
     }
 
   private:

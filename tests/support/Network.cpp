@@ -22,7 +22,7 @@ const std::string banner = "Enter commands at any time (type '?' for help)\n";
 const std::string loaded = "Done loading shared files.\n";
 
 // A program and its arguments, to be run on that host.
-std::vector<std::string> onHost(const Host& host, const std::string& program,
+std::vector<std::string> onHost(const Place& host, const std::string& program,
                                 const std::vector<std::string>& arguments) {
     std::vector<std::string> words;
     if (!host.space.empty()) words = {"/usr/bin/nsenter", "--net=" + host.space, "--"};
@@ -31,7 +31,7 @@ std::vector<std::string> onHost(const Host& host, const std::string& program,
     return words;
 }
 
-std::unique_ptr<Process> startOn(const Host& host, const std::string& program,
+std::unique_ptr<Process> startOn(const Place& host, const std::string& program,
                                  const std::vector<std::string>& arguments, const std::string& directory,
                                  Process::Input input) {
     const std::vector<std::string> words = onHost(host, programPath(program), arguments);
@@ -107,7 +107,7 @@ bool NamespaceNetwork::ip(const std::string& space, const std::string& arguments
 
 // --- IndexServerProcess
 
-IndexServerProcess::IndexServerProcess(const Host& host, const std::vector<std::string>& options)
+IndexServerProcess::IndexServerProcess(const Place& host, const std::vector<std::string>& options)
     : host_(host) {
     std::vector<std::string> arguments{"--port", "0", "--bind", host.address};
     arguments.insert(arguments.end(), options.begin(), options.end());
@@ -138,7 +138,7 @@ int IndexServerProcess::stop() {
 
 // --- Client
 
-Client::Client(const std::string& name, const IndexServerProcess& index, const Host& host,
+Client::Client(const std::string& name, const IndexServerProcess& index, const Place& host,
                const std::string& program)
     : name_(name),
       program_(program),

@@ -14,7 +14,7 @@
 inline constexpr std::chrono::seconds transferPatience{150};
 
 // A place on a network: a loopback address, or a namespace's own address.
-struct Host {
+struct Place {
     std::string address = "127.0.0.1";
     std::string space;  // the path of a network namespace, empty for the test's own
 };
@@ -29,7 +29,7 @@ class NamespaceNetwork {
     ~NamespaceNetwork();
     bool usable() const { return why_.empty(); }
     const std::string& why() const { return why_; }
-    const Host& host(std::size_t index) const { return hosts_.at(index); }
+    const Place& host(std::size_t index) const { return hosts_.at(index); }
     // From now on whoever calls that port of the host hears nothing, as from behind a firewall. False where
     // that can't be had.
     bool shutPort(std::size_t index, const std::string& port);
@@ -40,24 +40,24 @@ class NamespaceNetwork {
 
     std::string why_;
     std::vector<int> spaces_;
-    std::vector<Host> hosts_;
+    std::vector<Place> hosts_;
 };
 
 // tarnwick-index on a port that the system chose.
 class IndexServerProcess {
   public:
-    explicit IndexServerProcess(const Host& host = {}, const std::vector<std::string>& options = {});
+    explicit IndexServerProcess(const Place& host = {}, const std::vector<std::string>& options = {});
     // In how many places `text` stands of what the server has said from its start on; said() waits until it
     // is in so many.
     int count(const std::string& text);
     bool said(const std::string& text, int times = 1);
     int stop();  // as its operator does; the exit status
-    const Host& host() const { return host_; }
+    const Place& host() const { return host_; }
     const std::string& port() const { return port_; }
     u_int portNumber() const { return static_cast<u_int>(std::stoul(port_)); }
 
   private:
-    const Host host_;
+    const Place host_;
     TemporaryDirectory home_;
     std::unique_ptr<Process> process_;
     std::string port_;
@@ -67,7 +67,7 @@ class IndexServerProcess {
 // times.
 class Client {
   public:
-    Client(const std::string& name, const IndexServerProcess& index, const Host& host = {},
+    Client(const std::string& name, const IndexServerProcess& index, const Place& host = {},
            const std::string& program = "tarnwick");
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -103,8 +103,8 @@ class Client {
 
     const std::string name_;
     const std::string program_;
-    const Host host_;
-    const Host server_;
+    const Place host_;
+    const Place server_;
     const std::string serverPort_;
     const std::string doorPort_;
     TemporaryDirectory home_;

@@ -10,7 +10,7 @@
 // One pool, one worker and one door on loopback that makes Talkers.
 template <class Pool>
 struct OpenDoor {
-    OpenDoor() {
+    explicit OpenDoor(Transport& transport) : pool(transport) {
         pool.start();
         worker.start();
         EXPECT_TRUE(door->listen(500));
@@ -34,10 +34,9 @@ struct OpenDoor {
         return eventually([&] { return pool.count == 1 && told.ended == connections; });
     }
 
-    CapturedLog log;
     Told told;
     Pool pool;
     Worker worker{pool};
-    Ref<TalkerDoor> door{new TalkerDoor(&pool, 0, told)};
+    Ref<TalkerDoor> door{new TalkerDoor(pool, 0, told)};
     u32 port = 0;
 };

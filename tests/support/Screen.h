@@ -1,53 +1,54 @@
-// The console of this very process: commands go to conClientApp, and what they print is kept.
+// The console of this very process: what its commands print is kept.
 #pragma once
 
 #include <unistd.h>
 
 #include <initializer_list>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
-#include "app/MessageQ.h"
-#include "app/Preferences.h"
 #include "console/CLUI.h"
 #include "console/ConClientApp.h"
-#include "download/DLPool.h"
+#include "engine/Engine.h"
+#include "host/PosixHost.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/EngineParts.h"
 #include "tests/support/files.h"
 #include "tests/support/records.h"
 
-// The engine's events reach the console's lists. The first one moves the process into a directory of its own
-// and makes the settings of a first run there. Thread: one.
+// An engine of its own, whose events reach the console's lists. It moves the process into the engine's
+// directory and makes the settings of a first run there. Thread: one.
 class Screen : public CapturedLog {
   public:
-    Screen() {
-        static const TemporaryDirectory& home = *new TemporaryDirectory;
-        static bool first = true;
-        if (first && ::chdir(home.path().c_str()) == 0) {
-            preferences.workDir = home.path().c_str();
-            preferences.hasDownloads = [] { return dlPool.count() > 0; };
-            preferences.load();
-            preferences.setIncoming(home.file("incoming").c_str());
-            preferences.setTemp(home.file("first").c_str());
-            preferences.setTemp(home.file("temp").c_str());
-            first = false;
-        }
+    // Names in the engine's directory are relative to it where `relative` says so.
+    enum class Names { absolute, relative };
+    explicit Screen(Names names = Names::absolute)
+        : engine(host_.host, names == Names::absolute ? home_.path().c_str() : "", *this) {
+        console.attach(engine);
+        if (::chdir(home_.path().c_str()) != 0) throw std::runtime_error("chdir");
+        Preferences& preferences = engine.preferences;
+        preferences.load();
+        preferences.setIncoming(home("incoming").c_str());
+        preferences.setTemp(home("first").c_str());
+        preferences.setTemp(home("temp").c_str());
     }
+    ~Screen() override { console.detach(); }
     // The results of a search, which may be a server's.
     void showResults(std::initializer_list<FileMeta*> files) {
         auto list = std::make_unique<FileList>();
         for (FileMeta* file : files) list->add(file);
-        console_.setResults(list.release(), 0);
+        lists_.setResults(list.release(), 0);
     }
     // What the line prints at once.
     std::string type(const std::string& line) {
         take();
-        conClientApp.dispatch(line.c_str());
+        console.dispatch(line.c_str());
         return take();
     }
     // What the messages that were posted print.
     std::string handled() {
-        while (messageQ.process()) continue;
+        while (engine.messageQ.process()) continue;
         return take();
     }
     // Both, in their order.
@@ -56,11 +57,38 @@ class Screen : public CapturedLog {
         return atOnce + handled();
     }
 
-    void downloadAdded(Download* download) override { console_.downloadAdded(download); }
-    void downloadRemoved(Download* download) override { console_.downloadRemoved(download); }
-    void uploadAdded(Upload* upload) override { console_.uploadAdded(upload); }
-    void uploadRemoved(Upload* upload) override { console_.uploadRemoved(upload); }
+    CLUI& shown() { return lists_; }
+
+    void downloadAdded(Download* download) override { lists_.downloadAdded(download); }
+    void downloadRemoved(Download* download) override { lists_.downloadRemoved(download); }
+    void uploadAdded(Upload* upload) override { lists_.uploadAdded(upload); }
+    void uploadRemoved(Upload* upload) override { lists_.uploadRemoved(upload); }
 
   private:
-    CLUI console_;
+    std::string home(const std::string& name) const {
+        const std::string directory = engine.preferences.workDir.c_str();
+        return directory.empty() ? name : directory + "/" + name;
+    }
+
+    PosixHost host_;
+    TemporaryDirectory home_;
+
+  public:
+    ConClientApp console;
+
+  private:
+    CLUI lists_{console};
+
+  public:
+    Engine engine;
+};
+
+// For a fixture: the screen, and the parts of its engine.
+struct OwnScreenAlone {
+    explicit OwnScreenAlone(Screen::Names names) : screen_(names) {}
+    Screen screen_;
+};
+struct OwnScreen : OwnScreenAlone, EngineParts {
+    explicit OwnScreen(Screen::Names names = Screen::Names::absolute)
+        : OwnScreenAlone(names), EngineParts(screen_.engine) {}
 };

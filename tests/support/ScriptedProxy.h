@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "i4min/network/protocol.h"
 #include "i4min/network/proxy.h"
+#include "tests/support/systemNetwork.h"
 
 // One turn of a proxy: it reads exactly these bytes, then sends its answer, whole or byte by byte.
 struct ProxyTurn {
@@ -38,8 +38,8 @@ class ScriptedProxy {
     static constexpr i32 pause = 50;     // ms between the pieces of an answer
 
     static std::unique_ptr<i4_socket> open(u16 port) {
-        makeProtocol(nullptr);
-        return theProtocol->listen(port, 0, I4_STREAM, nullptr);
+        systemNetwork().setProxy(nullptr);
+        return systemNetwork().listen(port, 0, I4_STREAM, nullptr);
     }
     void play() {
         std::unique_ptr<i4_socket> client;

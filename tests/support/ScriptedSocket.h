@@ -46,7 +46,7 @@ class ScriptedSocket : public i4_socket {
     i32 read_from(void*, u32, std::unique_ptr<i4_address>*) override { return -1; }
     i32 write_to(const void*, u32, const i4_address&) override { return -1; }
     u32 ready(u32, i32, i4_status_class*) override { return 0; }
-    void add_to_set(i4_socket_set&, u32) override {}
+    void add_to_set(i4_socket_set&, u32, void*) override {}
     void remove_from_set(i4_socket_set&) override {}
     u32 check_in_set(const i4_socket_set&, u32) override { return 0; }
     bool cancel() override { return true; }

@@ -1,16 +1,18 @@
 // Thread, the base of every long-running object.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
-#include <condition_variable>
+#include <memory>
 #include <mutex>
 
 #include "i4min/memory/types.h"
+#include "i4min/threads/Scheduler.h"
 #include "i4min/threads/linux/ThreadBound.h"
 
-// Runs turns of run() on a thread of its own from start() until stop(), or until run() calls endLoop().
+class i4_socket_set;
+
+// Gets turns of run() from its scheduler, from start() until stop(), or until run() calls endLoop(). No turn
+// sleeps or waits for anybody: it says how long to rest instead.
 //
 //   state            event                        to
 //   2 not running    start                        0 running
@@ -24,7 +26,7 @@ class Thread {
   public:
     enum State : u32 { running = 0, askedToStop = 1, notRunning = 2 };
 
-    Thread() = default;
+    explicit Thread(Scheduler& scheduler) : loop_(scheduler.makeLoop(*this)) {}
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
     virtual ~Thread();
@@ -33,40 +35,43 @@ class Thread {
     virtual void start();
     // On the thread, in state 2, when its loop ended without stop(); nothing by default.
     virtual void finished();
-    virtual void run() = 0;  // one turn of the work; it paces itself by sleepFor()
+    virtual Rest run() = 0;  // one turn of the work
 
     // Asks the thread to stop. When it returns, run() and finished() have returned too.
     void stop();
+    // Ends a rest that is going on, or the next one. Thread: any.
+    void wake() { loop_->wake(); }
     // Reports success and changes nothing: the host decides on priorities.
     bool setPriority(i32 level);
 
     // For what only this thread may call while it runs: a debug build aborts on any other.
     void checkOwnThread(const char* function = __builtin_FUNCTION()) const { own_.check(function); }
+    // Whether the caller is a turn of this thread.
+    bool isOwnTurn() const { return own_.isBoundHere() && inTurn_; }
 
     State state() const { return state_.load(std::memory_order_acquire); }
     bool isStopping() const { return stopping_.load(std::memory_order_acquire); }
 
+    // For a scheduler, on the thread. One turn; false when the loop has ended instead, and finished() has
+    // returned.
+    bool turn(Rest& rest);
+    // The sockets for which it rests, null for none. The same from the first start() on. Thread: any.
+    virtual i4_socket_set* restingSet() const { return nullptr; }
+    // Its work can wait for everybody else's: the host gives it what is left over.
+    virtual bool isBackground() const { return false; }
+
   protected:
-    // Sleeps that long, or until stop() or wake() is called. Called on the thread itself.
-    void sleepFor(u32 ms);
-    // Ends a sleepFor() that is going on, or makes the next one return at once. Thread: any.
-    void wake();
     // Called in run(): this turn is the last one.
     void endLoop();
 
   private:
-    static void* enter(void* self);
-    void loop();
     void leaveRunning(bool byStop);  // from 0 to 1; nothing in another state
-    void join();                     // with lifecycle_ held
 
-    ThreadBound own_;                       // while the loop runs
-    std::atomic<State> state_{notRunning};  // left for 1 with mutex_ held
-    std::atomic<bool> stopping_{false};     // the way it was left: by stop()
-    std::mutex lifecycle_;                  // held through start() and stop()
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool woken_ = false;     // guarded by mutex_
-    bool joinable_ = false;  // guarded by lifecycle_
-    pthread_t thread_{};     // guarded by lifecycle_
+    ThreadBound own_;      // while the loop runs
+    bool inTurn_ = false;  // of the own thread
+    std::atomic<State> state_{notRunning};
+    std::atomic<bool> stopping_{false};  // the way it left `running`: by stop()
+    std::mutex lifecycle_;               // held through start() and stop()
+    std::mutex leaving_;                 // held while `running` is left
+    const std::unique_ptr<Loop> loop_;
 };

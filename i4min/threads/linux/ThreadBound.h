@@ -11,6 +11,7 @@ class ThreadBound {
   public:
     void bind() { owner_.store(std::this_thread::get_id(), std::memory_order_relaxed); }
     void unbind() { owner_.store(std::thread::id(), std::memory_order_relaxed); }
+    bool isBoundHere() const { return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
     // Whether the calling thread may: it is the bound one, or none is.
     bool isHere() const {
         const std::thread::id owner = owner_.load(std::memory_order_relaxed);

@@ -1,0 +1,19 @@
+// What every room of the engine gets.
+#pragma once
+
+#include "core/MessageQ.h"
+#include "core/Preferences.h"
+#include "core/StateFiles.h"
+#include "core/StringTable.h"
+#include "core/UIInterface.h"
+#include "host/Host.h"
+
+// Outlives whatever got it.
+struct Core {
+    Host& host;
+    UIInterface& log;
+    StringTable& strings;
+    Preferences& preferences;
+    StateFiles& files;
+    MessageQ& messages;
+};

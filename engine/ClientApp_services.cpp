@@ -1,0 +1,136 @@
+// What the subsystems ask of ClientApp at run time.
+#include "download/DLPool.h"
+#include "download/HashThread.h"
+#include "download/ShareList.h"
+#include "engine/ClientApp.h"
+#include "engine/CoreUIInterface.h"
+#include "engine/FilterList.h"
+#include "meta/UserList.h"
+#include "peer/Peer.h"
+#include "server/MainServer.h"
+#include "server/Search.h"
+#include "server/ServerPool.h"
+#include "transport/ConnectRegistry.h"
+
+void ClientApp::publish() {
+    const Ref<MainServer> server = needs_.servers.mainServer();
+    if (!server || !needs_.hasher.isFinished()) return;
+    // The offer has records of its own: those of `published` go with the server's connection, at any moment.
+    FileList offer(LockRank::none);
+    {
+        const i4_guard guard(shared);
+        for (FileList::Cursor c; const FileMeta* file = shared.next(c);) {
+            std::unique_ptr<FileMeta> copy = copyOf(*file);
+            if (published.addUnique(copy.get())) continue;
+            static_cast<void>(copy.release());
+            offer.add(copyOf(*file).release());
+        }
+    }
+    // What was noted for a server that is gone meanwhile is news to the next one.
+    if (needs_.servers.mainServer().get() != server.get()) clearPublished();
+    if (offer.count() > 0) server->publish(offer);
+    offer.deleteAll();
+}
+
+void ClientApp::addSharedFile(FileMeta* file) {
+    shared.add(file);
+    known.add(file);
+    const Ref<MainServer> server = needs_.servers.mainServer();
+    if (!server) return;
+    FileMeta copy;
+    {
+        const i4_guard guard(shared);
+        copy.copyFrom(file);
+    }
+    FileList offer(LockRank::none);
+    offer.add(&copy);
+    server->publish(offer);
+}
+
+void ClientApp::changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) {
+    known.change(file, [&](FileMeta& record) { shared.change(&record, change); });
+}
+
+void ClientApp::clearPublished() { published.deleteAll(); }
+
+void ClientApp::setSharedDirs(const std::vector<i4_string>& dirs) {
+    shareDirs_->setDirs(dirs);
+    shared.clear();
+    needs_.downloads.republish();
+    needs_.core.messages.post(MESSAGE_HASH_SHARED);
+}
+
+void ClientApp::getSharedDirs(std::vector<i4_string>& out) const { shareDirs_->copyTo(out); }
+
+void ClientApp::findCollections(FileList& out) {
+    Search search;
+    search.add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, "col"), 0);
+    shared.search(search, out, 0);
+}
+
+void ClientApp::startSearch(Ref<Search> search) {
+    {
+        i4_lock guard(searchLock_);
+        currentSearch_ = search;
+    }
+    const u32 message = search->alternate ? MESSAGE_SEARCH_ALTERNATE : MESSAGE_SEARCH;
+    needs_.core.messages.post(message, std::move(search));
+}
+
+bool ClientApp::extendSearch() {
+    Ref<Search> search;
+    {
+        i4_lock guard(searchLock_);
+        search = currentSearch_;
+    }
+    if (!search) return false;
+    const u32 message = search->alternate ? MESSAGE_EXTEND_ALTERNATE : MESSAGE_EXTEND;
+    needs_.core.messages.post(message, std::move(search));
+    return true;
+}
+
+void ClientApp::gotResult(FileMeta* file) {
+    if (filter_->matches(*file)) {
+        delete file;
+    } else {
+        needs_.ui.addResult(file);
+    }
+}
+
+void ClientApp::gotResults(FileList* list, bool more) {
+    filter_->filter(*list);
+    needs_.ui.setResults(list, more ? 1 : 0);
+}
+
+bool ClientApp::isSelf(const UserMeta& user) const {
+    const u32 own = needs_.core.preferences.clientId();
+    if (own <= highestLowId) return user.id == own && user.serverIp == needs_.core.preferences.serverIp();
+    return user.id == own && user.port == needs_.core.preferences.doorPort;
+}
+
+ConnectResult ClientApp::connectToUser(const UserMeta& user, Ref<Peer>& out) {
+    if (isSelf(user)) return ConnectResult::impossible;
+    {
+        const i4_guard guard(needs_.peers.peers);
+        for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.peers.next(c);) {
+            if (peer->sameUser(user)) {
+                out = Ref<Peer>(peer);
+                return ConnectResult::peerThere;
+            }
+        }
+    }
+    if (socketPool.count >= needs_.core.preferences.maxCon) {
+        needs_.core.log.printVerbose("Can't accept more connections.\n");
+        return ConnectResult::tooManyConnections;
+    }
+    // 0xFFFFFF itself counts as an address here, and as none in isSelf().
+    if (user.id >= highestLowId) {
+        needs_.transport.connects.connect(
+            Ref<Connection>(new Peer(socketPool, needs_.peers, user.id, user.port)));
+        return ConnectResult::connecting;
+    }
+    if (needs_.core.preferences.clientId() < highestLowId) return ConnectResult::neitherReachable;
+    return needs_.servers.requestCallback(user.serverIp, user.serverPort, user.id)
+               ? ConnectResult::connecting
+               : ConnectResult::impossible;
+}

@@ -1,0 +1,120 @@
+// Engine, one client as an object: everything that a client has, in one order of construction.
+#pragma once
+
+#include "core/Core.h"
+#include "download/DLPool.h"
+#include "download/HashThread.h"
+#include "download/PartFileNamer.h"
+#include "engine/ClientApp.h"
+#include "engine/EngineUI.h"
+#include "peer/CallList.h"
+#include "peer/FriendList.h"
+#include "peer/Peer.h"
+#include "peer/RemoteQueueList.h"
+#include "peer/UploadPool.h"
+#include "server/ServerPool.h"
+#include "transport/ConnectRegistry.h"
+#include "transport/Transport.h"
+
+// Several may live in one process. The members are built in the order in which they stand here, and go in the
+// reverse order; each knows only those before it. What a room has to say to a later one goes through the
+// interfaces that the engine itself implements: Engine.cpp has what each event means, Engine_messages.cpp
+// what each message does. Construction reads nothing and starts nothing; ClientApp::init() does.
+// Thread: construction and destruction on the thread that owns it; the rest as the members say.
+class Engine final : private MessageDuties,
+                     private ServerEvents,
+                     private PeerListener,
+                     private Reach,
+                     private SharedFiles,
+                     private HashDuties {
+  public:
+    // Its files lie in `workDir`, an absolute path; with an empty one, in the process's current directory. It
+    // speaks through `ui`, which outlives it and by then keeps nothing of it any more.
+    Engine(Host& host, const char* workDir, CoreUIInterface& ui);
+    ~Engine();
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    Host& host;
+    EngineUI ui;  // what it says; ui.replace() puts another interface behind it
+    StateFiles stateFiles{host.disk, ui};
+    StringTable stringTable;
+    Preferences preferences;
+    MessageQ messageQ{host, ui, *this};
+    Core core{host, ui, stringTable, preferences, stateFiles, messageQ};
+
+    ConnectRegistry connectRegistry;
+    Transport transport{host, ui, preferences, connectRegistry};
+
+    LLsafe<Peer> peers{LockRank::peers};
+    const PeerNeeds peerNeeds{core, ui, *this, *this, *this, peers};
+    RemoteQueueList remoteQueueList{host.clock};
+    FriendList friendList{peerNeeds};
+    CallList callList{peerNeeds, friendList};
+    UploadPool uploadPool{peerNeeds};
+
+    const ServerNeeds serverNeeds{core, transport, ui, *this};
+    ServerPool serverPool{serverNeeds};
+
+    PartFileNamer partFileNamer{core};
+    const DownloadNeeds downloadNeeds{core, ui, *this, serverPool, *this, partFileNamer, remoteQueueList,
+                                      peers};
+    DLPool dlPool{downloadNeeds};
+    HashThread hashThread{core, ui, *this};
+
+    ClientApp clientApp{{core, transport, ui, peerNeeds, remoteQueueList, friendList, uploadPool, serverPool,
+                         dlPool, hashThread}};
+
+  private:
+    bool handle(u32 number, QArgument& argument) override;
+    void idle(i32 elapsedMs) override;
+    bool wantsServer() override;
+    i32 untilDue() override;
+
+    void loggedOn() override;
+    void serverGone() override;
+    bool wantsSources(const MD4Hash& file) override;
+    void foundSource(const MD4Hash& file, const UserMeta& user) override;
+    void callbackAsked(const UserMeta& user) override;
+    void callbackFailed(u32 serverIp, u32 clientId) override;
+    void gotResult(FileMeta* file) override;
+    void gotResults(FileList* list, bool more) override;
+    void gotUserList(UserList* list) override;
+
+    void met(Peer& peer, Met how) override;
+    void gone(Peer& peer) override;
+    void connectFailed(u32 ip, u16 port) override;
+    void gotFileData(Peer& peer, const MD4Hash& file, i4_ram_file_class& stream) override;
+    void gotFileStatus(Peer& peer, const MD4Hash& file, const BoolArray& parts) override;
+    void gotFileName(Peer& peer, const MD4Hash& file, i4_file& stream) override;
+    void gotHashSet(const MD4Hash& file, i4_file& stream) override;
+    void noSuchFile(Peer& peer, const MD4Hash& file) override;
+    void slotGranted(Peer& peer) override;
+    void slotEnded(Peer& peer) override;
+    void gotSlotRequest(Peer& peer) override;
+    void gotPartRequest(Peer& peer, i4_file& stream) override;
+    void uploadStopped(Peer& peer, const MD4Hash& file) override;
+    void slotReleased(Peer& peer) override;
+    bool awaitsFiles(Peer& peer) override;
+    void gotSharedFiles(Peer& peer, OwnedList<FileList> list) override;
+    bool gotChatMessage(const UserMeta& user, const char* text) override;
+    void chatRefused(const UserMeta& user) override;
+
+    bool mayConnect() override;
+    ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out) override;
+
+    bool find(const MD4Hash& hash, SharedFile& out) override;
+    u32 listBytes() override;
+    void writeList(i4_file& stream) override;
+    void partsDone(const MD4Hash& hash, BoolArray& out) override;
+    Ref<PartReader> partsFor(const MD4Hash& hash, const UserMeta& asker) override;
+
+    FileList& known() override;
+    FileList& shared() override;
+    ShareList& shareDirs() override;
+    void addSharedFile(FileMeta* file) override;
+    void changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change) override;
+    bool importFile(FileMeta& file, const char* path, const char* name) override;
+    void verify(const Ref<Download>& download, const GiveUp& giveUp) override;
+    void publish() override;
+};

@@ -1,0 +1,546 @@
+#include "sim/SimDisk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+namespace {
+
+constexpr std::size_t blockSize = Synthetic::block;
+
+u64 mixed(u64 value) {
+    value += 0x9E3779B97F4A7C15;
+    value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
+    value = (value ^ value >> 27) * 0x94D049BB133111EB;
+    return value ^ value >> 31;
+}
+
+// The first word of a block tells whose it is.
+u64 firstWord(u64 seed, u64 index) { return mixed(mixed(seed) + index); }
+
+std::string parentOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace
+
+std::size_t Synthetic::read(u64 index, u8* to) const {
+    const u64 start = index * block;
+    if (start >= size) return 0;
+    const std::size_t length = std::min<u64>(block, size - start);
+    u64 word = firstWord(seed, index);
+    std::size_t at = 0;
+    for (; at + sizeof word <= length; at += sizeof word) {
+        std::memcpy(to + at, &word, sizeof word);
+        word = word * 0xD1342543DE82EF95 + 0x2545F4914F6CDD1D;
+    }
+    std::memcpy(to + at, &word, length - at);
+    return length;
+}
+
+// 64 KiB of a file: bytes of its own, a block of a synthetic file, or, as null, zeros.
+struct SimDisk::Block {
+    std::vector<u8> bytes;  // empty for a synthetic one
+    Synthetic source{0, 0};
+    u64 index = 0;
+
+    void read(u8* to) const {
+        if (bytes.empty()) {
+            const std::size_t length = source.read(index, to);
+            std::memset(to + length, 0, blockSize - length);
+        } else {
+            std::memcpy(to, bytes.data(), blockSize);
+        }
+    }
+};
+
+// A file or a directory. Blocks are never changed in place: what was synced may share them.
+struct SimDisk::Node {
+    i4_file_kind kind = i4_file_kind::regular;
+    u64 inode = 0;
+    u64 size = 0;
+    u64 modifiedUs = 0;
+    u32 fileTime = 0;
+    std::vector<std::shared_ptr<const Block>> blocks;
+    u64 safeSize = 0;
+    std::vector<std::shared_ptr<const Block>> safeBlocks;
+    bool isDirty = false;
+    u32 links = 0;
+};
+
+// A name that was given, or taken away where there is no node; in a rename `from` is taken away with it.
+struct SimDisk::Change {
+    std::string path;
+    NodePtr node;
+    std::string from = "";
+};
+
+// An open file.
+class SimFile final : public i4_disk_file {
+  public:
+    SimFile(SimDisk& disk, SimDisk::NodePtr node, u32 flags)
+        : disk_(disk), node_(std::move(node)), flags_(flags) {}
+
+    i32 read(void* buffer, u32 count) override {
+        const i64 got = readAt(position_, buffer, count);
+        position_ += static_cast<u64>(std::max<i64>(got, 0));
+        return static_cast<i32>(got);
+    }
+    i32 write(const void* buffer, u32 count) override {
+        if (flags_ & I4_FILE_APPEND) position_ = node_->size;
+        const i4_piece piece{buffer, count};
+        const i64 done = writeAt(position_, {&piece, 1});
+        position_ += static_cast<u64>(std::max<i64>(done, 0));
+        return static_cast<i32>(done);
+    }
+    u32 seek(u32 offset) override { return static_cast<u32>(position_ = offset); }
+    u32 size() override { return static_cast<u32>(node_->size); }
+    u32 tell() override { return static_cast<u32>(position_); }
+    std::optional<u32> bytesLeft() override {
+        const u64 left = node_->size - std::min(node_->size, position_);
+        return static_cast<u32>(std::min<u64>(left, 0xFFFFFFFF));
+    }
+    i64 readAt(u64 at, void* to, std::size_t count) override {
+        if (!disk_.begins()) return -1;
+        return static_cast<i64>(disk_.read(*node_, at, static_cast<u8*>(to), count));
+    }
+    i64 writeAt(u64 at, std::span<const i4_piece> pieces) override {
+        if (!disk_.begins()) return -1;
+        const bool half = disk_.calls_ == disk_.shortCall_;
+        i64 done = 0;
+        for (const i4_piece& piece : pieces) {
+            const u64 end = at + static_cast<u64>(done) + piece.length;
+            const u64 grows = end > node_->size ? end - node_->size : 0;
+            const u64 room = disk_.room_ - std::min(disk_.room_, disk_.used_);
+            std::size_t length =
+                piece.length -
+                static_cast<std::size_t>(grows > room ? std::min<u64>(grows - room, piece.length) : 0);
+            if (half) length /= 2;
+            disk_.write(*node_, at + static_cast<u64>(done), static_cast<const u8*>(piece.bytes), length);
+            done += static_cast<i64>(length);
+            if (length < piece.length) break;
+        }
+        if (done == 0 && !pieces.empty() && pieces[0].length > 0) {
+            errno = ENOSPC;
+            return -1;
+        }
+        if (!node_->isDirty) {
+            node_->isDirty = true;
+            disk_.dirty_.push_back(node_);
+        }
+        return done;
+    }
+    bool sync() override {
+        if (!disk_.begins()) return false;
+        node_->safeSize = node_->size;
+        node_->safeBlocks = node_->blocks;
+        node_->isDirty = false;
+        ++disk_.syncs_;
+        return true;
+    }
+    bool status(i4_file_status& out) override {
+        if (!disk_.begins()) return false;
+        SimDisk::fillStatus(*node_, out);
+        return true;
+    }
+    bool isCached(u64) override { return true; }
+    void takeAccessOf(const char*) override {}
+
+  private:
+    friend class SimDisk;
+    SimDisk& disk_;
+    const SimDisk::NodePtr node_;
+    const u32 flags_;
+    u64 position_ = 0;
+};
+
+SimDisk::SimDisk(Simulation& simulation, std::string workDir)
+    : simulation_(simulation), workDir_(std::move(workDir)) {
+    auto root = std::make_shared<Node>();
+    root->kind = i4_file_kind::directory;
+    root->inode = nextInode_++;
+    names_["/"] = safe_["/"] = root;
+    if (workDir_ != "/") lay(workDir_ + "/.", "");
+}
+
+SimDisk::~SimDisk() = default;
+
+std::string SimDisk::whole(const char* path) const {
+    std::string joined = path[0] == '/' ? path : workDir_ + "/" + path;
+    std::string result;
+    for (std::size_t at = 0; at < joined.size();) {
+        const std::size_t end = std::min(joined.find('/', at), joined.size());
+        const std::string part = joined.substr(at, end - at);
+        if (part == "..") {
+            result.erase(std::min(result.rfind('/'), result.size()));
+        } else if (!part.empty() && part != ".") {
+            result += "/" + part;
+        }
+        at = end + 1;
+    }
+    return result.empty() ? "/" : result;
+}
+
+bool SimDisk::begins() {
+    ++calls_;
+    if (!isOff_ && calls_ == cutCall_) {
+        isOff_ = true;
+        throw SimPowerCut();
+    }
+    if (isOff_) return fails(EIO);
+    return calls_ != failCall_ || fails(failError_);
+}
+
+bool SimDisk::fails(int error) const {
+    errno = error;
+    return false;
+}
+
+SimDisk::NodePtr SimDisk::find(const std::string& path) const {
+    const auto found = names_.find(path);
+    return found == names_.end() ? nullptr : found->second;
+}
+
+void SimDisk::name(const std::string& path, NodePtr node) {
+    pending_.push_back({path, node, ""});
+    if (node) {
+        names_[path] = std::move(node);
+    } else {
+        names_.erase(path);
+    }
+}
+
+// --- Bytes
+
+void SimDisk::write(Node& node, u64 at, const u8* bytes, std::size_t length) {
+    bytesWritten_ += length;
+    std::vector<u8> block(blockSize);
+    for (std::size_t done = 0; done < length;) {
+        const u64 index = (at + done) / blockSize;
+        const std::size_t offset = (at + done) % blockSize;
+        const std::size_t part = std::min(length - done, blockSize - offset);
+        if (index >= node.blocks.size()) node.blocks.resize(index + 1);
+        std::shared_ptr<const Block>& place = node.blocks[index];
+        if (place) {
+            place->read(block.data());
+        } else {
+            std::memset(block.data(), 0, blockSize);
+        }
+        std::memcpy(block.data() + offset, bytes + done, part);
+        auto written = std::make_shared<Block>();
+        u64 word = 0;
+        std::memcpy(&word, block.data(), sizeof word);
+        const auto source = known_.find(word);
+        if (source != known_.end()) {
+            // The last block of a synthetic file is followed by zeros.
+            const auto& [file, its] = source->second;
+            std::vector<u8> same(blockSize);
+            file.read(its, same.data());
+            if (same == block) {
+                written->source = file;
+                written->index = its;
+            }
+        }
+        if (written->source.size == 0) written->bytes = block;
+        place = std::move(written);
+        done += part;
+    }
+    if (at + length > node.size) {
+        used_ += at + length - node.size;
+        node.size = at + length;
+    }
+    node.modifiedUs = static_cast<u64>(simulation_.now().us);
+    node.fileTime = simulation_.fileTime();
+}
+
+std::size_t SimDisk::read(const Node& node, u64 at, u8* to, std::size_t length) const {
+    if (at >= node.size) return 0;
+    length = std::min<u64>(length, node.size - at);
+    std::vector<u8> block(blockSize);
+    for (std::size_t done = 0; done < length;) {
+        const u64 index = (at + done) / blockSize;
+        const std::size_t offset = (at + done) % blockSize;
+        const std::size_t part = std::min(length - done, blockSize - offset);
+        const std::shared_ptr<const Block> place = index < node.blocks.size() ? node.blocks[index] : nullptr;
+        if (!place) {
+            std::memset(to + done, 0, part);
+        } else if (!place->bytes.empty()) {
+            std::memcpy(to + done, place->bytes.data() + offset, part);
+        } else {
+            place->read(block.data());
+            std::memcpy(to + done, block.data() + offset, part);
+        }
+        done += part;
+    }
+    return length;
+}
+
+// --- For tests
+
+void SimDisk::lay(const std::string& path, const std::string& bytes) {
+    const std::string full = whole(path.c_str());
+    std::vector<std::string> missing;
+    const bool isDirectory = path.ends_with("/.");
+    for (std::string at = isDirectory ? full : parentOf(full); !find(at); at = parentOf(at))
+        missing.push_back(at);
+    for (const std::string& directory : missing) {
+        auto node = std::make_shared<Node>();
+        node->kind = i4_file_kind::directory;
+        node->inode = nextInode_++;
+        names_[directory] = safe_[directory] = node;
+    }
+    if (isDirectory) return;
+    auto node = std::make_shared<Node>();
+    node->inode = nextInode_++;
+    write(*node, 0, reinterpret_cast<const u8*>(bytes.data()), bytes.size());
+    node->safeSize = node->size;
+    node->safeBlocks = node->blocks;
+    names_[full] = safe_[full] = node;
+}
+
+void SimDisk::lay(const std::string& path, const Synthetic& content) {
+    lay(path, std::string());
+    Node& node = *find(whole(path.c_str()));
+    know(content);
+    for (u64 index = 0; index * blockSize < content.size; ++index) {
+        auto block = std::make_shared<Block>();
+        block->source = content;
+        block->index = index;
+        node.blocks.push_back(std::move(block));
+    }
+    node.size = node.safeSize = content.size;
+    node.safeBlocks = node.blocks;
+    used_ += content.size;
+}
+
+void SimDisk::know(const Synthetic& content) {
+    for (u64 index = 0; index * blockSize < content.size; ++index) {
+        const u64 word = firstWord(content.seed, index);
+        known_[word] = {content, index};
+    }
+}
+
+std::string SimDisk::read(const std::string& path) const {
+    const NodePtr node = find(whole(path.c_str()));
+    if (!node) return "";
+    std::string bytes(node->size, 0);
+    read(*node, 0, reinterpret_cast<u8*>(bytes.data()), bytes.size());
+    return bytes;
+}
+
+bool SimDisk::has(const std::string& path) const { return find(whole(path.c_str())) != nullptr; }
+
+bool SimDisk::equals(const std::string& path, const Synthetic& content) const {
+    const NodePtr node = find(whole(path.c_str()));
+    if (!node || node->size != content.size) return false;
+    std::vector<u8> expected(blockSize);
+    std::vector<u8> found(blockSize);
+    for (u64 index = 0; index * blockSize < content.size; ++index) {
+        const std::shared_ptr<const Block>& block = node->blocks[index];
+        if (!block) return false;
+        if (block->bytes.empty() && block->source.seed == content.seed && block->index == index) continue;
+        const std::size_t length = content.read(index, expected.data());
+        block->read(found.data());
+        if (std::memcmp(expected.data(), found.data(), length) != 0) return false;
+    }
+    return true;
+}
+
+std::vector<std::string> SimDisk::names() const {
+    std::vector<std::string> result;
+    for (const auto& [path, node] : names_) {
+        if (node->kind == i4_file_kind::regular) result.push_back(path);
+    }
+    return result;
+}
+
+void SimDisk::failAt(u64 call, int error) {
+    failCall_ = call;
+    failError_ = error;
+}
+
+void SimDisk::shortAt(u64 call) { shortCall_ = call; }
+void SimDisk::cutPowerAt(u64 call) { cutCall_ = call; }
+
+void SimDisk::restart() {
+    Random& random = simulation_.random();
+    const std::size_t kept = pending_.empty() ? 0 : random.below(static_cast<u32>(pending_.size()) + 1);
+    for (std::size_t i = 0; i < kept; ++i) settle(pending_[i]);
+    pending_.clear();
+    for (const std::weak_ptr<Node>& dirty : dirty_) {
+        if (const NodePtr node = dirty.lock()) keepSome(*node);
+    }
+    dirty_.clear();
+    names_ = safe_;
+    isOff_ = false;
+    cutCall_ = failCall_ = shortCall_ = 0;
+}
+
+// Of what wasn't synced, each block may have reached the disk or not, and so may the file's length.
+void SimDisk::keepSome(Node& node) {
+    if (!node.isDirty) return;
+    Random& random = simulation_.random();
+    const u64 size = random.below(2) == 0 ? node.size : node.safeSize;
+    std::vector<std::shared_ptr<const Block>> blocks((size + blockSize - 1) / blockSize);
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        const bool isNew = i < node.blocks.size() && random.below(2) == 0;
+        if (isNew) {
+            blocks[i] = node.blocks[i];
+        } else if (i < node.safeBlocks.size()) {
+            blocks[i] = node.safeBlocks[i];
+        }
+    }
+    node.size = node.safeSize = size;
+    node.blocks = node.safeBlocks = std::move(blocks);
+    node.isDirty = false;
+}
+
+// --- The disk
+
+std::unique_ptr<i4_disk_file> SimDisk::open(const char* path, u32 flags) {
+    if (!begins()) return nullptr;
+    const std::string full = whole(path);
+    NodePtr node = find(full);
+    const bool writes = (flags & (I4_FILE_WRITE | I4_FILE_APPEND)) != 0;
+    if (node && (flags & I4_FILE_NEW)) return fails(EEXIST), nullptr;
+    if (node && node->kind == i4_file_kind::directory && writes) return fails(EISDIR), nullptr;
+    if (!node) {
+        if (!writes) return fails(ENOENT), nullptr;
+        const NodePtr parent = find(parentOf(full));
+        if (!parent || parent->kind != i4_file_kind::directory)
+            return fails(parent ? ENOTDIR : ENOENT), nullptr;
+        node = std::make_shared<Node>();
+        node->inode = nextInode_++;
+        node->fileTime = simulation_.fileTime();
+        name(full, node);
+    }
+    if (flags & I4_FILE_TRUNCATE) {
+        used_ -= node->size;
+        node->size = 0;
+        node->blocks.clear();
+        if (!node->isDirty) {
+            node->isDirty = true;
+            dirty_.push_back(node);
+        }
+    }
+    return std::make_unique<SimFile>(*this, node, flags);
+}
+
+void SimDisk::fillStatus(const Node& node, i4_file_status& out) {
+    out = {};
+    out.kind = node.kind;
+    if (node.kind == i4_file_kind::directory) out.flags |= I4_FILE_STATUS_DIRECTORY;
+    out.size = node.size;
+    out.last_modified = out.created = out.last_accessed = node.fileTime;
+    out.modified_ns = node.modifiedUs * 1000;
+    out.device = 1;
+    out.inode = node.inode;
+    for (const auto& block : node.blocks) out.occupied += block ? blockSize : 0;
+}
+
+bool SimDisk::status(const char* path, i4_file_status& out) {
+    if (!begins()) return false;
+    const NodePtr node = find(whole(path));
+    if (!node) return fails(ENOENT);
+    fillStatus(*node, out);
+    return true;
+}
+
+bool SimDisk::readLink(const char*, i4_string&) { return fails(EINVAL); }
+
+bool SimDisk::list(const char* path, i4_directory_list& out, bool withStatus) {
+    if (!begins()) return false;
+    const std::string full = whole(path);
+    const NodePtr node = find(full);
+    if (!node || node->kind != i4_file_kind::directory) return fails(node ? ENOTDIR : ENOENT);
+    const std::string prefix = full == "/" ? full : full + "/";
+    for (const char* dots : {".", ".."}) out.dirs.emplace_back(dots);
+    for (auto at = names_.lower_bound(prefix); at != names_.end() && at->first.starts_with(prefix); ++at) {
+        const std::string rest = at->first.substr(prefix.size());
+        if (rest.empty() || rest.find('/') != std::string::npos) continue;
+        if (at->second->kind == i4_file_kind::directory) {
+            out.dirs.emplace_back(rest.c_str());
+            continue;
+        }
+        out.files.emplace_back(rest.c_str());
+        if (!withStatus) continue;
+        out.file_status.emplace_back();
+        fillStatus(*at->second, out.file_status.back());
+    }
+    return true;
+}
+
+bool SimDisk::makeDirectory(const char* path) {
+    if (!begins()) return false;
+    const std::string full = whole(path);
+    if (find(full)) return fails(EEXIST);
+    if (!find(parentOf(full))) return fails(ENOENT);
+    auto node = std::make_shared<Node>();
+    node->kind = i4_file_kind::directory;
+    node->inode = nextInode_++;
+    name(full, std::move(node));
+    return true;
+}
+
+bool SimDisk::remove(const char* path) {
+    if (!begins()) return false;
+    const std::string full = whole(path);
+    const NodePtr node = find(full);
+    if (!node) return fails(ENOENT);
+    if (node->kind == i4_file_kind::directory) return fails(EISDIR);
+    used_ -= node->size;
+    name(full, nullptr);
+    return true;
+}
+
+bool SimDisk::rename(const char* from, const char* to, Replace replace) {
+    if (!begins()) return false;
+    const std::string source = whole(from);
+    const std::string target = whole(to);
+    const NodePtr node = find(source);
+    const NodePtr there = find(target);
+    if (!node || !find(parentOf(target))) return fails(ENOENT);
+    if (there && replace == Replace::no) return fails(EEXIST);
+    if (there && there->kind == i4_file_kind::directory) return fails(EISDIR);
+    if (there) used_ -= there->size;
+    // One change, of which the disk has all or nothing.
+    names_[target] = node;
+    names_.erase(source);
+    pending_.push_back({target, node, source});
+    return true;
+}
+
+std::unique_ptr<i4_disk_file> SimDisk::openHidden(const char* directory, i4_string& path) {
+    path = (std::string(directory) + "/.hidden" + std::to_string(++hidden_)).c_str();
+    return open(path.c_str(), I4_FILE_WRITE | I4_FILE_NEW);
+}
+
+bool SimDisk::syncFolder(const char* path) {
+    if (!begins()) return false;
+    const std::string full = whole(path);
+    if (!find(full)) return fails(ENOENT);
+    ++syncs_;
+    // A journal keeps its order: with the last change in this folder go all that came before it.
+    std::size_t last = 0;
+    for (std::size_t i = 0; i < pending_.size(); ++i) {
+        if (parentOf(pending_[i].path) == full ||
+            (!pending_[i].from.empty() && parentOf(pending_[i].from) == full))
+            last = i + 1;
+    }
+    for (std::size_t i = 0; i < last; ++i) settle(pending_[i]);
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(last));
+    return true;
+}
+
+void SimDisk::settle(const Change& change) {
+    if (change.node) {
+        safe_[change.path] = change.node;
+    } else {
+        safe_.erase(change.path);
+    }
+    if (!change.from.empty()) safe_.erase(change.from);
+}
+
+u64 SimDisk::freeSpace(const char*) { return room_ - std::min(room_, used_); }

@@ -1,0 +1,32 @@
+// SimIndex, an index server on a simulated machine.
+#pragma once
+
+#include "index/IndexServer.h"
+#include "sim/SimHost.h"
+
+class SimIndex {
+  public:
+    static constexpr u16 port = 4661;
+
+    SimIndex(Simulation& simulation, SimMachine& machine, IndexIdentity identity = {},
+             IndexLimits limits = {})
+        : disk_(simulation),
+          host_(simulation, machine, disk_),
+          server(host_.host, std::move(identity), limits, log_) {
+        server.listen(0, port);
+        server.start();
+    }
+    u32 address() const { return host_.machine.address(); }
+
+  private:
+    struct Silence final : EventLog {
+        Silence() : EventLog(Level::quiet) {}
+        void write(const char*) override {}
+    };
+    SimDisk disk_;
+    SimHost host_;
+    Silence log_;
+
+  public:
+    IndexServer server;
+};

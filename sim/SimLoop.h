@@ -1,0 +1,35 @@
+// SimLoop, a loop that gets its turns from a simulation.
+#pragma once
+
+#include "sim/SimSocketSet.h"
+#include "sim/Simulation.h"
+
+class Thread;
+
+// Thread: the simulation's.
+class SimLoop final : public Loop, public SimSleeper {
+  public:
+    SimLoop(Simulation& simulation, Thread& thread);
+    ~SimLoop() override;
+
+    bool start() override;
+    void stop() override;
+    void wake() override;
+    void socketReady() override;
+    // One turn, unless the wish with that ticket isn't the last.
+    void fire(u64 ticket);
+
+  private:
+    void wish(i64 at);
+    SimSocketSet* set() const;
+
+    Simulation& simulation_;
+    Thread& thread_;
+    const u64 number_;
+    bool running_ = false;
+    bool inTurn_ = false;
+    bool woken_ = false;  // in this turn
+    i64 notBefore_ = 0;
+    i64 wished_ = Rest::unlimited;
+    u64 ticket_ = 0;
+};

@@ -1,0 +1,92 @@
+// SimSocket, one end of a simulated stream, a door, or a port for datagrams.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "i4min/network/socket.h"
+#include "sim/SimNetwork.h"
+#include "sim/SimSocketSet.h"
+
+// One end of a stream.
+struct SimStreamEnd {
+    SimMachine* machine = nullptr;
+    SimSocket* socket = nullptr;  // null once it was closed
+    u32 ip = 0;                   // as the other side sees it
+    u16 port = 0;
+    std::deque<std::vector<u8>> toSend;
+    std::size_t toSendBytes = 0;
+    std::deque<std::vector<u8>> received;
+    std::size_t taken = 0;          // of the first piece of `received`
+    std::size_t receivedBytes = 0;  // that wait to be read
+    std::size_t onTheWay = 0;       // that this end has sent and the other hasn't got yet
+    bool closed = false;            // it sends no more
+    bool endSent = false;
+    bool otherEnded = false;
+    bool queued = false;  // in its machine's pipe
+    i64 lastArrival = 0;  // of what this end sends
+};
+
+// What both ends of a stream share.
+struct SimStream {
+    SimStreamEnd ends[2];
+    bool broken = false;  // was reset
+    u64 number = 0;
+};
+
+// Thread: the simulation's.
+class SimSocket final : public i4_socket, private SimMember {
+  public:
+    enum class Kind { connecting, stream, refused, door, datagrams };
+    SimSocket(SimMachine& machine, Kind kind, u16 port);
+    SimSocket(SimMachine& machine, std::shared_ptr<SimStream> stream, int side);
+    ~SimSocket() override;
+
+    i32 read(void* buffer, u32 count) override;
+    i32 write(const void* buffer, u32 count) override;
+    i32 write_more(const void* buffer, u32 count) override { return write(buffer, count); }
+    u32 seek(u32) override { return 0; }
+    u32 size() override { return 0; }
+    u32 tell() override { return 0; }
+    bool accept(std::unique_ptr<i4_socket>& out) override;
+    i32 read_from(void* buffer, u32 length, std::unique_ptr<i4_address>* out_address) override;
+    i32 write_to(const void* buffer, u32 length, const i4_address& address) override;
+    u32 ready(u32 mask, i32 timeout_ms, i4_status_class* status) override;
+    void add_to_set(i4_socket_set& set, u32 mask, void* owner) override;
+    void remove_from_set(i4_socket_set& set) override;
+    u32 check_in_set(const i4_socket_set& set, u32 mask) override;
+    void change_in_set(i4_socket_set& set, u32 mask) override;
+    bool cancel() override;
+    void set_blocking(bool) override {}
+    std::unique_ptr<i4_address> local_address() override;
+    std::unique_ptr<i4_address> remote_address() override;
+    bool atEnd() const override { return atEnd_; }
+
+    // What it is ready for, of all.
+
+  private:
+    friend class SimNetwork;
+    friend class SimMachine;
+    struct Datagram {
+        std::string bytes;
+        u32 ip;
+        u16 port;
+    };
+    SimStreamEnd& own() const { return stream_->ends[side_]; }
+    SimStreamEnd& other() const { return stream_->ends[1 - side_]; }
+    u32 readiness() const override;
+    void close();
+
+    SimMachine& machine_;
+    Kind kind_;
+    u16 port_;
+    u64 call_ = 0;  // the number of the connect that is under way
+    std::shared_ptr<SimStream> stream_;
+    int side_ = 0;
+    bool cancelled_ = false;
+    bool atEnd_ = false;
+    std::deque<std::unique_ptr<SimSocket>> arrived_;  // at a door
+    std::deque<Datagram> datagrams_;
+};
