@@ -13,7 +13,7 @@ constexpr i64 tickEvery = 100;          // ms
 constexpr i32 saveEvery = 300'000;      // ms
 constexpr i32 checkDiskEvery = 60'000;  // ms
 constexpr i32 sourcePacing = 500;       // ms
-constexpr u32 idleLimit = 120'000;      // ms after which a silent Peer is closed
+constexpr i64 idleLimit = 120'000;      // ms after which a silent Peer is closed
 constexpr f32 leastThreshold = 0.5F;    // KB/s
 
 }  // namespace
@@ -62,6 +62,7 @@ Rest DLPool::run() {
 // A download that has something to do ticks; otherwise the disk, the saves and idle peers have their times.
 Rest DLPool::untilDue() {
     i64 due = Rest::unlimited;
+    ticks_ = true;
     {
         const i4_guard guard(downloads_);
         for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
@@ -69,11 +70,11 @@ Rest DLPool::untilDue() {
             due = std::min(diskTimer_, saveTimer_);
         }
     }
+    ticks_ = false;
     const i4_guard guard(needs_.peers);
     for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.next(c);) {
         if (peer->isClosing()) continue;
-        const u32 idle = peer->idle;
-        due = std::min<i64>(due, idle > idleLimit ? 0 : idleLimit + 1 - idle);
+        due = std::min(due, std::max<i64>(idleLimit + 1 - peer->idleMs(), 0));
     }
     return due == Rest::unlimited ? Rest::untilWoken() : Rest::atMost(due);
 }
@@ -82,10 +83,11 @@ void DLPool::tick(i32 elapsed) {
     checkOwnThread();
     sinceStart_ = std::min(sinceStart_ + elapsed, sourcePacing);
     updateCanStart();
-    const f32 total = tickDownloads(elapsed);
+    // After a rest in which no download had anything to do, their time starts anew.
+    const f32 total = tickDownloads(ticks_ ? elapsed : 0);
     needs_.core.preferences.curDownSpeed = total;
     if (total > needs_.core.preferences.maxDownSpeed) needs_.core.preferences.maxDownSpeed = total;
-    closeIdlePeers(elapsed);
+    closeIdlePeers();
     diskTimer_ -= elapsed;
     if (diskTimer_ < 1) {
         diskTimer_ = checkDiskEvery;
@@ -110,11 +112,10 @@ f32 DLPool::tickDownloads(i32 elapsedMs) {
     return total;
 }
 
-void DLPool::closeIdlePeers(i32 elapsedMs) {
+void DLPool::closeIdlePeers() {
     const i4_guard guard(needs_.peers);
     for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.next(c);) {
-        peer->idle.add(static_cast<u32>(elapsedMs));
-        if (peer->idle > idleLimit) peer->close();
+        if (peer->idleMs() > idleLimit) peer->close();
     }
 }
 

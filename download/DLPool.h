@@ -68,7 +68,7 @@ class DLPool : public Thread, public DownloadOwner {
     template <class Operation>
     bool byPriority(Operation operation) REQUIRES(downloads_);
     f32 tickDownloads(i32 elapsedMs);  // their total speed
-    void closeIdlePeers(i32 elapsedMs);
+    void closeIdlePeers();
     void saveDownloads();
     void measureFreeSpace();
     Rest untilDue();
@@ -78,7 +78,8 @@ class DLPool : public Thread, public DownloadOwner {
     const DownloadNeeds& needs_;
     const Clock& clock_;
     Moment lastTick_;
-    LLsafe<Download> downloads_{LockRank::downloads};                         // in the order of adding
+    bool ticks_ = true;                                // at the last turn a download had something to do
+    LLsafe<Download> downloads_{LockRank::downloads};  // in the order of adding
     std::unordered_map<MD4Hash, Download*> byRecord_ GUARDED_BY(downloads_);  // by their records' hashes
     std::unordered_set<std::string> dataFiles_ GUARDED_BY(downloads_);        // by their bare names
     i32 saveTimer_ = 300'000;                                                 // ms

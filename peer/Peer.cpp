@@ -94,11 +94,17 @@ Peer::Peer(SocketPool& pool, const PeerNeeds& needs, u32 toId, u16 toPort)
     : Connection(pool, toId, toPort), needs_(needs) {
     user_.id = toId;
     user_.port = toPort;
+    showLife();
 }
 
 Peer::Peer(SocketPool& pool, const PeerNeeds& needs, std::unique_ptr<i4_socket> accepted)
-    : Connection(pool, std::move(accepted)), needs_(needs) {}
+    : Connection(pool, std::move(accepted)), needs_(needs) {
+    showLife();
+}
 Peer::~Peer() = default;
+
+void Peer::showLife() { aliveAt = needs_.core.host.clock.now().us; }
+i64 Peer::idleMs() const { return (needs_.core.host.clock.now().us - aliveAt) / 1000; }
 
 Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted) {
     return new Peer(pool(), needs_, std::move(accepted));
@@ -138,12 +144,13 @@ void Peer::gone() {
 }
 
 void Peer::joinPeers() {
+    showLife();
     const i4_guard guard(needs_.peers);
     if (!needs_.peers.contains(this)) needs_.peers.addUnsafe(this);
 }
 
 bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
-    idle = 1;
+    showLife();
     PeerListener& listener = needs_.listener;
     switch (opcode) {
         case OP_HELLO:
@@ -367,7 +374,7 @@ void Peer::sendIdentity() {
 bool Peer::sendMessage(const char* text) {
     const std::size_t length = i4_strlen(text);
     if (length > longestText) return false;
-    idle = 1;
+    showLife();
     auto packet = makePacket(OP_CHAT_MESSAGE, static_cast<u32>(2 + length));
     i4_write_string(packet->stream, text);
     send(std::move(packet));

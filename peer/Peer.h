@@ -50,7 +50,10 @@ class Peer : public Connection {
     i4_string userName() const EXCLUDES(userLock_);
     MD4Hash userHash() const EXCLUDES(userLock_);
 
-    Relaxed<u32> idle{1};  // ms since the connection last did something
+    // When the connection last did something, in microseconds of the clock.
+    Relaxed<i64> aliveAt;
+    void showLife();
+    i64 idleMs() const;
 
   protected:
     void gone() override;

@@ -127,7 +127,7 @@ void Upload::sendNext() {
     }
     position_ += length;
     peer_->send(std::move(packet));
-    peer_->idle = 1;
+    peer_->showLife();
     if (position_ >= ranges_[0].end) finishRange();
 }
 

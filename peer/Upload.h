@@ -3,6 +3,7 @@
 
 #include <array>
 #include <memory>
+#include <utility>
 
 #include "core/UIInterface.h"
 #include "i4min/file/file.h"
@@ -37,6 +38,9 @@ class Upload : public RefCounter {
     ~Upload() override;
     // Reads `length` bytes at the present position. False on failure.
     virtual bool readData(u8* buffer, u32 length);
+    // Of the time between two ticks, what is this transfer's: nothing the first time, since it has just
+    // begun.
+    i32 ownTime(i32 elapsedMs) { return std::exchange(isTimed_, true) ? elapsedMs : 0; }
     virtual void updateSpeed(i32 elapsedMs);
     // What the peer asks for; the first range is sent first. A range whose end isn't above its start is
     // empty.
@@ -80,7 +84,8 @@ class Upload : public RefCounter {
     std::array<Range, 3> finished_{};  // the ranges that were finished last, the newest first
     bool askedForNothing_ = false;     // the last request was for three empty ranges
     u32 position_ = 0;                 // the next byte to send
-    i32 speedClock_ = 0;               // ms since the last sample
+    bool isTimed_ = false;
+    i32 speedClock_ = 0;  // ms since the last sample
     std::array<f32, 8> speeds_{};
     u32 lastBytes_ = 0;
     u32 speedIndex_ = 0;

@@ -254,9 +254,10 @@ void UploadPool::tick(i32 elapsedMs) {
     f32 total = 0;
     std::vector<Upload*> silent;
     for (LL<Upload>::Cursor c; Upload* upload = uploads_.next(c);) {
-        upload->updateSpeed(elapsedMs);
+        const i32 ms = upload->ownTime(elapsedMs);
+        upload->updateSpeed(ms);
         total += upload->speed;
-        if (!upload->waitOn(elapsedMs)) silent.push_back(upload);
+        if (!upload->waitOn(ms)) silent.push_back(upload);
     }
     for (Upload* upload : silent) endLocked(*upload);
     needs_.core.preferences.curUpSpeed = total;

@@ -34,7 +34,7 @@ void UploadSlot::tellPeer() {
             break;
         case ConnectResult::neitherReachable:
         case ConnectResult::impossible:
-            elapsed_ = slotLimit;
+            elapsed_ = slotLimit + 1;
             break;
     }
 }
@@ -42,7 +42,8 @@ void UploadSlot::tellPeer() {
 i32 UploadSlot::untilDue() const { return slotLimit + 1 - elapsed_; }
 
 bool UploadSlot::tick(i32 elapsedMs) {
-    elapsed_ += elapsedMs;
+    if (isTimed_) elapsed_ += elapsedMs;
+    isTimed_ = true;
     if (elapsed_ <= slotLimit) return true;
     if (!retry_) {
         needs_.core.log.printVerbose("Slot time out: %s\n", orEmpty(getName()));

@@ -30,7 +30,8 @@ class UploadSlot {
     const PeerNeeds& needs_;
     UploadOwner& owner_;
     bool retry_ = false;
-    i32 elapsed_ = 0;  // ms since the user was last tried
+    i32 elapsed_ = 0;       // ms since the user was last tried
+    bool isTimed_ = false;  // the first tick starts the time: what passed before isn't this slot's
     UserMeta user_;
     const u32 identity_;
 };
