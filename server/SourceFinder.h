@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "meta/MD4Hash.h"
 #include "server/ServerAsk.h"
 
 // Thread: any.

@@ -12,6 +12,7 @@ void SimScreen::say(Text kind, const char* format, va_list list) {
     std::vsnprintf(line, sizeof line, format, list);
     text += line;
     if (kind == Text::line) text += '\n';
+    if (onLine) onLine(line);
 }
 
 void SimScreen::setResults(FileList* list, u8) {
@@ -20,7 +21,17 @@ void SimScreen::setResults(FileList* list, u8) {
     for (FileMeta* file : list->snapshot()) results.emplace_back(file);
 }
 
-void SimScreen::downloadRemoved(Download* download) { ended.push_back(download->partialRef()->getHash()); }
+void SimScreen::addResult(FileMeta* file) {
+    ++added;
+    results.emplace_back(file);
+}
+
+void SimScreen::downloadRemoved(Download* download) {
+    const Ref<PartialFile> partial = download->partialRef();
+    if (!partial || !partial->isFinished() || partial->status() == PartialFile::gone) return;
+    finished.push_back(partial->getHash());
+    if (onFinished) onFinished(partial->getHash(), partial->finalPath().c_str());
+}
 
 SimClient::SimClient(Simulation& simulation, SimMachine& machine, SimDisk& disk)
     : host_(simulation, machine, disk), engine(host_.host, home, screen) {
@@ -42,11 +53,14 @@ void SimClient::share(const std::string& directory) {
     engine.clientApp.setSharedDirs(dirs);
 }
 
-void SimClient::search(const std::string& words) {
+void SimClient::search(const std::string& words, const char* type) {
     Ref<Search> search(new Search);
     search->add(std::make_unique<SN_FindStr>(words.c_str()), SEARCH_AND);
+    if (type) search->add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, type), SEARCH_AND);
     engine.clientApp.startSearch(search);
 }
+
+void SimClient::extendSearch() { engine.clientApp.extendSearch(); }
 
 void SimClient::download(const FileMeta& file) {
     std::shared_ptr<FileMeta> record = copyOf(file);
@@ -62,5 +76,5 @@ bool SimClient::isOnline() { return engine.serverPool.isOnline(); }
 Ref<Download> SimClient::find(const MD4Hash& hash) { return engine.dlPool.findByRecord(hash); }
 
 bool SimClient::hasFinished(const MD4Hash& hash) const {
-    return std::find(screen.ended.begin(), screen.ended.end(), hash) != screen.ended.end();
+    return std::find(screen.finished.begin(), screen.finished.end(), hash) != screen.finished.end();
 }

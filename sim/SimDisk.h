@@ -51,6 +51,8 @@ class SimDisk final : public Disk {
     void shortAt(u64 call);            // that one writes half
     void cutPowerAt(u64 call);         // before that one the power goes
     void setRoom(u64 bytes) { room_ = bytes; }
+    // The power goes between two operations: those that come fail.
+    void cutPower() { isOff_ = true; }
     // After a power cut: what is there when the power is back.
     void restart();
     // What was written so far, in bytes, and how often something was synced.

@@ -12,17 +12,17 @@ class SimHost {
     SimHost(Simulation& simulation, SimMachine& itsMachine, SimDisk& itsDisk)
         : machine(itsMachine),
           disk(itsDisk),
-          scheduler_(simulation),
+          scheduler(simulation),
           random_(simulation.seed() * 0x9E3779B97F4A7C15 + itsMachine.address()),
-          host{simulation, scheduler_, itsDisk, random_, itsMachine} {}
+          host{simulation, scheduler, itsDisk, random_, itsMachine} {}
     SimHost(const SimHost&) = delete;
     SimHost& operator=(const SimHost&) = delete;
 
     SimMachine& machine;
     SimDisk& disk;
+    SimScheduler scheduler;
 
   private:
-    SimScheduler scheduler_;
     SimRandom random_;
 
   public:

@@ -17,6 +17,7 @@ class SimIndex {
         server.start();
     }
     u32 address() const { return host_.machine.address(); }
+    SimMachine& machine() { return host_.machine; }
 
   private:
     struct Silence final : EventLog {

@@ -9,7 +9,7 @@ class Thread;
 // Thread: the simulation's.
 class SimLoop final : public Loop, public SimSleeper {
   public:
-    SimLoop(Simulation& simulation, Thread& thread);
+    SimLoop(SimScheduler& scheduler, Thread& thread);
     ~SimLoop() override;
 
     bool start() override;
@@ -23,6 +23,7 @@ class SimLoop final : public Loop, public SimSleeper {
     void wish(i64 at);
     SimSocketSet* set() const;
 
+    SimScheduler& scheduler_;
     Simulation& simulation_;
     Thread& thread_;
     const u64 number_;

@@ -378,6 +378,12 @@ void SimNetwork::reset(SimMachine& a, SimMachine& b) {
     }
 }
 
+void SimNetwork::resetAll(SimMachine& machine) {
+    for (const auto& stream : streams()) {
+        if (stream->ends[0].machine == &machine || stream->ends[1].machine == &machine) breakOff(stream);
+    }
+}
+
 void SimNetwork::resetAfter(SimMachine& machine, u64 bytes) { resetAfter_[&machine] = bytes; }
 
 void SimNetwork::split(const std::vector<SimMachine*>& machines, int island) {

@@ -20,9 +20,10 @@ struct SimStreamEnd;
 struct Link {
     i64 upBytesPerSecond = 0;  // 0 for no limit
     i64 downBytesPerSecond = 0;
-    i32 latencyMs = 25;  // one way, to the middle of the network
-    i32 jitterMs = 0;    // at most so much more
-    double loss = 0;     // of a datagram: it vanishes; of a piece of a stream: it comes 200 ms late
+    i32 latencyMs = 25;       // one way, to the middle of the network
+    i32 jitterMs = 0;         // at most so much more
+    bool firewalled = false;  // calls from outside, and datagrams that nobody here asked for, meet silence
+    double loss = 0;          // of a datagram: it vanishes; of a piece of a stream: it comes 200 ms late
 };
 
 // One direction of a line. Streams send pieces of equal size in turn, so that each gets a fair share.
@@ -68,11 +69,10 @@ class SimMachine final : public i4_protocol {
     const Link& link() const { return link_; }
     SimPipe& up() { return router_ ? router_->up : up_; }
     SimPipe& down() { return router_ ? router_->down : down_; }
-    bool takesCalls() const { return !firewalled && !router_ && !gone; }
+    bool takesCalls() const { return !link_.firewalled && !router_ && !gone; }
 
-    bool firewalled = false;  // calls from outside, and datagrams that nobody here asked for, meet silence
-    bool gone = false;        // it has lost its power: nothing comes from it and nothing reaches it
-    int island = 0;           // machines on different islands don't reach each other
+    bool gone = false;  // it has lost its power: nothing comes from it and nothing reaches it
+    int island = 0;     // machines on different islands don't reach each other
 
     const char* protocol_name() const override { return "simulated"; }
     u32 protocol_type() const override { return 0; }
@@ -120,6 +120,7 @@ class SimNetwork {
 
     // Ends every stream between two machines with a reset.
     void reset(SimMachine& a, SimMachine& b);
+    void resetAll(SimMachine& machine);
     // The streams of a machine end with a reset once it has received that many more bytes.
     void resetAfter(SimMachine& machine, u64 bytes);
     // Puts machines on an island of their own; 0 is the mainland.

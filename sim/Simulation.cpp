@@ -48,7 +48,6 @@ bool Simulation::step(i64 until) {
         const auto loop = loops_.find(event.loop);
         if (loop != loops_.end()) loop->second->fire(event.ticket);
     }
-    for (const Action& check : invariants_) check();
     return true;
 }
 
@@ -68,11 +67,14 @@ void Simulation::runFor(i64 ms) {
 }
 
 std::unique_ptr<Loop> SimScheduler::makeLoop(Thread& thread) {
-    return std::make_unique<SimLoop>(simulation_, thread);
+    return std::make_unique<SimLoop>(*this, thread);
 }
 
-SimLoop::SimLoop(Simulation& simulation, Thread& thread)
-    : simulation_(simulation), thread_(thread), number_(simulation_.loopsMade_++) {}
+SimLoop::SimLoop(SimScheduler& scheduler, Thread& thread)
+    : scheduler_(scheduler),
+      simulation_(scheduler.simulation),
+      thread_(thread),
+      number_(simulation_.loopsMade_++) {}
 
 SimLoop::~SimLoop() { stop(); }
 
@@ -123,6 +125,7 @@ void SimLoop::fire(u64 ticket) {
     Rest rest = Rest::none();
     const bool goesOn = thread_.turn(rest);
     inTurn_ = false;
+    if (scheduler_.afterTurn) scheduler_.afterTurn();
     if (!running_) return;  // it was stopped in its turn
     if (!goesOn) {
         running_ = false;

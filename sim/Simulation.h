@@ -52,8 +52,6 @@ class Simulation final : public Clock {
     bool runUntil(const std::function<bool()>& done, i64 limitMs);
     void runFor(i64 ms);
 
-    // Runs behind each event: what has to be true at any time. It raises where it isn't.
-    void addInvariant(Action check) { invariants_.push_back(std::move(check)); }
     // Every loop gets a turn at least that often, in milliseconds, whatever it says; 0 for never. A story
     // that ends sooner so has a loop that forgot a deadline or a wake-up.
     void pollLoopsEvery(i64 ms) { pollEvery_ = ms; }
@@ -87,7 +85,6 @@ class Simulation final : public Clock {
     std::priority_queue<Event, std::vector<Event>, std::greater<>> events_;
     std::unordered_map<u64, SimLoop*> loops_;  // that run, by number
     u64 loopsMade_ = 0;
-    std::vector<Action> invariants_;
     i64 pollEvery_ = 0;
     u64 nextNumber_ = 0;
     u64 turns_ = 0;
@@ -98,9 +95,9 @@ class Simulation final : public Clock {
 // The scheduler of one simulated machine.
 class SimScheduler final : public Scheduler {
   public:
-    explicit SimScheduler(Simulation& simulation) : simulation_(simulation) {}
+    explicit SimScheduler(Simulation& itsSimulation) : simulation(itsSimulation) {}
     std::unique_ptr<Loop> makeLoop(Thread& thread) override;
 
-  private:
-    Simulation& simulation_;
+    Simulation& simulation;
+    std::function<void()> afterTurn;  // behind each turn of one of its loops
 };

@@ -353,7 +353,7 @@ TEST_F(Service, AnswersDatagrams) {
 // --- Over sockets
 
 TEST(IndexServer, BadClientsCostOnlyThemselves) {
-    IndexServerProcess index({}, {"--name", "Story", "--max-clients", "40", "--log", "debug"});
+    IndexServerProcess index({"--name", "Story", "--max-clients", "40", "--log", "debug"});
     const u32 port = index.portNumber();
     RawClient low(port);
     low.shutDoor();

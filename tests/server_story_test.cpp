@@ -1,7 +1,6 @@
 // Clients at their consoles with real index servers, and a second client that the test speaks for.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "tests/support/Network.h"
@@ -36,46 +35,6 @@ TEST(ServerStory, SearchesSeesTheServerAndLeavesIt) {
 
     EXPECT_TRUE(client.type("x", "Disconnected\n"));
     EXPECT_TRUE(client.type("g", "Not connected to a server."));
-    client.quit();
-}
-
-TEST(ServerStory, FallsBackToTheNextServerAndComesBackByItself) {
-    auto first = std::make_unique<IndexServerProcess>();
-    IndexServerProcess second;
-    Client client("nomad", *first);
-    client.start();
-    EXPECT_TRUE(client.type("n 127.0.0.1 " + second.port(), "added"));
-    EXPECT_TRUE(client.type("c 1", "Connected to: "));
-    ASSERT_TRUE(first->said("(nomad)"));
-    first.reset();
-    ASSERT_TRUE(client.console().waitFor("Disconnected\n"));
-    // The one that is dead now may be tried first: then the next one is.
-    EXPECT_TRUE(client.type("auto", "Connected to: ")) << client.console().output();
-    EXPECT_TRUE(second.said("(nomad)"));
-    client.quit();
-}
-
-TEST(ServerStory, AnExtendedSearchReachesTheOtherServer) {
-    IndexServerProcess here;
-    IndexServerProcess there;
-    RawClient sharer(there.portNumber());
-    ASSERT_GT(sharer.logOn(), 0u);
-    sharer.say(opcode(21, le32(1) + sharedFile('a', "far away film", "Video")));
-    ASSERT_TRUE(there.said("has published"));
-    Client client("seeker", here);
-    client.start();
-    EXPECT_TRUE(client.type("xs", "No search to extend."));
-    EXPECT_TRUE(client.type("n 127.0.0.1 " + there.port(), "added"));
-    EXPECT_TRUE(client.type("c 1", "Connected to: "));
-    EXPECT_TRUE(client.type("s far", "Results returned\n"));
-    EXPECT_TRUE(client.type("vr", "None."));
-    EXPECT_TRUE(client.type("xs", "Extending to: "));
-    EXPECT_TRUE(
-        eventually([&] { return client.view("vr", "> ").find("far away film") != std::string::npos; }));
-    EXPECT_TRUE(client.type("xs", "No more servers to extend to."));
-    // The download asks the other server by datagram, hears of the source, and calls it.
-    EXPECT_TRUE(client.type("d 1", "Downloading: "));
-    EXPECT_TRUE(sharer.isCalled()) << client.console().output();
     client.quit();
 }
 

@@ -47,6 +47,8 @@ void i4_rank_pop(LockRank rank) {
     }
 }
 
+bool i4_holds_locks() { return held.count > 0; }
+
 void i4_mutex::lock() {
     i4_rank_push(rank_);
     mutex_.lock();

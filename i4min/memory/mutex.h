@@ -29,6 +29,9 @@ void i4_rank_pop(LockRank rank);
 // The same for one that was tried: who gives up rather than waits may take it out of the order.
 void i4_rank_push_tried(LockRank rank);
 
+// Whether this thread holds a lock that has a rank; false in a release build.
+bool i4_holds_locks();
+
 // Scope guard for anything with lock() and unlock(): an i4_mutex, an LLsafe, a MetaList.
 template <class Lockable>
 class SCOPED_CAPABILITY i4_guard {

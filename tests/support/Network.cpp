@@ -3,13 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -21,27 +19,7 @@ namespace {
 const std::string banner = "Enter commands at any time (type '?' for help)\n";
 const std::string loaded = "Done loading shared files.\n";
 
-// A program and its arguments, to be run on that host.
-std::vector<std::string> onHost(const Place& host, const std::string& program,
-                                const std::vector<std::string>& arguments) {
-    std::vector<std::string> words;
-    if (!host.space.empty()) words = {"/usr/bin/nsenter", "--net=" + host.space, "--"};
-    words.push_back(program);
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return words;
-}
-
-std::unique_ptr<Process> startOn(const Place& host, const std::string& program,
-                                 const std::vector<std::string>& arguments, const std::string& directory,
-                                 Process::Input input) {
-    const std::vector<std::string> words = onHost(host, programPath(program), arguments);
-    return std::make_unique<Process>(words[0], std::vector<std::string>(words.begin() + 1, words.end()),
-                                     directory, input);
-}
-
-std::string pathOf(int space) {
-    return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(space);
-}
+const std::string loopback = "127.0.0.1";
 
 }  // namespace
 
@@ -58,61 +36,14 @@ int freePort() {
     return bound ? ntohs(address.sin_port) : 0;
 }
 
-// --- NamespaceNetwork
-
-NamespaceNetwork::NamespaceNetwork(std::size_t hosts) {
-    const int own = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    bool made = ::geteuid() == 0 && addSpace();
-    for (std::size_t i = 0; made && i < hosts; ++i) made = addSpace();
-    if (::setns(own, CLONE_NEWNET) != 0) made = false;
-    ::close(own);
-    if (!made) {
-        why_ = "network namespaces can't be made here: they take root and CAP_SYS_ADMIN";
-        return;
-    }
-    const std::string hub = pathOf(spaces_[0]);
-    made =
-        ip(hub, "link add bridge type bridge") && ip(hub, "link set bridge up") && ip(hub, "link set lo up");
-    for (std::size_t i = 0; made && i < hosts; ++i) {
-        const std::string space = pathOf(spaces_[i + 1]);
-        const std::string cable = "cable" + std::to_string(i);
-        hosts_.push_back({"10.77.0." + std::to_string(i + 1), space});
-        made = ip(hub, "link add " + cable + " type veth peer name net0 netns " + space) &&
-               ip(hub, "link set " + cable + " master bridge up") &&
-               ip(space, "address add " + hosts_[i].address + "/24 dev net0") &&
-               ip(space, "link set net0 up") && ip(space, "link set lo up");
-    }
-    if (!made) why_ = "a network of namespaces can't be made here: ip from iproute2 is missing or refuses";
-}
-
-NamespaceNetwork::~NamespaceNetwork() {
-    for (const int space : spaces_) ::close(space);
-}
-
-bool NamespaceNetwork::addSpace() {
-    if (::unshare(CLONE_NEWNET) != 0) return false;
-    spaces_.push_back(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
-    return spaces_.back() >= 0;
-}
-
-// The answers to a call go by a rule of their own, which drops them.
-bool NamespaceNetwork::shutPort(std::size_t index, const std::string& port) {
-    return ip(hosts_.at(index).space, "rule add pref 10 ipproto tcp sport " + port + " blackhole");
-}
-
-bool NamespaceNetwork::ip(const std::string& space, const std::string& arguments) {
-    const std::string command = "nsenter --net=" + space + " ip " + arguments + " >/dev/null 2>&1";
-    return std::system(command.c_str()) == 0;
-}
-
 // --- IndexServerProcess
 
-IndexServerProcess::IndexServerProcess(const Place& host, const std::vector<std::string>& options)
-    : host_(host) {
-    std::vector<std::string> arguments{"--port", "0", "--bind", host.address};
+IndexServerProcess::IndexServerProcess(const std::vector<std::string>& options) {
+    std::vector<std::string> arguments{"--port", "0", "--bind", loopback};
     arguments.insert(arguments.end(), options.begin(), options.end());
-    process_ = startOn(host, "tarnwick-index", arguments, home_.path(), Process::Input::pipe);
-    const std::string listening = "Listening on " + host.address + ":";
+    process_ = std::make_unique<Process>(programPath("tarnwick-index"), arguments, home_.path(),
+                                         Process::Input::pipe);
+    const std::string listening = "Listening on " + loopback + ":";
     EXPECT_TRUE(process_->waitFor(listening));
     EXPECT_TRUE(process_->waitFor(","));
     const std::string& output = process_->output();
@@ -138,23 +69,16 @@ int IndexServerProcess::stop() {
 
 // --- Client
 
-Client::Client(const std::string& name, const IndexServerProcess& index, const Place& host,
-               const std::string& program)
-    : name_(name),
-      program_(program),
-      host_(host),
-      server_(index.host()),
-      serverPort_(index.port()),
-      doorPort_(std::to_string(freePort())) {
-    run({"port " + doorPort_, "name " + name, "n " + server_.address + " " + serverPort_},
-        Process::Input::pipe);
+Client::Client(const std::string& name, const IndexServerProcess& index)
+    : name_(name), serverPort_(index.port()), doorPort_(std::to_string(freePort())) {
+    run({"port " + doorPort_, "name " + name, "n " + loopback + " " + serverPort_}, Process::Input::pipe);
     process_->closeInput();
     EXPECT_EQ(process_->wait(), 1) << process_->output();
 }
 
 void Client::run(const std::vector<std::string>& arguments, Process::Input input) {
     kill();
-    process_ = startOn(host_, program_, arguments, home_.path(), input);
+    process_ = std::make_unique<Process>(programPath("tarnwick"), arguments, home_.path(), input);
 }
 
 void Client::launch(const std::vector<std::string>& arguments) { run(arguments, Process::Input::terminal); }

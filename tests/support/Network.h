@@ -1,5 +1,4 @@
-// A private network of real processes: an index server and clients in directories of their own, on loopback
-// or in network namespaces that the test makes.
+// A private network of real processes on loopback: an index server and clients in directories of their own.
 #pragma once
 
 #include <memory>
@@ -13,51 +12,19 @@
 // The limit for a transfer, which a sanitizer and a busy machine make slow.
 inline constexpr std::chrono::seconds transferPatience{150};
 
-// A place on a network: a loopback address, or a namespace's own address.
-struct Place {
-    std::string address = "127.0.0.1";
-    std::string space;  // the path of a network namespace, empty for the test's own
-};
-
-// Namespaces that hang on one bridge, made by unshare() and ip; they go with this object and the processes in
-// them. Not every machine lets a test make them: usable() is false then, and why() tells the reason.
-class NamespaceNetwork {
-  public:
-    explicit NamespaceNetwork(std::size_t hosts);
-    NamespaceNetwork(const NamespaceNetwork&) = delete;
-    NamespaceNetwork& operator=(const NamespaceNetwork&) = delete;
-    ~NamespaceNetwork();
-    bool usable() const { return why_.empty(); }
-    const std::string& why() const { return why_; }
-    const Place& host(std::size_t index) const { return hosts_.at(index); }
-    // From now on whoever calls that port of the host hears nothing, as from behind a firewall. False where
-    // that can't be had.
-    bool shutPort(std::size_t index, const std::string& port);
-
-  private:
-    bool addSpace();
-    bool ip(const std::string& space, const std::string& arguments);
-
-    std::string why_;
-    std::vector<int> spaces_;
-    std::vector<Place> hosts_;
-};
-
 // tarnwick-index on a port that the system chose.
 class IndexServerProcess {
   public:
-    explicit IndexServerProcess(const Place& host = {}, const std::vector<std::string>& options = {});
+    explicit IndexServerProcess(const std::vector<std::string>& options = {});
     // In how many places `text` stands of what the server has said from its start on; said() waits until it
     // is in so many.
     int count(const std::string& text);
     bool said(const std::string& text, int times = 1);
     int stop();  // as its operator does; the exit status
-    const Place& host() const { return host_; }
     const std::string& port() const { return port_; }
     u_int portNumber() const { return static_cast<u_int>(std::stoul(port_)); }
 
   private:
-    const Place host_;
     TemporaryDirectory home_;
     std::unique_ptr<Process> process_;
     std::string port_;
@@ -67,8 +34,7 @@ class IndexServerProcess {
 // times.
 class Client {
   public:
-    Client(const std::string& name, const IndexServerProcess& index, const Place& host = {},
-           const std::string& program = "tarnwick");
+    Client(const std::string& name, const IndexServerProcess& index);
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
     ~Client();  // a complaint of a sanitizer or of the lock order fails the test
@@ -102,9 +68,6 @@ class Client {
     void run(const std::vector<std::string>& arguments, Process::Input input);
 
     const std::string name_;
-    const std::string program_;
-    const Place host_;
-    const Place server_;
     const std::string serverPort_;
     const std::string doorPort_;
     TemporaryDirectory home_;

@@ -14,14 +14,6 @@ class RawClient : public Caller {
         return u32At(await(64), 0);
     }
     void shutDoor() { door_.close(); }
-    // Somebody other than the server connects and says hello.
-    bool isCalled() {
-        Caller caller;
-        while (caller.accept(door_.descriptor())) {
-            if (caller.packet().substr(0, 2) == "\x01\x10") return true;
-        }
-        return false;
-    }
 
   private:
     Listener door_;

@@ -1,0 +1,252 @@
+#include "sim/SimOpponent.h"
+
+#include <algorithm>
+
+#include "index/IndexProtocol.h"
+#include "meta/FileMeta.h"
+#include "meta/address.h"
+
+namespace {
+
+constexpr u32 longestBody = 8 * 1024 * 1024;
+constexpr u32 dataAtOnce = 10'240;  // bytes of the file in a packet
+constexpr i64 second = 1'000'000;
+constexpr u8 helloMark = 16;
+
+MD4Hash userHash(u32 address) {
+    MD4Hash hash;
+    for (std::size_t i = 0; i < hash.bytes.size(); ++i) {
+        hash.bytes[i] = static_cast<u8>((address >> (i % 4 * 8)) + i * 37);
+    }
+    return hash;
+}
+
+// Hash, u32 ID, u16 port, and one tag: the name.
+void putUser(ByteWriter out, u32 address) {
+    out.hash(userHash(address)).put32(address).put16(SimOpponent::port);
+    out.put32(1).put8(2).put16(1).put8(1).text("stranger");
+}
+
+}  // namespace
+
+// --- One connection
+
+void SimTalk::say(u8 opcode, const Bytes& body) {
+    ByteWriter(toSend_).put8(packetMarker).put32(static_cast<u32>(body.size() + 1)).put8(opcode).put(body);
+}
+
+// These two are false where the other side has gone.
+bool SimTalk::flush() {
+    std::size_t done = 0;
+    i32 count = 1;
+    while (done < toSend_.size() && count > 0) {
+        count = socket_->write(toSend_.data() + done, static_cast<u32>(toSend_.size() - done));
+        if (count > 0) done += static_cast<std::size_t>(count);
+    }
+    toSend_.erase(toSend_.begin(), toSend_.begin() + static_cast<std::ptrdiff_t>(done));
+    return count >= 0;
+}
+
+bool SimTalk::receive() {
+    u8 block[16 * 1024];
+    for (;;) {
+        const i32 count = socket_->read(block, sizeof block);
+        if (count <= 0) return count == 0 && !socket_->atEnd();
+        frames_.feed({block, static_cast<std::size_t>(count)});
+    }
+}
+
+// --- The opponent
+
+SimOpponent::SimOpponent(SimHost& host, SimFileOffer offer)
+    : Thread(host.host.scheduler),
+      host_(host),
+      offer_(std::move(offer)),
+      set_(host.machine.new_socket_set(0)),
+      door_(host.machine.listen(port, 0, I4_STREAM, nullptr)) {
+    door_->add_to_set(*set_, I4_SELECT_READ, nullptr);
+    start();
+}
+
+SimOpponent::~SimOpponent() { stop(); }
+
+void SimOpponent::call(u32 toAddress, u16 toPort, SimTalk::Kind kind) {
+    i4_tcpip_address address;
+    address.address.sin_addr.s_addr = toAddress;
+    address.set_port(toPort);
+    talks_.push_back(std::make_unique<SimTalk>(host_.machine.connect(address, I4_STREAM, false), kind));
+    watch(*talks_.back());
+}
+
+void SimOpponent::logOn(u32 serverAddress, u16 serverPort) {
+    call(serverAddress, serverPort, SimTalk::Kind::toIndex);
+}
+
+void SimOpponent::visit(u32 toAddress, u16 clientPort) {
+    call(toAddress, clientPort, SimTalk::Kind::toClient);
+}
+
+void SimOpponent::watch(SimTalk& talk) {
+    const u32 mask = talk.isUp_ && !talk.hasToSend() ? I4_SELECT_READ : I4_SELECT_READ | I4_SELECT_WRITE;
+    if (talk.watched_ == 0) talk.socket_->add_to_set(*set_, mask, nullptr);
+    if (talk.watched_ != 0 && talk.watched_ != mask) talk.socket_->change_in_set(*set_, mask);
+    talk.watched_ = mask;
+}
+
+Rest SimOpponent::run() {
+    std::unique_ptr<i4_socket> caller;
+    while (door_->accept(caller)) {
+        talks_.push_back(std::make_unique<SimTalk>(std::move(caller), SimTalk::Kind::fromClient));
+        talks_.back()->isUp_ = true;
+        opened(*talks_.back());
+    }
+    const i64 now = host_.host.clock.now().us;
+    const bool ticks = now >= nextSecond_;
+    if (ticks) nextSecond_ = now + second;
+    // Whoever is called meanwhile gets his turn in the next round.
+    for (std::size_t i = 0, count = talks_.size(); i < count; ++i) {
+        SimTalk& talk = *talks_[i];
+        serve(talk);
+        if (ticks && talk.isUp_ && talk.kind_ != SimTalk::Kind::toIndex) eachSecond(talk);
+        if (talk.isUp_ && !talk.flush()) talk.ended_ = true;
+        if (!talk.ended_) watch(talk);
+    }
+    std::erase_if(talks_, [](const auto& talk) { return talk->ended_; });
+    return Rest::atMost((nextSecond_ - now) / 1000 + 1);
+}
+
+void SimOpponent::serve(SimTalk& talk) {
+    if (!talk.isUp_) {
+        const u32 ready = talk.socket_->ready(I4_SELECT_WRITE | I4_SELECT_ERROR, 0, nullptr);
+        if (ready & I4_SELECT_ERROR) talk.ended_ = true;
+        if (ready != I4_SELECT_WRITE) return;
+        talk.isUp_ = true;
+        sayFirst(talk);
+    }
+    if (!talk.receive()) talk.ended_ = true;
+    Bytes body;
+    while (!talk.ended_ && talk.frames_.next(body, longestBody)) {
+        ByteReader reader(body);
+        const u8 opcode = reader.read8();
+        if (talk.kind_ != SimTalk::Kind::toIndex) handle(talk, opcode, reader);
+    }
+    if (talk.frames_.isBroken(longestBody)) talk.ended_ = true;
+}
+
+// To an index server the log-on and what it shares; to a client a hello.
+void SimOpponent::sayFirst(SimTalk& talk) {
+    Bytes body;
+    if (talk.kind_ == SimTalk::Kind::toClient) {
+        ByteWriter(body).put8(helloMark).put(identity());
+        talk.say(OP_HELLO, body);
+        opened(talk);
+        return;
+    }
+    putUser(ByteWriter(body), address());
+    talk.say(OP_LOGON, body);
+    i4_owned_ram_file list;
+    list.write_32(1);
+    FileMeta record;
+    record.hash = offer_.hash;
+    record.setName(offer_.name.c_str());
+    record.setInt(TAG_SIZE, static_cast<u32>(offer_.content.size));
+    record.toNetwork(list);
+    talk.say(OP_PUBLISH_FILES, Bytes(list.buffer(), list.buffer() + list.size()));
+}
+
+// Its record, and a server that it is on.
+Bytes SimOpponent::identity() const {
+    Bytes body;
+    putUser(ByteWriter(body), address());
+    ByteWriter(body).put32(0).put16(0);
+    return body;
+}
+
+void SimOpponent::handle(SimTalk& talk, u8 opcode, ByteReader body) {
+    switch (opcode) {
+        case OP_HELLO:
+            return gotHello(talk);
+        case OP_GET_FILE_STATUS:
+            return askedStatus(talk);
+        case OP_GET_HASH_SET:
+            return askedHashSet(talk);
+        case OP_REQUEST_SLOT:
+            return askedSlot(talk);
+        case OP_REQUEST_PARTS: {
+            body.hash();
+            u32 starts[3];
+            for (u32& start : starts) start = body.read32();
+            for (const u32 start : starts) {
+                const u32 end = body.read32();
+                if (start < end && !body.failed()) askedRange(talk, start, end);
+            }
+            return;
+        }
+        default:
+            return heard(talk, opcode);
+    }
+}
+
+// --- What an honest one does
+
+void SimOpponent::opened(SimTalk&) {}
+void SimOpponent::heard(SimTalk&, u8) {}
+void SimOpponent::eachSecond(SimTalk&) {}
+void SimOpponent::gotHello(SimTalk& talk) { talk.say(OP_HELLO_ANSWER, identity()); }
+void SimOpponent::askedSlot(SimTalk& talk) { talk.say(OP_SLOT_GRANTED); }
+void SimOpponent::askedRange(SimTalk& talk, u32 start, u32 end) { sendData(talk, start, end); }
+
+void SimOpponent::askedStatus(SimTalk& talk) {
+    Bytes body = aboutFile();
+    ByteWriter(body).put16(0);  // all of it is here
+    talk.say(OP_FILE_STATUS, body);
+}
+
+void SimOpponent::askedHashSet(SimTalk& talk) { sendHashSet(talk, offer_.parts); }
+
+// --- For those that mean harm
+
+void SimOpponent::sendHashSet(SimTalk& talk, const std::vector<MD4Hash>& parts) {
+    Bytes body = aboutFile();
+    ByteWriter out(body);
+    out.put16(static_cast<u32>(parts.size()));
+    for (const MD4Hash& part : parts) out.hash(part);
+    talk.say(OP_HASH_SET, body);
+}
+
+void SimOpponent::sendData(SimTalk& talk, u32 start, u32 end) {
+    while (start < end) {
+        const u32 until = std::min(end, start + dataAtOnce);
+        sendData(talk, start, until, bytesOf(start, until));
+        start = until;
+    }
+}
+
+void SimOpponent::sendData(SimTalk& talk, u32 start, u32 end, const Bytes& bytes) {
+    Bytes body = aboutFile();
+    ByteWriter(body).put32(start).put32(end).put(bytes);
+    bytesServed_ += bytes.size();
+    talk.say(OP_FILE_DATA, body);
+}
+
+Bytes SimOpponent::aboutFile() const { return {offer_.hash.bytes.begin(), offer_.hash.bytes.end()}; }
+
+Bytes SimOpponent::bytesOf(u32 start, u32 end) const {
+    Bytes bytes(end - start);
+    u8 block[Synthetic::block];
+    for (u64 at = start; at < end;) {
+        const std::size_t count = offer_.content.read(at / Synthetic::block, block);
+        const std::size_t from = at % Synthetic::block;
+        if (count <= from) break;
+        const std::size_t take = std::min<std::size_t>(count - from, end - at);
+        std::copy_n(block + from, take, bytes.begin() + static_cast<std::ptrdiff_t>(at - start));
+        at += take;
+    }
+    return bytes;
+}
+
+Bytes SimOpponent::garbage(std::size_t count) {
+    Bytes bytes(count);
+    host_.host.random.fill(bytes.data(), count);
+    return bytes;
+}

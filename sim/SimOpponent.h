@@ -1,0 +1,110 @@
+// SimOpponent, a machine that speaks the clients' protocol by a script: honestly, or as somebody who means
+// harm.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "i4min/threads/linux/Thread.h"
+#include "index/FrameReader.h"
+#include "peer/PeerOpcodes.h"
+#include "sim/SimHost.h"
+
+// A file as it is published. Its bytes and its hash belong together.
+struct SimFileOffer {
+    std::string name;
+    Synthetic content;
+    MD4Hash hash;
+    std::vector<MD4Hash> parts;
+};
+
+// One connection of an opponent.
+class SimTalk {
+  public:
+    enum class Kind { fromClient, toClient, toIndex };
+    SimTalk(std::unique_ptr<i4_socket> socket, Kind kind) : kind_(kind), socket_(std::move(socket)) {}
+
+    void say(u8 opcode, const Bytes& body = {});
+    void sendRaw(const Bytes& bytes) { toSend_.insert(toSend_.end(), bytes.begin(), bytes.end()); }
+    void hangUp() { ended_ = true; }
+    bool hasToSend() const { return !toSend_.empty(); }
+
+  private:
+    friend class SimOpponent;
+    bool flush();
+    bool receive();
+
+    const Kind kind_;
+    std::unique_ptr<i4_socket> socket_;
+    FrameReader frames_;
+    Bytes toSend_;
+    u32 watched_ = 0;    // what the set is asked about
+    bool isUp_ = false;  // the connection stands
+    bool ended_ = false;
+};
+
+// Offers a file and answers everybody who comes for it. As it stands, it is honest, grants each a slot at
+// once and has the whole file; who means harm overrides one of the answers. sim/opponents.cpp has them.
+// Thread: the simulation's. Its host outlives it.
+class SimOpponent : public Thread {
+  public:
+    static constexpr u16 port = 4662;
+
+    SimOpponent(SimHost& host, SimFileOffer offer);
+    ~SimOpponent() override;
+
+    // Logs on to an index server and publishes the file there.
+    void logOn(u32 serverAddress, u16 serverPort = 4661);
+    // Connects to a client and says hello.
+    void visit(u32 address, u16 clientPort = port);
+    u32 address() const { return host_.machine.address(); }
+    u64 bytesServed() const { return bytesServed_; }
+
+    Rest run() override;
+    i4_socket_set* restingSet() const override { return set_.get(); }
+
+  protected:
+    // A client has connected, or its door has answered.
+    virtual void opened(SimTalk& talk);
+    virtual void gotHello(SimTalk& talk);
+    virtual void askedStatus(SimTalk& talk);
+    virtual void askedHashSet(SimTalk& talk);
+    virtual void askedSlot(SimTalk& talk);
+    virtual void askedRange(SimTalk& talk, u32 start, u32 end);
+    virtual void heard(SimTalk& talk, u8 opcode);  // of anything else
+    virtual void eachSecond(SimTalk& talk);
+
+    void sendHashSet(SimTalk& talk, const std::vector<MD4Hash>& parts);
+    // The bytes of the file in [start, end); or others, in one packet that says so.
+    void sendData(SimTalk& talk, u32 start, u32 end);
+    void sendData(SimTalk& talk, u32 start, u32 end, const Bytes& bytes);
+    Bytes aboutFile() const;  // its hash, as a body
+    Bytes bytesOf(u32 start, u32 end) const;
+    Bytes garbage(std::size_t count);
+
+    SimHost& host_;
+    const SimFileOffer offer_;
+
+  private:
+    void call(u32 toAddress, u16 toPort, SimTalk::Kind kind);
+    void watch(SimTalk& talk);
+    void serve(SimTalk& talk);
+    void sayFirst(SimTalk& talk);
+    void handle(SimTalk& talk, u8 opcode, ByteReader body);
+    Bytes identity() const;
+
+    const std::unique_ptr<i4_socket_set> set_;
+    const std::unique_ptr<i4_socket> door_;
+    std::vector<std::unique_ptr<SimTalk>> talks_;
+    i64 nextSecond_ = 0;
+    u64 bytesServed_ = 0;
+};
+
+// Those who mean harm, by name; what each does stands beside its row in sim/opponents.cpp.
+struct SimOpponentKind {
+    const char* name;
+    std::unique_ptr<SimOpponent> (*make)(SimHost& host, const SimFileOffer& offer);
+};
+extern const SimOpponentKind opponentKinds[];
+extern const std::size_t opponentKindCount;

@@ -1,0 +1,116 @@
+// Those who mean harm to who comes for a file, each in a way of its own.
+#include <algorithm>
+
+#include "sim/SimOpponent.h"
+
+namespace {
+
+// Sends other bytes than those of the file.
+class Liar : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        sendData(talk, start, end, garbage(end - start));
+    }
+};
+
+// Turns one bit in a hundred kilobytes.
+class Twister : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        Bytes bytes = bytesOf(start, end);
+        for (std::size_t at = 0; at < bytes.size(); at += 100'000) bytes[at] ^= 4;
+        sendData(talk, start, end, bytes);
+    }
+};
+
+// Grants a slot and sends an empty packet now and then.
+class Miser : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32) override { sendData(talk, start, start, {}); }
+    void eachSecond(SimTalk& talk) override { sendData(talk, 0, 0, {}); }
+};
+
+// Accepts a connection and never says a word.
+class Mute : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void gotHello(SimTalk&) override {}
+    void askedStatus(SimTalk&) override {}
+    void askedHashSet(SimTalk&) override {}
+    void askedSlot(SimTalk&) override {}
+    void askedRange(SimTalk&, u32, u32) override {}
+};
+
+// Says hello, and then what is no packet at all.
+class Babbler : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedSlot(SimTalk& talk) override { talk.sendRaw(garbage(5000)); }
+    void heard(SimTalk& talk, u8) override { talk.sendRaw(garbage(50)); }
+};
+
+// Sends packets of known kinds with any bytes in them.
+class Mumbler : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedSlot(SimTalk& talk) override {
+        for (u8 opcode = OP_FILE_DATA; opcode <= OP_FILE_NAME; ++opcode) talk.say(opcode, garbage(40));
+    }
+};
+
+// Hangs up in the middle of the first range.
+class Quitter : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        sendData(talk, start, std::min(end, start + 1000));
+        talk.hangUp();
+    }
+};
+
+// Knows other hashes of the parts.
+class Forger : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedHashSet(SimTalk& talk) override {
+        std::vector<MD4Hash> parts = offer_.parts;
+        for (MD4Hash& part : parts) part.bytes[0] ^= 1;
+        sendHashSet(talk, parts);
+        parts.resize(parts.size() / 2);
+        sendHashSet(talk, parts);
+    }
+};
+
+// Sends ranges that nobody asked it for, behind the end of the file too.
+class Stuffer : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        const u32 size = static_cast<u32>(offer_.content.size);
+        sendData(talk, end, start, garbage(100));
+        sendData(talk, size - 10, size + 90, garbage(100));
+        sendData(talk, 0xFFFFFF00, 0xFFFFFFFF, garbage(255));
+        sendData(talk, start, end, garbage(1));
+        sendData(talk, 0, 100, garbage(100'000));
+        sendData(talk, start, end);
+    }
+};
+
+// Grants slots and takes them back, and says that it has no such file.
+class Trickster : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32, u32) override {
+        talk.say(OP_SLOT_ENDED);
+        talk.say(OP_SLOT_GRANTED);
+        talk.say(OP_NO_SUCH_FILE, aboutFile());
+    }
+};
+
+template <class Opponent>
+std::unique_ptr<SimOpponent> make(SimHost& host, const SimFileOffer& offer) {
+    return std::make_unique<Opponent>(host, offer);
+}
+
+}  // namespace
+
+const SimOpponentKind opponentKinds[] = {
+    {"liar", make<Liar>},           {"twister", make<Twister>}, {"miser", make<Miser>},
+    {"mute", make<Mute>},           {"babbler", make<Babbler>}, {"mumbler", make<Mumbler>},
+    {"quitter", make<Quitter>},     {"forger", make<Forger>},   {"stuffer", make<Stuffer>},
+    {"trickster", make<Trickster>},
+};
+const std::size_t opponentKindCount = std::size(opponentKinds);
