@@ -6,6 +6,7 @@ and the processor time and the peak resident memory of either side. With --limit
 --limit-down the leechers download, at most that many KB/s.
 
 Usage: bench/transfer.py [--size-mib 256] [--shape 1:1 4:1 1:4] [--limit KB] [--limit-down KB] [--build build]
+       bench/transfer.py --compare [--build build]
 """
 import argparse
 import filecmp
@@ -94,7 +95,13 @@ class Host:
         raise RuntimeError("the file isn't found")
 
 
+def sent_bytes(network, i):
+    with_path = network.prefix(i) + ["cat", "/sys/class/net/net0/statistics/tx_bytes"]
+    return int(subprocess.run(with_path, check=True, capture_output=True, text=True).stdout)
+
+
 def run(adapter, shape, size, limits):
+    """Returns the seconds, and the bytes that the seeds sent."""
     seeds, leechers = map(int, shape.split(":"))
     network = Network(seeds + leechers)
     hosts = []
@@ -117,6 +124,7 @@ def run(adapter, shape, size, limits):
             for host in hosts[seeds:]:
                 host.find(seeds)
             before = {host: processor_seconds(host.pid) for host in hosts}
+            sent = sum(sent_bytes(network, i) for i in range(seeds))
             began = time.perf_counter()
             for host in hosts[seeds:]:
                 host.console.type("d 1")
@@ -128,6 +136,7 @@ def run(adapter, shape, size, limits):
                 if time.perf_counter() - began > 600:
                     raise RuntimeError("no end after ten minutes")
             seconds = time.perf_counter() - began
+            sent = sum(sent_bytes(network, i) for i in range(seeds)) - sent
             cpu = {host: processor_seconds(host.pid) - before[host] for host in hosts}
             for path in targets:
                 if not filecmp.cmp(source, path, shallow=False):
@@ -136,6 +145,7 @@ def run(adapter, shape, size, limits):
             print(f"{shape}  {total / seconds / 1e6:7.1f} MB/s  ({total / seconds / 1024:.0f} KB/s)  CPU s seeds {sum(cpu[h] for h in hosts[:seeds]):.2f}"
                   f" leechers {sum(cpu[h] for h in hosts[seeds:]):.2f}  peak RSS MiB seed {max(peak_mib(h.pid) for h in hosts[:seeds]):.1f}"
                   f" leecher {max(peak_mib(h.pid) for h in hosts[seeds:]):.1f}", flush=True)
+            return seconds, sent
         finally:
             for host in hosts:
                 if host.console:
@@ -146,6 +156,18 @@ def run(adapter, shape, size, limits):
             network.close()
 
 
+def compare(adapter):
+    """The scene "four" of tarnwick-sim, once so and once with real clients: at most 15 % apart."""
+    played = subprocess.run([os.path.join(adapter.BUILD, "tarnwick-sim"), "four"], check=True, capture_output=True, text=True).stdout
+    simulated = [float(re.search(pattern, played).group(1))
+                 for pattern in (r"the last one took ([\d.]+) s", r"the seed gave the file ([\d.]+) times")]
+    seconds, sent = run(adapter, "1:4", 64, (4000, 0))
+    real = [seconds, sent / (64 << 20)]
+    for name, a, b in zip(("seconds", "times that the seed gave the file"), simulated, real):
+        print(f"{name}: simulated {a:.2f}, real {b:.2f}, apart by {abs(a - b) / b:.1%}")
+    return all(abs(a - b) <= 0.15 * b for a, b in zip(simulated, real))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--size-mib", type=int, default=256)
@@ -153,10 +175,13 @@ def main():
     parser.add_argument("--limit", type=int, default=0)
     parser.add_argument("--limit-down", type=int, default=0)
     parser.add_argument("--build", default="build")
+    parser.add_argument("--compare", action="store_true", help="compare real clients with simulated ones instead")
     options = parser.parse_args()
     os.environ["TARNWICK_BUILD"] = os.path.abspath(options.build)
     sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
     import peers_adapter
+    if options.compare:
+        sys.exit(0 if compare(peers_adapter) else "real and simulated clients differ by more than 15 %")
     for shape in options.shape:
         run(peers_adapter, shape, options.size_mib, (options.limit, options.limit_down))
 

@@ -11,9 +11,9 @@
 
 namespace {
 
-constexpr u32 dataHead = 25;        // opcode, hash, start, end
-constexpr i32 speedSample = 2000;   // ms
-constexpr i32 requestLimit = 1000;  // ms that a transfer waits for its next request
+constexpr u32 dataHead = 25;          // opcode, hash, start, end
+constexpr i32 speedSample = 2000;     // ms
+constexpr i32 requestLimit = 10'000;  // ms that a transfer waits for its next request
 constexpr f32 basePacket = 10'240.0F;
 constexpr f32 mostPacket =
     1024.0F * 1024.0F;  // whatever the speed: a peer's body has a limit, and so has our memory

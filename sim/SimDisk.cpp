@@ -9,16 +9,6 @@ namespace {
 
 constexpr std::size_t blockSize = Synthetic::block;
 
-u64 mixed(u64 value) {
-    value += 0x9E3779B97F4A7C15;
-    value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
-    value = (value ^ value >> 27) * 0x94D049BB133111EB;
-    return value ^ value >> 31;
-}
-
-// The first word of a block tells whose it is.
-u64 firstWord(u64 seed, u64 index) { return mixed(mixed(seed) + index); }
-
 std::string parentOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     return slash == 0 ? "/" : path.substr(0, slash);
@@ -26,46 +16,82 @@ std::string parentOf(const std::string& path) {
 
 }  // namespace
 
-std::size_t Synthetic::read(u64 index, u8* to) const {
-    const u64 start = index * block;
-    if (start >= size) return 0;
-    const std::size_t length = std::min<u64>(block, size - start);
-    u64 word = firstWord(seed, index);
-    std::size_t at = 0;
-    for (; at + sizeof word <= length; at += sizeof word) {
-        std::memcpy(to + at, &word, sizeof word);
-        word = word * 0xD1342543DE82EF95 + 0x2545F4914F6CDD1D;
-    }
-    std::memcpy(to + at, &word, length - at);
-    return length;
-}
-
-// 64 KiB of a file: bytes of its own, a block of a synthetic file, or, as null, zeros.
+// 64 KiB of a file: bytes of its own, or a block of a synthetic file.
 struct SimDisk::Block {
     std::vector<u8> bytes;  // empty for a synthetic one
     Synthetic source{0, 0};
     u64 index = 0;
+    std::size_t written = 0;  // bytes, since it became one of its own
 
-    void read(u8* to) const {
-        if (bytes.empty()) {
-            const std::size_t length = source.read(index, to);
-            std::memset(to + length, 0, blockSize - length);
-        } else {
-            std::memcpy(to, bytes.data(), blockSize);
+    void read(std::size_t offset, u8* to, std::size_t count) const {
+        if (!bytes.empty()) {
+            std::memcpy(to, bytes.data() + offset, count);
+            return;
+        }
+        const std::size_t length = source.read(index * blockSize + offset, to, count);
+        std::memset(to + length, 0, count - length);
+    }
+};
+
+// The bytes of a file: right up to some block they are those of a synthetic file, which costs nothing; behind
+// it each block is kept, or, where it is null, zeros.
+struct SimDisk::Content {
+    u64 size = 0;
+    Synthetic whose{0, 0};
+    u64 rightUpTo = 0;                           // in blocks
+    std::vector<std::shared_ptr<Block>> blocks;  // below `rightUpTo` all are null
+
+    std::shared_ptr<Block> block(u64 index) const {
+        if (index < blocks.size() && blocks[index]) return blocks[index];
+        if (index >= rightUpTo) return nullptr;
+        auto made = std::make_shared<Block>();
+        made->source = whose;
+        made->index = index;
+        return made;
+    }
+    // To be written to. One that a power cut would bring back is copied before it changes.
+    Block& own(u64 index) {
+        if (index >= blocks.size()) blocks.resize(index + 1);
+        std::shared_ptr<Block>& place = blocks[index];
+        if (place && place.use_count() == 1 && !place->bytes.empty()) return *place;
+        const std::shared_ptr<Block> before = block(index);
+        keepFrom(index);
+        place = std::make_shared<Block>();
+        place->bytes.resize(blockSize);
+        if (before) before->read(0, place->bytes.data(), blockSize);
+        return *place;
+    }
+    // From that block on, each is kept.
+    void keepFrom(u64 index) {
+        for (u64 i = index; i < rightUpTo; ++i) {
+            if (i >= blocks.size()) blocks.resize(i + 1);
+            blocks[i] = block(i);
+        }
+        rightUpTo = std::min(rightUpTo, index);
+    }
+    // A block of a synthetic file was recognized there.
+    void settle(u64 index) {
+        const Block& found = *blocks[index];
+        if (index != found.index || index != rightUpTo || (index > 0 && whose.seed != found.source.seed))
+            return;
+        whose = found.source;
+        for (; rightUpTo < blocks.size(); ++rightUpTo) {
+            const std::shared_ptr<Block>& next = blocks[rightUpTo];
+            if (!next || !next->bytes.empty() || next->source.seed != whose.seed || next->index != rightUpTo)
+                break;
+            blocks[rightUpTo] = nullptr;
         }
     }
 };
 
-// A file or a directory. Blocks are never changed in place: what was synced may share them.
+// A file or a directory.
 struct SimDisk::Node {
     i4_file_kind kind = i4_file_kind::regular;
     u64 inode = 0;
-    u64 size = 0;
     u64 modifiedUs = 0;
     u32 fileTime = 0;
-    std::vector<std::shared_ptr<const Block>> blocks;
-    u64 safeSize = 0;
-    std::vector<std::shared_ptr<const Block>> safeBlocks;
+    Content now;   // as programs see it
+    Content safe;  // as it is on the disk
     bool isDirty = false;
     u32 links = 0;
 };
@@ -89,17 +115,17 @@ class SimFile final : public i4_disk_file {
         return static_cast<i32>(got);
     }
     i32 write(const void* buffer, u32 count) override {
-        if (flags_ & I4_FILE_APPEND) position_ = node_->size;
+        if (flags_ & I4_FILE_APPEND) position_ = node_->now.size;
         const i4_piece piece{buffer, count};
         const i64 done = writeAt(position_, {&piece, 1});
         position_ += static_cast<u64>(std::max<i64>(done, 0));
         return static_cast<i32>(done);
     }
     u32 seek(u32 offset) override { return static_cast<u32>(position_ = offset); }
-    u32 size() override { return static_cast<u32>(node_->size); }
+    u32 size() override { return static_cast<u32>(node_->now.size); }
     u32 tell() override { return static_cast<u32>(position_); }
     std::optional<u32> bytesLeft() override {
-        const u64 left = node_->size - std::min(node_->size, position_);
+        const u64 left = node_->now.size - std::min(node_->now.size, position_);
         return static_cast<u32>(std::min<u64>(left, 0xFFFFFFFF));
     }
     i64 readAt(u64 at, void* to, std::size_t count) override {
@@ -112,7 +138,7 @@ class SimFile final : public i4_disk_file {
         i64 done = 0;
         for (const i4_piece& piece : pieces) {
             const u64 end = at + static_cast<u64>(done) + piece.length;
-            const u64 grows = end > node_->size ? end - node_->size : 0;
+            const u64 grows = end > node_->now.size ? end - node_->now.size : 0;
             const u64 room = disk_.room_ - std::min(disk_.room_, disk_.used_);
             std::size_t length =
                 piece.length -
@@ -134,8 +160,7 @@ class SimFile final : public i4_disk_file {
     }
     bool sync() override {
         if (!disk_.begins()) return false;
-        node_->safeSize = node_->size;
-        node_->safeBlocks = node_->blocks;
+        node_->safe = node_->now;
         node_->isDirty = false;
         ++disk_.syncs_;
         return true;
@@ -214,63 +239,52 @@ void SimDisk::name(const std::string& path, NodePtr node) {
 
 // --- Bytes
 
+// Once as much was written as it holds, it may be a block of a synthetic file.
+bool SimDisk::recognize(Block& block) const {
+    const Synthetic* file = simulation_.synthetic.find(block.bytes.data(), block.index);
+    if (!file) return false;
+    const u64 start = block.index * blockSize;
+    if (block.written < std::min<u64>(blockSize, file->size - std::min(start, file->size))) return false;
+    std::vector<u8> same(blockSize);  // the last block is followed by zeros
+    file->read(start, same.data(), blockSize);
+    if (same != block.bytes) return false;
+    block.source = *file;
+    block.bytes = {};
+    return true;
+}
+
 void SimDisk::write(Node& node, u64 at, const u8* bytes, std::size_t length) {
     bytesWritten_ += length;
-    std::vector<u8> block(blockSize);
     for (std::size_t done = 0; done < length;) {
         const u64 index = (at + done) / blockSize;
         const std::size_t offset = (at + done) % blockSize;
         const std::size_t part = std::min(length - done, blockSize - offset);
-        if (index >= node.blocks.size()) node.blocks.resize(index + 1);
-        std::shared_ptr<const Block>& place = node.blocks[index];
-        if (place) {
-            place->read(block.data());
-        } else {
-            std::memset(block.data(), 0, blockSize);
-        }
-        std::memcpy(block.data() + offset, bytes + done, part);
-        auto written = std::make_shared<Block>();
-        u64 word = 0;
-        std::memcpy(&word, block.data(), sizeof word);
-        const auto source = known_.find(word);
-        if (source != known_.end()) {
-            // The last block of a synthetic file is followed by zeros.
-            const auto& [file, its] = source->second;
-            std::vector<u8> same(blockSize);
-            file.read(its, same.data());
-            if (same == block) {
-                written->source = file;
-                written->index = its;
-            }
-        }
-        if (written->source.size == 0) written->bytes = block;
-        place = std::move(written);
+        Block& block = node.now.own(index);
+        std::memcpy(block.bytes.data() + offset, bytes + done, part);
+        block.written += part;
+        if (recognize(block)) node.now.settle(index);
         done += part;
     }
-    if (at + length > node.size) {
-        used_ += at + length - node.size;
-        node.size = at + length;
+    if (at + length > node.now.size) {
+        used_ += at + length - node.now.size;
+        node.now.size = at + length;
     }
     node.modifiedUs = static_cast<u64>(simulation_.now().us);
     node.fileTime = simulation_.fileTime();
 }
 
 std::size_t SimDisk::read(const Node& node, u64 at, u8* to, std::size_t length) const {
-    if (at >= node.size) return 0;
-    length = std::min<u64>(length, node.size - at);
-    std::vector<u8> block(blockSize);
+    if (at >= node.now.size) return 0;
+    length = std::min<u64>(length, node.now.size - at);
     for (std::size_t done = 0; done < length;) {
         const u64 index = (at + done) / blockSize;
         const std::size_t offset = (at + done) % blockSize;
         const std::size_t part = std::min(length - done, blockSize - offset);
-        const std::shared_ptr<const Block> place = index < node.blocks.size() ? node.blocks[index] : nullptr;
-        if (!place) {
-            std::memset(to + done, 0, part);
-        } else if (!place->bytes.empty()) {
-            std::memcpy(to + done, place->bytes.data() + offset, part);
+        const std::shared_ptr<Block> place = node.now.block(index);
+        if (place) {
+            place->read(offset, to + done, part);
         } else {
-            place->read(block.data());
-            std::memcpy(to + done, block.data() + offset, part);
+            std::memset(to + done, 0, part);
         }
         done += part;
     }
@@ -295,37 +309,25 @@ void SimDisk::lay(const std::string& path, const std::string& bytes) {
     auto node = std::make_shared<Node>();
     node->inode = nextInode_++;
     write(*node, 0, reinterpret_cast<const u8*>(bytes.data()), bytes.size());
-    node->safeSize = node->size;
-    node->safeBlocks = node->blocks;
+    node->safe = node->now;
     names_[full] = safe_[full] = node;
 }
 
 void SimDisk::lay(const std::string& path, const Synthetic& content) {
     lay(path, std::string());
     Node& node = *find(whole(path.c_str()));
-    know(content);
-    for (u64 index = 0; index * blockSize < content.size; ++index) {
-        auto block = std::make_shared<Block>();
-        block->source = content;
-        block->index = index;
-        node.blocks.push_back(std::move(block));
-    }
-    node.size = node.safeSize = content.size;
-    node.safeBlocks = node.blocks;
+    simulation_.synthetic.add(content);
+    node.now.size = content.size;
+    node.now.whose = content;
+    node.now.rightUpTo = (content.size + blockSize - 1) / blockSize;
+    node.safe = node.now;
     used_ += content.size;
-}
-
-void SimDisk::know(const Synthetic& content) {
-    for (u64 index = 0; index * blockSize < content.size; ++index) {
-        const u64 word = firstWord(content.seed, index);
-        known_[word] = {content, index};
-    }
 }
 
 std::string SimDisk::read(const std::string& path) const {
     const NodePtr node = find(whole(path.c_str()));
     if (!node) return "";
-    std::string bytes(node->size, 0);
+    std::string bytes(node->now.size, 0);
     read(*node, 0, reinterpret_cast<u8*>(bytes.data()), bytes.size());
     return bytes;
 }
@@ -334,15 +336,13 @@ bool SimDisk::has(const std::string& path) const { return find(whole(path.c_str(
 
 bool SimDisk::equals(const std::string& path, const Synthetic& content) const {
     const NodePtr node = find(whole(path.c_str()));
-    if (!node || node->size != content.size) return false;
+    if (!node || node->now.size != content.size) return false;
     std::vector<u8> expected(blockSize);
     std::vector<u8> found(blockSize);
     for (u64 index = 0; index * blockSize < content.size; ++index) {
-        const std::shared_ptr<const Block>& block = node->blocks[index];
-        if (!block) return false;
-        if (block->bytes.empty() && block->source.seed == content.seed && block->index == index) continue;
-        const std::size_t length = content.read(index, expected.data());
-        block->read(found.data());
+        if (index < node->now.rightUpTo && node->now.whose.seed == content.seed) continue;
+        const std::size_t length = content.read(index * blockSize, expected.data(), blockSize);
+        read(*node, index * blockSize, found.data(), length);
         if (std::memcmp(expected.data(), found.data(), length) != 0) return false;
     }
     return true;
@@ -382,18 +382,14 @@ void SimDisk::restart() {
 void SimDisk::keepSome(Node& node) {
     if (!node.isDirty) return;
     Random& random = simulation_.random();
-    const u64 size = random.below(2) == 0 ? node.size : node.safeSize;
-    std::vector<std::shared_ptr<const Block>> blocks((size + blockSize - 1) / blockSize);
-    for (std::size_t i = 0; i < blocks.size(); ++i) {
-        const bool isNew = i < node.blocks.size() && random.below(2) == 0;
-        if (isNew) {
-            blocks[i] = node.blocks[i];
-        } else if (i < node.safeBlocks.size()) {
-            blocks[i] = node.safeBlocks[i];
-        }
+    Content kept;
+    kept.size = random.below(2) == 0 ? node.now.size : node.safe.size;
+    kept.blocks.resize((kept.size + blockSize - 1) / blockSize);
+    for (u64 i = 0; i < kept.blocks.size(); ++i) {
+        const bool isNew = i * blockSize < node.now.size && random.below(2) == 0;
+        kept.blocks[i] = isNew ? node.now.block(i) : node.safe.block(i);
     }
-    node.size = node.safeSize = size;
-    node.blocks = node.safeBlocks = std::move(blocks);
+    node.now = node.safe = std::move(kept);
     node.isDirty = false;
 }
 
@@ -417,9 +413,8 @@ std::unique_ptr<i4_disk_file> SimDisk::open(const char* path, u32 flags) {
         name(full, node);
     }
     if (flags & I4_FILE_TRUNCATE) {
-        used_ -= node->size;
-        node->size = 0;
-        node->blocks.clear();
+        used_ -= node->now.size;
+        node->now = {};
         if (!node->isDirty) {
             node->isDirty = true;
             dirty_.push_back(node);
@@ -432,12 +427,13 @@ void SimDisk::fillStatus(const Node& node, i4_file_status& out) {
     out = {};
     out.kind = node.kind;
     if (node.kind == i4_file_kind::directory) out.flags |= I4_FILE_STATUS_DIRECTORY;
-    out.size = node.size;
+    out.size = node.now.size;
     out.last_modified = out.created = out.last_accessed = node.fileTime;
     out.modified_ns = node.modifiedUs * 1000;
     out.device = 1;
     out.inode = node.inode;
-    for (const auto& block : node.blocks) out.occupied += block ? blockSize : 0;
+    out.occupied = node.now.rightUpTo * blockSize;
+    for (const auto& block : node.now.blocks) out.occupied += block ? blockSize : 0;
 }
 
 bool SimDisk::status(const char* path, i4_file_status& out) {
@@ -490,7 +486,7 @@ bool SimDisk::remove(const char* path) {
     const NodePtr node = find(full);
     if (!node) return fails(ENOENT);
     if (node->kind == i4_file_kind::directory) return fails(EISDIR);
-    used_ -= node->size;
+    used_ -= node->now.size;
     name(full, nullptr);
     return true;
 }
@@ -504,7 +500,7 @@ bool SimDisk::rename(const char* from, const char* to, Replace replace) {
     if (!node || !find(parentOf(target))) return fails(ENOENT);
     if (there && replace == Replace::no) return fails(EEXIST);
     if (there && there->kind == i4_file_kind::directory) return fails(EISDIR);
-    if (there) used_ -= there->size;
+    if (there) used_ -= there->now.size;
     // One change, of which the disk has all or nothing.
     names_[target] = node;
     names_.erase(source);

@@ -4,22 +4,11 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "i4min/file/Disk.h"
 #include "sim/Simulation.h"
-
-// The bytes of a file that a seed makes: any part of it can be had without the rest, so that a copy of a
-// block is kept as two numbers.
-struct Synthetic {
-    static constexpr std::size_t block = 64 * 1024;
-    u64 seed;
-    u64 size;
-    // `to` gets the bytes of that block, the last one up to the size; how many.
-    std::size_t read(u64 index, u8* to) const;
-};
 
 // Raised at the moment at which the power goes; no engine catches it.
 struct SimPowerCut {};
@@ -73,6 +62,7 @@ class SimDisk final : public Disk {
   private:
     friend class SimFile;
     struct Block;
+    struct Content;
     struct Node;
     struct Change;
     using NodePtr = std::shared_ptr<Node>;
@@ -84,12 +74,12 @@ class SimDisk final : public Disk {
     NodePtr find(const std::string& path) const;
     bool fails(int error) const;
     void name(const std::string& path, NodePtr node);
+    bool recognize(Block& block) const;
     void write(Node& node, u64 at, const u8* bytes, std::size_t length);
     std::size_t read(const Node& node, u64 at, u8* to, std::size_t length) const;
     static void fillStatus(const Node& node, i4_file_status& out);
     void keepSome(Node& node);
     void settle(const Change& change);
-    void know(const Synthetic& content);
 
     Simulation& simulation_;
     const std::string workDir_;
@@ -97,8 +87,6 @@ class SimDisk final : public Disk {
     Names safe_;                   // as they are on the disk
     std::vector<Change> pending_;  // of names, not on the disk yet
     std::vector<std::weak_ptr<Node>> dirty_;
-    // Synthetic files, and which of their blocks, by the block's first word.
-    std::unordered_map<u64, std::pair<Synthetic, u64>> known_;
     u64 calls_ = 0;
     u64 failCall_ = 0;
     int failError_ = 0;

@@ -233,15 +233,7 @@ Bytes SimOpponent::aboutFile() const { return {offer_.hash.bytes.begin(), offer_
 
 Bytes SimOpponent::bytesOf(u32 start, u32 end) const {
     Bytes bytes(end - start);
-    u8 block[Synthetic::block];
-    for (u64 at = start; at < end;) {
-        const std::size_t count = offer_.content.read(at / Synthetic::block, block);
-        const std::size_t from = at % Synthetic::block;
-        if (count <= from) break;
-        const std::size_t take = std::min<std::size_t>(count - from, end - at);
-        std::copy_n(block + from, take, bytes.begin() + static_cast<std::ptrdiff_t>(at - start));
-        at += take;
-    }
+    offer_.content.read(start, bytes.data(), bytes.size());
     return bytes;
 }
 

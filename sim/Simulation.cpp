@@ -100,7 +100,11 @@ void SimLoop::stop() {
 
 void SimLoop::wish(i64 at) {
     wished_ = at;
-    if (at != Rest::unlimited) simulation_.push(at, number_, ++ticket_, nullptr);
+    if (at == Rest::unlimited) return;
+    const i64 late = simulation_.lateness_ * 1000;
+    if (late > 0)
+        at = std::max(at, simulation_.now().us) + simulation_.random_.below(static_cast<u32>(late) + 1);
+    simulation_.push(at, number_, ++ticket_, nullptr);
 }
 
 void SimLoop::wake() {

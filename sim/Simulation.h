@@ -13,6 +13,7 @@
 #include "i4min/memory/Random.h"
 #include "i4min/threads/Clock.h"
 #include "i4min/threads/Scheduler.h"
+#include "sim/Synthetic.h"
 
 class SimLoop;
 
@@ -42,6 +43,7 @@ class Simulation final : public Clock {
     u32 fileTime() const override { return firstFileTime + static_cast<u32>(now_.us / 1'000'000); }
     u64 seed() const { return seed_; }
     Random& random() { return random_; }
+    SyntheticFiles synthetic;
 
     using Action = std::function<void()>;
     void at(Moment when, Action action);
@@ -55,6 +57,10 @@ class Simulation final : public Clock {
     // Every loop gets a turn at least that often, in milliseconds, whatever it says; 0 for never. A story
     // that ends sooner so has a loop that forgot a deadline or a wake-up.
     void pollLoopsEvery(i64 ms) { pollEvery_ = ms; }
+
+    // Every turn comes late by up to so many milliseconds, as on a busy machine, where the threads of one
+    // engine overtake each other; 0 for never.
+    void makeBusy(i64 ms) { lateness_ = ms; }
 
     // Of all that has happened: two runs with the same digest were the same.
     u64 digest() const { return digest_; }
@@ -86,6 +92,7 @@ class Simulation final : public Clock {
     std::unordered_map<u64, SimLoop*> loops_;  // that run, by number
     u64 loopsMade_ = 0;
     i64 pollEvery_ = 0;
+    i64 lateness_ = 0;
     u64 nextNumber_ = 0;
     u64 turns_ = 0;
     u64 digest_ = 0xCBF29CE484222325;

@@ -1,4 +1,6 @@
 // tarnwick-sim plays scenes of whole networks in virtual time.
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,6 +90,9 @@ int play(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A simulation gives back and takes the same blocks all the time: the heap keeps them.
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 30);
+    ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
     Options options;
     if (!parse(argc, argv, options)) {
         std::fputs(usage, stderr);

@@ -1,6 +1,7 @@
 // Whole networks in virtual time: every scene that doesn't take long, and what a simulation promises.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <functional>
 
@@ -116,6 +117,21 @@ TEST(Simulated, AThousandEnginesAreMadeAndDropped) {
         if (round % 100 == 0) world.runFor(5000);
     }
 }
+
+#if !defined(__SANITIZE_ADDRESS__)
+TEST(Simulated, AnEngineWithOneDownloadTakesAtMostOneMebibyte) {
+    Scene scene(3);
+    const SimFileOffer& film = scene.makeFile("film.avi", 61'000'000);
+    scene.share(scene.arrive("seed", 1), film);
+    const std::size_t before = ::mallinfo2().uordblks;
+    constexpr std::size_t count = 50;
+    for (SceneClient* client : scene.arrive(count, "client")) scene.fetch(*client, film);
+    scene.run(60);
+    const std::size_t each = (::mallinfo2().uordblks + ::mallinfo2().hblkhd - before) / count;
+    EXPECT_LT(each, 1024U * 1024U);
+    RecordProperty("bytes", std::to_string(each));
+}
+#endif
 
 // --- Friends
 

@@ -59,7 +59,7 @@ TEST_F(TwoClientsStory, OneSharesAndTheOtherFindsAndFetches) {
     for (const char* search : {"big", "heron -Image", "warbler"}) leech_.findAndDownload(search);
     expectTheFile();
     for (const std::size_t i : {0U, 2U})
-        EXPECT_TRUE(leech_.hasFinished(small[i].first, small[i].second)) << i;
+        EXPECT_TRUE(leech_.hasFinished(small[i].first, small[i].second)) << leech_.console().output();
     // Now it's shared from there too, and not a second time on the list.
     EXPECT_TRUE(index_.said("(leech) has published"));
     EXPECT_NE(leech_.search("big").find("(1) "), std::string::npos);
