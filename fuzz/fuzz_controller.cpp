@@ -4,7 +4,7 @@
 #include "console/ConClientApp.h"
 #include "fuzz/fuzz.h"
 #include "i4min/network/socket.h"
-#include "remote/ControllerOpcodes.h"
+#include "protocol/ControllerProtocol.h"
 #include "remote/GUIController.h"
 #include "remote/TcpipUI.h"
 #include "tests/support/files.h"

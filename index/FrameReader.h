@@ -2,7 +2,7 @@
 #pragma once
 
 #include "index/Bytes.h"
-#include "index/IndexProtocol.h"
+#include "protocol/ServerProtocol.h"
 
 // A packet is the marker, a u32 length and so many bytes. Memory grows with the bytes that have arrived, not
 // with what a header promises.

@@ -104,7 +104,7 @@ void IndexService::packet(IndexSession& session, Bytes body, u64 now) {
     if (session.phase == IndexSession::Phase::closing) return;
     if (body.empty()) return drop(session, "an empty packet");
     const u8 opcode = body[0];
-    const OpcodeRow* row = findRequest(opcode, false);
+    const Opcode* row = serverMessages.find(opcode, Direction::out);
     if (session.id == 0 && opcode != OP_LOGON) return drop(session, "it hasn't logged on");
     if (!row) {
         log_.debug("Client %u sends the unknown opcode %u", session.number, opcode);
@@ -301,7 +301,7 @@ void IndexService::datagram(const NetAddress& from, ByteSpan bytes, u64 now) {
     ByteReader in(bytes);
     if (in.read8() != packetMarker) return;
     const u8 opcode = in.read8();
-    const OpcodeRow* row = findRequest(opcode, true);
+    const Opcode* row = serverDatagrams.find(opcode, Direction::out);
     if (in.failed() || !row || in.left() < row->least) return;
     const bool search = opcode == OP_EXTENDED_SEARCH || opcode == OP_EXTENDED_ALTERNATE_SEARCH;
     if (!admits(from, search, now)) return;

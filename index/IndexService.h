@@ -10,8 +10,9 @@
 
 #include "index/EventLog.h"
 #include "index/FileIndex.h"
-#include "index/IndexProtocol.h"
+#include "index/IndexLimits.h"
 #include "index/IndexSession.h"
+#include "protocol/ServerProtocol.h"
 
 struct IndexIdentity {
     std::string name = "tarnwick-index";

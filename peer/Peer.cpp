@@ -7,8 +7,8 @@
 #include "meta/FileList.h"
 #include "meta/address.h"
 #include "peer/PeerNeeds.h"
-#include "peer/PeerOpcodes.h"
-#include "transport/OpcodeTable.h"
+#include "protocol/Handlers.h"
+#include "protocol/PeerProtocol.h"
 
 namespace {
 
@@ -20,35 +20,6 @@ constexpr u32 peerBodyLimit = 8 * 1024 * 1024;
 constexpr u32 answersLimit = 2 * 1024 * 1024;
 // What is kept of a user's record: tags that go beyond are dropped.
 constexpr u32 identityLimit = 4096;
-
-// The body behind the opcode; a hash is 16 bytes and names a file, a record is u32 count and tags.
-constexpr Opcode rows[] = {
-    {OP_HELLO, "Hello", Direction::both, 33, Opcode::unbounded},  // u8 16, user, u32 server ip, u16 port
-    {OP_PEER_OUT_OF_DATE, "OutOfDate", Direction::in, 0, Opcode::unbounded},  // not read
-    {OP_FILE_DATA, "FileData", Direction::both, 24, Opcode::unbounded},  // hash, u32 start, u32 end, bytes
-    {OP_REQUEST_PARTS, "RequestParts", Direction::both, 40,
-     Opcode::unbounded},  // hash, 3 u32 starts, 3 u32 ends
-    {OP_NO_SUCH_FILE, "NoSuchFile", Direction::both, 16, Opcode::unbounded},  // hash
-    {OP_STOP_UPLOAD, "StopUpload", Direction::both, 16, Opcode::unbounded},   // hash
-    {OP_GET_SHARED_FILES, "GetSharedFiles", Direction::both, 0, Opcode::unbounded},
-    {OP_SHARED_FILES, "SharedFiles", Direction::both, 4, Opcode::unbounded},  // list of files
-    {OP_HELLO_ANSWER, "HelloAnswer", Direction::both, 32,
-     Opcode::unbounded},                                                      // user; u32 server ip, u16 port
-    {OP_NEW_IDENTITY, "NewIdentity", Direction::both, 8, Opcode::unbounded},  // u32 client id, u32 server ip
-    {OP_CHAT_MESSAGE, "ChatMessage", Direction::both, 2, Opcode::unbounded},  // string
-    {OP_GET_FILE_STATUS, "GetFileStatus", Direction::both, 16, Opcode::unbounded},  // hash
-    {OP_FILE_STATUS, "FileStatus", Direction::both, 18, Opcode::unbounded},         // hash, array
-    {OP_GET_HASH_SET, "GetHashSet", Direction::both, 16, Opcode::unbounded},        // hash
-    {OP_HASH_SET, "HashSet", Direction::both, 18, Opcode::unbounded},  // hash, u16 count, count hashes
-    {OP_CHAT_REFUSED, "ChatRefused", Direction::both, 0, Opcode::unbounded},
-    {OP_REQUEST_SLOT, "RequestSlot", Direction::both, 0, Opcode::unbounded},
-    {OP_SLOT_GRANTED, "SlotGranted", Direction::both, 0, Opcode::unbounded},
-    {OP_RELEASE_SLOT, "ReleaseSlot", Direction::both, 0, Opcode::unbounded},
-    {OP_SLOT_ENDED, "SlotEnded", Direction::both, 0, Opcode::unbounded},
-    {OP_GET_FILE_NAME, "GetFileName", Direction::both, 16, Opcode::unbounded},  // hash
-    {OP_FILE_NAME, "FileName", Direction::both, 18, Opcode::unbounded},         // hash, string
-};
-constexpr OpcodeTable table(rows);
 
 // About the file of that hash.
 std::unique_ptr<Packet> makeFilePacket(u8 opcode, const MD4Hash& hash, u32 payload = 0) {
@@ -110,7 +81,7 @@ Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted) {
     return new Peer(pool(), needs_, std::move(accepted));
 }
 
-const OpcodeTable* Peer::opcodes() const { return &table; }
+const OpcodeTable* Peer::opcodes() const { return &peerMessages; }
 u32 Peer::bodyLimit() const { return gotHello_ ? peerBodyLimit : strangerBodyLimit; }
 u32 Peer::queueLimit() const { return answersLimit + *listBytes_; }
 bool Peer::awaitsFirst() const { return Connection::awaitsFirst() || !gotHello_; }
@@ -149,69 +120,72 @@ void Peer::joinPeers() {
     if (!needs_.peers.contains(this)) needs_.peers.addUnsafe(this);
 }
 
-bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
-    showLife();
-    PeerListener& listener = needs_.listener;
-    switch (opcode) {
-        case OP_HELLO:
-            return gotHello(stream);
-        case OP_PEER_OUT_OF_DATE:
-            if (needs_.core.log.mayComplain(UIInterface::Complaint::peerOutOfDate))
-                needs_.core.log.printLine("Either your client or one you are connected to is out of date.");
-            return true;
-        case OP_FILE_DATA:
-            listener.gotFileData(*this, MD4Hash::read(stream), stream);
-            return true;
-        case OP_REQUEST_PARTS:
-            listener.gotPartRequest(*this, stream);
-            return true;
-        case OP_NO_SUCH_FILE:
-            listener.noSuchFile(*this, MD4Hash::read(stream));
-            return true;
-        case OP_STOP_UPLOAD:
-            listener.uploadStopped(*this, MD4Hash::read(stream));
-            return true;
-        case OP_GET_SHARED_FILES:
-            return tellSharedFiles();
-        case OP_SHARED_FILES:
-            return gotSharedFiles(stream);
-        case OP_HELLO_ANSWER:
-            return gotHelloAnswer(stream);
-        case OP_NEW_IDENTITY:
-            return gotNewIdentity(stream);
-        case OP_CHAT_MESSAGE:
-            return gotChatMessage(stream);
-        case OP_GET_FILE_STATUS:
-            return tellFileStatus(MD4Hash::read(stream));
-        case OP_FILE_STATUS:
-            return gotFileStatus(stream);
-        case OP_GET_HASH_SET:
-            return tellHashSet(MD4Hash::read(stream));
-        case OP_HASH_SET:
-            listener.gotHashSet(MD4Hash::read(stream), stream);
-            return true;
-        case OP_CHAT_REFUSED:
-            return gotChatRefused();
-        case OP_REQUEST_SLOT:
-            listener.gotSlotRequest(*this);
-            return true;
-        case OP_SLOT_GRANTED:
-            listener.slotGranted(*this);
-            return true;
-        case OP_RELEASE_SLOT:
-            listener.slotReleased(*this);
-            return true;
-        case OP_SLOT_ENDED:
-            listener.slotEnded(*this);
-            return true;
-        case OP_GET_FILE_NAME:
-            return tellFileName(MD4Hash::read(stream));
-        case OP_FILE_NAME:
-            listener.gotFileName(*this, MD4Hash::read(stream), stream);
-            return true;
-        default:
-            return Connection::handleMessage(opcode, stream);
+struct Peer::Table {
+    template <auto member>
+    static constexpr auto by = handleBy<Peer, member>;
+    // A member function about the file whose hash the body is.
+    template <auto member>
+    static bool ofFile(Peer& peer, i4_ram_file_class& body) {
+        return (peer.*member)(MD4Hash::read(body));
     }
+    // An event of the listener: it gets the peer, and then what it takes of a hash and the rest of the body.
+    template <auto event>
+    static bool tell(Peer& peer, i4_ram_file_class& body) {
+        PeerListener& listener = peer.needs_.listener;
+        using Event = decltype(event);
+        if constexpr (std::is_invocable_v<Event, PeerListener&, Peer&>) {
+            (listener.*event)(peer);
+        } else if constexpr (std::is_invocable_v<Event, PeerListener&, Peer&, const MD4Hash&>) {
+            (listener.*event)(peer, MD4Hash::read(body));
+        } else if constexpr (std::is_invocable_v<Event, PeerListener&, Peer&, i4_ram_file_class&>) {
+            (listener.*event)(peer, body);
+        } else {
+            (listener.*event)(peer, MD4Hash::read(body), body);
+        }
+        return true;
+    }
+
+    static constexpr Handler<Peer> rows[] = {
+        {OP_HELLO, by<&Peer::gotHello>},
+        {OP_PEER_OUT_OF_DATE, by<&Peer::gotOutOfDate>},
+        {OP_FILE_DATA, tell<&PeerListener::gotFileData>},
+        {OP_REQUEST_PARTS, tell<&PeerListener::gotPartRequest>},
+        {OP_NO_SUCH_FILE, tell<&PeerListener::noSuchFile>},
+        {OP_STOP_UPLOAD, tell<&PeerListener::uploadStopped>},
+        {OP_GET_SHARED_FILES, by<&Peer::tellSharedFiles>},
+        {OP_SHARED_FILES, by<&Peer::gotSharedFiles>},
+        {OP_HELLO_ANSWER, by<&Peer::gotHelloAnswer>},
+        {OP_NEW_IDENTITY, by<&Peer::gotNewIdentity>},
+        {OP_CHAT_MESSAGE, by<&Peer::gotChatMessage>},
+        {OP_GET_FILE_STATUS, ofFile<&Peer::tellFileStatus>},
+        {OP_FILE_STATUS, by<&Peer::gotFileStatus>},
+        {OP_GET_HASH_SET, ofFile<&Peer::tellHashSet>},
+        {OP_HASH_SET, by<&Peer::gotHashSet>},
+        {OP_CHAT_REFUSED, by<&Peer::gotChatRefused>},
+        {OP_REQUEST_SLOT, tell<&PeerListener::gotSlotRequest>},
+        {OP_SLOT_GRANTED, tell<&PeerListener::slotGranted>},
+        {OP_RELEASE_SLOT, tell<&PeerListener::slotReleased>},
+        {OP_SLOT_ENDED, tell<&PeerListener::slotEnded>},
+        {OP_GET_FILE_NAME, ofFile<&Peer::tellFileName>},
+        {OP_FILE_NAME, tell<&PeerListener::gotFileName>},
+    };
+};
+
+bool Peer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
+    static_assert(handlesAll(peerMessages, Direction::in, Table::rows));
+    showLife();
+    const Handler<Peer>* row = findHandler(Table::rows, opcode);
+    return row ? row->handle(*this, stream) : Connection::handleMessage(opcode, stream);
+}
+
+void Peer::gotOutOfDate() {
+    if (needs_.core.log.mayComplain(UIInterface::Complaint::peerOutOfDate))
+        needs_.core.log.printLine("Either your client or one you are connected to is out of date.");
+}
+
+void Peer::gotHashSet(i4_file& stream) {
+    const MD4Hash hash = MD4Hash::read(stream);
+    needs_.listener.gotHashSet(hash, stream);
 }
 
 // Reads who is on the other side: record, server. False where that can't be read.

@@ -66,6 +66,9 @@ class Peer : public Connection {
     void joinPeers();
     bool readUser(i4_file& stream);
     void setIdentity(u32 id);
+    struct Table;  // which message goes to which of these
+    void gotOutOfDate();
+    void gotHashSet(i4_file& stream);
     bool gotHello(i4_file& stream);
     bool gotHelloAnswer(i4_file& stream);
     bool gotNewIdentity(i4_file& stream);

@@ -6,8 +6,8 @@
 
 #include "i4min/memory/error.h"
 #include "peer/Peer.h"
-#include "peer/PeerOpcodes.h"
 #include "peer/UploadPacket.h"
+#include "protocol/PeerProtocol.h"
 
 namespace {
 

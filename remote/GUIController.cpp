@@ -10,11 +10,11 @@
 #include "i4min/network/socket.h"
 #include "meta/UserMeta.h"
 #include "peer/Upload.h"
+#include "protocol/ControllerProtocol.h"
+#include "protocol/Handlers.h"
 #include "protocol/version.h"
-#include "remote/ControllerOpcodes.h"
 #include "remote/TcpipUI.h"
 #include "server/MainServer.h"
-#include "transport/OpcodeTable.h"
 #include "transport/Transport.h"
 
 namespace {
@@ -26,65 +26,6 @@ constexpr u32 strangerStallLimit = 30'000;  // ms
 constexpr u32 mostRecords = 0xFFFF;         // of a list whose count has 16 bits
 constexpr u32 downloadStatusSize = 13;
 constexpr u32 uploadStatusSize = 6;
-constexpr u32 any = Opcode::unbounded;
-
-// The body behind the opcode; a hash is 16 bytes and names a file.
-constexpr Opcode rows[] = {
-    {CTL_LOGON, "Logon", Direction::in, 4, any},  // string name, string password
-    {CTL_QUIT, "Quit", Direction::in, 0, any},
-    {CTL_COMMAND, "Command", Direction::in, 2, any},  // string
-    {CTL_CONNECT, "Connect", Direction::in, 6, any},  // u32 ip, u16 port
-    {CTL_DISCONNECT, "Disconnect", Direction::in, 0, any},
-    {CTL_SEARCH, "Search", Direction::in, 0, any},  // tree
-    {CTL_EXTEND, "Extend", Direction::in, 0, any},
-    {CTL_MORE_RESULTS, "MoreResults", Direction::in, 0, any},
-    {CTL_SEARCH_ALTERNATE, "AlternateSearch", Direction::in, 0, any},  // tree
-    {CTL_EXTEND_ALTERNATE, "AlternateExtend", Direction::in, 0, any},
-    {CTL_DOWNLOAD_RESULT, "DownloadResult", Direction::in, 16, any},  // hash
-    {CTL_PAUSE, "Pause", Direction::in, 16, any},                     // hash
-    {CTL_RESUME, "Resume", Direction::in, 16, any},                   // hash
-    {CTL_CANCEL, "Cancel", Direction::in, 16, any},                   // hash
-    {CTL_PRIORITY, "Priority", Direction::in, 17, any},               // hash, u8 priority
-    {CTL_NOTHING, "Nothing", Direction::in, 0, any},
-    {CTL_GET_SERVERS, "GetServers", Direction::in, 0, any},
-    {CTL_GET_FRIENDS, "GetFriends", Direction::in, 0, any},
-    {CTL_GET_SHARED_DIRS, "GetSharedDirs", Direction::in, 0, any},
-    {CTL_SET_SHARED_DIRS, "SetSharedDirs", Direction::in, 2, any},  // u16 count; the rest is ignored
-    {CTL_DOWNLOAD_STATUS_ON, "DownloadStatusOn", Direction::in, 0, any},
-    {CTL_DOWNLOAD_STATUS_OFF, "DownloadStatusOff", Direction::in, 0, any},
-    {CTL_UPLOAD_STATUS_ON, "UploadStatusOn", Direction::in, 0, any},
-    {CTL_UPLOAD_STATUS_OFF, "UploadStatusOff", Direction::in, 0, any},
-    {CTL_REMOVE_SERVER, "RemoveServer", Direction::in, 6, any},          // u32 ip, u16 port
-    {CTL_ADD_SERVER, "AddServer", Direction::in, 6, any},                // u32 ip, u16 port
-    {CTL_SERVER_PREFERENCE, "ServerPreference", Direction::in, 7, any},  // u32 ip, u16 port, u8 preference
-    {CTL_GET_SHARED_FILES, "GetSharedFiles", Direction::in, 0, any},
-    {CTL_GET_SETTINGS, "GetSettings", Direction::in, 0, any},
-    {CTL_DOWNLOAD_RECORD, "DownloadRecord", Direction::in, 0, any},  // file
-    {CTL_SERVERS, "Servers", Direction::out, 4, any},                // list of servers
-    {CTL_FRIENDS, "Friends", Direction::out, 0, any},                // list of users; as an event nothing
-    {CTL_SHARED_DIRS, "SharedDirs", Direction::out, 2, any},         // u16 count, count strings
-    {CTL_SHARED_FILES, "SharedFiles", Direction::out, 4, any},       // list of files
-    {CTL_PRINT_LINE, "PrintLine", Direction::out, 2, any},           // string
-    {CTL_PRINT, "Print", Direction::out, 2, any},                    // string
-    {CTL_CONNECTED, "Connected", Direction::out, 2, any},            // string
-    {CTL_DISCONNECTED, "Disconnected", Direction::out, 0, 0},
-    {CTL_SERVER_STATS, "ServerStats", Direction::out, 8, 8},            // u32 files, u32 users
-    {CTL_EXTENDING, "Extending", Direction::out, 2, any},               // string
-    {CTL_RESULT, "Result", Direction::out, 26, any},                    // file
-    {CTL_RESULTS, "Results", Direction::out, 5, any},                   // list of files, u8 more
-    {CTL_DOWNLOAD_ADDED, "DownloadAdded", Direction::out, 27, any},     // file, u8 priority
-    {CTL_DOWNLOAD_REMOVED, "DownloadRemoved", Direction::out, 16, 16},  // hash
-    {CTL_UPLOAD_ADDED, "UploadAdded", Direction::out, 28, any},         // string file name, user
-    {CTL_UPLOAD_REMOVED, "UploadRemoved", Direction::out, 16, 16},      // 16 bytes user hash
-    {CTL_SLOT_ADDED, "SlotAdded", Direction::out, 6, any},              // u32 slot, string user name
-    {CTL_SLOT_REMOVED, "SlotRemoved", Direction::out, 4, 4},            // u32 slot
-    {CTL_FRIEND_FILES, "FriendFiles", Direction::out, 4, any},          // list of files
-    {CTL_HASHING, "Hashing", Direction::out, 2, any},                   // string
-    {CTL_DOWNLOAD_STATUS, "DownloadStatus", Direction::out, 2, any},    // see below
-    {CTL_UPLOAD_STATUS, "UploadStatus", Direction::out, 2, any},        // see below
-    {CTL_SETTINGS, "Settings", Direction::out, 31, any},                // see sendSettings
-};
-constexpr OpcodeTable table(rows);
 
 bool isLoopback(u32 ip) { return (ip & 0xFF) == 127; }
 
@@ -111,7 +52,7 @@ Ref<Download> GUIController::readDownload(i4_file& stream) {
     return engine_.dlPool.findByRecord(MD4Hash::read(stream));
 }
 
-const OpcodeTable* GUIController::opcodes() const { return &table; }
+const OpcodeTable* GUIController::opcodes() const { return &controllerMessages; }
 u32 GUIController::bodyLimit() const { return loggedOn_ ? controllerBodyLimit : strangerBodyLimit; }
 u32 GUIController::stallLimit() const { return loggedOn_ ? Connection::stallLimit() : strangerStallLimit; }
 
@@ -178,116 +119,97 @@ void GUIController::sendStartState() {
     }
 }
 
+struct GUIController::Table {
+    using Body = i4_ram_file_class;
+    template <auto member>
+    static constexpr auto by = handleBy<GUIController, member>;
+    template <auto member>
+    static bool download(GUIController& self, Body& body) {
+        if (const Ref<Download> found = self.readDownload(body)) ((*found).*member)();
+        return true;
+    }
+    template <u32 message>
+    static bool search(GUIController& self, Body& body) {
+        self.startSearch(message, body);
+        return true;
+    }
+    template <u32 message>
+    static bool extend(GUIController& self, Body&) {
+        self.engine_.messageQ.post(message, self.search_);
+        return true;
+    }
+    template <u32 message>
+    static bool post(GUIController& self, Body&) {
+        self.engine_.messageQ.post(message);
+        return true;
+    }
+    template <Relaxed<u8> GUIController::*status, u8 wanted>
+    static bool want(GUIController& self, Body&) {
+        self.wantStatus(self.*status, wanted);
+        return true;
+    }
+
+    static constexpr Handler<GUIController> rows[] = {
+        // It has logged on.
+        {CTL_LOGON,
+         [](GUIController& self, Body& body) { return self.Connection::handleMessage(CTL_LOGON, body); }},
+        {CTL_QUIT, by<&GUIController::quit>},
+        {CTL_COMMAND, by<&GUIController::runCommand>},
+        {CTL_CONNECT, by<&GUIController::connectToServer>},
+        {CTL_DISCONNECT, post<MESSAGE_DISCONNECT>},
+        {CTL_SEARCH, search<MESSAGE_SEARCH>},
+        {CTL_EXTEND, extend<MESSAGE_EXTEND>},
+        {CTL_MORE_RESULTS, post<MESSAGE_MORE_RESULTS>},
+        {CTL_SEARCH_ALTERNATE, search<MESSAGE_SEARCH_ALTERNATE>},
+        {CTL_EXTEND_ALTERNATE, extend<MESSAGE_EXTEND_ALTERNATE>},
+        {CTL_DOWNLOAD_RESULT, by<&GUIController::downloadResult>},
+        {CTL_PAUSE, download<&Download::pause>},
+        {CTL_RESUME, download<&Download::resume>},
+        {CTL_CANCEL, download<&Download::cancel>},
+        {CTL_PRIORITY, by<&GUIController::setDownloadPriority>},
+        {CTL_NOTHING, by<&GUIController::nothing>},
+        {CTL_GET_SERVERS, by<&GUIController::sendServers>},
+        {CTL_GET_FRIENDS, by<&GUIController::sendFriends>},
+        {CTL_GET_SHARED_DIRS, by<&GUIController::sendSharedDirs>},
+        {CTL_SET_SHARED_DIRS, by<&GUIController::setSharedDirs>},
+        {CTL_DOWNLOAD_STATUS_ON, want<&GUIController::downloadStatus_, 1>},
+        {CTL_DOWNLOAD_STATUS_OFF, want<&GUIController::downloadStatus_, 0>},
+        {CTL_UPLOAD_STATUS_ON, want<&GUIController::uploadStatus_, 1>},
+        {CTL_UPLOAD_STATUS_OFF, want<&GUIController::uploadStatus_, 0>},
+        {CTL_REMOVE_SERVER, by<&GUIController::removeServer>},
+        {CTL_ADD_SERVER, by<&GUIController::addServer>},
+        {CTL_SERVER_PREFERENCE, by<&GUIController::setServerPreference>},
+        {CTL_GET_SHARED_FILES, by<&GUIController::sendSharedFiles>},
+        {CTL_GET_SETTINGS, by<&GUIController::sendSettings>},
+        {CTL_DOWNLOAD_RECORD, by<&GUIController::downloadRecord>},
+    };
+};
+
 bool GUIController::handleMessage(u8 opcode, i4_ram_file_class& stream) {
-    switch (opcode) {
-        case CTL_QUIT:
-            statusThread_.stop();
-            ui_.commands().quit();
-            return true;
-        case CTL_COMMAND:
-            runCommand(stream);
-            return true;
-        case CTL_NOTHING:
-            return true;
-        case CTL_DOWNLOAD_STATUS_ON:
-            wantStatus(downloadStatus_, 1);
-            return true;
-        case CTL_DOWNLOAD_STATUS_OFF:
-            wantStatus(downloadStatus_, 0);
-            return true;
-        case CTL_UPLOAD_STATUS_ON:
-            wantStatus(uploadStatus_, 1);
-            return true;
-        case CTL_UPLOAD_STATUS_OFF:
-            wantStatus(uploadStatus_, 0);
-            return true;
-        default:
-            return handleEngine(opcode, stream);
-    }
+    static_assert(handlesAll(controllerMessages, Direction::in, Table::rows));
+    const Handler<GUIController>* row = findHandler(Table::rows, opcode);
+    return row ? row->handle(*this, stream) : Connection::handleMessage(opcode, stream);
 }
 
-bool GUIController::handleEngine(u8 opcode, i4_ram_file_class& stream) {
-    switch (opcode) {
-        case CTL_CONNECT:
-            connectToServer(stream);
-            return true;
-        case CTL_DISCONNECT:
-            engine_.messageQ.post(MESSAGE_DISCONNECT);
-            return true;
-        case CTL_SEARCH:
-            startSearch(MESSAGE_SEARCH, stream);
-            return true;
-        case CTL_EXTEND:
-            engine_.messageQ.post(MESSAGE_EXTEND, search_);
-            return true;
-        case CTL_MORE_RESULTS:
-            engine_.messageQ.post(MESSAGE_MORE_RESULTS);
-            return true;
-        case CTL_SEARCH_ALTERNATE:
-            startSearch(MESSAGE_SEARCH_ALTERNATE, stream);
-            return true;
-        case CTL_EXTEND_ALTERNATE:
-            engine_.messageQ.post(MESSAGE_EXTEND_ALTERNATE, search_);
-            return true;
-        case CTL_DOWNLOAD_RESULT:
-            downloadResult(stream);
-            return true;
-        case CTL_DOWNLOAD_RECORD:
-            downloadRecord(stream);
-            return true;
-        case CTL_PAUSE:
-            if (const Ref<Download> download = readDownload(stream)) download->pause();
-            return true;
-        case CTL_RESUME:
-            if (const Ref<Download> download = readDownload(stream)) download->resume();
-            return true;
-        case CTL_CANCEL:
-            if (const Ref<Download> download = readDownload(stream)) download->cancel();
-            return true;
-        case CTL_PRIORITY:
-            setDownloadPriority(stream);
-            return true;
-        default:
-            return handleSettings(opcode, stream);
-    }
+void GUIController::nothing() {}
+void GUIController::sendServers() { send(makePacket(CTL_SERVERS, engine_.serverPool.servers())); }
+void GUIController::sendFriends() { send(makePacket(CTL_FRIENDS, engine_.friendList)); }
+void GUIController::sendSharedFiles() { send(makePacket(CTL_SHARED_FILES, engine_.clientApp.shared)); }
+void GUIController::setSharedDirs(i4_file& stream) { stream.read_16(); }
+
+void GUIController::quit() {
+    statusThread_.stop();
+    ui_.commands().quit();
 }
 
-bool GUIController::handleSettings(u8 opcode, i4_ram_file_class& stream) {
-    switch (opcode) {
-        case CTL_GET_SERVERS:
-            send(makePacket(CTL_SERVERS, engine_.serverPool.servers()));
-            return true;
-        case CTL_GET_FRIENDS:
-            send(makePacket(CTL_FRIENDS, engine_.friendList));
-            return true;
-        case CTL_GET_SHARED_DIRS:
-            sendSharedDirs();
-            return true;
-        case CTL_SET_SHARED_DIRS:
-            stream.read_16();
-            return true;
-        case CTL_GET_SHARED_FILES:
-            send(makePacket(CTL_SHARED_FILES, engine_.clientApp.shared));
-            return true;
-        case CTL_GET_SETTINGS:
-            sendSettings();
-            return true;
-        case CTL_REMOVE_SERVER: {
-            const ServerAddress server = readAddress(stream);
-            engine_.serverPool.removeServer(server.ip, server.port);
-            return true;
-        }
-        case CTL_ADD_SERVER: {
-            const ServerAddress server = readAddress(stream);
-            engine_.serverPool.addServer(server.ip, server.port);
-            return true;
-        }
-        case CTL_SERVER_PREFERENCE:
-            setServerPreference(stream);
-            return true;
-        default:
-            return Connection::handleMessage(opcode, stream);
-    }
+void GUIController::removeServer(i4_file& stream) {
+    const ServerAddress server = readAddress(stream);
+    engine_.serverPool.removeServer(server.ip, server.port);
+}
+
+void GUIController::addServer(i4_file& stream) {
+    const ServerAddress server = readAddress(stream);
+    engine_.serverPool.addServer(server.ip, server.port);
 }
 
 void GUIController::runCommand(i4_file& stream) {

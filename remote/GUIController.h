@@ -45,8 +45,15 @@ class GUIController : public Connection {
     Ref<Download> readDownload(i4_file& stream);
     bool logOn(i4_file& stream);
     void sendStartState();
-    bool handleEngine(u8 opcode, i4_ram_file_class& stream);
-    bool handleSettings(u8 opcode, i4_ram_file_class& stream);
+    struct Table;  // which message goes to which of these
+    void nothing();
+    void quit();
+    void sendServers();
+    void sendFriends();
+    void sendSharedFiles();
+    void setSharedDirs(i4_file& stream);
+    void removeServer(i4_file& stream);
+    void addServer(i4_file& stream);
     void runCommand(i4_file& stream);
     void connectToServer(i4_file& stream);
     void startSearch(u32 message, i4_file& stream);

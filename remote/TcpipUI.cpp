@@ -8,7 +8,7 @@
 #include "meta/UserMeta.h"
 #include "peer/Upload.h"
 #include "peer/UploadSlot.h"
-#include "remote/ControllerOpcodes.h"
+#include "protocol/ControllerProtocol.h"
 #include "remote/GUIController.h"
 #include "remote/GUIControllerDoor.h"
 

@@ -15,29 +15,12 @@
 
 #include "i4min/network/protocol.h"
 #include "meta/FileMeta.h"
+#include "protocol/ServerProtocol.h"
 #include "server/Search.h"
 #include "server/ServerDesk.h"
 #include "server/ServerNeeds.h"
 #include "transport/Transport.h"
 #include "transport/UDPPacket.h"
-
-namespace {
-
-constexpr u32 udpPortOffset = 4;
-
-enum UdpOpcode : u8 {
-    UDP_SERVER_PING = 150,
-    UDP_SERVER_PING_ANSWER = 151,
-    UDP_EXTENDED_SEARCH = 152,
-    UDP_EXTENDED_RESULT = 153,
-    UDP_GET_SOURCES = 154,
-    UDP_FOUND_SOURCES = 155,
-    UDP_CALLBACK = 156,
-    UDP_ALTERNATE_SEARCH = 157,
-    UDP_CALLBACK_FAILED = 158,
-};
-
-}  // namespace
 
 std::unique_ptr<UDPPacket> ExServerAnnex::makeDatagram(u8 opcode, u32 payload, const ServerAddress& server) {
     auto packet = std::make_unique<UDPPacket>(transport().host.network, payload + 1, server.ip,
@@ -47,7 +30,7 @@ std::unique_ptr<UDPPacket> ExServerAnnex::makeDatagram(u8 opcode, u32 payload, c
 }
 
 void ExServerAnnex::ping(const ServerAddress& server) {
-    auto packet = makeDatagram(UDP_SERVER_PING, 4, server);
+    auto packet = makeDatagram(OP_PING, 4, server);
     packet->stream.write_32(transport().host.clock.ticks());
     send(std::move(packet));
 }
@@ -59,21 +42,21 @@ void ExServerAnnex::sendTree(u8 opcode, const Search& search, const ServerAddres
 }
 
 void ExServerAnnex::sendSearch(const Search& search, const ServerAddress& server) {
-    sendTree(UDP_EXTENDED_SEARCH, search, server);
+    sendTree(OP_EXTENDED_SEARCH, search, server);
 }
 
 void ExServerAnnex::sendAlternateSearch(const Search& search, const ServerAddress& server) {
-    sendTree(UDP_ALTERNATE_SEARCH, search, server);
+    sendTree(OP_EXTENDED_ALTERNATE_SEARCH, search, server);
 }
 
 void ExServerAnnex::findSources(const MD4Hash& hash, const ServerAddress& server) {
-    auto packet = makeDatagram(UDP_GET_SOURCES, MD4Hash::streamSize, server);
+    auto packet = makeDatagram(OP_EXTENDED_GET_SOURCES, MD4Hash::streamSize, server);
     hash.write(packet->stream);
     send(std::move(packet));
 }
 
 void ExServerAnnex::requestCallback(u32 clientId, const ServerAddress& server) {
-    auto packet = makeDatagram(UDP_CALLBACK, 10, server);
+    auto packet = makeDatagram(OP_EXTENDED_CALLBACK, 10, server);
     packet->stream.write_32(needs_.core.preferences.clientId());
     packet->stream.write_16(static_cast<u16>(needs_.core.preferences.doorPort.get()));
     packet->stream.write_32(clientId);
@@ -85,16 +68,16 @@ void ExServerAnnex::handleDatagram() {
     const ServerAddress server{ipOfAddress(*from_), static_cast<u16>(from_->get_port() - udpPortOffset)};
     const u8 opcode = buffer_.read_8();
     switch (opcode) {
-        case UDP_SERVER_PING_ANSWER:
+        case OP_PING_ANSWER:
             gotPing(server);
             break;
-        case UDP_EXTENDED_RESULT:
+        case OP_EXTENDED_RESULT:
             gotResult();
             break;
-        case UDP_FOUND_SOURCES:
+        case OP_EXTENDED_FOUND_SOURCES:
             gotSources(server);
             break;
-        case UDP_CALLBACK_FAILED:
+        case OP_EXTENDED_CALLBACK_FAILED:
             needs_.events.callbackFailed(server.ip, buffer_.read_32());
             break;
         default:

@@ -4,67 +4,16 @@
 
 #include "meta/FileList.h"
 #include "meta/UserList.h"
+#include "protocol/Handlers.h"
+#include "protocol/ServerProtocol.h"
 #include "server/Search.h"
 #include "server/ServerDesk.h"
 #include "server/ServerNeeds.h"
-#include "transport/OpcodeTable.h"
 
 namespace {
 
 constexpr u32 logOnBodyLimit = 64 * 1024;
 constexpr u32 loggedOnBodyLimit = 16 * 1024 * 1024;
-
-enum ServerOpcode : u8 {
-    OP_LOGON = 1,
-    OP_OUT_OF_DATE = 5,
-    OP_GET_SERVER_LIST = 20,
-    OP_PUBLISH_FILES = 21,
-    OP_SEARCH_REQUEST = 22,
-    OP_GET_SOURCES = 25,
-    OP_ALTERNATE_SEARCH_REQUEST = 26,
-    OP_REQUEST_CALLBACK = 28,
-    OP_MORE_RESULTS = 33,
-    OP_SERVER_LIST = 50,
-    OP_SEARCH_RESULTS = 51,
-    OP_SERVER_STATUS = 52,
-    OP_CALLBACK_ASKED = 53,
-    OP_CALLBACK_FAILED = 54,
-    OP_SERVER_MESSAGE = 56,
-    OP_DROPPED_TEXT = 62,
-    OP_DROPPED_USER = 63,
-    OP_CLIENT_ID_CHANGE = 64,
-    OP_SERVER_IDENT = 65,
-    OP_FOUND_SOURCES = 66,
-    OP_FOUND_USERS = 67,
-};
-
-// The body behind the opcode. A record is a list of tags: u32 count and the tags.
-constexpr Opcode rows[] = {
-    // out
-    {OP_LOGON, "Logon", Direction::out, 26, Opcode::unbounded},  // hash, u32 id, u16 port, record
-    {OP_GET_SERVER_LIST, "GetServerList", Direction::out, 0, 0},
-    {OP_PUBLISH_FILES, "PublishFiles", Direction::out, 4, Opcode::unbounded},    // list of files
-    {OP_SEARCH_REQUEST, "SearchRequest", Direction::out, 0, Opcode::unbounded},  // tree
-    {OP_GET_SOURCES, "GetSources", Direction::out, 16, 16},                      // hash
-    {OP_ALTERNATE_SEARCH_REQUEST, "AlternateSearchRequest", Direction::out, 0, Opcode::unbounded},  // tree
-    {OP_REQUEST_CALLBACK, "RequestCallback", Direction::out, 4, 4},                                 // u32 id
-    {OP_MORE_RESULTS, "MoreResults", Direction::out, 0, 0},
-    // in
-    {OP_OUT_OF_DATE, "OutOfDate", Direction::in, 0, Opcode::unbounded},   // not read
-    {OP_SERVER_LIST, "ServerList", Direction::in, 1, Opcode::unbounded},  // u8 count, (u32 ip, u16 port)
-    {OP_SEARCH_RESULTS, "SearchResults", Direction::in, 5, Opcode::unbounded},     // list of files, u8 more
-    {OP_SERVER_STATUS, "ServerStatus", Direction::in, 8, Opcode::unbounded},       // u32 users, u32 files
-    {OP_CALLBACK_ASKED, "CallbackAsked", Direction::in, 6, Opcode::unbounded},     // u32 ip, u16 port
-    {OP_CALLBACK_FAILED, "CallbackFailed", Direction::in, 4, Opcode::unbounded},   // u32 id
-    {OP_SERVER_MESSAGE, "ServerMessage", Direction::in, 2, Opcode::unbounded},     // string
-    {OP_DROPPED_TEXT, "DroppedText", Direction::in, 6, Opcode::unbounded},         // u32, string
-    {OP_DROPPED_USER, "DroppedUser", Direction::in, 1, Opcode::unbounded},         // u8 count, user
-    {OP_CLIENT_ID_CHANGE, "ClientIdChange", Direction::in, 4, Opcode::unbounded},  // u32 id
-    {OP_SERVER_IDENT, "ServerIdent", Direction::in, 26, Opcode::unbounded},  // hash, u32 ip, u16 port, record
-    {OP_FOUND_SOURCES, "FoundSources", Direction::in, 16, Opcode::unbounded},  // hash, u8 count, (u32, u16)
-    {OP_FOUND_USERS, "FoundUsers", Direction::in, 4, Opcode::unbounded},       // list of users
-};
-constexpr OpcodeTable table(rows);
 
 // A list off a stream with its records; null where it can't be read.
 template <class List>
@@ -81,7 +30,7 @@ MainServer::MainServer(SocketPool& pool, ServerDesk& desk, const ServerNeeds& ne
     server_.copyFrom(&server);
 }
 
-const OpcodeTable* MainServer::opcodes() const { return &table; }
+const OpcodeTable* MainServer::opcodes() const { return &serverMessages; }
 
 u32 MainServer::bodyLimit() const { return isLoggedOn() ? loggedOnBodyLimit : logOnBodyLimit; }
 u32 MainServer::stallLimit() const { return 0; }
@@ -101,48 +50,58 @@ void MainServer::gone() {
     if (!isLoggedOn() && !isClosing()) desk_.serverFailed(ip);
 }
 
+struct MainServer::Table {
+    template <auto member>
+    static constexpr auto by = handleBy<MainServer, member>;
+
+    static constexpr Handler<MainServer> rows[] = {
+        {OP_OUT_OF_DATE, by<&MainServer::gotOutOfDate>},
+        {OP_SERVER_LIST, by<&MainServer::gotServerList>},
+        {OP_SEARCH_RESULTS, by<&MainServer::gotSearchResults>},
+        {OP_SERVER_STATUS, by<&MainServer::gotStatus>},
+        {OP_CALLBACK_ASKED, by<&MainServer::gotCallbackAsked>},
+        {OP_CALLBACK_FAILED, by<&MainServer::gotCallbackFailed>},
+        {OP_SERVER_MESSAGE, by<&MainServer::gotMessage>},
+        {OP_DROPPED_TEXT, by<&MainServer::gotDroppedText>},
+        {OP_DROPPED_USER, by<&MainServer::gotDroppedUser>},
+        {OP_CLIENT_ID, by<&MainServer::gotClientId>},
+        {OP_SERVER_IDENT, by<&MainServer::gotServerIdent>},
+        {OP_FOUND_SOURCES, by<&MainServer::gotSources>},
+        {OP_FOUND_USERS, by<&MainServer::gotUsers>},
+    };
+};
+
 bool MainServer::handleMessage(u8 opcode, i4_ram_file_class& stream) {
-    switch (opcode) {
-        case OP_OUT_OF_DATE:
-            if (needs_.core.log.mayComplain(UIInterface::Complaint::serverOutOfDate))
-                needs_.core.log.printLine("Either your client or the server is out of date.");
-            return true;
-        case OP_SERVER_LIST:
-            return gotServerList(stream);
-        case OP_SEARCH_RESULTS:
-            return gotSearchResults(stream);
-        case OP_SERVER_STATUS: {
-            const u32 users = stream.read_32();
-            needs_.ui.serverStats(stream.read_32(), users);
-            return true;
-        }
-        case OP_CALLBACK_ASKED:
-            return gotCallbackAsked(stream);
-        case OP_CALLBACK_FAILED:
-            needs_.events.callbackFailed(ip, stream.read_32());
-            return true;
-        case OP_SERVER_MESSAGE:
-            if (needs_.core.log.mayComplain(UIInterface::Complaint::serverMessage))
-                needs_.core.log.printLine("%s", i4_string(stream).c_str());
-            return true;
-        case OP_DROPPED_TEXT:
-            stream.read_32();
-            static_cast<void>(i4_string(stream));
-            return true;
-        case OP_DROPPED_USER:
-            if (stream.read_8() != 0) static_cast<void>(UserMeta().fromNetwork(stream));
-            return true;
-        case OP_CLIENT_ID_CHANGE:
-            return gotClientId(stream);
-        case OP_SERVER_IDENT:
-            return gotServerIdent(stream);
-        case OP_FOUND_SOURCES:
-            return gotSources(stream);
-        case OP_FOUND_USERS:
-            return gotUsers(stream);
-        default:
-            return Connection::handleMessage(opcode, stream);
-    }
+    static_assert(handlesAll(serverMessages, Direction::in, Table::rows));
+    const Handler<MainServer>* row = findHandler(Table::rows, opcode);
+    return row ? row->handle(*this, stream) : Connection::handleMessage(opcode, stream);
+}
+
+void MainServer::gotOutOfDate() {
+    if (needs_.core.log.mayComplain(UIInterface::Complaint::serverOutOfDate))
+        needs_.core.log.printLine("Either your client or the server is out of date.");
+}
+
+void MainServer::gotStatus(i4_file& stream) {
+    const u32 users = stream.read_32();
+    needs_.ui.serverStats(stream.read_32(), users);
+}
+
+void MainServer::gotCallbackFailed(i4_file& stream) { needs_.events.callbackFailed(ip, stream.read_32()); }
+
+void MainServer::gotMessage(i4_file& stream) {
+    if (needs_.core.log.mayComplain(UIInterface::Complaint::serverMessage))
+        needs_.core.log.printLine("%s", i4_string(stream).c_str());
+}
+
+// These two are read, so that one that can't be read ends the connection, and left alone.
+void MainServer::gotDroppedText(i4_file& stream) {
+    stream.read_32();
+    static_cast<void>(i4_string(stream));
+}
+
+void MainServer::gotDroppedUser(i4_file& stream) {
+    if (stream.read_8() != 0) static_cast<void>(UserMeta().fromNetwork(stream));
 }
 
 bool MainServer::gotServerList(i4_file& stream) {
@@ -236,6 +195,6 @@ void MainServer::sendTree(u8 opcode, const Search& search) {
     send(std::move(packet));
 }
 
-void MainServer::sendSearch(const Search& search) { sendTree(OP_SEARCH_REQUEST, search); }
-void MainServer::sendAlternateSearch(const Search& search) { sendTree(OP_ALTERNATE_SEARCH_REQUEST, search); }
+void MainServer::sendSearch(const Search& search) { sendTree(OP_SEARCH, search); }
+void MainServer::sendAlternateSearch(const Search& search) { sendTree(OP_ALTERNATE_SEARCH, search); }
 void MainServer::moreResults() { send(makePacket(OP_MORE_RESULTS)); }

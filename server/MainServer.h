@@ -43,6 +43,13 @@ class MainServer : public Connection {
     const OpcodeTable* opcodes() const override;
 
   private:
+    struct Table;  // which message goes to which of these
+    void gotOutOfDate();
+    void gotStatus(i4_file& stream);
+    void gotCallbackFailed(i4_file& stream);
+    void gotMessage(i4_file& stream);
+    void gotDroppedText(i4_file& stream);
+    void gotDroppedUser(i4_file& stream);
     bool gotServerList(i4_file& stream);
     bool gotSearchResults(i4_file& stream);
     bool gotCallbackAsked(i4_file& stream);

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "index/IndexProtocol.h"
 #include "meta/FileMeta.h"
 #include "meta/address.h"
+#include "protocol/ServerProtocol.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "i4min/threads/linux/Thread.h"
 #include "index/FrameReader.h"
-#include "peer/PeerOpcodes.h"
+#include "protocol/PeerProtocol.h"
 #include "sim/SimHost.h"
 
 // A file as it is published. Its bytes and its hash belong together.

@@ -1,6 +1,7 @@
 // A controller, written here from the bytes of its protocol alone, steers a running client.
 #include <gtest/gtest.h>
 
+#include "protocol/ControllerProtocol.h"
 #include "tests/support/Caller.h"
 #include "tests/support/Network.h"
 
@@ -13,7 +14,7 @@ class Controller : public Caller {
   public:
     using Caller::Caller;
     bool logOn(const std::string& password = "kitpass") {
-        return say(opcode(100, text16("kit") + text16(password)));
+        return say(opcode(CTL_LOGON, text16("kit") + text16(password)));
     }
 };
 
@@ -28,7 +29,7 @@ class ControllerStory : public testing::Test {
         EXPECT_TRUE(eventually([&] {
             next = std::make_unique<Controller>(port);
             next->logOn();
-            next->say(opcode(225));
+            next->say(opcode(CTL_GET_SETTINGS));
             return !next->packet().empty();
         })) << client.console().output();
         return next;
@@ -51,21 +52,22 @@ TEST_F(ControllerStory, DrivesADownloadWhileTheConsoleWorksVanishesAndQuits) {
     ASSERT_TRUE(controller->logOn());
     const std::string server = le32(loopbackIp) + le16(index.portNumber());
     controller->send(message(222, server) + message(200, server) + message(102, text16("dumax 400 400")));
-    controller->await(182);
-    controller->say(opcode(202, "\1" + text16("tawny")));
+    controller->await(CTL_CONNECTED);
+    controller->say(opcode(CTL_SEARCH, "\1" + text16("tawny")));
     // A list of one file: its hash follows the count.
-    const std::string results = controller->await(187);
+    const std::string results = controller->await(CTL_RESULTS);
     ASSERT_EQ(u32At(results, 0), 1U);
     const std::string hash = results.substr(4, 16);
     controller->send(message(207, hash) + message(217) + message(219));
-    EXPECT_EQ(controller->await(188).substr(0, 16), hash);
-    controller->say(opcode(208, hash));  // held until a status packet has told of it
+    EXPECT_EQ(controller->await(CTL_DOWNLOAD_ADDED).substr(0, 16), hash);
+    controller->say(opcode(CTL_PAUSE, hash));  // held until a status packet has told of it
     EXPECT_TRUE(consoleWorks());
-    const std::string status = controller->await(197, [](const std::string& s) { return u16At(s, 0) == 1; });
+    const std::string status =
+        controller->await(CTL_DOWNLOAD_STATUS, [](const std::string& s) { return u16At(s, 0) == 1; });
     EXPECT_EQ(status.size(), 2U + 13);
     EXPECT_LT(u32At(status, 2 + 7), bytes.size());
     controller->send(message(209, hash) + message(102, text16("dumax 0 0")));
-    EXPECT_EQ(controller->await(189), hash);
+    EXPECT_EQ(controller->await(CTL_DOWNLOAD_REMOVED), hash);
     EXPECT_TRUE(hasBytes(client.file("incoming/tawny owl.bin"), bytes));
     EXPECT_TRUE(client.type("vr", "None.")) << "results that went to the controller aren't the console's";
 
@@ -82,11 +84,11 @@ TEST_F(ControllerStory, DrivesADownloadWhileTheConsoleWorksVanishesAndQuits) {
     controller->reset();
     // One that says it and is gone at once may not be heard: each stays until the client ends.
     controller = nextController();
-    controller->say(opcode(101));
+    controller->say(opcode(CTL_QUIT));
     EXPECT_EQ(client.console().wait(), 1) << client.console().output();
     client.launch({"-", "!"});
     controller = nextController();
-    controller->say(opcode(101));
+    controller->say(opcode(CTL_QUIT));
     EXPECT_TRUE(client.console().waitFor("Enter commands")) << client.console().output();
     EXPECT_EQ(client.console().wait(), 1);
 }
@@ -94,8 +96,8 @@ TEST_F(ControllerStory, DrivesADownloadWhileTheConsoleWorksVanishesAndQuits) {
 TEST_F(ControllerStory, BadOnesAreDroppedAndTheRestGoesOn) {
     Controller first(port);
     ASSERT_TRUE(first.logOn());
-    first.say(opcode(225));
-    EXPECT_EQ(u16At(first.await(199), 0), 59U);
+    first.say(opcode(CTL_GET_SETTINGS));
+    EXPECT_EQ(u16At(first.await(CTL_SETTINGS), 0), 59U);
     Controller second(port);
     second.logOn();
     EXPECT_TRUE(second.isEnded());
@@ -116,7 +118,7 @@ TEST_F(ControllerStory, BadOnesAreDroppedAndTheRestGoesOn) {
     late.logOn();
     EXPECT_TRUE(late.isEnded());
     EXPECT_TRUE(consoleWorks());
-    first.say(opcode(102, text16("q")));
+    first.say(opcode(CTL_COMMAND, text16("q")));
     EXPECT_EQ(client.console().wait(), 1) << client.console().output();
     EXPECT_EQ(client.console().output().find("Are you sure"), std::string::npos) << "nobody is asked";
 }

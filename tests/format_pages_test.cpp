@@ -1,4 +1,4 @@
-// The hex examples of docs/*.md, each decoded by the code that it documents.
+// The hex examples of docs/*.md, each decoded by the code that it documents, and its tables of messages.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 #include <span>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@
 #include "meta/ServerList.h"
 #include "meta/UserList.h"
 #include "meta/address.h"
+#include "protocol/ControllerProtocol.h"
+#include "protocol/PeerProtocol.h"
+#include "protocol/ServerProtocol.h"
 #include "server/Search.h"
 #include "tests/support/OwnEngine.h"
 #include "tests/support/bytes.h"
@@ -227,6 +231,50 @@ TEST(FormatPages, EveryHexExampleDecodesAndEveryDecoderHasAnExample) {
         }
     }
     EXPECT_THAT(unused, testing::IsEmpty()) << "decoders of examples that no page has";
+}
+
+// The messages of a section of docs/protocol.md, a line each: opcode, name where the page has one, body.
+std::set<std::string> messagesOnPage(const std::string& section) {
+    std::ifstream page(std::string(TARNWICK_SOURCE_DIR) + "/docs/protocol.md");
+    std::set<std::string> messages;
+    bool within = false;
+    std::size_t bodyColumn = 0;
+    for (std::string line; std::getline(page, line);) {
+        if (line.rfind("## ", 0) == 0) within = line == "## " + section;
+        if (!within || line.rfind("| ", 0) != 0) continue;
+        std::vector<std::string> cells;
+        std::istringstream row(line.substr(2));
+        for (std::string cell; std::getline(row, cell, '|');)
+            cells.push_back(cell.substr(cell[0] == ' ' ? 1 : 0));
+        for (std::string& cell : cells) cell.erase(cell.find_last_not_of(' ') + 1);
+        if (cells[0] == "Opcode" || cells[0] == "Bytes") {
+            bodyColumn =
+                static_cast<std::size_t>(std::find(cells.begin(), cells.end(), "Body") - cells.begin());
+        }
+        if (cells[0].find_first_not_of("0123456789, ") != std::string::npos || bodyColumn >= cells.size())
+            continue;
+        const std::string name = bodyColumn > 1 ? cells[bodyColumn - 1] + ": " : "";
+        std::istringstream opcodes(cells[0]);
+        for (int number = 0; opcodes >> number; opcodes.ignore())
+            messages.insert(std::to_string(number) + " " + name + cells[bodyColumn]);
+    }
+    return messages;
+}
+
+std::set<std::string> messagesOf(const OpcodeTable& table, bool named) {
+    std::set<std::string> messages;
+    for (const Opcode& row : table)
+        messages.insert(std::to_string(row.number) + " " + (named ? row.name + ": "s : ""s) + row.body);
+    return messages;
+}
+
+TEST(FormatPages, TheMessagesAreThoseOfTheTables) {
+    using testing::ContainerEq;
+    EXPECT_THAT(messagesOnPage("Client and index server"), ContainerEq(messagesOf(serverMessages, true)));
+    EXPECT_THAT(messagesOnPage("Datagrams between client and index servers"),
+                ContainerEq(messagesOf(serverDatagrams, true)));
+    EXPECT_THAT(messagesOnPage("Client and client"), ContainerEq(messagesOf(peerMessages, true)));
+    EXPECT_THAT(messagesOnPage("Controller and client"), ContainerEq(messagesOf(controllerMessages, false)));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "index/IndexServer.h"
 #include "index/options.h"
 #include "meta/FileList.h"
+#include "protocol/ServerProtocol.h"
 #include "tests/support/Network.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/records.h"
@@ -31,9 +32,9 @@ Bytes bytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
 std::string text(ByteSpan bytes) { return {bytes.begin(), bytes.end()}; }
 
 std::string fileId(u32 number) { return le32(number) + std::string(12, '\x9'); }
-std::string logOn(u16 port) { return opcode(1, namedRecord(hashOf(77), 0, port, "abcde")); }
+std::string logOn(u16 port) { return opcode(OP_LOGON, namedRecord(hashOf(77), 0, port, "abcde")); }
 std::string publish(u32 first, u32 count, const std::string& name) {
-    std::string body = opcode(21, le32(count));
+    std::string body = opcode(OP_PUBLISH_FILES, le32(count));
     for (u32 i = first; i < first + count; ++i) {
         body += fileId(i) + le32(0) + le16(0) + le32(1) + "\2" + text16("\1");
         body += text16(name + " " + std::to_string(i));
@@ -62,7 +63,7 @@ struct Page {
 
 // The ports in an answer that names sources.
 std::set<u32> portsOf(const std::string& body, const std::string& file) {
-    EXPECT_EQ(body.substr(0, 17), opcode(66, file));
+    EXPECT_EQ(body.substr(0, 17), opcode(OP_FOUND_SOURCES, file));
     const u32 count = static_cast<u8>(body.at(17));
     EXPECT_EQ(body.size(), 18 + 6 * count);
     std::set<u32> ports;
@@ -165,8 +166,10 @@ TEST_F(Service, LogsOnWithAHighOrALowId) {
         } else {
             EXPECT_TRUE(id > 0 && id < 0xFFFFFF && lowIds.insert(id).second) << id;
         }
-        EXPECT_THAT(got, ElementsAre(opcode(64, le32(id)), opcode(56, text16("hello")),
-                                     opcode(52, le32(service.users()) + le32(0)), testing::StartsWith("A")));
+        EXPECT_THAT(
+            got,
+            ElementsAre(opcode(OP_CLIENT_ID, le32(id)), opcode(OP_SERVER_MESSAGE, text16("hello")),
+                        opcode(OP_SERVER_STATUS, le32(service.users()) + le32(0)), testing::StartsWith("A")));
     }
 }
 
@@ -177,9 +180,9 @@ TEST_F(Service, DropsWhoDoesntKeepToTheProtocol) {
                                      {false, std::string()},
                                      {false, log_on.substr(0, log_on.size() - 1)},
                                      {true, log_on},
-                                     {true, opcode(28)},
+                                     {true, opcode(OP_REQUEST_CALLBACK)},
                                      {true, list.substr(0, list.size() - 3)},
-                                     {true, opcode(21, le32(0x7FFFFFFF))}}) {
+                                     {true, opcode(OP_PUBLISH_FILES, le32(0x7FFFFFFF))}}) {
         IndexSession* session = known ? online(true) : arrive();
         ask(*session, bad);
         EXPECT_TRUE(dropped(*session)) << testing::PrintToString(bad);
@@ -187,7 +190,7 @@ TEST_F(Service, DropsWhoDoesntKeepToTheProtocol) {
     }
     EXPECT_EQ(service.index().fileCount(), 0u) << "what was read of a broken list goes with its client";
     IndexSession* session = online(true);
-    for (const std::string& harmless : {opcode(2), opcode(200, "abc"), opcode(20, "xy")})
+    for (const std::string& harmless : {opcode(2), opcode(200, "abc"), opcode(OP_GET_SERVER_LIST, "xy")})
         ask(*session, harmless);
     EXPECT_FALSE(dropped(*session));
 }
@@ -199,7 +202,8 @@ TEST_F(Service, SearchesPageByPage) {
     ask(*sharer, publish(1000, 3, "a song"));
     ask(*asker, publish(1001, 1, "the same song"));
     std::size_t at = 0;
-    for (const std::string& request : {search("film"), opcode(33), opcode(33), opcode(33)}) {
+    for (const std::string& request :
+         {search("film"), opcode(OP_MORE_RESULTS), opcode(OP_MORE_RESULTS), opcode(OP_MORE_RESULTS)}) {
         const Page page(ask(*asker, request).at(0));
         EXPECT_EQ(page.names.size(), std::min<std::size_t>(200, 450 - at));
         if (at < 450) {
@@ -211,7 +215,7 @@ TEST_F(Service, SearchesPageByPage) {
     EXPECT_THAT(Page(ask(*asker, search("SONG", 26)).at(0)).names,
                 ElementsAre("a song 1000 x1", "a song 1001 x2", "a song 1002 x1"));
     for (const std::string& nothing :
-         {opcode(22), opcode(22, "\7"), search("nowhere"), search(std::string(9000, 'x'))}) {
+         {opcode(OP_SEARCH), opcode(OP_SEARCH, "\7"), search("nowhere"), search(std::string(9000, 'x'))}) {
         const Page page(ask(*asker, nothing).at(0));
         EXPECT_THAT(page.names, IsEmpty());
         EXPECT_FALSE(page.more);
@@ -221,7 +225,7 @@ TEST_F(Service, SearchesPageByPage) {
 }
 
 TEST_F(Service, NamesSourcesOfUse) {
-    const std::string wanted = opcode(25, fileId(5));
+    const std::string wanted = opcode(OP_GET_SOURCES, fileId(5));
     const std::string list = publish(5, 1, "wanted");
     IndexSession* asker = online(true, 3333);
     IndexSession* lowAsker = online(false, 4444);
@@ -229,7 +233,8 @@ TEST_F(Service, NamesSourcesOfUse) {
     EXPECT_THAT(portsOf(ask(*asker, wanted).at(0), fileId(5)), ElementsAre(1111, 2222)) << "not itself";
     EXPECT_THAT(portsOf(ask(*lowAsker, wanted).at(0), fileId(5)), ElementsAre(1111, 3333))
         << "whom it can call";
-    EXPECT_THAT(ask(*asker, opcode(25, fileId(6))), ElementsAre(opcode(66, fileId(6) + le8(0))));
+    EXPECT_THAT(ask(*asker, opcode(OP_GET_SOURCES, fileId(6))),
+                ElementsAre(opcode(OP_FOUND_SOURCES, fileId(6) + le8(0))));
     // Many come in turns.
     for (u16 port = 5001; port <= 5400; ++port) ask(*online(true, port), list);
     std::set<u32> seen;
@@ -245,25 +250,27 @@ TEST_F(Service, PassesCallbacksOn) {
     IndexSession* low = online(false);
     IndexSession* otherLow = online(false);
     IndexSession* high = online(true, 4711);
-    EXPECT_THAT(ask(*high, opcode(28, le32(low->id))), IsEmpty());
-    EXPECT_THAT(answers(*low), ElementsAre(opcode(53, le32(high->id) + le16(4711))));
+    EXPECT_THAT(ask(*high, opcode(OP_REQUEST_CALLBACK, le32(low->id))), IsEmpty());
+    EXPECT_THAT(answers(*low), ElementsAre(opcode(OP_CALLBACK_ASKED, le32(high->id) + le16(4711))));
     for (const auto& [session, id] : {std::pair{otherLow, low->id}, {high, 0x777777u}, {high, high->id}}) {
-        EXPECT_THAT(ask(*session, opcode(28, le32(id))), ElementsAre(opcode(54, le32(id))));
+        EXPECT_THAT(ask(*session, opcode(OP_REQUEST_CALLBACK, le32(id))),
+                    ElementsAre(opcode(OP_CALLBACK_FAILED, le32(id))));
     }
     EXPECT_THAT(answers(*low), IsEmpty());
 }
 
 TEST_F(Service, TellsServersAndStatusAndNoticesSilence) {
     IndexSession* session = online(true);
-    EXPECT_THAT(ask(*session, opcode(20)), ElementsAre(opcode(50, "\2" + le32(loopbackIp) + le16(4000) +
-                                                                      le32(0x04030201) + le16(5000))));
+    EXPECT_THAT(ask(*session, opcode(OP_GET_SERVER_LIST)),
+                ElementsAre(opcode(OP_SERVER_LIST,
+                                   "\2" + le32(loopbackIp) + le16(4000) + le32(0x04030201) + le16(5000))));
     service.tick(now);
-    EXPECT_THAT(answers(*session), ElementsAre(opcode(52, le32(1) + le32(0))));
+    EXPECT_THAT(answers(*session), ElementsAre(opcode(OP_SERVER_STATUS, le32(1) + le32(0))));
     ask(*session, publish(1, 1, "x"));
     service.tick(now += 29'000);
     EXPECT_THAT(answers(*session), IsEmpty()) << "at most every 30 seconds";
     service.tick(now += 1000);
-    EXPECT_THAT(answers(*session), ElementsAre(opcode(52, le32(1) + le32(1))));
+    EXPECT_THAT(answers(*session), ElementsAre(opcode(OP_SERVER_STATUS, le32(1) + le32(1))));
     service.tick(now += 60'000);
     EXPECT_THAT(answers(*session), IsEmpty()) << "nothing has changed";
 
@@ -279,7 +286,7 @@ TEST_F(Service, WhoAsksTooMuchWaitsAndWhoReadsTooSlowlyIsDropped) {
     IndexSession* session = online(true);
     service.tick(now);
     ask(*session, publish(1, 250, std::string(1000, 'x')));
-    service.packet(*session, bytes(opcode(20)), now);
+    service.packet(*session, bytes(opcode(OP_GET_SERVER_LIST)), now);
     service.tick(now += 59'999);
     EXPECT_FALSE(dropped(*session));
     service.tick(now += 1);
@@ -323,26 +330,32 @@ TEST_F(Service, FilesAndClientsAreBounded) {
 TEST_F(Service, AnswersDatagrams) {
     IndexSession* low = online(false);
     ask(*low, publish(0, 300, "film"));
-    EXPECT_THAT(send(opcode(150, "abcd")), ElementsAre(opcode(151, "abcd" + le32(1) + le32(300))));
+    EXPECT_THAT(send(opcode(OP_PING, "abcd")),
+                ElementsAre(opcode(OP_PING_ANSWER, "abcd" + le32(1) + le32(300))));
     for (const u32 number : {152u, 157u}) {
         const u64 start = now;
         const Bodies results = send(search("film", number));
         EXPECT_EQ(results.size(), 200u) << "bounded";
         EXPECT_GE(now - start, 190u) << "and paced";
-        EXPECT_EQ(results[0].substr(0, 17), opcode(153, fileId(0)));
+        EXPECT_EQ(results[0].substr(0, 17), opcode(OP_EXTENDED_RESULT, fileId(0)));
     }
-    EXPECT_THAT(send(opcode(154, fileId(3))),
-                ElementsAre(opcode(155, fileId(3) + "\1" + le32(low->id) + le16(4662))));
+    EXPECT_THAT(
+        send(opcode(OP_EXTENDED_GET_SOURCES, fileId(3))),
+        ElementsAre(opcode(OP_EXTENDED_FOUND_SOURCES, fileId(3) + "\1" + le32(low->id) + le16(4662))));
 
-    const auto callback = [&](u32 own, u32 id) { return opcode(156, le32(own) + le16(4662) + le32(id)); };
+    const auto callback = [&](u32 own, u32 id) {
+        return opcode(OP_EXTENDED_CALLBACK, le32(own) + le16(4662) + le32(id));
+    };
     EXPECT_THAT(send(callback(0x0200A8C0, low->id)), IsEmpty());
-    EXPECT_THAT(answers(*low), ElementsAre(opcode(53, le32(datagramAsker.ip) + le16(4662))))
+    EXPECT_THAT(answers(*low), ElementsAre(opcode(OP_CALLBACK_ASKED, le32(datagramAsker.ip) + le16(4662))))
         << "nobody is sent to a third party";
-    EXPECT_THAT(send(callback(0x0200A8C0, 0x666)), ElementsAre(opcode(158, le32(0x666))));
-    EXPECT_THAT(send(callback(5, low->id)), ElementsAre(opcode(158, le32(low->id))));
+    EXPECT_THAT(send(callback(0x0200A8C0, 0x666)),
+                ElementsAre(opcode(OP_EXTENDED_CALLBACK_FAILED, le32(0x666))));
+    EXPECT_THAT(send(callback(5, low->id)), ElementsAre(opcode(OP_EXTENDED_CALLBACK_FAILED, le32(low->id))));
     for (const std::string& junk :
-         {std::string(), opcode(150), opcode(150, "abc"), opcode(152), opcode(152, "x"), opcode(1),
-          opcode(154, fileId(3333)), opcode(156, "x")}) {
+         {std::string(), opcode(OP_PING), opcode(OP_PING, "abc"), opcode(OP_EXTENDED_SEARCH),
+          opcode(OP_EXTENDED_SEARCH, "x"), opcode(OP_LOGON), opcode(OP_EXTENDED_GET_SOURCES, fileId(3333)),
+          opcode(OP_EXTENDED_CALLBACK, "x")}) {
         EXPECT_THAT(send(junk), IsEmpty());
     }
     net.datagrams.clear();
@@ -364,7 +377,8 @@ TEST(IndexServer, BadClientsCostOnlyThemselves) {
     good.say(publish(0, 5000, "a film"));
     const auto isServed = [&] {
         good.say(search("4999"));  // answered in the order of asking
-        return Page(opcode(51, good.await(51))).names == Bodies{"a film 4999 x1"};
+        return Page(opcode(OP_SEARCH_RESULTS, good.await(OP_SEARCH_RESULTS))).names ==
+               Bodies{"a film 4999 x1"};
     };
     for (const std::string& bytes :
          {std::string("GET"), "\xE3" + le32(0), "\xE3" + le32(0xFFFFFFFF) + "x", framed(search("kept"))}) {
@@ -379,7 +393,8 @@ TEST(IndexServer, BadClientsCostOnlyThemselves) {
     {
         Caller eager(port);  // doesn't wait for its ID, nor for its door to be tested
         eager.send(framed(logOn(0)) + framed(publish(9000, 3000, "early")) + framed(search("early 9999")));
-        EXPECT_EQ(Page(opcode(51, eager.await(51))).names, Bodies{"early 9999 x1"});
+        EXPECT_EQ(Page(opcode(OP_SEARCH_RESULTS, eager.await(OP_SEARCH_RESULTS))).names,
+                  Bodies{"early 9999 x1"});
     }
     {
         RawClient huge(port);

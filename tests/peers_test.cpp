@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "peer/Call.h"
+#include "protocol/PeerProtocol.h"
 #include "tests/support/EngineTest.h"
 
 namespace {
@@ -32,35 +33,36 @@ TEST_F(PeerTest, RequestsGoOutByteForByte) {
         {[&] {
              peer.requestParts(known, {0, 184'320, 0xFFFFFFF0}, {184'320, 368'640, 0xFFFFFFFF});
          },
-         opcode(71, knownBytes + starts + ends)},
-        {[&] { peer.noSuchFile(known); }, opcode(72, knownBytes)},
-        {[&] { peer.stopUpload(known); }, opcode(73, knownBytes)},
-        {[&] { peer.askSharedFiles(); }, opcode(74)},
-        {[&] { peer.sendIdentity(); }, opcode(77, le32(addressOf(100)) + le32(addressOf(200)))},
-        {[&] { peer.sendMessage(longest.c_str()); }, opcode(78, text16(longest))},
+         opcode(OP_REQUEST_PARTS, knownBytes + starts + ends)},
+        {[&] { peer.noSuchFile(known); }, opcode(OP_NO_SUCH_FILE, knownBytes)},
+        {[&] { peer.stopUpload(known); }, opcode(OP_STOP_UPLOAD, knownBytes)},
+        {[&] { peer.askSharedFiles(); }, opcode(OP_GET_SHARED_FILES)},
+        {[&] { peer.sendIdentity(); }, opcode(OP_NEW_IDENTITY, le32(addressOf(100)) + le32(addressOf(200)))},
+        {[&] { peer.sendMessage(longest.c_str()); }, opcode(OP_CHAT_MESSAGE, text16(longest))},
         {[&] { EXPECT_FALSE(peer.askFileStatus(known, PARTSIZE)); }, ""},
-        {[&] { EXPECT_TRUE(peer.askFileStatus(known, PARTSIZE + 1)); }, opcode(79, knownBytes)},
-        {[&] { peer.askHashSet(known); }, opcode(81, knownBytes)},
-        {[&] { peer.requestSlot(); }, opcode(84)},
-        {[&] { peer.grantSlot(); }, opcode(85)},
-        {[&] { peer.releaseSlot(); }, opcode(86)},
-        {[&] { peer.endSlot(); }, opcode(87)},
-        {[&] { peer.askFileName(known); }, opcode(88, knownBytes)},
+        {[&] { EXPECT_TRUE(peer.askFileStatus(known, PARTSIZE + 1)); },
+         opcode(OP_GET_FILE_STATUS, knownBytes)},
+        {[&] { peer.askHashSet(known); }, opcode(OP_GET_HASH_SET, knownBytes)},
+        {[&] { peer.requestSlot(); }, opcode(OP_REQUEST_SLOT)},
+        {[&] { peer.grantSlot(); }, opcode(OP_SLOT_GRANTED)},
+        {[&] { peer.releaseSlot(); }, opcode(OP_RELEASE_SLOT)},
+        {[&] { peer.endSlot(); }, opcode(OP_SLOT_ENDED)},
+        {[&] { peer.askFileName(known); }, opcode(OP_GET_FILE_NAME, knownBytes)},
     };
     for (const auto& [ask, body] : rows) {
         peer.aliveAt = 1;
         ask();
         EXPECT_EQ(peer.sentOne(), body);
-        EXPECT_EQ(peer.aliveAt != 1, body[0] == 78) << "only a chat is a sign of life";
+        EXPECT_EQ(peer.aliveAt != 1, body[0] == OP_CHAT_MESSAGE) << "only a chat is a sign of life";
     }
 }
 
 TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
     TestPeer& called = stranger(1);
     called.connected();
-    EXPECT_EQ(called.sentOne(), opcode(1, "\x10" + selfOnWire()));
+    EXPECT_EQ(called.sentOne(), opcode(OP_HELLO, "\x10" + selfOnWire()));
     EXPECT_TRUE(peers.contains(&called));
-    EXPECT_TRUE(called.hear(opcode(76, identity(1, "Ada"))));
+    EXPECT_TRUE(called.hear(opcode(OP_HELLO_ANSWER, identity(1, "Ada"))));
     EXPECT_EQ(called.sent().size(), 0U);
     EXPECT_STREQ(called.getText().c_str(), "Ada");
     called.end();
@@ -70,8 +72,8 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
     EXPECT_TRUE(calling.awaits());
     // Said twice, it is listed once.
     for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(calling.hear(opcode(1, "\x10" + identity(7, "Bob", addressOf(9)))));
-        EXPECT_EQ(calling.sentOne(), opcode(76, selfOnWire()));
+        EXPECT_TRUE(calling.hear(opcode(OP_HELLO, "\x10" + identity(7, "Bob", addressOf(9)))));
+        EXPECT_EQ(calling.sentOne(), opcode(OP_HELLO_ANSWER, selfOnWire()));
     }
     EXPECT_FALSE(calling.awaits());
     EXPECT_EQ(peers.count(), 1U);
@@ -81,11 +83,11 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
     // An ID of 0 is the address of the socket.
     TestPeer& nameless = stranger(3);
     const std::string user = bytesOf(hashOf(3)) + le32(0) + le16(4662) + le32(0);
-    EXPECT_TRUE(nameless.hear(opcode(1, "\x10" + user + le32(addressOf(201)) + le16(4661))));
+    EXPECT_TRUE(nameless.hear(opcode(OP_HELLO, "\x10" + user + le32(addressOf(201)) + le16(4661))));
     EXPECT_EQ(nameless.ip, addressOf(3));
     UserMeta who[2];
     nameless.copyUser(who[0]);
-    EXPECT_TRUE(nameless.hear(opcode(77, le32(77) + le32(addressOf(202)))));
+    EXPECT_TRUE(nameless.hear(opcode(OP_NEW_IDENTITY, le32(77) + le32(addressOf(202)))));
     nameless.copyUser(who[1]);
     EXPECT_EQ(who[0].serverPort, 4661);
     EXPECT_EQ((std::vector<u32>{who[0].id, who[0].serverIp, who[1].id, who[1].serverIp}),
@@ -100,15 +102,16 @@ TEST_F(PeerTest, IdentitiesAreNotTakenOnTrust) {
     absurd += le32(2001) + "\2" + text16("\1") + text16(std::string(30'000, 'x'));
     for (u32 i = 0; i < 2000; ++i) absurd += "\3" + text16("t" + std::to_string(i)) + le32(i);
     for (const std::string& body :
-         {opcode(1, "\x11" + good), opcode(1, "\x10" + good.substr(0, good.size() - 1)),
-          opcode(1, "\x10" + onePromised), opcode(76, absurd + std::string(70'000, 'x'))}) {
+         {opcode(OP_HELLO, "\x11" + good), opcode(OP_HELLO, "\x10" + good.substr(0, good.size() - 1)),
+          opcode(OP_HELLO, "\x10" + onePromised),
+          opcode(OP_HELLO_ANSWER, absurd + std::string(70'000, 'x'))}) {
         TestPeer& peer = stranger(1);
         EXPECT_FALSE(peer.hear(body));
         EXPECT_EQ(peer.sent().size(), 0U);
         EXPECT_FALSE(peers.contains(&peer));
     }
     TestPeer& peer = stranger(2);
-    EXPECT_TRUE(peer.hear(opcode(1, "\x10" + absurd + le32(0) + le16(0))));
+    EXPECT_TRUE(peer.hear(opcode(OP_HELLO, "\x10" + absurd + le32(0) + le16(0))));
     UserMeta user;
     peer.copyUser(user);
     EXPECT_LE(user.byteSize(), 4096U);
@@ -126,13 +129,15 @@ TEST_F(PeerTest, WhatIsAskedAboutFilesIsAnswered) {
     clientApp.shared.add(&record);
     const std::string partialBytes = bytesOf(partial);
     const std::pair<std::string, std::string> rows[] = {
-        {opcode(79, knownBytes), opcode(80, knownBytes + le16(0))},
-        {opcode(81, knownBytes), opcode(82, knownBytes + le16(2) + bytesOf(hashOf(1)) + bytesOf(hashOf(2)))},
-        {opcode(88, knownBytes), opcode(89, knownBytes + text16("a.bin"))},
-        {opcode(79, unknownBytes), opcode(72, unknownBytes)},
-        {opcode(81, unknownBytes), opcode(72, unknownBytes)},
-        {opcode(88, unknownBytes), ""},
-        {opcode(79, partialBytes), opcode(80, partialBytes + le16(3) + std::string(1, '\0'))},
+        {opcode(OP_GET_FILE_STATUS, knownBytes), opcode(OP_FILE_STATUS, knownBytes + le16(0))},
+        {opcode(OP_GET_HASH_SET, knownBytes),
+         opcode(OP_HASH_SET, knownBytes + le16(2) + bytesOf(hashOf(1)) + bytesOf(hashOf(2)))},
+        {opcode(OP_GET_FILE_NAME, knownBytes), opcode(OP_FILE_NAME, knownBytes + text16("a.bin"))},
+        {opcode(OP_GET_FILE_STATUS, unknownBytes), opcode(OP_NO_SUCH_FILE, unknownBytes)},
+        {opcode(OP_GET_HASH_SET, unknownBytes), opcode(OP_NO_SUCH_FILE, unknownBytes)},
+        {opcode(OP_GET_FILE_NAME, unknownBytes), ""},
+        {opcode(OP_GET_FILE_STATUS, partialBytes),
+         opcode(OP_FILE_STATUS, partialBytes + le16(3) + std::string(1, '\0'))},
     };
     TestPeer& asking = stranger(1);
     for (const auto& [question, answer] : rows) {
@@ -141,8 +146,8 @@ TEST_F(PeerTest, WhatIsAskedAboutFilesIsAnswered) {
     }
     // Without a download either, nothing is known to be missing.
     dlPool.remove(download);
-    EXPECT_TRUE(asking.hear(opcode(79, partialBytes)));
-    EXPECT_EQ(asking.sentOne(), opcode(80, partialBytes + le16(0)));
+    EXPECT_TRUE(asking.hear(opcode(OP_GET_FILE_STATUS, partialBytes)));
+    EXPECT_EQ(asking.sentOne(), opcode(OP_FILE_STATUS, partialBytes + le16(0)));
     clientApp.shared.clear();
 }
 
@@ -152,13 +157,14 @@ TEST_F(PeerTest, AnswersThatWaitAreBounded) {
     TestPeer& asking = peer(1);
     const u32 before = asking.mostQueued();
     for (int round = 0; round < 2; ++round) {
-        for (int i = 0; i < 1000; ++i) ASSERT_TRUE(asking.hear(opcode(74)));
+        for (int i = 0; i < 1000; ++i) ASSERT_TRUE(asking.hear(opcode(OP_GET_SHARED_FILES)));
         EXPECT_GT(asking.mostQueued(), before);
-        EXPECT_EQ(asking.sentOne().substr(0, 21), opcode(75, le32(1) + knownBytes));
+        EXPECT_EQ(asking.sentOne().substr(0, 21), opcode(OP_SHARED_FILES, le32(1) + knownBytes));
         EXPECT_EQ(asking.mostQueued(), before);
     }
     u32 answered = 0;
-    for (; !asking.wasAskedToClose() && answered < 1000; ++answered) asking.hear(opcode(81, knownBytes));
+    for (; !asking.wasAskedToClose() && answered < 1000; ++answered)
+        asking.hear(opcode(OP_GET_HASH_SET, knownBytes));
     EXPECT_GT(answered, 100U);
     EXPECT_LT(answered, 300U);
 }
@@ -175,17 +181,18 @@ TEST_F(PeerTest, WhatIsShortEndsTheConnectionAndWhatIsNoUseIsDropped) {
         {opcode(0, "x"), "Unknown msg from Connection: 0\n"},
         {opcode(69, "x"), "Unknown msg from Connection: 69\n"},
         {opcode(90, "x"), "Unknown msg from Connection: 90\n"},
-        {opcode(5, "x"), "Either your client or one you are connected to is out of date.\n"},
+        {opcode(OP_PEER_OUT_OF_DATE, "x"),
+         "Either your client or one you are connected to is out of date.\n"},
         {requestFor(known, {{0, 10}}), "Invalid upload request\n"},
-        {opcode(83), ""},
-        {opcode(86), ""},
-        {opcode(87), ""},
+        {opcode(OP_CHAT_REFUSED), ""},
+        {opcode(OP_RELEASE_SLOT), ""},
+        {opcode(OP_SLOT_ENDED), ""},
         // About files that nobody here fetches, and data from somebody who wasn't asked.
-        {opcode(70, unknownBytes + tail), ""},
-        {opcode(72, unknownBytes + tail), ""},
-        {opcode(82, unknownBytes + tail), ""},
-        {opcode(89, unknownBytes + tail), ""},
-        {opcode(70, bytesOf(hashOf(0xCC)) + le32(0) + le32(4) + "data"), ""},
+        {opcode(OP_FILE_DATA, unknownBytes + tail), ""},
+        {opcode(OP_NO_SUCH_FILE, unknownBytes + tail), ""},
+        {opcode(OP_HASH_SET, unknownBytes + tail), ""},
+        {opcode(OP_FILE_NAME, unknownBytes + tail), ""},
+        {opcode(OP_FILE_DATA, bytesOf(hashOf(0xCC)) + le32(0) + le32(4) + "data"), ""},
     };
     for (const auto& [message, said] : rows) {
         EXPECT_TRUE(peer.hear(message)) << said;
@@ -197,8 +204,8 @@ TEST_F(PeerTest, WhatIsShortEndsTheConnectionAndWhatIsNoUseIsDropped) {
 
 // --- friends and calls
 
-const std::string chat = opcode(78, text16("hello"));
-const std::string refusal = opcode(83);
+const std::string chat = opcode(OP_CHAT_MESSAGE, text16("hello"));
+const std::string refusal = opcode(OP_CHAT_REFUSED);
 
 // What the user interface hears of friends and calls.
 class Listener : public CapturedLog {
@@ -238,7 +245,7 @@ class FriendsTest : public EngineTest {
         return text;
     }
     std::string files(const std::string& name) {
-        return opcode(75, le32(1) + namedRecord(hashOf(0xF0), 0, 0, name));
+        return opcode(OP_SHARED_FILES, le32(1) + namedRecord(hashOf(0xF0), 0, 0, name));
     }
     std::string shownFile() {
         const FileMeta* file = friendList.getFiles().get(0);
@@ -276,7 +283,7 @@ TEST_F(FriendsTest, TellTheirFilesWhenAsked) {
     byAddress.id = addressOf(1);
     EXPECT_TRUE(peer.hear(files("a.txt")));
     friendList.askFiles(&byAddress);
-    EXPECT_EQ(peer.sentOne(), opcode(74));
+    EXPECT_EQ(peer.sentOne(), opcode(OP_GET_SHARED_FILES));
     EXPECT_TRUE(other.hear(files("b.txt")));
     EXPECT_EQ(shownFile(), "") << "nobody asked, or not him";
     EXPECT_TRUE(peer.hear(files("c.txt")));
@@ -290,15 +297,15 @@ TEST_F(FriendsTest, TellTheirFilesWhenAsked) {
     EXPECT_EQ(shownFile(), "c.txt");
     // A list that can't be read ends the connection; the files stay, and the friend who comes back is asked
     // again, wherever he comes from. A long one that nobody waits for isn't even read.
-    const std::string unreadable = opcode(75, le32(100'000) + std::string(70'000, '\xFF'));
+    const std::string unreadable = opcode(OP_SHARED_FILES, le32(100'000) + std::string(70'000, '\xFF'));
     EXPECT_TRUE(peer.hear(unreadable));
     friendList.askFiles(&byAddress);
     EXPECT_FALSE(peer.hear(unreadable));
     EXPECT_EQ(shownFile(), "c.txt");
     peer.end();
     TestPeer& back = stranger(3);
-    EXPECT_TRUE(back.hear(opcode(1, "\x10" + identity(1, "Ada", addressOf(3)))));
-    EXPECT_EQ(back.sent().back(), opcode(74));
+    EXPECT_TRUE(back.hear(opcode(OP_HELLO, "\x10" + identity(1, "Ada", addressOf(3)))));
+    EXPECT_EQ(back.sent().back(), opcode(OP_GET_SHARED_FILES));
     EXPECT_TRUE(back.hear(files("e.txt")));
     EXPECT_EQ(shownFile(), "e.txt");
 }
@@ -327,12 +334,12 @@ TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
     EXPECT_EQ(call->state(), CALL_CONNECTED);
     EXPECT_TRUE(call->send(longest.c_str()));
     EXPECT_FALSE(call->send((longest + "x").c_str()));
-    EXPECT_EQ(peer.sentOne(), opcode(78, text16(longest)));
+    EXPECT_EQ(peer.sentOne(), opcode(OP_CHAT_MESSAGE, text16(longest)));
     ui.heard();
-    ASSERT_TRUE(peer.hear(opcode(78, text16(longest))));
+    ASSERT_TRUE(peer.hear(opcode(OP_CHAT_MESSAGE, text16(longest))));
     EXPECT_EQ(ui.heard(), longest + ";");
     // Longer than any text, it isn't one.
-    EXPECT_FALSE(peer.hear(opcode(78, text16(longest + "x"))));
+    EXPECT_FALSE(peer.hear(opcode(OP_CHAT_MESSAGE, text16(longest + "x"))));
     peer.end();
     EXPECT_EQ(ui.heard(), "Disconnected.;call 3;");
     EXPECT_FALSE(call->send("hi"));
@@ -345,9 +352,9 @@ TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
     EXPECT_EQ(outgoing->state(), CALL_CONNECTING) << "their hello to us isn't the answer to ours";
     ui.heard();
     TestPeer& answering = stranger(31);
-    ASSERT_TRUE(answering.hear(opcode(76, identity(31, "Bob"))));
+    ASSERT_TRUE(answering.hear(opcode(OP_HELLO_ANSWER, identity(31, "Bob"))));
     EXPECT_TRUE(outgoing->send("hi"));
-    EXPECT_EQ(answering.sentOne(), opcode(78, text16("hi")));
+    EXPECT_EQ(answering.sentOne(), opcode(OP_CHAT_MESSAGE, text16("hi")));
     ASSERT_TRUE(answering.hear(refusal));
     EXPECT_EQ(ui.heard(), "call 0;Is not accepting calls.;call 3;");
     EXPECT_FALSE(outgoing->send("hi"));
@@ -379,7 +386,7 @@ TEST_F(FriendsTest, WhoMayOpenACall) {
         TestPeer& flooding = stranger(60);
         int refused = 0;
         for (u32 i = 0; i < 1100; ++i) {
-            ASSERT_TRUE(flooding.hear(opcode(1, "\x10" + le16(i) + identity(60).substr(2))));
+            ASSERT_TRUE(flooding.hear(opcode(OP_HELLO, "\x10" + le16(i) + identity(60).substr(2))));
             flooding.sent();
             refused += isHeard(flooding) ? 0 : 1;
         }

@@ -5,6 +5,7 @@
 #include "console/ConClientApp.h"
 #include "peer/Upload.h"
 #include "peer/UploadSlot.h"
+#include "protocol/ControllerProtocol.h"
 #include "remote/GUIController.h"
 #include "remote/GUIControllerDoor.h"
 #include "remote/LogonGuard.h"
@@ -47,7 +48,7 @@ struct Wrapped : ToldEvents {
 };
 
 std::string logon(const std::string& name = "kit", const std::string& password = "kitpass") {
-    return opcode(100, text16(name) + text16(password));
+    return opcode(CTL_LOGON, text16(name) + text16(password));
 }
 
 class Remote : public EngineTest {
@@ -92,8 +93,8 @@ TEST_F(Remote, OnlyAGoodLogOnIsLetIn) {
         return !guest.hear(body) && guest.sent().empty();
     };
     for (const std::string& bad :
-         {logon("kit", "Kitpass"), logon("Kit"), logon("", ""), opcode(225),
-          opcode(100, text16("kit") + le16(7) + "kit"), logon() + std::string(70'000, 'x')}) {
+         {logon("kit", "Kitpass"), logon("Kit"), logon("", ""), opcode(CTL_GET_SETTINGS),
+          opcode(CTL_LOGON, text16("kit") + le16(7) + "kit"), logon() + std::string(70'000, 'x')}) {
         EXPECT_TRUE(refused(bad));
     }
     // Empty ones count on this machine only.
@@ -139,7 +140,7 @@ TEST_F(Remote, WhoSaysNothingAndWhoStandsStillIsLetGo) {
     // Logged on, it may be silent, but not within a message.
     u32 now = 200'000;
     EXPECT_TRUE(first.goesOn(now));
-    for (const char byte : framed(opcode(102)).substr(0, 5)) {
+    for (const char byte : framed(opcode(CTL_COMMAND)).substr(0, 5)) {
         first.hearRaw({byte});
         EXPECT_TRUE(first.goesOn(now += 100'000)) << "it comes slowly, but it comes";
     }
@@ -175,11 +176,13 @@ TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
     EXPECT_EQ(inner.take(), "");
     EXPECT_THAT(
         to.sent(),
-        ElementsAre(opcode(181, text16("7")), opcode(182, text16("index")),
-                    opcode(184, le32(3) + le32(0x102)), opcode(185, text16("other")),
-                    opcode(186, fileBytes(1, "a")), opcode(187, le32(1) + fileBytes(2, "b") + "\1"),
-                    opcode(192, le32(slot.identity()) + text16("ann")), opcode(193, le32(slot.identity())),
-                    opcode(195, text16("c")), opcode(171), opcode(194, le32(0)), opcode(183)));
+        ElementsAre(opcode(CTL_PRINT, text16("7")), opcode(CTL_CONNECTED, text16("index")),
+                    opcode(CTL_SERVER_STATS, le32(3) + le32(0x102)), opcode(CTL_EXTENDING, text16("other")),
+                    opcode(CTL_RESULT, fileBytes(1, "a")),
+                    opcode(CTL_RESULTS, le32(1) + fileBytes(2, "b") + "\1"),
+                    opcode(CTL_SLOT_ADDED, le32(slot.identity()) + text16("ann")),
+                    opcode(CTL_SLOT_REMOVED, le32(slot.identity())), opcode(CTL_HASHING, text16("c")),
+                    opcode(CTL_FRIENDS), opcode(CTL_FRIEND_FILES, le32(0)), opcode(CTL_DISCONNECTED)));
     // The whole list took the place of the single result; others come behind it, but not without end.
     EXPECT_FALSE(ui->findResult(hashOf(1)));
     EXPECT_TRUE(ui->findResult(hashOf(2)));
@@ -202,13 +205,13 @@ TEST_F(Remote, LinesGoToBothAndAreCutAt255Bytes) {
                                     {x252 + "x" + euro + "tail", x252 + "x"},
                                     {std::string(300, '\x80'), std::string(255, '\x80')}}) {
         ui->printLine("%s", text.c_str());
-        EXPECT_THAT(to.sent(), ElementsAre(opcode(180, text16(cut))));
+        EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_PRINT_LINE, text16(cut))));
         EXPECT_EQ(inner.take(), cut + "\n");
     }
     // What a command says goes the same way.
-    EXPECT_TRUE(to.hear(opcode(102, text16("nonsense"))));
+    EXPECT_TRUE(to.hear(opcode(CTL_COMMAND, text16("nonsense"))));
     const std::string line = "Unrecognized command. type ? for help\n";
-    EXPECT_THAT(to.sent(), ElementsAre(opcode(180, text16(line))));
+    EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_PRINT_LINE, text16(line))));
     EXPECT_EQ(inner.take(), line + "\n");
 }
 
@@ -229,13 +232,13 @@ TEST_F(Remote, UploadsAreToldOfOnceAndTheirEndOnlyToWhoKnowsThem) {
     EXPECT_THAT(to.sent(), IsEmpty());
     inner.uploads.remove(before.get());
     before->speed = 1.5F;
-    to.hear(opcode(219));
+    to.hear(opcode(CTL_UPLOAD_STATUS_ON));
     to.sendStatus();
-    EXPECT_THAT(to.sent(), ElementsAre(opcode(198, le16(1) + le16(0) + le32(0x3FC00000))));
-    to.hear(opcode(220));
+    EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_UPLOAD_STATUS, le16(1) + le16(0) + le32(0x3FC00000))));
+    to.hear(opcode(CTL_UPLOAD_STATUS_OFF));
     to.sendStatus();
     for (int time = 0; time < 2; ++time) ui->uploadRemoved(before.get());
-    EXPECT_THAT(to.sent(), ElementsAre(opcode(191, bytesOf(hashOf(7)))));
+    EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_UPLOAD_REMOVED, bytesOf(hashOf(7)))));
 }
 
 TEST_F(Remote, DownloadsAreSteeredByTheirHash) {
@@ -245,28 +248,29 @@ TEST_F(Remote, DownloadsAreSteeredByTheirHash) {
     ASSERT_TRUE(download);
     const Bodies added = to.sent();
     ASSERT_GE(added.size(), 2U);
-    EXPECT_EQ(added[1].substr(0, 17) + added[1].back(), opcode(188, hash) + "\1");
+    EXPECT_EQ(added[1].substr(0, 17) + added[1].back(), opcode(CTL_DOWNLOAD_ADDED, hash) + "\1");
 
-    EXPECT_TRUE(to.hear(opcode(208, hash)));
+    EXPECT_TRUE(to.hear(opcode(CTL_PAUSE, hash)));
     EXPECT_TRUE(download->isPaused());
-    EXPECT_TRUE(to.hear(opcode(209, hash)));
+    EXPECT_TRUE(to.hear(opcode(CTL_RESUME, hash)));
     EXPECT_FALSE(download->isPaused());
-    EXPECT_TRUE(to.hear(opcode(211, hash + "\2")));
-    EXPECT_TRUE(to.hear(opcode(211, hash + "\3")));
+    EXPECT_TRUE(to.hear(opcode(CTL_PRIORITY, hash + "\2")));
+    EXPECT_TRUE(to.hear(opcode(CTL_PRIORITY, hash + "\3")));
     EXPECT_EQ(download->priority, 2);
-    EXPECT_TRUE(to.hear(opcode(210, bytesOf(hashOf(8)))));
+    EXPECT_TRUE(to.hear(opcode(CTL_CANCEL, bytesOf(hashOf(8)))));
     to.sent();
 
     download->speed = 2.0F;
-    EXPECT_TRUE(to.hear(opcode(217)));
+    EXPECT_TRUE(to.hear(opcode(CTL_DOWNLOAD_STATUS_ON)));
     to.sendStatus();
     const std::string state = le8(static_cast<u8>(download->getStatus()));
-    EXPECT_THAT(to.sent(), ElementsAre(opcode(197, le16(1) + le16(0) + state + le32(0x40000000) + le32(0) +
-                                                       le8(0) + le8(download->progress().count()))));
-    EXPECT_TRUE(to.hear(opcode(218)));
+    EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_DOWNLOAD_STATUS, le16(1) + le16(0) + state +
+                                                                       le32(0x40000000) + le32(0) + le8(0) +
+                                                                       le8(download->progress().count()))));
+    EXPECT_TRUE(to.hear(opcode(CTL_DOWNLOAD_STATUS_OFF)));
 
-    EXPECT_TRUE(to.hear(opcode(210, hash)));
-    EXPECT_FALSE(to.hear(opcode(211, hash)));
+    EXPECT_TRUE(to.hear(opcode(CTL_CANCEL, hash)));
+    EXPECT_FALSE(to.hear(opcode(CTL_PRIORITY, hash)));
     to.end();
     // One that logs on at this very moment still finds the download in the list.
     TestController& late = caller();
@@ -274,8 +278,8 @@ TEST_F(Remote, DownloadsAreSteeredByTheirHash) {
     while (messageQ.process()) continue;
     const Bodies heard = late.sent();
     ASSERT_EQ(heard.size(), 2U);
-    EXPECT_EQ(heard[0].substr(0, 17), opcode(188, hash));
-    EXPECT_EQ(heard[1], opcode(189, hash));
+    EXPECT_EQ(heard[0].substr(0, 17), opcode(CTL_DOWNLOAD_ADDED, hash));
+    EXPECT_EQ(heard[1], opcode(CTL_DOWNLOAD_REMOVED, hash));
 }
 
 TEST_F(Remote, AnswersHaveTheirBytes) {
@@ -285,20 +289,21 @@ TEST_F(Remote, AnswersHaveTheirBytes) {
         const Bodies sent = to.sent();
         return sent.size() == 1 ? sent[0] : std::to_string(sent.size()) + " answers";
     };
-    EXPECT_EQ(answer(214), opcode(171, le32(0)));
-    EXPECT_EQ(answer(215), opcode(172, le16(0)));
+    EXPECT_EQ(answer(214), opcode(CTL_FRIENDS, le32(0)));
+    EXPECT_EQ(answer(215), opcode(CTL_SHARED_DIRS, le16(0)));
     clientApp.shared.add(namedFile(3, "x.bin").release());
-    EXPECT_EQ(answer(224), opcode(173, le32(1) + fileBytes(3, "x.bin")));
+    EXPECT_EQ(answer(224), opcode(CTL_SHARED_FILES, le32(1) + fileBytes(3, "x.bin")));
     clientApp.shared.deleteAll();
 
     const std::string address = le32(addressOf(4)) + le16(4661);
-    EXPECT_TRUE(to.hear(opcode(222, address)));
-    for (const char* preference : {"\2", "\3"}) EXPECT_TRUE(to.hear(opcode(223, address + preference)));
-    EXPECT_TRUE(to.hear(opcode(223, le32(1) + le16(1) + "\1")));
+    EXPECT_TRUE(to.hear(opcode(CTL_ADD_SERVER, address)));
+    for (const char* preference : {"\2", "\3"})
+        EXPECT_TRUE(to.hear(opcode(CTL_SERVER_PREFERENCE, address + preference)));
+    EXPECT_TRUE(to.hear(opcode(CTL_SERVER_PREFERENCE, le32(1) + le16(1) + "\1")));
     EXPECT_EQ(serverPool.servers().get(0)->pref, 2U);
-    EXPECT_EQ(answer(213).substr(0, 27), opcode(170, le32(1) + std::string(16, '\0') + address));
-    EXPECT_TRUE(to.hear(opcode(221, address)));
-    EXPECT_EQ(answer(213), opcode(170, le32(0)));
+    EXPECT_EQ(answer(213).substr(0, 27), opcode(CTL_SERVERS, le32(1) + std::string(16, '\0') + address));
+    EXPECT_TRUE(to.hear(opcode(CTL_REMOVE_SERVER, address)));
+    EXPECT_EQ(answer(213), opcode(CTL_SERVERS, le32(0)));
     preferences.setName("kit");
     preferences.userMaxDownF = 2.0F;
     preferences.userMaxUpF = 1.5F;
@@ -310,24 +315,27 @@ TEST_F(Remote, AnswersHaveTheirBytes) {
     preferences.saveCor = 1;
     preferences.verifyCancel = 0;
     preferences.adminDoorPort = 0x1237;
-    EXPECT_EQ(answer(225), opcode(199, le16(59) + le32(0x40000000) + le32(0x3FC00000) + le16(0x1236) +
-                                           le16(45) + text16("kit") + text16(preferences.tempDir().c_str()) +
-                                           text16(preferences.incomingDir().c_str()) +
-                                           std::string("\1\0\2\1\0", 5) + le16(0x1237) + le32(45)));
+    EXPECT_EQ(answer(225),
+              opcode(CTL_SETTINGS, le16(59) + le32(0x40000000) + le32(0x3FC00000) + le16(0x1236) + le16(45) +
+                                       text16("kit") + text16(preferences.tempDir().c_str()) +
+                                       text16(preferences.incomingDir().c_str()) +
+                                       std::string("\1\0\2\1\0", 5) + le16(0x1237) + le32(45)));
 }
 
 TEST_F(Remote, WhatIsOddIsPassedOverAndWhatIsShortEndsTheConnection) {
     TestController& to = controller();
     std::string deep(600'000, '\0');
     for (const std::string& odd :
-         {opcode(255, deep), logon(), opcode(216, le16(9) + "anything"), opcode(226, "short"),
-          opcode(207, bytesOf(hashOf(77))), opcode(202, deep)}) {
+         {opcode(255, deep), logon(), opcode(CTL_SET_SHARED_DIRS, le16(9) + "anything"),
+          opcode(CTL_DOWNLOAD_RECORD, "short"), opcode(CTL_DOWNLOAD_RESULT, bytesOf(hashOf(77))),
+          opcode(CTL_SEARCH, deep)}) {
         EXPECT_TRUE(to.hear(odd)) << odd.size();
     }
     EXPECT_THAT(to.sent(), IsEmpty());
     to.end();
-    for (const std::string& bad : {opcode(102, le16(500) + "vd"), opcode(208, "short"),
-                                   opcode(223, le32(1) + le16(1)), opcode(212, std::string(1 << 20, 'x'))}) {
+    for (const std::string& bad :
+         {opcode(CTL_COMMAND, le16(500) + "vd"), opcode(CTL_PAUSE, "short"),
+          opcode(CTL_SERVER_PREFERENCE, le32(1) + le16(1)), opcode(CTL_NOTHING, std::string(1 << 20, 'x'))}) {
         TestController& next = controller();
         EXPECT_FALSE(next.hear(bad)) << bad.size();
         next.end();

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "protocol/ServerProtocol.h"
 #include "tests/support/Network.h"
 #include "tests/support/RawClient.h"
 
@@ -12,9 +13,9 @@ TEST(ServerStory, SearchesSeesTheServerAndLeavesIt) {
     IndexServerProcess index;
     RawClient sharer(index.portNumber());
     ASSERT_GT(sharer.logOn(), 0u);
-    sharer.say(opcode(21, le32(3) + sharedFile('a', "a red film.avi", "Video") +
-                              sharedFile('b', "a red song.mp3", "Audio") +
-                              sharedFile('c', "something else", "Doc")));
+    sharer.say(opcode(OP_PUBLISH_FILES, le32(3) + sharedFile('a', "a red film.avi", "Video") +
+                                            sharedFile('b', "a red song.mp3", "Audio") +
+                                            sharedFile('c', "something else", "Doc")));
     ASSERT_TRUE(index.said("has published"));
 
     Client client("seeker", index);

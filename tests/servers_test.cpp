@@ -13,6 +13,8 @@
 #include "download/HashThread.h"
 #include "engine/ClientApp.h"
 #include "engine/FilterList.h"
+#include "protocol/PeerProtocol.h"
+#include "protocol/ServerProtocol.h"
 #include "server/MainServer.h"
 #include "server/Search.h"
 #include "server/ServerPool.h"
@@ -139,13 +141,13 @@ class Servers : public testing::Test {
     void logOn(FakeServer& server) {
         ASSERT_TRUE(connectTo(server));
         EXPECT_EQ(server.packet().at(0), 1);
-        heard(server, opcode(64, le32(0x04030201)));
-        EXPECT_EQ(server.packet(), opcode(20));
+        heard(server, opcode(OP_CLIENT_ID, le32(0x04030201)));
+        EXPECT_EQ(server.packet(), opcode(OP_GET_SERVER_LIST));
         drain();
     }
     // What a server's packet brings; behind it the connection still carries messages.
     std::string heard(FakeServer& server, const std::string& body) {
-        server.send(framed(body) + framed(opcode(52, le32(7) + le32(9))));
+        server.send(framed(body) + framed(opcode(OP_SERVER_STATUS, le32(7) + le32(9))));
         std::string all = log.until("[stats 9 files 7 users]\n");
         all.resize(all.rfind("[stats"));
         return all;
@@ -168,14 +170,15 @@ TEST_F(Servers, LogsOnAsksAndIsLeft) {
     UserMeta self;
     own->preferences.copySelf(self);
     ASSERT_TRUE(connectTo(first));
-    EXPECT_EQ(first.packet(), opcode(1, namedRecord(self.hash, 0, 4662, "abcde")).replace(23, 1, "\2") +
-                                  "\3" + text16("\x11") + le32(59));
+    EXPECT_EQ(first.packet(),
+              opcode(OP_LOGON, namedRecord(self.hash, 0, 4662, "abcde")).replace(23, 1, "\2") + "\3" +
+                  text16("\x11") + le32(59));
     EXPECT_EQ(log.take(), connecting + queued);
     // What would be asked before the answer could end the connection.
     EXPECT_FALSE(own->serverPool.findSources(first.address(), someHash));
     EXPECT_FALSE(own->serverPool.requestCallback(loopbackIp, first.port(), 7));
-    EXPECT_EQ(heard(first, opcode(64, le32(0x04030201))), "[connected 127.0.0.1]\n");
-    EXPECT_EQ(first.packet(), opcode(20));
+    EXPECT_EQ(heard(first, opcode(OP_CLIENT_ID, le32(0x04030201))), "[connected 127.0.0.1]\n");
+    EXPECT_EQ(first.packet(), opcode(OP_GET_SERVER_LIST));
     EXPECT_EQ(own->preferences.clientId(), 0x04030201u);
     EXPECT_EQ(own->preferences.serverPort(), first.port());
 
@@ -185,8 +188,9 @@ TEST_F(Servers, LogsOnAsksAndIsLeft) {
     own->serverPool.moreResults();
     EXPECT_TRUE(own->serverPool.findSources(first.address(), someHash));
     EXPECT_TRUE(own->serverPool.requestCallback(loopbackIp, first.port(), 0x112233));
-    for (const std::string& body : {opcode(22, tree), opcode(26, tree), opcode(22), opcode(33),
-                                    opcode(25, hash), opcode(28, le32(0x112233))}) {
+    for (const std::string& body : {opcode(OP_SEARCH, tree), opcode(OP_ALTERNATE_SEARCH, tree),
+                                    opcode(OP_SEARCH), opcode(OP_MORE_RESULTS), opcode(OP_GET_SOURCES, hash),
+                                    opcode(OP_REQUEST_CALLBACK, le32(0x112233))}) {
         EXPECT_EQ(first.packet(), body);
     }
     first.close();
@@ -227,22 +231,22 @@ TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
     for (u32 turn = 0; turn < 41; ++turn) {
         std::string list = le8(255);
         for (u32 i = 0; i < 255; ++i) list += le32(0x100 * turn + i + 1) + le16(4661);
-        first.say(opcode(50, list));
+        first.say(opcode(OP_SERVER_LIST, list));
     }
-    heard(first, opcode(54, le32(12)));
+    heard(first, opcode(OP_CALLBACK_FAILED, le32(12)));
     EXPECT_EQ(own->serverPool.servers().count(), 10'000u);
 }
 
 TEST_F(Servers, CallsWhomeverItIsAskedToCall) {
     logOn(first);
-    const std::string call = opcode(53, le32(loopbackIp) + le16(second.port()));
+    const std::string call = opcode(OP_CALLBACK_ASKED, le32(loopbackIp) + le16(second.port()));
     first.say(call);
     ASSERT_TRUE(second.accept());
     EXPECT_EQ(second.packet().substr(0, 2), "\x01\x10");
     // A changed ID goes to all who are connected, and so does being asked to call one of them.
-    for (const std::string& packet : {opcode(64, le32(0x08070605)), call}) {
+    for (const std::string& packet : {opcode(OP_CLIENT_ID, le32(0x08070605)), call}) {
         first.say(packet);
-        EXPECT_EQ(second.packet(), opcode(77, le32(0x08070605) + le32(loopbackIp)));
+        EXPECT_EQ(second.packet(), opcode(OP_NEW_IDENTITY, le32(0x08070605) + le32(loopbackIp)));
     }
     second.close();
     EXPECT_TRUE(eventually([] { return own->clientApp.socketPool.count == 2; }));
@@ -260,18 +264,18 @@ TEST_F(Servers, PublishesEachFileOnceToEachServer) {
     }
     own->clientApp.shared.add(&files[0]);
     logOn(first);
-    EXPECT_EQ(first.packet(), opcode(21, le32(1) + records[0]));
+    EXPECT_EQ(first.packet(), opcode(OP_PUBLISH_FILES, le32(1) + records[0]));
     own->clientApp.shared.add(&files[1]);
     own->clientApp.publish();
-    EXPECT_EQ(first.packet(), opcode(21, le32(1) + records[1]));
+    EXPECT_EQ(first.packet(), opcode(OP_PUBLISH_FILES, le32(1) + records[1]));
     own->clientApp.publish();
     own->serverPool.moreResults();
-    EXPECT_EQ(first.packet(), opcode(33)) << "nothing new was there to offer";
+    EXPECT_EQ(first.packet(), opcode(OP_MORE_RESULTS)) << "nothing new was there to offer";
     first.close();
     log.until("[disconnected]\n");
     drain();
     logOn(first);
-    EXPECT_EQ(first.packet(), opcode(21, le32(2) + records[0] + records[1]));
+    EXPECT_EQ(first.packet(), opcode(OP_PUBLISH_FILES, le32(2) + records[0] + records[1]));
     own->clientApp.shared.clear();
     own->hashThread.stop();
 }
@@ -284,9 +288,9 @@ TEST_F(Servers, WhatCantBeReadEndsTheConnection) {
     log.until(failed);
     ASSERT_TRUE(eventually([] { return own->messageQ.process(); })) << "the next server is to be tried";
     for (const std::string& bytes :
-         {framed(opcode(50, "\2" + le32(1) + le16(1))),  // the pair that is whole counts
-          framed(opcode(51, le32(0x7FFFFFFF) + named("name"))),
-          framed(opcode(65, named("name").substr(0, 33))), "\xE3" + le32((16 << 20) + 1)}) {
+         {framed(opcode(OP_SERVER_LIST, "\2" + le32(1) + le16(1))),  // the pair that is whole counts
+          framed(opcode(OP_SEARCH_RESULTS, le32(0x7FFFFFFF) + named("name"))),
+          framed(opcode(OP_SERVER_IDENT, named("name").substr(0, 33))), "\xE3" + le32((16 << 20) + 1)}) {
         SCOPED_TRACE(testing::PrintToString(bytes));
         logOn(first);
         first.send(bytes);

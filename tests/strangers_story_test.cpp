@@ -3,6 +3,7 @@
 
 #include <fstream>
 
+#include "protocol/PeerProtocol.h"
 #include "tests/support/EngineTest.h"
 #include "tests/support/Network.h"
 #include "tests/support/systemDisk.h"
@@ -27,8 +28,8 @@ long memoryOf(Client& client) {
 // What the stranger of that number says first: a user of a loopback address where nobody answers.
 std::string helloOf(u32 number, const std::string& tags = {}, u32 count = 0) {
     const std::string hash = le32(number) + std::string(12, 'S');
-    return opcode(1, "\x10" + hash + le32(0x0000097F + (number << 16)) + le16(9) + le32(count) + tags +
-                         le32(0) + le16(0));
+    return opcode(OP_HELLO, "\x10" + hash + le32(0x0000097F + (number << 16)) + le16(9) + le32(count) + tags +
+                                le32(0) + le16(0));
 }
 
 class StrangersStory : public testing::Test {
@@ -36,13 +37,17 @@ class StrangersStory : public testing::Test {
     // All that may be said about the file, and what no honest client asks for.
     std::string dialogue(u32 number) const {
         std::string bytes = framed(helloOf(number));
-        for (const u32 about : {88, 79, 81}) bytes += framed(opcode(about, bytesOf(hash_)));
-        bytes += framed(opcode(84)) + framed(requestFor(hash_, {{0, 100'000}, {7, 7}, {9, 3}}));
+        for (const u32 about : {OP_GET_FILE_NAME, OP_GET_FILE_STATUS, OP_GET_HASH_SET})
+            bytes += framed(opcode(about, bytesOf(hash_)));
+        bytes += framed(opcode(OP_REQUEST_SLOT)) + framed(requestFor(hash_, {{0, 100'000}, {7, 7}, {9, 3}}));
         bytes += framed(requestFor(hash_, {{fileSize - 5, fileSize + 50}, {0, 0}, {0xFFFFFFF0, 0xFFFFFFFF}}));
-        bytes += framed(opcode(84)) + framed(requestFor(hash_, {{0xFFFFFF00, 0xFFFFFFFF}, {50, 90}}));
-        bytes += framed(opcode(70, bytesOf(hash_) + le32(0) + le32(5) + "wrong"));
-        bytes += framed(opcode(74)) + framed(opcode(78, text16("buy"))) + framed(opcode(85));
-        return bytes + framed(opcode(73, bytesOf(hash_))) + framed(opcode(86)) + framed(opcode(87));
+        bytes +=
+            framed(opcode(OP_REQUEST_SLOT)) + framed(requestFor(hash_, {{0xFFFFFF00, 0xFFFFFFFF}, {50, 90}}));
+        bytes += framed(opcode(OP_FILE_DATA, bytesOf(hash_) + le32(0) + le32(5) + "wrong"));
+        bytes += framed(opcode(OP_GET_SHARED_FILES)) + framed(opcode(OP_CHAT_MESSAGE, text16("buy"))) +
+                 framed(opcode(OP_SLOT_GRANTED));
+        return bytes + framed(opcode(OP_STOP_UPLOAD, bytesOf(hash_))) + framed(opcode(OP_RELEASE_SLOT)) +
+               framed(opcode(OP_SLOT_ENDED));
     }
 
     // Two hundred times; the last ones stay, without a word.
@@ -68,9 +73,9 @@ class StrangersStory : public testing::Test {
     static bool answers(const std::string& port, const MD4Hash& file, const std::string& name) {
         Caller caller(static_cast<u32>(std::stoi(port)));
         caller.say(helloOf(1000));
-        caller.say(opcode(88, bytesOf(file)));
-        return caller.packet().substr(0, 1) == opcode(76) &&
-               caller.packet() == opcode(89, bytesOf(file) + text16(name));
+        caller.say(opcode(OP_GET_FILE_NAME, bytesOf(file)));
+        return caller.packet().substr(0, 1) == opcode(OP_HELLO_ANSWER) &&
+               caller.packet() == opcode(OP_FILE_NAME, bytesOf(file) + text16(name));
     }
 
     static constexpr u32 fileSize = 16'000'000;

@@ -5,6 +5,7 @@
 #include "peer/PartUpload.h"
 #include "peer/Upload.h"
 #include "peer/UploadSlot.h"
+#include "protocol/PeerProtocol.h"
 #include "tests/support/Downloads.h"
 
 namespace {
@@ -39,7 +40,7 @@ class UploadTest : public Downloads {
         for (std::string body; packets > 0 && !(body = to.leave()).empty(); --packets) {
             const u32 start = u32At(body, 17);
             const u32 end = u32At(body, 21);
-            EXPECT_TRUE(body == opcode(70, bytesOf(hash)) + le32(start) + le32(end) +
+            EXPECT_TRUE(body == opcode(OP_FILE_DATA, bytesOf(hash)) + le32(start) + le32(end) +
                                     file.bytes.substr(start, end - start));
             told += (told.empty() ? "" : " ") + std::to_string(start) + "-" + std::to_string(end);
         }
@@ -123,11 +124,11 @@ TEST_F(UploadTest, EndsWhenItIsStoppedOrCantRead) {
     EXPECT_EQ(ask({{0, 50'000}}, 1), "0-10240");
     upload->stop();
     EXPECT_EQ(leave(), "10240-20480");
-    ASSERT_TRUE(to.hear(opcode(84)));
+    ASSERT_TRUE(to.hear(opcode(OP_REQUEST_SLOT)));
     to.sent();
     ASSERT_TRUE(to.hear(requestFor(hash, {{1'999'990, 2'000'010}})));
     // Back in the queue, and, as the line is free, called again.
-    EXPECT_EQ(to.sent(), (std::vector{opcode(87), opcode(85)}));
+    EXPECT_EQ(to.sent(), (std::vector{opcode(OP_SLOT_ENDED), opcode(OP_SLOT_GRANTED)}));
 }
 
 // A download that uploads what it has; then the file moves, and the upload with it.
@@ -154,8 +155,8 @@ TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsThere) {
 // --- who gets a slot
 
 const MD4Hash file = hashOf(0xF0);
-const std::string slotGranted = opcode(85);
-const std::string slotEnded = opcode(87);
+const std::string slotGranted = opcode(OP_SLOT_GRANTED);
+const std::string slotEnded = opcode(OP_SLOT_ENDED);
 
 class UploadPoolTest : public EngineTest {
   protected:
@@ -179,7 +180,7 @@ class UploadPoolTest : public EngineTest {
             user->setInt(TAG_QTIME, user->getInt(TAG_QTIME) - ms);
     }
     void allAsk(u8 first, u8 last) {
-        for (u8 user = first; user <= last; ++user) answers(peer(user), opcode(84));
+        for (u8 user = first; user <= last; ++user) answers(peer(user), opcode(OP_REQUEST_SLOT));
     }
     static Answers answers(TestPeer& peer, const std::string& message) {
         peer.sent();
@@ -217,13 +218,13 @@ TEST_F(UploadPoolTest, ASlotTurnsIntoATransferAndBackIntoAPlaceInTheQueue) {
         Answers answers;
         const char* drawn;
     } steps[] = {
-        {opcode(84), {slotGranted}, "1 |"},                        // the line is free
-        {opcode(84), {}, "1 |"},                                   // asked again
-        {opcode(76, identity(1, "user1")), {slotGranted}, "1 |"},  // called again
-        {requestFor(hashOf(0xEE), {{0, 10}}), {opcode(72, bytesOf(hashOf(0xEE)))}, "1 |"},
-        {request, {opcode(70, bytesOf(file) + le32(0) + le32(10) + std::string(10, 'x'))}, "|"},
-        {opcode(84), {}, "|"},  // who transfers gets no slot on top
-        {opcode(73, bytesOf(file)), {slotEnded, slotGranted}, "1 |"},
+        {opcode(OP_REQUEST_SLOT), {slotGranted}, "1 |"},                        // the line is free
+        {opcode(OP_REQUEST_SLOT), {}, "1 |"},                                   // asked again
+        {opcode(OP_HELLO_ANSWER, identity(1, "user1")), {slotGranted}, "1 |"},  // called again
+        {requestFor(hashOf(0xEE), {{0, 10}}), {opcode(OP_NO_SUCH_FILE, bytesOf(hashOf(0xEE)))}, "1 |"},
+        {request, {opcode(OP_FILE_DATA, bytesOf(file) + le32(0) + le32(10) + std::string(10, 'x'))}, "|"},
+        {opcode(OP_REQUEST_SLOT), {}, "|"},  // who transfers gets no slot on top
+        {opcode(OP_STOP_UPLOAD, bytesOf(file)), {slotEnded, slotGranted}, "1 |"},
     };
     for (const auto& step : steps) {
         EXPECT_EQ(answers(peer, step.hears), step.answers) << &step - steps;
@@ -231,7 +232,7 @@ TEST_F(UploadPoolTest, ASlotTurnsIntoATransferAndBackIntoAPlaceInTheQueue) {
     }
     // A file that is gone leaves the slot.
     std::filesystem::remove(directory.file("shared.bin"));
-    EXPECT_EQ(answers(peer, request), Answers{opcode(72, bytesOf(file))});
+    EXPECT_EQ(answers(peer, request), Answers{opcode(OP_NO_SUCH_FILE, bytesOf(file))});
     EXPECT_EQ(drawn(), "1 |");
 }
 
@@ -243,25 +244,25 @@ TEST_F(UploadPoolTest, FiftyWaitInTheirOrderAndRenewTheirTimes) {
     EXPECT_EQ(full.substr(0, 9) + full.substr(full.size() - 3), "1 2 | 3 4 52");
     // Who had an upload comes on top.
     transfers(*made[0], file, 0, 10);
-    answers(*made[0], opcode(73, bytesOf(file)));
+    answers(*made[0], opcode(OP_STOP_UPLOAD, bytesOf(file)));
     EXPECT_EQ(drawn().substr(0, 9), "2 3 | 4 5");
     // The others have stopped asking; as the queue is full, a renewal is dropped like any request.
     ageQueue(2'700'001);
-    answers(*made[3], opcode(84));
-    answers(*made[1], opcode(86));
+    answers(*made[3], opcode(OP_REQUEST_SLOT));
+    answers(*made[1], opcode(OP_RELEASE_SLOT));
     EXPECT_EQ(drawn(), "3 |");
     allAsk(61, 63);
     ageQueue(2'700'001);
-    answers(*made.back(), opcode(84));
-    answers(*made[2], opcode(86));
+    answers(*made.back(), opcode(OP_REQUEST_SLOT));
+    answers(*made[2], opcode(OP_RELEASE_SLOT));
     EXPECT_EQ(drawn(), "61 63 |");
     EXPECT_EQ(made.back()->sent(), Answers{slotGranted});
     // Strangers without a hash are told apart by their address.
     for (u8 last = 71; last <= 72; ++last) {
         TestPeer& unknown = stranger(last);
         const std::string record = std::string(16, '\0') + le32(addressOf(last)) + le16(4662) + le32(0);
-        answers(unknown, opcode(1, "\x10" + record + le32(0) + le16(0)));
-        answers(unknown, opcode(84));
+        answers(unknown, opcode(OP_HELLO, "\x10" + record + le32(0) + le16(0)));
+        answers(unknown, opcode(OP_REQUEST_SLOT));
     }
     EXPECT_EQ(drawn(), "61 63 | 0 0");
 }
@@ -318,7 +319,7 @@ TEST_F(UploadPoolTest, SlotsEnd) {
     allAsk(2, 4);
     made[3]->end();
     clientApp.socketPool.count = 45;
-    answers(*made[1], opcode(86));
+    answers(*made[1], opcode(OP_RELEASE_SLOT));
     EXPECT_EQ(drawn(), "3 4 |");
     uploadPool.tick(0);
     for (const u32 ms : {60'000U, 1U, 60'000U, 1U, 60'000U, 1U}) {
@@ -350,14 +351,14 @@ TEST_F(UploadPoolTest, WhoGoesOrCannotBeReachedIsForgottenAndHisPlaceIsGiven) {
     preferences.setClientId(5);
     TestPeer& low = stranger(4);
     const std::string user = bytesOf(hashOf(4)) + le32(77) + le16(4662) + le32(0);
-    answers(low, opcode(1, "\x10" + user + le32(addressOf(9)) + le16(4661)));
+    answers(low, opcode(OP_HELLO, "\x10" + user + le32(addressOf(9)) + le16(4661)));
     peers.remove(&low);
-    answers(low, opcode(84));
+    answers(low, opcode(OP_REQUEST_SLOT));
     uploadPool.callbackFailed(addressOf(8), 77);
     EXPECT_EQ(drawn(), "4 |");
     uploadPool.tick(1);
     EXPECT_EQ(drawn(), "|");
-    answers(low, opcode(84));
+    answers(low, opcode(OP_REQUEST_SLOT));
     uploadPool.callbackFailed(addressOf(9), 77);
     EXPECT_EQ(drawn(), "|");
 }

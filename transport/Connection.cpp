@@ -5,7 +5,7 @@
 #include "i4min/memory/error.h"
 #include "i4min/network/socket.h"
 #include "meta/address.h"
-#include "transport/OpcodeTable.h"
+#include "protocol/OpcodeTable.h"
 #include "transport/SocketPool.h"
 #include "transport/Transport.h"
 

@@ -6,6 +6,7 @@
 
 #include "i4min/file/file.h"
 #include "i4min/memory/types.h"
+#include "protocol/OpcodeTable.h"
 
 class Serializable;
 class i4_socket;
@@ -30,7 +31,7 @@ struct Budgets {
 // one at a time. Owns the stream's buffer.
 class Packet {
   public:
-    static constexpr u8 marker = 0xE3;
+    static constexpr u8 marker = packetMarker;
     static constexpr u32 headerSize = 5;
     // The memory that a header alone is given; more comes as bytes arrive.
     static constexpr u32 firstBlock = 64 * 1024;

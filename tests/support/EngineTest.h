@@ -12,6 +12,7 @@
 #include "core/Preferences.h"
 #include "download/DLPool.h"
 #include "download/PartialList.h"
+#include "protocol/PeerProtocol.h"
 #include "tests/support/Conversation.h"
 #include "tests/support/OwnEngine.h"
 #include "tests/support/ScriptedSocket.h"
@@ -35,7 +36,7 @@ inline std::string requestFor(const MD4Hash& file, std::vector<std::pair<u32, u3
     std::string body = bytesOf(file);
     for (const auto& range : ranges) body += le32(range.first);
     for (const auto& range : ranges) body += le32(range.second);
-    return opcode(71, body);
+    return opcode(OP_REQUEST_PARTS, body);
 }
 
 // A socket whose other side has an address.
@@ -145,7 +146,7 @@ class EngineTest : public testing::Test, protected OwnEngine {
     // One that has said hello, and heard the answer.
     TestPeer& peer(u8 last, const std::string& name = "") {
         TestPeer& result = stranger(last);
-        EXPECT_TRUE(result.hear(opcode(1, "\x10" + identity(last, name))));
+        EXPECT_TRUE(result.hear(opcode(OP_HELLO, "\x10" + identity(last, name))));
         result.sent();
         return result;
     }

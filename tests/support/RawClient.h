@@ -1,6 +1,7 @@
 // A client of an index server that is nothing but sockets: it logs on, publishes, and has a door.
 #pragma once
 
+#include "protocol/ServerProtocol.h"
 #include "tests/support/Caller.h"
 
 // Thread: one. Owns its two sockets.
@@ -10,8 +11,8 @@ class RawClient : public Caller {
 
     // The ID that the server gives; it calls the door before, which makes it a low one where that is shut.
     u32 logOn() {
-        say(opcode(1, namedRecord(hashOf('r'), 0, door_.port(), "raw")));
-        return u32At(await(64), 0);
+        say(opcode(OP_LOGON, namedRecord(hashOf('r'), 0, door_.port(), "raw")));
+        return u32At(await(OP_CLIENT_ID), 0);
     }
     void shutDoor() { door_.close(); }
 

@@ -5,7 +5,9 @@
 
 #include "i4min/memory/types.h"
 
-// As seen from this client.
+inline constexpr u8 packetMarker = 0xE3;  // the first byte of each packet and datagram
+
+// As seen from the client; of a controller's messages, from the client that it steers.
 enum class Direction : u8 { in = 1, out = 2, both = 3 };
 
 // One message of a protocol: what follows its opcode byte takes at least `least` and at most `most`
@@ -19,6 +21,7 @@ struct Opcode {
     Direction direction;
     u32 least;
     u32 most;
+    const char* body = "";  // in words, as docs/protocol.md has them
 };
 
 // Constant; made from a static array of rows. A number may have one row for each direction.
