@@ -1,5 +1,6 @@
 #include "console/SelfTest.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <initializer_list>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "engine/Engine.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/HT32.h"
+#include "i4min/memory/LL.h"
 #include "meta/BoolArray.h"
 #include "meta/MetaTag.h"
 
@@ -282,18 +284,12 @@ class StringTableTest : public Test {
 Test::Test(Engine& engine) : engine_(engine), log_(engine.ui) {}
 i64 Test::below(i64 limit) { return engine_.host.random.below(static_cast<u32>(limit)); }
 
-void addSelfTests(LL<Test>& tests, Engine& engine) {
-    tests.add(new Hash32Test(engine));
-    tests.add(new StrtokTest(engine));
-    tests.add(new StristrTest(engine));
-    tests.add(new TestMeta(engine));
-    tests.add(new TestBoolArray(engine));
-    tests.add(new LLTest(engine));
-    tests.add(new GapCounterListTest(engine));
-    tests.add(new GapListTest(engine));
-    tests.add(new GapSyncTest(engine));
-    tests.add(new PFTest(engine));
-    tests.add(new StringTableTest(engine));
+std::vector<std::unique_ptr<Test>> makeSelfTests(Engine& engine) {
+    std::vector<std::unique_ptr<Test>> tests;
+    const auto add = [&]<class... Tests>() { (tests.push_back(std::make_unique<Tests>(engine)), ...); };
+    add.operator()<Hash32Test, StrtokTest, StristrTest, TestMeta, TestBoolArray, LLTest, GapCounterListTest,
+                   GapListTest, GapSyncTest, PFTest, StringTableTest>();
+    return tests;
 }
 
 void runTests(ConClientApp& console, char* line) {
@@ -302,13 +298,7 @@ void runTests(ConClientApp& console, char* line) {
         console.log().printLine("Number set.");
         return;
     }
-    LL<Test> tests;
-    addSelfTests(tests, console.engine());
-    bool passed = true;
-    for (LL<Test>::Cursor c; Test* test = tests.next(c);) {
-        passed = test->run();
-        if (!passed) break;
-    }
+    const auto tests = makeSelfTests(console.engine());
+    const bool passed = std::all_of(tests.begin(), tests.end(), [](const auto& test) { return test->run(); });
     console.log().printLine(passed ? "go." : "ERRORS ::::--- FIX NOW");
-    deleteAll(tests);
 }

@@ -2,7 +2,9 @@
 // machine that the program runs on.
 #pragma once
 
-#include "i4min/memory/LL.h"
+#include <memory>
+#include <vector>
+
 #include "i4min/memory/types.h"
 
 class Engine;
@@ -22,5 +24,5 @@ class Test {
     UIInterface& log_;
 };
 
-// Appends one of each, in the order in which they run; the caller owns them.
-void addSelfTests(LL<Test>& tests, Engine& engine);
+// One of each, in the order in which they run.
+std::vector<std::unique_ptr<Test>> makeSelfTests(Engine& engine);

@@ -83,7 +83,7 @@ Ref<Search> searchFor(char* line) {
     if (!text.empty()) text.pop_back();
     if (text.size() > longestSearch) text.resize(longestSearch);
     if (text.empty()) return {};
-    Ref<Search> search(new Search);
+    auto search = makeRef<Search>();
     if (!type.empty()) {
         search->add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, type.c_str()), 0);
     }

@@ -17,7 +17,11 @@ MessageQ::~MessageQ() {
     clear();
 }
 
-void MessageQ::clear() { deleteAll(queue_); }
+void MessageQ::clear() {
+    std::deque<QMessage> dropped;  // without the lock: what they refer to may end with them
+    const i4_lock guard(lock_);
+    queue_.swap(dropped);
+}
 
 void MessageQ::start() {
     lastTick_ = clock_.now();
@@ -31,37 +35,49 @@ Rest MessageQ::run() {
 }
 
 void MessageQ::post(u32 number, QArgument argument) {
-    queue_.add(new QMessage{number, std::move(argument)});
+    {
+        const i4_lock guard(lock_);
+        queue_.push_back({number, std::move(argument)});
+    }
     wake();
 }
 
 void MessageQ::postOnce(u32 number) {
     {
-        const i4_guard guard(queue_);
-        LL<QMessage>::Cursor c;
-        queue_.next(c);  // may be in hand
-        while (const QMessage* message = queue_.next(c)) {
-            if (message->number == number) return;
-        }
-        queue_.addUnsafe(new QMessage{number, {}});
+        const i4_lock guard(lock_);
+        const std::ptrdiff_t head = queue_.empty() || inHand_ ? 0 : 1;
+        const auto isSame = [&](const QMessage& message) { return message.number == number; };
+        if (std::any_of(queue_.begin() + head, queue_.end(), isSame)) return;
+        queue_.push_back({number, {}});
     }
     wake();
 }
 
 void MessageQ::postFront(u32 number, QArgument argument) {
-    queue_.addFront(new QMessage{number, std::move(argument)});
+    {
+        const i4_lock guard(lock_);
+        queue_.push_front({number, std::move(argument)});
+    }
     wake();
+}
+
+std::optional<QMessage> MessageQ::take() {
+    const i4_lock guard(lock_);
+    inHand_ = !queue_.empty();
+    if (!inHand_) return {};
+    std::optional<QMessage> message(std::move(queue_.front()));
+    queue_.pop_front();
+    return message;
 }
 
 bool MessageQ::process() {
     checkOwnThread();
-    QMessage* message = queue_.first();
+    std::optional<QMessage> message = take();
     if (!message) return false;
-    if (!duties_.handle(message->number, message->argument)) {
+    if (!duties_.handle(message->number, message->argument))
         log_.print("ERROR: Unknown message in Process\n");
-    }
-    queue_.remove(message);
-    delete message;
+    const i4_lock guard(lock_);
+    inHand_ = false;
     return true;
 }
 

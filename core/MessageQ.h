@@ -1,11 +1,13 @@
 // MessageQ, the thread that serialises changes of the application's state.
 #pragma once
 
+#include <deque>
 #include <memory>
+#include <optional>
 #include <variant>
 
 #include "host/Host.h"
-#include "i4min/memory/LLsafe.h"
+#include "i4min/memory/mutex.h"
 #include "i4min/string/string.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "i4min/threads/linux/Thread.h"
@@ -93,6 +95,7 @@ class MessageQ : public Thread {
     void clear();  // drops what waits, once the thread has stopped
 
   private:
+    std::optional<QMessage> take();
     void idleTurn();
     Rest untilDue();
 
@@ -101,5 +104,7 @@ class MessageQ : public Thread {
     MessageDuties& duties_;
     Moment lastTick_;
     i32 autoConnectTimer_ = -1;  // ms until the next automatic connect is due; due at 0 and below
-    LLsafe<QMessage> queue_{LockRank::messageQueue};
+    i4_mutex lock_{LockRank::messageQueue};
+    std::deque<QMessage> queue_ GUARDED_BY(lock_);  // without the one in hand
+    bool inHand_ GUARDED_BY(lock_) = false;
 };

@@ -164,7 +164,7 @@ void DLPool::add(const FileMeta& meta) {
                               orEmpty(meta.getName()));
     FileMeta record;
     record.copyFrom(&meta);
-    Ref<Download> download(new Download(needs_, *this));
+    Ref<Download> download = makeRef<Download>(needs_, *this);
     measureFreeSpace();
     if (download->create(record)) enter(std::move(download));
     checkDisk();
@@ -175,7 +175,7 @@ Ref<Download> DLPool::loadDownload(const FileMeta& record) {
         sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
         return {};
     }
-    Ref<Download> download(new Download(needs_, *this));
+    Ref<Download> download = makeRef<Download>(needs_, *this);
     const bool wantsVerifying = download->load(record);
     enter(download);
     return wantsVerifying ? download : Ref<Download>();

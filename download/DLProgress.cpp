@@ -11,7 +11,7 @@ bool rarerFirst(const GapCounter* a, const GapCounter* b) { return a->count <= b
 
 }  // namespace
 
-DLProgress::~DLProgress() { deleteAll(partList_); }
+DLProgress::~DLProgress() = default;
 
 void DLProgress::setup(PartialFile& partial, Random& random) {
     reset();
@@ -25,7 +25,7 @@ void DLProgress::setup(PartialFile& partial, Random& random) {
         const i64 start = part * PARTSIZE;
         // One that isn't verified yet may become missing again.
         if (partial.overlaps(start, start + PARTSIZE) || !partial.isVerified(static_cast<u32>(part)))
-            partList_.add(new GapCounter(start, start + PARTSIZE, 0));
+            partList_.own(std::make_unique<GapCounter>(start, start + PARTSIZE, 0));
     }
     partList_.shuffle(random);
 }

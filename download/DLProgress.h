@@ -29,5 +29,5 @@ class DLProgress : public GapCounterList {
     void changeParts(const BoolArray& parts, i32 delta);
     bool findFree(i64 partStart, i64 partEnd, i64 most, u32& start, u32& end);
 
-    LL<GapCounter> partList_;  // rarest first; a complete part stays, it has no free range any more
+    OwnLL<GapCounter> partList_;  // rarest first; a complete part stays, it has no free range any more
 };

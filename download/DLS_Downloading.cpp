@@ -26,7 +26,7 @@ DLS_Downloading::DLS_Downloading(DownloadBody& owner)
     download.needs.servers.listSourceServers(servers_);
 }
 
-DLS_Downloading::~DLS_Downloading() { deleteAll(sources_); }
+DLS_Downloading::~DLS_Downloading() = default;
 
 template <class Operation>
 void DLS_Downloading::forEachSource(Operation operation) {
@@ -51,8 +51,8 @@ void DLS_Downloading::tick(i32 elapsedMs) {
         if (source->state().tick(elapsedMs)) {
             before = at;
         } else {
+            const std::unique_ptr<FileSource> removed(source);
             at = before = sources_.removeNext(before);
-            delete source;
         }
     }
     refreshServers(elapsedMs);
@@ -173,7 +173,7 @@ void DLS_Downloading::addSource(const UserMeta& user) {
     for (LL<FileSource>::Cursor c; const FileSource* source = sources_.next(c);) {
         if (source->sameUser(user) || ++count == mostSources) return;
     }
-    sources_.addFront(new FileSource(user, download));
+    sources_.ownFront(std::make_unique<FileSource>(user, download));
     sources_.shuffle(download.needs.core.host.random);
 }
 

@@ -51,7 +51,7 @@ class DLS_Downloading : public DownloadState {
     bool untilTrue(Operation operation);
 
     std::vector<ServerAsk> servers_;
-    LL<FileSource> sources_;
+    OwnLL<FileSource> sources_;
     i32 serverListAge_ = 0;         // ms
     i32 hashTimer_ = 60'000;        // ms since the part hashes were last asked for
     i32 speedWindow_ = 0;           // ms in the current sample

@@ -42,7 +42,7 @@ Download::~Download() {
 bool Download::create(FileMeta& meta) {
     const i4_guard guard(lock_);
     meta.removeTag(TAG_AVAILABILITY);
-    partial_ = Ref<PartialFile>(new PartialFile(needs, progress_));
+    partial_ = makeRef<PartialFile>(needs, progress_);
     if (!partial_->create(meta)) {
         needs.core.log.printLine("%s", needs.core.strings.get(STRINGS_COULDNT_CREATE_TEMP_FILE));
         return false;
@@ -55,7 +55,7 @@ bool Download::create(FileMeta& meta) {
 
 bool Download::load(const FileMeta& record) {
     const i4_guard guard(lock_);
-    partial_ = Ref<PartialFile>(new PartialFile(needs, progress_));
+    partial_ = makeRef<PartialFile>(needs, progress_);
     i32 recorded = 1;
     const PartialFile::Load result = partial_->load(record, recorded);
     priority = recorded;

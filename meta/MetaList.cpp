@@ -9,6 +9,7 @@
 
 #include "i4min/file/buffered_file.h"
 #include "i4min/file/save_file.h"
+#include "i4min/memory/debug_build.h"
 
 namespace {
 

@@ -1,7 +1,10 @@
 // RemoteQueueList, the uploaders in whose queues this client stands, with the time of the request.
 #pragma once
 
-#include "i4min/memory/LLsafe.h"
+#include <memory>
+#include <vector>
+
+#include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
 #include "i4min/threads/Clock.h"
 
@@ -23,5 +26,9 @@ class RemoteQueueList {
 
   private:
     const Clock& clock_;
-    LLsafe<UserMeta> entries_{LockRank::remoteQueue};
+    template <class Matches>
+    void removeEntry(Matches matches) EXCLUDES(lock_);
+
+    i4_mutex lock_{LockRank::remoteQueue};
+    std::vector<std::unique_ptr<UserMeta>> entries_ GUARDED_BY(lock_);
 };

@@ -33,6 +33,7 @@ bool SlotRule::canStart() const {
     return active < always || speedOfTransfer * static_cast<f32>(slots + 1) < spare;
 }
 
+UploadPool::UploadPool(const PeerNeeds& needs) : needs_(needs) {}
 UploadPool::~UploadPool() { clear(); }
 
 bool UploadPool::canStartSlot() const {
@@ -51,17 +52,15 @@ UploadSlot* UploadPool::slotOf(const Peer& peer) const {
 }
 
 void UploadPool::addSlot(const UserMeta& user) {
-    auto* slot = new UploadSlot(needs_, *this, ++slotsMade_, user);
-    slots_.add(slot);
+    UploadSlot* slot = slots_.own(std::make_unique<UploadSlot>(needs_, *this, ++slotsMade_, user));
     needs_.core.messages.wake();
     slot->tellPeer();
     needs_.ui.slotAdded(slot, orEmpty(slot->getName()));
 }
 
 void UploadPool::removeSlot(UploadSlot* slot) {
-    slots_.remove(slot);
+    const std::unique_ptr<UploadSlot> removed = slots_.take(slot);
     needs_.ui.slotRemoved(slot);
-    delete slot;
 }
 
 void UploadPool::assignSlots() {
@@ -83,8 +82,7 @@ void UploadPool::gotSlotRequest(Peer& peer) {
     UserMeta* waiting = findIn(queue_, [&](const UserMeta& other) { return isThisUser(other, user); });
     if (canStartSlot()) {
         if (waiting) {
-            queue_.remove(waiting);
-            delete waiting;
+            queue_.take(waiting);
             --queueLength_;
             checkInvariants();
         }
@@ -101,7 +99,7 @@ void UploadPool::gotSlotRequest(Peer& peer) {
 void UploadPool::enqueue(const UserMeta& user) {
     std::unique_ptr<UserMeta> entry = copyOf(user);
     entry->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
-    queue_.add(entry.release());
+    queue_.own(std::move(entry));
     ++queueLength_;
     needs_.core.messages.wake();
     checkInvariants();

@@ -35,7 +35,7 @@ struct SlotRule {
 // Owns: queue and slots, one reference on each upload.
 class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
   public:
-    explicit UploadPool(const PeerNeeds& needs) : needs_(needs) {}
+    explicit UploadPool(const PeerNeeds& needs);
     virtual ~UploadPool();
     void gotSlotRequest(Peer& peer);
     void gotCall(Peer& peer);  // a hello came in
@@ -76,8 +76,8 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
     const PeerNeeds& needs_;
     i4_mutex lock_{LockRank::uploadPool};
     LL<Upload> uploads_ GUARDED_BY(lock_);
-    LL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
-    LL<UploadSlot> slots_ GUARDED_BY(lock_);
+    OwnLL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
+    OwnLL<UploadSlot> slots_ GUARDED_BY(lock_);
     LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
     i32 assignTimer_ GUARDED_BY(lock_) = 0;     // ms since the last assignment
     i32 queueLength_ GUARDED_BY(lock_) = 0;

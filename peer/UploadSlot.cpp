@@ -64,12 +64,12 @@ Ref<Upload> UploadSlot::makeUpload(const MD4Hash& hash, Peer& peer) {
         peer.copyUser(asker);
         Ref<PartReader> parts = needs_.files.partsFor(hash, asker);
         if (!parts) return {};
-        return Ref<Upload>(new PartUpload(owner_, log, disk, std::move(parts), peer, hash));
+        return makeRef<PartUpload>(owner_, log, disk, std::move(parts), peer, hash);
     }
     std::unique_ptr<i4_file> file = disk.open(shared.path.c_str(), I4_FILE_READ);
     if (!file) {
         log.printVerbose("File not found for upload: %s\n", shared.path.c_str());
         return {};
     }
-    return Ref<Upload>(new Upload(owner_, log, std::move(file), peer, shared.name.c_str(), hash));
+    return makeRef<Upload>(owner_, log, std::move(file), peer, shared.name.c_str(), hash);
 }

@@ -42,7 +42,7 @@ GUIController::GUIController(SocketPool& socketPool, TcpipUI& ui, std::unique_pt
           transport().host.scheduler, [this] { sendStatus(); }, statusEvery),
       ui_(ui),
       engine_(ui.engine()),
-      search_(new Search) {
+      search_(makeRef<Search>()) {
     ++ui_.strangers;
 }
 
@@ -226,7 +226,7 @@ void GUIController::connectToServer(i4_file& stream) {
 
 // A tree that can't be read leaves an empty search, and the request goes on with that.
 void GUIController::startSearch(u32 message, i4_file& stream) {
-    search_ = Ref<Search>(new Search);
+    search_ = makeRef<Search>();
     search_->fromBytes(stream);
     engine_.messageQ.post(message, search_);
 }

@@ -111,7 +111,7 @@ void ServerPool::merge(const char* path) {
 
 void ServerPool::setSocketPool(SocketPool& pool) {
     pool_ = &pool;
-    annex_ = Ref<ExServerAnnex>(new ExServerAnnex(pool, *this, needs_));
+    annex_ = makeRef<ExServerAnnex>(pool, *this, needs_);
     annex_->open();
 }
 
@@ -192,7 +192,7 @@ void ServerPool::tryNextLocked() {
     i4_string name;
     needs_.core.log.printLine("%s %s ....", needs_.core.strings.get(STRINGS_CONNECTING_TO),
                               entry->getName(name));
-    Ref<MainServer> attempt(new MainServer(*pool_, *this, needs_, *entry));
+    Ref<MainServer> attempt = makeRef<MainServer>(*pool_, *this, needs_, *entry);
     if (needs_.transport.connects.connect(Ref<Connection>(attempt.get()))) {
         connecting_ = true;
         attempt_ = std::move(attempt);

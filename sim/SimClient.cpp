@@ -54,7 +54,7 @@ void SimClient::share(const std::string& directory) {
 }
 
 void SimClient::search(const std::string& words, const char* type) {
-    Ref<Search> search(new Search);
+    const auto search = makeRef<Search>();
     search->add(std::make_unique<SN_FindStr>(words.c_str()), SEARCH_AND);
     if (type) search->add(std::make_unique<SN_StrTagCompare>(tagTable[TAG_TYPE].wireName, type), SEARCH_AND);
     engine.clientApp.startSearch(search);

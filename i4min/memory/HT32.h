@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "i4min/memory/LL.h"
+#include "i4min/memory/debug_build.h"
 #include "i4min/memory/types.h"
 
 // The values of one key. A table makes its lists through newInner of the one it was given, so that all are of

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <type_traits>
 #include <utility>
 
 #include "i4min/memory/types.h"
@@ -33,6 +34,9 @@ class Ref {
     explicit Ref(T* object) : Ref(static_cast<RefCounter*>(object), Known()) {}
     Ref(const Ref& other) : Ref(other.counter_, Known()) {}
     Ref(Ref&& other) noexcept : counter_(std::exchange(other.counter_, nullptr)) {}
+    template <class Derived>
+    requires std::is_base_of_v<T, Derived> Ref(Ref<Derived> other)
+    noexcept : counter_(std::exchange(other.counter_, nullptr)) {}
     ~Ref() { reset(); }
     Ref& operator=(Ref other) noexcept {
         std::swap(counter_, other.counter_);
@@ -57,9 +61,17 @@ class Ref {
     explicit operator bool() const { return counter_ != nullptr; }
 
   private:
+    template <class>
+    friend class Ref;
     struct Known {};
     Ref(RefCounter* counter, Known) : counter_(counter) {
         if (counter_) counter_->addRef();
     }
     RefCounter* counter_ = nullptr;
 };
+
+// A new object with its first reference.
+template <class T, class... Arguments>
+Ref<T> makeRef(Arguments&&... arguments) {
+    return Ref<T>(new T(std::forward<Arguments>(arguments)...));
+}
