@@ -54,16 +54,14 @@ TEST(GapListTest, TheEndOfAFile) {
 
 TEST(GapListTest, SavedForm) {
     GapList list;
-    list.append({800, 900});
     list.append({0, 0x01020304});
     const Bytes bytes = written([&](i4_file& file) { EXPECT_TRUE(list.toFile(file)); });
-    EXPECT_THAT(bytes, testing::ElementsAre(2, 0, 0x20, 3, 0, 0, 0x84, 3, 0, 0, 0, 0, 0, 0, 4, 3, 2, 1));
-    EXPECT_EQ(list.fileSize(), bytes.size());
-    i4_owned_ram_file refused;
-    for (i64 i = 0; i < 65536; ++i) list.append({1, 2});
-    EXPECT_FALSE(list.toFile(refused)) << "more than the count can say";
-    list.clear();
+    EXPECT_THAT(bytes, testing::ElementsAre(1, 0, 0, 0, 0, 0, 4, 3, 2, 1));
     list.append({0, 4294967296});
+    i4_owned_ram_file refused;
+    EXPECT_FALSE(list.toFile(refused));
+    list.clear();
+    for (int i = 0; i < 65536; ++i) list.append({1, 2});
     EXPECT_FALSE(list.toFile(refused));
     EXPECT_EQ(refused.tell(), 0U);
 }

@@ -22,15 +22,12 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(Strings, AreCutIntoTokensAndLines) {
+TEST(Strings, AreCutIntoLines) {
     char out[256];
-    const std::pair<const char*, i32> ends[] = {{" a", -1}, {"a,", 1}, {"longstri", 4}, {"long", 4}};
-    for (const auto& [whole, offset] : ends) EXPECT_EQ(i4_strtok(whole, " ,", 0, out, 5), offset) << whole;
-    const char* text = "\r\n\none\r\ntwo words\n\nlast";
     u32 cursor = 0;
     const std::pair<const char*, char> lines[] = {{"one", '\r'}, {"two words", '\n'}, {"last", 0}, {"", 0}};
     for (const auto& [line, stop] : lines) {
-        EXPECT_EQ(i4_getline(out, text, cursor), stop);
+        EXPECT_EQ(i4_getline(out, "\r\n\none\r\ntwo words\n\nlast", cursor), stop);
         EXPECT_STREQ(out, line);
     }
 }
@@ -66,7 +63,6 @@ TEST(Strings, AreFoundReadCopiedAndSurviveBeingTheirOwnSource) {
 
     i4_string null(nullptr);
     EXPECT_NE(null, i4_string());
-    null.toLower();
     null += nullptr;
     EXPECT_TRUE(null.isNull());
     null += "grown";
@@ -76,9 +72,6 @@ TEST(Strings, AreFoundReadCopiedAndSurviveBeingTheirOwnSource) {
     s += s.c_str();
     s.format("%s-%S", s.c_str() + 4, &s);
     EXPECT_EQ(s, "TEXT-TEXTTEXT");
-    const i4_string moved(std::move(s));
-    s = "again";
-    EXPECT_EQ(s, "again");
 }
 
 std::string errorOf(const std::function<void()>& action) {
@@ -105,21 +98,19 @@ class Drip : public BytesFile {
 };
 
 TEST(RamStream, GrowsByWholeStepsOrIsCut) {
-    const std::string thousand(1000, 'x');
     const struct {
-        u32 capacity, step, write, seek, written, newCapacity, used;
-    } cases[] = {{0, 512, 1000, 0, 1000, 1024, 1000},
-                 {0, 512, 0, 5000, 0, 5120, 5000},
-                 {4, 0, 10, 0, 4, 4, 4},
-                 {4, 0, 0, 10, 0, 4, 4},
-                 {4, 3, 5, 0, 5, 7, 5}};
+        u32 capacity, step, write, seek, newCapacity, used;
+    } cases[] = {{0, 512, 1000, 0, 1024, 1000},
+                 {0, 512, 0, 5000, 5120, 5000},
+                 {4, 0, 10, 0, 4, 4},
+                 {4, 0, 0, 10, 4, 4},
+                 {4, 3, 5, 0, 7, 5}};
     for (const auto& c : cases) {
         i4_ram_file_class stream(c.capacity ? i4_malloc(c.capacity) : nullptr, c.capacity, c.step);
-        EXPECT_EQ(stream.write(thousand.data(), c.write), static_cast<i32>(c.written));
+        EXPECT_EQ(stream.write(std::string(1000, 'x').data(), c.write), c.write > 0 ? i32(c.used) : 0);
         stream.seek(std::max(c.seek, stream.tell()));
-        EXPECT_EQ(stream.tell(), c.used) << c.write << "," << c.seek;
+        EXPECT_EQ(std::pair(stream.tell(), stream.size()), std::pair(c.used, c.used));
         EXPECT_EQ(stream.capacity(), c.newCapacity) << c.write << "," << c.seek;
-        EXPECT_EQ(stream.size(), c.used) << c.write << "," << c.seek;
         i4_free(stream.buffer());
     }
     i4_owned_ram_file sparse(16);
@@ -132,10 +123,8 @@ TEST(RamStream, GrowsByWholeStepsOrIsCut) {
 
 TEST(Stream, NumbersAreLittleEndianAndShortReadsAreLoud) {
     i4_owned_ram_file stream;
-    EXPECT_EQ(stream.write_8(0xfe), 1U);
-    EXPECT_EQ(stream.write_16(0x1234), 2U);
-    EXPECT_EQ(stream.write_32(0x89abcdef), 4U);
-    EXPECT_EQ(stream.write_float(-0.15625F), 4U);
+    EXPECT_EQ(stream.write_8(0xfe) + stream.write_16(0x1234) + stream.write_32(0x89abcdef), 7U);
+    stream.write_float(-0.15625F);
     const std::string bytes = bytesOf(stream);
     EXPECT_EQ(bytes, "\xfe\x34\x12\xef\xcd\xab\x89\x00\x00\x20\xbe"s);
     Drip drip(bytes, 1);
@@ -151,7 +140,7 @@ TEST(Stream, NumbersAreLittleEndianAndShortReadsAreLoud) {
 TEST(Stream, AStringHasOneFormAndRefusesWhatIsNone) {
     const std::string longest(65534, 'q');
     const std::pair<const char*, std::string> forms[] = {
-        {"ab", "\x02\0ab"s}, {"", "\0\0"s}, {nullptr, "\0\0"s}, {longest.c_str(), "\xfe\xff" + longest}};
+        {"ab", "\x02\0ab"s}, {nullptr, "\0\0"s}, {longest.c_str(), "\xfe\xff" + longest}};
     for (const auto& [text, bytes] : forms) {
         i4_owned_ram_file stream;
         i4_string(text).write(stream);
@@ -160,17 +149,12 @@ TEST(Stream, AStringHasOneFormAndRefusesWhatIsNone) {
         EXPECT_EQ(i4_string(slow), text ? text : "");
     }
     const auto reading = [](const std::string& bytes) {
-        Drip drip(bytes, 100000);
-        return errorOf([&] { i4_string s(drip); });
+        return errorOf([&] { i4_string(*std::make_unique<Drip>(bytes, 100000)); });
     };
     EXPECT_EQ(reading("\xff\xff" + std::string(65535, 'x')), "read string error");
     EXPECT_EQ(reading("\x03\0ab"s), "readAll error");
-    EXPECT_EQ(errorOf([] {
-                  Drip drip("abcd", 2);
-                  i4_string(drip, 3);
-              }),
-              "read string error")
-        << "one read has to bring them all";
+    const auto inTwoReads = [] { i4_string(*std::make_unique<Drip>("abcd", 2), 3); };
+    EXPECT_EQ(errorOf(inTwoReads), "read string error");
 
     char block[4];
     i4_ram_file_class cut(block, 4, 0);
@@ -186,8 +170,7 @@ TEST(Stream, AStringHasOneFormAndRefusesWhatIsNone) {
 
 TEST(Path, IsRewritten) {
     const std::pair<const char*, const char*> cases[] = {
-        {"c:/a\\b", "/a/b"}, {"x:/a", "/u/a"},   {"c:\\a", "c:/a"},    {"C:/a", "C:/a"},       {"c:", "c:"},
-        {"X:", "X:"},        {"a/c:/b", "a//b"}, {"Max: a", "Ma/u a"}, {"x:x:x:x:", "/u/u/u/"}};
+        {"c:/a\\b", "/a/b"}, {"x:/a", "/u/a"}, {"c:\\a", "c:/a"}, {"C:/a", "C:/a"}, {"x:x:x:x:", "/u/u/u/"}};
     for (const auto& [name, expected] : cases) {
         char out[8 + 1] = "????????";
         i4_translate_path(name, out, 8);
@@ -239,13 +222,10 @@ TEST(DiskFile, IsOpenedByTheFlagsAndKeepsItsPlaceAndItsName) {
     EXPECT_EQ(i4_open(odd.c_str(), I4_FILE_READ), nullptr) << "this name is rewritten";
 }
 
-class Wagon final : public i4_printable {
-  public:
-    void print(i4_file* stream) override { stream->printf("<%d>", 7); }
-};
-
 TEST(Formatter, WritesWhatEachLetterSays) {
-    Wagon wagon;
+    struct Wagon final : i4_printable {
+        void print(i4_file* stream) override { stream->printf("<%d>", 7); }
+    } wagon;
     const i4_string text("text");
     const i4_string null(nullptr);
     char out[64];
@@ -267,7 +247,7 @@ TEST(Formatter, WritesWhatEachLetterSays) {
     EXPECT_EQ(i4_snprintf(nullptr, 0, "%d", 123), 3U);
     i4_string big;
     big.format("%s", std::string(1200, 'a').c_str());
-    EXPECT_EQ(big, std::string(1200, 'a').c_str());
+    EXPECT_EQ(big.length(), 1200U);
 }
 
 TEST(Errors, CarryTextAndPlace) {
