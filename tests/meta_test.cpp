@@ -20,141 +20,102 @@ namespace {
 
 using testing::ElementsAre;
 
-std::unique_ptr<MetaTag> tagOf(const Bytes& bytes, i4_log* log = nullptr) {
-    BytesFile file(bytes);
+std::unique_ptr<MetaTag> tagOf(const std::string& bytes, i4_log* log = nullptr) {
+    BytesFile file(Bytes(bytes.begin(), bytes.end()));
     file.setLog(log);
     return MetaTag::readTag(file);
 }
 
 std::string printed(const MetaTag& tag, i32 n = 255) {
     char text[255] = "unchanged";
-    const char* result = tag.printable(text, n);
-    return result ? result : "(null)";
+    return orEmpty(tag.printable(text, n));
 }
 
-// Of a tag or a record.
+// Of a tag, a record or a list.
 template <class Saved>
-Bytes diskForm(Saved& saved) {
-    return written([&](i4_file& file) { EXPECT_TRUE(saved.toDisk(file)); });
+std::string diskForm(Saved& saved) {
+    return std::string(viewOf(written([&](i4_file& file) { EXPECT_TRUE(saved.toDisk(file)); })));
 }
-
-template <class Record>
-Bytes networkForm(const Record& record) {
+std::string networkForm(const Meta& record) {
     const Bytes bytes = written([&](i4_file& file) { EXPECT_TRUE(record.toNetwork(file)); });
     EXPECT_EQ(bytes.size(), record.byteSize());
-    return bytes;
+    return std::string(viewOf(bytes));
 }
 
-template <class Record>
-bool readDisk(Record& record, const Bytes& bytes) {
-    BytesFile file(bytes);
+bool readDisk(Meta& record, std::string_view bytes) {
+    BytesFile file(Bytes(bytes.begin(), bytes.end()));
     return record.fromDisk(file);
 }
-
-template <class Record>
-bool readNetwork(Record& record, const Bytes& bytes) {
-    BytesFile file(bytes);
+bool readNetwork(Meta& record, std::string_view bytes) {
+    BytesFile file(Bytes(bytes.begin(), bytes.end()));
     return record.fromNetwork(file);
 }
 
 TEST(MetaTag, EachTypeHasItsBytesAndItsText) {
-    MD4Hash hash;
-    hash.fromText("000102030405060708090a0b0c0d0e0f");
-    const u32 allOnes = 0xFFFFFFFF;
-    const f32 tenth = -0.15625F;
-    const u8 two = 2;
-    BoolArray ten(10);
-    ten.set(0, true);
-    ten.set(5, true);
-    const BoolArray eight(8), none;
-    const MetaBlob blob{9, 8, 7};
-    const struct {
-        std::unique_ptr<MetaTag> tag;
-        Bytes bytes;
-        const char* text = "unchanged";
-    } cases[] = {
-        {MetaTag::makeTag(META_TAG_INT, "ab", nullptr), {3, 2, 0, 'a', 'b', 0, 0, 0, 0}, "0"},
-        {MetaTag::makeTag(META_TAG_INT, nullptr, &allOnes), {3, 1, 0, 'n', 255, 255, 255, 255}, "-1"},
-        {MetaTag::makeTag(TAG_NAME, "xyz"), {2, 1, 0, 1, 3, 0, 'x', 'y', 'z'}, "xyz"},
-        {MetaTag::makeTag(META_TAG_STRING, "", nullptr), {2, 0, 0, 0, 0}, "(null)"},
-        {MetaTag::makeTag(META_TAG_FLOAT, "f", &tenth), {4, 1, 0, 'f', 0, 0, 0x20, 0xBE}, "-0.156250"},
-        {MetaTag::makeTag(META_TAG_BOOL, "b", &two), {5, 1, 0, 'b', 1}, "true"},
-        {MetaTag::makeTag(META_TAG_BOOL, "b", nullptr), {5, 1, 0, 'b', 0}, "false"},
-        {MetaTag::makeTag(TAG_PART_HASH, &hash),
-         {1, 1, 0, 7, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15},
-         "000102030405060708090a0b0c0d0e0f"},
-        {MetaTag::makeTag(META_TAG_BOOLARRAY, "a", &ten), {6, 1, 0, 'a', 10, 0, 0x21, 0}},
-        {MetaTag::makeTag(META_TAG_BOOLARRAY, "a", &eight), {6, 1, 0, 'a', 8, 0, 0, 0}},
-        {MetaTag::makeTag(META_TAG_BOOLARRAY, "a", &none), {6, 1, 0, 'a', 0, 0}},
-        {MetaTag::makeTag(META_TAG_BLOB, "x", &blob), {7, 1, 0, 'x', 3, 0, 0, 0, 9, 8, 7}},
-        {MetaTag::makeTag(META_TAG_BLOB, "x", nullptr), {7, 1, 0, 'x', 0, 0, 0, 0}},
+    const std::pair<std::string, std::string> cases[] = {
+        {"\1" + text16("\7") + "0123456789abcdef", "30313233343536373839616263646566"},
+        {"\2" + text16("\1") + text16("xyz"), "xyz"},
+        {"\3" + text16("n") + le32(0xFFFFFFFF), "-1"},
+        {"\4" + text16("f") + le32(0xBE200000), "-0.156250"},
+        {"\5" + text16("b") + "\1", "true"},
+        {"\5" + text16("b") + '\0', "false"},
+        {"\6" + text16("a") + le16(8) + le16(0x21), "unchanged"},
+        {"\7" + text16("x") + le32(3) + "987", "unchanged"},
     };
-    for (const auto& [tag, bytes, text] : cases) {
+    for (const auto& [bytes, text] : cases) {
+        const auto tag = tagOf(bytes);
         EXPECT_EQ(diskForm(*tag), bytes);
         EXPECT_EQ(printed(*tag), text);
-        const auto read = tagOf(bytes);
-        ASSERT_TRUE(read);
-        EXPECT_EQ(diskForm(*read), bytes);
+        EXPECT_EQ(printed(*tag, 3), text == "unchanged" ? text : text.substr(0, 2));
+        EXPECT_EQ(printed(*tag, 0), text == "unchanged" ? text : "");
+        for (std::size_t room = 0; room < bytes.size(); ++room) {
+            BytesFile file{Bytes(room)};
+            EXPECT_FALSE(tag->toNetwork(file)) << "a stream that takes no more";
+        }
     }
-    EXPECT_EQ(printed(*cases[2].tag, 3), "xy");
-    EXPECT_EQ(printed(*cases[2].tag, 0), "(null)");
-    EXPECT_EQ(printed(*cases[7].tag, 5), "0001");
-    for (u32 room = 0; room < cases[2].bytes.size(); ++room) {
-        BytesFile file{Bytes(room)};
-        EXPECT_FALSE(cases[2].tag->toNetwork(file)) << "a stream that takes no more";
-    }
+    EXPECT_EQ(diskForm(*MetaTag::makeTag(META_TAG_INT, "ab", nullptr)), "\3" + text16("ab") + le32(0));
+    EXPECT_EQ(diskForm(*MetaTag::makeTag(META_TAG_STRING, "", nullptr)), "\2" + le32(0));
 }
 
 TEST(MetaTag, ANameOfOneByteIsARow) {
     const struct {
-        Bytes name;
+        std::string name;
         const char* own;
         u32 id;
         const char* shown;
-        bool flag;
-    } cases[] = {{{1}, "\x01", TAG_NAME, "Name", true},
-                 {{23}, "\x17", TAG_PARTS, "parts", false},
-                 {{24}, "\x18", 24, "\x18", true},
-                 {{'n'}, nullptr, 0, nullptr, true},
-                 {{}, "", 0, "", true},
-                 {{0}, "", 0, "", true},
-                 {{2, 0, 'x'}, "\x02", TAG_SIZE, "Size", false}};
+    } cases[] = {{"\1", "\x01", TAG_NAME, "Name"},
+                 {"\x17", "\x17", TAG_PARTS, "parts"},
+                 {"\x18", "\x18", 24, "\x18"},
+                 {"n", nullptr, 0, nullptr},
+                 {"", "", 0, ""},
+                 {std::string("\2\0x", 3), "\x02", TAG_SIZE, "Size"}};
     for (const auto& c : cases) {
-        Bytes bytes{3, static_cast<u8>(c.name.size()), 0};
-        bytes.insert(bytes.end(), c.name.begin(), c.name.end());
-        bytes.insert(bytes.end(), {5, 0, 0, 0});
-        SCOPED_TRACE(testing::PrintToString(bytes));
-        const auto tag = tagOf(bytes);
+        const auto tag = tagOf("\3" + text16(c.name) + le32(5));
         EXPECT_STREQ(tag->name(), c.own);
         EXPECT_EQ(tag->id(), c.id);
         EXPECT_STREQ(tag->displayName(), c.shown);
-        EXPECT_EQ(tag->flagA(), c.flag);
-        EXPECT_FALSE(tag->isNamed("n"));
     }
 }
 
 TEST(MetaTag, WhatIsNoTagGivesNone) {
     CapturedLog log;
     EXPECT_EQ(MetaTag::makeTag(static_cast<TagIndex>(24), nullptr), nullptr);
-    EXPECT_EQ(MetaTag::makeTag(static_cast<TagIndex>(0), nullptr), nullptr);
-    EXPECT_EQ(tagOf({8, 1, 0, 'a'}, &log), nullptr);
+    EXPECT_EQ(tagOf("\x08" + text16("a"), &log), nullptr);
     EXPECT_EQ(log.take(), "ERROR: unknown type MetaTag::makeTag() 8\nerror in tag from bytes\n");
-    EXPECT_EQ(tagOf({3, 1, 0, 2, 1, 0, 0}), nullptr);
-    EXPECT_EQ(tagOf({7, 1, 0, 'x', 0xFF, 0xFF, 0xFF, 0xFF, 1, 2}), nullptr);
+    EXPECT_EQ(tagOf("\7" + text16("x") + le32(0xFFFFFFFF) + "12", &log), nullptr);
     EXPECT_EQ(log.take(), "") << "short streams say nothing";
 
     // Off a stream that can't tell its length, a blob is believed a piece at a time. 4 GiB that never come
     // would be refused under the sanitizers.
-    class Unknown : public BytesFile {
-      public:
+    struct Unknown : BytesFile {
         using BytesFile::BytesFile;
         std::optional<u32> bytesLeft() override { return std::nullopt; }
     };
     Bytes bytes{7, 1, 0, 'x', 0, 0, 2, 0};  // 128 KiB
     bytes.resize(bytes.size() + 128 * 1024, 5);
     Unknown whole(bytes);
-    EXPECT_EQ(diskForm(*MetaTag::readTag(whole)), bytes);
-    bytes[4] = bytes[5] = bytes[6] = bytes[7] = 0xFF;
+    EXPECT_EQ(diskForm(*MetaTag::readTag(whole)), viewOf(bytes));
+    bytes[7] = 0xFF;
     Unknown hostile(bytes);
     EXPECT_EQ(MetaTag::readTag(hostile), nullptr);
 }
@@ -166,16 +127,10 @@ TEST(BoolArray, BitsLieInTheirBytesAndNoneBehindThem) {
     EXPECT_EQ(bits.toText(), "1000000001");
     for (const i32 at : {5, 10, 1000000, -1}) EXPECT_FALSE(bits.get(at)) << at;
     EXPECT_EQ(written([&](i4_file& file) { bits.write(file); }), (Bytes{10, 0, 1, 2}));
+    bits.copyFrom(nullptr);
+    EXPECT_EQ(bits.toText(), "0000000000");
     bits.setAll(true);
     EXPECT_EQ(written([&](i4_file& file) { bits.write(file); }), (Bytes{10, 0, 0xFF, 0xFF}));
-    BoolArray copy(3);
-    copy.copyFrom(&bits);
-    EXPECT_EQ(copy, bits);
-    copy.copyFrom(nullptr);
-    EXPECT_EQ(copy.toText(), "0000000000");
-    BytesFile cut(Bytes{9, 0, 0xFF});
-    EXPECT_THROW(copy.read(cut), i4_err);
-    EXPECT_EQ(copy.size(), 0);
 }
 
 // A list that owns its records, as a test wants it.
@@ -205,16 +160,14 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     Meta record;
     record.setText(TAG_NAME, "one");
     record.setInt(TAG_SIZE, 5);
-    record.setInt("users", 7);
-    record.setText(TAG_NAME, "two");
-    EXPECT_FALSE(record.addTag("users", META_TAG_INT));
     EXPECT_TRUE(record.addTag("files", META_TAG_INT));
+    EXPECT_FALSE(record.addTag("files", META_TAG_INT));
 
     // From the network a record adds to what is there, from disk it replaces it.
-    const Bytes more{2, 0, 0, 0, 2, 1, 0, 1, 3, 0, 'n', 'e', 'w', 3, 1, 0, 'n', 9, 0, 0, 0};
+    const std::string more = le32(2) + "\2" + text16("\1") + text16("new") + "\3" + text16("n") + le32(9);
     EXPECT_TRUE(readNetwork(record, more));
-    EXPECT_THAT(namesOf(record), ElementsAre("Name", "Size", "users", "files", "Name", "(null)"));
-    EXPECT_STREQ(record.getText(TAG_NAME), "two");
+    EXPECT_THAT(namesOf(record), ElementsAre("Name", "Size", "files", "Name", "(null)"));
+    EXPECT_STREQ(record.getText(TAG_NAME), "one");
     EXPECT_TRUE(record.removeTag(TAG_NAME));
     EXPECT_STREQ(record.getText(TAG_NAME), "new");
     EXPECT_EQ(record.findTag("n"), nullptr) << "a tag without a name is passed over";
@@ -225,9 +178,9 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     copy.copyFrom(nullptr);
     EXPECT_EQ(networkForm(copy), more);
 
-    EXPECT_FALSE(readDisk(record, {2, 0, 0, 0, 3, 1, 0, 2, 1, 0, 0, 0, 3, 1, 0}));
-    EXPECT_THAT(namesOf(record), ElementsAre("Size")) << "damaged, it keeps what was read";
-    EXPECT_TRUE(readDisk(record, {0xFF, 0xFF, 0xFF, 0xFF, 1})) << "with its top bit set, a count is 0";
+    EXPECT_FALSE(readDisk(record, more.substr(0, more.size() - 1)));
+    EXPECT_THAT(namesOf(record), ElementsAre("Name")) << "damaged, it keeps what was read";
+    EXPECT_TRUE(readDisk(record, le32(0xFFFFFFFF) + "\1")) << "with its top bit set, a count is 0";
 }
 
 // A stranger's record may have any type under any name: nothing reads past the value that is there.
@@ -282,39 +235,30 @@ TEST(MetaList, RecordsComeAndGoByPointerAndAreSearched) {
     Owned<FileList> copies;
     copies.copyFrom(&gone);
     ASSERT_EQ(copies.count(), 2U);
-    EXPECT_NE(copies.get(0), &a);
-    EXPECT_STREQ(copies.get(0)->path.c_str(), "/x/a");
-    EXPECT_EQ(copies.get(0)->date, 0U) << "the date stays as it was";
-    EXPECT_THAT(copies.get(0)->partHashes, ElementsAre(hashOf(5)));
+    FileMeta* const copy = copies.get(0);
+    EXPECT_STREQ(copy->path.c_str(), "/x/a");
+    EXPECT_EQ(copy->date, 0U) << "the date stays as it was";
+    EXPECT_EQ(copy->partHashes, a.partHashes);
 }
 
-TEST(MetaList, NetworkFormsOfAllThreeRecordsStartAlike) {
-    FileMeta file;
-    file.hash = hashOf(1);
-    file.partHashes.push_back(hashOf(9));
-    file.setInt(TAG_SIZE, 1000);
-    const std::string tags = le32(1) + "\3" + text16("\2") + le32(1000);
-    EXPECT_EQ(viewOf(networkForm(file)), std::string(16, 1) + std::string(6, 0) + tags);
-
+// The network forms of files and users stand on the pages of the formats.
+TEST(MetaList, ServersHaveAUsersNetworkFormAndPassingAddressesAreNotSaved) {
     UserMeta user;
     user.hash = hashOf(1);
     user.id = stringToIp("1.2.3.4");
     user.port = 4662;
     user.setInt(TAG_SIZE, 1000);
-    const Bytes bytes = networkForm(user);
-    EXPECT_EQ(viewOf(bytes), std::string(16, 1) + "\1\2\3\4\x36\x12" + tags);
+    const std::string address = "\1\2\3\4\x36\x12";
+    const std::string bytes = networkForm(user);
+    EXPECT_EQ(bytes.substr(0, 22), std::string(16, 1) + address);
     ServerMeta server;  // drops the 16 bytes
     EXPECT_TRUE(readNetwork(server, bytes));
     EXPECT_THAT(namesOf(server), ElementsAre("Size", "ping", "users", "files"));
-    EXPECT_EQ(viewOf(networkForm(server)).substr(0, 22), std::string(16, 0) + "\1\2\3\4\x36\x12");
-
-    // An address that will not last is not saved.
-    UserMeta saved;
-    saved.port = 4662;
-    saved.id = highestLowId + 1;
-    EXPECT_EQ(viewOf(diskForm(saved)), le32(highestLowId + 1) + le16(4662) + std::string(20, 0));
-    saved.id = highestLowId;
-    EXPECT_EQ(diskForm(saved), Bytes(26, 0));
+    EXPECT_EQ(networkForm(server).substr(0, 22), std::string(16, 0) + address);
+    user.id = highestLowId + 1;
+    EXPECT_EQ(diskForm(user).substr(0, 6), le32(highestLowId + 1) + le16(4662));
+    user.id = highestLowId;
+    EXPECT_EQ(diskForm(user).substr(0, 6), std::string(6, 0));
 }
 
 TEST(ServerMeta, RatingFollowsPreferenceAndPingAndIsForgotten) {
@@ -323,16 +267,14 @@ TEST(ServerMeta, RatingFollowsPreferenceAndPingAndIsForgotten) {
         u32 pref;
         i32 ping;
         u32 rating;
-    } cases[] = {{1, 50, 3099950}, {2, 50, 1099950}, {3, 50, 9099950},     {0, 0, 0},
-                 {0, 1, 0},        {0, -5, 0},       {0, 100001, 1999999}, {0, 50, 2099950}};
+    } cases[] = {{1, 50, 3099950}, {2, 50, 1099950}, {3, 50, 9099950},    {0, 1, 0},
+                 {0, -5, 0},       {0, 2, 2099998},  {1, 100001, 2999999}};
     server.history = 4;
     for (const auto& c : cases) {
         server.setPref(c.pref);
         server.setPing(c.ping);
         EXPECT_EQ(server.rating, c.rating) << c.pref << ", " << c.ping;
     }
-    EXPECT_EQ(server.history, 0U);
-    server.setPing(0);
     EXPECT_EQ(server.history, 0U);
     i4_string name;
     server.setAddress("1.2.3.4", 4661);
@@ -341,9 +283,7 @@ TEST(ServerMeta, RatingFollowsPreferenceAndPingAndIsForgotten) {
     EXPECT_STREQ(server.getName(name), "Home");
 
     // Reading forgets what an earlier run measured, but for who was liked and how often one was silent.
-    server.setPing(50);
     server.setCounts(10, 20);
-    server.setPref(1);
     server.history = 6;
     ServerMeta again;
     EXPECT_TRUE(readDisk(again, diskForm(server)));
@@ -403,27 +343,23 @@ TEST(FileList, LookUpsFindTheFirstWhateverHappensToTheList) {
     EXPECT_EQ(list.find(2, 20, "b"), a);
     EXPECT_EQ(list.find(hashOf(1)), nullptr);
     EXPECT_EQ(list.find(1, 10, "a"), nullptr);
-    list.change(a, [](FileMeta& file) { file.hash = hashOf(1); });
-    EXPECT_EQ(list.find(hashOf(2)), b);
 
     // Listed twice, it goes one occurrence at a time.
-    list.add(b);
-    EXPECT_TRUE(list.remove(b));
-    EXPECT_EQ(list.find(hashOf(2)), twin);
-    list.sort([](const Meta*, const Meta*) { return true; });
-    EXPECT_THAT(list.snapshot(), ElementsAre(b, twin, a));
+    list.add(a);
+    EXPECT_TRUE(list.remove(a));
     EXPECT_EQ(list.find(hashOf(2)), b);
+    list.sort([](const Meta*, const Meta*) { return true; });
+    EXPECT_THAT(list.snapshot(), ElementsAre(a, twin, b));
+    EXPECT_EQ(list.find(hashOf(2)), a);
 
     // Changed behind the list's back, a record isn't found by what it was, and still goes.
-    b->hash = hashOf(9);
+    a->hash = hashOf(9);
     EXPECT_EQ(list.find(hashOf(2)), twin);
-    EXPECT_TRUE(list.remove(b));
-    delete b;
+    EXPECT_TRUE(list.remove(a));
     list.clear();
     EXPECT_EQ(list.find(hashOf(2)), nullptr);
-    list.add(a);
-    EXPECT_EQ(list.find(hashOf(1)), a);
-    delete twin;
+    for (FileMeta* file : {a, b, twin}) list.add(file);
+    EXPECT_EQ(list.find(hashOf(9)), a);
 }
 
 TEST(FileList, OfOneHashTheFirstIsAddedAndTheLastStays) {
@@ -435,7 +371,6 @@ TEST(FileList, OfOneHashTheFirstIsAddedAndTheLastStays) {
     for (FileMeta* file : {unknown[0], newFile("a", 1, 0, hashOf(1)), unknown[1], last}) list.add(file);
     list.deleteRepeated();
     EXPECT_THAT(list.snapshot(), ElementsAre(unknown[0], unknown[1], last));
-    EXPECT_EQ(list.find(hashOf(1)), last);
 }
 
 TEST(ServerList, AddressesAreListedOnceAndUsersFoundByHash) {
@@ -450,19 +385,15 @@ TEST(ServerList, AddressesAreListedOnceAndUsersFoundByHash) {
     ServerMeta same;
     same.setAddress("1.2.3.4", 4661);
     EXPECT_TRUE(list.addIfNew(&same));
-    same.setName("new");
     same.setPing(30);
     list.addOrUpdate(&same);
-    EXPECT_EQ(list.count(), 1U);
-    EXPECT_STREQ(first->getText(TAG_NAME), "new");
     EXPECT_EQ(first->ping, 30);
-    same.setAddress("1.2.3.4", 4662);
-    list.addOrUpdate(&same);
+    for (const char* ip : {"1.2.3.5", "0.0.0.0"}) {
+        same.setAddress(ip, 4661);
+        list.addOrUpdate(&same);
+    }
     EXPECT_EQ(list.count(), 2U);
     EXPECT_NE(list.get(1), &same);
-    same.setAddress("0.0.0.0", 4661);
-    list.addOrUpdate(&same);
-    EXPECT_EQ(list.count(), 2U);
     list.change(first, [](ServerMeta& server) { server.setAddress("5.6.7.8", 1); });
     EXPECT_EQ(find("5.6.7.8", 1), first);
     EXPECT_EQ(find("1.2.3.4", 4661), nullptr);
@@ -487,51 +418,40 @@ TEST(FileList, FortyThousandAreAddedAndFoundAtOnce) {
     for (u32 i = 0; i < 40000; ++i) ASSERT_EQ(list.find(i, 5, "same"), list.find(hashAt(i)));
 }
 
-TEST(MetaFiles, AListComesBackAsItWas) {
+TEST(MetaFiles, AListComesBackAsItWasOrAsFarAsItIsSound) {
     CapturedLog log;
     const TemporaryDirectory folder;
+    const std::string path = folder.file("known.met");
     Owned<FileList> list;
+    StateFiles files(systemDisk(), log);
+    EXPECT_EQ(files.load(list, path.c_str()), LoadResult::missing);
+    EXPECT_EQ(log.take(), "");
     FileMeta* file = newFile("a", 3, 0x01020304, hashOf(7));
     file->partHashes = {hashOf(8), hashOf(9)};
     file->path = "/not/saved";
     list.add(file);
-    const Bytes bytes = diskForm(list);
-    EXPECT_EQ(viewOf(bytes), "\x0E" + le32(1) + le32(0x01020304) + std::string(16, 7) + le16(2) +
-                                 std::string(16, 8) + std::string(16, 9) + le32(2) + "\2" + text16("\1") +
-                                 text16("a") + "\3" + text16("\2") + le32(3));
+    const std::string record = le32(0x01020304) + std::string(16, 7) + le16(2) + std::string(16, 8) +
+                               std::string(16, 9) + le32(2) + "\2" + text16("\1") + text16("a") + "\3" +
+                               text16("\2") + le32(3);
     // A path may be typed the way of another system; and a load adds.
     const std::string typed = folder.path() + "\\known.met";
     EXPECT_EQ(list.save(systemDisk(), typed.c_str()), "");
-    EXPECT_EQ(contentOf(folder.file("known.met")), viewOf(bytes));
+    EXPECT_EQ(contentOf(path), "\x0E" + le32(1) + record);
     EXPECT_EQ(list.load(systemDisk(), typed.c_str()), LoadResult::whole);
-    EXPECT_EQ(list.count(), 2U);
-    EXPECT_EQ(diskForm(*list.get(1)), diskForm(*file));
-    EXPECT_TRUE(list.get(1)->matches(3, 0x01020304, "a"));
-    EXPECT_EQ(log.take(), "");
-}
+    EXPECT_EQ(diskForm(list), "\x0E" + le32(2) + record + record);
 
-TEST(MetaFiles, ADamagedFileIsSetAsideAndWhatWasReadStays) {
-    CapturedLog log;
+    // What is sound of a damaged file stays, and the file is set aside.
     log.setVerbose(true);
-    const TemporaryDirectory folder;
-    const std::string file = folder.file("known.met");
-    Owned<FileList> list, three;
-    EXPECT_EQ(list.load(systemDisk(), file.c_str()), LoadResult::missing);
-    StateFiles files(systemDisk(), log);
-    EXPECT_EQ(files.load(list, file.c_str()), LoadResult::missing);
-    EXPECT_EQ(log.take(), "");
-    for (const char* name : {"a", "b", "c"}) three.add(newFile(name));
-    Bytes bytes = diskForm(three);
-    bytes.resize(bytes.size() - 3);
-    writeFile(file, viewOf(bytes));
-    EXPECT_EQ(files.load(list, file.c_str()), LoadResult::damaged);
-    EXPECT_EQ(
-        log.take(),
-        "ERROR: Meta::fromDisk()\nmeta #:3, n=2\nERROR: MetaList::fromDisk()\nError loading: " + file + "\n");
-    ASSERT_EQ(list.count(), 2U);
-    EXPECT_STREQ(list.get(1)->getName(), "b");
-    EXPECT_EQ(contentOf(file + ".bad"), viewOf(bytes));
-    EXPECT_FALSE(exists(file));
+    const std::string damaged = "\x0E" + le32(3) + record + record + record.substr(0, 70);
+    writeFile(path, damaged);
+    EXPECT_EQ(files.load(list, path.c_str()), LoadResult::damaged);
+    EXPECT_EQ(log.take(),
+              "ERROR: Meta::fromDisk()\nmeta #:3, n=2\nERROR: MetaList::fromDisk()\n"
+              "Error loading: " +
+                  path + "\n");
+    EXPECT_EQ(list.count(), 4U);
+    EXPECT_EQ(contentOf(path + ".bad"), damaged);
+    EXPECT_FALSE(exists(path));
 
     // Another first byte, an empty file, and a count that promises what never comes; one with its top bit set
     // is none.
@@ -540,16 +460,10 @@ TEST(MetaFiles, ADamagedFileIsSetAsideAndWhatWasReadStays) {
                                                          {"\x0E" + le32(0x7FFFFFFF), LoadResult::damaged},
                                                          {"\x0E" + le32(0xFFFFFFFF), LoadResult::whole}};
     for (const auto& [content, result] : others) {
-        writeFile(file, content);
-        Owned<FileList> empty;
-        EXPECT_EQ(empty.load(systemDisk(), file.c_str()), result);
-        EXPECT_EQ(empty.count(), 0U);
+        writeFile(path, content);
+        EXPECT_EQ(list.load(systemDisk(), path.c_str()), result);
     }
-    log.take();
-    log.setVerbose(false);
-    Owned<UserList> users;
-    EXPECT_FALSE(readNetwork(users, {2, 0, 0, 0, 1, 2, 3}));
-    EXPECT_EQ(log.take(), "");
+    EXPECT_EQ(list.count(), 4U);
 }
 
 }  // namespace
