@@ -167,15 +167,12 @@ TEST_F(FileHashTest, ARangeOfAStream) {
 }
 
 TEST_F(FileHashTest, ByHand) {
-    writeFile(file, std::string(5000, 'a'));
+    writeFile(file, "abc");
     testing::internal::CaptureStdout();
-    md4String("abc");
     md4File(file.c_str());
-    md4File(folder_.path().c_str());
     md4File("/missing");
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "MD4 (\"abc\") = a448017aaf21d8525fc10ae87aa6729d\nMD4 (" + file +
-                  ") = " + MD4::of(std::string(5000, 'a')).toText() + "\n/missing can't be opened\n");
+              "MD4 (" + file + ") = " + MD4::of("abc").toText() + "\n/missing can't be opened\n");
 }
 
 }  // namespace

@@ -16,9 +16,7 @@ using Node = std::unique_ptr<SearchNode>;
 
 Node find(const std::string& text) { return std::make_unique<SN_FindStr>(text.c_str()); }
 Node inTag(const char* name, const char* value) { return std::make_unique<SN_StrTagCompare>(name, value); }
-Node number(const char* name, i32 value, u32 op) {
-    return std::make_unique<SN_IntTagCompare>(name, value, op);
-}
+Node number(const char* tag, i32 value, u32 op) { return std::make_unique<SN_IntTagCompare>(tag, value, op); }
 Node all() { return std::make_unique<SN_MatchAll>(); }
 Node join(u32 op, Node left, Node right) {
     return std::make_unique<SN_Compound>(op, std::move(left), std::move(right));
@@ -115,7 +113,7 @@ TEST(Search, MatchesRecords) {
     };
     for (const auto& row : table) EXPECT_EQ(row.node->matches(record), row.expected) << row.why;
     // Of the bitrate 128 with 127, 128 and 129, the tag's value on the left.
-    const std::pair<u32, std::string> comparisons[] = {{COMPARE_EQUAL, "010"},   {COMPARE_ABOVE, "100"},
+    const std::pair<u32, const char*> comparisons[] = {{COMPARE_EQUAL, "010"},   {COMPARE_ABOVE, "100"},
                                                        {COMPARE_BELOW, "001"},   {COMPARE_AT_LEAST, "110"},
                                                        {COMPARE_AT_MOST, "011"}, {COMPARE_NOT_EQUAL, "101"}};
     for (const auto& [op, expected] : comparisons) {
@@ -129,7 +127,7 @@ TEST(Search, MatchesRecords) {
 TEST(Search, JoinsBranches) {
     const Record record;
     // For no side, the right one, the left one, and both.
-    const std::pair<u32, std::string> table[] = {{SEARCH_AND, "0001"},
+    const std::pair<u32, const char*> table[] = {{SEARCH_AND, "0001"},
                                                  {SEARCH_OR, "0111"},
                                                  {SEARCH_LEFT_ONLY, "0010"},
                                                  {SEARCH_XOR, "0110"},

@@ -146,21 +146,17 @@ TEST(Counting, RefsHoldMoveAndLetGo) {
     EXPECT_EQ(deaths, 3);
 }
 
-std::string told;
-
 // Tells its phase at each of its calls.
-class Starter : public i4_thread_init_class {
-  public:
+struct Starter : i4_thread_init_class {
     explicit Starter(u32 phase) : phase_(phase) {}
     u32 init_type() override { return phase_; }
     void init() override { tell(i4_is_initialized() ? "+" : "-"); }
     void uninit() override { tell("~"); }
     void thread_init() override { tell("t"); }
     void thread_uninit() override { tell("~t"); }
-
-  private:
     void tell(const char* what) { told += what + std::to_string(phase_) + " "; }
     const u32 phase_;
+    inline static std::string told;
 };
 
 TEST(StartUp, GoesThroughThePhasesAndTellsOfErrors) {
@@ -169,9 +165,8 @@ TEST(StartUp, GoesThroughThePhasesAndTellsOfErrors) {
     Starter zero(0);
     gone.reset();
     i4_init();
-    EXPECT_EQ(std::exchange(told, ""), "-0 +9 t0 t9 ");
     i4_uninit();
-    EXPECT_EQ(std::exchange(told, ""), "~t0 ~t9 ~9 ~0 ");
+    EXPECT_EQ(Starter::told, "-0 +9 t0 t9 ~t0 ~t9 ~9 ~0 ");
     EXPECT_FALSE(i4_is_initialized());
 
     char name[] = "tarnwick";
@@ -264,7 +259,7 @@ TEST(Output, IsGivenUpAtTheEndWhereNobodyReads) {
     pipe.output->write(pipe.ends[1], "unheard");
 }
 
-TEST(DebugBuildDeathTest, AbortsOutOfTheOrderOfLocks) {
+TEST(DebugBuildDeathTest, AbortsOutOfTheOrderOfLocksAndOnAnotherThread) {
     if (!debugBuild) GTEST_SKIP();
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     i4_mutex low(LockRank::downloads);
@@ -281,24 +276,14 @@ TEST(DebugBuildDeathTest, AbortsOutOfTheOrderOfLocks) {
     EXPECT_DEATH(low.lock(), "lock order: rank 30 taken while rank 40 is held");
     high.unlock();
     i4_lock again(low);
-}
 
-TEST(DebugBuildDeathTest, AbortsWhereAThreadsOwnWorkIsDoneOnAnother) {
-    if (!debugBuild) GTEST_SKIP();
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Worker worker;
-    worker.start();
-    worker.told.wait(0);
-    EXPECT_DEATH(
-        {
-            Worker other;
-            other.start();
-            other.told.wait(0);
-            other.checkOwnThread("the test");
-        },
-        "thread: the test was called on another thread than its own");
-    worker.stop();
-    worker.checkOwnThread();
+    const auto interfere = [] {
+        Worker worker;
+        worker.start();
+        worker.told.wait(0);
+        worker.checkOwnThread("the test");
+    };
+    EXPECT_DEATH(interfere(), "thread: the test was called on another thread than its own");
 }
 
 // What the handlers see. They run on one thread at a time, and the tests read after stop().
