@@ -131,6 +131,12 @@ TEST(MP3Info, FrameHeaders) {
     EXPECT_EQ(told(audioFile(stereo128, 1000, 0x7FFFFFFF)),
               "MPEG 1 Layer III, Stereo, 0 kbit/s, 2147483647 frames, 00:00");
     EXPECT_EQ(told(audioFile(stereo128, 1000, 0x80000000)), told(audioFile(stereo128, 1000)));
+    MP3Info info;
+    info.header = 0xFFF31000;  // 8 kbit/s
+    info.fileSize = 0xFFFFFFFF;
+    char text[32];
+    info.lengthText(text, sizeof text);
+    EXPECT_STREQ(text, "1193:02:47");
 }
 
 // An ID3v2 block of `size` bytes behind its header. It begins like a text in UTF-16, and like a frame of
@@ -146,6 +152,7 @@ TEST(MP3Info, TheFirstHeaderOfTheFirst200KiBAndBehindID3v2) {
     const std::pair<std::string, u32> table[] = {
         {std::string(204'800, 0) + frame, stereo128},
         {std::string(204'801, 0) + frame, 0},
+        {"\xFF\xFF" + frame, stereo128},
         {frame.substr(0, 3), 0},
         {id3v2(1000, 0x10) + std::string("3DI\3\0\0\xFF\xFET", 10) + frame, stereo128},
         {id3v2(204'790) + frame, stereo128},

@@ -3,11 +3,9 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "meta/FileMeta.h"
 #include "server/Search.h"
-#include "tests/support/CapturedLog.h"
 #include "tests/support/bytes.h"
 
 namespace {
@@ -85,10 +83,12 @@ TEST(Search, RefusesWhatIsNoTree) {
     EXPECT_FALSE(readBytes(bytesOf(*join(SEARCH_OR, balanced(balanced, 9), all()))));  // 1,025
 
     Search search;
-    search.add(all(), SEARCH_AND);
+    search.add(find("old"), SEARCH_AND);
+    EXPECT_EQ(search.keyword(), "old");
     BytesFile stream(Bytes{0, 0, 4, 5});
     EXPECT_FALSE(search.fromBytes(stream));
     EXPECT_FALSE(search.root()) << "the old tree is gone too";
+    EXPECT_EQ(search.keyword(), "") << "and so is its keyword";
 }
 
 TEST(Search, MatchesRecords) {

@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "core/Preferences.h"
-#include "core/StringTable.h"
 #include "i4min/memory/error.h"
 #include "tests/support/HashedFiles.h"
 #include "tests/support/OwnEngine.h"

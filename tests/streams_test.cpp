@@ -7,7 +7,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
@@ -214,8 +213,9 @@ TEST(Formatter, WritesWhatEachLetterSays) {
     expect("text..", "%S.%S.%s", &text, static_cast<const i4_string*>(nullptr), static_cast<char*>(nullptr));
     expect("<7> NULL", "%I %I", static_cast<i4_printable*>(&wagon), static_cast<i4_printable*>(nullptr));
     expect("end", "end%-12.");
-    EXPECT_EQ(i4_snprintf(out, 5, "%s", "abcdefgh"), 8U);
-    EXPECT_STREQ(out, "abcd");
+    std::fill_n(out, sizeof out, '?');
+    EXPECT_EQ(i4_snprintf(out, 5, "abcdefg%s", "h"), 8U);
+    EXPECT_EQ(std::string(out, 6), "abcd\0?"s);
     EXPECT_EQ(i4_snprintf(nullptr, 0, "%d", 123), 3U);
     i4_string big;
     big.format("%s", std::string(1200, 'a').c_str());

@@ -16,7 +16,6 @@
 
 #include "core/MessageQ.h"
 #include "host/PosixHost.h"
-#include "i4min/file/file.h"
 #include "i4min/file/output.h"
 #include "i4min/memory/error.h"
 #include "i4min/memory/mutex.h"
