@@ -88,6 +88,24 @@ TEST(Lists, TakePositionsIgnoreNullAndKeepTheirTail) {
     }
 }
 
+TEST(Lists, RemoveWhileWalking) {
+    // Every set of elements to remove, given as a mask over five.
+    LL<Item> list;
+    for (unsigned mask = 0; mask < 32; ++mask) {
+        fill(list, "abcde");
+        std::string kept;
+        LL<Item>::Cursor c;
+        for (LL<Item>::Cursor before = c; Item* i = list.next(c); before = c) {
+            if (mask >> (i->name - 'a') & 1U) {
+                c = list.removeNext(before);
+            } else {
+                kept += i->name;
+            }
+        }
+        EXPECT_EQ(drawn(list), kept) << mask;
+    }
+}
+
 TEST(Lists, SortOfEqualsTheLaterOneFirstAndShuffleLosingNothing) {
     LLsafe<Item> list;
     fill(list, "abcdefghij");

@@ -188,8 +188,8 @@ TEST(Time, AddsAndComparesAcrossSeconds) {
     }
 }
 
-// A pipe of one page, and what writes to it. The end that is read goes first, so that a write which hangs there
-// ends.
+// A pipe of one page, and what writes to it. The end that is read goes first, so that a write which hangs
+// there ends.
 struct Unread {
     explicit Unread(std::size_t limit) : output(std::make_unique<i4_output>(limit)) {
         std::signal(SIGPIPE, SIG_IGN);
