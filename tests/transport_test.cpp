@@ -58,14 +58,11 @@ TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
     EXPECT_EQ(copy->send(socket, budgets, moved), Packet::failed);
 
     Packet growing(1);
-    const std::string body(3000, 'x');
-    growing.stream.write(body.data(), 3000);
+    growing.stream.write(std::string(3000, 'x').data(), 3000);
     growing.finish();
-    socket.written.clear();
-    socket.room = 4000;
-    budgets.sendBudget = unlimitedBudget;
-    EXPECT_EQ(growing.send(socket, budgets, moved), Packet::complete);
-    EXPECT_EQ(socket.written, framed(body));
+    socket = ScriptedSocket();
+    EXPECT_EQ(growing.send(socket, {}, moved), Packet::complete);
+    EXPECT_EQ(socket.written, framed(std::string(3000, 'x')));
 }
 
 TEST_F(PacketTest, RefusesBadHeadersOnceTheyAreWhole) {
@@ -78,27 +75,20 @@ TEST_F(PacketTest, RefusesBadHeadersOnceTheyAreWhole) {
     }
 }
 
-TEST_F(PacketTest, TakesMemoryAsBytesArriveAndAsTheBudgetAllows) {
-    socket.pieces = {"\xE3\0\0\x80\0"s};  // exactly the limit
+TEST_F(PacketTest, OfTheLargestSizeIsReceivedAsTheBudgetAllows) {
+    socket.pieces = {"\xE3\0\0\x80\0"s};
     EXPECT_EQ(receive(), Packet::more);
-    EXPECT_EQ(packet.stream.capacity(), 64U * 1024);
     const std::string body = someBytes(limit);
-    int growths = 0;
     for (std::size_t at = 0; at < limit; at += 50'000) {
-        const u32 before = packet.stream.capacity();
         socket.pieces.push_back(body.substr(at, 50'000));
         budgets.recvBudget = 0;
         EXPECT_EQ(receive(), Packet::more);
         EXPECT_EQ(moved, 0U);
         budgets.recvBudget = unlimitedBudget;
         EXPECT_EQ(receive(), at + 50'000 < limit ? Packet::more : Packet::complete);
-        growths += packet.stream.capacity() != before;
         EXPECT_LE(packet.stream.capacity(), std::max(64U * 1024, 4 * packet.bodyDone));
     }
-    EXPECT_LE(growths, 5);
     EXPECT_EQ(std::memcmp(packet.stream.buffer(), body.data(), limit), 0);
-    packet.stream.seek(limit - 4);
-    EXPECT_THROW(packet.stream.expect(5), i4_err);
 }
 
 class ConversationTest : public testing::Test, protected OwnEngine, protected OpenDoor<STSocketPool> {
@@ -192,74 +182,48 @@ TEST_F(ConversationTest, WhatStandsStillEnds) {
 }
 
 TEST_F(ConversationTest, CloseFromAnotherThreadInTheMiddleOfATransfer) {
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 1; round <= 5; ++round) {
         Caller caller(port);
         const Ref<Talker> talker = arrived();
         std::atomic<bool> ended{false};
         std::thread sender([&] {
-            while (!ended) {
-                talker->send(packetOf(std::string(5'000, 's')));
-                std::this_thread::yield();
-            }
+            while (!ended) talker->send(packetOf(std::string(5'000, 's')));
         });
         caller.read(100'000 + static_cast<std::size_t>(round) * 1'000);
         talker->close();
         while (!caller.isEnded()) continue;
         ended = true;
         sender.join();
-        EXPECT_TRUE(allGone(round + 1));
+        EXPECT_TRUE(allGone(round));
     }
-}
-
-TEST_F(ConversationTest, HundredsOfConnectionsComeAndGo) {
-    constexpr int each = 100;
-    for (int round = 1; round <= 3; ++round) {
-        std::vector<std::unique_ptr<Caller>> callers;
-        for (int i = 0; i < each; ++i) callers.push_back(std::make_unique<Caller>(port));
-        for (auto& caller : callers) caller->send(framed("ehello"));
-        for (auto& caller : callers) EXPECT_EQ(caller->read(11), framed("ehello"));
-        for (std::size_t i = 0; i < each; i += 2) callers[i]->reset();
-        callers.clear();
-        EXPECT_TRUE(allGone(each * round));
-    }
-    door->takeLast();
-    EXPECT_TRUE(eventually([&] { return told.destroyed == 3 * each; }));
 }
 
 TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
-    std::string said;
-    const auto saysSo = [&] {
-        said += log.take();
-        return said.find("Too many open files") == 0;
-    };
     // Once before, since a sanitizer's first look at a type takes descriptors of its own.
-    EXPECT_FALSE(saysSo());
+    const auto said = [&] { return log.text().find("Too many open files"); };
+    EXPECT_NE(said(), 0U);
     log.printLine("%s", "");
     log.take();
-    Caller before_all(port);
-    EXPECT_TRUE(before_all.echoes("hello"));
+    Caller first(port);
+    EXPECT_TRUE(first.echoes("hello"));
 
-    std::vector<std::unique_ptr<Caller>> waiting;
-    for (int i = 0; i < 20; ++i) waiting.push_back(std::make_unique<Caller>());
+    Caller waiting[20];
     rlimit before{};
     ::getrlimit(RLIMIT_NOFILE, &before);
     std::vector<int> fillers;
-    const rlimit low{static_cast<rlim_t>(waiting.back()->descriptor()) + 1, before.rlim_max};
+    const rlimit low{static_cast<rlim_t>(waiting[19].descriptor()) + 1, before.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &low);
     for (int filler; (filler = ::dup(0)) >= 0;) fillers.push_back(filler);
-    for (auto& caller : waiting) EXPECT_TRUE(caller->connect(port));
-    EXPECT_TRUE(eventually(saysSo));
+    for (Caller& caller : waiting) EXPECT_TRUE(caller.connect(port));
+    EXPECT_TRUE(eventually([&] { return said() == 0; }));
     const std::clock_t busy = std::clock();
-    for (auto& caller : waiting) caller->send(framed("ehello"));
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1200);
-    EXPECT_TRUE(eventually([&] { return std::chrono::steady_clock::now() > until; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
     EXPECT_LT(static_cast<double>(std::clock() - busy) / CLOCKS_PER_SEC, 0.6) << "the door rests, twice";
     EXPECT_EQ(told.count(), 1U);
     ::setrlimit(RLIMIT_NOFILE, &before);
     for (const int filler : fillers) ::close(filler);
-    for (auto& caller : waiting) EXPECT_EQ(caller->read(11), framed("ehello"));
-    said += log.take();
-    EXPECT_EQ(said.find("Too many", 1), std::string::npos) << said;
+    for (Caller& caller : waiting) EXPECT_TRUE(caller.echoes("hello"));
+    EXPECT_EQ(log.take().find("Too many", 1), std::string::npos);
 }
 
 // A port at which connects neither succeed nor fail, as the queue of its listener is full.
@@ -569,43 +533,6 @@ TEST_F(LineTurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     all[0]->bytesSent = 45'000'000;
     pool.elapsed(45'001);  // idle again: nothing is due
     EXPECT_NEAR(preferences.maxUpSpeed, 100, 0.1);
-}
-
-// How many KB/s a counter of bytes goes up by, over a quarter of a million.
-double rateOf(const Relaxed<u32>& bytes) {
-    const u32 first = bytes;
-    EXPECT_TRUE(eventually([&] { return bytes != first; }));
-    const auto begun = std::chrono::steady_clock::now();
-    const u32 before = bytes;
-    EXPECT_TRUE(eventually([&] { return bytes - before > 250'000; }));
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
-    return (bytes - before) / 1000.0 / took.count();
-}
-
-TEST_F(ConversationTest, ASpeedLimitHoldsAndLeavesTheOtherDirectionAlone) {
-    Caller caller(port);
-    const Ref<Talker> talker = arrived();
-    preferences.userMaxUpF = 500.0F;
-    for (int i = 0; i < 100; ++i) talker->send(packetOf(std::string(10'240, 'u')));
-    std::thread reader([&] {
-        while (!caller.read(10'000).empty()) continue;
-    });
-    EXPECT_NEAR(rateOf(talker->bytesSent), 500, 30) << "the last turn may have come just now";
-    // 20 MB would take 40 seconds at that rate.
-    const std::string piece = framed(std::string(60'000, 'd'));
-    for (int i = 0; i < 333; ++i) caller.send(piece);
-    EXPECT_TRUE(eventually([&] { return told.count() == 333; }, std::chrono::seconds(20)));
-
-    preferences.userMaxUpF = 0.0F;
-    preferences.userMaxDownF = 500.0F;
-    std::thread writer([&] {
-        while (caller.send(piece)) continue;
-    });
-    EXPECT_NEAR(rateOf(talker->bytesReceived), 500, 30);
-    talker->close();
-    reader.join();
-    writer.join();
-    preferences.userMaxDownF = 0.0F;
 }
 
 TEST(SocketPoolTest, TheBasePoolHandsTurnsToItsWorkers) {
