@@ -2,23 +2,13 @@
 // proxies.
 #include "i4min/network/socket.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cctype>
-#include <cstring>
 #include <functional>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include "i4min/memory/error.h"
-#include "i4min/network/proxy.h"
 #include "i4min/threads/linux/i4_time.h"
 #include "tests/support/ScriptedProxy.h"
 #include "tests/support/eventually.h"
@@ -61,6 +51,17 @@ struct Pair {
     std::unique_ptr<i4_socket> near, far;
 };
 
+// Makes the protocol go through that proxy from now on. An empty user is none.
+void useProxy(i32 type, u16 port, const std::string& user = "", const std::string& password = "") {
+    i4_proxy_settings settings;
+    settings.pType = type;
+    settings.server = "127.0.0.1";
+    settings.port = port;
+    if (!user.empty()) settings.user = user.c_str();
+    if (!user.empty()) settings.password = password.c_str();
+    systemNetwork().setProxy(&settings);
+}
+
 // Does `then` once the call, on a thread of its own, sleeps in the system; returns when it has ended.
 void whileBlocked(const std::function<void()>& call, const std::function<void()>& then) {
     std::atomic<int> task{0};
@@ -91,22 +92,15 @@ TEST(SocketSet, ReportsWhatWasAskedForAndLimitsItByTheMask) {
     pair.near->change_in_set(set, I4_SELECT_ERROR);
     EXPECT_EQ(set.poll(0), 0);
     EXPECT_EQ(pair.near->check_in_set(set, all), 0U);
+    pair.resetFar();
+    ASSERT_EQ(set.poll(limit), 1) << "a dead one is reported whatever was asked for";
+    EXPECT_EQ(pair.near->check_in_set(set, all) & ~I4_SELECT_WRITE, I4_SELECT_READ | I4_SELECT_ERROR);
+    pair.near->remove_from_set(set);
     set.wake();
     EXPECT_EQ(set.poll(limit), 0) << "a wake before the poll isn't lost";
     i32 result = -2;
     whileBlocked([&] { result = set.poll(limit); }, [&] { set.wake(); });
     EXPECT_EQ(result, 0);
-}
-
-TEST(SocketSet, ADeadSocketIsReportedWhateverWasAskedFor) {
-    linux_socket_set set;
-    Pair reset;
-    reset.near->add_to_set(set, I4_SELECT_ERROR);
-    reset.resetFar();
-    ASSERT_EQ(set.poll(limit), 1);
-    EXPECT_EQ(reset.near->check_in_set(set, all) & (I4_SELECT_READ | I4_SELECT_ERROR),
-              I4_SELECT_READ | I4_SELECT_ERROR);
-    reset.near->remove_from_set(set);
 }
 
 TEST(SocketSet, GrowsBy32AndKeepsTheFirstOfRepeatedEntries) {
@@ -119,7 +113,7 @@ TEST(SocketSet, GrowsBy32AndKeepsTheFirstOfRepeatedEntries) {
     }
     for (std::size_t i = 0; i < 33; i += 2) set.remove(descriptors[i]);
     set.remove(descriptors[0]);
-    for (int i = 0; i < 5000; ++i) {
+    for (int i = 0; i < 100; ++i) {
         set.add(descriptors[0], I4_SELECT_READ, nullptr);
         set.remove(descriptors[0]);
     }
@@ -164,14 +158,15 @@ TEST(Socket, TellsNothingYetFromTheEndFromAFullOneAndFromAReset) {
     EXPECT_EQ(reset.near->write("x", 1), -1);  // and no SIGPIPE
 }
 
-TEST(Socket, CancelClosesAndEveryLaterCallFails) {
+TEST(Socket, CancelEndsTheCallThatBlocksAndEveryLaterOne) {
     Pair pair;
     char buffer[4];
-    EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 0, nullptr), 0U);
     EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 1, nullptr), 0U);
     EXPECT_EQ(pair.near->ready(all, -1, nullptr), I4_SELECT_WRITE);
-    ASSERT_EQ(pair.far->write("data", 4), 4);
-    EXPECT_TRUE(pair.near->cancel());
+    u32 events = 99;
+    whileBlocked([&] { events = pair.near->ready(I4_SELECT_READ, -1, nullptr); },
+                 [&] { EXPECT_TRUE(pair.near->cancel()); });
+    EXPECT_EQ(events, 0U);
     EXPECT_FALSE(pair.near->cancel());
     EXPECT_EQ(pair.near->read(buffer, 4), -1);
     EXPECT_EQ(pair.near->write(buffer, 4), -1);
@@ -179,31 +174,6 @@ TEST(Socket, CancelClosesAndEveryLaterCallFails) {
     std::unique_ptr<i4_socket> none;
     EXPECT_FALSE(pair.near->accept(none));
     EXPECT_LE(pair.far->read(buffer, 4), 0);  // the other side hears of it
-}
-
-// Cancels the socket while another thread's call on it blocks; `call` fails then.
-void expectCancelled(i4_socket& socket, const std::function<bool()>& call) {
-    bool result = true;
-    whileBlocked([&] { result = call(); }, [&] { EXPECT_TRUE(socket.cancel()); });
-    EXPECT_FALSE(result);
-    EXPECT_FALSE(socket.cancel());
-}
-
-TEST(Socket, CancelEndsABlockedCall) {
-    Pair pair;
-    expectCancelled(*pair.near, [&] { return pair.near->ready(I4_SELECT_READ, -1, nullptr) != 0; });
-    const auto door = listenAnywhere();
-    std::unique_ptr<i4_socket> none;
-    expectCancelled(*door, [&] { return door->accept(none); });
-    EXPECT_EQ(none, nullptr);
-    // A listener whose queue is full lets further attempts wait.
-    const auto full = listenAnywhere();
-    ASSERT_EQ(::listen(static_cast<i4_tcpip_sock&>(*full).descriptor(), 0), 0);
-    const auto address = loopback(portOf(*full));
-    std::vector<std::unique_ptr<i4_socket>> queued;
-    for (int i = 0; i < 4; ++i) queued.push_back(systemNetwork().connect(*address, I4_STREAM, false));
-    i4_tcpip_sock socket(I4_STREAM);
-    expectCancelled(socket, [&] { return socket.connect(static_cast<i4_tcpip_address&>(*address), true); });
 }
 
 TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
@@ -235,41 +205,26 @@ TEST(Protocol, ResolvesDottedTextHereAndNamesWhereTheProxyIs) {
     for (const char* bad : {"", static_cast<const char*>(nullptr), "no such name"}) {
         EXPECT_EQ(systemNetwork().resolve(bad, 0, 0), nullptr);
     }
-    for (const i32 type : {I4_PROXY_SOCKS4, I4_PROXY_SOCKS5, I4_PROXY_HTTP}) {
-        i4_proxy_settings settings;
-        settings.server = "127.0.0.1";
-        settings.pType = type;
-        systemNetwork().setProxy(&settings);
-        const bool byProxy = type != I4_PROXY_SOCKS4;
-        const auto named = systemNetwork().resolve(byProxy ? "index.example" : "10.1.2.3", 0, 0);
-        const auto* proxied = dynamic_cast<i4_proxy_address*>(named.get());
-        ASSERT_EQ(proxied != nullptr, byProxy);
+    useProxy(I4_PROXY_SOCKS4, 1);
+    EXPECT_FALSE(dynamic_cast<i4_proxy_address*>(systemNetwork().resolve("10.1.2.3", 0, 0).get()));
+    useProxy(7, 1);
+    EXPECT_TRUE(listenAnywhere()) << "one of no known type is none";
+    for (const i32 type : {I4_PROXY_SOCKS5, I4_PROXY_HTTP}) {
+        useProxy(type, 1);
+        const auto named = systemNetwork().resolve("index.example", 0, 0);
         systemNetwork().setProxy(nullptr);
-        if (!proxied) continue;
-        named->set_port(4661);
-        EXPECT_STREQ(proxied->name.c_str(), "index.example");
+        EXPECT_STREQ(dynamic_cast<i4_proxy_address&>(*named).name.c_str(), "index.example");
         // It has no address of its own; its bytes are 0, which the system takes for this machine.
         EXPECT_EQ(systemNetwork().connect(*named, I4_STREAM, false), nullptr);
         EXPECT_EQ(i4_tcpip_sock(I4_DATAGRAM).write_to("ping", 4, *named), -1);
     }
 }
 
-TEST(Protocol, SocketsAndCallsOutliveTheProtocolThatMadeThem) {
-    Pair pair;
-    std::atomic<bool> stop{false};
-    std::thread other([&] {
-        while (!stop) EXPECT_TRUE(systemNetwork().resolve("10.1.2.3", 0, 0));
-    });
-    for (int i = 0; i < 200; ++i) systemNetwork().setProxy(nullptr);
-    stop = true;
-    other.join();
-    EXPECT_EQ(pair.near->write("x", 1), 1);
-}
-
 // Proxies that answer by a script: what is asked of them byte for byte, and how each state ends.
 using Turns = std::vector<ProxyTurn>;
 
 const std::string host = "index.example";
+const std::string address = "10.1.2.3";
 const std::string granted4 = "\0\x5a\x12\x36\x0a\0\0\7"s;
 const std::string granted5 = "\5\0\0\1\x0a\0\0\7\x12\x36"s;
 const std::string granted_http = "HTTP/1.0 200 Connection established\r\nProxy-agent: test\r\n\r\n";
@@ -287,27 +242,12 @@ std::string requestHttp(const std::string& name, const std::string& extra = "") 
            "\r\nContent-Length: 0\r\nProxy-Connection: Keep-Alive\r\nPragma: no-cache\r\n" + extra + "\r\n";
 }
 
-// Makes the protocol go through that proxy from now on. An empty user is none.
-void useProxy(i32 type, u16 port, const std::string& user = "", const std::string& password = "") {
-    i4_proxy_settings settings;
-    settings.pType = type;
-    settings.server = "127.0.0.1";
-    settings.port = port;
-    if (!user.empty()) {
-        settings.user = user.c_str();
-        settings.password = password.c_str();
-    }
-    systemNetwork().setProxy(&settings);
-}
-
 // Port 4661 of a host. A name is left to the proxy, whatever its type.
 std::unique_ptr<i4_address> hostAt(const std::string& name) {
-    if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) {
-        return std::make_unique<i4_proxy_address>(name.c_str(), u16{4661});
-    }
-    auto address = systemNetwork().resolve(name.c_str(), 0, 0);
-    address->set_port(4661);
-    return address;
+    if (name != address) return std::make_unique<i4_proxy_address>(name.c_str(), u16{4661});
+    auto found = systemNetwork().resolve(name.c_str(), 0, 0);
+    found->set_port(4661);
+    return found;
 }
 
 std::unique_ptr<i4_proxy_sock> connectTo(const std::string& name) {
@@ -324,50 +264,41 @@ void expectPong(i4_socket& socket) {
 }
 
 TEST(Proxy, ATunnelStandsAndCarriesBytes) {
-    const ProxyTurn plain{"\4\1\x12\x35\x0a\1\2\3\0"s, "\4" + granted4.substr(1)};
-    const std::string basic = "Proxy-authorization: Basic ";
     const std::string longUser(255, 'u');
     const ProxyTurn longPassword{"\1\xff" + longUser + "\1p", "\1\0"s};
+    const auto basic = [](const std::string& login) {
+        return Turns{{requestHttp(host, "Proxy-authorization: Basic " + login + "\r\n"), granted_http}};
+    };
     const struct {
         i32 type;
         std::string name, user, password;
         Turns turns;
     } table[] = {
         {I4_PROXY_SOCKS4, host, "", "", {{request4, granted4}}},
-        {I4_PROXY_SOCKS4, "10.1.2.3", "u", "p", {plain}},
+        {I4_PROXY_SOCKS4, address, "u", "p", {{"\4\1\x12\x35\x0a\1\2\3\0"s, "\4" + granted4.substr(1)}}},
         {I4_PROXY_SOCKS5, host, "", "", {noPassword, {request5, granted5}}},
         {I4_PROXY_SOCKS5, host, longUser, "p", {wantsPassword, longPassword, {request5, granted5}}},
-        {I4_PROXY_HTTP, "10.1.2.3", "", "", {{requestHttp("10.1.2.3"), granted_http}}},
-        {I4_PROXY_HTTP, host, "u", "pp", {{requestHttp(host, basic + "dTpwcA==\r\n"), granted_http}}},
-        {I4_PROXY_HTTP,
-         host,
-         "u",
-         "\xff\xfe\xfd",
-         {{requestHttp(host, basic + "dTr//v0=\r\n"), granted_http}}},
+        {I4_PROXY_HTTP, address, "", "", {{requestHttp(address), granted_http}}},
+        {I4_PROXY_HTTP, host, "u", "\xff\xfe\xfd", basic("dTr//v0=")},
+        {I4_PROXY_HTTP, host, "u", "pp", basic("dTpwcA==")},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(std::to_string(row.type) + " " + row.name + " " + row.user);
-        for (const bool blocking : {false, true}) {
-            Turns turns = row.turns;
-            turns.push_back({"ping", "pong"});
-            const ScriptedProxy proxy(turns);
-            useProxy(row.type, proxy.port(), row.user, row.password);
-            if (blocking) {
-                expectPong(*systemNetwork().connect(*hostAt(row.name), I4_STREAM, true));
-                continue;
-            }
-            const auto socket = connectTo(row.name);
-            ASSERT_TRUE(socket);
-            char byte = 0;
-            EXPECT_EQ(socket->read(&byte, 1), 0);
-            EXPECT_EQ(socket->write("early", 5), 0);
-            EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
-            ASSERT_EQ(socket->state(), i4_proxy_sock::connected);
-            expectPong(*socket);
-            if (row.type == I4_PROXY_HTTP) continue;
-            EXPECT_EQ(ipOfAddress(*socket->target_address()), 0x0700000aU);  // what the proxy reported
-            EXPECT_EQ(socket->target_address()->get_port(), 4662);
-        }
+        Turns turns = row.turns;
+        turns.push_back({"ping", "pong"});
+        const ScriptedProxy proxy(turns);
+        useProxy(row.type, proxy.port(), row.user, row.password);
+        const auto socket = connectTo(row.name);
+        ASSERT_TRUE(socket);
+        char byte = 0;
+        EXPECT_EQ(socket->read(&byte, 1), 0);
+        EXPECT_EQ(socket->write("early", 5), 0);
+        EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
+        ASSERT_EQ(socket->state(), i4_proxy_sock::connected);
+        expectPong(*socket);
+        if (row.type == I4_PROXY_HTTP) continue;
+        EXPECT_EQ(ipOfAddress(*socket->target_address()), 0x0700000aU);  // what the proxy reported
+        EXPECT_EQ(socket->target_address()->get_port(), 4662);
     }
 }
 
@@ -388,7 +319,6 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         {I4_PROXY_SOCKS4, {}},
         {I4_PROXY_SOCKS4, {{request4, "\0\x5b\x12\x36\x0a\0\0\7"s}}},
         {I4_PROXY_SOCKS4, {{request4, granted4.substr(0, 7)}}},
-        {I4_PROXY_SOCKS5, {}},
         {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\4\0"s}}},
         {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\5\xff"}}},
         {I4_PROXY_SOCKS5, {wantsPassword}},  // and none is set
@@ -397,7 +327,6 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         {I4_PROXY_SOCKS5, answer5("\5\0\0\3\0\0\0\0\0\0"s)},
         {I4_PROXY_SOCKS5, answer5("\4" + granted5.substr(1))},
         {I4_PROXY_SOCKS5, answer5(granted5.substr(0, 9))},
-        {I4_PROXY_HTTP, {}},
         {I4_PROXY_HTTP, http("HTTP/1.0 407 Proxy Authentication Required\r\n\r\n")},
         {I4_PROXY_HTTP, http("HTTP/1.0 2000 Odd\r\n\r\n")},
         {I4_PROXY_HTTP, http("HTTP/1.0 200 Connection established\r\nProxy-")},
@@ -406,28 +335,23 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         {I4_PROXY_SOCKS4, {{request4, granted4.substr(0, 1)}}, stay},
         {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\5"}}, stay},
         {I4_PROXY_HTTP, http("H"), stay},
-        {I4_PROXY_SOCKS4, {}, stay, briefly},
         {I4_PROXY_SOCKS5, {wantsPassword}, stay, briefly, "u"},
-        {I4_PROXY_HTTP, {}, stay, briefly},
         // What can't stand in a request: it isn't sent, and no answer is waited for.
         {I4_PROXY_SOCKS4, {}, stay, limit, "", long256},
         {I4_PROXY_SOCKS5, {wantsPassword}, stay, limit, long256},
         {I4_PROXY_SOCKS5, {noPassword}, stay, limit, "", long256},
         {I4_PROXY_SOCKS5, {noPassword}, stay, limit, "", ""},
-        {I4_PROXY_HTTP, {}, stay, limit, "", long256},
         {I4_PROXY_HTTP, {}, stay, limit, std::string(1000, 'u')},
         {I4_PROXY_HTTP, {}, stay, limit, "", "host HTTP/1.0\r\nEvil: yes"},
     };
-    for (std::size_t i = 0; i < std::size(table); ++i) {
-        const auto& row = table[i];
-        SCOPED_TRACE(i);
+    const u32 start = i4_ticks();
+    for (const auto& row : table) {
+        SCOPED_TRACE(&row - table);
         const ScriptedProxy proxy(row.turns, row.then);
         useProxy(row.type, proxy.port(), row.user, "p");
         const auto socket = connectTo(row.name);
         ASSERT_TRUE(socket);
-        const u32 start = i4_ticks();
         EXPECT_EQ(socket->ready(writeOrError, row.time, nullptr), I4_SELECT_ERROR);
-        EXPECT_LT(i4_ticks() - start, static_cast<u32>(limit));
         EXPECT_EQ(socket->state(), i4_proxy_sock::failed);
         EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_ERROR);
         EXPECT_EQ(socket->ready(I4_SELECT_WRITE, limit, nullptr), 0U);
@@ -435,20 +359,11 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         EXPECT_EQ(socket->read(&byte, 1), 0);
         EXPECT_EQ(socket->write(&byte, 1), 0);
     }
+    EXPECT_LT(i4_ticks() - start, static_cast<u32>(limit));
 }
 
-TEST(Proxy, CancelEndsAHandshakeAndAProxyThatIsNotThereFails) {
-    {
-        const ScriptedProxy proxy({});
-        useProxy(I4_PROXY_SOCKS5, proxy.port());
-        const auto socket = connectTo(host);
-        u32 result = 99;
-        std::thread worker([&] { result = socket->ready(writeOrError, -1, nullptr); });
-        EXPECT_TRUE(socket->cancel());
-        worker.join();
-        EXPECT_EQ(result, I4_SELECT_ERROR);
-        systemNetwork().setProxy(nullptr);
-    }
+TEST(Proxy, ThatIsNotThereFails) {
+    systemNetwork().setProxy(nullptr);
     useProxy(I4_PROXY_SOCKS5, portOf(*listenAnywhere()));
     EXPECT_EQ(connectTo(host)->ready(writeOrError, limit, nullptr), I4_SELECT_ERROR);
     EXPECT_EQ(systemNetwork().connect(*hostAt(host), I4_STREAM, true), nullptr);
@@ -462,13 +377,11 @@ TEST(Proxy, CancelEndsAHandshakeAndAProxyThatIsNotThereFails) {
 }
 
 TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
-    const std::string incoming4 = "\0\x5a\x12\x37\x0a\0\0\x8"s;
-    const std::string incoming5 = "\5\0\0\1\x0a\0\0\x8\x12\x37"s;
     systemNetwork().setProxy(nullptr);
-    const auto target = hostAt("10.1.2.3");
+    const auto target = hostAt(address);
     const std::pair<i32, Turns> table[] = {
-        {I4_PROXY_SOCKS4, {{bind4, granted4 + incoming4}, {"ping", "pong"}}},
-        {I4_PROXY_SOCKS5, {noPassword, {bind5, granted5 + incoming5}, {"ping", "pong"}}},
+        {I4_PROXY_SOCKS4, {{bind4, granted4 + "\0\x5a\x12\x37\x0a\0\0\x8"s}, {"ping", "pong"}}},
+        {I4_PROXY_SOCKS5, {noPassword, {bind5, granted5 + "\5\0\0\1\x0a\0\0\x8\x12\x37"s}, {"ping", "pong"}}},
     };
     for (const auto& [type, turns] : table) {
         const ScriptedProxy proxy(turns);

@@ -187,7 +187,7 @@ TEST_F(ConversationTest, CloseFromAnotherThreadInTheMiddleOfATransfer) {
         const Ref<Talker> talker = arrived();
         std::atomic<bool> ended{false};
         std::thread sender([&] {
-            while (!ended) talker->send(packetOf(std::string(5'000, 's')));
+            for (; !ended; std::this_thread::yield()) talker->send(packetOf(std::string(5'000, 's')));
         });
         caller.read(100'000 + static_cast<std::size_t>(round) * 1'000);
         talker->close();
