@@ -65,16 +65,6 @@ TEST_F(PacketTest, IsSentFromItsBufferInPiecesThatBudgetAndSocketAllow) {
     EXPECT_EQ(socket.written, framed(std::string(3000, 'x')));
 }
 
-TEST_F(PacketTest, RefusesBadHeadersOnceTheyAreWhole) {
-    for (const std::string& bad :
-         {"\xE4\x01\0\0\0"s, "\xE3\0\0\0\0"s, "\xE3\x01\0\x80\0"s, "\xE3\xFF\xFF\xFF\xFF"s}) {
-        packet.reset();
-        socket.pieces = {bad.substr(0, 4), bad.substr(4)};
-        EXPECT_EQ(receive(), Packet::more);
-        EXPECT_EQ(receive(), Packet::failed);
-    }
-}
-
 TEST_F(PacketTest, OfTheLargestSizeIsReceivedAsTheBudgetAllows) {
     socket.pieces = {"\xE3\0\0\x80\0"s};
     EXPECT_EQ(receive(), Packet::more);
@@ -533,6 +523,31 @@ TEST_F(LineTurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     all[0]->bytesSent = 45'000'000;
     pool.elapsed(45'001);  // idle again: nothing is due
     EXPECT_NEAR(preferences.maxUpSpeed, 100, 0.1);
+}
+
+TEST_F(ConversationTest, ASpeedLimitHoldsAndLeavesTheOtherDirectionAlone) {
+    const std::string body(500'000, 'x');
+    const auto seconds = [&](bool up) {
+        Caller caller(port);
+        const Ref<Talker> talker = arrived();
+        const std::size_t heard = told.count() + 2;
+        const auto begun = std::chrono::steady_clock::now();
+        if (up) {
+            talker->send(packetOf(body));
+            EXPECT_EQ(caller.read(body.size() + 5).size(), body.size() + 5);
+        } else {
+            caller.send(framed("hi") + framed(body));
+            EXPECT_TRUE(eventually([&] { return told.count() == heard; }));
+        }
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+    };
+    for (const bool up : {true, false}) {
+        (up ? preferences.userMaxUpF : preferences.userMaxDownF) = 500.0F;
+        const double limited = seconds(up);
+        EXPECT_NEAR(limited, 1.05, 0.2);
+        EXPECT_LT(seconds(!up), limited / 2);
+        preferences.userMaxUpF = 0.0F;
+    }
 }
 
 TEST(SocketPoolTest, TheBasePoolHandsTurnsToItsWorkers) {
