@@ -134,13 +134,13 @@ TEST_P(ProxyStory, AClientLogsOnSearchesAndDownloadsThroughIt) {
     leech.quit();
 }
 
+constexpr auto nameOf = [](const auto& story) {
+    return story.param.first->program + (story.param.second ? "WithPassword" : "");
+};
 INSTANTIATE_TEST_SUITE_P(Each, ProxyStory,
-                         testing::Values(std::pair{&dante, false}, std::pair{&microsocks, false},
-                                         std::pair{&microsocks, true}, std::pair{&tinyproxy, false},
+                         testing::Values(std::pair{&dante, false}, std::pair{&microsocks, true},
                                          std::pair{&tinyproxy, true}),
-                         [](const auto& story) {
-                             return story.param.first->program + (story.param.second ? "WithPassword"s : ""s);
-                         });
+                         nameOf);
 
 // A client, and the place of its proxy.
 struct Behind {

@@ -69,11 +69,6 @@ class PreferencesTest : public testing::Test, protected OwnEngine {
         settings->load();
         return settings;
     }
-    Bytes read(const std::string& path) const {
-        const std::string text = contentOf(path);
-        return {text.begin(), text.end()};
-    }
-
     const std::string pref_ = directory.file("pref.met");
 };
 
@@ -92,9 +87,9 @@ TEST_F(PreferencesTest, AFirstRunMakesAnIdentityAndSavesItOnlyWhenTold) {
     EXPECT_FALSE(exists(pref_));
 
     first->save();
-    const Bytes saved = read(pref_);
+    const std::string saved = contentOf(pref_);
     loaded()->save();
-    EXPECT_EQ(read(pref_), saved);
+    EXPECT_EQ(contentOf(pref_), saved);
     EXPECT_EQ(log.take(), "");
 }
 
@@ -120,7 +115,7 @@ TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     writeFile(pref_, viewOf(file.bytes()));
     const auto settings = loaded();
     settings->save();
-    EXPECT_EQ(read(pref_), file.bytes());
+    EXPECT_EQ(contentOf(pref_), viewOf(file.bytes()));
 
     // Each of these could have changed places with another on both ways.
     EXPECT_EQ(settings->incomingDir(), "incoming");
@@ -167,8 +162,8 @@ TEST_F(PreferencesTest, AFileWithoutAHashIsSetAsideButItsSettingsStay) {
     EXPECT_FALSE(hashOf(*settings).isZero());
     EXPECT_EQ(settings->clientId(), 0u);
     settings->save();
-    EXPECT_EQ(read(pref_ + ".bad"), zeroHash.bytes());
-    EXPECT_EQ(File(read(pref_)).settings.getInt("kept"), 1u);
+    EXPECT_EQ(contentOf(pref_ + ".bad"), viewOf(zeroHash.bytes()));
+    EXPECT_EQ(File(encode(*settings)).settings.getInt("kept"), 1u);
 }
 
 TEST_F(PreferencesTest, AChangedClientIdIsToldAndOnlyAHighOneIsSaved) {

@@ -80,8 +80,7 @@ void whileBlocked(const std::function<void()>& call, const std::function<void()>
 TEST(SocketSet, ReportsWhatWasAskedForAndLimitsItByTheMask) {
     Pair pair;
     linux_socket_set set;
-    EXPECT_EQ(set.check(1000000, all), 0U);
-    EXPECT_EQ(set.check(-1, all), 0U);
+    EXPECT_EQ(set.check(-1, all) | set.check(1000000, all), 0U);
     pair.near->add_to_set(set, all);
     EXPECT_EQ(pair.near->check_in_set(set, all), 0U);
     ASSERT_EQ(pair.far->write("x", 1), 1);
@@ -179,20 +178,16 @@ TEST(Socket, CancelEndsTheCallThatBlocksAndEveryLaterOne) {
 TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
     auto door = listenAnywhere();
     const u16 port = portOf(*door);
-    door->set_blocking(false);
-    std::unique_ptr<i4_socket> none;
-    EXPECT_FALSE(door->accept(none));
-    EXPECT_EQ(errno, EAGAIN);
-    auto good = systemNetwork().connect(*loopback(port), I4_STREAM, false);
-    EXPECT_EQ(good->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
+    const auto eventsOfConnect = [&] {
+        return systemNetwork()
+            .connect(*loopback(port), I4_STREAM, false)
+            ->ready(writeOrError, limit, nullptr);
+    };
+    EXPECT_EQ(eventsOfConnect(), I4_SELECT_WRITE);
     EXPECT_EQ(systemNetwork().listen(port, 500, I4_STREAM, nullptr), nullptr);  // the port is taken
     door.reset();
-
     EXPECT_EQ(systemNetwork().connect(*loopback(port), I4_STREAM, true), nullptr);
-    const auto refused = systemNetwork().connect(*loopback(port), I4_STREAM, false);
-    const u32 mask = refused->ready(writeOrError, limit, nullptr);
-    EXPECT_NE(mask, I4_SELECT_WRITE);
-    EXPECT_NE(mask, 0U);
+    EXPECT_TRUE(eventsOfConnect() & I4_SELECT_ERROR);
 }
 
 TEST(Protocol, ResolvesDottedTextHereAndNamesWhereTheProxyIs) {
