@@ -109,6 +109,7 @@ TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     file.settings.setInt("pType", 2);
     file.settings.setInt("pSize", 184'320);
     file.settings.setInt("maxNumUp", 5);
+    file.settings.setInt("maxUpSpeed", 8004);  // thousandths that a float does not hold
     file.setFloat("lineDown", 50.5F);
     file.setFloat("userMaxUpF", 12.25F);
     file.setFloat("userMaxDownF", 100.0F);
@@ -126,7 +127,7 @@ TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     EXPECT_EQ(settings->doorPort, 5000);
     EXPECT_EQ(settings->autoConnect, 7009);
     EXPECT_EQ(settings->userMaxUpF, 12.25F);
-    EXPECT_FLOAT_EQ(settings->maxUpSpeed, 7.003F);
+    EXPECT_FLOAT_EQ(settings->maxUpSpeed, 8.004F);
 }
 
 TEST_F(PreferencesTest, KeysThatAreMissingOrMakeNoSenseTakeTheirDefaults) {
