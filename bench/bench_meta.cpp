@@ -34,8 +34,8 @@ void tagRoundTrip(benchmark::State& state) {
     const u32 size = 1000;
     const std::unique_ptr<MetaTag> tags[] = {
         MetaTag::makeTag(TAG_NAME, "A file of some length in its name.avi"),
-        MetaTag::makeTag(TAG_SIZE, &size),
-        MetaTag::makeTag(META_TAG_INT, "users", &size),
+        MetaTag::makeTag(TAG_SIZE, size),
+        MetaTag::makeTag("users", size),
     };
     i4_owned_ram_file file;
     for (auto _ : state) {

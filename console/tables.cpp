@@ -26,7 +26,7 @@ std::string cut(std::string line) {
 void Servant::printHeader(const Meta* record, Keys& keys) {
     if (!record) return;
     std::string line;
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = record->getTags().next(c);) {
+    for (const auto& tag : record->getTags()) {
         const char* name = strings_->nameOf(*tag);
         if (!name || !tag->name()) continue;
         keys.emplace_back(tag->name());

@@ -37,7 +37,7 @@ constexpr f32 defaultSpeed = 5.0F;  // KB/s
 constexpr const char* defaultStringFile = "default.str";
 
 void take(const Meta& settings, const char* key, Relaxed<i32>& field) {
-    if (settings.getValue(key, META_TAG_INT)) field = static_cast<i32>(settings.getInt(key));
+    if (const u32* value = settings.getValue<u32>(key)) field = static_cast<i32>(*value);
 }
 
 // In KB/s; what can't be a speed counts as no limit.
@@ -65,7 +65,7 @@ i4_string takeOptionalText(const Meta& settings, const char* key) {
 
 void store(Meta& settings, const char* key, i32 value) { settings.setInt(key, static_cast<u32>(value)); }
 
-void store(Meta& settings, const char* key, f32 value) { settings.setTag(key, &value, META_TAG_FLOAT); }
+void store(Meta& settings, const char* key, f32 value) { settings.setTag(key, value); }
 
 void store(Meta& settings, const char* key, const i4_string& value) {
     settings.setText(key, value.isNull() ? "" : value.c_str());

@@ -42,13 +42,13 @@ bool isGapTag(const char* name, TagIndex index, u32& k) {
 std::vector<Gap> takeGaps(const FileMeta& record, FileMeta& rest) {
     std::map<u32, u32> starts;
     std::map<u32, u32> ends;
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = record.getTags().next(c);) {
+    for (const auto& tag : record.getTags()) {
         u32 k = 0;
-        const bool isInt = tag->type() == META_TAG_INT;
-        if (isInt && isGapTag(tag->name(), TAG_GAP_START, k)) {
-            starts.try_emplace(k, *static_cast<const u32*>(tag->getValue()));
-        } else if (isInt && isGapTag(tag->name(), TAG_GAP_END, k)) {
-            ends.try_emplace(k, *static_cast<const u32*>(tag->getValue()));
+        const auto* number = std::get_if<u32>(&tag->getValue());
+        if (number && isGapTag(tag->name(), TAG_GAP_START, k)) {
+            starts.try_emplace(k, *number);
+        } else if (number && isGapTag(tag->name(), TAG_GAP_END, k)) {
+            ends.try_emplace(k, *number);
         } else {
             rest.addTag(tag->clone());
         }
@@ -396,10 +396,10 @@ std::unique_ptr<FileMeta> PartialFile::makeRecord(i32 priority, bool paused) {
     record->setInt(TAG_STATE, paused ? 1 : 0);
     u32 k = 0;
     for (const Gap& gap : gaps()) {
-        const u32 start = static_cast<u32>(gap.start);
-        const u32 end = static_cast<u32>(gap.end);
-        record->addTag(MetaTag::makeTag(META_TAG_INT, gapTagName(TAG_GAP_START, k).c_str(), &start));
-        record->addTag(MetaTag::makeTag(META_TAG_INT, gapTagName(TAG_GAP_END, k).c_str(), &end));
+        const auto start = static_cast<u32>(gap.start);
+        const auto end = static_cast<u32>(gap.end);
+        record->addTag(MetaTag::makeTag(gapTagName(TAG_GAP_START, k).c_str(), start));
+        record->addTag(MetaTag::makeTag(gapTagName(TAG_GAP_END, k).c_str(), end));
         ++k;
     }
     // After the gaps were taken: what they tell to be here is on the disk when the record gets there.

@@ -32,7 +32,7 @@ PartialList::MetaFile PartialList::readMeta(i4_file& stream, FileMeta& record) {
     try {
         if (stream.read_8() != metaFileMagic) return MetaFile::foreign;
         // Without its size a file would pass for whole.
-        const bool whole = record.fromDisk(stream) && record.getValue(TAG_SIZE, META_TAG_INT);
+        const bool whole = record.fromDisk(stream) && record.getValue<u32>(TAG_SIZE);
         return whole ? MetaFile::whole : MetaFile::damaged;
     } catch (const i4_err&) {
         return MetaFile::damaged;

@@ -9,8 +9,8 @@ namespace {
 
 void check(MetaTag& tag) {
     const Bytes once = written([&](i4_file& out) { require(tag.toNetwork(out)); });
-    const auto* bits = static_cast<const BoolArray*>(tag.getValue());
-    const bool emptyBits = tag.type() == META_TAG_BOOLARRAY && bits->size() == 0;
+    const auto* bits = std::get_if<Boxed<BoolArray>>(&tag.getValue());
+    const bool emptyBits = bits && (*bits)->size() == 0;
     require(once.size() + (emptyBits ? 1 : 0) == tag.byteSize());
     BytesFile copy(once);
     const auto again = MetaTag::readTag(copy);

@@ -27,7 +27,7 @@ void addTypeTags(FileMeta& meta, const char* type, const char* format) {
 }
 
 void addTextTag(FileMeta& meta, const char* name, const char* value) {
-    meta.addTag(MetaTag::makeTag(META_TAG_STRING, name, value));
+    meta.addTag(MetaTag::makeTag(name, value));
 }
 
 std::vector<u8> readBlock(i4_file& file, u32 limit) {

@@ -21,7 +21,7 @@ bool ImporterList::importFile(FileMeta& meta, Disk& disk, i4_log& log, const cha
     try {
         const u32 size = file->size();
         meta.addTag(MetaTag::makeTag(TAG_NAME, name));
-        meta.addTag(MetaTag::makeTag(TAG_SIZE, &size));
+        meta.addTag(MetaTag::makeTag(TAG_SIZE, size));
         for (const auto& importer : importers_) {
             file->seek(0);
             if (importer->import(meta, name, *file)) break;

@@ -23,8 +23,7 @@ bool importMP3(FileMeta& meta, i4_file& file) {
     char length[32];
     info.lengthText(length, sizeof length);
     addTextTag(meta, "length", length);
-    const u32 bitrate = info.bitrate();
-    meta.addTag(MetaTag::makeTag(META_TAG_INT, "bitrate", &bitrate));
+    meta.addTag(MetaTag::makeTag("bitrate", info.bitrate()));
     return true;
 }
 

@@ -11,17 +11,13 @@ class i4_file;
 
 // Bit i lies in byte i / 8 at weight 1 << (i % 8), and the buffer has size / 8 + 1 bytes: where the size is a
 // multiple of 8 that is one spare byte, which travels on the wire too. Empty arrays have no buffer.
-// Thread: one at a time. No implicit copy.
+// Thread: one at a time.
 class BoolArray {
   public:
     static constexpr i32 maxSize = 65535;  // what the stream form can tell
 
     BoolArray() = default;
     explicit BoolArray(i32 size) { setSize(size); }  // all false
-    BoolArray(const BoolArray&) = delete;
-    BoolArray& operator=(const BoolArray&) = delete;
-    BoolArray(BoolArray&&) = default;
-    BoolArray& operator=(BoolArray&&) = default;
 
     void setSize(i32 size);  // clears all bits; the size is kept within 0 to maxSize
     i32 size() const { return size_; }

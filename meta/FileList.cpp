@@ -16,8 +16,8 @@ void FileList::deleteRepeated() {
     std::unordered_set<MD4Hash> seen;
     for (auto record = records.rbegin(); record != records.rend(); ++record) {
         if ((*record)->hash.isZero() || seen.insert((*record)->hash).second) continue;
+        const std::unique_ptr<FileMeta> repeated(*record);
         remove(*record);
-        delete *record;
     }
 }
 

@@ -1,14 +1,15 @@
 #include "meta/Meta.h"
 
+#include <algorithm>
 #include <string>
 
-#include <bit>
-#include <cstring>
+bool Meta::toNetwork(i4_file& file) const {
+    if (file.write_32(static_cast<u32>(tags_.size())) != 4) return false;
+    return std::all_of(tags_.begin(), tags_.end(),
+                       [&](const auto& tag) { return saveElement(*tag, file, StreamForm::network); });
+}
 
-Meta::~Meta() { deleteAll(tags_); }
-
-bool Meta::toNetwork(i4_file& file) const { return saveList(tags_, file, StreamForm::network); }
-bool Meta::toDisk(i4_file& file) { return saveList(tags_, file, StreamForm::disk); }
+bool Meta::toDisk(i4_file& file) { return Meta::toNetwork(file); }
 
 bool Meta::fromNetwork(i4_file& file) {
     bool damaged = false;
@@ -46,111 +47,78 @@ bool Meta::readTags(i4_file& file, bool& damaged) {
 
 u32 Meta::byteSize() const {
     u32 size = 4;
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = tags_.next(c);) size += tag->byteSize();
+    for (const auto& tag : tags_) size += tag->byteSize();
     return size;
 }
 
 void Meta::copyFrom(const Meta* other) {
     if (!other || other == this) return;
     clearTags();
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = other->tags_.next(c);) addTag(tag->clone());
+    for (const auto& tag : other->tags_) addTag(tag->clone());
+}
+
+Meta::Tags::const_iterator Meta::find(const char* name) const {
+    return std::find_if(tags_.begin(), tags_.end(), [&](const auto& tag) { return tag->isNamed(name); });
 }
 
 MetaTag* Meta::findTag(const char* name) const {
-    return findIn(tags_, [&](const MetaTag& tag) { return tag.isNamed(name); });
+    const auto at = find(name);
+    return at == tags_.end() ? nullptr : at->get();
 }
 
-void Meta::addTag(std::unique_ptr<MetaTag> tag) { tags_.add(tag.release()); }
+void Meta::addTag(std::unique_ptr<MetaTag> tag) {
+    if (tag) tags_.push_back(std::move(tag));
+}
 
-bool Meta::addTag(const char* name, int type) {
+bool Meta::addTag(const char* name, MetaTag::Value value) {
     if (findTag(name)) return false;
-    auto tag = MetaTag::makeTag(type, name, nullptr);
-    if (!tag) return false;
-    addTag(std::move(tag));
+    addTag(MetaTag::makeTag(name, std::move(value)));
     return true;
 }
 
 bool Meta::removeTag(const char* name) {
-    MetaTag* tag = findTag(name);
-    if (!tag) return false;
-    tags_.remove(tag);
-    delete tag;
+    const auto at = find(name);
+    if (at == tags_.end()) return false;
+    tags_.erase(at);
     return true;
 }
 
-void Meta::clearTags() { deleteAll(tags_); }
+void Meta::clearTags() { tags_.clear(); }
 
-bool Meta::setTagValue(const char* name, const void* value, int type) {
+bool Meta::setTagValue(const char* name, MetaTag::Value&& value) {
     MetaTag* tag = findTag(name);
-    if (!tag || tag->type() != type) return false;
-    tag->setValue(value);
+    if (!tag || tag->type() != MetaTag::typeOf(value)) return false;
+    tag->setValue(std::move(value));
     return true;
 }
 
-void Meta::setTag(const char* name, const void* value, int type) {
-    if (!setTagValue(name, value, type)) place(findTag(name), MetaTag::makeTag(type, name, value));
+void Meta::setTag(const char* name, MetaTag::Value value) {
+    if (!setTagValue(name, std::move(value))) place(name, MetaTag::makeTag(name, std::move(value)));
 }
 
-void Meta::setTag(TagIndex index, const void* value) {
-    const MetaTagRow& row = tagTable[index];
-    if (!setTagValue(row.wireName, value, row.type)) {
-        place(findTag(row.wireName), MetaTag::makeTag(index, value));
-    }
+void Meta::setTag(TagIndex index, MetaTag::Value value) {
+    const char* name = tagTable[index].wireName;
+    if (!setTagValue(name, std::move(value))) place(name, MetaTag::makeTag(index, std::move(value)));
 }
 
-void Meta::setInt(TagIndex index, u32 value) {
-    const MetaTagRow& row = tagTable[index];
-    if (row.type == META_TAG_INT) {
-        setTag(index, &value);
-    } else {
-        setInt(row.wireName, value);
-    }
-}
-
-void Meta::setText(TagIndex index, const char* value) {
-    const MetaTagRow& row = tagTable[index];
-    if (row.type == META_TAG_STRING) {
-        setTag(index, value);
-    } else {
-        setText(row.wireName, value);
-    }
-}
-
-void Meta::place(MetaTag* old, std::unique_ptr<MetaTag> tag) {
-    if (!tag) return;
-    if (!old) {
+void Meta::place(const char* name, std::unique_ptr<MetaTag> tag) {
+    const auto at = find(name);
+    if (at == tags_.end()) {
         addTag(std::move(tag));
-        return;
+    } else if (tag) {
+        tags_[static_cast<std::size_t>(at - tags_.begin())] = std::move(tag);
     }
-    u32 position = 0;
-    for (LL<MetaTag>::Cursor c; tags_.next(c) != old;) ++position;
-    tags_.replaceAt(position, tag.release());
-    delete old;
-}
-
-const void* Meta::getValue(const char* name) const {
-    const MetaTag* tag = findTag(name);
-    return tag ? tag->getValue() : nullptr;
-}
-
-const void* Meta::getValue(const char* name, int type) const {
-    const MetaTag* tag = findTag(name);
-    return tag && tag->type() == type ? tag->getValue() : nullptr;
 }
 
 const char* Meta::getText(const char* name) const {
-    return static_cast<const char*>(getValue(name, META_TAG_STRING));
+    const MetaTag* tag = findTag(name);
+    return tag ? tag->text() : nullptr;
 }
 
 u32 Meta::getInt(const char* name) const {
     const MetaTag* tag = findTag(name);
-    if (!tag || (tag->type() != META_TAG_INT && tag->type() != META_TAG_FLOAT)) return 0;
-    u32 value = 0;
-    std::memcpy(&value, tag->getValue(), sizeof value);
-    return value;
+    return tag ? tag->getInt() : 0;
 }
-
-f32 Meta::getFloat(const char* name) const { return std::bit_cast<f32>(getInt(name)); }
 
 char* Meta::printable(const char* name, char* dst, i32 n) const {
     if (const MetaTag* tag = findTag(name)) return tag->printable(dst, n);
@@ -159,7 +127,7 @@ char* Meta::printable(const char* name, char* dst, i32 n) const {
 }
 
 void Meta::print(i4_log& log) const {
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = tags_.next(c);) {
+    for (const auto& tag : tags_) {
         char buffer[255] = "";
         const char* text = tag->printable(buffer, sizeof buffer);
         const char* name = tag->displayName();

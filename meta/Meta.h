@@ -1,9 +1,10 @@
 // Meta, a record: an ordered bag of tags.
 #pragma once
 
+#include <bit>
 #include <memory>
+#include <vector>
 
-#include "i4min/memory/LL.h"
 #include "meta/MetaTag.h"
 #include "meta/Serializable.h"
 
@@ -16,10 +17,11 @@
 //     ...    the tags, see MetaTag
 class Meta : public Serializable {
   public:
+    using Tags = std::vector<std::unique_ptr<MetaTag>>;
+
     Meta() = default;
     Meta(const Meta&) = delete;
     Meta& operator=(const Meta&) = delete;
-    ~Meta() override;
 
     // Reading keeps what was read before a failure. From the network it adds to what is there, from disk it
     // replaces it.
@@ -32,46 +34,51 @@ class Meta : public Serializable {
 
     MetaTag* findTag(const char* name) const;
     MetaTag* findTag(TagIndex index) const { return findTag(tagTable[index].wireName); }
-    void addTag(std::unique_ptr<MetaTag> tag);  // null is ignored
-    bool addTag(const char* name, int type);    // an empty tag; false if the name is there or no such type
-    bool removeTag(const char* name);           // the first of that name; false if there is none
+    void addTag(std::unique_ptr<MetaTag> tag);            // null is ignored
+    bool addTag(const char* name, MetaTag::Value value);  // false if the name is there
+    bool removeTag(const char* name);                     // the first of that name; false if there is none
     bool removeTag(TagIndex index) { return removeTag(tagTable[index].wireName); }
     void clearTags();
 
-    // `value` is a pointer of the form that `type` takes, see MetaTag. setTagValue is false where there is no
-    // tag of that name, or one of another type. setTag adds what isn't there, and puts a new tag into the
-    // place of one of another type: records come from strangers.
-    bool setTagValue(const char* name, const void* value, int type);
-    void setTag(const char* name, const void* value, int type);
-    void setTag(TagIndex index, const void* value);
-    void setInt(const char* name, u32 value) { setTag(name, &value, META_TAG_INT); }
-    void setInt(TagIndex index, u32 value);
-    void setText(const char* name, const char* value) { setTag(name, value, META_TAG_STRING); }
-    void setText(TagIndex index, const char* value);
+    // setTagValue is false, and leaves `value` alone, where there is no tag of that name, or one of another
+    // type. setTag adds what isn't there, and puts a new tag into the place of one of another type: records
+    // come from strangers.
+    bool setTagValue(const char* name, MetaTag::Value&& value);
+    void setTag(const char* name, MetaTag::Value value);
+    void setTag(TagIndex index, MetaTag::Value value);
+    void setInt(const char* name, u32 value) { setTag(name, value); }
+    void setInt(TagIndex index, u32 value) { setTag(index, value); }
+    void setText(const char* name, const char* value) { setTag(name, value); }
+    void setText(TagIndex index, const char* value) { setTag(index, value); }
 
-    // The value, whatever its type; null if there is no such tag.
-    const void* getValue(const char* name) const;
-    const void* getValue(TagIndex index) const { return getValue(tagTable[index].wireName); }
     // The value of a tag of just that type, else null.
-    const void* getValue(const char* name, int type) const;
-    const void* getValue(TagIndex index, int type) const { return getValue(tagTable[index].wireName, type); }
+    template <class T>
+    const T* getValue(const char* name) const {
+        const MetaTag* tag = findTag(name);
+        return tag ? std::get_if<T>(&tag->getValue()) : nullptr;
+    }
+    template <class T>
+    const T* getValue(TagIndex index) const {
+        return getValue<T>(tagTable[index].wireName);
+    }
     const char* getText(const char* name) const;  // null but for a string tag
     const char* getText(TagIndex index) const { return getText(tagTable[index].wireName); }
     // The four bytes of an int or float tag, taken as the asked type; 0 for other types and for none.
     u32 getInt(const char* name) const;
     u32 getInt(TagIndex index) const { return getInt(tagTable[index].wireName); }
-    f32 getFloat(const char* name) const;
+    f32 getFloat(const char* name) const { return std::bit_cast<f32>(getInt(name)); }
     f32 getFloat(TagIndex index) const { return getFloat(tagTable[index].wireName); }
 
     char* printable(const char* name, char* dst, i32 n) const;  // an empty text if there is no such tag
     void print(i4_log& log) const;
-    const LL<MetaTag>& getTags() const { return tags_; }
+    const Tags& getTags() const { return tags_; }
 
   private:
     bool readTags(i4_file& file, bool& damaged);
-    void place(MetaTag* old, std::unique_ptr<MetaTag> tag);  // instead of `old`, or at the end
+    Tags::const_iterator find(const char* name) const;
+    void place(const char* name, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
 
-    LL<MetaTag> tags_;
+    Tags tags_;  // none is null
 };
 
 // A record of the same kind with what copyFrom() takes over.

@@ -115,8 +115,8 @@ class CAPABILITY("list") MetaList : public Serializable {
 struct DeletesRecords {
     template <class List>
     void operator()(List* list) const {
-        list->deleteAll();
-        delete list;
+        const std::unique_ptr<List> owned(list);
+        owned->deleteAll();
     }
 };
 template <class List>

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "i4min/file/file.h"
-#include "i4min/memory/LL.h"
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/error.h"
 #include "i4min/memory/types.h"
@@ -21,12 +20,8 @@ class Serializable {
     virtual u32 byteSize() const = 0;  // of the form that toNetwork writes
     virtual ~Serializable() = default;
 
-    // Writes a u32 count and the elements. Each element that fails is told in one line; the first ends the
-    // writing with false. What the stream raises goes on to the caller.
-    template <class T>
-    static bool saveList(const LL<T>& list, i4_file& file, StreamForm form);
-    // The same under the list's lock, except that the elements behind a failed one are written too, and that
-    // a raise of the stream gives false.
+    // Writes a u32 count and the elements, under the list's lock. Each element that fails is told in one
+    // line, and gives false; those behind it are written too. A raise of the stream gives false.
     template <class T>
     static bool saveList(LLsafe<T>& list, i4_file& file, StreamForm form);
 
@@ -35,7 +30,6 @@ class Serializable {
     Serializable(const Serializable&) = default;
     Serializable& operator=(const Serializable&) = default;
 
-  private:
     template <class T>
     static bool saveElement(T& element, i4_file& file, StreamForm form) {
         if (form == StreamForm::disk ? element.toDisk(file) : element.toNetwork(file)) return true;
@@ -43,15 +37,6 @@ class Serializable {
         return false;
     }
 };
-
-template <class T>
-bool Serializable::saveList(const LL<T>& list, i4_file& file, StreamForm form) {
-    if (file.write_32(list.LL<T>::count()) != 4) return false;
-    for (typename LL<T>::Cursor c; T* element = list.next(c);) {
-        if (!saveElement(*element, file, form)) return false;
-    }
-    return true;
-}
 
 template <class T>
 bool Serializable::saveList(LLsafe<T>& list, i4_file& file, StreamForm form) {

@@ -51,7 +51,7 @@ void copyBounded(const UserMeta& from, UserMeta& to) {
     bare.serverIp = from.serverIp;
     bare.serverPort = from.serverPort;
     u32 room = identityLimit - bare.byteSize();
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = from.getTags().next(c);) {
+    for (const auto& tag : from.getTags()) {
         if (tag->byteSize() > room) continue;
         room -= tag->byteSize();
         bare.addTag(tag->clone());

@@ -8,10 +8,10 @@
 class MetaTags : public TagSource {
   public:
     explicit MetaTags(const Meta& record) : record_(record) {}
-    void rewind() override { cursor_ = {}; }
+    void rewind() override { next_ = 0; }
     bool next(TagView& tag) override;
 
   private:
     const Meta& record_;
-    LL<MetaTag>::Cursor cursor_;
+    std::size_t next_ = 0;
 };

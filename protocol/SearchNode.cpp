@@ -89,8 +89,6 @@ std::unique_ptr<SearchNode> SearchNode::takeKeyword(std::unique_ptr<SearchNode> 
     return self;
 }
 
-void SearchNode::setValue(const void*) {}
-
 bool SearchNode::matches(const Meta& record) const {
     MetaTags tags(record);
     return matches(tags);
@@ -286,11 +284,6 @@ bool SN_FindStr::fromBytes(i4_file& stream, SearchReadBudget&) {
 
 u32 SN_FindStr::byteSize() const { return length(text) + 3; }
 
-void SN_FindStr::setValue(const void* value) {
-    text = static_cast<const char*>(value);
-    text.toLower();
-}
-
 void SN_FindStr::printable(char* out, std::size_t size) const { append(out, size, text.c_str()); }
 
 // --- SN_StrTagCompare
@@ -329,7 +322,6 @@ bool SN_StrTagCompare::fromBytes(i4_file& stream, SearchReadBudget&) {
 }
 
 u32 SN_StrTagCompare::byteSize() const { return length(value) + length(tagName) + 5; }
-void SN_StrTagCompare::setValue(const void* new_value) { value = static_cast<const char*>(new_value); }
 
 void SN_StrTagCompare::printable(char* out, std::size_t size) const {
     append(out, size, tagName.c_str());
@@ -378,11 +370,6 @@ bool SN_IntTagCompare::fromBytes(i4_file& stream, SearchReadBudget&) {
 }
 
 u32 SN_IntTagCompare::byteSize() const { return length(tagName) + 8; }
-
-void SN_IntTagCompare::setValue(const void* new_value) {
-    value.reset();
-    if (new_value) value = *static_cast<const i32*>(new_value);
-}
 
 void SN_IntTagCompare::printable(char* out, std::size_t size) const {
     char number[16];

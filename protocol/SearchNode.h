@@ -73,9 +73,6 @@ class SearchNode {
     // Reads what follows the `type` byte. False on a short stream, an unknown node, or a spent budget.
     virtual bool fromBytes(i4_file& stream, SearchReadBudget& budget) = 0;
     virtual u32 byteSize() const = 0;
-    // Replaces the compared value: a terminated text, or an i32 for SN_IntTagCompare. Null means no value,
-    // which nothing matches.
-    virtual void setValue(const void* value);
     virtual u32 cost() const = 0;  // a weight of the evaluation
     // Appends the printed form to the terminated text in `out`, `size` bytes in all; what is too long is cut.
     virtual void printable(char* out, std::size_t size) const = 0;
@@ -130,7 +127,10 @@ class SN_FindStr : public SearchNode {
     bool toBytes(i4_file& stream) const override;
     bool fromBytes(i4_file& stream, SearchReadBudget& budget) override;
     u32 byteSize() const override;
-    void setValue(const void* value) override;  // lowered
+    void setValue(const char* find) {  // lowered; null is a text that nothing holds
+        text = find;
+        text.toLower();
+    }
     u32 cost() const override { return 10; }
     void printable(char* out, std::size_t size) const override;
 
@@ -150,7 +150,7 @@ class SN_StrTagCompare : public SearchNode {
     bool toBytes(i4_file& stream) const override;
     bool fromBytes(i4_file& stream, SearchReadBudget& budget) override;  // lowers the value
     u32 byteSize() const override;
-    void setValue(const void* new_value) override;
+    void setValue(const char* compared) { value = compared; }  // null matches nothing
     u32 cost() const override { return 3; }
     void printable(char* out, std::size_t size) const override;
 
@@ -170,7 +170,7 @@ class SN_IntTagCompare : public SearchNode {
     bool toBytes(i4_file& stream) const override;
     bool fromBytes(i4_file& stream, SearchReadBudget& budget) override;
     u32 byteSize() const override;
-    void setValue(const void* new_value) override;
+    void setValue(std::optional<i32> compared) { value = compared; }  // none matches nothing
     u32 cost() const override { return 1; }
     void printable(char* out, std::size_t size) const override;
 

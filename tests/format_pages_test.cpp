@@ -62,7 +62,7 @@ bool readsAsTag(std::span<const std::uint8_t> bytes) {
     BytesFile file(bytes);
     const auto tag = MetaTag::readTag(file);
     if (!tag || file.bytesLeft() != 0u) return false;
-    const u32 value = *static_cast<const u32*>(tag->getValue());
+    const u32 value = tag->getInt();
     return tag->id() == TAG_SIZE ? value == 1000 : tag->isNamed("users") && value == 5;
 }
 

@@ -57,7 +57,7 @@ class Importers : public testing::Test {
         FileMeta meta;
         EXPECT_TRUE(importers_.importFile(meta, systemDisk(), log_, home_.file(name).c_str(), name.c_str()));
         std::string tags;
-        for (LL<MetaTag>::Cursor c; const MetaTag* tag = meta.getTags().next(c);) {
+        for (const auto& tag : meta.getTags()) {
             char text[256];
             tags += std::string(tag->displayName()) + "=" + tag->printable(text, sizeof text) + "|";
         }

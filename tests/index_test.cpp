@@ -616,9 +616,9 @@ TEST(FileIndex, RecordsKeepWhatFitsAndCanBeFound) {
     meta.setText("long", std::string(3000, 'x').c_str());
     meta.setInt("number", 5);
     BoolArray bits(8);
-    meta.setTag("bits", &bits, META_TAG_BOOLARRAY);
+    meta.setTag("bits", bits);
     MetaBlob blob{1, 2, 3};
-    meta.setTag("blob", &blob, META_TAG_BLOB);
+    meta.setTag("blob", blob);
     const FileRecord record = recordOf(meta);
     EXPECT_TRUE(record.hasName());
     std::string names;

@@ -72,8 +72,8 @@ TEST(MetaTag, EachTypeHasItsBytesAndItsText) {
             EXPECT_FALSE(tag->toNetwork(file)) << "a stream that takes no more";
         }
     }
-    EXPECT_EQ(diskForm(*MetaTag::makeTag(META_TAG_INT, "ab", nullptr)), "\3" + text16("ab") + le32(0));
-    EXPECT_EQ(diskForm(*MetaTag::makeTag(META_TAG_STRING, "", nullptr)), "\2" + le32(0));
+    EXPECT_EQ(diskForm(*MetaTag::makeTag("ab", 0U)), "\3" + text16("ab") + le32(0));
+    EXPECT_EQ(diskForm(*MetaTag::makeTag("", nullptr)), "\2" + le32(0));
 }
 
 TEST(MetaTag, ANameOfOneByteIsARow) {
@@ -149,7 +149,7 @@ FileMeta* newFile(const char* name, u32 size = 0, u32 date = 0, MD4Hash hash = {
 
 std::vector<std::string> namesOf(const Meta& record) {
     std::vector<std::string> names;
-    for (LL<MetaTag>::Cursor c; const MetaTag* tag = record.getTags().next(c);) {
+    for (const auto& tag : record.getTags()) {
         names.emplace_back(tag->displayName() ? tag->displayName() : "(null)");
     }
     return names;
@@ -159,8 +159,8 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     Meta record;
     record.setText(TAG_NAME, "one");
     record.setInt(TAG_SIZE, 5);
-    EXPECT_TRUE(record.addTag("files", META_TAG_INT));
-    EXPECT_FALSE(record.addTag("files", META_TAG_INT));
+    EXPECT_TRUE(record.addTag("files", 0U));
+    EXPECT_FALSE(record.addTag("files", 0U));
 
     // From the network a record adds to what is there, from disk it replaces it.
     const std::string more = le32(2) + "\2" + text16("\1") + text16("new") + "\3" + text16("n") + le32(9);
@@ -187,14 +187,14 @@ TEST(Meta, AnotherTypeThanTheNamePromisesIsNoTrap) {
     Meta record;
     const u32 number = 0x41414141;
     const f32 half = 0.5F;
-    record.setTag(tagTable[TAG_NAME].wireName, &number, META_TAG_INT);
-    record.setTag(tagTable[TAG_SIZE].wireName, "x", META_TAG_STRING);
-    record.setTag("flag", nullptr, META_TAG_BOOL);
-    record.setTag("half", &half, META_TAG_FLOAT);
+    record.setTag(tagTable[TAG_NAME].wireName, number);
+    record.setTag(tagTable[TAG_SIZE].wireName, "x");
+    record.setTag("flag", false);
+    record.setTag("half", half);
     EXPECT_EQ(record.getText(TAG_NAME), nullptr);
     EXPECT_EQ(record.getInt(TAG_SIZE) + record.getInt("flag"), 0U);
     EXPECT_EQ(record.getInt("half"), 0x3F000000U);
-    EXPECT_FALSE(record.setTagValue(tagTable[TAG_SIZE].wireName, &number, META_TAG_INT));
+    EXPECT_FALSE(record.setTagValue(tagTable[TAG_SIZE].wireName, number));
     // Set, each takes the type of its name and keeps its place.
     record.setText(TAG_NAME, "name");
     record.setInt(TAG_SIZE, 3);

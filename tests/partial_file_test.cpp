@@ -167,7 +167,7 @@ TEST_F(PartialFiles, LeaveNothingBehindWhenTheyAreCancelled) {
 TEST_F(PartialFiles, SaveTheirMetaFileToTheByte) {
     RemoteFile file("film.avi", 1000);
     // What only a meta file tells is not taken from a stranger's record.
-    for (const char* name : {"\t0", "\n0"}) file.record.addTag(MetaTag::makeTag(META_TAG_INT, name, &piece));
+    for (const char* name : {"\t0", "\n0"}) file.record.addTag(MetaTag::makeTag(name, piece));
     file.record.setInt(TAG_STATE, 1);
     file.record.setText(TAG_TEMPFILENAME, "../else");
     file.record.setInt(TAG_AVAILABILITY, 3);

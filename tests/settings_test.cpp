@@ -46,7 +46,7 @@ struct File {
     Bytes bytes() {
         return written([this](i4_file& out) { EXPECT_TRUE(self.toDisk(out) && settings.toDisk(out)); });
     }
-    void setFloat(const char* key, f32 value) { settings.setTag(key, &value, META_TAG_FLOAT); }
+    void setFloat(const char* key, f32 value) { settings.setTag(key, value); }
 
     UserMeta self;
     Meta settings;
