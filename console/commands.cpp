@@ -1,7 +1,7 @@
 #include "console/commands.h"
 
 #include "console/ConClientApp.h"
-#include "engine/Engine.h"
+#include "core/Settings.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -52,22 +52,10 @@ constexpr Row table[] = {
     {"p", run<downloadPart>},
     {"pass", run<setController>},
     {"dumax", run<setLimits>},
-    {"auto", run<setAutoConnect>},
-    {"name", run<setName>},
-    {"verbose", run<setVerbose>},
-    {"port", run<setPort>},
-    {"aport", run<setControllerPort>},
-    {"temp", run<setTempDirectory>},
-    {"in", run<setIncomingDirectory>},
-    {"line", run<setLineSpeed>},
     {"vo", run<viewOptions>},
     {"g", run<viewServerState>},
     {"x", run<disconnectFromServer>},
     {"space", run<viewDiskSpace>},
-    {"lang", run<setLanguage>},
-    {"save", run<setSaveCorrupted>},
-    {"asr", run<setRemoveServers>},
-    {"mcon", run<setMaxConnections>},
     {"dllink", run<downloadLink>},
     {"test", run<runTests>},
 };
@@ -139,6 +127,8 @@ constexpr const char* help[] = {
 
 void addCommands(Servant& servant) {
     for (const Row& row : table) servant.addCommand(row.name, row.handler);
+    for (const Setting& row : setting::table)
+        if (row.command.name) servant.addCommand(row.command.name, run<changeSetting>);
 }
 
 void showHelp(ConClientApp& console, char*) {

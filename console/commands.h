@@ -11,7 +11,7 @@ class ConClientApp;
 class Search;
 class Servant;
 
-// Adds every command, in the order of the table in commands.cpp.
+// Adds every command: those of the table in commands.cpp, and those of the settings.
 void addCommands(Servant& servant);
 
 // The number that a word begins with: 0 where it begins with none, and the nearest i32 for one beyond it.
@@ -50,18 +50,7 @@ void changeDownload(ConClientApp& console, char* line);
 // Settings.
 void setController(ConClientApp& console, char* line);
 void setLimits(ConClientApp& console, char* line);
-void setAutoConnect(ConClientApp& console, char* line);
-void setName(ConClientApp& console, char* line);
-void setVerbose(ConClientApp& console, char* line);
-void setPort(ConClientApp& console, char* line);
-void setControllerPort(ConClientApp& console, char* line);
-void setTempDirectory(ConClientApp& console, char* line);
-void setIncomingDirectory(ConClientApp& console, char* line);
-void setLineSpeed(ConClientApp& console, char* line);
-void setLanguage(ConClientApp& console, char* line);
-void setSaveCorrupted(ConClientApp& console, char* line);
-void setRemoveServers(ConClientApp& console, char* line);
-void setMaxConnections(ConClientApp& console, char* line);
+void changeSetting(ConClientApp& console, char* line);  // by the command of a row of Settings.h
 
 // Views.
 void viewResults(ConClientApp& console, char* line);

@@ -2,31 +2,52 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
+#include <optional>
+#include <string_view>
 
 #include "console/ConClientApp.h"
 #include "console/commands.h"
+#include "core/Settings.h"
 #include "engine/Engine.h"
 
 namespace {
 
 const char* firstArgument(char* line) { return argumentsOf(line).next(); }
 
-// `auto` turns it on, `auto -` off.
-i32 onUnlessDash(char* line) {
-    const char* argument = firstArgument(line);
-    return argument && argument[0] == '-' ? 0 : 1;
-}
-
 void sayInvalid(const ConClientApp& console) { console.log().printLine("Invalid arguments."); }
 
-// A port that a command names. Empty, and said, where there is none.
-std::optional<u16> portArgument(const ConClientApp& console, char* line) {
-    const std::optional<i32> number = numberArgument(line);
-    if (!number || *number < 1 || *number > 0xFFFF) {
-        sayInvalid(console);
-        return std::nullopt;
+// A whole number and nothing behind it.
+std::optional<SettingValue> exactNumber(const char* argument) {
+    char* end = nullptr;
+    errno = 0;
+    const long number = std::strtol(argument, &end, 10);
+    if (*end || errno != 0 || number != static_cast<i32>(number)) return std::nullopt;
+    return SettingValue(static_cast<i32>(number));
+}
+
+// The row whose command begins the line.
+const Setting& settingOf(i4_string line) {
+    const std::string_view word = Tokens(&line[0]).next();
+    return *std::find_if(std::begin(setting::table), std::end(setting::table),
+                         [&](const Setting& row) { return row.command.name && row.command.name == word; });
+}
+
+// What the row's command makes of its line. Empty where nothing is to change; that is said here, if at all.
+std::optional<SettingValue> wishFor(const ConClientApp& console, const Setting& row, char* line) {
+    const SettingArgument takes = row.command.takes;
+    const bool isLine = takes == SettingArgument::line;
+    const char* argument = isLine ? restOfLine(line) : firstArgument(line);
+    if (takes == SettingArgument::dash) return SettingValue(argument && argument[0] == '-' ? 0 : 1);
+    if (argument && row.isText()) return SettingValue(argument);
+    if (argument && takes == SettingArgument::exact) return exactNumber(argument);
+    if (argument) {
+        const i32 number = numberIn(argument);
+        if (row.form.allows(number)) return SettingValue(number);
+        if (row.form.type == META_TAG_FLOAT) return SettingValue(std::strtod(row.preset, nullptr));
     }
-    return static_cast<u16>(*number);
+    if (!isLine && takes != SettingArgument::exact) sayInvalid(console);
+    return std::nullopt;
 }
 
 }  // namespace
@@ -49,74 +70,12 @@ void setLimits(ConClientApp& console, char* line) {
     console.log().printLine("Done.");
 }
 
-void setAutoConnect(ConClientApp& console, char* line) {
-    console.engine().preferences.autoConnect = onUnlessDash(line);
-    console.engine().messageQ.wake();  // it may be due
-}
-void setVerbose(ConClientApp& console, char* line) { console.log().setVerbose(onUnlessDash(line) != 0); }
-void setSaveCorrupted(ConClientApp& console, char* line) {
-    console.engine().preferences.saveCor = onUnlessDash(line);
-}
-void setRemoveServers(ConClientApp& console, char* line) {
-    console.engine().preferences.servRemove = onUnlessDash(line);
-}
-
-void setName(ConClientApp& console, char* line) {
-    const char* name = firstArgument(line);
-    if (!name) return sayInvalid(console);
-    console.engine().preferences.setName(name);
-    console.log().printLine("ok.");
-}
-
-void setPort(ConClientApp& console, char* line) {
-    const std::optional<u16> port = portArgument(console, line);
-    if (!port) return;
-    console.engine().preferences.setDoorPort(*port);
-    console.log().printLine("Port will change when you restart.");
-}
-
-void setControllerPort(ConClientApp& console, char* line) {
-    const std::optional<u16> port = portArgument(console, line);
-    if (!port) return;
-    console.engine().preferences.adminDoorPort = *port;
-    console.log().printLine("Port will change when you restart.");
-}
-
-void setTempDirectory(ConClientApp& console, char* line) {
-    const char* path = restOfLine(line);
-    if (!path) return;
-    console.engine().preferences.setTemp(path);
-    console.log().printLine("Temp directory is now: %s", path);
-}
-
-void setIncomingDirectory(ConClientApp& console, char* line) {
-    const char* path = restOfLine(line);
-    if (!path) return;
-    console.engine().preferences.setIncoming(path);
-    console.log().printLine("Incoming directory is now: %s", path);
-}
-
-void setLineSpeed(ConClientApp& console, char* line) {
-    const std::optional<i32> speed = numberArgument(line);
-    if (!speed) return sayInvalid(console);
-    console.engine().preferences.lineDown = static_cast<f32>(std::max(0, *speed));
-    console.log().printLine("Done.");
-}
-
-void setLanguage(ConClientApp& console, char* line) {
-    const char* name = firstArgument(line);
-    if (!name) return sayInvalid(console);
-    console.engine().preferences.setLanguage(name);
-    console.log().printLine("ok.");
-}
-
-void setMaxConnections(ConClientApp& console, char* line) {
-    const char* argument = firstArgument(line);
-    if (!argument) return;
-    char* end = nullptr;
-    errno = 0;
-    const long number = std::strtol(argument, &end, 10);
-    if (*end || errno != 0 || number != static_cast<i32>(number)) return;
-    console.engine().preferences.maxCon = static_cast<i32>(number);
-    console.log().printLine("Done.");
+void changeSetting(ConClientApp& console, char* line) {
+    const Setting& row = settingOf(line);
+    const std::optional<SettingValue> wish = wishFor(console, row, line);
+    if (!wish) return;
+    console.engine().preferences.set(row, *wish);
+    console.engine().messageQ.wake();  // what the setting makes due
+    if (const char* answer = row.command.answer)
+        console.log().printLine("%s%s", answer, row.form.isPath ? orEmpty(wish->text) : "");
 }

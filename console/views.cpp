@@ -3,6 +3,7 @@
 
 #include "console/ConClientApp.h"
 #include "console/commands.h"
+#include "core/Settings.h"
 #include "engine/Engine.h"
 #include "meta/address.h"
 #include "peer/UploadSlot.h"
@@ -107,22 +108,17 @@ void viewConnections(ConClientApp& console, char*) {
 }
 
 void viewOptions(ConClientApp& console, char*) {
-    console.log().printLine("Name:\t\t\t%s", orEmpty(console.engine().preferences.getName()));
-    console.log().printLine("AdminName:\t\t%s", orEmpty(console.engine().preferences.adminName()));
-    console.log().printLine("AdminPass:\t\t%s", orEmpty(console.engine().preferences.adminPass()));
-    console.log().printLine("AdminPort:\t\t%d", console.engine().preferences.adminDoorPort.get());
-    console.log().printLine("Max Download Speed:\t%.2f",
-                            static_cast<f64>(console.engine().preferences.userMaxDownF));
-    console.log().printLine("Max Upload Speed:\t%.2f",
-                            static_cast<f64>(console.engine().preferences.userMaxUpF));
-    console.log().printLine("Line Speed Down:\t%.2f",
-                            static_cast<f64>(console.engine().preferences.lineDown));
-    console.log().printLine("Door Port:\t\t%d", console.engine().preferences.doorPort.get());
-    console.log().printLine("AutoConnect:\t\t%d", console.engine().preferences.autoConnect.get());
-    console.log().printLine("Verbose:\t\t%d", console.log().isVerbose() ? 1 : 0);
-    console.log().printLine("SaveCorrupted:\t\t%d", console.engine().preferences.saveCor.get());
-    console.log().printLine("AutoServerRemove:\t%d", console.engine().preferences.servRemove.get());
-    console.log().printLine("MaxConnections:\t\t%d", console.engine().preferences.maxCon.get());
+    for (u8 place = 1; const Setting* row = setting::at(place, &Setting::view); ++place) {
+        const SettingValue value = console.engine().preferences.value(*row);
+        const char* label = row->view.label;
+        const char* tabs = "\t\t\t" + (i4_strlen(label) + 1) / 8;  // the values stand below each other
+        if (row->isText()) {
+            console.log().printLine("%s:%s%s", label, tabs, orEmpty(value.text));
+        } else {
+            console.log().printLine("%s:%s%.*f", label, tabs, row->form.type == META_TAG_FLOAT ? 2 : 0,
+                                    value.number);
+        }
+    }
 }
 
 void viewServerState(ConClientApp& console, char*) {

@@ -11,17 +11,18 @@
 #include "core/Preferences.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <variant>
 #include <vector>
 
+#include "core/Settings.h"
 #include "core/StringTable.h"
 #include "core/UIInterface.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/error.h"
-#include "i4min/network/proxy.h"
 #include "meta/Meta.h"
 #include "meta/MetaTag.h"
 #include "meta/UserMeta.h"
@@ -31,52 +32,41 @@ namespace {
 
 constexpr std::size_t longestName = 64;
 constexpr u32 largestFile = 16 * 1024 * 1024;
-constexpr i32 defaultDoorPort = 4662;
-constexpr i32 defaultAdminDoorPort = 4663;
-constexpr f32 defaultSpeed = 5.0F;  // KB/s
-constexpr const char* defaultStringFile = "default.str";
-
-void take(const Meta& settings, const char* key, Relaxed<i32>& field) {
-    if (const u32* value = settings.getValue<u32>(key)) field = static_cast<i32>(*value);
-}
 
 // In KB/s; what can't be a speed counts as no limit.
-f32 asLimit(f32 value) { return std::isfinite(value) && value > 0 ? value : 0; }
+f32 asLimit(f32 value) { return setting::speed.allows(value) ? value : 0; }
 
-f32 takeLimit(const Meta& settings, const char* key) { return asLimit(settings.getFloat(key)); }
-
-// Estimates stand in thousandths.
-f32 takeEstimate(const Meta& settings, const char* key) {
-    const u32 value = settings.getInt(key);
-    return value == 0 ? defaultSpeed : static_cast<f32>(value) / 1000;
+// Calls `use` with the place of the row's value, unless functions stand for it.
+template <class P, class T, class Use>
+void withField(const Setting& row, P& preferences, T& texts, Use use) {
+    const auto visit = [&](auto field) {
+        if constexpr (requires { preferences.*field; }) {
+            use(preferences.*field);
+        } else if constexpr (requires { texts.*field; }) {
+            use(texts.*field);
+        }
+    };
+    std::visit(visit, row.field);
 }
 
-bool isPort(i32 value) { return value > 0 && value <= 0xFFFF; }
-
-i4_string takeText(const Meta& settings, const char* key) {
-    return i4_string(orEmpty(settings.getText(key)));
+SettingValue valueIn(const Setting& row, const Preferences& preferences, const SettingTexts& texts) {
+    SettingValue value;
+    withField(row, preferences, texts, [&](const auto& field) { value = SettingValue(field); });
+    return value;
 }
 
-// What is unset is saved as an empty text.
-i4_string takeOptionalText(const Meta& settings, const char* key) {
-    const i4_string text = takeText(settings, key);
-    return text.length() > 0 ? text : i4_string(nullptr);
+void assign(const Setting& row, const SettingValue& value, Preferences& preferences, SettingTexts& texts) {
+    withField(row, preferences, texts, [&](auto& field) { field = value; });
 }
 
-void store(Meta& settings, const char* key, i32 value) { settings.setInt(key, static_cast<u32>(value)); }
+f32 fromThousandths(f64 value) { return static_cast<f32>(value) / 1000; }
 
-void store(Meta& settings, const char* key, f32 value) { settings.setTag(key, value); }
-
-void store(Meta& settings, const char* key, const i4_string& value) {
-    settings.setText(key, value.isNull() ? "" : value.c_str());
-}
-
-// Thousandths, cut. A stored number that stands for this very speed stays: a float holds no thousandths of a
-// fast line, and what is saved mustn't drift from run to run.
-void storeEstimate(Meta& settings, const char* key, f32 speed) {
+// A stored number that stands for this very speed stays: a float holds no thousandths of a fast line, and
+// what is saved mustn't drift from run to run.
+u32 toThousandths(f32 speed, const u32* stored) {
     constexpr f32 most = 2'147'483'520.0F;  // the largest float that an i32 holds
-    if (settings.getInt(key) != 0 && takeEstimate(settings, key) == speed) return;
-    store(settings, key, static_cast<i32>(std::clamp(asLimit(speed) * 1000, 0.0F, most)));
+    if (stored && *stored != 0 && fromThousandths(*stored) == speed) return *stored;
+    return static_cast<u32>(std::clamp(asLimit(speed) * 1000, 0.0F, most));
 }
 
 }  // namespace
@@ -95,17 +85,6 @@ i4_string Preferences::randomName() {
     return name;
 }
 
-struct Preferences::Texts {
-    i4_string incoming;
-    i4_string temp;
-    i4_string userName;
-    i4_string password;
-    i4_string adminName;
-    i4_string adminPass;
-    i4_string stringFile = defaultStringFile;
-    i4_proxy_settings proxy;
-};
-
 Preferences::Preferences(Host& host, UIInterface& log, StringTable& strings, const char* directory)
     : workDir(directory),
       disk_(host.disk),
@@ -115,12 +94,13 @@ Preferences::Preferences(Host& host, UIInterface& log, StringTable& strings, con
       files_(host.disk, log),
       settings_(std::make_unique<Meta>()),
       self_(std::make_unique<UserMeta>()),
-      texts_(std::make_unique<Texts>()) {}
+      texts_(std::make_unique<SettingTexts>()) {
+    takeAll(Meta(), Meta(), *texts_);
+}
 
 Preferences::~Preferences() = default;
 
 void Preferences::load() {
-    makePaths();
     i4_string link;
     const bool isThere = disk_.exists(prefPath.c_str()) || disk_.readLink(prefPath.c_str(), link);
     if (!isThere || !readFile()) {
@@ -130,21 +110,11 @@ void Preferences::load() {
     strings_.reload(disk_, inWorkDir(stringFile().c_str()).c_str());
 }
 
-void Preferences::makePaths() {
-    knownPath = inWorkDir("known.met");
-    serverPath = inWorkDir("server.met");
-    partsPath = inWorkDir("parts.met");
-    friendPath = inWorkDir("friend.met");
-    sharePath = inWorkDir("share.dat");
-    prefPath = inWorkDir("pref.met");
-    filterPath = inWorkDir("filters.txt");
-}
-
 // Without a known working directory, names stay relative to it.
 i4_string Preferences::inWorkDir(const char* name) const {
     if (workDir.length() == 0) return i4_string(name);
     i4_string path;
-    path.format("%s%c%s", workDir.c_str(), pathSeparator, name);
+    path.format("%s/%s", workDir.c_str(), name);
     return path;
 }
 
@@ -166,7 +136,7 @@ bool Preferences::readFile() {
 }
 
 bool Preferences::fromDisk(i4_file& stream) {
-    Texts texts;
+    SettingTexts texts;
     {
         i4_lock guard(selfLock);
         try {
@@ -175,71 +145,47 @@ bool Preferences::fromDisk(i4_file& stream) {
             return false;
         }
         if (!self_->getName() || self_->hash.isZero()) return false;
-        takeNumbers();
-        texts = readTexts();
+        self_->setInt(TAG_VERSION, protocolVersion);
+        takeAll(*self_, *settings_, texts);
+        self_->port = static_cast<u16>(doorPort);
     }
-    takeTexts(texts);
+    i4_lock guard(pathLock);
+    *texts_ = texts;
     return true;
 }
 
-Preferences::Texts Preferences::readTexts() const {
-    const Meta& tags = *settings_;
-    Texts texts;
-    texts.incoming = takeText(tags, "incoming");
-    texts.temp = takeText(tags, "temp");
-    texts.userName = takeText(tags, "userName");
-    texts.password = takeText(tags, "password");
-    texts.adminName = takeText(tags, "adminName");
-    texts.adminPass = takeText(tags, "adminPass");
-    texts.stringFile = takeText(tags, "lang");
-    texts.proxy.pType = static_cast<i32>(tags.getInt("pType"));
-    if (texts.proxy.pType != 0) {
-        texts.proxy.server = takeText(tags, "pSName");
-        texts.proxy.port = static_cast<i32>(tags.getInt("pPort"));
-        texts.proxy.user = takeOptionalText(tags, "pUName");
-        texts.proxy.password = takeOptionalText(tags, "pUPass");
+// An empty path would mean the root.
+SettingValue Preferences::stored(const Meta& tags, const Setting& row) const {
+    const SettingForm& form = row.form;
+    const void* tag = row.key ? tags.getValue(row.key, form.type) : nullptr;
+    if (row.isText()) {
+        const i4_string text(orEmpty(static_cast<const char*>(tag)));
+        if (text.length() > 0) return text;
+        return form.isPath ? inWorkDir(row.preset) : i4_string(row.preset);
     }
-    return texts;
+    f64 value = std::strtod(row.preset, nullptr);
+    if (tag) {
+        const u32 bits = tags.getInt(row.key);
+        const f64 whole = form.isThousandths ? f64(bits) : f64(static_cast<i32>(bits));
+        const f64 kept = form.type == META_TAG_FLOAT ? f64{std::bit_cast<f32>(bits)} : whole;
+        if (form.allows(kept)) value = kept;
+    }
+    return form.isThousandths ? fromThousandths(value) : value;
 }
 
-void Preferences::takeNumbers() {
-    self_->setInt(TAG_VERSION, protocolVersion);
-    userMaxUpF = takeLimit(*settings_, "userMaxUpF");
-    userMaxDownF = takeLimit(*settings_, "userMaxDownF");
+void Preferences::takeAll(const Meta& user, const Meta& tags, SettingTexts& texts) {
+    for (const Setting& row : setting::table)
+        assign(row, stored(row.isInUserRecord() ? user : tags, row), *this, texts);
     setMaxUp(userMaxUpF);
     setMaxDown(userMaxDownF);
-    lineDown = takeLimit(*settings_, "lineDown");
-    maxUpSpeed = takeEstimate(*settings_, "maxUpSpeed");
-    maxDownSpeed = takeEstimate(*settings_, "maxDownSpeed");
-    // maxNumUp and pSize are saved, and never read back.
-    take(*settings_, "maxDown", maxDown);
-    take(*settings_, "maxCon", maxCon);
-    take(*settings_, "adminDoorPort", adminDoorPort);
-    if (!isPort(adminDoorPort)) adminDoorPort = defaultAdminDoorPort;
-    take(*settings_, "ipOver", ipOver);
-    take(*settings_, "pmAllow", pmAllow);
-    take(*settings_, "auto", autoConnect);
-    take(*settings_, "saveCor", saveCor);
-    take(*settings_, "trayCheck", trayCheck);
-    take(*settings_, "verifyCancel", verifyCancel);
-    take(*settings_, "servRemove", servRemove);
-    const i32 port = static_cast<i32>(self_->getInt(TAG_PORT));
-    doorPort = isPort(port) ? port : defaultDoorPort;
-    self_->port = static_cast<u16>(doorPort);
-}
-
-// A directory that is missing or empty takes its default: an empty path would mean the root.
-void Preferences::takeTexts(const Texts& texts) {
-    i4_lock guard(pathLock);
-    *texts_ = texts;
-    if (texts_->incoming.length() == 0) texts_->incoming = inWorkDir("incoming");
-    if (texts_->temp.length() == 0) texts_->temp = inWorkDir("temp");
-    if (texts_->stringFile.length() == 0) texts_->stringFile = defaultStringFile;
+    // The rest of the proxy counts only with a type. What is unset is saved as an empty text.
+    if (texts.pType == I4_PROXY_NONE) static_cast<i4_proxy_settings&>(texts) = {};
+    for (i4_string* text : {&texts.user, &texts.password})
+        if (text->length() == 0) *text = nullptr;
 }
 
 void Preferences::makeFirstRun() {
-    takeTexts(Texts());
-    const Texts texts = copyTexts();
+    const SettingTexts texts = copyTexts();
     i4_lock guard(selfLock);
     const UserMeta nobody;
     self_->copyFrom(&nobody);
@@ -247,13 +193,8 @@ void Preferences::makeFirstRun() {
     random_.fill(self_->hash.bytes.data(), self_->hash.bytes.size());
     self_->setName(randomName().c_str());
     self_->setInt(TAG_VERSION, protocolVersion);
-    store(*settings_, "incoming", texts.incoming);
-    store(*settings_, "temp", texts.temp);
-    store(*settings_, "pSize", pSize);
-    store(*settings_, "maxNumUp", maxNumUp);
-    store(*settings_, "maxDown", maxDown);
-    store(*settings_, "adminName", texts.adminName);
-    store(*settings_, "adminPass", texts.adminPass);
+    for (u8 place = 1; const Setting* row = setting::at(place, &Setting::firstRun); ++place)
+        store(*row, texts);
 }
 
 bool Preferences::save() {
@@ -261,50 +202,49 @@ bool Preferences::save() {
 }
 
 bool Preferences::toDisk(i4_file& stream) {
-    const Texts texts = copyTexts();
+    const SettingTexts texts = copyTexts();
     i4_lock guard(selfLock);
-    storeTags(texts);
+    for (const Setting& row : setting::table) store(row, texts);
     return self_->toDisk(stream) && settings_->toDisk(stream);
 }
 
-Preferences::Texts Preferences::copyTexts() const {
+SettingTexts Preferences::copyTexts() const {
     i4_lock guard(pathLock);
     return *texts_;
 }
 
-void Preferences::storeTags(const Texts& texts) {
+void Preferences::store(const Setting& row, const SettingTexts& texts) {
+    if (!row.key) return;
     Meta& tags = *settings_;
-    store(tags, "pmAllow", pmAllow);
-    store(tags, "pSize", pSize);
-    store(tags, "maxNumUp", maxNumUp);
-    store(tags, "userMaxUpF", userMaxUpF);
-    store(tags, "userMaxDownF", userMaxDownF);
-    store(tags, "maxDown", maxDown);
-    store(tags, "maxCon", maxCon);
-    store(tags, "incoming", texts.incoming);
-    store(tags, "temp", texts.temp);
-    store(tags, "adminName", texts.adminName);
-    store(tags, "adminPass", texts.adminPass);
-    store(tags, "auto", autoConnect);
-    store(tags, "saveCor", saveCor);
-    store(tags, "verifyCancel", verifyCancel);
-    store(tags, "trayCheck", trayCheck);
-    store(tags, "servRemove", servRemove);
-    store(tags, "userName", texts.userName);
-    store(tags, "password", texts.password);
-    store(tags, "ipOver", ipOver);
-    store(tags, "lang", texts.stringFile);
-    store(tags, "lineDown", lineDown);
-    store(tags, "adminDoorPort", adminDoorPort);
-    storeEstimate(tags, "maxUpSpeed", maxUpSpeed);
-    storeEstimate(tags, "maxDownSpeed", maxDownSpeed);
-    self_->setInt(TAG_PORT, static_cast<u32>(doorPort.get()));
-    store(tags, "pType", texts.proxy.pType);
-    store(tags, "pSName", texts.proxy.server);
-    store(tags, "pUName", texts.proxy.user);
-    store(tags, "pUPass", texts.proxy.password);
-    store(tags, "pPort", texts.proxy.port);
+    const SettingValue value = valueIn(row, *this, texts);
+    const f32 speed = value;
+    if (row.isInUserRecord()) {
+        self_->setInt(static_cast<TagIndex>(row.key[0]), static_cast<u32>(i32{value}));
+    } else if (row.isText()) {
+        tags.setText(row.key, value);
+    } else if (row.form.type == META_TAG_FLOAT) {
+        tags.setTag(row.key, &speed, META_TAG_FLOAT);
+    } else if (row.form.isThousandths) {
+        const void* stored = tags.getValue(row.key, META_TAG_INT);
+        tags.setInt(row.key, toThousandths(speed, static_cast<const u32*>(stored)));
+    } else {
+        tags.setInt(row.key, static_cast<u32>(i32{value}));
+    }
 }
+
+SettingValue Preferences::value(const Setting& row) const {
+    if (const auto* tell = std::get_if<Setting::Teller>(&row.field)) return (*tell)(*this);
+    return valueIn(row, *this, copyTexts());
+}
+
+void Preferences::set(const Setting& row, const SettingValue& value) {
+    if (row.command.set) return row.command.set(*this, value);
+    i4_lock guard(pathLock);
+    assign(row, value, *this, *texts_);
+}
+
+bool Preferences::isVerbose() const { return log_.isVerbose(); }
+void Preferences::setVerbose(i32 verbose) { log_.setVerbose(verbose != 0); }
 
 u32 Preferences::clientId() const {
     i4_lock guard(selfLock);
@@ -362,54 +302,37 @@ i4_string Preferences::getName() const {
     return i4_string(self_->getName());
 }
 
-void Preferences::setDoorPort(u16 port) {
+void Preferences::setDoorPort(i32 port) {
     i4_lock guard(selfLock);
-    self_->port = port;
+    self_->port = static_cast<u16>(port);
     doorPort = port;
 }
 
-i4_string Preferences::incomingDir() const {
-    i4_lock guard(pathLock);
-    return texts_->incoming;
-}
+i4_string Preferences::incomingDir() const { return copyTexts().incoming; }
+i4_string Preferences::tempDir() const { return copyTexts().temp; }
+i4_string Preferences::adminName() const { return copyTexts().adminName; }
+i4_string Preferences::adminPass() const { return copyTexts().adminPass; }
+i4_string Preferences::stringFile() const { return copyTexts().stringFile; }
+i4_proxy_settings Preferences::proxy() const { return copyTexts(); }
 
-i4_string Preferences::tempDir() const {
+void Preferences::setText(i4_string SettingTexts::*field, const char* text) {
     i4_lock guard(pathLock);
-    return texts_->temp;
+    (*texts_).*field = text;
 }
 
 void Preferences::setIncoming(const char* path) {
-    {
-        i4_lock guard(pathLock);
-        texts_->incoming = path;
-    }
+    setText(&SettingTexts::incoming, path);
     makeDirectory(path);
 }
 
 void Preferences::setTemp(const char* path) {
-    {
-        i4_lock guard(pathLock);
-        if (texts_->temp == path) return;
-    }
+    if (tempDir() == path) return;
     if (hasDownloads && hasDownloads()) {
         log_.printLine("%s", strings_.get(STRINGS_CANT_CHANGE_TEMP));
         return;
     }
-    {
-        i4_lock guard(pathLock);
-        texts_->temp = path;
-    }
+    setText(&SettingTexts::temp, path);
     makeDirectory(path);
-}
-
-i4_string Preferences::adminName() const {
-    i4_lock guard(pathLock);
-    return texts_->adminName;
-}
-
-i4_string Preferences::adminPass() const {
-    i4_lock guard(pathLock);
-    return texts_->adminPass;
 }
 
 void Preferences::setAdmin(const char* name, const char* password) {
@@ -447,25 +370,12 @@ void Preferences::setMaxDown(f32 wish) {
 void Preferences::setLanguage(const char* name) {
     i4_string file;
     file.format("%s.str", name);
-    {
-        i4_lock guard(pathLock);
-        texts_->stringFile = file;
-    }
+    setText(&SettingTexts::stringFile, file.c_str());
     strings_.reload(disk_, inWorkDir(file.c_str()).c_str());
     strings_.nameTags();
 }
 
-i4_string Preferences::stringFile() const {
-    i4_lock guard(pathLock);
-    return texts_->stringFile;
-}
-
-i4_proxy_settings Preferences::proxy() const {
-    i4_lock guard(pathLock);
-    return texts_->proxy;
-}
-
 void Preferences::setProxy(const i4_proxy_settings& settings) {
     i4_lock guard(pathLock);
-    texts_->proxy = settings;
+    static_cast<i4_proxy_settings&>(*texts_) = settings;
 }

@@ -16,13 +16,16 @@ class i4_file;
 class Meta;
 class StringTable;
 class UserMeta;
+struct Setting;
+struct SettingTexts;
+struct SettingValue;
 struct i4_proxy_settings;
 
 // The settings of the process, read from pref.met at start and written back by save(). A first run makes an
 // identity of its own: user hash and name.
 // Thread: any. Single words are shared as they stand; texts that commands change are guarded by pathLock and
 // handed out as copies; the user record and the tags of pref.met are guarded by selfLock. The paths are
-// constant after load().
+// constant.
 class Preferences : public LineSpeeds {
   public:
     // All files lie in `directory`; for an empty one their names stay relative.
@@ -42,6 +45,10 @@ class Preferences : public LineSpeeds {
     bool fromDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
     bool toDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
 
+    // Any row of the table in Settings.h. What has a rule of its own is set by it.
+    SettingValue value(const Setting& row) const EXCLUDES(selfLock, pathLock);
+    void set(const Setting& row, const SettingValue& value) EXCLUDES(selfLock, pathLock);
+
     // The client's own record.
     u32 clientId() const EXCLUDES(selfLock);
     // A changed ID goes on to onClientIdChanged.
@@ -55,7 +62,7 @@ class Preferences : public LineSpeeds {
     void setName(const char* name) EXCLUDES(selfLock);  // cut to 64 characters
     i4_string getName() const EXCLUDES(selfLock);
     // The listener keeps its port until the next start.
-    void setDoorPort(u16 port) EXCLUDES(selfLock);
+    void setDoorPort(i32 port) EXCLUDES(selfLock);
 
     i4_string incomingDir() const EXCLUDES(pathLock);
     i4_string tempDir() const EXCLUDES(pathLock);
@@ -83,51 +90,49 @@ class Preferences : public LineSpeeds {
     // Stored by the next save(); takes effect at the next start.
     void setProxy(const i4_proxy_settings& settings) EXCLUDES(pathLock);
 
+    // Of the log, for this run.
+    bool isVerbose() const;
+    void setVerbose(i32 verbose);
+
     // What the engine above has to do with a setting; the engine sets both before any thread of it runs. They
     // are called without a lock held. Empty where there is no engine.
     std::function<void()> onClientIdChanged;
     std::function<bool()> hasDownloads;
 
-    // File names, in the working directory; constant after load().
-    i4_string workDir;
-    i4_string knownPath;
-    i4_string serverPath;
-    i4_string partsPath;
-    i4_string friendPath;
-    i4_string sharePath;
-    i4_string prefPath;
-    i4_string filterPath;
-    const char pathSeparator = '/';
+    static constexpr char pathSeparator = '/';
+    // File names, in the working directory.
+    const i4_string workDir;
+    const i4_string knownPath = inWorkDir("known.met");
+    const i4_string serverPath = inWorkDir("server.met");
+    const i4_string partsPath = inWorkDir("parts.met");
+    const i4_string friendPath = inWorkDir("friend.met");
+    const i4_string sharePath = inWorkDir("share.dat");
+    const i4_string prefPath = inWorkDir("pref.met");
+    const i4_string filterPath = inWorkDir("filters.txt");
 
+    // Where Settings.h keeps its numbers, and one that isn't in it.
     Relaxed<f32> lineDown;  // KB/s, as the user told
-    Relaxed<i32> maxDown{5};
-    Relaxed<i32> maxNumUp{5};
-    Relaxed<i32> maxCon{45};
+    Relaxed<i32> maxCon;
     Relaxed<i32> workerCount{1};
-    Relaxed<i32> pSize{184'320};  // most bytes that one request to a source covers
-    Relaxed<i32> ipOver;
-    Relaxed<i32> pmAllow;  // who may open a call: 0 all, 1 users with a call, 2 those and friends
-    Relaxed<i32> trayCheck{1};
-    Relaxed<i32> verifyCancel{1};
-    Relaxed<i32> saveCor{1};   // keep a completed download whose hash failed
-    Relaxed<i32> autoConnect;  // the setting `auto`: connect to a server by itself
-    Relaxed<i32> servRemove{1};
-    Relaxed<i32> doorPort{4662};
-    Relaxed<i32> adminDoorPort{4663};
+    Relaxed<i32> pSize;         // most bytes that one request to a source covers
+    Relaxed<i32> pmAllow;       // who may open a call: 0 all, 1 users with a call, 2 those and friends
+    Relaxed<i32> verifyCancel;  // for controllers
+    Relaxed<i32> saveCor;       // keep a completed download whose hash failed
+    Relaxed<i32> autoConnect;   // the setting `auto`: connect to a server by itself
+    Relaxed<i32> servRemove;
+    Relaxed<i32> doorPort, adminDoorPort;
+    Relaxed<i32> maxDown, maxNumUp, ipOver, trayCheck;  // kept for other front ends
 
   private:
     void makeDirectory(const char* path);
     i4_string randomName();
-    struct Texts;  // the texts that commands change, and the proxy
-
-    void makePaths();
     bool readFile() EXCLUDES(selfLock, pathLock);
     void makeFirstRun() EXCLUDES(selfLock, pathLock);
-    void takeNumbers() REQUIRES(selfLock);
-    Texts readTexts() const REQUIRES(selfLock);
-    void takeTexts(const Texts& texts) EXCLUDES(pathLock);
-    Texts copyTexts() const EXCLUDES(pathLock);
-    void storeTags(const Texts& texts) REQUIRES(selfLock);
+    SettingValue stored(const Meta& tags, const Setting& row) const;
+    void takeAll(const Meta& user, const Meta& tags, SettingTexts& texts);
+    void setText(i4_string SettingTexts::*field, const char* text) EXCLUDES(pathLock);
+    SettingTexts copyTexts() const EXCLUDES(pathLock);
+    void store(const Setting& row, const SettingTexts& texts) REQUIRES(selfLock);
     i4_string inWorkDir(const char* name) const;
 
     Disk& disk_;
@@ -140,5 +145,5 @@ class Preferences : public LineSpeeds {
     mutable i4_mutex selfLock{LockRank::preferences};
     const std::unique_ptr<Meta> settings_ PT_GUARDED_BY(selfLock);
     const std::unique_ptr<UserMeta> self_ PT_GUARDED_BY(selfLock);
-    const std::unique_ptr<Texts> texts_ PT_GUARDED_BY(pathLock);
+    const std::unique_ptr<SettingTexts> texts_ PT_GUARDED_BY(pathLock);
 };

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/Settings.h"
 #include "engine/Commands.h"
 #include "engine/Engine.h"
 #include "i4min/network/socket.h"
@@ -282,22 +283,21 @@ void GUIController::sendSharedDirs() {
 //   u8 auto connect           u8 remove dead servers  u8 who may call          u8 keep corrupted
 //   u8 confirm cancel         u16 controller port     u32 connections again
 void GUIController::sendSettings() {
-    const i4_string texts[] = {engine_.preferences.getName(), engine_.preferences.tempDir(),
-                               engine_.preferences.incomingDir()};
     auto packet = makePacket(CTL_SETTINGS, 32);
     i4_ram_file_class& body = packet->stream;
     body.write_16(protocolVersion);
-    body.write_float(engine_.preferences.userMaxDownF);
-    body.write_float(engine_.preferences.userMaxUpF);
-    body.write_16(static_cast<u16>(engine_.preferences.doorPort.get()));
-    body.write_16(static_cast<u16>(engine_.preferences.maxCon.get()));
-    for (const i4_string& text : texts) text.write(body);
-    for (const i32 flag : {engine_.preferences.autoConnect.get(), engine_.preferences.servRemove.get(),
-                           engine_.preferences.pmAllow.get(), engine_.preferences.saveCor.get(),
-                           engine_.preferences.verifyCancel.get()}) {
-        body.write_8(static_cast<u8>(flag));
+    for (u8 place = 1; const Setting* row = setting::at(place, &Setting::message); ++place) {
+        const SettingValue value = engine_.preferences.value(*row);
+        if (row->isText()) {
+            value.text.write(body);
+        } else if (row->form.type == META_TAG_FLOAT) {
+            body.write_float(value);
+        } else if (row->message.bytes == 1) {
+            body.write_8(static_cast<u8>(i32{value}));
+        } else {
+            body.write_16(static_cast<u16>(i32{value}));
+        }
     }
-    body.write_16(static_cast<u16>(engine_.preferences.adminDoorPort.get()));
     body.write_32(static_cast<u32>(engine_.preferences.maxCon.get()));
     packet->finish();
     send(std::move(packet));

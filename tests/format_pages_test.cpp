@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/Preferences.h"
+#include "core/Settings.h"
 #include "download/Collection.h"
 #include "download/PartialList.h"
 #include "download/ShareList.h"
@@ -275,6 +276,59 @@ TEST(FormatPages, TheMessagesAreThoseOfTheTables) {
                 ContainerEq(messagesOf(serverDatagrams, true)));
     EXPECT_THAT(messagesOnPage("Client and client"), ContainerEq(messagesOf(peerMessages, true)));
     EXPECT_THAT(messagesOnPage("Controller and client"), ContainerEq(messagesOf(controllerMessages, false)));
+}
+
+std::vector<std::string> wordsOf(const std::string& cell) {
+    std::vector<std::string> words;
+    std::istringstream list(cell);
+    for (std::string word; std::getline(list, word, ',');) {
+        word.erase(0, word.find_first_not_of(" `"));
+        words.push_back(word.substr(0, word.find_last_not_of(" `") + 1));
+    }
+    return words;
+}
+
+// The settings that docs/formats.md lists: key, type and default. A row of the page may tell of several keys,
+// of one type and default together or of one each.
+std::set<std::string> settingsOnPage() {
+    std::ifstream page(TARNWICK_SOURCE_DIR "/docs/formats.md");
+    std::set<std::string> settings;
+    std::string line;
+    while (std::getline(page, line) && line.rfind("| Key | Type |", 0) != 0) continue;
+    std::getline(page, line);
+    while (std::getline(page, line) && line.rfind("| ", 0) == 0) {
+        std::istringstream row(line.substr(1));
+        std::string keys, types, defaults;
+        std::getline(std::getline(std::getline(row, keys, '|'), types, '|'), defaults, '|');
+        const auto key = wordsOf(keys), type = wordsOf(types), preset = wordsOf(defaults);
+        for (std::size_t i = 0; i < key.size(); ++i) {
+            settings.insert(key[i] + ", " + type.at(type.size() == 1 ? 0 : i) + ", " +
+                            preset.at(preset.size() == 1 ? 0 : i));
+        }
+    }
+    return settings;
+}
+
+TEST(FormatPages, TheSettingsAreThoseOfTheTable) {
+    std::set<std::string> inTable;
+    for (const Setting& row : setting::table) {
+        if (!row.key || row.isInUserRecord()) continue;
+        const char* type = row.isText() ? "text" : row.form.type == META_TAG_FLOAT ? "float" : "integer";
+        const std::string preset = (row.form.isPath ? "./"s : ""s) + row.preset;
+        inTable.insert(row.key + ", "s + type + ", " + (preset.empty() ? "empty" : preset));
+    }
+    EXPECT_THAT(settingsOnPage(), testing::ContainerEq(inTable));
+
+    // What `vo` shows on docs/console.md, without its values.
+    std::ifstream page(TARNWICK_SOURCE_DIR "/docs/console.md");
+    std::string line;
+    while (std::getline(page, line) && line.rfind("`vo` shows one", 0) != 0) continue;
+    while (std::getline(page, line) && line != "```") continue;
+    std::vector<std::string> shown, labels;
+    while (std::getline(page, line) && line != "```") shown.push_back(line.substr(0, line.find(':')));
+    for (u8 place = 1; const Setting* row = setting::at(place, &Setting::view); ++place)
+        labels.emplace_back(row->view.label);
+    EXPECT_THAT(shown, testing::ContainerEq(labels));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "app/options.h"
 #include "core/Preferences.h"
+#include "core/Settings.h"
 #include "core/StringTable.h"
 #include "engine/FilterList.h"
 #include "i4min/network/proxy.h"
@@ -378,6 +379,33 @@ TEST(FilterList, AnyLineFoundInAnyTextTakesAFileOut) {
     // A file that isn't there filters nothing.
     EXPECT_FALSE(filter.load(systemDisk(), "/nonexistent"));
     EXPECT_FALSE(filter.matches(*makeFile("z", 1, 1)));
+}
+
+// For each row of the table: a tag of another type, whose bytes would make a value of the right one, is as if
+// it weren't there, and what is saved then is of the right type again.
+TEST_F(PreferencesTest, AValueOfAWrongTypeCountsAsMissing) {
+    File wrong;
+    for (const Setting& row : setting::table) {
+        if (!row.key || row.isInUserRecord()) continue;
+        if (row.form.type == META_TAG_INT) {
+            wrong.setFloat(row.key, 50);
+        } else {
+            wrong.settings.setInt(row.key, 50);
+        }
+    }
+    const f32 port = 50;
+    wrong.self.removeTag(TAG_PORT);
+    wrong.self.addTag(MetaTag::makeTag(META_TAG_FLOAT, "\17", &port));
+    OwnEngine own;
+    Preferences missing(own.host.host, own.log, own.engine.stringTable, ""),
+        settings(own.host.host, own.log, own.engine.stringTable, "");
+    ASSERT_TRUE(decode(missing, File().bytes()));
+    missing.setDoorPort(4662);
+    ASSERT_TRUE(decode(settings, wrong.bytes()));
+    EXPECT_EQ(settings.userMaxUpF, 0.0F) << "a limit of next to nothing would silence the client";
+    EXPECT_EQ(settings.userMaxDownF, 0.0F);
+    EXPECT_EQ(settings.maxUpSpeed, 5.0F);
+    EXPECT_EQ(encode(settings), encode(missing));
 }
 
 }  // namespace
