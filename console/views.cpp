@@ -111,7 +111,7 @@ void viewOptions(ConClientApp& console, char*) {
     for (u8 place = 1; const Setting* row = setting::at(place, &Setting::view); ++place) {
         const SettingValue value = console.engine().preferences.value(*row);
         const char* label = row->view.label;
-        const char* tabs = "\t\t\t" + (i4_strlen(label) + 1) / 8;  // the values stand below each other
+        const char* tabs = &"\t\t\t"[(i4_strlen(label) + 1) / 8];  // the values stand below each other
         if (row->isText()) {
             console.log().printLine("%s:%s%s", label, tabs, orEmpty(value.text));
         } else {
