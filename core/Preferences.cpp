@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <variant>
 #include <vector>
 
@@ -157,19 +158,19 @@ bool Preferences::fromDisk(i4_file& stream) {
 // An empty path would mean the root.
 SettingValue Preferences::stored(const Meta& tags, const Setting& row) const {
     const SettingForm& form = row.form;
-    const void* tag = row.key ? tags.getValue(row.key, form.type) : nullptr;
     if (row.isText()) {
-        const i4_string text(orEmpty(static_cast<const char*>(tag)));
+        const i4_string text(orEmpty(row.key ? tags.getText(row.key) : nullptr));
         if (text.length() > 0) return text;
         return form.isPath ? inWorkDir(row.preset) : i4_string(row.preset);
     }
     f64 value = std::strtod(row.preset, nullptr);
-    if (tag) {
-        const u32 bits = tags.getInt(row.key);
-        const f64 whole = form.isThousandths ? f64(bits) : f64(static_cast<i32>(bits));
-        const f64 kept = form.type == META_TAG_FLOAT ? f64{std::bit_cast<f32>(bits)} : whole;
-        if (form.allows(kept)) value = kept;
+    std::optional<f64> kept;
+    if (form.type == META_TAG_FLOAT) {
+        if (const f32* tag = row.key ? tags.getValue<f32>(row.key) : nullptr) kept = *tag;
+    } else if (const u32* tag = row.key ? tags.getValue<u32>(row.key) : nullptr) {
+        kept = form.isThousandths ? static_cast<f64>(*tag) : static_cast<f64>(static_cast<i32>(*tag));
     }
+    if (kept && form.allows(*kept)) value = *kept;
     return form.isThousandths ? fromThousandths(value) : value;
 }
 
@@ -223,10 +224,9 @@ void Preferences::store(const Setting& row, const SettingTexts& texts) {
     } else if (row.isText()) {
         tags.setText(row.key, value);
     } else if (row.form.type == META_TAG_FLOAT) {
-        tags.setTag(row.key, &speed, META_TAG_FLOAT);
+        tags.setTag(row.key, speed);
     } else if (row.form.isThousandths) {
-        const void* stored = tags.getValue(row.key, META_TAG_INT);
-        tags.setInt(row.key, toThousandths(speed, static_cast<const u32*>(stored)));
+        tags.setInt(row.key, toThousandths(speed, tags.getValue<u32>(row.key)));
     } else {
         tags.setInt(row.key, static_cast<u32>(i32{value}));
     }

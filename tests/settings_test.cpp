@@ -393,9 +393,8 @@ TEST_F(PreferencesTest, AValueOfAWrongTypeCountsAsMissing) {
             wrong.settings.setInt(row.key, 50);
         }
     }
-    const f32 port = 50;
     wrong.self.removeTag(TAG_PORT);
-    wrong.self.addTag(MetaTag::makeTag(META_TAG_FLOAT, "\17", &port));
+    wrong.self.addTag(MetaTag::makeTag("\17", 50.0F));
     OwnEngine own;
     Preferences missing(own.host.host, own.log, own.engine.stringTable, ""),
         settings(own.host.host, own.log, own.engine.stringTable, "");
