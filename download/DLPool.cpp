@@ -158,7 +158,7 @@ void DLPool::measureFreeSpace() {
 }
 
 void DLPool::add(const FileMeta& meta) {
-    if (findByRecord(meta.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, meta);
+    if (findAny(meta.hash)) return sayAbout(STRINGS_ALREADY_DOWNLOADING, meta);
     if (needs_.library.shared().find(meta.hash)) return sayAbout(STRINGS_ALREADY_HAVE, meta);
     needs_.core.log.printLine("%s: %s", needs_.core.strings.get(STRINGS_DOWNLOADING),
                               orEmpty(meta.getName()));
@@ -171,7 +171,7 @@ void DLPool::add(const FileMeta& meta) {
 }
 
 Ref<Download> DLPool::loadDownload(const FileMeta& record) {
-    if (findByRecord(record.hash) || isDataFileInUse(record)) {
+    if (findAny(record.hash) || isDataFileInUse(record)) {
         sayAbout(STRINGS_ALREADY_DOWNLOADING, record);
         return {};
     }
@@ -200,11 +200,11 @@ Ref<Download> DLPool::takeOut(Download* download) {
 
 Ref<Download> DLPool::find(const MD4Hash& hash) {
     if (hash.isZero()) return {};  // that of every download which is still being verified
-    Ref<Download> download = findByRecord(hash);
+    Ref<Download> download = findAny(hash);
     return download && download->hash() == hash ? download : Ref<Download>();
 }
 
-Ref<Download> DLPool::findByRecord(const MD4Hash& hash) {
+Ref<Download> DLPool::findAny(const MD4Hash& hash) {
     const i4_guard guard(downloads_);
     const auto found = byRecord_.find(hash);
     return found == byRecord_.end() ? Ref<Download>() : Ref<Download>(found->second);

@@ -31,7 +31,7 @@ class DLPool : public Thread, public DownloadOwner {
     // One whose file is set up; one that is still being verified isn't found.
     Ref<Download> find(const MD4Hash& hash);
     // Also one that is still being verified, or couldn't be loaded.
-    Ref<Download> findByRecord(const MD4Hash& hash);
+    Ref<Download> findAny(const MD4Hash& hash);
     void remove(const Ref<Download>& download);  // message 11
     void stopAll(PartialList& saved);            // at shut-down
     void republish();

@@ -43,7 +43,7 @@ bool DLS_Downloading::untilTrue(Operation operation) {
 
 void DLS_Downloading::tick(i32 elapsedMs) {
     // Nothing is missing: an empty file, or one that was whole when the program ended.
-    if (download.partial().isEmpty()) return finish();
+    if (download.partial().isComplete()) return finish();
     updateSpeed(elapsedMs);
     LL<FileSource>::Cursor before;
     LL<FileSource>::Cursor at;

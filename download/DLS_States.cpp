@@ -27,7 +27,7 @@ void DownloadState::cancel() {
 }
 
 void DLS_Queued::tick(i32 elapsedMs) {
-    if (!download.owner.canStart() && !download.partial().isEmpty()) return;
+    if (!download.owner.canStart() && !download.partial().isComplete()) return;
     download.become(Stage::downloading).tick(elapsedMs);
 }
 

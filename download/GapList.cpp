@@ -241,7 +241,7 @@ std::vector<Gap> GapList::gapsUnlocked() const {
     return copies;
 }
 
-bool GapList::isEmpty() const {
+bool GapList::isComplete() const {
     const i4_lock guard(lock_);
     return gaps_.empty();
 }

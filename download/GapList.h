@@ -43,7 +43,7 @@ class GapList {
     void copyTo(GapList& other) const;  // appends copies to the other
     void append(const Gap& gap);        // at the end, as it is
     std::vector<Gap> gaps() const;      // a copy, in order
-    bool isEmpty() const;
+    bool isComplete() const;
     std::size_t count() const;
     // A gap goes on at both ends of the range: without it there would be one gap more.
     bool isWithin(i64 start, i64 end) const;

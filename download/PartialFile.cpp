@@ -182,7 +182,7 @@ bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
     // checked.
     const bool all = std::exchange(hashesArrived_, false);
     checkRange(all ? 0 : from / PARTSIZE, all ? partCount_ - 1 : to / PARTSIZE, {});
-    return !isEmpty();
+    return !isComplete();
 }
 
 // A source that sends other bytes for a verified part must not spoil it. What isn't written fails the check

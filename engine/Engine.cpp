@@ -55,7 +55,7 @@ void Engine::met(Peer& peer, Met how) {
 }
 
 void Engine::gone(Peer& peer) {
-    uploadPool.peerGone(peer);
+    uploadPool.endAllOf(peer);
     dlPool.peerGone(peer);
     friendList.peerGone(peer);
     callList.peerGone(peer);
@@ -103,7 +103,7 @@ void Engine::slotEnded(Peer& peer) { dlPool.slotEnded(peer); }
 void Engine::gotSlotRequest(Peer& peer) { uploadPool.gotSlotRequest(peer); }
 void Engine::gotPartRequest(Peer& peer, i4_file& stream) { uploadPool.gotPartRequest(stream, peer); }
 void Engine::uploadStopped(Peer& peer, const MD4Hash& file) { uploadPool.stopUpload(file, peer); }
-void Engine::slotReleased(Peer& peer) { uploadPool.peerGone(peer); }
+void Engine::slotReleased(Peer& peer) { uploadPool.endAllOf(peer); }
 bool Engine::awaitsFiles(Peer& peer) { return friendList.awaitsFiles(peer); }
 
 void Engine::gotSharedFiles(Peer& peer, OwnedList<FileList> list) {

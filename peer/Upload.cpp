@@ -92,18 +92,18 @@ void Upload::dropRepeats() {
         Range{});
 }
 
-bool Upload::waitOn(i32 elapsedMs) {
-    const u32 wait = waits_;
-    awaited_ = awaits_ == 0 ? 0 : wait == seenWaits_ ? awaited_ + elapsedMs : elapsedMs;
-    seenWaits_ = wait;
-    return awaited_ <= requestLimit;
+bool Upload::mayStayDry(i32 elapsedMs) {
+    const u32 wait = timesDry_;
+    dryMs_ = isDry_ == 0 ? 0 : wait == seenTimesDry_ ? dryMs_ + elapsedMs : elapsedMs;
+    seenTimesDry_ = wait;
+    return dryMs_ <= requestLimit;
 }
 
 void Upload::sendNext() {
-    awaits_ = 0;
+    isDry_ = 0;
     if (ranges_[0].end == position_ && stopped_ == 0 && bytesSent != 0 && !askedForNothing_) {
-        waits_.add(1);
-        awaits_ = 1;
+        timesDry_.add(1);
+        isDry_ = 1;
         return;
     }
     if (ranges_[0].end == position_ || stopped_ != 0) {

@@ -49,10 +49,11 @@ class Upload : public RefCounter {
     // Sends the next packet, or ends the transfer. One whose ranges have run out waits a moment for the next
     // request, which may be on its way: a fast line takes the last range before the peer has the first.
     void sendNext();
-    // On the socket pool's thread: whether it waits, so that a request has to set it going again.
-    bool awaitsRequest() const { return awaits_ != 0; }
-    // Under the UploadPool's lock: false when it has waited long enough.
-    bool waitOn(i32 elapsedMs);
+    // On the socket pool's thread: whether its ranges have run out, so that a request has to set it going
+    // again.
+    bool hasRunDry() const { return isDry_ != 0; }
+    // Under the UploadPool's lock: false when it has been dry for long enough.
+    bool mayStayDry(i32 elapsedMs);
     void stop() { stopped_ = 1; }
     bool isPeer(const Peer& other) const;
     Peer& peer() const;
@@ -91,10 +92,10 @@ class Upload : public RefCounter {
     u32 speedIndex_ = 0;
     Relaxed<u32> packetSize_{10'240};  // most file bytes per packet
     Relaxed<u8> stopped_{0};
-    Relaxed<u8> awaits_{0};
-    Relaxed<u32> waits_;  // how often it has begun to wait
-    u32 seenWaits_ = 0;   // these two under the UploadPool's lock
-    i32 awaited_ = 0;     // ms of the present wait
+    Relaxed<u8> isDry_{0};   // its ranges have run out, and it waits for the next request
+    Relaxed<u32> timesDry_;  // how often that has come
+    u32 seenTimesDry_ = 0;   // these two under the UploadPool's lock
+    i32 dryMs_ = 0;          // how long it is dry
     const Ref<Peer> peer_;
     const MD4Hash hash_;
     const MD4Hash userHash_;

@@ -122,7 +122,7 @@ void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
     const Ref<Upload> upload = uploadFor(hash, peer, isNew);
     if (!upload) return;
     upload->setRanges(starts, ends);
-    if (isNew || upload->awaitsRequest()) upload->sendNext();
+    if (isNew || upload->hasRunDry()) upload->sendNext();
 }
 
 // The running transfer of that file to that peer, or a new one in the place of the peer's slot. Empty where
@@ -204,7 +204,7 @@ void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
 }
 
 // The user goes away, and not to the queue.
-void UploadPool::peerGone(Peer& peer) {
+void UploadPool::endAllOf(Peer& peer) {
     i4_lock guard(lock_);
     bool changed = false;
     if (UploadSlot* slot = slotOf(peer)) {
@@ -255,7 +255,7 @@ void UploadPool::tick(i32 elapsedMs) {
         const i32 ms = upload->ownTime(elapsedMs);
         upload->updateSpeed(ms);
         total += upload->speed;
-        if (!upload->waitOn(ms)) silent.push_back(upload);
+        if (!upload->mayStayDry(ms)) silent.push_back(upload);
     }
     for (Upload* upload : silent) endLocked(*upload);
     needs_.core.preferences.curUpSpeed = total;

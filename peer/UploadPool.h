@@ -28,7 +28,7 @@ struct SlotRule {
 //   state         where                 entered by                   left by
 //   waiting       queue                 gotSlotRequest, endUpload    assignSlots; 45 minutes
 //   called        slots                 assignSlots, gotSlotRequest  gotPartRequest; time-out, failure, gone
-//   transferring  uploads               gotPartRequest               endUpload to waiting; peerGone
+//   transferring  uploads               gotPartRequest               endUpload to waiting; endAllOf
 //   replaceable   uploads, replaceable  markReplaceable              another's start, to waiting
 //
 // Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
@@ -41,7 +41,7 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
     void gotCall(Peer& peer);  // a hello came in
     void gotPartRequest(i4_file& stream, Peer& peer);
     void stopUpload(const MD4Hash& hash, Peer& peer);
-    void peerGone(Peer& peer);
+    void endAllOf(Peer& peer);  // it has gone, or gave its slot back
     void connectFailed(u32 ip, u16 port);
     void callbackFailed(u32 serverIp, u32 clientId);
     void endUpload(Upload& upload) override;

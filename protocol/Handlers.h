@@ -45,7 +45,7 @@ template <class Receiver, std::size_t N>
 constexpr bool handlesAll(const OpcodeTable& messages, Direction direction,
                           const Handler<Receiver> (&rows)[N]) {
     for (const Opcode& message : messages) {
-        if (messages.find(message.number, direction) != &message) continue;
+        if ((static_cast<u8>(message.direction) & static_cast<u8>(direction)) == 0) continue;
         std::size_t handlers = 0;
         for (const Handler<Receiver>& row : rows) handlers += row.opcode == message.number ? 1 : 0;
         if (handlers != 1) return false;

@@ -50,7 +50,7 @@ GUIController::GUIController(SocketPool& socketPool, TcpipUI& ui, std::unique_pt
 GUIController::~GUIController() = default;
 
 Ref<Download> GUIController::readDownload(i4_file& stream) {
-    return engine_.dlPool.findByRecord(MD4Hash::read(stream));
+    return engine_.dlPool.findAny(MD4Hash::read(stream));
 }
 
 const OpcodeTable* GUIController::opcodes() const { return &controllerMessages; }

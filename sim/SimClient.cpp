@@ -73,7 +73,7 @@ void SimClient::limitUp(f32 kilobytes) {
 }
 
 bool SimClient::isOnline() { return engine.serverPool.isOnline(); }
-Ref<Download> SimClient::find(const MD4Hash& hash) { return engine.dlPool.findByRecord(hash); }
+Ref<Download> SimClient::find(const MD4Hash& hash) { return engine.dlPool.findAny(hash); }
 
 bool SimClient::hasFinished(const MD4Hash& hash) const {
     return std::find(screen.finished.begin(), screen.finished.end(), hash) != screen.finished.end();

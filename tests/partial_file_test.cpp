@@ -46,7 +46,7 @@ std::string namesIn(const std::string& path) {
 class PartialFiles : public Downloads {
   protected:
     Ref<Download> verifyLoaded(const RemoteFile& file) {
-        Ref<Download> download = dlPool.findByRecord(file.record.hash);
+        Ref<Download> download = dlPool.findAny(file.record.hash);
         if (download) download->verify({});
         handleMessages();
         return download;
@@ -192,7 +192,7 @@ TEST_F(PartialFiles, AreFoundAgainAndTheirPartsVerified) {
     give(*download, file, 0, 2 * PARTSIZE);
     restart();
     clientApp.shared.clear();
-    download = dlPool.findByRecord(file.record.hash);
+    download = dlPool.findAny(file.record.hash);
     const std::string data = dataFileOf(*download);
     // Meanwhile somebody has changed a byte of the second part.
     std::fstream(data, std::ios::in | std::ios::out).seekp(PARTSIZE + 5) << "?!";
@@ -246,14 +246,14 @@ TEST_F(PartialFiles, ThatCannotBeLoadedAreNamedAndLeftAlone) {
     const std::string said = log.take();
     for (const auto& meta : metas) EXPECT_THAT(said, HasSubstr(meta.said));
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 8) << said;
-    EXPECT_EQ(gaps(dlPool.findByRecord(good.record.hash)->partial()), "0-500");
+    EXPECT_EQ(gaps(dlPool.findAny(good.record.hash)->partial()), "0-500");
     // Neither a cancel nor a save touches what didn't load.
-    const Ref<Download> failed = dlPool.findByRecord(missing.record.hash);
+    const Ref<Download> failed = dlPool.findAny(missing.record.hash);
     ASSERT_TRUE(failed);
     EXPECT_EQ(failed->getStatus(), DL_STATUS_ERROR_LOADING);
     failed->cancel();
     handleMessages();
-    EXPECT_TRUE(dlPool.findByRecord(missing.record.hash));
+    EXPECT_TRUE(dlPool.findAny(missing.record.hash));
     save();
     for (const auto& meta : metas) EXPECT_EQ(contentOf(temp(meta.name)), meta.bytes) << meta.name;
 }

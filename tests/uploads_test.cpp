@@ -30,7 +30,7 @@ class UploadTest : public Downloads {
         ranges.resize(3);
         const u32 starts[3] = {ranges[0].first, ranges[1].first, ranges[2].first};
         const u32 ends[3] = {ranges[0].second, ranges[1].second, ranges[2].second};
-        const bool idle = upload->bytesSent == 0 || upload->awaitsRequest();
+        const bool idle = upload->bytesSent == 0 || upload->hasRunDry();
         upload->setRanges(starts, ends);
         if (idle) upload->sendNext();
         return leave(packets);
@@ -80,10 +80,10 @@ TEST_F(UploadTest, SendsWhatIsAskedFor) {
         begin();
         for (const Step& step : steps) EXPECT_EQ(ask(step.ask, step.packets), step.sent);
     }
-    EXPECT_TRUE(upload->awaitsRequest());
+    EXPECT_TRUE(upload->hasRunDry());
     EXPECT_EQ(upload->bytesSent, 7 * (30U + 10U));
     ask({{5, 5}});
-    EXPECT_FALSE(upload->awaitsRequest()) << "asked for nothing, it is at its end";
+    EXPECT_FALSE(upload->hasRunDry()) << "asked for nothing, it is at its end";
 }
 
 TEST_F(UploadTest, StartAndEndAreToldUnlessThereAreTooManyInAMinute) {

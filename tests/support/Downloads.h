@@ -128,7 +128,7 @@ class Downloads : public EngineTest {
     void waitUntilGone(const Ref<Download>& download) {
         ASSERT_TRUE(eventually([&] {
             handleMessages();
-            return !dlPool.findByRecord(download->partial().getHash());
+            return !dlPool.findAny(download->partial().getHash());
         }));
         handleMessages();
     }
