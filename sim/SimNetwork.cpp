@@ -147,6 +147,7 @@ void SimNetwork::call(SimSocket& caller, u32 address, u16 port) {
             stream->ends[1].machine = to;
             stream->ends[1].ip = to->outerAddress();
             stream->ends[1].port = port;
+            if (streams_.size() == streams_.capacity()) static_cast<void>(streams());
             streams_.push_back(stream);
             door->second->arrived_.push_back(std::make_unique<SimSocket>(*to, stream, 1));
             door->second->touched();

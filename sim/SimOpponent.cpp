@@ -225,7 +225,6 @@ void SimOpponent::sendData(SimTalk& talk, u32 start, u32 end) {
 void SimOpponent::sendData(SimTalk& talk, u32 start, u32 end, const Bytes& bytes) {
     Bytes body = aboutFile();
     ByteWriter(body).put32(start).put32(end).put(bytes);
-    bytesServed_ += bytes.size();
     talk.say(OP_FILE_DATA, body);
 }
 

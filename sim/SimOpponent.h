@@ -59,7 +59,6 @@ class SimOpponent : public Thread {
     // Connects to a client and says hello.
     void visit(u32 address, u16 clientPort = port);
     u32 address() const { return host_.machine.address(); }
-    u64 bytesServed() const { return bytesServed_; }
 
     Rest run() override;
     i4_socket_set* restingSet() const override { return set_.get(); }
@@ -98,7 +97,6 @@ class SimOpponent : public Thread {
     const std::unique_ptr<i4_socket> door_;
     std::vector<std::unique_ptr<SimTalk>> talks_;
     i64 nextSecond_ = 0;
-    u64 bytesServed_ = 0;
 };
 
 // Those who mean harm, by name; what each does stands beside its row in sim/opponents.cpp.

@@ -64,8 +64,6 @@ class SimSocket final : public i4_socket, private SimMember {
     std::unique_ptr<i4_address> remote_address() override;
     bool atEnd() const override { return atEnd_; }
 
-    // What it is ready for, of all.
-
   private:
     friend class SimNetwork;
     friend class SimMachine;

@@ -108,8 +108,13 @@ void playOpponents(Scene& scene) {
     const SimFileOffer& film = scene.makeFile("film.avi", 12 * megabyte);
     SceneClient& seed = scene.arrive("seed", 400);
     scene.share(seed, film);
-    for (std::size_t n = 0; n < opponentKindCount; ++n) scene.oppose(opponentKinds[n].name, film);
+    std::vector<SimOpponent*> opponents;
+    for (std::size_t n = 0; n < opponentKindCount; ++n)
+        opponents.push_back(&scene.oppose(opponentKinds[n].name, film));
     SceneClient& leecher = scene.arrive("leecher");
+    for (SimOpponent* opponent : opponents) {
+        for (const SceneClient* client : {&seed, &leecher}) opponent->visit(client->machine.address());
+    }
     scene.run(5);
     scene.fetch(leecher, film);
     scene.run(300);
