@@ -60,7 +60,7 @@ constexpr Row table[] = {
     {"test", run<runTests>},
 };
 
-constexpr const char* help[] = {
+constexpr const char* helpLines[] = {
     "Commands: (optional arguments)",
     "add new server: n servername",
     "\tExample: n 192.0.2.34",
@@ -132,7 +132,7 @@ void addCommands(Servant& servant) {
 }
 
 void showHelp(ConClientApp& console, char*) {
-    for (const char* line : help) console.log().printLine("%s", line);
+    for (const char* line : helpLines) console.log().printLine("%s", line);
 }
 
 i32 numberIn(const char* word) {

@@ -31,7 +31,7 @@
 
 namespace {
 
-constexpr std::size_t longestName = 64;
+constexpr std::size_t longestUserName = 64;
 constexpr u32 largestFile = 16 * 1024 * 1024;
 
 // In KB/s; what can't be a speed counts as no limit.
@@ -292,7 +292,7 @@ void Preferences::copySelf(UserMeta& out) const {
 }
 
 void Preferences::setName(const char* name) {
-    const i4_string text(name, std::min(i4_strlen(name), longestName));
+    const i4_string text(name, std::min(i4_strlen(name), longestUserName));
     i4_lock guard(selfLock);
     self_->setName(text.c_str());
 }

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t longestName = 250;  // saving puts an ending behind it for a moment
+constexpr std::size_t longestCollectionName = 250;  // saving puts an ending behind it for a moment
 
 }  // namespace
 
@@ -52,7 +52,7 @@ std::string Collection::save(Disk& disk, const char* path) {
 }
 
 bool Collection::store() {
-    const i4_string name = safeFileName(self.getName(), longestName);
+    const i4_string name = safeFileName(self.getName(), longestCollectionName);
     const std::string path =
         std::string(core_.preferences.incomingDir().view()) + core_.preferences.pathSeparator + name.c_str();
     self.setText(TAG_TYPE, "Col");

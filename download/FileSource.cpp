@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::size_t longestName = 255;  // bytes
+constexpr std::size_t longestSourceName = 255;  // bytes
 
 }  // namespace
 
@@ -75,5 +75,5 @@ void FileSource::gotPeer(Peer& peer) {
 }
 
 void FileSource::gotName(const char* given, const Peer& peer) {
-    if (isPeer(peer)) name = i4_string(given, std::min(i4_strlen(given), longestName));
+    if (isPeer(peer)) name = i4_string(given, std::min(i4_strlen(given), longestSourceName));
 }

@@ -6,12 +6,28 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "i4min/memory/error.h"
 #include "tests/support/OwnEngine.h"
 #include "tests/support/bytes.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+// A parser to be fuzzed. All of them are in one program, which runs one of them: targets.cpp.
+struct FuzzTarget {
+    using Run = void(const std::uint8_t* data, std::size_t size);
+    FuzzTarget(const char* name, Run* run);  // adds itself to those that findTarget() knows
+    const char* name;
+    Run* run;
+};
+
+// Null for a name that no target has.
+const FuzzTarget* findTarget(std::string_view name);
+
+// FUZZ_TARGET(peer) { ... } is the target "peer" over `data` and `size`; it stands in fuzz_peer.cpp.
+#define FUZZ_TARGET(NAME)                                                \
+    static void fuzz_##NAME(const std::uint8_t* data, std::size_t size); \
+    static const FuzzTarget target_##NAME(#NAME, fuzz_##NAME);           \
+    static void fuzz_##NAME(const std::uint8_t* data, std::size_t size)
 
 // Ends the run, so that its input is kept, unless the demand holds.
 inline void require(bool holds) {

@@ -3,10 +3,9 @@
 #include "import/AVIImporter.h"
 #include "meta/FileMeta.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(avi) {
     BytesFile file({data, size});
     FileMeta meta;
     const bool taken = AVIImporter().import(meta, "film.avi", file);
     require(taken == (meta.getText(TAG_TYPE) != nullptr));
-    return 0;
 }

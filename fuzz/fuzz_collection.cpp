@@ -5,7 +5,7 @@
 #include "i4min/memory/error.h"
 #include "import/ColImporter.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(collection) {
     BytesFile file({data, size});
     Collection collection(quietEngine().engine.core);
     const bool whole = collection.read(file);
@@ -21,5 +21,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const i4_err&) {
         require(meta.getTags().empty());
     }
-    return 0;
 }

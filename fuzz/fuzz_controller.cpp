@@ -49,7 +49,7 @@ TcpipUI& setUp(ConClientApp& console) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(controller) {
     ConClientApp& console = theConsole();
     static TcpipUI& ui = setUp(console);
     OwnEngine& own = quietEngine();
@@ -73,5 +73,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     own.clientApp.socketPool.deleteConnections();
     while (own.messageQ.process()) continue;
     std::filesystem::remove_all(own.preferences.tempDir().c_str());
-    return 0;
 }

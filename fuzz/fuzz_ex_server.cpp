@@ -29,7 +29,7 @@ class FuzzedAnnex : public ExServerAnnex {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(ex_server) {
     static OwnEngine& own = quietEngine();
     static STSocketPool pool(own.engine.transport);
     static const Ref<FuzzedAnnex> annex = [] {
@@ -38,5 +38,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     own.serverPool.addServer(0x0101010A, 4661);
     annex->handle(data, std::min<std::size_t>(size, largestDatagram));
     own.serverPool.servers().deleteAll();
-    return 0;
 }

@@ -6,10 +6,10 @@
 #include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(gaplist) {
     BytesFile file({data, size});
     GapList list;
-    if (!list.fromFile(file)) return 0;
+    if (!list.fromFile(file)) return;
     list.checkInvariants();
 
     const Bytes again = written([&](i4_file& out) { require(list.toFile(out)); });
@@ -24,5 +24,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     list.invert(4294967295);
     list.removeGap(0, 4294967297);
     require(list.isComplete());
-    return 0;
 }

@@ -33,7 +33,7 @@ void checkOutput(IndexSession& session) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(index) {
     static Silence silence;
     Quiet log;
     Nowhere nowhere;
@@ -76,5 +76,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (session) service.closed(*session);
     }
     require(service.index().fileCount() == 0);
-    return 0;
 }

@@ -2,7 +2,7 @@
 #include "fuzz/fuzz.h"
 #include "server/MainServer.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(main_server) {
     // A call back to an address of the input's choice would leave the process: all connections are taken.
     OwnEngine& own = quietEngine();
     own.preferences.maxCon = 0;
@@ -19,5 +19,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     server->end();
     // The messages that the run posted are handled with no server there: they find nothing to do.
     while (own.messageQ.process()) continue;
-    return 0;
 }

@@ -2,10 +2,10 @@
 #include "fuzz/fuzz.h"
 #include "import/MP3Info.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(mp3) {
     BytesFile file({data, size});
     MP3Info info;
-    if (info.read(file) != MP3Info::found) return 0;
+    if (info.read(file) != MP3Info::found) return;
     char text[64];
     info.frameCount();
     info.lengthText(text, sizeof text);
@@ -14,5 +14,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     info.getGenre(text, sizeof text);
     info.getChannelMode(text, sizeof text);
     info.getVersion(text, sizeof text);
-    return 0;
 }

@@ -8,8 +8,8 @@
 #include "tests/support/ScriptedSocket.h"
 #include "transport/Packet.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 2) return 0;
+FUZZ_TARGET(packet) {
+    if (size < 2) return;
     constexpr u32 limit = 8 << 20;
     const std::size_t longest = data[0] % 4 == 0 ? size : data[0];
     const Budgets budgets{unlimitedBudget, data[1] % 2 == 0 ? unlimitedBudget : data[1]};
@@ -33,5 +33,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         done += packet.size;
         packet.reset();
     }
-    return 0;
 }

@@ -31,15 +31,15 @@ struct Loaded {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(partmet) {
     static const bool ready = setUp();
     require(ready);
     BytesFile stream({data, size});
     FileMeta record;
-    if (PartialList::readMeta(stream, record) != PartialList::MetaFile::whole) return 0;
+    if (PartialList::readMeta(stream, record) != PartialList::MetaFile::whole) return;
     const Loaded first(record);
     require(first.priority >= 0 && first.priority <= 2);
-    if (first.failed) return 0;
+    if (first.failed) return;
     for (const Gap& gap : first.partial->gaps()) {
         require(gap.start >= 0 && gap.start < gap.end && gap.end <= first.partial->fileSize());
     }
@@ -55,5 +55,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(again.partial->fileSize() == first.partial->fileSize());
     require(again.partial->getHash() == first.partial->getHash());
     require(again.partial->transferred() == first.partial->transferred());
-    return 0;
 }

@@ -38,7 +38,7 @@ bool setUp(OwnEngine& own) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(peer) {
     OwnEngine& own = quietEngine();
     static const bool ready = setUp(own);
     require(ready);
@@ -55,5 +55,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     own.uploadPool.tick(121'000);
     while (own.messageQ.process()) continue;
     own.clientApp.socketPool.deleteConnections();
-    return 0;
 }

@@ -10,12 +10,12 @@ Bytes encode(Preferences& settings) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(prefs) {
     static Silence silence;
     BytesFile stream({data, size});
     OwnEngine& own = quietEngine();
     Preferences settings(own.host.host, own.log, own.engine.stringTable, "");
-    if (!settings.fromDisk(stream)) return 0;
+    if (!settings.fromDisk(stream)) return;
     require(settings.incomingDir().length() > 0 && settings.tempDir().length() > 0);
     require(settings.userMaxUpF >= 0 && settings.userMaxDownF >= 0);
     require(settings.doorPort >= 1 && settings.adminDoorPort >= 1);
@@ -24,5 +24,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     BytesFile copy(once);
     Preferences again(own.host.host, own.log, own.engine.stringTable, "");
     require(again.fromDisk(copy) && encode(again) == once);
-    return 0;
 }

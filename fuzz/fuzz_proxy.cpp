@@ -10,8 +10,8 @@
 #include "fuzz/fuzz.h"
 #include "i4min/network/proxy.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 2) return 0;
+FUZZ_TARGET(proxy) {
+    if (size < 2) return;
     const std::uint8_t choice = data[0];
     i4_proxy_settings settings;
     settings.pType = (choice & 0x0f) % 3 + I4_PROXY_SOCKS4;
@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return 0;
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return;
     i4_proxy_sock tunnel(settings, std::make_unique<i4_tcpip_sock>(ends[0], I4_STREAM),
                          i4_proxy_sock::first_state(settings.pType), listening, *target);
     tunnel.set_blocking(false);
@@ -49,5 +49,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool open = tunnel.state() == i4_proxy_sock::connected;
     require(tunnel.read(&byte, 1) == 0 || open);
     ::close(ends[1]);
-    return 0;
 }

@@ -71,9 +71,9 @@ void check(i4_file& file, bool disk) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(records) {
     static Silence silence;
-    if (size == 0) return 0;
+    if (size == 0) return;
     BytesFile file({data + 1, size - 1});
     const bool disk = data[0] & 1;
     switch (data[0] >> 1 & 3) {
@@ -86,5 +86,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         default:
             check<UserList>(file, disk);
     }
-    return 0;
 }

@@ -4,11 +4,11 @@
 #include "meta/FileMeta.h"
 #include "server/Search.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(search) {
     static Silence silence;
     BytesFile stream({data, size});
     Search search;
-    if (!search.fromBytes(stream)) return 0;
+    if (!search.fromBytes(stream)) return;
 
     const Bytes bytes = written([&](i4_file& out) { require(search.toBytes(out)); });
     require(bytes.size() == search.byteSize());
@@ -26,5 +26,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     search.printable(text, sizeof text);
     require(search.keyword().length() <= 255);
     search.matches(record);
-    return 0;
 }

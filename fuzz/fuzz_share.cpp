@@ -5,7 +5,7 @@
 #include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(share) {
     BytesFile stream({data, size});
     std::vector<i4_string> paths;
     const bool whole = ShareList::readPaths(stream, paths);
@@ -15,5 +15,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<i4_string> again;
     BytesFile copy(once);
     require(ShareList::readPaths(copy, again) && again == paths);
-    return 0;
 }

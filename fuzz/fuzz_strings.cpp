@@ -56,14 +56,13 @@ void readLines(const std::string& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(strings) {
     readStrings(data, static_cast<u32>(size));
-    if (size == 0) return 0;
+    if (size == 0) return;
     const std::string text(std::string(reinterpret_cast<const char*>(data) + 1, size - 1).c_str());
     tokenise(text, data[0]);
     readLines(text);
     std::vector<char> path(data[0]);
     i4_translate_path(text.c_str(), path.data(), path.size());
     i4_atoi(text.c_str());
-    return 0;
 }

@@ -24,7 +24,7 @@ void check(MetaTag& tag) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET(tags) {
     BytesFile file({data, size});
     while (const auto tag = MetaTag::readTag(file)) check(*tag);
 
@@ -36,5 +36,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(bits.size() == 0);
     }
     require(bits.toText().size() == static_cast<std::size_t>(bits.size()) && !bits.get(bits.size()));
-    return 0;
 }

@@ -16,13 +16,13 @@ namespace {
 
 constexpr i32 doorTimeout = 10'000;  // ms
 constexpr std::size_t textSize = 256;
-constexpr std::size_t longestName = 0xFFFE;  // a string's longest on the wire
+constexpr std::size_t longestWireName = 0xFFFE;  // a string's longest on the wire
 constexpr u32 mostStrangers = 32;
 
 // Names from the network may be longer than a string can be.
 void writeName(i4_file& stream, const char* name) {
-    if (i4_strlen(name) <= longestName) return i4_write_string(stream, name);
-    i4_write_string(stream, std::string(name, longestName).c_str());
+    if (i4_strlen(name) <= longestWireName) return i4_write_string(stream, name);
+    i4_write_string(stream, std::string(name, longestWireName).c_str());
 }
 
 // A text of at most 255 bytes, cut where it is longer, but never inside a character.

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr i64 idleRest = 100;  // ms
+constexpr i64 idlePoolRest = 100;  // ms
 constexpr u32 checkInterval = 1000;
 
 // A connection's turn on a worker.
@@ -199,5 +199,5 @@ Rest SocketPool::run() {
         transport_.log.printVerbose("*** Exception in socketpool::run()\n");
     }
     const Rest rest = restWithSockets();
-    return idle ? Rest{idleRest * 1000, std::max(rest.most, idleRest * 1000)} : rest;
+    return idle ? Rest{idlePoolRest * 1000, std::max(rest.most, idlePoolRest * 1000)} : rest;
 }
