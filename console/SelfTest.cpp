@@ -201,7 +201,7 @@ class GapListTest : public Test {
     }
 };
 
-// Both lists in step: what is here in the one is missing in none of the other's gaps.
+// Keeps both lists in step: what one marks as present must not be in a gap of the other.
 class GapSyncTest : public Test {
   public:
     using Test::Test;
@@ -250,7 +250,7 @@ class GapSyncTest : public Test {
     }
 };
 
-// A file that is on its way needs the parts that it doesn't have, of sources that know as many parts as it
+// A PartialFile needs a source's parts that it lacks, if the source has the same number of parts.
 // has.
 class PFTest : public Test {
   public:
