@@ -1,15 +1,15 @@
-// The importers that know a file by its name alone and read nothing of it.
+// The importers that recognise a file by its name only and don't read it. Thread: as Importer. Stateless.
 #pragma once
 
 #include "import/Importer.h"
 
-// Images; they also get an empty "Artist".
+// Images. Also adds an empty "Artist".
 class PictureImporter : public Importer {
   public:
     bool import(FileMeta& meta, const char* name, i4_file& file) const override;
 };
 
-// Videos but for those that AVIImporter looks into.
+// Videos other than those of AVIImporter.
 class RMImporter : public Importer {
   public:
     bool import(FileMeta& meta, const char* name, i4_file& file) const override;
