@@ -1,4 +1,4 @@
-// tarnwick-sim plays scenes of whole networks in virtual time.
+// tarnwick-sim runs scenes of whole networks in virtual time.
 #include <malloc.h>
 
 #include <cstdio>
@@ -90,7 +90,7 @@ int play(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A simulation gives back and takes the same blocks all the time: the heap keeps them.
+    // A simulation frees and allocates the same blocks all the time, so the heap keeps them.
     ::mallopt(M_MMAP_THRESHOLD, 1 << 30);
     ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
     Options options;
