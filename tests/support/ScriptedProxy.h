@@ -20,7 +20,7 @@ struct ProxyTurn {
 };
 
 // Plays its turns with the one connection that it accepts, then closes it or waits until the client closes
-// it. The destructor waits for the end of the script.
+// it. The destructor cancels the accept and waits for the script.
 class ScriptedProxy {
   public:
     enum class Then { stay, close };
