@@ -31,6 +31,7 @@ constexpr char help[] =
     "  --help         print this and exit\n"
     "  --version      print the version and exit\n";
 
+// A type of proxy: its word and number on the command line, and the name to print. Constant.
 struct ProxyType {
     const char* word;
     const char* number;

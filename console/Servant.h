@@ -19,7 +19,8 @@ class UIInterface;
 // Commas and quotes separate arguments just as blanks do; quoting is not supported.
 inline constexpr char consoleSeparators[] = " ,\t\n\"";
 
-// A command's name and handler. A plain value.
+// A command: its name and its handler.
+// A plain value, constant after construction.
 struct ServantCommand {
     // The line is the handler's own copy and includes the command word. The handler may change it.
     using Handler = void (*)(Servant& servant, char* line);

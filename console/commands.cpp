@@ -21,6 +21,7 @@ void run(Servant& servant, char* line) {
     command(static_cast<ConClientApp&>(servant), line);
 }
 
+// A command: its name and its function. Constant.
 struct Row {
     const char* name;
     ServantCommand::Handler handler;

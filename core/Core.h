@@ -8,7 +8,8 @@
 #include "core/UIInterface.h"
 #include "host/Host.h"
 
-// References only. The referenced objects must outlive everything that holds a Core.
+// References only.
+// Thread: as each member says. The referenced objects must outlive everything that holds a Core.
 struct Core {
     Host& host;
     UIInterface& log;

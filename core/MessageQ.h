@@ -19,7 +19,8 @@ class Search;
 class UIInterface;
 class UserMeta;
 
-// A server's address. A plain value.
+// The address of an index server: ip and TCP port.
+// A plain value.
 struct ServerAddress {
     u32 ip;  // network order
     u16 port;
@@ -60,13 +61,15 @@ enum MessageNumber : u32 {
     MESSAGE_COUNT = 26,
 };
 
-// A queued message. A plain value that owns its argument.
+// A message in the queue.
+// A plain value that owns its argument.
 struct QMessage {
     u32 number;
     QArgument argument;
 };
 
-// The interface that MessageQ calls. Engine implements it. Thread: MessageQ's.
+// The interface that MessageQ calls. Engine implements it.
+// Thread: MessageQ's.
 class MessageDuties {
   public:
     virtual bool handle(u32 number, QArgument& argument) = 0;  // false for an unknown number

@@ -23,6 +23,7 @@ struct SettingValue {
 };
 
 // The settings that a lock guards: texts, and the proxy as one value.
+// A plain value. Thread: under the lock of Preferences.
 struct SettingTexts : i4_proxy_settings {
     i4_string incoming, temp, userName, userPass, adminName, adminPass, stringFile;
 };
@@ -44,7 +45,8 @@ struct SettingForm {
 // word. line: the rest of the line. Other arguments are refused; `exact` and `line` ignore them silently.
 enum class SettingArgument : u8 { dash, whole, exact, word, line };
 
-// One setting. Constant. Trailing columns that are left out mean that the setting isn't available there.
+// One setting: a row of the table below. Trailing columns that are left out mean that the setting isn't
+// available there. Constant.
 struct Setting {
     // A pointer to the value, or the function that returns it.
     using Teller = SettingValue (*)(const Preferences&);

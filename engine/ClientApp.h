@@ -29,7 +29,8 @@ class Worker;
 struct Transport;
 struct i4_proxy_settings;
 
-// References to what ClientApp starts, stops and uses. Must outlive it.
+// References to what ClientApp starts, stops and uses.
+// Thread: any. Must outlive it.
 struct ClientNeeds {
     Core& core;
     Transport& transport;
@@ -85,7 +86,7 @@ class ClientApp {
     ImporterList& importers() { return *importers_; }
 
     FileList known{LockRank::knownFiles};    // every file that was ever hashed
-    FileList shared{LockRank::sharedFiles};  // the files that are shared at present
+    FileList shared{LockRank::sharedFiles};  // the files currently shared
     FileList published;                      // copies of what was published to the current server
     STSocketPool socketPool;
 

@@ -23,7 +23,8 @@ class Importer {
 // True if `name` is longer than `extension` (".mp3") and ends in it, ignoring the case of ASCII letters.
 bool hasExtension(const char* name, const char* extension);
 
-// A file name extension and its format. A plain value.
+// A file name extension and the format that it means.
+// A plain value.
 struct NamedFormat {
     const char* extension;
     const char* format;

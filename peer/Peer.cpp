@@ -29,6 +29,7 @@ std::unique_ptr<Packet> makeFilePacket(u8 opcode, const MD4Hash& hash, u32 paylo
 }
 
 // The list of our files. Each connection has at most one queued.
+// Thread and ownership: as Packet.
 class ListPacket : public Packet {
   public:
     ListPacket(u32 length, std::shared_ptr<Relaxed<u32>> bytes) : Packet(length), bytes_(std::move(bytes)) {}
@@ -120,6 +121,7 @@ void Peer::joinPeers() {
     if (!needs_.peers.contains(this)) needs_.peers.addUnsafe(this);
 }
 
+// Maps opcodes to handlers. Every incoming opcode of the protocol must be in it.
 struct Peer::Table {
     template <auto member>
     static constexpr auto by = handleBy<Peer, member>;
@@ -205,7 +207,7 @@ bool Peer::readUser(i4_file& stream) {
     return true;
 }
 
-// An ID of 0 stands for the address of the socket.
+// An ID of 0 means the address of the socket.
 void Peer::setIdentity(u32 id) {
     const u32 known = id != 0 ? id : remoteIp();
     {

@@ -17,7 +17,8 @@ class UploadSlot;
 class UserMeta;
 class i4_ram_file_class;
 
-// Events of peers and transfers that the user interface shows. Thread: any.
+// Events of peers and uploads that the user interface shows. CoreUIInterface implements it.
+// Thread: any. Callers keep ownership of what they pass.
 class PeerUI {
   public:
     virtual void uploadAdded(Upload* upload) = 0;
@@ -33,7 +34,7 @@ class PeerUI {
     ~PeerUI() = default;
 };
 
-// Events of peers that other modules act on: messages, and the end of connections.
+// Events of peers that other modules act on: messages, and the end of connections. Engine implements it.
 // Thread: the socket pool's; connectFailed() may be called on a worker's.
 class PeerListener {
   public:
@@ -76,7 +77,8 @@ enum class ConnectResult {
     tooManyConnections = 4,
 };
 
-// Opens connections to other users. Thread: any.
+// Opens connections to other users. Engine implements it.
+// Thread: any.
 class Reach {
   public:
     // Returns false if one more connection would take the last free place.
@@ -92,7 +94,7 @@ class Reach {
 // Thread: any.
 class PartReader : public RefCounter {
   public:
-    // `moved`: the file is complete and stands at its final path.
+    // `moved`: the file is complete and is at its final path.
     enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
     virtual Read readData(u8* buffer, u32 start, u32 end) = 0;
     virtual i4_string finalPath() const = 0;
@@ -100,13 +102,15 @@ class PartReader : public RefCounter {
 };
 
 // What other clients may learn about a shared file.
+// A plain value: a copy of the file's record.
 struct SharedFile {
     i4_string name{nullptr};
     i4_string path{nullptr};  // null while the file is being downloaded
     std::vector<MD4Hash> partHashes;
 };
 
-// The files that we share, as answers to peers need them. Thread: any.
+// The files that we share, as answers to peers need them. Engine implements it.
+// Thread: any.
 class SharedFiles {
   public:
     virtual bool find(const MD4Hash& hash, SharedFile& out) = 0;
@@ -121,7 +125,8 @@ class SharedFiles {
     ~SharedFiles() = default;
 };
 
-// References to what the module uses. Must outlive every object of the module.
+// References to what the module uses.
+// Thread: any. Must outlive every object of the module.
 struct PeerNeeds {
     Core& core;
     PeerUI& ui;

@@ -16,7 +16,8 @@ class Peer;
 class Upload;
 class UserMeta;
 
-// Ends uploads and picks those that may be replaced. UploadPool implements it. Thread: any.
+// The interface through which uploads end, and become replaceable by others. UploadPool implements it.
+// Thread: any.
 class UploadOwner {
   public:
     virtual void endUpload(Upload& upload) = 0;

@@ -14,6 +14,7 @@ struct PeerNeeds;
 class UserMeta;
 
 // The rule that limits the number of uploads. Speeds are in KB/s.
+// A plain value.
 struct SlotRule {
     f32 capacity;  // upload capacity of the line
     f32 used;      // speed of the uploads that aren't replaceable

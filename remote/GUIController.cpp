@@ -120,6 +120,7 @@ void GUIController::sendStartState() {
     }
 }
 
+// Maps opcodes to handlers. Every incoming opcode of the protocol must be in it.
 struct GUIController::Table {
     using Body = i4_ram_file_class;
     template <auto member>

@@ -50,6 +50,7 @@ void MainServer::gone() {
     if (!isLoggedOn() && !isClosing()) desk_.serverFailed(ip);
 }
 
+// Maps opcodes to handlers. Every incoming opcode of the protocol must be in it.
 struct MainServer::Table {
     template <auto member>
     static constexpr auto by = handleBy<MainServer, member>;

@@ -10,7 +10,8 @@ class FileMeta;
 class UserList;
 class UserMeta;
 
-// Events of the server connection that the user interface shows. Thread: any.
+// Events of the server connection that the user interface shows. CoreUIInterface implements it.
+// Thread: any. Callers keep ownership of what they pass.
 class ServerUI {
   public:
     virtual void connected(const char* name) = 0;
@@ -22,7 +23,7 @@ class ServerUI {
     ~ServerUI() = default;
 };
 
-// Events of the server connection that other modules act on.
+// Events of the server connection that other modules act on. Engine implements it.
 // Thread: the socket pool's; serverGone() may be called on any.
 class ServerEvents {
   public:
@@ -41,7 +42,8 @@ class ServerEvents {
     ~ServerEvents() = default;
 };
 
-// References to what the module uses. Must outlive every object of the module.
+// References to what the module uses.
+// Thread: any. Must outlive every object of the module.
 struct ServerNeeds {
     Core& core;
     Transport& transport;

@@ -15,7 +15,8 @@
 
 class Scene;
 
-// Raised if a scene fails. The text has the seed and the end of the log.
+// Raised if a scene fails.
+// The text has the seed and the end of the log.
 struct SceneFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -17,6 +17,7 @@ std::string parentOf(const std::string& path) {
 }  // namespace
 
 // 64 KiB of a file: its own bytes, or a block of a synthetic file.
+// Shared by the contents that it belongs to.
 struct SimDisk::Block {
     std::vector<u8> bytes;  // empty if it is synthetic
     Synthetic source{0, 0};
@@ -85,6 +86,7 @@ struct SimDisk::Content {
 };
 
 // A file or a directory.
+// Owned by its names, and by the files that are open.
 struct SimDisk::Node {
     i4_file_kind kind = i4_file_kind::regular;
     u64 inode = 0;
@@ -103,7 +105,8 @@ struct SimDisk::Change {
     std::string from = "";
 };
 
-// An open file.
+// An open file: its node and its position.
+// Thread: the simulation's. Borrows: the disk.
 class SimFile final : public i4_disk_file {
   public:
     SimFile(SimDisk& disk, SimDisk::NodePtr node, u32 flags)

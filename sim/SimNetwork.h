@@ -16,7 +16,8 @@ class SimSocket;
 struct SimStream;
 struct SimStreamEnd;
 
-// The properties of a machine's or router's line. A plain value.
+// The properties of a machine's or router's line.
+// A plain value.
 struct Link {
     i64 upBytesPerSecond = 0;  // 0 for no limit
     i64 downBytesPerSecond = 0;
@@ -104,7 +105,8 @@ class SimMachine final : public i4_protocol {
     u16 lastPort_ = 49151;
 };
 
-// A piece of a stream, or its end, that was carried from one machine to another. A plain value.
+// A piece of a stream, or its end, that was carried from one machine to another.
+// A plain value.
 struct Carried {
     i64 at;
     u32 from;

@@ -10,7 +10,8 @@
 #include "protocol/PeerProtocol.h"
 #include "sim/SimHost.h"
 
-// A file as it is published. The hashes match its content. A plain value.
+// A file as it is published. The hashes match its content.
+// A plain value.
 struct SimFileOffer {
     std::string name;
     Synthetic content;
@@ -99,7 +100,8 @@ class SimOpponent : public Thread {
     i64 nextSecond_ = 0;
 };
 
-// The hostile opponents by name; each class is described in sim/opponents.cpp.
+// A kind of hostile opponent; each class is described in sim/opponents.cpp.
+// Constant.
 struct SimOpponentKind {
     const char* name;
     std::unique_ptr<SimOpponent> (*make)(SimHost& host, const SimFileOffer& offer);

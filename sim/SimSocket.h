@@ -10,7 +10,8 @@
 #include "sim/SimNetwork.h"
 #include "sim/SimSocketSet.h"
 
-// One end of a stream. A plain value, owned by its SimStream.
+// One end of a stream: what it sends, and what it has received.
+// Thread: the simulation's. Owned by its SimStream.
 struct SimStreamEnd {
     SimMachine* machine = nullptr;
     SimSocket* socket = nullptr;  // null once it is closed
@@ -30,6 +31,7 @@ struct SimStreamEnd {
 };
 
 // The state shared by both ends of a stream.
+// Thread: the simulation's. Owned by the sockets and events that refer to it.
 struct SimStream {
     SimStreamEnd ends[2];
     bool broken = false;  // was reset

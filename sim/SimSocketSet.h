@@ -37,7 +37,8 @@ class SimMember {
     bool isTouched_ = false;
 };
 
-// Is told when a socket of the set becomes ready.
+// The interface that a set calls when one of its sockets becomes ready. SimLoop implements it.
+// Thread: the simulation's.
 class SimSleeper {
   public:
     virtual void socketReady() = 0;

@@ -16,7 +16,8 @@
 
 class SimLoop;
 
-// Random numbers from a seed. Thread: one.
+// Random numbers from a seed: the same seed gives the same numbers.
+// Thread: one.
 class SimRandom final : public Random {
   public:
     explicit SimRandom(u64 seed) : engine_(seed) {}
@@ -97,7 +98,8 @@ class Simulation final : public Clock {
     i64 stillSince_ = 0;  // events at the current time
 };
 
-// The scheduler of one simulated machine. Thread: the simulation's. Borrows: the simulation.
+// The scheduler of one simulated machine. Makes the loops of its threads.
+// Thread: the simulation's. Borrows: the simulation.
 class SimScheduler final : public Scheduler {
   public:
     explicit SimScheduler(Simulation& itsSimulation) : simulation(itsSimulation) {}

@@ -21,7 +21,8 @@ struct Synthetic {
     std::size_t read(u64 at, u8* to, std::size_t count) const;
 };
 
-// The synthetic files of a simulation, with which a disk recognises their blocks. Thread: one.
+// The synthetic files of a simulation, with which a disk recognises their blocks.
+// Thread: one. Owns: copies of the files' seeds and sizes.
 class SyntheticFiles {
   public:
     void add(const Synthetic& file);

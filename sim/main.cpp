@@ -23,6 +23,7 @@ const char usage[] =
     "  --quiet     leaves the log out\n"
     "Returns 0 where the scene went as it should, 1 where it didn't, 2 for a wrong argument.\n";
 
+// The arguments of the command line. A plain value.
 struct Options {
     const SceneRow* scene = nullptr;
     u64 seed = 1;

@@ -5,7 +5,8 @@
 
 class Scene;
 
-// A scene: its name, description, script and length. A plain value.
+// A scene: its name, description, script and length.
+// Constant.
 struct SceneRow {
     const char* name;
     const char* about;

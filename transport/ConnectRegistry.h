@@ -49,7 +49,8 @@ class ConnectTask : public Task {
     u32 asked_ = 0;                 // the events that the set reports for it
 };
 
-// Ends a connection on a worker's thread. Borrows: the connection, counted.
+// Ends a connection on a worker's thread, then destroys itself.
+// Thread: a worker's. Borrows: the connection, counted.
 class CleanupTask : public Task {
   public:
     explicit CleanupTask(Ref<Connection> target) : connection(std::move(target)) {}

@@ -20,7 +20,7 @@ class BudgetClock {
     i32 grant(f32 limit, Moment now);
     void charge(u32 bytes);
     i32 left() const { return left_; }
-    // Tells that the pool was idle for `ms` milliseconds.
+    // Records that the pool was idle for `ms` milliseconds.
     void waited(i32 ms);
 
   private:

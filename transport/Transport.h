@@ -7,7 +7,8 @@
 class ConnectRegistry;
 struct LineSpeeds;
 
-// References only. The referenced objects must outlive everything that holds a Transport.
+// References only.
+// Thread: as each member says. The referenced objects must outlive everything that holds a Transport.
 struct Transport {
     Host& host;
     UIInterface& log;
