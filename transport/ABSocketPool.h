@@ -32,7 +32,7 @@ class ABSocketPool : public PacedPool {
     void elapsed(i32 ms) override;
     bool turns() override;
     const char* failureText() const override;
-    void addedAgain() override {}  // leaves `count`: addConnection() counts only new ones
+    void addedAgain() override {}  // `count` stays as addConnection() left it
     void leaving(Connection* connection) override;
 
     Mode mode() const { return mode_; }
