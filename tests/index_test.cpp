@@ -75,6 +75,7 @@ std::set<u32> portsOf(const std::string& body, const std::string& file) {
 
 const NetAddress datagramAsker{0x0100A8C0, 5555};
 
+// Records what the service sends and which ports it tests.
 class Net : public IndexNetwork {
   public:
     void testDoor(const IndexSession& session) override { lastDoor = session.number; }
@@ -503,6 +504,7 @@ class World {
     std::map<u32, std::unique_ptr<FileMeta>> records;
 };
 
+// Random files, texts and search trees from a seed.
 class Dice {
   public:
     u32 below(u32 n) { return std::uniform_int_distribution<u32>(0, n - 1)(engine_); }

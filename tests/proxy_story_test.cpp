@@ -10,6 +10,7 @@ namespace {
 
 using namespace std::string_literals;
 
+// A proxy program and how it is set up.
 struct Kind {
     std::string program;
     const char* type;    // as in --set-proxy

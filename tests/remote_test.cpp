@@ -28,6 +28,7 @@ std::unique_ptr<FileMeta> namedFile(u8 fill, const std::string& name) {
     return file;
 }
 
+// A controller's connection that the tests drive.
 class TestController : public InNoPool<GUIController> {
   public:
     TestController(SocketPool& pool, u32 from, TcpipUI& ui) : InNoPool(pool, from, ui) {}
@@ -39,6 +40,7 @@ class TestController : public InNoPool<GUIController> {
     }
 };
 
+// The wrapped interface, with a hook that runs before a download is removed.
 struct Wrapped : ToldEvents {
     void downloadRemoved(Download* download) override {
         if (leaving) leaving();

@@ -47,6 +47,7 @@ INSTANTIATE_TEST_SUITE_P(Scenes, EachScene, testing::ValuesIn(shortScenes()), []
     return name;
 });
 
+// The results of a scene.
 struct Played {
     std::string log;
     u64 digest = 0;

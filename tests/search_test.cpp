@@ -37,6 +37,7 @@ std::string printed(const SearchNode& node) {
     return out;
 }
 
+// The record that the searches are matched against.
 struct Record : FileMeta {
     Record() {
         setName("My LOVELY Song.mp3");

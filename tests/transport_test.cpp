@@ -281,6 +281,7 @@ std::string hear(i4_ram_file_class& datagram, Told& told, char bad) {
     return text;
 }
 
+// Records each datagram.
 struct Annex : UDPAnnex {
     Annex(SocketPool& pool, Told& annexTold) : UDPAnnex(pool), told(annexTold) {}
     void handleDatagram() override { hear(buffer_, told, 'p'); }
@@ -384,6 +385,7 @@ class Simulated : public Connection {
     std::string& order_;
 };
 
+// A pool whose turns the tests run.
 struct OpenedPool : STSocketPool {
     using STSocketPool::budgets_;
     using STSocketPool::processChanges;

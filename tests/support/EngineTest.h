@@ -111,6 +111,7 @@ class InNoPool : public Base {
     bool refused_ = false;
 };
 
+// A Peer that tests drive, with access to its limits.
 class TestPeer : public InNoPool<Peer> {
   public:
     using InNoPool::InNoPool;
