@@ -22,7 +22,7 @@ class StateFiles {
     void setAside(const char* path);
 
   private:
-    void tellUnsaved(const char* path, const std::string& reason);
+    void reportUnsaved(const char* path, const std::string& reason);
 
     Disk& disk_;
     UIInterface& log_;

@@ -30,8 +30,8 @@ class DoorTask : public Endpoint {
   private:
     void outOfDescriptors();
 
-    bool resting_ = false;  // doesn't accept until a descriptor may be free
-    bool told_ = false;     // the lack of descriptors was reported
-    u32 restedAt_ = 0;      // ticks
-    u32 leftAtRest_ = 0;    // connections that had left the pool by then
+    bool resting_ = false;   // doesn't accept until a descriptor may be free
+    bool reported_ = false;  // the lack of descriptors was reported
+    u32 restedAt_ = 0;       // ticks
+    u32 leftAtRest_ = 0;     // connections that had left the pool by then
 };
