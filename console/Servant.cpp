@@ -54,7 +54,7 @@ void Servant::run() {
     consoleThread_.check();
     i4_output& output = i4_standard_output();
     output.write(STDOUT_FILENO, prompt.c_str());
-    // Output is never dropped, so the next line waits while too much of it is unread.
+    // Answers are never dropped, so the next line waits while too many are unread.
     while (running && !output.hasRoom(roomWait)) continue;
     char line[lineSize];
     if (input_.readLine(line, sizeof line)) {

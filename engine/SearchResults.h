@@ -10,7 +10,7 @@ class SearchResults : public FileList {
     ~SearchResults() override { deleteAll(); }
     // Anyone can send results by UDP without end, so the list has a limit.
     bool isFull() const { return count() >= 10'000; }
-    // Replaces the records with those of `list`, which the caller still owns and destroys.
+    // Replaces the records with those of `list` and owns them from then on. The caller keeps the list object.
     void replaceBy(const FileList& list) {
         deleteAll();
         addAll(list);
