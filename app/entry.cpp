@@ -19,7 +19,7 @@
 
 namespace {
 
-// `w5` waits five seconds; `w` alone, or w0, doesn't wait.
+// `w5` waits five seconds; `w` and `w0` don't wait.
 void waitSeconds(const char* argument) {
     int seconds = 0;
     if (std::sscanf(argument, "w%d", &seconds) != 1) seconds = 0;
@@ -27,7 +27,9 @@ void waitSeconds(const char* argument) {
     if (seconds > 0) i4_sleep(static_cast<u32>(seconds));
 }
 
-// What the process runs: the console, and the engine behind it.
+// What the process runs: a console and an engine. Destroyed in reverse order, so the interfaces outlive the
+// engine.
+// Thread: entry. Owns: all of its members.
 class Application {
   public:
     explicit Application(const char* workDir) : engine_(host_.host, workDir, consoleUI_) {
@@ -55,8 +57,8 @@ class Application {
         i4_argv.next(c);  // the program's name
         while (const i4_string* argument = i4_argv.next(c)) takeArgument(argument->c_str());
     }
-    // By the first character: - opens the door for a controller, w waits, ! runs without a console, anything
-    // else is a console command.
+    // By the first character: - opens the listener for controllers, w waits, ! runs without a console,
+    // anything else is a console command.
     void takeArgument(const char* argument) {
         switch (argument[0]) {
             case '-':
@@ -67,7 +69,7 @@ class Application {
                 waitSeconds(argument);
                 break;
             case '!':
-                console_.waitForQuit();  // a controller ends it
+                console_.waitForQuit();  // until a controller ends it
                 break;
             default:
                 console_.dispatch(argument);
@@ -76,7 +78,7 @@ class Application {
     }
 
     PosixHost host_;
-    // The interfaces outlive the engine, which speaks to the end.
+    // The interfaces outlive the engine, which uses them until its end.
     ConClientApp console_;
     CLUI consoleUI_{console_};
     std::vector<std::unique_ptr<TcpipUI>> controllers_;

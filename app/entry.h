@@ -1,12 +1,12 @@
-// The application's entry, which i4_main calls.
+// The application's entry point, which i4_main calls.
 #pragma once
 
 class ConClientApp;
 
-// Brings the engine up, hands the process to the console, and takes the engine down again. The working
-// directory is the process's current one.
+// Starts the engine, runs the console and stops the engine. Files are kept in the process's current
+// directory.
 void runApplication(int argc, char** argv);
 
-// The same with a console to which `extend`, which may be null, has added commands.
+// Runs the same with a console to which `extend` (may be null) has added commands.
 using ExtendConsole = void (*)(ConClientApp& console);
 void runConsole(ExtendConsole extend);

@@ -31,6 +31,7 @@ constexpr char help[] =
     "  --help         print this and exit\n"
     "  --version      print the version and exit\n";
 
+// A type of proxy: its word and number on the command line, and the name to print. Constant.
 struct ProxyType {
     const char* word;
     const char* number;
@@ -44,7 +45,7 @@ constexpr ProxyType proxyTypes[] = {
     {"http", "3", I4_PROXY_HTTP, "HTTP"},
 };
 
-// Up to the next comma, which goes too.
+// Takes the text up to the next comma, and drops the comma.
 std::string_view takeField(std::string_view& text) {
     const std::size_t comma = text.find(',');
     const std::string_view field = text.substr(0, comma);
@@ -66,7 +67,7 @@ bool isCredential(std::string_view text) {
 
 i4_string textOf(std::string_view text) { return i4_string(text.data(), text.size()); }
 
-// What stands behind the port.
+// Reads what follows the port.
 bool readCredentials(std::string_view rest, i4_proxy_settings& out, std::string& error) {
     const bool hasPassword = rest.find(',') != std::string_view::npos;
     const std::string_view user = takeField(rest);

@@ -1,4 +1,4 @@
-// What a download costs: the way of its bytes to the disk, and its memory.
+// What a download costs: writing its bytes to the disk, and its memory.
 //
 //   writeInRandomOrder   a whole file through PartialFile::writeData, every part verified; `ratio` is its
 // speed over
@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr u32 piece = 184'320;  // bytes in a packet
+constexpr u32 piece = 184'320;  // bytes per packet
 constexpr u32 fileSize = 10 * PARTSIZE;
 
 f64 seconds() {
@@ -53,7 +53,7 @@ class Folder {
     const std::filesystem::path path_;
 };
 
-// A file cut into packets, in random order, and its record with the part hashes.
+// A file in packets of random order, and its record with the part hashes. Owns: the packets.
 class Sample {
   public:
     Sample() {
@@ -101,9 +101,9 @@ f64 writePlain(const Sample& sample, const std::string& path) {
     return seconds() - start;
 }
 
-// 0 where not every part is verified at the end.
+// Returns 0 if not every part is verified at the end.
 f64 writeAsDownload(Folder& folder, const Sample& sample) {
-    std::vector<std::unique_ptr<i4_owned_ram_file>> packets;  // the download takes their memory
+    std::vector<std::unique_ptr<i4_owned_ram_file>> packets;  // the download takes over their memory
     for (const auto& packet : sample.packets) {
         packets.push_back(std::make_unique<i4_owned_ram_file>());
         packets.back()->write(packet->buffer(), packet->size());
@@ -150,7 +150,7 @@ void writeInRandomOrder(benchmark::State& state) {
 }
 BENCHMARK(writeInRandomOrder)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(3);
 
-// Every thousandth chunk has come and each source has parts of its own.
+// Every thousandth chunk has arrived, and each source has other parts.
 void memoryOf4Gigabytes(benchmark::State& state) {
     Folder folder;
     std::mt19937 random(4);

@@ -1,7 +1,7 @@
 // How fast bytes in memory and files on disk are hashed.
 //
-//   bench_hash                  the benchmarks
-//   bench_hash --file PATH      hashes one file and prints what openssl would: what bench/hash_ratio.py times
+//   bench_hash                  runs the benchmarks
+//   bench_hash --file PATH      hashes a file and prints what openssl would; bench/hash_ratio.py times this
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -38,7 +38,7 @@ void digest(benchmark::State& state) {
 }
 BENCHMARK(digest)->Arg(64)->Arg(1024)->Arg(1 << 18);
 
-// A file of random bytes that goes with the object.
+// A file of random bytes. Owns: the file.
 class Sample {
   public:
     explicit Sample(std::size_t mebibytes)

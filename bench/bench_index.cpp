@@ -1,4 +1,4 @@
-// The index server's index over a million files: how long searches take, and how much memory a file takes.
+// The index server's index with a million files: the time of searches, and the memory per file.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr u32 million = 1'000'000;
 
-// Names as people give them: a few words out of many, some words far more often than others.
+// Realistic names: a few words out of many, some far more common than others. Thread: one.
 class Names {
   public:
     Names() {
@@ -80,14 +80,14 @@ std::unique_ptr<SearchNode> tree(int which) {
         case 2:
             return find("nosuchthinghere");  // nothing
         case 3:
-            return find("the mo");  // common pieces, rarely together
+            return find("the mo");  // common pieces that rarely occur together
         case 4:
-            return find("zz");  // two characters that stand nowhere
+            return find("zz");  // two characters that occur nowhere
         case 5:
             return std::make_unique<SN_Compound>(
                 SEARCH_AND, std::make_unique<SN_StrTagCompare>("\x03", "audio"), find("quizen"));
         default:
-            return std::make_unique<SN_IntTagCompare>("\x02", 50'000'001, COMPARE_ABOVE);  // a walk
+            return std::make_unique<SN_IntTagCompare>("\x02", 50'000'001, COMPARE_ABOVE);  // needs a walk
     }
 }
 
@@ -107,7 +107,7 @@ void searchAMillion(benchmark::State& state) {
 }
 BENCHMARK(searchAMillion)->DenseRange(0, 6)->Unit(benchmark::kMillisecond);
 
-// One file in, one out, which now and then fills or dissolves a segment.
+// Adds a file and removes one, which now and then fills or dissolves a segment.
 void publishAndWithdraw(benchmark::State& state) {
     FileIndex& index = Million::get().index;
     Names names;

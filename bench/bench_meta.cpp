@@ -1,5 +1,5 @@
-// How fast tags go round, and how fast a known.met of 100,000 files is loaded and saved. Loading and saving
-// print the ratio to one read of the same bytes, and what the records take in memory.
+// The speed of writing and reading tags, and of loading and saving a known.met with 100,000 files. Loading
+// and saving print the ratio to a plain read of the same bytes, and the memory of the records.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -62,7 +62,7 @@ void fill(FileList& list) {
     }
 }
 
-// A known.met that goes with the object.
+// A known.met for the benchmarks. Owns: the file.
 class KnownMet {
   public:
     KnownMet()
@@ -81,7 +81,7 @@ class KnownMet {
     KnownMet& operator=(const KnownMet&) = delete;
     const char* path() const { return path_.c_str(); }
 
-    // The quickest of some, with the bytes in the page cache.
+    // The fastest of several reads, with the bytes in the page cache.
     double secondsOfOneRead() const {
         std::vector<char> bytes(std::filesystem::file_size(path_));
         double least = 1e9;

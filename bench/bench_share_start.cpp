@@ -1,6 +1,6 @@
-// What the shared directories cost at a start where every file is known: known.met is loaded, each file is
-// recognised by its name, size and time, known.met is saved. The time for each file stays the same however
-// many there are.
+// The cost of the shared directories at a start where every file is known: known.met is loaded, each file is
+// recognised by its name, size and time, and known.met is saved. The time per file must not grow with the
+// number of files.
 #include <benchmark/benchmark.h>
 
 #include <stdlib.h>
@@ -44,7 +44,7 @@ class Home {
     std::string path_;
 };
 
-// A directory of empty files and a known.met that knows them.
+// A directory of empty files, and a known.met that lists them.
 void makeKnownFiles(const std::string& directory, i64 count, FileList& known) {
     std::filesystem::create_directory(directory);
     for (i64 i = 0; i < count; ++i) {
@@ -60,7 +60,7 @@ void makeKnownFiles(const std::string& directory, i64 count, FileList& known) {
         file->setText(TAG_FORMAT, "avi");
         file->date = status.last_modified;
         for (std::size_t b = 0; b < 8; ++b) file->hash.bytes[b] = static_cast<u8>((i + 1) >> (8 * b));
-        file->partHashes.resize(72);  // as many as a film of 700 MB has
+        file->partHashes.resize(72);  // like a film of 700 MB
         known.add(file.release());
     }
 }

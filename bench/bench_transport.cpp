@@ -1,5 +1,5 @@
-// The socket pool beside a plain write and read loop on the same pieces, what idle connections cost, and how
-// a limit holds. On a busy machine go by cpu_ratio, which counts the processor's time of both.
+// The socket pool compared with a plain write and read loop, the cost of idle connections, and the accuracy
+// of a limit. On a busy machine use cpu_ratio, which counts the processor time of both.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -19,7 +19,7 @@ double secondsSince(Clock::time_point begun) {
     return std::chrono::duration<double>(Clock::now() - begun).count();
 }
 
-// What moving some bytes took.
+// The time that a transfer took. A plain value.
 struct Took {
     double seconds;
     double cpu;
@@ -36,7 +36,7 @@ class Stopwatch {
     const std::clock_t cpu_ = std::clock();
 };
 
-// Keeps a packet on its way until it was sent often enough, or counts the bytes that come in.
+// Keeps a packet queued until it was sent often enough, or counts the bytes received. Thread: as Connection.
 class Mover : public Connection {
   public:
     using Connection::Connection;
@@ -92,7 +92,7 @@ struct Ends {
     Ref<MoverDoor> door;
 };
 
-// One pool moves the packets, from a connection that sends to one that receives.
+// A pool moves the packets from a sending to a receiving connection.
 Took poolMoves(u32 size, int packets) {
     OwnEngine own;
     STSocketPool pool(own.engine.transport);
@@ -117,7 +117,7 @@ Took poolMoves(u32 size, int packets) {
     return took;
 }
 
-// The same pieces on one thread: written whole as far as the socket takes them, then read.
+// The same on one thread: writes until the socket is full, then reads.
 Took plainMoves(u32 size, int packets) {
     const auto door = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};

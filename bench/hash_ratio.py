@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""How fast a file is hashed, beside `openssl dgst -md4` on the same file in the same run.
+"""Compares the speed of hashing a file with `openssl dgst -md4` on the same file in the same run.
 
     bench/hash_ratio.py [--mib 1024] [--rounds 7] [--dir DIR] [build/bench/bench_hash]
 
-Makes a file of random bytes, reads it once so that it lies in the page cache, and then times both on it in turn,
-whole processes on one thread each. Prints the speeds and the ratio inside each round as median [least-most]. Exits
-with 1 if the median ratio is below 0.9.
+Makes a file of random bytes, reads it once into the page cache, and then times both programs in turn, each as a whole
+process with one thread. Prints the speeds and the ratio of each round as median [least-most]. Exits with 1 if the median
+ratio is below 0.9.
 """
 import argparse
 import os

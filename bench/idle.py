@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""What the client costs when it does nothing.
+"""Measures the cost of an idle client.
 
-Prints the time from exec to the banner (median of --runs starts), and then, of one process left alone for --window
-seconds: resident memory, wake-ups and processor time a minute, threads, and the wake-ups of each thread.
+Prints the time from exec to the banner (median of --runs starts). Then, for one idle process over --window seconds,
+prints its resident memory, wake-ups and processor time per minute, threads, and the wake-ups of each thread.
 
 Usage: bench/idle.py [--client build/tarnwick] [--runs 7] [--window 20]
 """

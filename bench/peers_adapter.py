@@ -1,10 +1,10 @@
-"""Takes our client into a run of peers_transfer.py, next to other peer engines:
+"""Adds our client to a run of peers_transfer.py, which compares peer engines:
 
     peers_transfer.py --shape 1:1 --adapter bench/peers_adapter.py
 
-Every client of a run has the same address, which the network takes for one user: only 1:1 makes sense here.
-bench/transfer.py runs the other shapes, each client in a network namespace of its own. TARNWICK_BUILD names the
-folder of the programs, build by default.
+All clients of a run have the same address, which the network treats as one user, so only 1:1 makes sense here.
+bench/transfer.py runs the other shapes, with each client in its own network namespace. TARNWICK_BUILD is the folder of
+the programs, by default build.
 """
 import os
 import pty
@@ -19,7 +19,7 @@ BUILD = os.path.abspath(os.environ.get(
 
 
 class Console:
-    """A client at a pseudo-terminal, in a directory of its own."""
+    """A client on a pseudo-terminal, in its own directory."""
 
     def __init__(self, directory, *arguments, prefix=()):
         self.master, slave = pty.openpty()

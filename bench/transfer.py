@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Whole transfers between our own clients, each in a network namespace of its own (needs root and iproute2).
+"""Measures whole transfers between our clients, each in its own network namespace (needs root and iproute2).
 
-For each shape SEEDS:LEECHERS prints the rate from the command to the last verified file, summed over the leechers,
-and the processor time and the peak resident memory of either side. With --limit the seeds upload, or with
---limit-down the leechers download, at most that many KB/s.
+For each shape SEEDS:LEECHERS prints the rate from the command to the last verified file, summed over the leechers, and
+the processor time and peak resident memory of both sides. --limit limits the uploads of the seeds, --limit-down the
+downloads of the leechers, in KB/s.
 
 Usage: bench/transfer.py [--size-mib 256] [--shape 1:1 4:1 1:4] [--limit KB] [--limit-down KB] [--build build]
        bench/transfer.py --compare [--build build]
@@ -26,7 +26,7 @@ def ip(*arguments):
 
 
 class Network:
-    """Namespaces on one bridge: the index server's is the hub, at 10.99.0.1."""
+    """Namespaces on one bridge. The hub, at 10.99.0.1, runs the index server."""
 
     def __init__(self, hosts):
         self.spaces = [HUB] + [f"tarnwick-{i}" for i in range(hosts)]

@@ -30,7 +30,7 @@ void CLUI::addResult(FileMeta* file) {
 void CLUI::setResults(FileList* list, u8) {
     const std::unique_ptr<FileList> owned(list);
     console_.results.replaceBy(*list);
-    // Said when they are there: who reads it types `vr`.
+    // Printed once they are in the list: `vr` must show them.
     i4_debug_printf("Results returned\n");
 }
 

@@ -1,12 +1,12 @@
-// CLUI, the console's user interface object: turns the engine's events into printed lines and into entries of
-// the lists of ConClientApp.
+// CLUI: the console's user interface. Prints the engine's events and fills the lists of ConClientApp.
 #pragma once
 
 #include "engine/CoreUIInterface.h"
 
 class ConClientApp;
 
-// Thread: any, at the same time.
+// Receives the engine's events for the console.
+// Thread: any, concurrently. Borrows: the ConClientApp.
 class CLUI : public CoreUIInterface {
   public:
     explicit CLUI(ConClientApp& console) : console_(console) {}

@@ -1,4 +1,4 @@
-// ConClientApp, the console front end: the commands, and what the console shows.
+// ConClientApp: the console, its commands and the lists that they show.
 #pragma once
 
 #include <atomic>
@@ -14,13 +14,15 @@
 class Collection;
 class Engine;
 
-// Thread: as Servant, attach() and detach() before and after all commands; CLUI fills the lists from any.
+// Runs the commands against an engine and keeps the downloads, uploads and results that the views number.
+// Thread: as Servant; attach() runs before all commands, detach() after them. CLUI changes the lists on any
+// thread.
+// Borrows: the engine, between attach() and detach().
 class ConClientApp : public Servant, public Commands {
   public:
     ConClientApp();
 
-    // The engine that the commands act on, between the two calls. detach() also lets go of what the lists
-    // keep.
+    // Sets the engine that the commands use. detach() also releases the objects in the lists.
     void attach(Engine& engine);
     void detach();
     Engine& engine() const { return *engine_; }
@@ -28,14 +30,14 @@ class ConClientApp : public Servant, public Commands {
     void dispatch(const char* line) override { Servant::dispatch(line); }
     void quit() override { Servant::quit(); }
 
-    Relaxed<u32> serverFiles;  // as the server told last, 0 when not connected
+    Relaxed<u32> serverFiles;  // as last reported by the server; 0 if not connected
     Relaxed<u32> serverUsers;
     KeptList<Download> downloads{LockRank::uiList};
     KeptList<Upload> uploads{LockRank::uiList};
     SearchResults results;
-    // A user interface that offers collections sets it; the console has no command that does.
+    // For a user interface that offers collections; no console command sets it.
     std::atomic<Collection*> selectedCollection{nullptr};
-    Relaxed<i32> testNumber;  // what `test #` stored
+    Relaxed<i32> testNumber;  // stored by `test #`
 
   private:
     Engine* engine_ = nullptr;

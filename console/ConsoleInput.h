@@ -1,4 +1,4 @@
-// ConsoleInput, the lines that the user types, waited for in a way that another thread can end.
+// ConsoleInput: reads the user's lines in a way that another thread can interrupt.
 #pragma once
 
 #include <array>
@@ -6,27 +6,29 @@
 
 #include "i4min/file/descriptor.h"
 
-// Thread: readLine() and waitForEnd() on one; end() on any. Borrows its input descriptor.
+// Waits for input and for end() at the same time, so that quitting doesn't need a key press.
+// Thread: readLine() and waitForEnd() on one; end() on any.
+// Owns: the event of end(). Borrows: the input descriptor.
 class ConsoleInput {
   public:
     explicit ConsoleInput(int descriptor);
     ConsoleInput(const ConsoleInput&) = delete;
     ConsoleInput& operator=(const ConsoleInput&) = delete;
 
-    // Reads one line of at most `size` - 1 bytes without its newline; what is over that is dropped to the end
-    // of the line. False when the input ends with no line left, and from end() on.
+    // Reads a line of at most `size` - 1 bytes, without its newline; the rest of a longer line is dropped.
+    // Returns false at the end of the input and after end().
     bool readLine(char* out, std::size_t size);
-    // Returns once end() was called; the input is left alone.
+    // Blocks until end() is called, without reading any input.
     void waitForEnd();
-    // No line is read any more, and a wait that is going on ends.
+    // Ends the current and all further reads and waits.
     void end();
 
   private:
-    bool fill();  // false at the end of the input, or of it all
+    bool fill();  // false at the end of the input and after end()
     bool isEnded() const;
 
     const int descriptor_;
-    const i4_descriptor endEvent_;  // readable from end() on
+    const i4_descriptor endEvent_;  // readable once end() was called
     std::array<char, 4096> buffer_;
     std::size_t here_ = 0;
     std::size_t filled_ = 0;

@@ -1,11 +1,11 @@
-// KeptList, a list of counted objects in which each stands once.
+// KeptList: a list of counted objects without duplicates.
 #pragma once
 
 #include <unordered_set>
 
 #include "i4min/memory/LLsafe.h"
 
-// An entry holds one reference. The list changes through keep() and drop() alone, and is read as an LLsafe.
+// Holds one reference to each of its objects. Change it only with keep() and drop(); read it as an LLsafe.
 // Thread: as LLsafe.
 template <class T>
 class KeptList : public LLsafe<T> {
@@ -13,13 +13,13 @@ class KeptList : public LLsafe<T> {
     using LLsafe<T>::LLsafe;
     ~KeptList() override { dropAll(); }
 
-    void keep(T* object) {  // nothing where it is there
+    void keep(T* object) {  // does nothing if it is in the list
         const i4_guard guard(*this);
         if (!members_.insert(object).second) return;
         object->addRef();
         this->addUnsafe(object);
     }
-    void drop(T* object) {  // nothing where it isn't there
+    void drop(T* object) {  // does nothing if it isn't in the list
         {
             const i4_guard guard(*this);
             if (members_.erase(object) == 0) return;
@@ -33,5 +33,5 @@ class KeptList : public LLsafe<T> {
     }
 
   private:
-    std::unordered_set<const T*> members_ GUARDED_BY(this);  // a start with many downloads asks for each
+    std::unordered_set<const T*> members_ GUARDED_BY(this);  // finds duplicates without a walk of the list
 };

@@ -19,6 +19,7 @@
 
 namespace {
 
+// Several values under one key, and their removal.
 class Hash32Test : public Test {
   public:
     using Test::Test;
@@ -41,6 +42,7 @@ class Hash32Test : public Test {
     }
 };
 
+// Tokens of a text, also with a buffer that is too small.
 class StrtokTest : public Test {
   public:
     using Test::Test;
@@ -73,6 +75,7 @@ class StrtokTest : public Test {
     }
 };
 
+// Search in a text, ignoring case.
 class StristrTest : public Test {
   public:
     using Test::Test;
@@ -91,12 +94,14 @@ class StristrTest : public Test {
     }
 };
 
+// Always passes; it only keeps its place in the list.
 class TestMeta : public Test {
   public:
     using Test::Test;
     bool run() override { return true; }
 };
 
+// Flags, and the bytes of an array.
 class TestBoolArray : public Test {
   public:
     using Test::Test;
@@ -115,6 +120,7 @@ class TestBoolArray : public Test {
     }
 };
 
+// Order, sorting, shuffling and removal in a list.
 class LLTest : public Test {
   public:
     using Test::Test;
@@ -148,6 +154,7 @@ bool isRuns(GapCounterList& list, std::initializer_list<GapCounter> runs) {
     return runsOf(list) == std::vector<GapCounter>(runs);
 }
 
+// Ranges with counts of sources and requests.
 class GapCounterListTest : public Test {
   public:
     using Test::Test;
@@ -183,6 +190,7 @@ bool isGaps(const GapList& list, std::initializer_list<Gap> gaps) {
     return list.gaps() == std::vector<Gap>(gaps);
 }
 
+// Ranges of missing bytes.
 class GapListTest : public Test {
   public:
     using Test::Test;
@@ -201,7 +209,7 @@ class GapListTest : public Test {
     }
 };
 
-// Both lists in step: what is here in the one is missing in none of the other's gaps.
+// Keeps both lists in step: what one marks as present must not be in a gap of the other.
 class GapSyncTest : public Test {
   public:
     using Test::Test;
@@ -250,7 +258,7 @@ class GapSyncTest : public Test {
     }
 };
 
-// A file that is on its way needs the parts that it doesn't have, of sources that know as many parts as it
+// A PartialFile needs a source's parts that it lacks, if the source has the same number of parts.
 // has.
 class PFTest : public Test {
   public:
@@ -267,6 +275,7 @@ class PFTest : public Test {
     }
 };
 
+// Every number has a text.
 class StringTableTest : public Test {
   public:
     using Test::Test;

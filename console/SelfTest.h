@@ -1,5 +1,4 @@
-// The program's self-tests, which the console's `test` command runs: the containers and the gap lists, on the
-// machine that the program runs on.
+// The self-tests that the console's `test` command runs: containers and gap lists.
 #pragma once
 
 #include <memory>
@@ -10,7 +9,8 @@
 class Engine;
 class UIInterface;
 
-// One self-test.
+// One self-test. Takes its random numbers from the engine's host and prints through its user interface.
+// Thread: that of the command. Borrows: the engine.
 class Test {
   public:
     explicit Test(Engine& engine);
@@ -24,5 +24,5 @@ class Test {
     UIInterface& log_;
 };
 
-// One of each, in the order in which they run.
+// Makes all self-tests in the order in which they run.
 std::vector<std::unique_ptr<Test>> makeSelfTests(Engine& engine);

@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t lineSize = 255;   // a line and its terminator
 constexpr std::size_t answerSize = 82;  // an answer to confirm() and its terminator
 constexpr std::size_t argumentSize = 256;
-constexpr u32 roomWait = 200;  // ms between looks whether somebody else ended the client
+constexpr u32 roomWait = 200;  // ms between checks whether another thread has ended the client
 
 }  // namespace
 
@@ -54,7 +54,7 @@ void Servant::run() {
     consoleThread_.check();
     i4_output& output = i4_standard_output();
     output.write(STDOUT_FILENO, prompt.c_str());
-    // What was typed is answered whole, so the next line waits while too many answers are unread.
+    // Answers are never dropped, so the next line waits while too many are unread.
     while (running && !output.hasRoom(roomWait)) continue;
     char line[lineSize];
     if (input_.readLine(line, sizeof line)) {

@@ -1,4 +1,4 @@
-// Servant, a small command interpreter: named commands, a prompt, and one turn of reading and dispatching.
+// Servant: a small command interpreter with named commands, a prompt and a read loop.
 #pragma once
 
 #include <string>
@@ -16,61 +16,65 @@ class Servant;
 class StringTable;
 class UIInterface;
 
-// A comma separates arguments just as a blank does, and a quote is no quoting: it is a separator.
+// Commas and quotes separate arguments just as blanks do; quoting is not supported.
 inline constexpr char consoleSeparators[] = " ,\t\n\"";
 
+// A command: its name and its handler.
+// A plain value, constant after construction.
 struct ServantCommand {
-    // The line is the handler's own copy, command word included; it may cut it up.
+    // The line is the handler's own copy and includes the command word. The handler may change it.
     using Handler = void (*)(Servant& servant, char* line);
 
     i4_string name;  // compared exactly
     Handler handler;
 };
 
-// Cuts a line into tokens at the console's separators. Keeps its state itself: commands run on several
-// threads.
+// Splits a line into tokens at the console's separators. Keeps its own position, so that several threads can
+// run commands.
+// Thread: one. Borrows: the line, which it changes.
 class Tokens {
   public:
     explicit Tokens(char* line) : rest_(line) {}
-    const char* next();  // null when none is left
+    const char* next();  // null at the end
 
   private:
     char* rest_;
 };
 
-// The tokens behind the command word.
+// The tokens after the command word.
 Tokens argumentsOf(char* line);
 
-// The rest of a command's line behind the one separator that ends the command word, exactly as typed: for
-// names that may hold blanks. Null where there is none.
+// Returns the rest of a command's line after the separator that ends the command word, exactly as typed; for
+// names with blanks. Null if there is none.
 const char* restOfLine(const char* line);
 
-// Owns its commands; the list of them is constant after construction.
-// Thread: run(), and what else waits for the user, on the console's thread, which is the one that made it;
-// dispatch() and quit() on any, also at the same time.
+// Reads lines, dispatches them to the commands and prints tables.
+// Thread: run(), confirm() and waitForQuit() on the console's thread, which constructs it; dispatch() and
+// quit() on any, concurrently.
+// Owns: its commands; the list is constant after construction.
 class Servant : public LL<ServantCommand> {
   public:
     Servant();
     ~Servant() override;
-    // What it prints goes to `log`, and no command runs before this. Both outlive the commands.
+    // Sets where output goes. Call it before any command runs. Both must outlive the commands.
     void speakThrough(UIInterface& log, const StringTable& strings);
     UIInterface& log() const { return *log_; }
     virtual void unknownCommand(const char* line);
 
     void addCommand(const char* name, ServantCommand::Handler handler);
-    // One turn: prompt, line, dispatch. The end of the input ends the loop as a confirmed `q` does.
+    // Runs one turn: prompt, read, dispatch. The end of the input quits, as `q` does once confirmed.
     void run();
-    // Runs one command line. The line is not changed.
+    // Runs one command line, which is not changed.
     void dispatch(const char* line);
-    // Asks on the console; true if the answer begins with y or Y. On another thread than the console's it is
-    // true at once: whoever sent the command from elsewhere meant it, and isn't at the console to answer.
+    // Asks on the console. Returns true if the answer begins with y or Y. On any other thread it returns true
+    // at once: the command came from a controller, whose user isn't at the console.
     bool confirm(const char* question);
-    // Ends the loop: `running` becomes 0, and a wait for the user's next line ends.
+    // Ends the loop: sets `running` to 0 and ends the wait for the next line.
     void quit();
-    // Waits for quit() without reading, for a process without a console.
+    // Waits for quit() without reading input, for a process without a console.
     void waitForQuit();
 
-    // Tables of records. The columns are the tags of the record that the header was printed from.
+    // Tables of records. The columns are the tags of the record that printHeader() was called with.
     using Keys = std::vector<std::string>;
     void printHeader(const Meta* record, Keys& keys);
     void printRow(const Meta* record, const Keys& keys, u32 index);

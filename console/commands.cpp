@@ -15,12 +15,13 @@ void quit(ConClientApp& console, char*) {
 
 void nothing(ConClientApp&, char*) {}
 
-// A command of the table as Servant calls it.
+// Adapts a command of the table to Servant::Handler.
 template <void (*command)(ConClientApp&, char*)>
 void run(Servant& servant, char* line) {
     command(static_cast<ConClientApp&>(servant), line);
 }
 
+// A command: its name and its function. Constant.
 struct Row {
     const char* name;
     ServantCommand::Handler handler;

@@ -1,5 +1,4 @@
-// The commands of the console. Each is a plain function that owns the line it gets and finds its arguments
-// there.
+// The console's commands. Each is a plain function that gets a copy of the line and parses its arguments.
 #pragma once
 
 #include <optional>
@@ -11,19 +10,18 @@ class ConClientApp;
 class Search;
 class Servant;
 
-// Adds every command: those of the table in commands.cpp, and those of the settings.
+// Adds all commands: the table in commands.cpp and those of the settings.
 void addCommands(Servant& servant);
 
-// The number that a word begins with: 0 where it begins with none, and the nearest i32 for one beyond it.
+// Returns the number at the start of a word: 0 if there is none, the nearest i32 if it is out of range.
 i32 numberIn(const char* word);
-// The number behind the command word. Empty where there is no second word.
+// Returns the number after the command word, or empty if there is no second word.
 std::optional<i32> numberArgument(char* line);
-// A number that the user counts from 1 as a place in a list, which counts from 0. Empty for 0, and for what
-// no list can hold.
+// Converts a position counted from 1 to one counted from 0. Empty for 0 and for values beyond any list.
 std::optional<u16> listPlace(std::optional<i32> number);
 
-// The search that a line with `s` asks for: the first four words behind it, those with a dash taken as the
-// type, the last of them counting. Empty where no other word is left.
+// Parses the first four words after `s`. A word with a dash is the type; the last such word counts. Empty if
+// there is no other word.
 Ref<Search> searchFor(char* line);
 
 void showHelp(ConClientApp& console, char* line);
@@ -50,7 +48,7 @@ void changeDownload(ConClientApp& console, char* line);
 // Settings.
 void setController(ConClientApp& console, char* line);
 void setLimits(ConClientApp& console, char* line);
-void changeSetting(ConClientApp& console, char* line);  // by the command of a row of Settings.h
+void changeSetting(ConClientApp& console, char* line);  // a setting's command, found by its row in Settings.h
 
 // Views.
 void viewResults(ConClientApp& console, char* line);

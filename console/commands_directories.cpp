@@ -9,8 +9,9 @@
 
 namespace {
 
-// Depth first, parents first; hidden directories are left out with all below them, and so is one that was met
-// before, since a link may lead back up.
+// Lists a directory tree depth first, parents first. Skips hidden directories with everything below them, and
+// directories seen before, since a link may lead back up.
+// Thread: one. Borrows: the disk and the output.
 class Tree {
   public:
     Tree(Disk& disk, std::vector<i4_string>& out) : disk_(disk), out_(out) {}

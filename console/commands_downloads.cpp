@@ -13,7 +13,7 @@
 
 namespace {
 
-// A copy of the record at a place of the list, for a message of its own. Null where there is none.
+// Copies the record at a position of the list, for a message to carry. Null if there is none.
 std::shared_ptr<FileMeta> copyAt(FileList& list, std::optional<u16> place) {
     if (!place) return nullptr;
     const i4_guard guard(list);
@@ -39,7 +39,7 @@ void downloadResult(ConClientApp& console, char* line) {
     }
 }
 
-// tnwk://|file|NAME|SIZE|HASH|; whatever stands before "|file|" is ignored.
+// tnwk://|file|NAME|SIZE|HASH|; text before "|file|" is ignored.
 void downloadLink(ConClientApp& console, char* line) {
     const char* fields = std::strstr(line, "|file|");
     if (!fields) return;

@@ -13,7 +13,7 @@ constexpr i32 defaultServerPort = 4661;
 constexpr std::size_t longestSearch = 49;  // bytes
 constexpr int mostSearchTokens = 4;
 
-// The address of the server at a place of the list. Empty where there is none.
+// Returns the address of the server at a position of the list, or empty.
 std::optional<ServerAddress> serverAt(ServerList& servers, std::optional<u16> place) {
     if (!place) return std::nullopt;
     const i4_guard guard(servers);

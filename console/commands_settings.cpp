@@ -17,7 +17,7 @@ const char* firstArgument(char* line) { return argumentsOf(line).next(); }
 
 void sayInvalid(const ConClientApp& console) { console.log().printLine("Invalid arguments."); }
 
-// A whole number and nothing behind it.
+// Parses an integer with nothing after it.
 std::optional<SettingValue> exactNumber(const char* argument) {
     char* end = nullptr;
     errno = 0;
@@ -26,14 +26,14 @@ std::optional<SettingValue> exactNumber(const char* argument) {
     return SettingValue(static_cast<i32>(number));
 }
 
-// The row whose command begins the line.
+// Returns the row whose command is the line's first word.
 const Setting& settingOf(i4_string line) {
     const std::string_view word = Tokens(&line[0]).next();
     return *std::find_if(std::begin(setting::table), std::end(setting::table),
                          [&](const Setting& row) { return row.command.name && row.command.name == word; });
 }
 
-// What the row's command makes of its line. Empty where nothing is to change; that is said here, if at all.
+// Parses the new value from the command's line. Empty if nothing is to change; any error is printed here.
 std::optional<SettingValue> wishFor(const ConClientApp& console, const Setting& row, char* line) {
     const SettingArgument takes = row.command.takes;
     const bool isLine = takes == SettingArgument::line;
@@ -75,7 +75,7 @@ void changeSetting(ConClientApp& console, char* line) {
     const std::optional<SettingValue> wish = wishFor(console, row, line);
     if (!wish) return;
     console.engine().preferences.set(row, *wish);
-    console.engine().messageQ.wake();  // what the setting makes due
+    console.engine().messageQ.wake();  // the new value may make something due
     if (const char* answer = row.command.answer)
         console.log().printLine("%s%s", answer, row.form.isPath ? orEmpty(wish->text) : "");
 }

@@ -1,4 +1,4 @@
-// Records as tables: what the views of results, files and servers rest on.
+// Printing of records as tables, for the views of results, files and servers.
 #include <string>
 
 #include "console/Servant.h"
@@ -11,10 +11,10 @@ namespace {
 
 constexpr std::size_t rowSize = 255;  // characters of a header or a row
 
-// Cuts a line at the limit, but never inside a character.
+// Cuts a line at the limit, but never inside a UTF-8 character.
 std::string cut(std::string line) {
     if (line.size() <= rowSize) return line;
-    constexpr std::size_t mostFollowing = 3;  // bytes of a character behind its first
+    constexpr std::size_t mostFollowing = 3;  // the most continuation bytes of a character
     std::size_t end = rowSize;
     while (end > rowSize - mostFollowing && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
     line.resize(end);
@@ -40,7 +40,7 @@ void Servant::printRow(const Meta* record, const Keys& keys, u32 index) {
     if (!record) return;
     std::string line = "(" + std::to_string(index + 1) + ") ";
     for (const std::string& key : keys) {
-        char value[256] = "";  // stays as it is for what has no text
+        char value[256] = "";  // left empty for a tag without text
         line += record->printable(key.c_str(), value, sizeof value) ? value : "";
         line += '\t';
     }

@@ -1,4 +1,4 @@
-// The views: what the lists and the singletons hold at this moment.
+// The view commands, which print the current state of lists and settings.
 #include <vector>
 
 #include "console/ConClientApp.h"
@@ -111,7 +111,7 @@ void viewOptions(ConClientApp& console, char*) {
     for (u8 place = 1; const Setting* row = setting::at(place, &Setting::view); ++place) {
         const SettingValue value = console.engine().preferences.value(*row);
         const char* label = row->view.label;
-        const char* tabs = &"\t\t\t"[(i4_strlen(label) + 1) / 8];  // the values stand below each other
+        const char* tabs = &"\t\t\t"[(i4_strlen(label) + 1) / 8];  // aligns the values
         if (row->isText()) {
             console.log().printLine("%s:%s%s", label, tabs, orEmpty(value.text));
         } else {
@@ -144,7 +144,7 @@ void viewDiskSpace(ConClientApp& console, char*) {
     LLsafe<Download>& downloads = console.engine().dlPool.getDownloads();
     const i4_guard guard(downloads);
     for (LL<Download>::Cursor c; Download* download = downloads.next(c);) {
-        const auto megabytes = download->bytesToFill() / 1'048'576;  // whole ones
+        const auto megabytes = download->bytesToFill() / 1'048'576;  // truncated
         console.log().printLine("(%.2fMB) :\t %s ", static_cast<f64>(megabytes),
                                 orEmpty(download->getName()));
     }

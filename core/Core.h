@@ -1,4 +1,4 @@
-// What every room of the engine gets.
+// Core: the services that every module of the engine gets.
 #pragma once
 
 #include "core/MessageQ.h"
@@ -8,7 +8,8 @@
 #include "core/UIInterface.h"
 #include "host/Host.h"
 
-// Outlives whatever got it.
+// References only.
+// Thread: as each member says. The referenced objects must outlive everything that holds a Core.
 struct Core {
     Host& host;
     UIInterface& log;

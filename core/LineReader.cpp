@@ -2,7 +2,7 @@
 
 LineReader::LineReader(Disk& disk, const char* path, std::size_t limit) : limit_(limit) {
     i4_file_status status;
-    // A device would never end.
+    // Only regular files: a device may have no end.
     if (disk.status(path, status) && status.kind == i4_file_kind::regular)
         stream_ = disk.open(path, I4_FILE_READ);
 }

@@ -1,4 +1,4 @@
-// LineReader: the lines of the text files in the working directory.
+// LineReader: reads the text files of the working directory line by line.
 #pragma once
 
 #include <array>
@@ -7,19 +7,19 @@
 
 #include "i4min/file/Disk.h"
 
-// Reads a text file line by line. A line ends at LF; what stands in it behind a CR or a NUL isn't part of its
-// text. Text past `limit` characters is dropped, to the end of that line. The file's size costs no memory.
-// Thread: one at a time. Owns the stream.
+// A line ends at LF; anything after a CR or NUL in it is dropped, and so is text beyond `limit` characters.
+// Memory use doesn't depend on the file's size.
+// Thread: one at a time. Owns: the stream.
 class LineReader {
   public:
-    // `path` is taken as it stands. isOpen() is false where the file can't be read.
+    // `path` is used as it is. isOpen() is false if the file can't be read.
     LineReader(Disk& disk, const char* path, std::size_t limit);
     bool isOpen() const { return stream_ != nullptr; }
-    // The next line's text, without its end. False when no line is left.
+    // Reads the next line without its end. Returns false at the end of the file.
     bool next(std::string& line);
 
   private:
-    int nextByte();  // -1 at the end
+    int nextByte();  // -1 at the end of the file
 
     const std::size_t limit_;
     std::unique_ptr<i4_file> stream_;

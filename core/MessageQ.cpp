@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr i64 restAfterMessage = 10;      // ms; a post ends it
+constexpr i64 restAfterMessage = 10;      // ms; a new message ends it
 constexpr i32 autoConnectEvery = 60'000;  // ms
 
 }  // namespace
@@ -18,7 +18,7 @@ MessageQ::~MessageQ() {
 }
 
 void MessageQ::clear() {
-    std::deque<QMessage> dropped;  // without the lock: what they refer to may end with them
+    std::deque<QMessage> dropped;  // destroyed after the lock is released, with all that it owns
     const i4_lock guard(lock_);
     queue_.swap(dropped);
 }
@@ -81,7 +81,7 @@ bool MessageQ::process() {
     return true;
 }
 
-// Time that handlers spent is counted in the next idle turn.
+// Time spent in handlers counts in the next idle turn.
 void MessageQ::idleTurn() {
     const i32 elapsed = msBetween(lastTick_, clock_.now());
     lastTick_ = later(lastTick_, elapsed);

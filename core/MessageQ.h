@@ -1,4 +1,4 @@
-// MessageQ, the thread that serialises changes of the application's state.
+// MessageQ: the thread that serialises changes of the application's state.
 #pragma once
 
 #include <deque>
@@ -19,6 +19,8 @@ class Search;
 class UIInterface;
 class UserMeta;
 
+// The address of an index server: ip and TCP port.
+// A plain value.
 struct ServerAddress {
     u32 ip;  // network order
     u16 port;
@@ -26,15 +28,15 @@ struct ServerAddress {
     bool operator==(const ServerAddress&) const = default;
 };
 
-// What a message carries. It owns what it holds, or holds a reference: nothing in a queue can dangle.
+// A message's argument. It owns its content or holds a reference to it, so nothing in the queue can dangle.
 using QArgument = std::variant<std::monostate, ServerAddress, Ref<Search>, std::shared_ptr<FileMeta>,
                                Ref<Download>, Ref<Peer>, std::shared_ptr<UserMeta>, i4_string>;
 
-// The messages by number; engine/Engine_messages.cpp has the table of their handlers.
+// The message numbers. The table of their handlers is in engine/Engine_messages.cpp.
 enum MessageNumber : u32 {
     MESSAGE_LOAD = 0,
     MESSAGE_SAVE = 1,
-    MESSAGE_CONNECT = 2,  // ServerAddress, or nothing for the best server
+    MESSAGE_CONNECT = 2,  // ServerAddress; none for the best server
     MESSAGE_DISCONNECT = 3,
     MESSAGE_TRY_NEXT_SERVER = 4,
     MESSAGE_SEARCH = 5,            // Ref<Search>
@@ -42,7 +44,7 @@ enum MessageNumber : u32 {
     MESSAGE_MORE_RESULTS = 7,
     MESSAGE_EXTEND = 8,            // Ref<Search>
     MESSAGE_EXTEND_ALTERNATE = 9,  // Ref<Search>
-    MESSAGE_DOWNLOAD = 10,         // shared_ptr<FileMeta>, a record of the message's own
+    MESSAGE_DOWNLOAD = 10,         // shared_ptr<FileMeta>, a copy of the record
     MESSAGE_DOWNLOAD_GONE = 11,    // Ref<Download>
     MESSAGE_PAUSE = 12,            // Ref<Download>
     MESSAGE_RESUME = 13,           // Ref<Download>
@@ -59,25 +61,30 @@ enum MessageNumber : u32 {
     MESSAGE_COUNT = 26,
 };
 
+// A message in the queue.
+// A plain value that owns its argument.
 struct QMessage {
     u32 number;
     QArgument argument;
 };
 
-// What MessageQ drives. Thread: MessageQ's.
+// The interface that MessageQ calls. Engine implements it.
+// Thread: MessageQ's.
 class MessageDuties {
   public:
-    virtual bool handle(u32 number, QArgument& argument) = 0;  // false for a number that means nothing
-    virtual void idle(i32 elapsedMs) = 0;                      // the slow timers, on every idle turn
+    virtual bool handle(u32 number, QArgument& argument) = 0;  // false for an unknown number
+    virtual void idle(i32 elapsedMs) = 0;                      // the slow timers; called on every idle turn
     virtual bool wantsServer() = 0;  // automatic connect is on and there is no server
-    virtual i32 untilDue() = 0;      // ms until a timer of idle() is due; the greatest i32 for never
+    virtual i32 untilDue() = 0;      // ms until a timer of idle() is due; the maximum i32 for never
 
   protected:
     ~MessageDuties() = default;
 };
 
-// Thread: post() from any; a handler runs on MessageQ's own thread, one at a time, strictly in the order of
-// posting, and may post. Catches nothing: a handler that has to survive an i4_err catches it by itself.
+// Runs one handler at a time, in the order of posting, and the slow timers when the queue is empty. A handler
+// may post.
+// Thread: any thread may post; handlers run on MessageQ's thread.
+// Owns: the queue. Errors: it catches nothing, so a handler must catch the i4_err that it can survive.
 class MessageQ : public Thread {
   public:
     MessageQ(Host& host, UIInterface& log, MessageDuties& duties)
@@ -87,12 +94,12 @@ class MessageQ : public Thread {
     Rest run() override;
 
     void post(u32 number, QArgument argument = {});
-    // A message without an argument, unless one of that number waits already behind the head.
+    // Posts a message without argument, unless the same number is queued already behind the head.
     void postOnce(u32 number);
     void postFront(u32 number, QArgument argument = {});
-    // Handles the message at the head, if there is one. False when the queue is empty.
+    // Handles the message at the head. Returns false if the queue is empty.
     bool process();
-    void clear();  // drops what waits, once the thread has stopped
+    void clear();  // drops all queued messages; call it once the thread has stopped
 
   private:
     std::optional<QMessage> take();
@@ -103,8 +110,8 @@ class MessageQ : public Thread {
     UIInterface& log_;
     MessageDuties& duties_;
     Moment lastTick_;
-    i32 autoConnectTimer_ = -1;  // ms until the next automatic connect is due; due at 0 and below
+    i32 autoConnectTimer_ = -1;  // ms until the next automatic connect; due at 0 or below
     i4_mutex lock_{LockRank::messageQueue};
-    std::deque<QMessage> queue_ GUARDED_BY(lock_);  // without the one in hand
+    std::deque<QMessage> queue_ GUARDED_BY(lock_);  // without the message being handled
     bool inHand_ GUARDED_BY(lock_) = false;
 };

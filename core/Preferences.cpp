@@ -7,7 +7,7 @@
 //   ...    u32 count and that many tags
 //   ...    u32 count and that many tags                   the settings, by key
 //
-// Tags stand in the order in which they were first added, and keep their place; keys that aren't ours stay.
+// New tags are added at the end; existing ones keep their place. Unknown keys are kept.
 #include "core/Preferences.h"
 
 #include <algorithm>
@@ -34,10 +34,10 @@ namespace {
 constexpr std::size_t longestUserName = 64;
 constexpr u32 largestFile = 16 * 1024 * 1024;
 
-// In KB/s; what can't be a speed counts as no limit.
+// In KB/s; a value that can't be a speed means no limit.
 f32 asLimit(f32 value) { return setting::speed.allows(value) ? value : 0; }
 
-// Calls `use` with the place of the row's value, unless functions stand for it.
+// Calls `use` with the row's field, unless the row has a function instead.
 template <class P, class T, class Use>
 void withField(const Setting& row, P& preferences, T& texts, Use use) {
     const auto visit = [&](auto field) {
@@ -62,8 +62,8 @@ void assign(const Setting& row, const SettingValue& value, Preferences& preferen
 
 f32 fromThousandths(f64 value) { return static_cast<f32>(value) / 1000; }
 
-// A stored number that stands for this very speed stays: a float holds no thousandths of a fast line, and
-// what is saved mustn't drift from run to run.
+// Returns the stored number if it stands for the same speed: a float can't hold thousandths of a high speed,
+// and the saved value must not drift from run to run.
 u32 toThousandths(f32 speed, const u32* stored) {
     constexpr f32 most = 2'147'483'520.0F;  // the largest float that an i32 holds
     if (stored && *stored != 0 && fromThousandths(*stored) == speed) return *stored;
@@ -111,7 +111,7 @@ void Preferences::load() {
     strings_.reload(disk_, inWorkDir(stringFile().c_str()).c_str());
 }
 
-// Without a known working directory, names stay relative to it.
+// Names stay relative if the working directory isn't known.
 i4_string Preferences::inWorkDir(const char* name) const {
     if (workDir.length() == 0) return i4_string(name);
     i4_string path;
@@ -119,7 +119,7 @@ i4_string Preferences::inWorkDir(const char* name) const {
     return path;
 }
 
-// The file is taken into memory whole, so that its size bounds whatever its counts and lengths promise.
+// Reads the whole file into memory, so that its size bounds every count and length in it.
 bool Preferences::readFile() {
     const std::unique_ptr<i4_file> file = disk_.open(prefPath.c_str(), I4_FILE_READ);
     if (!file) return false;
@@ -155,7 +155,7 @@ bool Preferences::fromDisk(i4_file& stream) {
     return true;
 }
 
-// An empty path would mean the root.
+// An empty path would mean the root directory, so the preset applies.
 SettingValue Preferences::stored(const Meta& tags, const Setting& row) const {
     const SettingForm& form = row.form;
     if (row.isText()) {
@@ -179,7 +179,7 @@ void Preferences::takeAll(const Meta& user, const Meta& tags, SettingTexts& text
         assign(row, stored(row.isInUserRecord() ? user : tags, row), *this, texts);
     setMaxUp(userMaxUpF);
     setMaxDown(userMaxDownF);
-    // The rest of the proxy counts only with a type. What is unset is saved as an empty text.
+    // Without a proxy type, the other proxy settings don't apply. Unset texts are saved as empty ones.
     if (texts.pType == I4_PROXY_NONE) static_cast<i4_proxy_settings&>(texts) = {};
     for (i4_string* text : {&texts.user, &texts.password})
         if (text->length() == 0) *text = nullptr;

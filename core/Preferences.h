@@ -21,41 +21,41 @@ struct SettingTexts;
 struct SettingValue;
 struct i4_proxy_settings;
 
-// The settings of the process, read from pref.met at start and written back by save(). A first run makes an
-// identity of its own: user hash and name.
-// Thread: any. Single words are shared as they stand; texts that commands change are guarded by pathLock and
-// handed out as copies; the user record and the tags of pref.met are guarded by selfLock. The paths are
-// constant.
+// The settings of one client, read from pref.met at start and written back by save(). A first run generates a
+// user hash and a name.
+// Thread: any. Numbers are atomic. Texts that commands change are guarded by pathLock and returned as copies;
+// the user record and the tags of pref.met are guarded by selfLock. The file paths are constant.
+// Owns: the records and texts. Errors: printed in one line.
 class Preferences : public LineSpeeds {
   public:
-    // All files lie in `directory`; for an empty one their names stay relative.
+    // All files are in `directory`; if it is empty, their names stay relative.
     Preferences(Host& host, UIInterface& log, StringTable& strings, const char* directory);
     ~Preferences();
     Preferences(const Preferences&) = delete;
     Preferences& operator=(const Preferences&) = delete;
 
-    // Once, at start. A pref.met that is missing means a first run; one that is damaged, or has no name or
-    // user hash in it, is named in one line, set aside as pref.met.bad, and means a first run too. Fills
-    // the string table.
+    // Call it once, at start. A missing pref.met means a first run. A damaged one, or one without name or
+    // user hash, is reported in one line, renamed to pref.met.bad, and treated as a first run. Also fills the
+    // string table.
     void load() EXCLUDES(selfLock, pathLock);
-    // A failure is told in one line; the old file then stays. True when the new one is in place.
+    // Returns true if the new file is in place. A failure is printed in one line and keeps the old file.
     bool save() EXCLUDES(selfLock, pathLock);
-    // The same on a stream, in the form of pref.met. fromDisk is false where the bytes are no whole file with
-    // a name and a user hash: the tags that were read then stay, and no setting takes a value.
+    // Read and write the format of pref.met. fromDisk returns false if the bytes aren't a complete file with
+    // a name and a user hash; it then keeps the tags that it read, but changes no setting.
     bool fromDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
     bool toDisk(i4_file& stream) EXCLUDES(selfLock, pathLock);
 
-    // Any row of the table in Settings.h. What has a rule of its own is set by it.
+    // Gets or sets any row of the table in Settings.h, through the row's own function if it has one.
     SettingValue value(const Setting& row) const EXCLUDES(selfLock, pathLock);
     void set(const Setting& row, const SettingValue& value) EXCLUDES(selfLock, pathLock);
 
     // The client's own record.
     u32 clientId() const EXCLUDES(selfLock);
-    // A changed ID goes on to onClientIdChanged.
+    // Calls onClientIdChanged if the ID changes.
     void setClientId(u32 id) EXCLUDES(selfLock);
     u32 serverIp() const EXCLUDES(selfLock);
     u16 serverPort() const EXCLUDES(selfLock);
-    void setServer(u32 ip, u16 port) EXCLUDES(selfLock);  // the server that gave the present client ID
+    void setServer(u32 ip, u16 port) EXCLUDES(selfLock);  // the server that assigned the current client ID
     u32 selfByteSize() const EXCLUDES(selfLock);
     bool writeSelf(i4_file& stream) const EXCLUDES(selfLock);  // the network form
     void copySelf(UserMeta& out) const EXCLUDES(selfLock);
@@ -66,36 +66,35 @@ class Preferences : public LineSpeeds {
 
     i4_string incomingDir() const EXCLUDES(pathLock);
     i4_string tempDir() const EXCLUDES(pathLock);
-    // Both create the directory; one that can't be had is told in a line, and set all the same.
+    // Both create the directory. A failure is printed, but the setting changes all the same.
     void setIncoming(const char* path) EXCLUDES(pathLock);
-    // Refused with a message while hasDownloads; nothing where it is the present one.
+    // Does nothing if it is the current one. Refuses with a message while hasDownloads returns true.
     void setTemp(const char* path) EXCLUDES(pathLock);
 
     i4_string adminName() const EXCLUDES(pathLock);
     i4_string adminPass() const EXCLUDES(pathLock);
     void setAdmin(const char* name, const char* password) EXCLUDES(pathLock);
 
-    // Limits in KB/s, 0 for none, as is anything below. The download limit is kept in proportion to a small
-    // upload limit: where it would pass four times the upload limit, it becomes three times one below 5, and
-    // four times one below 10.
+    // Sets a limit in KB/s; 0 or less means none. A small upload limit bounds the download limit: it is reset
+    // to three times an upload limit below 5, or to four times one below 10, if it is too high for it.
     void setMaxUp(f32 wish);
     void setMaxDown(f32 wish);
 
-    // Makes NAME.str of the working directory the language file, and renames the common tags.
+    // Sets NAME.str in the working directory as the language file, and renames the common tags.
     void setLanguage(const char* name) EXCLUDES(pathLock);
-    i4_string stringFile() const EXCLUDES(pathLock);  // its name, such as fr.str
+    i4_string stringFile() const EXCLUDES(pathLock);  // the file's name, such as fr.str
 
-    // The proxy that pref.met holds; type 0 for none.
+    // The proxy stored in pref.met; type 0 for none.
     i4_proxy_settings proxy() const EXCLUDES(pathLock);
     // Stored by the next save(); takes effect at the next start.
     void setProxy(const i4_proxy_settings& settings) EXCLUDES(pathLock);
 
-    // Of the log, for this run.
+    // Verbose mode of the log, for this run only.
     bool isVerbose() const;
     void setVerbose(i32 verbose);
 
-    // What the engine above has to do with a setting; the engine sets both before any thread of it runs. They
-    // are called without a lock held. Empty where there is no engine.
+    // Set by the engine before its threads start; empty without an engine. They are called without a lock
+    // held.
     std::function<void()> onClientIdChanged;
     std::function<bool()> hasDownloads;
 
@@ -110,15 +109,15 @@ class Preferences : public LineSpeeds {
     const i4_string prefPath = inWorkDir("pref.met");
     const i4_string filterPath = inWorkDir("filters.txt");
 
-    // Where Settings.h keeps its numbers, and one that isn't in it.
-    Relaxed<f32> lineDown;  // KB/s, as the user told
+    // The numbers of the table in Settings.h, and workerCount, which isn't in it.
+    Relaxed<f32> lineDown;  // KB/s, as entered by the user
     Relaxed<i32> maxCon;
     Relaxed<i32> workerCount{1};
-    Relaxed<i32> pSize;         // most bytes that one request to a source covers
+    Relaxed<i32> pSize;         // most bytes that one request to a source may cover
     Relaxed<i32> pmAllow;       // who may open a call: 0 all, 1 users with a call, 2 those and friends
     Relaxed<i32> verifyCancel;  // for controllers
     Relaxed<i32> saveCor;       // keep a completed download whose hash failed
-    Relaxed<i32> autoConnect;   // the setting `auto`: connect to a server by itself
+    Relaxed<i32> autoConnect;   // the setting `auto`: connect to a server automatically
     Relaxed<i32> servRemove;
     Relaxed<i32> doorPort, adminDoorPort;
     Relaxed<i32> maxDown, maxNumUp, ipOver, trayCheck;  // kept for other front ends

@@ -1,4 +1,5 @@
-// Settings, the table of all settings: where each lies, how the file keeps it, and who sets and shows it.
+// Settings: the table of all settings: where each is stored, its format in the file, and who sets and shows
+// it.
 #pragma once
 
 #include <limits>
@@ -8,7 +9,8 @@
 #include "i4min/network/proxy.h"
 #include "meta/tagTable.h"
 
-// What a setting is, a text or a number that any i32 and any f32 fits in, as whatever is asked for.
+// The value of a setting: a text, or a number that can hold any i32 or f32. Converts to the type that is
+// needed. A plain value.
 struct SettingValue {
     SettingValue(f64 value = 0) : number(value) {}
     SettingValue(const i4_string& value) : text(value) {}
@@ -20,31 +22,33 @@ struct SettingValue {
     i4_string text;
 };
 
-// The settings that a lock guards: texts, and the proxy, which is one value.
+// The settings that a lock guards: texts, and the proxy as one value.
+// A plain value. Thread: under the lock of Preferences.
 struct SettingTexts : i4_proxy_settings {
     i4_string incoming, temp, userName, userPass, adminName, adminPass, stringFile;
 };
 
-// How pref.met keeps a setting. What is missing there, of another type or outside the limits takes the
-// preset; so does an empty text.
+// The format of a setting in pref.met. The preset applies if the tag is missing, has another type or is
+// outside the limits, or if a text is empty.
 struct SettingForm {
     MetaTagType type;
     f64 least = 0;
     f64 most = 0;
     bool isThousandths = false;
-    bool isPath = false;  // its preset lies in the working directory
+    bool isPath = false;  // the preset is a path in the working directory
 
     constexpr bool allows(f64 value) const { return value >= least && value <= most; }
 };
 
-// What a command takes: a dash for 0, or anything else for 1; a whole number within the limits, and of a
-// speed any other for the preset; a number with nothing behind it; a word; or the rest of the line. What
-// isn't that is refused, and for `exact` and `line` passed over in silence.
+// The argument that a command takes. dash: "-" for 0, anything else for 1. whole: an integer within the
+// limits; for a speed, any other integer means the preset. exact: a number with nothing after it. word: one
+// word. line: the rest of the line. Other arguments are refused; `exact` and `line` ignore them silently.
 enum class SettingArgument : u8 { dash, whole, exact, word, line };
 
-// One setting. Constant; columns at the end that are left out mean that there is no such place.
+// One setting: a row of the table below. Trailing columns that are left out mean that the setting isn't
+// available there. Constant.
 struct Setting {
-    // Where the value lies, or for one that lies elsewhere the function that tells it.
+    // A pointer to the value, or the function that returns it.
     using Teller = SettingValue (*)(const Preferences&);
     using Field = std::variant<Relaxed<i32> Preferences::*, Relaxed<f32> Preferences::*, i32 SettingTexts::*,
                                i4_string SettingTexts::*, Teller>;
@@ -52,27 +56,27 @@ struct Setting {
         const char* name = nullptr;
         SettingArgument takes = SettingArgument::dash;
         const char* answer = nullptr;
-        void (*set)(Preferences&, const SettingValue&) = nullptr;  // for what has a rule of its own
+        void (*set)(Preferences&, const SettingValue&) = nullptr;  // null if an assignment is enough
     };
-    // Places count from 1, without a gap.
+    // Places count from 1 without gaps.
     struct View {
         u8 place = 0;
-        const char* label = "";  // a colon and tabs follow
+        const char* label = "";  // followed by a colon and tabs
     };
     struct Place {
         u8 place = 0;
-        u8 bytes = 0;  // of a whole number
+        u8 bytes = 0;  // size of an integer
     };
 
-    // A name of one byte is a tag of the user record; null where the file has none of its own for it.
+    // A key of one byte is a tag of the user record; null if the file has no tag of its own for it.
     const char* key;
     SettingForm form;
     Field field;
-    const char* preset;  // as pref.met keeps it, in decimal
+    const char* preset;  // as stored in pref.met, in decimal
     Command command{};   // of the console
     View view{};         // in `vo`
-    Place message{};     // to the controller
-    Place firstRun{};    // among what a first run writes before all else
+    Place message{};     // in the settings message to controllers
+    Place firstRun{};    // in the tags that a first run writes first
 
     constexpr bool isText() const { return form.type == META_TAG_STRING; }
     constexpr bool isInUserRecord() const { return key && key[0] && !key[1]; }
@@ -84,7 +88,7 @@ using P = Preferences;
 using T = SettingTexts;
 using enum SettingArgument;
 
-// What stands behind functions of Preferences.
+// Adapters for settings that are accessed through functions of Preferences.
 template <auto member>
 SettingValue of(const P& preferences) {
     return (preferences.*member)();
@@ -97,7 +101,7 @@ void by(P& preferences, const SettingValue& value) {
 template <class Number>
 using Range = std::numeric_limits<Number>;
 inline constexpr SettingForm integer{META_TAG_INT, Range<i32>::min(), Range<i32>::max()};
-inline constexpr SettingForm unread{META_TAG_INT, 1, 0};     // saved, and never read back
+inline constexpr SettingForm unread{META_TAG_INT, 1, 0};     // saved, but never read back
 inline constexpr SettingForm door{META_TAG_INT, 1, 0xFFFF};  // a port
 inline constexpr SettingForm speed{META_TAG_FLOAT, Range<f32>::denorm_min(), Range<f32>::max()};  // KB/s
 inline constexpr SettingForm estimate{META_TAG_INT, 1, Range<u32>::max(), true};                  // KB/s
@@ -107,7 +111,7 @@ inline constexpr const char* soon = "Port will change when you restart.";
 inline constexpr const char* inIs = "Incoming directory is now: ";
 inline constexpr const char* tempIs = "Temp directory is now: ";
 
-// In the order in which they are added to a file that has none of them.
+// In the order in which missing settings are added to the file.
 inline constexpr Setting table[] = {
     {nullptr, text, of<&P::getName>, "", {"name", word, "ok.", by<&P::setName>}, {1, "Name"}, {5}},
     {nullptr, integer, of<&P::isVerbose>, "0", {"verbose", dash, {}, by<&P::setVerbose>}, {10, "Verbose"}},
@@ -143,7 +147,7 @@ inline constexpr Setting table[] = {
     {"pPort", integer, &T::port, "0"},
 };
 
-// The row that has this place in a column such as &Setting::view; null behind the last.
+// Returns the row with this place in a column such as &Setting::view, or null after the last one.
 template <class Column>
 const Setting* at(u8 place, Column Setting::*column) {
     for (const Setting& row : table)

@@ -17,16 +17,16 @@ bool StateFiles::save(const char* path, const std::function<bool(i4_file&)>& wri
         file.setLog(&log_);
         return write(file);
     });
-    if (!reason.empty()) tellUnsaved(path, reason);
+    if (!reason.empty()) reportUnsaved(path, reason);
     return reason.empty();
 }
 
 void StateFiles::setAside(const char* path) {
     log_.printLine("Error loading: %s", path);
     const std::string reason = setAsideDamaged(disk_, path);
-    if (!reason.empty()) tellUnsaved((std::string(path) + ".bad").c_str(), reason);
+    if (!reason.empty()) reportUnsaved((std::string(path) + ".bad").c_str(), reason);
 }
 
-void StateFiles::tellUnsaved(const char* path, const std::string& reason) {
+void StateFiles::reportUnsaved(const char* path, const std::string& reason) {
     log_.printLine("Couldn't save %s: %s", path, reason.c_str());
 }

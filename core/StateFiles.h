@@ -1,4 +1,4 @@
-// StateFiles, the files in which a client keeps what it knows over a restart.
+// StateFiles: loads and saves the files that keep a client's state across restarts.
 #pragma once
 
 #include <functional>
@@ -7,21 +7,22 @@
 #include "i4min/file/Disk.h"
 #include "meta/MetaList.h"
 
-// Reads and saves them, and tells the user what went wrong. Thread: any.
+// Loads and saves lists, and prints an error with the file's name if that fails.
+// Thread: any. Borrows: the disk and the log.
 class StateFiles {
   public:
     StateFiles(Disk& disk, UIInterface& log) : disk_(disk), log_(log) {}
 
-    // Adds what the file holds to the list. A damaged file is told in one line and set aside.
+    // Adds the file's records to the list. A damaged file is reported in one line and set aside.
     LoadResult load(MetaList& list, const char* path);
-    // On a failure, which is told in one line, the old file stays. True when the new one is in place.
+    // Returns true if the new file is in place. A failure is printed in one line and keeps the old file.
     bool save(MetaList& list, const char* path);
     bool save(const char* path, const std::function<bool(i4_file&)>& write);
-    // Names a file that doesn't read whole, and moves it out of the way.
+    // Reports a file that can't be read completely, and renames it.
     void setAside(const char* path);
 
   private:
-    void tellUnsaved(const char* path, const std::string& reason);
+    void reportUnsaved(const char* path, const std::string& reason);
 
     Disk& disk_;
     UIInterface& log_;

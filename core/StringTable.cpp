@@ -93,7 +93,7 @@ constexpr const char* builtIn[] = {
 };
 static_assert(std::size(builtIn) == STRINGS_COUNT);
 
-// The tags that have a text.
+// The tags whose names can be translated.
 constexpr struct {
     TagIndex tag;
     StringNumber text;

@@ -12,9 +12,9 @@
 class Disk;
 class MetaTag;
 
-// A text's number; in a language file it stands on the line of that number plus 1.
+// The number of a text. In a language file it is on the line of that number plus 1.
 enum StringNumber : u32 {
-    STRINGS_EMPTY = 0,  // a download whose status can't be read at that moment
+    STRINGS_EMPTY = 0,  // shown for a download whose status can't be read at the moment
     STRINGS_DL_STATUS_QUEUED = 1,
     STRINGS_DL_STATUS_LOOKING = 2,
     STRINGS_DL_STATUS_DOWNLOADING = 3,
@@ -95,35 +95,33 @@ enum StringNumber : u32 {
     STRINGS_COUNT = 78,
 };
 
-// The user-visible texts that can be translated. Behind each number stands a built-in text, so that the
-// program works with no language file at all.
-// Thread: any. Readers take no lock: they follow one atomic pointer to a table that never changes. A change
-// makes a new table; the old one is retired but stays, so that texts handed out are valid until the
-// StringTable goes. A language that comes back takes its retired table again: memory grows with the languages
-// used, not with changes.
+// The translatable texts. Each number has a built-in text, so the program works without a language file.
+// Thread: any. Readers take no lock: an atomic pointer leads to a table that never changes. A change
+// publishes a new table.
+// Owns: all tables. Old ones are kept, so that texts stay valid as long as the StringTable. A language that
+// is chosen again reuses its table, so memory grows with the number of languages, not with changes.
 class StringTable {
   public:
     StringTable() = default;
     StringTable(const StringTable&) = delete;
     StringTable& operator=(const StringTable&) = delete;
 
-    // Null before the first build; "" for a number beyond the table.
+    // Returns null before the first build, and "" if the number is beyond the table.
     const char* get(u32 number) const;
     u32 count() const;
 
-    // A number of count() or above is ignored.
+    // Ignores numbers of count() and above.
     void set(u32 number, const char* text) EXCLUDES(lock_);
-    void build(u32 count) EXCLUDES(lock_);  // that many empty texts
-    // Sets the numbers from the lines of a text file, the first line number 0; lines past the table are
-    // dropped. Returns the lines read, 0 where the file can't be read. The path is taken as it stands.
+    void build(u32 count) EXCLUDES(lock_);  // makes a table of `count` empty texts
+    // Sets the texts from the lines of a file, starting with number 0, and drops lines beyond the table.
+    // `path` is used as it is. Returns the number of lines read, or 0 if the file can't be read.
     u32 loadFile(Disk& disk, const char* path) EXCLUDES(lock_);
-    // The built-in texts, and over them those of the language file. A missing file is no error.
+    // Sets the built-in texts, then those of the language file. A missing file is no error.
     void reload(Disk& disk, const char* path) EXCLUDES(lock_);
 
-    // From now on tags are called by the texts that stand in the table at this moment.
+    // Names the tags by the texts that the table holds now.
     void nameTags() EXCLUDES(lock_);
-    // What the user is shown for a tag's name: its text, else what it is called in English; null for a tag
-    // that has none.
+    // Returns the name to show for a tag: its text, else its English name, or null if it has none.
     const char* nameOf(const MetaTag& tag) const;
 
   private:

@@ -13,10 +13,10 @@
 
 namespace {
 
-constexpr u32 mostComplaints = 60;  // of one kind in a minute
+constexpr u32 mostComplaints = 60;  // of one kind per minute
 
-// Names and messages of strangers are among what is printed: none may steer the user's terminal. All of it
-// goes at once, so that lines of different threads don't mix.
+// Replaces control characters, since printed names and messages may come from strangers who want to control
+// the terminal. Writes the whole text at once, so that lines of different threads don't mix.
 void write(const char* format, va_list list, const char* end) {
     char* text = nullptr;
     const int length = ::vasprintf(&text, format, list);
@@ -63,7 +63,7 @@ void UIInterface::say(Text kind, const char* format, va_list list) {
     write(format, list, kind == Text::line ? "\n" : "");
 }
 
-// Threads that meet at the turn of a minute may miscount by a few.
+// Concurrent calls at the start of a new minute may miscount by a few.
 bool UIInterface::mayComplain(Complaint kind) {
     Budget& budget = budgets_[static_cast<std::size_t>(kind)];
     const u32 minute = clock_ ? clock_->ticks() / 60'000 : 0;

@@ -1,4 +1,4 @@
-// UIInterface, through which the engine prints.
+// UIInterface: the interface through which the engine prints.
 #pragma once
 
 #include <array>
@@ -14,28 +14,28 @@ class Clock;
 
 #define PRINTF_LIKE __attribute__((format(printf, 2, 3)))
 
-// Prints text. Thread: any, at the same time. printLine adds a newline to whatever the text holds, so that a
-// text that ends in a newline leaves an empty line behind it. Control characters but newline and tab are
-// printed as '?'.
+// Prints text; by default on standard output. printLine() always adds a newline, so a text that ends in one
+// is followed by an empty line. Control characters except newline and tab are printed as '?'.
+// Thread: any, concurrently.
 class UIInterface : public i4_log {
   public:
-    // The clock counts the minutes of mayComplain(); without one, all time is one minute.
+    // The clock counts the minutes for mayComplain(). Without one, all time counts as one minute.
     explicit UIInterface(const Clock* clock = nullptr) : clock_(clock) {}
     UIInterface(const UIInterface&) = delete;
     UIInterface& operator=(const UIInterface&) = delete;
     virtual ~UIInterface();
     void printLine(const char* format, ...) PRINTF_LIKE;
     void print(const char* format, ...) PRINTF_LIKE;         // without newline
-    void printVerbose(const char* format, ...) PRINTF_LIKE;  // without newline, and only in verbose mode
-    // Without newline. Nothing is held back, so this is what print() does.
+    void printVerbose(const char* format, ...) PRINTF_LIKE;  // without newline; only in verbose mode
+    // Like print(): output is never held back.
     void printFlush(const char* format, ...) PRINTF_LIKE;
 
     void tell(Tone tone, const char* text) override;
     virtual bool isVerbose() const { return verbose_.load(std::memory_order_relaxed); }
     virtual void setVerbose(bool verbose) { verbose_.store(verbose, std::memory_order_relaxed); }
 
-    // For a text that strangers can cause at any rate: false where enough of its kind were printed in this
-    // minute. So a log stays small over months, and nobody's texts take the place of another's.
+    // Limits texts that strangers can cause at any rate: returns false if enough of this kind were printed in
+    // this minute. Keeps the log small, and one stranger's texts from hiding other texts.
     enum class Complaint {
         brokenTag,
         peerOutOfDate,
@@ -47,7 +47,8 @@ class UIInterface : public i4_log {
     };
     bool mayComplain(Complaint kind);
 
-    // What the four operations above print, which of them it was, and in verbose mode only what is for it.
+    // What the four functions above print and which of them was called. printVerbose() calls it in verbose
+    // mode only.
     enum class Text { line, plain, verbose, flush };
     virtual void say(Text kind, const char* format, va_list list);
 

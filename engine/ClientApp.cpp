@@ -1,5 +1,4 @@
-// The life cycle: start, load, save, shut-down. ClientApp_services.cpp has what the subsystems ask of it at
-// run time.
+// Life cycle: start, load, save, shutdown. ClientApp_services.cpp has the operations used at run time.
 #include "engine/ClientApp.h"
 
 #include "download/DLPool.h"
@@ -49,7 +48,7 @@ void ClientApp::init() {
     disk.makeDirectory(needs_.core.preferences.incomingDir().c_str());
     disk.makeDirectory(needs_.core.preferences.tempDir().c_str());
     needs_.servers.load(needs_.core.preferences.serverPath.c_str());
-    // Before the first command, which may add a directory.
+    // Loaded before the first command runs, which may add a directory.
     shareDirs_->load();
     socketPool.start();
     socketPool.setPriority(3);
@@ -84,7 +83,7 @@ void ClientApp::load() {
     filter_->load(needs_.core.host.disk, needs_.core.preferences.filterPath.c_str());
     needs_.core.files.load(needs_.friends, needs_.core.preferences.friendPath.c_str());
     needs_.core.files.load(known, needs_.core.preferences.knownPath.c_str());
-    // A download that is resumed gets a record in each run: the last one counts.
+    // Each run adds a record for a resumed download; keep the last one.
     known.deleteRepeated();
     loaded_ = 1;
     partials_->loadFromDir(needs_.core.preferences.tempDir().c_str());
@@ -115,7 +114,7 @@ void ClientApp::shutdown() {
     socketPool.stop();
     needs_.hasher.stop();
     needs_.core.messages.stop();
-    // A message that was handled meanwhile may have started it again.
+    // A message handled in the meantime may have started the hash thread again.
     needs_.hasher.stop();
     partials_->clear();
     needs_.downloads.stop();

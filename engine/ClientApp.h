@@ -1,5 +1,4 @@
-// ClientApp, the owner of the engine: brings it up, takes it down in a fixed order, and is what knows the
-// shared files and the last search.
+// ClientApp: starts and stops the engine, and holds the shared files and the last search.
 #pragma once
 
 #include <functional>
@@ -30,7 +29,8 @@ class Worker;
 struct Transport;
 struct i4_proxy_settings;
 
-// What ClientApp brings up and takes down, and what it works with. Outlives it.
+// References to what ClientApp starts, stops and uses.
+// Thread: any. Must outlive it.
 struct ClientNeeds {
     Core& core;
     Transport& transport;
@@ -44,8 +44,10 @@ struct ClientNeeds {
     HashThread& hasher;
 };
 
-// Thread: init() and shutdown() on the entry thread, once each; load(), publish() and saveAll() on
-// MessageQ's, and saveAll() once more within shutdown(); the rest on any.
+// Starts the engine's threads in init() and stops them in a fixed order in shutdown(). Provides the shared
+// files, searches and connections to users in between.
+// Thread: init() and shutdown() on the entry thread, once each; load() and publish() on MessageQ's; saveAll()
+// on MessageQ's and in shutdown(); the rest on any.
 // Owns: the lists; through `known`, every record that is or was shared; the socket pool and the workers.
 class ClientApp {
   public:
@@ -58,24 +60,24 @@ class ClientApp {
     void load();
     void saveAll();
     void shutdown();
-    // Applies a proxy setting, null for none, and opens the client's listener unless a proxy is in force.
+    // Applies a proxy setting (null for none). Opens the client's listener unless a proxy is used.
     void listen(const i4_proxy_settings* proxy, i32 timeoutMs);
 
-    void publish();                      // offers the server what it hasn't seen
-    void addSharedFile(FileMeta* file);  // hashed or completed; ownership passes to `known`
-    // Changes a record of `known` that may be in `shared` too, under both lists' locks.
+    void publish();                      // publishes the files that the server hasn't been offered yet
+    void addSharedFile(FileMeta* file);  // a hashed or completed file; ownership passes to `known`
+    // Changes a record of `known`, which may be in `shared` too, under the locks of both lists.
     void changeFile(FileMeta* file, const std::function<void(FileMeta&)>& change);
     void clearPublished();
     void setSharedDirs(const std::vector<i4_string>& dirs);
     void getSharedDirs(std::vector<i4_string>& out) const;
-    void findCollections(FileList& out);  // what is shared of the type "Col"
+    void findCollections(FileList& out);  // copies the shared files of type "Col"
 
     void startSearch(Ref<Search> search);
-    bool extendSearch();                         // false where there was no search yet
+    bool extendSearch();                         // false if there was no search yet
     void gotResult(FileMeta* file);              // ownership passes
-    void gotResults(FileList* list, bool more);  // ownership passes, of the records too
+    void gotResults(FileList* list, bool more);  // ownership passes, including the records
 
-    // Reaches a user; with peerThere, `out` is the connection.
+    // Connects to a user, or finds the connection. Sets `out` to it if the result is peerThere.
     ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out);
 
     FilterList& filter() { return *filter_; }
@@ -84,8 +86,8 @@ class ClientApp {
     ImporterList& importers() { return *importers_; }
 
     FileList known{LockRank::knownFiles};    // every file that was ever hashed
-    FileList shared{LockRank::sharedFiles};  // the files that are shared at present
-    FileList published;                      // copies of what the current server was offered
+    FileList shared{LockRank::sharedFiles};  // the files currently shared
+    FileList published;                      // copies of what was published to the current server
     STSocketPool socketPool;
 
   private:
@@ -101,5 +103,5 @@ class ClientApp {
     std::unique_ptr<PartialList> partials_;
     std::unique_ptr<ImporterList> importers_;
     Ref<PeerDoor> door_;
-    Relaxed<u8> loaded_;  // load() has read the lists: what is saved replaces nothing unread
+    Relaxed<u8> loaded_;  // load() has read the lists; until then saving would overwrite them with empty ones
 };

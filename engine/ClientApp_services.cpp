@@ -1,4 +1,4 @@
-// What the subsystems ask of ClientApp at run time.
+// The operations of ClientApp that other modules use at run time.
 #include "download/DLPool.h"
 #include "download/HashThread.h"
 #include "download/ShareList.h"
@@ -15,7 +15,7 @@
 void ClientApp::publish() {
     const Ref<MainServer> server = needs_.servers.mainServer();
     if (!server || !needs_.hasher.isFinished()) return;
-    // The offer has records of its own: those of `published` go with the server's connection, at any moment.
+    // Uses copies: the server's connection may end at any moment, which clears `published`.
     FileList offer(LockRank::none);
     {
         const i4_guard guard(shared);
@@ -26,7 +26,7 @@ void ClientApp::publish() {
             offer.add(copyOf(*file).release());
         }
     }
-    // What was noted for a server that is gone meanwhile is news to the next one.
+    // If the server has changed in the meantime, the new one has been offered nothing yet.
     if (needs_.servers.mainServer().get() != server.get()) clearPublished();
     if (offer.count() > 0) server->publish(offer);
     offer.deleteAll();
@@ -123,7 +123,7 @@ ConnectResult ClientApp::connectToUser(const UserMeta& user, Ref<Peer>& out) {
         needs_.core.log.printVerbose("Can't accept more connections.\n");
         return ConnectResult::tooManyConnections;
     }
-    // 0xFFFFFF itself counts as an address here, and as none in isSelf().
+    // 0xFFFFFF counts as an address here, but as a low ID in isSelf().
     if (user.id >= highestLowId) {
         needs_.transport.connects.connect(
             Ref<Connection>(new Peer(socketPool, needs_.peers, user.id, user.port)));

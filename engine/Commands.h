@@ -1,7 +1,8 @@
-// Commands, the console as a controller reaches it.
+// Commands: the interface through which a controller uses the console.
 #pragma once
 
-// Thread: any, also at the same time.
+// Runs console commands for a remote controller. ConClientApp implements it.
+// Thread: any, concurrently.
 class Commands {
   public:
     virtual void dispatch(const char* line) = 0;  // runs one command line

@@ -1,5 +1,4 @@
-// CoreUIInterface, the user interface of a whole engine: what each room shows, and what the engine itself
-// does.
+// CoreUIInterface: the user interface of an engine.
 #pragma once
 
 #include "core/UIInterface.h"
@@ -11,8 +10,9 @@ class FileList;
 class FileMeta;
 class UserList;
 
-// Takes the events of the engine; by default each is ignored. Thread: any, at the same time. A counted object
-// that an implementation keeps gets a reference of its own.
+// Receives the events of all modules; by default it ignores them. An implementation that keeps a counted
+// object must take a reference of its own.
+// Thread: any, concurrently.
 class CoreUIInterface : public UIInterface, public ServerUI, public PeerUI, public DownloadUI {
   public:
     using UIInterface::UIInterface;
@@ -20,8 +20,8 @@ class CoreUIInterface : public UIInterface, public ServerUI, public PeerUI, publ
     void disconnected() override;
     void serverStats(u32 files, u32 users) override;
     void extending(const char* name) override;
-    // With these three, the record, or the list and its records, become the interface's own: by default it
-    // destroys them.
+    // These three pass ownership of the record, or of the list and its records. By default they are
+    // destroyed.
     virtual void addResult(FileMeta* file);
     virtual void setResults(FileList* list, u8 more);
     virtual void gotUserList(UserList* list);
@@ -39,7 +39,7 @@ class CoreUIInterface : public UIInterface, public ServerUI, public PeerUI, publ
     virtual void reserved24();
     void callMessage(Call* call, const char* text) override;
     void callOpened(Call* call) override;
-    virtual LLsafe<Upload>* getUploads();      // null where the interface keeps no list
-    virtual LLsafe<Download>* getDownloads();  // null where the interface keeps no list
+    virtual LLsafe<Upload>* getUploads();      // null if the interface keeps no list
+    virtual LLsafe<Download>* getDownloads();  // null if the interface keeps no list
     virtual void loaded();
 };

@@ -1,4 +1,4 @@
-// How the rooms of an engine come together.
+// Connects the modules of an engine with each other.
 #include "engine/Engine.h"
 
 #include "import/ImporterList.h"
@@ -14,10 +14,10 @@ Engine::Engine(Host& onHost, const char* workDir, CoreUIInterface& speakThrough)
 
 Engine::~Engine() {
     messageQ.stop();
-    messageQ.clear();  // of downloads and peers, which need the members that go first
+    messageQ.clear();  // the messages refer to downloads and peers, which need members destroyed first
 }
 
-// What servers say.
+// ServerEvents.
 
 void Engine::loggedOn() {
     const i4_guard guard(peers);
@@ -45,7 +45,7 @@ void Engine::gotResult(FileMeta* file) { clientApp.gotResult(file); }
 void Engine::gotResults(FileList* list, bool more) { clientApp.gotResults(list, more); }
 void Engine::gotUserList(UserList* list) { ui.gotUserList(list); }
 
-// What peers say.
+// PeerListener.
 
 void Engine::met(Peer& peer, Met how) {
     dlPool.peerConnected(peer);
@@ -66,7 +66,7 @@ void Engine::connectFailed(u32 ip, u16 port) {
     uploadPool.connectFailed(ip, port);
 }
 
-// Data is taken from those who were asked: nobody else may spoil a file that is on its way.
+// Accepts data only from peers that were asked for it, so that no other peer can spoil a download.
 void Engine::gotFileData(Peer& peer, const MD4Hash& file, i4_ram_file_class& stream) {
     const Ref<Download> download = dlPool.find(file);
     if (download && download->usesSlot(peer)) download->gotData(stream, peer);
@@ -115,7 +115,7 @@ bool Engine::gotChatMessage(const UserMeta& user, const char* text) {
 }
 void Engine::chatRefused(const UserMeta& user) { callList.refused(user); }
 
-// The way to other users.
+// Reach.
 
 bool Engine::mayConnect() { return clientApp.socketPool.count + 1 < preferences.maxCon; }
 
@@ -123,7 +123,7 @@ ConnectResult Engine::connectToUser(const UserMeta& user, Ref<Peer>& out) {
     return clientApp.connectToUser(user, out);
 }
 
-// What is told of the shared files.
+// SharedFiles.
 
 bool Engine::find(const MD4Hash& hash, SharedFile& out) {
     FileList& files = clientApp.shared;
@@ -141,7 +141,7 @@ void Engine::partsDone(const MD4Hash& hash, BoolArray& out) {
     if (const Ref<Download> download = dlPool.find(hash)) download->partialRef()->copyPartsDone(out);
 }
 
-// Someone who fetches a file that we are still fetching has parts of it, or will have, and becomes a source.
+// A user who requests a file that we are downloading has parts of it or will have, and becomes a source.
 Ref<PartReader> Engine::partsFor(const MD4Hash& hash, const UserMeta& asker) {
     const Ref<Download> download = dlPool.find(hash);
     if (!download) return {};
@@ -149,7 +149,7 @@ Ref<PartReader> Engine::partsFor(const MD4Hash& hash, const UserMeta& asker) {
     return Ref<PartReader>(download->partialRef().get());
 }
 
-// The records of the files that we have.
+// HashDuties.
 
 FileList& Engine::known() { return clientApp.known; }
 FileList& Engine::shared() { return clientApp.shared; }

@@ -1,4 +1,4 @@
-// Engine, one client as an object: everything that a client has, in one order of construction.
+// Engine: one client as an object, with everything it consists of.
 #pragma once
 
 #include "core/Core.h"
@@ -16,11 +16,11 @@
 #include "transport/ConnectRegistry.h"
 #include "transport/Transport.h"
 
-// Several may live in one process. The members are built in the order in which they stand here, and go in the
-// reverse order; each knows only those before it. What a room has to say to a later one goes through the
-// interfaces that the engine itself implements: Engine.cpp has what each event means, Engine_messages.cpp
-// what each message does. Construction reads nothing and starts nothing; ClientApp::init() does.
-// Thread: construction and destruction on the thread that owns it; the rest as the members say.
+// A process may hold several engines. Members are constructed in the order below and destroyed in reverse;
+// each may use only those before it. Events for later members go through the interfaces that Engine itself
+// implements: Engine.cpp handles events, Engine_messages.cpp handles messages. Construction reads no files
+// and starts no threads; ClientApp::init() does.
+// Thread: the owner constructs and destroys it; for the rest see the members.
 class Engine final : private MessageDuties,
                      private ServerEvents,
                      private PeerListener,
@@ -28,15 +28,15 @@ class Engine final : private MessageDuties,
                      private SharedFiles,
                      private HashDuties {
   public:
-    // Its files lie in `workDir`, an absolute path; with an empty one, in the process's current directory. It
-    // speaks through `ui`, which outlives it and by then keeps nothing of it any more.
+    // Its files are in `workDir`, an absolute path; an empty one means the process's current directory. `ui`
+    // must outlive the engine, and must hold no object of the engine when the engine is destroyed.
     Engine(Host& host, const char* workDir, CoreUIInterface& ui);
     ~Engine();
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
     Host& host;
-    EngineUI ui;  // what it says; ui.replace() puts another interface behind it
+    EngineUI ui;  // the modules' output; ui.replace() changes its target
     StateFiles stateFiles{host.disk, ui};
     StringTable stringTable;
     Preferences preferences;

@@ -1,13 +1,14 @@
-// EngineUI, the interface through which a whole engine speaks, and behind which another can be put at any
-// time.
+// EngineUI: forwards an engine's output to a user interface that can be replaced at any time.
 #pragma once
 
 #include <atomic>
 
 #include "engine/CoreUIInterface.h"
 
-// Passes everything on. Thread: any; replace() one at a time. Borrows: its target, which outlives it, as does
-// one that was replaced: somebody may be speaking there.
+// Forwards every call to its target.
+// Thread: any; replace() not concurrently with itself.
+// Borrows: its target. A replaced target must also outlive this object, since a call to it may still be
+// running.
 class EngineUI final : public CoreUIInterface {
   public:
     EngineUI(const Clock& clock, CoreUIInterface& target) : CoreUIInterface(&clock), target_(&target) {}

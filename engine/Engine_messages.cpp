@@ -1,4 +1,4 @@
-// What MessageQ does with each message.
+// The handlers of MessageQ's messages.
 #include <algorithm>
 #include <array>
 
@@ -14,7 +14,7 @@ namespace {
 
 using Handler = void (*)(Engine& engine, QArgument& argument);
 
-// What the message carries, null where it carries something else: a handler then does nothing.
+// Returns the message's argument, or null if it has another type; the handler then does nothing.
 template <class T>
 T* carried(QArgument& argument) {
     return std::get_if<T>(&argument);
@@ -107,7 +107,7 @@ void mergeServers(Engine& engine, QArgument& argument) {
 }
 
 constexpr std::array<Handler, MESSAGE_COUNT> makeTable() {
-    std::array<Handler, MESSAGE_COUNT> on{};  // null: a number that means nothing
+    std::array<Handler, MESSAGE_COUNT> on{};  // null for an unused number
     on[MESSAGE_LOAD] = load;
     on[MESSAGE_SAVE] = save;
     on[MESSAGE_CONNECT] = connect;

@@ -1,4 +1,4 @@
-// filters.txt: plain text, one filter a line. Lines end in LF or CR LF.
+// filters.txt is plain text with one filter per line. Lines end in LF or CR LF.
 #include "engine/FilterList.h"
 
 #include <memory>

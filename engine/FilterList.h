@@ -8,7 +8,7 @@ class Disk;
 class FileList;
 class FileMeta;
 
-// A file is filtered out if any of its texts holds any of the lines, whatever its case.
+// A file matches if any of its text tags contains any of the filter's lines, ignoring case.
 // Thread: any; each call takes lock_. Lock order: after the lock of the list that is filtered.
 class FilterList {
   public:
@@ -16,17 +16,16 @@ class FilterList {
     FilterList(const FilterList&) = delete;
     FilterList& operator=(const FilterList&) = delete;
 
-    // Replaces the lines by those of the file, whose path is taken as it stands. A line counts up to its
-    // 255th character; an empty one doesn't count. False where the file can't be read: nothing is then
-    // filtered.
+    // Replaces the filter's lines with those of the file. `path` is used as it is. Lines are cut to 255
+    // characters; empty lines are ignored. Returns false if the file can't be read; nothing is filtered then.
     bool load(Disk& disk, const char* path) EXCLUDES(lock_);
     bool matches(const FileMeta& file) const EXCLUDES(lock_);
-    // Takes the files that match out of the list, which owns them, and destroys them.
+    // Removes the matching files from the list and destroys them. The list must own them.
     void filter(FileList& list) const EXCLUDES(lock_);
 
   private:
     bool matchesUnsafe(const FileMeta& file) const REQUIRES(lock_);
 
     mutable i4_mutex lock_{LockRank::filter};
-    Search expression_ GUARDED_BY(lock_);  // each line, joined by OR; without a root it matches nothing
+    Search expression_ GUARDED_BY(lock_);  // all lines joined by OR; matches nothing without a root
 };

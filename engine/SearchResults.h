@@ -1,15 +1,16 @@
-// SearchResults, the results of the last search that a user interface keeps.
+// SearchResults: the results of the last search, as a user interface keeps them.
 #pragma once
 
 #include "meta/FileList.h"
 
-// Thread: see MetaList.    Owns: its records.
+// A list of file records of limited length.
+// Thread: as MetaList. Owns: its records.
 class SearchResults : public FileList {
   public:
     ~SearchResults() override { deleteAll(); }
-    // Results by datagram come from anyone, and without end: no more than so many are kept.
+    // Anyone can send results by UDP without end, so the list has a limit.
     bool isFull() const { return count() >= 10'000; }
-    // Takes over the records of a new search. The list that brought them stays its caller's.
+    // Replaces the records with those of `list` and owns them from then on. The caller keeps the list object.
     void replaceBy(const FileList& list) {
         deleteAll();
         addAll(list);

@@ -1,5 +1,5 @@
-// What fuzz targets share: a target's entry, its demands, an interface that says nothing, and connections
-// that hear what the input says.
+// What fuzz targets share: their registration, checks, a silent user interface, and connections fed by the
+// input.
 #pragma once
 
 #include <cstddef>
@@ -12,36 +12,36 @@
 #include "tests/support/OwnEngine.h"
 #include "tests/support/bytes.h"
 
-// A parser to be fuzzed. All of them are in one program, which runs one of them: targets.cpp.
+// A parser to fuzz. All targets are in one program, which runs one of them: targets.cpp. Constant.
 struct FuzzTarget {
     using Run = void(const std::uint8_t* data, std::size_t size);
-    FuzzTarget(const char* name, Run* run);  // adds itself to those that findTarget() knows
+    FuzzTarget(const char* name, Run* run);  // registers itself for findTarget()
     const char* name;
     Run* run;
 };
 
-// Null for a name that no target has.
+// Null if there is no such target.
 const FuzzTarget* findTarget(std::string_view name);
 
-// FUZZ_TARGET(peer) { ... } is the target "peer" over `data` and `size`; it stands in fuzz_peer.cpp.
+// FUZZ_TARGET(peer) { ... } in fuzz_peer.cpp defines the target "peer", a function of `data` and `size`.
 #define FUZZ_TARGET(NAME)                                                \
     static void fuzz_##NAME(const std::uint8_t* data, std::size_t size); \
     static const FuzzTarget target_##NAME(#NAME, fuzz_##NAME);           \
     static void fuzz_##NAME(const std::uint8_t* data, std::size_t size)
 
-// Ends the run, so that its input is kept, unless the demand holds.
+// Aborts the run unless `holds`, so that its input is kept.
 inline void require(bool holds) {
     if (!holds) std::abort();
 }
 
-// Damage is told in lines, which nobody reads here.
+// Discards all output. Thread: any.
 class Silence : public CoreUIInterface {
   public:
     void say(Text, const char*, va_list) override {}
 };
 
-// The engine behind a target that needs one: made at the first call, which has read the settings of a first
-// run. It says nothing.
+// The engine of targets that need one, made at the first call. It has read the settings of a first run and
+// prints nothing.
 inline OwnEngine& quietEngine() {
     static Silence& silence = *new Silence;
     static OwnEngine& own = *new OwnEngine(&silence);
@@ -54,14 +54,14 @@ inline OwnEngine& quietEngine() {
     return own;
 }
 
-// A connection in no pool, whose other side says what the input holds.
+// A connection that isn't in a pool and receives what the input holds. Thread: one.
 template <class Base>
 class Fuzzed : public Base {
   public:
     using Base::Base;
 
-    // Messages one after the other, each a u16 length and a body, until the connection would be dropped;
-    // `after` runs behind each.
+    // Feeds messages, each a u16 length and a body, until the connection would be closed. Calls `after` after
+    // each.
     template <class After>
     void hearAll(const std::uint8_t* data, std::size_t size, After after) {
         const std::string text(reinterpret_cast<const char*>(data), size);

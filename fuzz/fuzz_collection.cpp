@@ -1,4 +1,4 @@
-// Collection files, as they are loaded and as they are shared.
+// Collection files, when loaded and when shared.
 #include "download/Collection.h"
 #include "fuzz/fuzz.h"
 #include "i4min/file/file.h"

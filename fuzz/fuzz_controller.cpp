@@ -1,5 +1,5 @@
-// What comes in at the controller's port: messages one after the other, each a u16 length and a body; the
-// first is the log-on. The engine behind it is the real one, without threads but for the status thread.
+// Input at the controller's port: messages, each a u16 length and a body, of which the first is the log-on.
+// The engine is real, without threads except the status thread.
 #include "console/CLUI.h"
 #include "console/ConClientApp.h"
 #include "fuzz/fuzz.h"
@@ -25,7 +25,7 @@ class FuzzedController : public Fuzzed<GUIController> {
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override {
         if (opcode != CTL_COMMAND) return GUIController::handleMessage(opcode, stream);
-        // What the console's commands do isn't this protocol's, and some of them walk over the disk.
+        // Console commands aren't part of this protocol, and some walk the disk.
         static_cast<void>(i4_string(stream));
         return true;
     }
@@ -62,7 +62,7 @@ FUZZ_TARGET(controller) {
     });
     controller->end();
     while (own.messageQ.process()) continue;
-    // What a run leaves behind.
+    // Removes the run's leftovers.
     own.serverPool.stopTrying();
     own.serverPool.servers().deleteAll();
     while (Download* download = console.downloads.first()) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-// Handles bytes as if they had come from 10.1.1.1:4665.
+// Handles bytes as if they came from 10.1.1.1:4665. Thread: one.
 class FuzzedAnnex : public ExServerAnnex {
   public:
     using ExServerAnnex::ExServerAnnex;
@@ -21,7 +21,7 @@ class FuzzedAnnex : public ExServerAnnex {
         try {
             handleDatagram();
         } catch (const i4_err&) {
-            // Costs this datagram.
+            // Drops this datagram only.
         }
         from_.reset();
     }

@@ -1,5 +1,5 @@
-// The saved form of a gap list from anybody's bytes. What reads is written back as it was, and lives through
-// changes, even where its gaps overlap.
+// The saved form of a gap list from any bytes. What can be read is written back unchanged, and survives
+// changes even if its gaps overlap.
 #include <vector>
 
 #include "download/GapList.h"

@@ -1,7 +1,7 @@
-// All that strangers send to the index server: streams of packets of two clients, and datagrams.
+// Everything that strangers can send to the index server: packet streams of two clients, and datagrams.
 //
-// The input is a row of pieces: a byte that says for whom (0 and 1 a client's stream, 2 a datagram), a u16
-// length, and so many bytes.
+// The input is a sequence of pieces: a byte with the recipient (0 and 1 a client's stream, 2 a datagram), a
+// u16 length, and that many bytes.
 #include "fuzz/fuzz.h"
 #include "index/FrameReader.h"
 #include "index/IndexService.h"
@@ -20,7 +20,7 @@ class Nowhere : public IndexNetwork {
     void sendDatagram(const NetAddress&, ByteSpan bytes) override { require(bytes.size() <= 3072); }
 };
 
-// What the service answers is whole packets.
+// The service must answer with complete packets.
 void checkOutput(IndexSession& session) {
     FrameReader frames;
     frames.feed(session.output);

@@ -1,5 +1,5 @@
-// Reception of packets from a stream that comes in pieces: the first byte tells how long they are, the second
-// how small the budgets get.
+// Receiving packets from a stream in pieces. The first byte sets the length of the pieces, the second the
+// budgets.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -20,7 +20,7 @@ FUZZ_TARGET(packet) {
         socket.pieces.push_back(bytes.substr(at, longest));
 
     Packet packet;
-    std::size_t done = 0;  // bytes of packets that are complete
+    std::size_t done = 0;  // bytes of complete packets
     while (!socket.atEnd()) {
         u32 moved = 0;
         const Packet::Result result = packet.receive(socket, budgets, moved, limit);

@@ -1,5 +1,5 @@
-// The meta file of a download from anybody's bytes. What loads misses only bytes that the file has, and is
-// saved and loaded again as the same.
+// The meta file of a download from any bytes. What loads lacks only ranges inside the file, and is the same
+// when saved and loaded again.
 #include "download/Download.h"
 #include "download/PartialList.h"
 #include "fuzz/fuzz.h"
@@ -7,7 +7,7 @@
 
 namespace {
 
-// A temp directory with the one data file, 1.part.
+// Makes a temp directory with one data file, 1.part.
 bool setUp() {
     OwnEngine& own = quietEngine();
     const TemporaryDirectory& home = own.directory;

@@ -1,5 +1,5 @@
-// What a stranger sends to a peer connection: messages one after the other, each a u16 length and a body. The
-// engine behind it is the real one, without threads: a download, a shared file, a friend.
+// Messages of a stranger on a peer connection, each a u16 length and a body. The engine is real, without
+// threads, with a download, a shared file and a friend.
 #include <string>
 
 #include "fuzz/fuzz.h"
@@ -13,7 +13,7 @@ class FuzzedPeer : public Fuzzed<Peer> {
   public:
     explicit FuzzedPeer(OwnEngine& own) : Fuzzed(own.clientApp.socketPool, own.engine.peerNeeds, nullptr) {}
 
-    // Packets leave, so that transfers go on; for a while.
+    // Sends some packets, so that transfers continue.
     void drain() {
         for (int i = 0; i < 20; ++i) {
             const std::unique_ptr<Packet> packet = takeFirstToSend();

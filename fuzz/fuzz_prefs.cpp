@@ -1,4 +1,4 @@
-// pref.met: what reads is written again, and what was written reads back as the same bytes.
+// pref.met: what can be read is written again, and what was written is read back as the same bytes.
 #include "core/Preferences.h"
 #include "fuzz/fuzz.h"
 

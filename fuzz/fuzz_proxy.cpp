@@ -1,6 +1,6 @@
-// What a proxy answers. The first byte chooses the proxy's type, whether there is a password, whether the
-// target has a name and whether the socket listens; the second how many of the bytes that follow come at
-// once. The rest is what the proxy sends before it closes.
+// Answers of a proxy. The first byte selects the proxy's type, and whether there is a password, the target
+// has a name, and the socket listens. The second sets how many bytes arrive at once. The rest is what the
+// proxy sends before it closes the connection.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,7 +41,7 @@ FUZZ_TARGET(proxy) {
     if (listening) tunnel.ready(I4_SELECT_READ, 1, nullptr);
     send(data + 2 + at_once, answer - at_once);
     ::shutdown(ends[1], SHUT_WR);
-    // The proxy has closed: the machine comes to its end without waiting.
+    // The proxy has closed the connection: the handshake must end without waiting.
     for (int i = 0; i < 2; ++i)
         tunnel.ready(I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR, 1000, nullptr);
     require(tunnel.state() >= i4_proxy_sock::gotIncoming);

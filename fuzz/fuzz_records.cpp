@@ -1,5 +1,5 @@
-// Lists of records from anybody's bytes: the first byte tells the kind, and whether the rest is a file or a
-// packet. What was read is found again, and written and read once more gives the same bytes.
+// Lists of records from any bytes. The first byte selects the kind and whether the rest is a file or a
+// packet. What was read can be found, and after being written and read again it gives the same bytes.
 #include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 #include "meta/FileList.h"
@@ -50,7 +50,7 @@ void check(i4_file& file, bool disk) {
     require(list.count() == list.snapshot().size());
     lookUp(list);
 
-    // Once written, a list is as its kind wants it: from then on nothing changes.
+    // The first write normalises a list; after that nothing may change.
     Bytes last;
     for (int time = 0; time < 3; ++time) {
         const Bytes bytes =

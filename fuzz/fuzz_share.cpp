@@ -1,4 +1,4 @@
-// share.dat: whole paths are written as the same bytes, unless a 0 in one has ended it early.
+// share.dat: complete paths are written back as the same bytes, unless a 0 in one has ended it early.
 #include <vector>
 
 #include "download/ShareList.h"

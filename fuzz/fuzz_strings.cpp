@@ -1,4 +1,4 @@
-// Strings on a stream, the tokeniser, the line reader and the rewriting of paths, on any bytes.
+// Strings on a stream, the tokeniser, the line reader and the rewriting of paths, with any bytes.
 #include <string>
 #include <vector>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-// Whatever reads as a string is written as the same bytes, unless a 0 in it has ended it early.
+// A string that can be read is written back as the same bytes, unless a 0 in it has ended it early.
 void readStrings(const std::uint8_t* data, u32 size) {
     BytesFile input({data, size});
     try {
@@ -32,7 +32,7 @@ void readStrings(const std::uint8_t* data, u32 size) {
     }
 }
 
-// The tokens, put one behind the other, are the text without its delimiters.
+// The concatenated tokens are the text without its delimiters.
 void tokenise(const std::string& text, std::size_t room) {
     std::string expected;
     for (const char c : text) {
@@ -46,7 +46,7 @@ void tokenise(const std::string& text, std::size_t room) {
     require(joined == (room < 2 ? "" : expected));
 }
 
-// The line reader never writes more than the text is long.
+// The line reader never writes more bytes than the text has.
 void readLines(const std::string& text) {
     std::vector<char> out(text.size() + 1);
     u32 cursor = 0;

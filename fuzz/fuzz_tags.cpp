@@ -1,5 +1,5 @@
-// Tags from anybody's bytes, one behind the other, and the bit array that a peer sends bare. What reads is
-// written again as it is told, and reads back as the same.
+// A sequence of tags from any bytes, and the bare bit array that a peer sends. What can be read is written in
+// its announced size, and read back as the same.
 #include "fuzz/fuzz.h"
 #include "i4min/file/file.h"
 #include "meta/BoolArray.h"

@@ -1,5 +1,5 @@
-// replay TARGET DIRECTORY: runs a fuzz target over the files of a directory: the seed corpus and every
-// input that ever broke it. Every prefix and every flip of a byte of the short ones follow.
+// replay TARGET DIRECTORY: runs a fuzz target with each file of a directory: the seeds and all inputs that
+// ever broke it. Short ones are also run with every prefix and every changed byte.
 #include <cstdio>
 #include <span>
 

@@ -1,4 +1,4 @@
-// The fuzz targets by name, and what libFuzzer calls: --target=NAME on the command line says which one runs.
+// The fuzz targets by name, and libFuzzer's entry points. --target=NAME on the command line selects one.
 #include <cstdio>
 #include <vector>
 

@@ -14,15 +14,15 @@
 
 namespace {
 
-// A true header list takes some kilobytes, with large indexes some hundred.
+// Real header lists take some kilobytes, or some hundred with large indexes.
 constexpr u32 maxHeaderList = 16 * 1024 * 1024;
-// In a true file stream lists don't hold stream lists.
+// In real files, stream lists aren't nested.
 constexpr int maxDepth = 4;
 constexpr u32 mainHeaderBytes = 56;
 
 using Bytes = std::span<const u8>;
 
-// The start of a video stream's header. What its chunk is too short for is zero. Numbers are little-endian.
+// The start of a video stream's header; zeros where its chunk is too short. Numbers are little-endian.
 //
 //     offset  bytes  field
 //     0       4      "vids"
@@ -32,7 +32,7 @@ using Bytes = std::span<const u8>;
 //     32      4      length in frames
 using VideoHeader = std::array<u8, 36>;
 
-// `bytes` has at least four more behind `at`.
+// `bytes` must have at least four bytes from `at` on.
 u32 littleEndian(Bytes bytes, std::size_t at) {
     return u32{bytes[at]} | u32{bytes[at + 1]} << 8 | u32{bytes[at + 2]} << 16 | u32{bytes[at + 3]} << 24;
 }
@@ -41,14 +41,14 @@ bool beginsWith(Bytes bytes, std::string_view word) {
     return bytes.size() >= word.size() && std::memcmp(bytes.data(), word.data(), word.size()) == 0;
 }
 
-// Terminated.
+// The text is null-terminated.
 std::array<char, 5> codecOf(const VideoHeader& video) {
     std::array<char, 5> text{};
     std::memcpy(text.data(), video.data() + 4, 4);
     return text;
 }
 
-// Nothing if it can't be reckoned.
+// Returns empty if it can't be computed.
 std::optional<u32> secondsOf(const VideoHeader& video) {
     const u32 scale = littleEndian(video, 20);
     const u32 rate = littleEndian(video, 24);
@@ -58,9 +58,9 @@ std::optional<u32> secondsOf(const VideoHeader& video) {
     return static_cast<u32>(std::min<double>(length, std::numeric_limits<i32>::max()));
 }
 
-// Walks the chunks that stand side by side in `bytes`, into the stream lists too, and keeps the header of the
-// last video stream. A chunk that runs past the end of what holds it is cut there. False if the file isn't to
-// be taken, which it is told.
+// Walks the consecutive chunks in `bytes`, and into stream lists, and stores the header of the last video
+// stream. A chunk that exceeds its parent is cut there. Prints the reason and returns false if the file is to
+// be refused.
 bool walk(i4_file& file, Bytes bytes, std::optional<VideoHeader>& video, int depth = 0) {
     while (bytes.size() >= 8) {
         const u64 size = littleEndian(bytes, 4);  // no padding to an even number
@@ -82,7 +82,7 @@ bool walk(i4_file& file, Bytes bytes, std::optional<VideoHeader>& video, int dep
     return true;
 }
 
-// False for anything but a RIFF file of AVI that begins with its whole header list.
+// Returns false unless the file is a RIFF AVI file that begins with a complete header list.
 bool readHeaderList(i4_file& file, std::optional<VideoHeader>& video) {
     const std::vector<u8> start = readBlock(file, 24);
     const Bytes bytes = start;

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Room for any true record. It bounds the tags that a stranger's file makes us keep.
+// Enough for any real record. Limits the tags that a stranger's file makes us keep.
 constexpr u32 maxRecord = 256 * 1024;
 
 }  // namespace

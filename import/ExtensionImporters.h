@@ -1,21 +1,24 @@
-// The importers that know a file by its name alone and read nothing of it.
+// The importers that recognise a file by its name only and don't read it.
 #pragma once
 
 #include "import/Importer.h"
 
-// Images; they also get an empty "Artist".
+// Recognises images. Also adds an empty "Artist".
+// Thread: as Importer. Stateless.
 class PictureImporter : public Importer {
   public:
     bool import(FileMeta& meta, const char* name, i4_file& file) const override;
 };
 
-// Videos but for those that AVIImporter looks into.
+// Recognises videos other than those of AVIImporter.
+// Thread: as Importer. Stateless.
 class RMImporter : public Importer {
   public:
     bool import(FileMeta& meta, const char* name, i4_file& file) const override;
 };
 
-// Programs, archives and disk images.
+// Recognises programs, archives and disk images.
+// Thread: as Importer. Stateless.
 class AppImporter : public Importer {
   public:
     bool import(FileMeta& meta, const char* name, i4_file& file) const override;

@@ -1,4 +1,4 @@
-// ImporterList, all importers in the order in which they are asked.
+// ImporterList: all importers, in the order in which they are tried.
 #pragma once
 
 #include <array>
@@ -9,15 +9,15 @@
 class Disk;
 class i4_log;
 
-// Owns the importers. Constant once it is made. Thread: the hash thread.
+// Fills a file's record from its name and content.
+// Thread: the hash thread. Owns: the importers. Constant after construction.
 class ImporterList {
   public:
     ImporterList();
 
-    // Fills `meta` with what can be said about the file: TAG_NAME and TAG_SIZE always, and what the first
-    // importer that knows the file adds. Sets its path. False only if the file can't be opened: one that
-    // can't be read through goes without its details. The path is taken exactly as it stands. The file has
-    // 4,294,967,295 bytes at most.
+    // Sets TAG_NAME, TAG_SIZE and the path in `meta`, and the details that the first matching importer adds.
+    // Returns false only if the file can't be opened; if it can't be read completely, the details are left
+    // out. `path` is used as it is. The file must have at most 4,294,967,295 bytes.
     bool importFile(FileMeta& meta, Disk& disk, i4_log& log, const char* path, const char* name) const;
 
   private:

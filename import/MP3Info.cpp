@@ -13,12 +13,12 @@
 
 namespace {
 
-constexpr u32 scanOffsets = 204'801;  // a header may begin at any of these, the last one included
+constexpr u32 scanOffsets = 204'801;  // a header may start at any of these offsets
 constexpr u32 headerBytes = 4;
 constexpr u32 xingBytes = 12;
 
-// The ID3v2 block that may stand in front of the frames. Its size doesn't count header and footer, and has
-// seven bits to a byte.
+// The optional ID3v2 block before the frames. Its size excludes header and footer, and has seven bits per
+// byte.
 //
 //     offset  bytes  field
 //     0       3      "ID3"
@@ -59,8 +59,8 @@ constexpr u16 bitrates[2][4][16] = {
      {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448, 0}},
 };
 
-// Hz by version and index. The last row is what the network's clients reckon with, not the true rates of
-// MPEG-2.5: see frameFactor.
+// Hz by version and index. The first row isn't the true rates of MPEG-2.5 but what the network's clients use;
+// see frameFactor.
 constexpr u16 sampleRates[4][3] = {
     {32000, 16000, 8000}, {0, 0, 0}, {22050, 24000, 16000}, {44100, 48000, 32000}};
 
@@ -70,16 +70,16 @@ u32 tableBitrate(u32 header) {
 
 f32 sampleRate(u32 header) { return sampleRates[versionOf(header)][rateIndexOf(header)]; }
 
-// Bytes of a frame for one bit per sample. One number for all versions, as the network's clients have it, so
-// that the same file has the same details wherever it is shared.
+// Bytes per frame for one bit per sample. The same for all versions, as in the network's other clients, so
+// that a file has the same details everywhere.
 double frameFactor(u32 header) { return layerOf(header) == layerI ? 12.0 : 144.0; }
 
 u32 bigEndian(const u8* bytes) {
     return u32{bytes[0]} << 24 | u32{bytes[1]} << 16 | u32{bytes[2]} << 8 | bytes[3];
 }
 
-// All bytes of the ID3v2 block that `bytes` begin with; 0 where they begin with something else. What a block
-// says of itself may be more than there is.
+// Returns the total size that the ID3v2 block at the start of `bytes` claims, which may exceed them; 0 if
+// there is none.
 u32 id3v2Bytes(std::span<const u8> bytes) {
     if (bytes.size() < id3v2HeaderBytes || std::memcmp(bytes.data(), "ID3", 3) != 0) return 0;
     u32 size = 0;
@@ -90,14 +90,14 @@ u32 id3v2Bytes(std::span<const u8> bytes) {
     return size + (bytes[5] & id3v2HasFooter ? 2 * id3v2HeaderBytes : id3v2HeaderBytes);
 }
 
-// Where to look for the first frame: behind the ID3v2 block, as a text there in UTF-16 can look like a frame
-// header. At 0 if the block goes on beyond what is searched.
+// Where the search for the first frame starts: after the ID3v2 block, since its UTF-16 text can look like a
+// frame header. 0 if the block exceeds the range that is searched.
 u32 firstOffset(std::span<const u8> bytes) {
     const u32 start = id3v2Bytes(bytes);
     return start + headerBytes <= bytes.size() ? start : 0;
 }
 
-// Bytes from the start of a frame to where a Xing header stands: behind the side information.
+// Bytes from the start of a frame to a Xing header, which follows the side information.
 u32 xingDistance(u32 header) {
     const bool mono = modeOf(header) == singleChannel;
     if (versionOf(header) == mpeg1) return headerBytes + (mono ? 17 : 32);

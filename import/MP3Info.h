@@ -1,4 +1,4 @@
-// MP3Info, what the headers of an MPEG audio file tell: bitrate, playing time, names.
+// MP3Info: the bitrate, playing time and names from the headers of an MPEG audio file.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,8 @@
 class Disk;
 class i4_file;
 
-// The ID3v1 tag: the last 128 bytes of a file. Texts stand without trailing blanks and zeros.
+// The ID3v1 tag: the last 128 bytes of a file. Texts are stored without trailing blanks and zeros. A plain
+// value.
 //
 //     offset  bytes     field
 //     0       3         "TAG"
@@ -24,7 +25,7 @@ class i4_file;
 struct ID3Tag {
     static constexpr u32 bytes = 128;
 
-    bool parse(const u8* block);  // of `bytes`; false if it isn't such a tag
+    bool parse(const u8* block);  // `block` has `bytes` bytes; false if it isn't such a tag
 
     char title[31] = {};
     char artist[31] = {};
@@ -36,27 +37,27 @@ struct ID3Tag {
     u8 genre = 0;
 };
 
-// The name of an ID3v1 genre, 0 to 125; "not supported" from 126 on.
+// Returns the name of an ID3v1 genre, 0 to 125; "not supported" from 126 on.
 const char* genreName(u8 genre);
 
-// Finds the first frame header of a file, behind an ID3v2 block where there is one, a Xing header behind it
-// and an ID3v1 tag. Decodes nothing and verifies no checksum. The figures are meaningful after open() or
-// read() have given `found`. Thread: one.
+// Finds the first frame header of a file after any ID3v2 block, a Xing header after that frame header, and an
+// ID3v1 tag. Decodes no audio and verifies no checksum.
+// The values are valid once open() or read() has returned `found`. Thread: one.
 class MP3Info {
   public:
     enum Result : int { found = 0, notOpened = 2, noHeader = 4 };
 
-    // The path is taken exactly as it stands.
+    // `path` is used as it is.
     Result open(Disk& disk, const char* path);
-    // The same from a stream. Reads its first 200 KiB at once, and two short blocks.
+    // The same from a stream. Reads the first 200 KiB at once, and two short blocks.
     Result read(i4_file& file);
 
-    u32 bitrate() const;     // kbit/s; 0 if a Xing header counts more frames than the file can hold
-    i32 frameCount() const;  // the Xing header's, else reckoned
+    u32 bitrate() const;     // kbit/s; 0 if the Xing header counts more frames than fit in the file
+    i32 frameCount() const;  // from the Xing header, otherwise computed
     u32 lengthSeconds() const;
-    void lengthText(char* out, std::size_t size) const;  // "mm:ss", from an hour on "hh:mm:ss"
+    void lengthText(char* out, std::size_t size) const;  // "mm:ss", or "hh:mm:ss" from one hour on
 
-    // Each copies its text, cut to the `size` bytes of `out`.
+    // Each copies its text, truncated to the `size` bytes of `out`.
     void getTitle(char* out, std::size_t size) const { i4_strncpy(out, tag.title, size); }
     void getArtist(char* out, std::size_t size) const { i4_strncpy(out, tag.artist, size); }
     void getAlbum(char* out, std::size_t size) const { i4_strncpy(out, tag.album, size); }

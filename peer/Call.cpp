@@ -18,7 +18,7 @@ void Call::connect(const UserMeta& user) {
     }
 }
 
-// As UserMeta::sameUser, but two unknown hashes count as equal.
+// Like UserMeta::sameUser, but two unknown hashes count as equal.
 bool Call::isUser(const UserMeta& other) const { return user_.sameUser(&other) || user_.hash == other.hash; }
 
 bool Call::send(const char* text) {

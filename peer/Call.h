@@ -1,4 +1,4 @@
-// Call, a chat with one user.
+// Call: a chat with one user.
 #pragma once
 
 #include "i4min/memory/mutex.h"
@@ -9,8 +9,8 @@
 class Peer;
 struct PeerNeeds;
 
-//   from   event                                         to
-//   none   connect(): connected / on its way / neither   0 / 1 / 3
+//   from   event                                                   to
+//   none   connect(): connected / connecting / neither             0 / 1 / 3
 //   1      peerConnected                                 0
 //   0      peerGone                                      3
 //   any    refused                                       3
@@ -20,14 +20,16 @@ enum CallState : u32 {
     CALL_ENDED = 3,
 };
 
-// Thread: any. Lives as long as the process, in the CallList.
+// One chat: the user, the connection to him if there is one, and the state.
+// Thread: any; lock_ guards the members.
+// Owned by the CallList, and lives until the process ends. Borrows: the Peer, counted.
 class Call {
   public:
     Call(const PeerNeeds& needs, const UserMeta& user);
 
-    // Looks for the user, once. The list has the call by then, so that no event passes it by.
+    // Tries once to reach the user. The call must be in the list already, so that it doesn't miss an event.
     void connect(const UserMeta& user) EXCLUDES(lock_);
-    bool send(const char* text) EXCLUDES(lock_);  // true if the text went out
+    bool send(const char* text) EXCLUDES(lock_);  // true if the text was sent
     u32 state() const { return state_; }
     void copyUser(UserMeta& out) const EXCLUDES(lock_);
     MD4Hash userHash() const EXCLUDES(lock_);

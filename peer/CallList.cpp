@@ -7,7 +7,7 @@ namespace {
 
 enum CallsAllowed : i32 { everyone = 0, withCall = 1, friendsAndWithCall = 2 };
 
-// Strangers may not fill the memory with calls.
+// Keeps strangers from filling the memory with calls.
 constexpr std::size_t mostCalls = 1000;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// CallList, the chats.
+// CallList: all chats.
 #pragma once
 
 #include <vector>
@@ -8,14 +8,16 @@
 
 class FriendList;
 
-// Thread: any. Owns its calls, which stay for the life of the process.
+// Finds or opens a user's Call and forwards the events of peers to the calls.
+// Thread: any.
+// Owns: its calls, until it is destroyed.
 class CallList {
   public:
     CallList(const PeerNeeds& needs, FriendList& friends) : needs_(needs), friends_(friends) {}
     ~CallList();
-    Call* find(const UserMeta& user);  // by the user hash, null where there is none
-    Call* open(const UserMeta& user);  // found, or made. Message 21
-    // False if the setting pmAllow keeps this user from opening a call.
+    Call* find(const UserMeta& user);  // by the user hash; null if there is none
+    Call* open(const UserMeta& user);  // finds the call, or makes it; message 21
+    // Returns false if the setting pmAllow forbids this user to open a call.
     bool gotMessage(const UserMeta& user, const char* text);
     void peerConnected(Peer& peer);
     void peerGone(Peer& peer);
@@ -27,6 +29,6 @@ class CallList {
 
     const PeerNeeds& needs_;
     FriendList& friends_;
-    // A walk takes the locks of the calls, whose rank is above.
+    // Unranked: findUnsafe() takes the lock of each call while it holds this one.
     LLsafe<Call> list_{LockRank::none};
 };

@@ -1,4 +1,4 @@
-// FriendList, the saved list of the users whom the user knows.
+// FriendList: the saved list of the user's friends.
 #pragma once
 
 #include <memory>
@@ -9,7 +9,7 @@
 class Peer;
 struct PeerNeeds;
 
-// UserMeta::friendState of a friend.
+// The values of UserMeta::friendState.
 enum FriendState : u32 {
     FRIEND_NOT_CONNECTED = 0,
     FRIEND_WAITING = 1,
@@ -17,22 +17,23 @@ enum FriendState : u32 {
     FRIEND_UNREACHABLE = 3,
 };
 
-// friend.met has its records. Thread: any.
-// Owns: its records and the files that a friend told.
+// Friends are saved in friend.met. The list follows their connections and can fetch a friend's shared files.
+// Thread: any.
+// Owns: its records, and the file records that a friend sent.
 class FriendList : public UserList {
   public:
     explicit FriendList(const PeerNeeds& needs) : needs_(needs) {}
     ~FriendList() override;
 
-    bool add(u32 ip, u16 port);  // false for an ip of 0
+    bool add(u32 ip, u16 port);  // false if ip is 0
     void addFriend(const UserMeta& user);
     void remove(const UserMeta& user);
-    void askFiles(const UserMeta* user);  // message 19; null waits for nobody's any more
+    void askFiles(const UserMeta* user);  // message 19; null cancels the pending request
     void peerConnected(Peer& peer);
     void peerGone(Peer& peer);
     void gotFiles(Peer& peer, OwnedList<FileList> list);
-    bool awaitsFiles(const Peer& peer);  // whether this peer was asked for its files
-    bool isFriend(const MD4Hash& user);  // false for a user whose hash isn't known
+    bool awaitsFiles(const Peer& peer);  // true if this peer was asked for its files
+    bool isFriend(const MD4Hash& user);  // false if the hash isn't known
     // The shared files of the friend who answered last.
     FileList& getFiles() { return files_; }
 
@@ -44,5 +45,5 @@ class FriendList : public UserList {
 
     const PeerNeeds& needs_;
     FileList files_;
-    std::unique_ptr<UserMeta> asked_ GUARDED_BY(this);  // whose list is awaited, null if nobody's
+    std::unique_ptr<UserMeta> asked_ GUARDED_BY(this);  // the user whose list is awaited; null if none
 };

@@ -1,11 +1,12 @@
-// PartUpload, the transfer of a file that is itself still being downloaded.
+// PartUpload: the upload of a file that is still being downloaded.
 #pragma once
 
 #include "i4min/file/Disk.h"
 #include "peer/PeerNeeds.h"
 #include "peer/Upload.h"
 
-// Thread: as Upload.    Borrows: the file that is on its way in, counted.
+// Reads through the download's PartReader, and from the finished file once the download is complete.
+// Thread: as Upload. Borrows: the PartReader, counted.
 class PartUpload : public Upload {
   public:
     PartUpload(UploadOwner& owner, UIInterface& log, Disk& disk, Ref<PartReader> parts, Peer& peer,
@@ -15,5 +16,5 @@ class PartUpload : public Upload {
   private:
     Disk& disk_;
     const Ref<PartReader> parts_;
-    bool useFile_ = false;  // the download has finished: the data is read from the finished file
+    bool useFile_ = false;  // the download is complete: read the finished file
 };

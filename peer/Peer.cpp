@@ -13,22 +13,23 @@
 namespace {
 
 constexpr u8 helloMark = 16;
-constexpr std::size_t longestText = 65'534;  // that a counted string can hold
+constexpr std::size_t longestText = 65'534;  // the most that a counted string can hold
 constexpr u32 strangerBodyLimit = 64 * 1024;
 constexpr u32 peerBodyLimit = 8 * 1024 * 1024;
-// Answers may wait for a peer that takes none up to this; a list of our files comes on top.
+// Most bytes of answers queued for a peer that doesn't read them. A list of our files comes on top.
 constexpr u32 answersLimit = 2 * 1024 * 1024;
-// What is kept of a user's record: tags that go beyond are dropped.
+// Most bytes kept of a user's record; tags beyond that are dropped.
 constexpr u32 identityLimit = 4096;
 
-// About the file of that hash.
+// Makes a packet whose body starts with the file's hash.
 std::unique_ptr<Packet> makeFilePacket(u8 opcode, const MD4Hash& hash, u32 payload = 0) {
     auto packet = makePacket(opcode, MD4Hash::streamSize + payload);
     hash.write(packet->stream);
     return packet;
 }
 
-// A list of our files on its way, of which a connection has one at a time.
+// The list of our files. Each connection has at most one queued.
+// Thread and ownership: as Packet.
 class ListPacket : public Packet {
   public:
     ListPacket(u32 length, std::shared_ptr<Relaxed<u32>> bytes) : Packet(length), bytes_(std::move(bytes)) {}
@@ -38,7 +39,7 @@ class ListPacket : public Packet {
     const std::shared_ptr<Relaxed<u32>> bytes_;
 };
 
-// The record without what nobody needs to remember of a stranger.
+// Copies a record. Tags that would exceed identityLimit are dropped.
 void copyBounded(const UserMeta& from, UserMeta& to) {
     if (from.byteSize() <= identityLimit) {
         to.copyFrom(&from);
@@ -86,7 +87,7 @@ u32 Peer::bodyLimit() const { return gotHello_ ? peerBodyLimit : strangerBodyLim
 u32 Peer::queueLimit() const { return answersLimit + *listBytes_; }
 bool Peer::awaitsFirst() const { return Connection::awaitsFirst() || !gotHello_; }
 
-// Our own record and the server that gave us our ID.
+// Writes our own record and the address of the server that assigned our ID.
 void Peer::writeIdentity(i4_file& stream) {
     Preferences& preferences = needs_.core.preferences;
     preferences.writeSelf(stream);
@@ -108,7 +109,7 @@ void Peer::connectFailed() {
     Connection::connectFailed();
 }
 
-// A connection that never received a message has, for the others, never existed.
+// The listener never heard of a connection that received no message.
 void Peer::gone() {
     needs_.peers.remove(this);
     if (gotFirst) needs_.listener.gone(*this);
@@ -120,15 +121,17 @@ void Peer::joinPeers() {
     if (!needs_.peers.contains(this)) needs_.peers.addUnsafe(this);
 }
 
+// Maps opcodes to handlers. Every incoming opcode of the protocol must be in it.
 struct Peer::Table {
     template <auto member>
     static constexpr auto by = handleBy<Peer, member>;
-    // A member function about the file whose hash the body is.
+    // Calls a member function with the file hash that is the body.
     template <auto member>
     static bool ofFile(Peer& peer, i4_ram_file_class& body) {
         return (peer.*member)(MD4Hash::read(body));
     }
-    // An event of the listener: it gets the peer, and then what it takes of a hash and the rest of the body.
+    // Calls an event of the listener with the peer, and with the hash and the rest of the body if it takes
+    // them.
     template <auto event>
     static bool tell(Peer& peer, i4_ram_file_class& body) {
         PeerListener& listener = peer.needs_.listener;
@@ -188,7 +191,7 @@ void Peer::gotHashSet(i4_file& stream) {
     needs_.listener.gotHashSet(hash, stream);
 }
 
-// Reads who is on the other side: record, server. False where that can't be read.
+// Reads the other side's record and server. Returns false if they can't be read.
 bool Peer::readUser(i4_file& stream) {
     if (stream.bytesLeft().value_or(0) > strangerBodyLimit) return false;
     UserMeta user;
@@ -243,7 +246,7 @@ bool Peer::gotNewIdentity(i4_file& stream) {
     return true;
 }
 
-// Asked again before the last answer has left, there is no second one.
+// Does nothing while the last list is still queued.
 bool Peer::tellSharedFiles() {
     if (*listBytes_ != 0) return true;
     auto packet = std::make_unique<ListPacket>(1 + needs_.files.listBytes(), listBytes_);
@@ -256,7 +259,7 @@ bool Peer::tellSharedFiles() {
 }
 
 bool Peer::gotSharedFiles(i4_file& stream) {
-    // A long list costs many times its bytes in memory: it's read only where somebody waits for it.
+    // A long list takes far more memory than its bytes, so it is read only if it was asked for.
     if (stream.bytesLeft().value_or(0) > strangerBodyLimit && !needs_.listener.awaitsFiles(*this))
         return true;
     OwnedList<FileList> list(new FileList);
@@ -286,7 +289,7 @@ bool Peer::tellFileStatus(const MD4Hash& hash) {
         noSuchFile(hash);
         return true;
     }
-    // An empty array says that all is here.
+    // An empty array means that the file is complete.
     BoolArray parts;
     if (file.path.isNull()) needs_.files.partsDone(hash, parts);
     auto packet = makeFilePacket(OP_FILE_STATUS, hash, parts.byteSize());

@@ -1,4 +1,4 @@
-// Peer, a TCP connection to another client, in either direction.
+// Peer: a TCP connection to another client, incoming or outgoing.
 #pragma once
 
 #include <memory>
@@ -12,19 +12,19 @@
 
 struct PeerNeeds;
 
-// Each message is handed to the PeerListener; a Peer itself answers what is asked of our files, and remembers
-// who is on the other side. peer/Peer.cpp has the table of the messages.
-// Thread: handlers on the socket pool's; the sending operations on any.
+// Passes each message to the PeerListener. Answers questions about our files itself, and stores who the other
+// side is. The message table is in peer/Peer.cpp.
+// Thread: handlers run on the socket pool's thread; any thread may call the sending functions.
 class Peer : public Connection {
   public:
-    // An outgoing connection, and one that came in.
+    // An outgoing connection, and an accepted one.
     Peer(SocketPool& pool, const PeerNeeds& needs, u32 toId, u16 toPort);
     Peer(SocketPool& pool, const PeerNeeds& needs, std::unique_ptr<i4_socket> accepted);
     ~Peer() override;
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
     Connection* spawn(std::unique_ptr<i4_socket> accepted) override;
-    void connected() override;  // hello, and joins `peers`
+    void connected() override;  // sends the hello and joins `peers`
     void connectFailed() override;
     i4_string getText() override { return userName(); }
 
@@ -34,8 +34,8 @@ class Peer : public Connection {
     void stopUpload(const MD4Hash& file);
     void askSharedFiles();
     void sendIdentity();
-    bool sendMessage(const char* text);  // false, and nothing sent, for a text of more than 65,534 bytes
-    // False, and nothing sent, for a file of at most one part's bytes: its status is known from its presence.
+    bool sendMessage(const char* text);  // sends nothing and returns false if the text exceeds 65,534 bytes
+    // Sends nothing and returns false for a file of at most one part: a source of it has it all.
     bool askFileStatus(const MD4Hash& file, u32 fileSize);
     void askHashSet(const MD4Hash& file);
     void requestSlot();
@@ -44,13 +44,13 @@ class Peer : public Connection {
     void endSlot();
     void askFileName(const MD4Hash& file);
 
-    // Who is on the other side, as the hello told. Thread: any.
+    // The other side's identity, from its hello. Thread: any.
     void copyUser(UserMeta& out) const EXCLUDES(userLock_);
     bool sameUser(const UserMeta& user) const EXCLUDES(userLock_);
     i4_string userName() const EXCLUDES(userLock_);
     MD4Hash userHash() const EXCLUDES(userLock_);
 
-    // When the connection last did something, in microseconds of the clock.
+    // The time of the last activity, in microseconds of the clock.
     Relaxed<i64> aliveAt;
     void showLife();
     i64 idleMs() const;
@@ -59,14 +59,14 @@ class Peer : public Connection {
     void gone() override;
     u32 bodyLimit() const override;
     u32 queueLimit() const override;
-    bool awaitsFirst() const override;  // until the other side has said who it is
+    bool awaitsFirst() const override;  // true until the other side has identified itself
     const OpcodeTable* opcodes() const override;
 
   private:
     void joinPeers();
     bool readUser(i4_file& stream);
     void setIdentity(u32 id);
-    struct Table;  // which message goes to which of these
+    struct Table;  // maps each opcode to its handler
     void gotOutOfDate();
     void gotHashSet(i4_file& stream);
     bool gotHello(i4_file& stream);
@@ -84,8 +84,8 @@ class Peer : public Connection {
     void writeIdentity(i4_file& stream);
 
     const PeerNeeds& needs_;
-    bool gotHello_ = false;  // of the pool's thread
-    // The bytes of a list of our files that is still to be sent, 0 where there is none.
+    bool gotHello_ = false;  // used by the pool's thread only
+    // The size in bytes of a list of our files that is queued; 0 if none is.
     const std::shared_ptr<Relaxed<u32>> listBytes_ = std::make_shared<Relaxed<u32>>();
     mutable i4_mutex userLock_{LockRank::leaf};
     UserMeta user_ GUARDED_BY(userLock_);

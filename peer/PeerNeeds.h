@@ -1,4 +1,4 @@
-// What the peers' room needs from outside, and whom it tells.
+// The interfaces that the `peer` module calls.
 #pragma once
 
 #include <vector>
@@ -17,7 +17,8 @@ class UploadSlot;
 class UserMeta;
 class i4_ram_file_class;
 
-// The events of peers that a user interface shows. Thread: any.
+// Events of peers and uploads that the user interface shows. CoreUIInterface implements it.
+// Thread: any. Callers keep ownership of what they pass.
 class PeerUI {
   public:
     virtual void uploadAdded(Upload* upload) = 0;
@@ -33,101 +34,106 @@ class PeerUI {
     ~PeerUI() = default;
 };
 
-// What a peer says, and what becomes of its connection. Thread: the socket pool's; connectFailed() a
-// worker's.
+// Events of peers that other modules act on: messages, and the end of connections. Engine implements it.
+// Thread: the socket pool's; connectFailed() may be called on a worker's.
 class PeerListener {
   public:
-    // How we have come to know who is on the other side, or who it is now.
+    // How we learnt the other side's identity, or its new one.
     enum class Met { hello, helloAnswer, newIdentity };
     virtual void met(Peer& peer, Met how) = 0;
     virtual void gone(Peer& peer) = 0;
     virtual void connectFailed(u32 ip, u16 port) = 0;
 
-    // To one who fetches from it.
+    // For downloads.
     virtual void gotFileData(Peer& peer, const MD4Hash& file, i4_ram_file_class& stream) = 0;
-    // An empty array says that the peer has all parts.
+    // An empty array means that the peer has all parts.
     virtual void gotFileStatus(Peer& peer, const MD4Hash& file, const BoolArray& parts) = 0;
     virtual void gotFileName(Peer& peer, const MD4Hash& file, i4_file& stream) = 0;
     virtual void gotHashSet(const MD4Hash& file, i4_file& stream) = 0;
     virtual void noSuchFile(Peer& peer, const MD4Hash& file) = 0;
     virtual void slotGranted(Peer& peer) = 0;
     virtual void slotEnded(Peer& peer) = 0;
-    // To one who has what it fetches.
+    // For uploads.
     virtual void gotSlotRequest(Peer& peer) = 0;
     virtual void gotPartRequest(Peer& peer, i4_file& stream) = 0;
     virtual void uploadStopped(Peer& peer, const MD4Hash& file) = 0;
     virtual void slotReleased(Peer& peer) = 0;
-    // To a friend, or one it calls.
+    // For friends and chats.
     virtual bool awaitsFiles(Peer& peer) = 0;
     virtual void gotSharedFiles(Peer& peer, OwnedList<FileList> list) = 0;
-    virtual bool gotChatMessage(const UserMeta& user, const char* text) = 0;  // false where it is refused
+    virtual bool gotChatMessage(const UserMeta& user, const char* text) = 0;  // false if the chat is refused
     virtual void chatRefused(const UserMeta& user) = 0;
 
   protected:
     ~PeerListener() = default;
 };
 
-// How a way to a user ended, or goes on.
+// The result of an attempt to reach a user.
 enum class ConnectResult {
-    peerThere = 0,         // a connection is there
-    connecting = 1,        // one is under way
+    peerThere = 0,         // a connection exists
+    connecting = 1,        // a connection is being made
     neitherReachable = 2,  // both sides are firewalled
     impossible = 3,
     tooManyConnections = 4,
 };
 
-// The way to other users. Thread: any.
+// Opens connections to other users. Engine implements it.
+// Thread: any.
 class Reach {
   public:
-    // With peerThere, `out` is the connection.
-    // False where one more connection would take the last place.
+    // Returns false if one more connection would take the last free place.
     virtual bool mayConnect() = 0;
+    // Sets `out` to the connection if the result is peerThere.
     virtual ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out) = 0;
 
   protected:
     ~Reach() = default;
 };
 
-// A file on its way in, as those see it who get its parts from us. Thread: any.
+// The finished parts of a file that is being downloaded, as uploads read them. PartialFile implements it.
+// Thread: any.
 class PartReader : public RefCounter {
   public:
-    // `moved` once the file is whole and lies in its final path.
+    // `moved`: the file is complete and is at its final path.
     enum class Read { ok = 0, moved = 1, gone = 2, unavailable = 3 };
     virtual Read readData(u8* buffer, u32 start, u32 end) = 0;
     virtual i4_string finalPath() const = 0;
     virtual i4_string getName() const = 0;
 };
 
-// What is told of a shared file.
+// What other clients may learn about a shared file.
+// A plain value: a copy of the file's record.
 struct SharedFile {
     i4_string name{nullptr};
-    i4_string path{nullptr};  // null for a file that is still on its way in
+    i4_string path{nullptr};  // null while the file is being downloaded
     std::vector<MD4Hash> partHashes;
 };
 
-// The files that we share. Thread: any.
+// The files that we share, as answers to peers need them. Engine implements it.
+// Thread: any.
 class SharedFiles {
   public:
     virtual bool find(const MD4Hash& hash, SharedFile& out) = 0;
-    virtual u32 listBytes() = 0;  // of the list's network form
+    virtual u32 listBytes() = 0;  // the size of the list as it is sent
     virtual void writeList(i4_file& stream) = 0;
-    // Of a file on its way in: which parts may be told of. Untouched where there is none.
+    // Sets `out` to the parts that may be offered of a file being downloaded; leaves it if there is none.
     virtual void partsDone(const MD4Hash& hash, BoolArray& out) = 0;
-    // One, for the user who asks, who has parts of it himself or will have. Empty where there is none.
+    // The parts of a file being downloaded; empty if there is none. Adds `asker` to its sources.
     virtual Ref<PartReader> partsFor(const MD4Hash& hash, const UserMeta& asker) = 0;
 
   protected:
     ~SharedFiles() = default;
 };
 
-// Outlives the room.
+// References to what the module uses.
+// Thread: any. Must outlive every object of the module.
 struct PeerNeeds {
     Core& core;
     PeerUI& ui;
     PeerListener& listener;
     Reach& reach;
     SharedFiles& files;
-    // The live connections to other clients. An entry is valid while the lock is held; whoever keeps it
-    // longer takes a reference under the lock.
+    // The live connections to other clients. A pointer from the list is valid while its lock is held; take a
+    // reference under the lock to keep it longer.
     LLsafe<Peer>& peers;
 };

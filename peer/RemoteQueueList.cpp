@@ -34,7 +34,7 @@ void RemoteQueueList::note(Peer& peer) {
         (*known)->stamp = now;
         return;
     }
-    // Those that make no difference any more go: over the months there is no end of users.
+    // Drop outdated entries: over months the list would grow without bound.
     std::erase_if(entries_, [&](const auto& entry) { return now - entry->stamp >= remembered; });
     entries_.push_back(copyOf(user));
     entries_.back()->stamp = now;

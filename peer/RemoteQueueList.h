@@ -1,4 +1,4 @@
-// RemoteQueueList, the uploaders in whose queues this client stands, with the time of the request.
+// RemoteQueueList: the uploaders in whose queues this client waits.
 #pragma once
 
 #include <memory>
@@ -11,15 +11,16 @@
 class Peer;
 class UserMeta;
 
-// Thread: any. Owns its entries.
+// Remembers whom we asked for a slot and when, so that the same client isn't asked again at once.
+// Thread: any. Owns: its entries.
 class RemoteQueueList {
   public:
     explicit RemoteQueueList(const Clock& clock) : clock_(clock) {}
     ~RemoteQueueList();
-    void note(Peer& peer);  // asks the peer for a slot and stamps the entry
-    // Asked within the last 30 minutes; false for a low ID.
+    void note(Peer& peer);  // asks the peer for a slot and records the time
+    // True if the user was asked within the last 30 minutes; false for a low ID.
     bool isWaiting(const UserMeta& user);
-    void release(Peer& peer);  // gives the slot back, whether there is an entry or not
+    void release(Peer& peer);  // gives the slot back, with or without an entry
     void forget(u32 serverIp, u32 clientId);
     void forgetAddress(u32 ip, u16 port);
     void clear();

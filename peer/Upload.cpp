@@ -13,12 +13,11 @@ namespace {
 
 constexpr u32 dataHead = 25;          // opcode, hash, start, end
 constexpr i32 speedSample = 2000;     // ms
-constexpr i32 requestLimit = 10'000;  // ms that a transfer waits for its next request
+constexpr i32 requestLimit = 10'000;  // ms to wait for the next request
 constexpr f32 basePacket = 10'240.0F;
-constexpr f32 mostPacket =
-    1024.0F * 1024.0F;  // whatever the speed: a peer's body has a limit, and so has our memory
+constexpr f32 mostPacket = 1024.0F * 1024.0F;  // a peer limits the body size, and it bounds our memory
 
-// A peer that goes on to another part has had its turn, if others wait.
+// True if the two positions are in different parts. A peer that moves to another part may be replaced.
 bool otherPart(u32 a, u32 b) { return a / PARTSIZE != b / PARTSIZE; }
 
 }  // namespace
@@ -32,12 +31,12 @@ Upload::Upload(UploadOwner& owner, UIInterface& log, std::unique_ptr<i4_file> fi
       userHash_(peer.userHash()),
       owner_(owner),
       log_(log),
-      isTold_(log.mayComplain(UIInterface::Complaint::upload)) {
-    if (isTold_) log_.printLine("New Upload");
+      isShown_(log.mayComplain(UIInterface::Complaint::upload)) {
+    if (isShown_) log_.printLine("New Upload");
 }
 
 Upload::~Upload() {
-    if (isTold_) log_.printLine("~Upload");
+    if (isShown_) log_.printLine("~Upload");
 }
 
 bool Upload::isPeer(const Peer& other) const { return peer_.get() == &other; }
@@ -73,13 +72,13 @@ void Upload::setRanges(const u32 (&starts)[3], const u32 (&ends)[3]) {
     const auto isEmpty = [](const Range& range) { return range == Range{}; };
     askedForNothing_ = std::all_of(ranges_.begin(), ranges_.end(), isEmpty);
     dropRepeats();
-    // Empty ranges in front of others would end the transfer.
+    // An empty range before others would end the upload.
     std::stable_partition(ranges_.begin(), ranges_.end(), std::not_fn(isEmpty));
     if (position_ <= ranges_[0].start || position_ >= ranges_[0].end) position_ = ranges_[0].start;
 }
 
-// A range that was just sent in full and that the request only repeats goes, and so do those in front of it
-// that were sent shortly before: the request was made before they arrived.
+// Removes a requested range that was just sent in full, and those before it that were sent shortly before:
+// the peer sent the request before it received them.
 void Upload::dropRepeats() {
     if (finished_[0] == Range{}) return;
     const auto newest = std::find(ranges_.begin(), ranges_.end(), finished_[0]);

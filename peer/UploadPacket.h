@@ -1,4 +1,4 @@
-// UploadPacket, a piece of a file on its way to a Peer. It ties the sending of its bytes back to its Upload.
+// UploadPacket: a queued piece of a file for a Peer.
 #pragma once
 
 #include "peer/Upload.h"
@@ -11,7 +11,10 @@
 //   1       16           the file's hash
 //   17      4            start, u32
 //   21      4            end, u32
-//   25      end - start  the file's bytes from start up to but not including end
+//   25      end - start  the file's bytes from start to before end
+//
+// Reports its progress to its Upload, which then builds the next packet.
+// Thread and ownership: as Packet. Borrows: the Upload, counted.
 class UploadPacket : public Packet {
   public:
     UploadPacket(u32 length, Upload& upload) : Packet(length), upload_(&upload) {}

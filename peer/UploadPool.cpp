@@ -15,12 +15,12 @@
 
 namespace {
 
-constexpr u32 queueMemory = 2'699'999;  // ms after which a user who didn't ask again is forgotten
-constexpr i32 queueLimit = 50;          // users who wait, but for those who had an upload
+constexpr u32 queueMemory = 2'699'999;  // ms after which a waiting user who didn't ask again is dropped
+constexpr i32 queueLimit = 50;          // users in the queue before new ones are refused
 constexpr i32 assignEvery = 30'000;     // ms
 constexpr i32 tickEvery = 300;          // ms, while there are uploads
-constexpr f32 speedOfTransfer = 3.0F;   // KB/s that a new transfer wants
-constexpr f32 transferShare = 6.0F;     // KB/s of the line for each transfer that always runs
+constexpr f32 speedOfTransfer = 3.0F;   // KB/s that a new upload should get
+constexpr f32 transferShare = 6.0F;     // KB/s of the line for each upload that may always run
 constexpr u32 leastTransfers = 2;
 constexpr f32 mostTransfers = 1e6F;
 
@@ -125,8 +125,8 @@ void UploadPool::gotPartRequest(i4_file& stream, Peer& peer) {
     if (isNew || upload->hasRunDry()) upload->sendNext();
 }
 
-// The running transfer of that file to that peer, or a new one in the place of the peer's slot. Empty where
-// the peer has neither, or there is no such file, which it is told.
+// Returns the running upload of this file to this peer, or makes one from the peer's slot. Returns empty if
+// the peer has neither, or if there is no such file; the peer is then told so.
 Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) {
     Ref<Upload> upload;
     {
@@ -140,7 +140,7 @@ Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) 
         upload = slot->makeUpload(hash, peer);
         if (upload) {
             replaceOldest();
-            // Ending one may have given the slot's place away, but not the slot itself.
+            // Ending an upload may have assigned the slot's place, but not the slot itself.
             removeSlot(slot);
             needs_.ui.uploadAdded(upload.get());
             upload->addRef();
@@ -158,7 +158,7 @@ Upload* UploadPool::findUpload(const MD4Hash& hash, const Peer& peer) const {
                   [&](const Upload& upload) { return upload.hash() == hash && upload.isPeer(peer); });
 }
 
-// A new transfer takes the place of the oldest that may be ended.
+// Ends the oldest replaceable upload, to make room for a new one.
 void UploadPool::replaceOldest() {
     Upload* oldest = replaceable_.first();
     if (!oldest) return;
@@ -171,7 +171,7 @@ void UploadPool::endUpload(Upload& upload) {
     endLocked(upload);
 }
 
-// A user who has had a turn stands in line again, at the end.
+// The user goes back to the end of the queue.
 void UploadPool::endLocked(Upload& upload) {
     upload.stop();
     const Ref<Upload> keep(&upload);
@@ -203,7 +203,7 @@ void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
     if (Upload* upload = findUpload(hash, peer)) endLocked(*upload);
 }
 
-// The user goes away, and not to the queue.
+// Ends everything of this user, without queueing him again.
 void UploadPool::endAllOf(Peer& peer) {
     i4_lock guard(lock_);
     bool changed = false;

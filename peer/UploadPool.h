@@ -1,4 +1,4 @@
-// UploadPool decides who may download from this client: the queue, the slots, and the running uploads.
+// UploadPool: decides who may download from this client.
 #pragma once
 
 #include "i4min/file/file.h"
@@ -13,44 +13,45 @@ class UploadSlot;
 struct PeerNeeds;
 class UserMeta;
 
-// The rule that sets the number of transfers, all in KB/s and numbers of transfers.
+// The rule that limits the number of uploads. Speeds are in KB/s.
+// A plain value.
 struct SlotRule {
-    f32 capacity;  // what the line carries up
+    f32 capacity;  // upload capacity of the line
     f32 used;      // speed of the uploads that aren't replaceable
-    u32 slots;     // granted, not used yet
-    u32 active;    // slots and uploads, less the replaceable ones
+    u32 slots;     // granted but not used yet
+    u32 active;    // slots and uploads without the replaceable ones
 
     bool canStart() const;
 };
 
-// What a user goes through:
+// Holds the queue of waiting users, the granted slots and the running uploads:
 //
 //   state         where                 entered by                   left by
 //   waiting       queue                 gotSlotRequest, endUpload    assignSlots; 45 minutes
 //   called        slots                 assignSlots, gotSlotRequest  gotPartRequest; time-out, failure, gone
 //   transferring  uploads               gotPartRequest               endUpload to waiting; endAllOf
-//   replaceable   uploads, replaceable  markReplaceable              another's start, to waiting
+//   replaceable   uploads, replaceable  markReplaceable              another upload's start, to waiting
 //
-// Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
-// Owns: queue and slots, one reference on each upload.
+// Thread: any; each operation takes the lock. Lock order: before DLPool's and the lists of ClientApp.
+// Owns: queue and slots, one reference to each upload.
 class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
   public:
     explicit UploadPool(const PeerNeeds& needs);
     virtual ~UploadPool();
     void gotSlotRequest(Peer& peer);
-    void gotCall(Peer& peer);  // a hello came in
+    void gotCall(Peer& peer);  // after an incoming hello
     void gotPartRequest(i4_file& stream, Peer& peer);
     void stopUpload(const MD4Hash& hash, Peer& peer);
-    void endAllOf(Peer& peer);  // it has gone, or gave its slot back
+    void endAllOf(Peer& peer);  // the peer is gone, or gave its slot back
     void connectFailed(u32 ip, u16 port);
     void callbackFailed(u32 serverIp, u32 clientId);
     void endUpload(Upload& upload) override;
     void markReplaceable(Upload& upload) override;
     void tick(i32 elapsedMs);
-    i32 untilDue();  // ms until tick() has something to do; the greatest i32 for nothing
+    i32 untilDue();  // ms until tick() has work; the maximum i32 if never
     void clear();
 
-    // For views: the lock, and the lists under it.
+    // For views: lock the pool, then read the lists.
     void lock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS { lock_.lock(); }
     void unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { lock_.unlock(); }
     const LL<UploadSlot>& getSlots() const REQUIRES(this) NO_THREAD_SAFETY_ANALYSIS { return slots_; }
@@ -58,10 +59,10 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
 
   private:
     bool canStartSlot() const REQUIRES(lock_);
-    UploadSlot* slotOf(const Peer& peer) const REQUIRES(lock_);  // by the user hash where it is known
+    UploadSlot* slotOf(const Peer& peer) const REQUIRES(lock_);  // by the user hash if it is known
     void addSlot(const UserMeta& user) REQUIRES(lock_);
     void removeSlot(UploadSlot* slot) REQUIRES(lock_);  // and destroys it
-    void dropSlot(UploadSlot* slot) REQUIRES(lock_);    // and gives its place away; null does nothing
+    void dropSlot(UploadSlot* slot) REQUIRES(lock_);    // removes it and assigns its place; null is allowed
     void assignSlots() REQUIRES(lock_);
     void enqueue(const UserMeta& user) REQUIRES(lock_);
     Ref<Upload> uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) EXCLUDES(lock_);
@@ -69,17 +70,17 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
     void replaceOldest() REQUIRES(lock_);
     void endLocked(Upload& upload) REQUIRES(lock_);
     bool removeUpload(Upload& upload) REQUIRES(lock_);  // false if it isn't running
-    // Asserts that the queue is as long as it is counted and that what is replaceable runs; a debug build
-    // runs it when either has changed.
+    // Asserts that queueLength_ is the queue's length and that every replaceable upload is running. Debug
+    // builds call it after each change.
     void checkInvariants() const REQUIRES(lock_);
 
     const PeerNeeds& needs_;
     i4_mutex lock_{LockRank::uploadPool};
     LL<Upload> uploads_ GUARDED_BY(lock_);
-    OwnLL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
+    OwnLL<UserMeta> queue_ GUARDED_BY(lock_);  // longest waiting first
     OwnLL<UploadSlot> slots_ GUARDED_BY(lock_);
     LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
     i32 assignTimer_ GUARDED_BY(lock_) = 0;     // ms since the last assignment
     i32 queueLength_ GUARDED_BY(lock_) = 0;
-    u32 slotsMade_ GUARDED_BY(lock_) = 0;  // their identities
+    u32 slotsMade_ GUARDED_BY(lock_) = 0;  // source of slot identities
 };

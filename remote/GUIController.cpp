@@ -24,7 +24,7 @@ constexpr u32 strangerBodyLimit = 64 * 1024;
 constexpr u32 controllerBodyLimit = 1024 * 1024;
 constexpr u32 statusEvery = 3000;           // ms
 constexpr u32 strangerStallLimit = 30'000;  // ms
-constexpr u32 mostRecords = 0xFFFF;         // of a list whose count has 16 bits
+constexpr u32 mostRecords = 0xFFFF;         // the list's count has 16 bits
 constexpr u32 downloadStatusSize = 13;
 constexpr u32 uploadStatusSize = 6;
 
@@ -85,7 +85,7 @@ bool GUIController::firstMessage(u8 opcode, i4_ram_file_class& stream) {
     return true;
 }
 
-// The reason of a refusal stays on the local console: the controller gets no answer.
+// Only the local console shows the reason of a refusal; the controller gets no answer.
 bool GUIController::logOn(i4_file& stream) {
     const i4_string name(stream);
     const i4_string password(stream);
@@ -120,6 +120,7 @@ void GUIController::sendStartState() {
     }
 }
 
+// Maps opcodes to handlers. Every incoming opcode of the protocol must be in it.
 struct GUIController::Table {
     using Body = i4_ram_file_class;
     template <auto member>
@@ -151,7 +152,7 @@ struct GUIController::Table {
     }
 
     static constexpr Handler<GUIController> rows[] = {
-        // It has logged on.
+        // Already logged on.
         {CTL_LOGON,
          [](GUIController& self, Body& body) { return self.Connection::handleMessage(CTL_LOGON, body); }},
         {CTL_QUIT, by<&GUIController::quit>},
@@ -225,7 +226,7 @@ void GUIController::connectToServer(i4_file& stream) {
                           engine_.serverPool.isListed(address) ? QArgument(address) : QArgument());
 }
 
-// A tree that can't be read leaves an empty search, and the request goes on with that.
+// If the tree can't be read, an empty search is started.
 void GUIController::startSearch(u32 message, i4_file& stream) {
     search_ = makeRef<Search>();
     search_->fromBytes(stream);
@@ -318,12 +319,12 @@ void GUIController::sendDownload(Download& download) {
 void GUIController::sendUpload(const Upload& upload) {
     if (!upload.getName()) return;
     {
-        i4_lock guard(toldLock_);
-        if (!toldUploads_.insert(&upload).second) return;
+        i4_lock guard(reportedLock_);
+        if (!reportedUploads_.insert(&upload).second) return;
     }
     UserMeta user;
     upload.copyPeerUser(user);
-    user.hash = upload.userHash();  // the one with which its end is told
+    user.hash = upload.userHash();  // the same hash identifies the upload when its end is sent
     auto packet =
         makePacket(CTL_UPLOAD_ADDED, static_cast<u32>(2 + i4_strlen(upload.getName())) + user.byteSize());
     i4_write_string(packet->stream, upload.getName());
@@ -334,8 +335,8 @@ void GUIController::sendUpload(const Upload& upload) {
 
 void GUIController::sendUploadGone(const Upload& upload) {
     {
-        i4_lock guard(toldLock_);
-        if (toldUploads_.erase(&upload) == 0) return;
+        i4_lock guard(reportedLock_);
+        if (reportedUploads_.erase(&upload) == 0) return;
     }
     const MD4Hash hash = upload.userHash();
     auto packet = makePacket(CTL_UPLOAD_REMOVED, MD4Hash::streamSize);

@@ -1,4 +1,4 @@
-// GUIController, the connection of one remote controller.
+// GUIController: the connection of a remote controller.
 #pragma once
 
 #include <unordered_set>
@@ -15,24 +15,25 @@ class Engine;
 class TcpipUI;
 class Upload;
 
-// Not logged on until a good log-on (opcode 100), then logged on until it closes. remote/GUIController.cpp
-// has the table of the messages.
-// Thread: handlers on the socket pool's; sendStatus() on the status thread's; sending on any.
+// Accepts only a log-on (opcode 100) first, and everything else after it. The message table is in
+// remote/GUIController.cpp.
+// Thread: handlers on the socket pool's; sendStatus() on the status thread's; other sending functions on any.
+// Owns: the status thread and the last search. Borrows: the TcpipUI and the engine.
 class GUIController : public Connection {
   public:
     GUIController(SocketPool& socketPool, TcpipUI& ui, std::unique_ptr<i4_socket> accepted);
     ~GUIController() override;
 
-    // A controller's traffic is neither limited by the speed limits nor counted in them.
+    // A controller's traffic is neither limited by the speed limits nor counted in the speeds.
     void doTask(SocketPool* socketPool) override;
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
     bool firstMessage(u8 opcode, i4_ram_file_class& stream) override;
 
     void sendStatus();
     void sendDownload(Download& download);
-    // That an upload exists, unless this controller knows; and that it is gone, if it knows of it.
-    void sendUpload(const Upload& upload) EXCLUDES(toldLock_);
-    void sendUploadGone(const Upload& upload) EXCLUDES(toldLock_);
+    // These report an upload once: its existence if not reported yet, and its end if its existence was.
+    void sendUpload(const Upload& upload) EXCLUDES(reportedLock_);
+    void sendUploadGone(const Upload& upload) EXCLUDES(reportedLock_);
 
   protected:
     void gone() override;
@@ -45,7 +46,7 @@ class GUIController : public Connection {
     Ref<Download> readDownload(i4_file& stream);
     bool logOn(i4_file& stream);
     void sendStartState();
-    struct Table;  // which message goes to which of these
+    struct Table;  // maps each opcode to its handler
     void nothing();
     void quit();
     void sendServers();
@@ -71,9 +72,9 @@ class GUIController : public Connection {
     Relaxed<u8> uploadStatus_;
     Relaxed<u8> downloadStatus_;
     bool loggedOn_ = false;
-    i4_mutex toldLock_{LockRank::controller};
-    std::unordered_set<const Upload*> toldUploads_ GUARDED_BY(toldLock_);
+    i4_mutex reportedLock_{LockRank::controller};
+    std::unordered_set<const Upload*> reportedUploads_ GUARDED_BY(reportedLock_);
     TcpipUI& ui_;
     Engine& engine_;
-    Ref<Search> search_;  // as the controller sent it last
+    Ref<Search> search_;  // the last search that the controller sent
 };

@@ -23,7 +23,7 @@ void LogonGuard::refused(u32 ip, u32 now) {
     ++refusals.count;
 }
 
-// What is over a minute old goes, or else the address that was quiet for longest.
+// Removes outdated addresses, or else the one whose last refusal is oldest.
 void LogonGuard::makeRoom(u32 now) {
     std::erase_if(refusals_, [&](const auto& entry) { return now - entry.second.last() >= window; });
     if (refusals_.size() < mostAddresses) return;

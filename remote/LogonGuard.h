@@ -1,4 +1,4 @@
-// LogonGuard slows down whoever guesses a controller's name and password.
+// LogonGuard: slows down attempts to guess a controller's name and password.
 #pragma once
 
 #include <array>
@@ -6,9 +6,9 @@
 
 #include "i4min/memory/types.h"
 
-// After five refused log-ons from one address within a minute, further ones from it are dropped unread until
-// the first of the five is a minute old. Thread: the socket pool's. Time comes in as milliseconds of a clock
-// that only goes on.
+// After five refused log-ons from an address within a minute, further ones are ignored until the first of the
+// five is a minute old. Times are milliseconds of a monotonic clock.
+// Thread: the socket pool's.
 class LogonGuard {
   public:
     bool isBlocked(u32 ip, u32 now) const;
@@ -17,8 +17,8 @@ class LogonGuard {
   private:
     static constexpr u32 mostRefusals = 5;
     struct Refusals {
-        std::array<u32, mostRefusals> times{};  // of the last ones, a ring
-        u32 count = 0;                          // of them all
+        std::array<u32, mostRefusals> times{};  // times of the last refusals, a ring
+        u32 count = 0;                          // of all refusals
 
         u32 last() const { return times[(count - 1) % mostRefusals]; }
     };

@@ -16,16 +16,16 @@ namespace {
 
 constexpr i32 doorTimeout = 10'000;  // ms
 constexpr std::size_t textSize = 256;
-constexpr std::size_t longestWireName = 0xFFFE;  // a string's longest on the wire
+constexpr std::size_t longestWireName = 0xFFFE;  // longest string on the wire
 constexpr u32 mostStrangers = 32;
 
-// Names from the network may be longer than a string can be.
+// Names from the network may be longer than a wire string.
 void writeName(i4_file& stream, const char* name) {
     if (i4_strlen(name) <= longestWireName) return i4_write_string(stream, name);
     i4_write_string(stream, std::string(name, longestWireName).c_str());
 }
 
-// A text of at most 255 bytes, cut where it is longer, but never inside a character.
+// A text cut to at most 255 bytes, but never inside a UTF-8 character. A plain value.
 struct ShortText {
     char bytes[textSize];
 
@@ -38,7 +38,7 @@ struct ShortText {
   private:
     u8 at(std::size_t place) const { return static_cast<u8>(bytes[place]); }
 
-    // A UTF-8 sequence that lost its end goes whole.
+    // Removes a UTF-8 sequence whose end was cut off.
     void cutInsideCharacter() {
         const std::size_t end = textSize - 1;
         std::size_t lead = end - 1;
@@ -119,7 +119,7 @@ bool TcpipUI::sendList(u8 opcode, const MetaList& list) {
     return true;
 }
 
-// A line goes to both, other text to the controller alone; what isn't for a controller's log stays here.
+// Lines go to both, other text to the controller only. Text that isn't meant for controllers stays local.
 void TcpipUI::say(Text kind, const char* format, va_list list) {
     const ShortText text(format, list);
     switch (kind) {
@@ -158,7 +158,7 @@ void TcpipUI::addResult(FileMeta* file) {
     std::unique_ptr<FileMeta> owned(file);
     if (results_.isFull()) return;
     auto packet = makePacket(CTL_RESULT, *file);
-    results_.add(owned.release());  // before the controller can ask for it
+    results_.add(owned.release());  // before the controller can request it
     to->send(std::move(packet));
 }
 
@@ -175,11 +175,11 @@ void TcpipUI::setResults(FileList* list, u8 more) {
 }
 
 void TcpipUI::downloadAdded(Download* download) {
-    inner_.downloadAdded(download);  // first: who attaches in between learns of it from the list
+    inner_.downloadAdded(download);  // first: a controller that attaches in between finds it in the list
     if (const Ref<GUIController> to = controller()) to->sendDownload(*download);
 }
 
-// The list loses it first: who attaches in between doesn't find it there.
+// Removed from the list first: a controller that attaches in between must not find it there.
 void TcpipUI::downloadRemoved(Download* download) {
     inner_.downloadRemoved(download);
     if (const Ref<GUIController> to = controller()) {

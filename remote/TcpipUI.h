@@ -1,4 +1,4 @@
-// TcpipUI, a user interface that wraps another one and hands the engine's events to a remote controller.
+// TcpipUI: a user interface that wraps another one and forwards the engine's events to a remote controller.
 #pragma once
 
 #include <memory>
@@ -15,12 +15,11 @@ class GUIController;
 class GUIControllerDoor;
 class Packet;
 
-// While a controller is attached, most events go to it as packets; while none is, everything goes to the
-// wrapped interface. Events of downloads and uploads always go to both, since the status packets walk the
-// lists that the wrapped one keeps.
-// Thread: any, at the same time.
-// Owns: its door, the results.    Borrows: the engine, the commands; the wrapped interface, which outlives
-// it; the controller, counted.
+// While a controller is attached, most events are sent to it; otherwise they go to the wrapped interface.
+// Download and upload events always go to both, since the status packets walk the wrapped interface's lists.
+// Thread: any, concurrently.
+// Owns: its door, the results. Borrows: the engine, the commands, the wrapped interface; the controller,
+// counted.
 class TcpipUI : public CoreUIInterface {
   public:
     TcpipUI(Engine& engine, Commands& commands, CoreUIInterface& inner);
@@ -28,13 +27,13 @@ class TcpipUI : public CoreUIInterface {
 
     Engine& engine() const { return engine_; }
     Commands& commands() const { return commands_; }
-    // Of the socket pool's thread.
+    // Used by the socket pool's thread only.
     LogonGuard logonGuard;
     u32 strangers = 0;  // connections that haven't logged on yet
 
     bool attach(GUIController& controller);  // false if another one is attached
     void detach(const GUIController& controller);
-    // A copy of that search result, null where it isn't known.
+    // Returns a copy of a search result, or null if there is none with this hash.
     std::shared_ptr<FileMeta> findResult(const MD4Hash& hash);
 
     bool isVerbose() const override { return inner_.isVerbose(); }
@@ -60,7 +59,7 @@ class TcpipUI : public CoreUIInterface {
 
   private:
     Ref<GUIController> controller() EXCLUDES(lock_);
-    // False where no controller is attached.
+    // These return false if no controller is attached.
     bool sendText(u8 opcode, const char* text);
     bool sendEmpty(u8 opcode);
     bool sendWords(u8 opcode, std::initializer_list<u32> words);

@@ -1,4 +1,4 @@
-// UIStatusThread sends a controller the state of downloads and uploads, while it asks for them.
+// UIStatusThread: sends a controller the state of downloads and uploads while it asks for it.
 #pragma once
 
 #include <atomic>
@@ -6,10 +6,11 @@
 
 #include "i4min/threads/linux/Thread.h"
 
-// The first packets go out when the first interval has passed.
+// Calls `send` once per interval, the first time after one interval.
+// Thread: start() and stop() on the owner's. Owns: the function.
 class UIStatusThread : public Thread {
   public:
-    // `send` runs on this thread, and is valid until stop() has returned.
+    // `send` runs on this thread and must stay valid until stop() has returned.
     UIStatusThread(Scheduler& scheduler, std::function<void()> send, u32 intervalMs)
         : Thread(scheduler), send_(std::move(send)), interval_(intervalMs) {}
     ~UIStatusThread() override;

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Counts what only ever may become less, and fails where one is above its limit: lines of test code for each line of
-the product's, naked new and delete, and void pointers in the product.
+"""Counts what may only decrease, and fails if a count is above its limit: lines of test code per line of product code,
+and naked new and delete and void pointers in the product.
 
     scripts/counts.py              prints the counts and checks them
     scripts/counts.py --self-test  checks the checks
 
-Lines are those of C++ that are neither blank nor a comment. The product is what is neither in tests nor fuzz nor bench;
-bench counts for neither side. Lower a limit when the count has come down.
+Lines are lines of C++ that aren't blank or comments. The product is everything outside tests, fuzz and bench; bench
+isn't counted on either side. Lower a limit when its count has decreased.
 """
 import re
 import subprocess

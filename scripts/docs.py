@@ -1,19 +1,18 @@
 #!/usr/bin/env python3
-"""Looks up what README.md and docs/*.md name, so that they don't tell of things that are no longer there.
+"""Checks that the paths and symbols that README.md and docs/*.md name exist.
 
     scripts/docs.py               checks the documents
     scripts/docs.py --self-test   checks the checks
 
-Checked are the spans in back-ticks, outside of fenced blocks:
-- Each word with a slash in it, or that ends like a source file (.h, .cpp, .py, .sh, .md, .json, .cmake, or
-  .txt behind a capital, such as CMakeLists.txt), is a path from the root of the tree and must exist there. `*`
-  stands for any letters, and so does NAME; at least one path must fit. What isn't in the tree is written with a
-  start that tells so: `./temp` is a path in the working directory, `build/tarnwick` one that a build makes,
-  `/tmp` and `~/x` are the system's.
-- A span that is one identifier, with or without a call's parentheses, is a symbol if it has `::` in it, starts
-  with a capital letter, has one further inside, starts with `i4_`, or has parentheses. It must be a word of the
-  sources, outside of their comments; of `A::b`, A and b must be words of one and the same file.
-Checked too: the paths in fenced blocks of language sh that start with scripts/ or tests/, and relative links.
+It checks spans in back-ticks outside of fenced blocks:
+- A word that contains a slash, or ends like a source file (.h, .cpp, .py, .sh, .md, .json, .cmake, or .txt after a
+  capital letter, such as CMakeLists.txt), is a path from the root of the tree and must exist. `*` and NAME stand for
+  any letters; at least one path must match. Paths outside the tree are recognised by their start: `./temp` is in the
+  working directory, `build/tarnwick` is made by a build, `/tmp` and `~/x` belong to the system.
+- A span that is one identifier, with or without parentheses, is a symbol if it contains `::`, starts with or contains
+  a capital letter, starts with `i4_`, or has parentheses. It must occur in the sources outside of comments; for `A::b`,
+  A and b must occur in the same file.
+It also checks relative links, and the paths in fenced sh blocks that start with scripts/ or tests/.
 """
 import fnmatch
 import re
@@ -74,7 +73,7 @@ def is_symbol(span):
 
 
 def missing(page, text, tree):
-    """Yields (line, what) for everything that the page names and the tree doesn't have."""
+    """Yields (line, what) for every name on the page that doesn't exist in the tree."""
     def line_of(at):
         return text.count("\n", 0, at) + 1
 

@@ -1,14 +1,12 @@
 #!/usr/bin/env python3
-"""The gates that the C++ sources pass: sizes of functions, files and lines, who may include whom, in how large
-circles, and who asks the machine itself.
+"""Checks the C++ sources: sizes of functions, files and lines, includes, include cycles, and direct use of the machine.
 
     scripts/gates.py               checks every tracked C++ file
-    scripts/gates.py --symbols LIBRARY...   checks what of built libraries is state of the process
+    scripts/gates.py --symbols LIBRARY...   checks built libraries for process-wide state
     scripts/gates.py --self-test   checks the checks
 
-Prints one line for each offence, `file:line: what`, and exits with 1 if there is any. Sizes, but for the length
-of a line, are not asked of tests and fuzz targets. That every header compiles alone is the build's target
-headers_alone.
+Prints one line for each offence, `file:line: what`, and exits with 1 if there is any. Tests and fuzz targets are free
+of size limits except the length of lines. The build target headers_alone checks that every header compiles alone.
 """
 import re
 import subprocess
@@ -20,7 +18,7 @@ SOURCE_LINES = 800
 HEADER_LINES = 400
 LINE_CHARACTERS = 110
 
-# Folder -> the folders it may include, besides itself. The folders are the floors of the house, lowest first.
+# Folder -> the folders it may include, besides itself. Each folder is a layer; the lowest comes first.
 FOUNDATION = ["i4min/string", "i4min/memory", "i4min/file", "i4min/threads", "i4min/network"]
 CORE = ["i4min", "host", "meta", "protocol", "core"]
 DOWNLOADS = [*CORE, "transport", "import", "server", "peer", "download"]
@@ -47,9 +45,9 @@ MAY_INCLUDE = {
     "sim": [*DOWNLOADS, "engine", "index"],
 }
 INCLUDES_ANYTHING = ["tests", "fuzz", "bench"]
-# A circle of includes takes a header and its source as one; it may have two such pairs.
+# In an include cycle, a header and its source count as one pair; a cycle may have two pairs.
 CIRCLE_FILES = 4
-# Only these may ask the machine for time, files or randomness; the rest has a Host.
+# Only these may use the machine's time, files and random numbers directly; all others use a Host.
 ASKS_THE_MACHINE = ["i4min", "host", "tests", "fuzz", "bench", "app/entry.cpp", "index/main.cpp", "sim/main.cpp"]
 MACHINE = re.compile(
     r"\b(i4_time|i4_ticks|i4_msleep|i4_sleep|i4_open|i4_get_directory|steady_clock|system_clock"
@@ -75,12 +73,12 @@ def inside(path, folder):
 
 
 def blank(source):
-    """The source without comments, strings, characters and preprocessor lines; lines stay where they are."""
+    """The source without comments, strings, characters and preprocessor lines. Line numbers stay the same."""
     return TOKEN.sub(lambda match: "\n" * match.group().count("\n"), source)
 
 
 def function_bodies(source):
-    """Yields (first line, last line, lines of the body) of every function body that isn't in another function."""
+    """Yields (first line, last line, lines of the body) of every function body outside other functions."""
     text = blank(source)
     lines = text.split("\n")
     kinds, starts = [], []
@@ -100,7 +98,7 @@ def function_bodies(source):
             elif re.search(r"[\w>]\s*$", head):
                 kind = "data"  # a member's initialiser
             else:
-                kind = "function"  # behind a constructor's initialisers
+                kind = "function"  # after a constructor's initialisers
             kinds.append(kind)
             starts.append(line)
             head = ""
@@ -163,7 +161,7 @@ def include_offences(sources):
                 yield path, line, f'"{target}" is no file of ours: includes are written from the root'
                 continue
             if not may_include(path, target):
-                yield path, line, f"this floor may not include {target}"
+                yield path, line, f"this layer may not include {target}"
             pair, other = path.rsplit(".", 1)[0], target.rsplit(".", 1)[0]
             edges.setdefault(pair, set())
             if pair != other:
@@ -175,7 +173,7 @@ def include_offences(sources):
 
 
 def circles(edges):
-    """The sets of nodes that reach each other. edges: node -> nodes."""
+    """The sets of nodes that can reach each other. edges: node -> nodes."""
     index, low, stack, on_stack, result = {}, {}, [], set(), []
 
     def visit(start):
@@ -220,7 +218,7 @@ def machine_offences(path, source):
             yield number, f"asks the machine by {match.group().strip()}: that is the host's"
 
 
-# What the process has, once: everything else belongs to an engine.
+# The allowed process-wide state. Everything else belongs to an engine.
 WRITABLE = {
     "i4_argv",
     "i4_debug_stream",

@@ -1,10 +1,10 @@
 # shellcheck shell=bash disable=SC2034
-# What the scripts share. To be sourced from bash with `set -euo pipefail`; leaves the repository's root in $root.
+# Functions that the scripts share. Source it from bash with `set -euo pipefail`. Sets $root to the repository's root.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
 
-# What each errand needs of Debian's packages.
+# The Debian packages that each task needs.
 build_packages=(g++ cmake ninja-build ccache libgtest-dev libgmock-dev)
 fuzz_packages=(clang libclang-rt-14-dev)
 lint_packages=(git python3 clang-format)
@@ -23,8 +23,8 @@ as_root() {
     if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi
 }
 
-# Installs those of the named Debian packages that are missing. Asks nothing; updates apt's lists only when
-# there is something to install.
+# Installs the missing ones of the named Debian packages, without questions. Updates apt's lists only if there
+# is something to install.
 need_packages() {
     if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
         printf 'No apt-get here: the tools of these packages are taken as installed: %s\n' "$*"

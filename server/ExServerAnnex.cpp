@@ -99,7 +99,7 @@ void ExServerAnnex::gotResult() {
     if (file->fromNetwork(buffer_)) needs_.events.gotResult(file.release());
 }
 
-// A stranger's would keep those of the servers out.
+// Only listed servers may report sources: a stranger's false sources would crowd out the real ones.
 void ExServerAnnex::gotSources(const ServerAddress& server) {
     if (!desk_.isListed(server)) return;
     desk_.gotSources(buffer_, server);

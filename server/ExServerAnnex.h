@@ -1,4 +1,4 @@
-// ExServerAnnex, the client's one UDP socket towards index servers.
+// ExServerAnnex: the client's UDP socket for messages to and from index servers.
 #pragma once
 
 #include "core/MessageQ.h"
@@ -9,10 +9,10 @@ class ServerDesk;
 struct ServerNeeds;
 struct MD4Hash;
 
-// Pings every server, and extends searches, source requests and callback requests to those that the client
-// isn't logged on to. Each datagram stands alone. A server's UDP port is its TCP port plus 4; every address
-// here has the TCP port. server/ExServerAnnex.cpp has the table of the messages.
-// Thread: sending on any, answers on the socket pool's.
+// Pings all listed servers. Also sends searches, source requests and callback requests to servers that the
+// client isn't logged on to. Each datagram is independent. A server's UDP port is its TCP port plus 4;
+// addresses passed to this class hold the TCP port. The message table is in server/ExServerAnnex.cpp.
+// Thread: any thread may send; answers are handled on the socket pool's thread.
 class ExServerAnnex : public UDPAnnex {
   public:
     ExServerAnnex(SocketPool& pool, ServerDesk& desk, const ServerNeeds& needs)

@@ -15,7 +15,7 @@ namespace {
 constexpr u32 logOnBodyLimit = 64 * 1024;
 constexpr u32 loggedOnBodyLimit = 16 * 1024 * 1024;
 
-// A list off a stream with its records; null where it can't be read.
+// Reads a list and its records. Returns null if it can't be read.
 template <class List>
 OwnedList<List> readList(i4_file& stream) {
     OwnedList<List> list(new List);
@@ -46,10 +46,11 @@ void MainServer::connected() {
 
 void MainServer::gone() {
     desk_.mainServerGone(this);
-    // One that the user gave up has not failed.
+    // A connection that the user cancelled is not a failed one.
     if (!isLoggedOn() && !isClosing()) desk_.serverFailed(ip);
 }
 
+// Maps opcodes to handlers. Every incoming opcode of the protocol must be in it.
 struct MainServer::Table {
     template <auto member>
     static constexpr auto by = handleBy<MainServer, member>;
@@ -94,7 +95,7 @@ void MainServer::gotMessage(i4_file& stream) {
         needs_.core.log.printLine("%s", i4_string(stream).c_str());
 }
 
-// These two are read, so that one that can't be read ends the connection, and left alone.
+// Parsed and ignored. A message that can't be parsed still ends the connection.
 void MainServer::gotDroppedText(i4_file& stream) {
     stream.read_32();
     static_cast<void>(i4_string(stream));
@@ -121,7 +122,7 @@ bool MainServer::gotSearchResults(i4_file& stream) {
     return true;
 }
 
-// We can't be reached, and somebody wants to be called by us.
+// We have a low ID, and a user who wants to reach us asks that we connect to him.
 bool MainServer::gotCallbackAsked(i4_file& stream) {
     UserMeta user;
     user.id = stream.read_32();
@@ -131,7 +132,7 @@ bool MainServer::gotCallbackAsked(i4_file& stream) {
     return true;
 }
 
-// The answer to the log-on. It can come again later, with another ID.
+// The answer to the log-on. The server may send it again later with another ID.
 bool MainServer::gotClientId(i4_file& stream) {
     const u32 id = stream.read_32();
     needs_.core.preferences.setClientId(id);
@@ -146,7 +147,7 @@ bool MainServer::gotClientId(i4_file& stream) {
     return true;
 }
 
-// What the server says of its own address isn't used: the entry is found by the address that we connected to.
+// The address in the message is ignored: the list's entry is found by the address that we connected to.
 bool MainServer::gotServerIdent(i4_file& stream) {
     server_.clearTags();
     if (!server_.fromNetwork(stream)) return false;
@@ -163,7 +164,7 @@ bool MainServer::gotSources(i4_file& stream) {
     return true;
 }
 
-// A tail of the form of FoundSources may follow the list.
+// Sources, in the form of FoundSources, may follow the list.
 bool MainServer::gotUsers(i4_file& stream) {
     OwnedList<UserList> list = readList<UserList>(stream);
     if (!list) return false;

@@ -1,4 +1,4 @@
-// MainServer, the one TCP connection that the client holds to an index server.
+// MainServer: the client's TCP connection to an index server.
 #pragma once
 
 #include "meta/MD4Hash.h"
@@ -10,15 +10,15 @@ class Search;
 class ServerDesk;
 struct ServerNeeds;
 
-// server/MainServer.cpp has the table of the messages.
+// The message table is in server/MainServer.cpp.
 //
 //   state           entered by                  left by
 //   connecting      ServerPool::tryNext         connected, connectFailed
 //   waiting for ID  connected                   ClientIdChange, the connection's end
 //   online          ClientIdChange              the connection's end
 //
-// Thread: handlers and gone() as Connection, connected() on a Worker's; requests on any: each queues one
-// packet.
+// Thread: handlers and gone() run where Connection says, connected() runs on a worker. Any thread may call
+// the request functions; each queues one packet.
 class MainServer : public Connection {
   public:
     MainServer(SocketPool& pool, ServerDesk& desk, const ServerNeeds& needs, const ServerMeta& server);
@@ -27,23 +27,23 @@ class MainServer : public Connection {
     void connected() override;  // logs on
 
     void requestSources(const MD4Hash& hash);
-    // Has the server ask a client of its own, which nobody can reach, to call us.
+    // Asks the server to have one of its firewalled clients call us.
     void requestCallback(u32 clientId);
     void publish(const FileList& files);
     void sendSearch(const Search& search);
     void sendAlternateSearch(const Search& search);
     void moreResults();
-    // It has given us an ID, and takes requests. Thread: any.
+    // True once the server has assigned us a client ID. Thread: any.
     bool isLoggedOn() const { return loggedOn_ != 0; }
 
   protected:
     void gone() override;
-    u32 bodyLimit() const override;   // 64 KiB until the log-on's answer, then 16 MiB
-    u32 stallLimit() const override;  // none: the connection has no time-out of our own
+    u32 bodyLimit() const override;   // 64 KiB before the log-on is answered, 16 MiB after it
+    u32 stallLimit() const override;  // 0: this connection never times out
     const OpcodeTable* opcodes() const override;
 
   private:
-    struct Table;  // which message goes to which of these
+    struct Table;  // maps each opcode to its handler
     void gotOutOfDate();
     void gotStatus(i4_file& stream);
     void gotCallbackFailed(i4_file& stream);
@@ -62,5 +62,5 @@ class MainServer : public Connection {
     ServerDesk& desk_;
     const ServerNeeds& needs_;
     Relaxed<u8> loggedOn_;
-    ServerMeta server_;  // a copy of the list's entry; of the pool's thread once connected
+    ServerMeta server_;  // copy of the list's entry; used by the pool's thread only, once connected
 };

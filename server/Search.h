@@ -1,4 +1,4 @@
-// Search, what is looked for: a tree of SearchNode, shared by reference count.
+// Search: a search query, held as a tree of SearchNode and shared by reference count.
 #pragma once
 
 #include <memory>
@@ -10,29 +10,32 @@
 
 class i4_file;
 
-// Built once and then read-only, save for fromBytes() by an owner who shares it with nobody at that moment.
+// Read-only once it is built. Only an owner that shares it with nobody may call fromBytes().
 // Thread: any, once it is built. Owns: its tree.
 class Search : public RefCounter, public MetaMatcher {
   public:
-    // The node becomes the root, or, joined by `op`, the right side of a new root over the old one.
+    // Makes `node` the root. If there is a root already, a new root joins both by `op`, with `node` on the
+    // right.
     void add(std::unique_ptr<SearchNode> node, u32 op);
     void clear();
 
-    // Wants a root: the caller asks for one first.
+    // Requires a root: check root() first.
     bool matches(const Meta& record) const override { return root_->matches(record); }
     SearchNode* root() const { return root_.get(); }
 
     bool toBytes(i4_file& stream) const;  // false without a root
     u32 byteSize() const;                 // 0 without a root
-    // Replaces the tree by the one on the stream; false, and no root, if that can't be read.
+    // Replaces the tree with the one read from the stream. Returns false, and leaves no root, if it can't be
+    // read.
     bool fromBytes(i4_file& stream);
 
-    // The first word that every match holds, taken out of the tree at the first call. Empty if there is none.
+    // Returns a word that every match contains, or an empty string. The first call removes that word from the
+    // tree.
     const i4_string& keyword();
-    // Replaces the text in `out` by "search( ", the tree and " )", cut to `size` bytes, terminator included.
+    // Writes "search( ", the tree and " )" to `out`, truncated to `size` bytes including the terminator.
     void printable(char* out, std::size_t size) const;
 
-    bool alternate = false;  // selects the second of the two requests that servers know
+    bool alternate = false;  // send as an alternate search, the second of the two search requests
 
   private:
     i4_string keyword_;

@@ -1,4 +1,4 @@
-// What the servers' room needs from outside, and whom it tells.
+// The interfaces that the `server` module calls.
 #pragma once
 
 #include "core/Core.h"
@@ -10,7 +10,8 @@ class FileMeta;
 class UserList;
 class UserMeta;
 
-// The events of the connection to a server that a user interface shows. Thread: any.
+// Events of the server connection that the user interface shows. CoreUIInterface implements it.
+// Thread: any. Callers keep ownership of what they pass.
 class ServerUI {
   public:
     virtual void connected(const char* name) = 0;
@@ -22,17 +23,17 @@ class ServerUI {
     ~ServerUI() = default;
 };
 
-// What a server's word means for the rest of the client. Thread: the socket pool's, but for serverGone():
-// any.
+// Events of the server connection that other modules act on. Engine implements it.
+// Thread: the socket pool's; serverGone() may be called on any.
 class ServerEvents {
   public:
-    virtual void loggedOn() = 0;    // it has given us an ID
-    virtual void serverGone() = 0;  // what it was told is forgotten
+    virtual void loggedOn() = 0;    // the server has assigned us a client ID
+    virtual void serverGone() = 0;  // what we published there is forgotten
     virtual bool wantsSources(const MD4Hash& file) = 0;
     virtual void foundSource(const MD4Hash& file, const UserMeta& user) = 0;
-    virtual void callbackAsked(const UserMeta& user) = 0;  // a user whom we shall call
+    virtual void callbackAsked(const UserMeta& user) = 0;  // the server asks us to call this user
     virtual void callbackFailed(u32 serverIp, u32 clientId) = 0;
-    // Ownership passes, of lists with their records.
+    // These pass ownership, including that of the records in a list.
     virtual void gotResult(FileMeta* file) = 0;
     virtual void gotResults(FileList* list, bool more) = 0;
     virtual void gotUserList(UserList* list) = 0;
@@ -41,7 +42,8 @@ class ServerEvents {
     ~ServerEvents() = default;
 };
 
-// Outlives the room.
+// References to what the module uses.
+// Thread: any. Must outlive every object of the module.
 struct ServerNeeds {
     Core& core;
     Transport& transport;

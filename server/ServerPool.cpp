@@ -12,11 +12,11 @@
 
 namespace {
 
-constexpr u32 pingEvery = 1'800'000;  // ms; an entry at this value is due at the next tick
-constexpr u32 mostSilentPings = 5;    // with one more unanswered, a server is dead at the next
+constexpr u32 pingEvery = 1'800'000;  // ms; an entry with this idle time is pinged at the next tick
+constexpr u32 mostSilentPings = 5;    // with more than these, a server is removed when its next ping is due
 constexpr u32 prefHigh = 1;
 constexpr std::size_t mostToTry = 6000;
-// ms; the stamp comes back from the server, and a longer round trip would turn the rating over.
+// ms. The time stamp comes back from the server; the limit keeps a wrong one from wrapping the rating around.
 constexpr i32 longestPing = 1'000'000;
 
 bool byRating(const Meta* a, const Meta* b) {
@@ -57,7 +57,7 @@ bool ServerPool::isListed(const ServerAddress& address) {
     return servers_.find(address.ip, address.port) != nullptr;
 }
 
-// New tags come in, and what we know of the server by ourselves stays.
+// Replaces the entry's tags. Keeps what we measured or the user set: preference, ping, counts and history.
 void ServerPool::gotServerInfo(const ServerMeta& server) {
     const i4_guard guard(servers_);
     if (ServerMeta* entry = servers_.find(server.ip, server.port)) {
@@ -76,7 +76,7 @@ void ServerPool::gotServerInfo(const ServerMeta& server) {
         return;
     }
     std::unique_ptr<ServerMeta> added = copyOf(server);
-    // What the user thinks of a server isn't for the server to say.
+    // A server can't set the user's preference for it.
     added->setPref(0);
     added->history = 0;
     added->idleTime = pingEvery;
@@ -88,7 +88,7 @@ void ServerPool::gotPing(u32 ip, u16 port, i32 ping, u32 users, u32 files) {
     const i4_guard guard(servers_);
     ServerMeta* server = servers_.find(ip, port);
     if (!server) return;
-    // A server that answers within the same millisecond is rated too.
+    // At least 2 ms, so that a server that answers within the same millisecond still gets a rating.
     server->setPing(std::clamp(ping, 2, longestPing));
     server->setCounts(users, files);
 }
@@ -129,7 +129,7 @@ void ServerPool::connect(const ServerAddress* target) {
     }
 }
 
-// Makes the target the only one to try. False, and said, where there is nothing to do.
+// Makes `target` the only server to try. Prints the reason and returns false if there is nothing to do.
 bool ServerPool::connectTo(const ServerAddress& target) {
     if (connecting_) {
         say(STRINGS_ALREADY_TRYING_CONNECT);
@@ -165,7 +165,7 @@ void ServerPool::fillQueue() {
     }
 }
 
-// The trying stops first: the end of a connection that hasn't logged on would go on to the next server.
+// Stops trying first: otherwise the end of an attempt would start the next one.
 void ServerPool::disconnect() {
     Ref<MainServer> attempt;
     {
@@ -197,7 +197,7 @@ void ServerPool::tryNextLocked() {
         connecting_ = true;
         attempt_ = std::move(attempt);
     } else {
-        // The attempt that is pending moves things on when it ends.
+        // The same connect is already pending; its end continues the queue.
         say(STRINGS_ALREADY_TRYING_THIS_CONNECT);
     }
 }
@@ -224,7 +224,7 @@ void ServerPool::setMainServer(MainServer* server) {
         i4_lock guard(mainLock_);
         std::swap(mainServer_, next);
     }
-    // An attempt that the user had given up may stand after all, beside the one that followed it.
+    // A cancelled attempt may still have connected, beside the one that followed it: close the older one.
     if (next && next.get() != server) next->close();
 }
 
@@ -359,7 +359,7 @@ void ServerPool::tick(i32 elapsedMs) {
         server->idleTime += static_cast<u32>(elapsedMs);
         if (server->idleTime <= pingEvery) continue;
         if (!pingDue(*server)) {
-            // The walk ends with the first dead server: others wait for the next turn.
+            // Stops after removing one server; the rest follow in the next tick.
             servers_.removeUnsafe(server);
             delete server;
             return;
@@ -376,7 +376,7 @@ i32 ServerPool::untilDue() {
     return due;
 }
 
-// False for a server that is dead.
+// Returns false if the server is dead and must be removed.
 bool ServerPool::pingDue(ServerMeta& server) {
     if (needs_.core.preferences.servRemove != 0 && server.history > mostSilentPings &&
         server.pref != prefHigh)

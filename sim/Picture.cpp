@@ -72,7 +72,7 @@ u64 Picture::taken(u32 address) const {
     return sum;
 }
 
-// Far apart on the circle of colours for lanes that are neighbours.
+// Neighbouring lanes get colours that are far apart.
 std::string Picture::colour(u32 from) const {
     const std::size_t lane = lanes_.at(from);
     return format("hsl(%d,%d%%,%d%%)", static_cast<int>(lane * 137 % 360), 65,

@@ -1,4 +1,4 @@
-// Picture, who gave how much to whom and when, as an SVG.
+// Picture: an SVG chart of who sent how much to whom and when.
 #pragma once
 
 #include <map>
@@ -7,11 +7,12 @@
 
 #include "i4min/memory/types.h"
 
-// A lane for each who received: in each span of time a pile of what came from each giver, in the giver's
-// colour, and a mark where something was told of the receiver. Thread: one.
+// Has a lane for each receiver. For each span of time the lane shows the bytes of each sender, stacked in the
+// sender's colour, and marks for events.
+// Thread: one. Owns: what it has recorded.
 class Picture {
   public:
-    // Machines that aren't named aren't shown: neither what they give nor what they get.
+    // Machines without a name are ignored, as senders and as receivers.
     void name(u32 address, const std::string& name);
     void carried(i64 us, u32 from, u32 to, std::size_t bytes);
     void mark(i64 us, u32 address, const std::string& what);
@@ -41,6 +42,6 @@ class Picture {
     std::map<u32, std::size_t> lanes_;
     std::map<Cell, u64> bytes_;
     std::vector<Mark> marks_;
-    i64 spanUs_ = 250'000;  // grows, so that there are at most so many spans as there are columns
+    i64 spanUs_ = 250'000;  // grows so that there is at most one span per column
     i64 lastSpan_ = 0;
 };

@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr std::size_t shownOnFailure = 3000;  // bytes at the end of the log
-constexpr double rateSpan = 10;               // seconds over which a limit has to hold
-constexpr double rateSlack = 1.1;             // for what isn't the file's bytes
-constexpr double rateBurst = 300'000;         // bytes that may leave late
+constexpr std::size_t shownOnFailure = 3000;  // bytes of the log's end
+constexpr double rateSpan = 10;               // seconds over which a limit must hold
+constexpr double rateSlack = 1.1;             // for bytes that aren't file data
+constexpr double rateBurst = 300'000;         // bytes that may be sent late
 const char* const sharedFolder = "/shared";
 
 std::string format(const char* how, double number) {
@@ -67,7 +67,7 @@ void SceneClient::comeBack() {
     start();
 }
 
-// What has to be true behind each turn.
+// Checks what must hold after each turn.
 void SceneClient::check() {
     scene_.require(!i4_holds_locks(), name + " holds a lock between two turns");
     Engine& engine = client_->engine;
@@ -80,7 +80,7 @@ void SceneClient::check() {
     checkRate();
 }
 
-// A limit to what goes up holds over any span of some seconds.
+// An upload limit must hold over every span of some seconds.
 void SceneClient::checkRate() {
     const double span = scene_.now() - static_cast<double>(rateSince_) / 1e6;
     if (span < rateSpan) return;
@@ -111,7 +111,7 @@ SimIndex& Scene::addIndex() {
     return *indexes_.back();
 }
 
-// 10.0.0.1 and on.
+// 10.0.0.1 and following.
 u32 Scene::nextAddress() {
     const u32 n = ++machines_;
     return 10 | (n >> 16 & 0xFF) << 8 | (n / 250 & 0xFF) << 16 | (n % 250 + 1) << 24;
@@ -219,7 +219,7 @@ double Scene::finishedAt(const SceneClient& client, const SimFileOffer& file) co
     return found == finished_.end() ? -1 : found->second;
 }
 
-// The engine calls a download finished: it has to be that file.
+// The engine has reported a download as finished: check its content.
 void Scene::finished(SceneClient& client, const MD4Hash& hash, const std::string& path) {
     for (const auto& [name, file] : files_) {
         if (file.hash != hash) continue;

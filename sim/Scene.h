@@ -1,4 +1,4 @@
-// Scene, a story of several machines in virtual time.
+// Scene: a scripted simulation of several machines in virtual time.
 #pragma once
 
 #include <functional>
@@ -15,12 +15,14 @@
 
 class Scene;
 
-// Why a scene didn't go as it should; the text has the seed and the end of the log.
+// Raised if a scene fails.
+// The text has the seed and the end of the log.
 struct SceneFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A machine with a client, which may be killed and come back: its disk stays.
+// A machine with a client. The client can be killed and restarted; the disk stays.
+// Thread: the simulation's. Owns: the client and the disk. Borrows: the scene and the machine.
 class SceneClient {
   public:
     SceneClient(Scene& scene, std::string itsName, SimMachine& itsMachine);
@@ -30,15 +32,15 @@ class SceneClient {
 
     SimClient* operator->() const { return client_.get(); }
     bool runs() const { return client_ != nullptr; }
-    bool isOn(SimIndex& index) const;  // has logged on there
-    void leave();                      // the client ends as its user would have it
-    void kill();                       // the power goes
-    void comeBack();                   // logs on again
+    bool isOn(SimIndex& index) const;  // is logged on there
+    void leave();                      // shuts the client down in order
+    void kill();                       // power failure
+    void comeBack();                   // restarts and logs on again
 
     const std::string name;
     SimMachine& machine;
     SimDisk disk;
-    f32 limitUp = 0;  // KB/s, 0 for none
+    f32 limitUp = 0;  // KB/s; 0 for none
 
   private:
     friend class Scene;
@@ -52,8 +54,9 @@ class SceneClient {
     u64 givenBefore_ = 0;
 };
 
-// The network, an index server, and who comes. What has to be true at any time is checked behind each turn of
-// a client; a scene that goes wrong raises a SceneFailure. Thread: one.
+// The network, an index server, clients and opponents. Checks what must always hold after each turn of a
+// client, and raises a SceneFailure if it doesn't.
+// Thread: one. Owns: all machines, clients and files.
 class Scene {
   public:
     explicit Scene(u64 seed);
@@ -61,27 +64,27 @@ class Scene {
     Scene& operator=(const Scene&) = delete;
     ~Scene();
 
-    // A client comes and logs on. `limitUp` is in KB/s, 0 for none.
+    // Starts a client and logs it on. `limitUp` is in KB/s, 0 for none.
     SceneClient& arrive(const std::string& name, f32 limitUp = 0, const Link& link = {},
                         SimRouter* router = nullptr);
-    // As many, their names numbered from 1.
+    // Starts `count` clients whose names are numbered from 1.
     std::vector<SceneClient*> arrive(int count, const std::string& name, f32 limitUp = 0,
                                      const Link& link = {});
-    // A file that the seed of the scene and its name make.
+    // Makes a file from the scene's seed and the file's name.
     const SimFileOffer& makeFile(const std::string& name, u64 bytes);
-    // The client has the file, and the index server knows so.
+    // Puts the file on the client's disk and waits until the index server lists it.
     void share(SceneClient& client, const SimFileOffer& file);
-    // As the user who has seen it among the results of a search.
+    // Downloads the file, as a user would who found it in search results.
     void fetch(SceneClient& client, const SimFileOffer& file);
-    // One of `opponentKinds` comes and offers the file.
+    // Starts an opponent of a kind in `opponentKinds`, which offers the file.
     SimOpponent& oppose(const std::string& kind, const SimFileOffer& file, const Link& link = {});
 
-    // Goes on until that holds; a scene in which it doesn't within so many seconds fails.
+    // Runs until `holds` returns true. Fails if that takes longer than `seconds`.
     void until(const std::string& what, const std::function<bool()>& holds, double seconds = 60);
     void untilAllHave(const std::vector<SceneClient*>& clients, const SimFileOffer& file, double seconds);
     void run(double seconds) { world.runFor(static_cast<i64>(seconds * 1000)); }
     void require(bool holds, const std::string& what);
-    // A line of the log.
+    // Writes a line to the log.
     void tell(const std::string& line);
     void tell(const SceneClient& client, const std::string& what);
 
@@ -89,14 +92,14 @@ class Scene {
     const std::string& log() const { return log_; }
     u64 given(const SceneClient& client) const { return given_.at(client.machine.address()); }  // bytes
     bool has(const SceneClient& client, const SimFileOffer& file) const;
-    // When a download of it was called finished, in seconds; below 0 for not at all.
+    // The time in seconds when its download was reported as finished; below 0 if it wasn't.
     double finishedAt(const SceneClient& client, const SimFileOffer& file) const;
 
     Simulation world;
     SimNetwork network;
-    // A further index server; clients are told of it by the scene.
+    // Adds an index server. The scene has to tell clients of it.
     SimIndex& addIndex();
-    SimIndex& index() { return *indexes_[0]; }  // that clients log on to
+    SimIndex& index() { return *indexes_[0]; }  // where clients log on
     Picture picture;
 
   private:

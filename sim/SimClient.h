@@ -1,4 +1,4 @@
-// SimClient, a whole client on a simulated machine.
+// SimClient: a complete client on a simulated machine.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,8 @@
 #include "engine/Engine.h"
 #include "sim/SimHost.h"
 
-// What the engine tells its user: the text, and the search results.
+// Records what the engine reports to its user: text and search results.
+// Thread: the simulation's. Owns: the results.
 class SimScreen : public CoreUIInterface {
   public:
     ~SimScreen() override;
@@ -18,36 +19,37 @@ class SimScreen : public CoreUIInterface {
     void connected(const char*) override { ++connects; }
     void downloadRemoved(Download* download) override;
 
-    std::function<void(const std::string& line)> onLine;  // each line, as it is said
+    std::function<void(const std::string& line)> onLine;  // called with each line
     std::string text;
     void addResult(FileMeta* file) override;
 
     std::vector<std::unique_ptr<FileMeta>> results;
     int added = 0;  // results that came one by one, from other servers
     std::function<void(const MD4Hash& hash, const std::string& path)> onFinished;
-    std::vector<MD4Hash> finished;  // downloads that the engine calls whole
+    std::vector<MD4Hash> finished;  // downloads that the engine reported as finished
     int connects = 0;
 };
 
-// Started when it is made. Thread: the simulation's.
+// An engine on a simulated host. Constructing it starts the client, destroying it shuts the client down.
+// Thread: the simulation's. Owns: the host and the engine. Borrows: the machine and the disk.
 class SimClient {
   public:
-    static constexpr const char* home = "/home";  // its working directory
+    static constexpr const char* home = "/home";  // working directory
 
     SimClient(Simulation& simulation, SimMachine& machine, SimDisk& disk);
     SimClient(const SimClient&) = delete;
     SimClient& operator=(const SimClient&) = delete;
     ~SimClient();
 
-    // What the user does.
+    // Actions of the user.
     void connect(u32 serverAddress, u16 port = 4661);
     void share(const std::string& directory);
     void search(const std::string& words, const char* type = nullptr);
-    void extendSearch();  // the last one, to the next server
+    void extendSearch();  // extends the last search to the next server
     void download(const FileMeta& file);
     void limitUp(f32 kilobytes);
 
-    // Runs behind each turn of the engine.
+    // Sets a function to call after each turn of the engine.
     void afterTurn(std::function<void()> check) { host_.scheduler.afterTurn = std::move(check); }
 
     bool isOnline();

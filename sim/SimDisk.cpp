@@ -16,12 +16,13 @@ std::string parentOf(const std::string& path) {
 
 }  // namespace
 
-// 64 KiB of a file: bytes of its own, or a block of a synthetic file.
+// 64 KiB of a file: its own bytes, or a block of a synthetic file.
+// Shared by the contents that it belongs to.
 struct SimDisk::Block {
-    std::vector<u8> bytes;  // empty for a synthetic one
+    std::vector<u8> bytes;  // empty if it is synthetic
     Synthetic source{0, 0};
     u64 index = 0;
-    std::size_t written = 0;  // bytes, since it became one of its own
+    std::size_t written = 0;  // bytes written since it got its own bytes
 
     void read(std::size_t offset, u8* to, std::size_t count) const {
         if (!bytes.empty()) {
@@ -33,13 +34,13 @@ struct SimDisk::Block {
     }
 };
 
-// The bytes of a file: right up to some block they are those of a synthetic file, which costs nothing; behind
-// it each block is kept, or, where it is null, zeros.
+// The content of a file. Up to some block it is that of a synthetic file, which takes no memory; after it,
+// each block is stored, or null for zeros.
 struct SimDisk::Content {
     u64 size = 0;
     Synthetic whose{0, 0};
     u64 rightUpTo = 0;                           // in blocks
-    std::vector<std::shared_ptr<Block>> blocks;  // below `rightUpTo` all are null
+    std::vector<std::shared_ptr<Block>> blocks;  // null below `rightUpTo`
 
     std::shared_ptr<Block> block(u64 index) const {
         if (index < blocks.size() && blocks[index]) return blocks[index];
@@ -49,7 +50,7 @@ struct SimDisk::Content {
         made->index = index;
         return made;
     }
-    // To be written to. One that a power cut would bring back is copied before it changes.
+    // Returns a block for writing. It is copied first if the safe content shares it.
     Block& own(u64 index) {
         if (index >= blocks.size()) blocks.resize(index + 1);
         std::shared_ptr<Block>& place = blocks[index];
@@ -61,7 +62,7 @@ struct SimDisk::Content {
         if (before) before->read(0, place->bytes.data(), blockSize);
         return *place;
     }
-    // From that block on, each is kept.
+    // Stores each synthetic block from `index` on.
     void keepFrom(u64 index) {
         for (u64 i = index; i < rightUpTo; ++i) {
             if (i >= blocks.size()) blocks.resize(i + 1);
@@ -69,7 +70,7 @@ struct SimDisk::Content {
         }
         rightUpTo = std::min(rightUpTo, index);
     }
-    // A block of a synthetic file was recognized there.
+    // Called when a block was recognised as synthetic.
     void settle(u64 index) {
         const Block& found = *blocks[index];
         if (index != found.index || index != rightUpTo || (index > 0 && whose.seed != found.source.seed))
@@ -85,6 +86,7 @@ struct SimDisk::Content {
 };
 
 // A file or a directory.
+// Owned by its names, and by the files that are open.
 struct SimDisk::Node {
     i4_file_kind kind = i4_file_kind::regular;
     u64 inode = 0;
@@ -96,14 +98,15 @@ struct SimDisk::Node {
     u32 links = 0;
 };
 
-// A name that was given, or taken away where there is no node; in a rename `from` is taken away with it.
+// A name that was set, or removed if `node` is null. A rename also removes `from`.
 struct SimDisk::Change {
     std::string path;
     NodePtr node;
     std::string from = "";
 };
 
-// An open file.
+// An open file: its node and its position.
+// Thread: the simulation's. Borrows: the disk.
 class SimFile final : public i4_disk_file {
   public:
     SimFile(SimDisk& disk, SimDisk::NodePtr node, u32 flags)
@@ -239,7 +242,7 @@ void SimDisk::name(const std::string& path, NodePtr node) {
 
 // --- Bytes
 
-// Once as much was written as it holds, it may be a block of a synthetic file.
+// A block that was written completely may be one of a synthetic file.
 bool SimDisk::recognize(Block& block) const {
     const Synthetic* file = simulation_.synthetic.find(block.bytes.data(), block.index);
     if (!file) return false;
@@ -378,7 +381,7 @@ void SimDisk::restart() {
     cutCall_ = failCall_ = shortCall_ = 0;
 }
 
-// Of what wasn't synced, each block may have reached the disk or not, and so may the file's length.
+// Each unsynced block may have reached the disk or not, and so may the file's length.
 void SimDisk::keepSome(Node& node) {
     if (!node.isDirty) return;
     Random& random = simulation_.random();
@@ -501,7 +504,7 @@ bool SimDisk::rename(const char* from, const char* to, Replace replace) {
     if (there && replace == Replace::no) return fails(EEXIST);
     if (there && there->kind == i4_file_kind::directory) return fails(EISDIR);
     if (there) used_ -= there->now.size;
-    // One change, of which the disk has all or nothing.
+    // One change: the disk has all of it or nothing.
     names_[target] = node;
     names_.erase(source);
     pending_.push_back({target, node, source});
@@ -518,7 +521,8 @@ bool SimDisk::syncFolder(const char* path) {
     const std::string full = whole(path);
     if (!find(full)) return fails(ENOENT);
     ++syncs_;
-    // A journal keeps its order: with the last change in this folder go all that came before it.
+    // Like a journal, it keeps the order: syncing this directory's last change also syncs all earlier
+    // changes.
     std::size_t last = 0;
     for (std::size_t i = 0; i < pending_.size(); ++i) {
         if (parentOf(pending_[i].path) == full ||

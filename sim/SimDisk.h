@@ -1,4 +1,4 @@
-// SimDisk, a disk in memory that knows what is safe from a power cut.
+// SimDisk: a disk in memory that can simulate power cuts.
 #pragma once
 
 #include <map>
@@ -10,41 +10,38 @@
 #include "i4min/file/Disk.h"
 #include "sim/Simulation.h"
 
-// Raised at the moment at which the power goes; no engine catches it.
+// Raised when the power is cut. No engine catches it.
 struct SimPowerCut {};
 
-// One file system of a given size, with "/" as its root; a relative path begins at the directory that was
-// given.
-//
-// What was written but not synced may be lost in a power cut: restart() keeps, as the seed will have it, any
-// of the blocks, and of the names that were made, changed and removed so many as came first. A directory's
-// names are safe once it was synced, a file's bytes once the file was.
-// Thread: the simulation's.
+// A file system of limited size with the root "/". Relative paths start at `workDir`.
+// A power cut may lose what wasn't synced: restart() keeps, by the seed, any of the unsynced blocks, and the
+// first few of the unsynced changes of names. Syncing a directory saves its names, syncing a file saves its
+// bytes.
+// Thread: the simulation's. Owns: all files.
 class SimDisk final : public Disk {
   public:
     explicit SimDisk(Simulation& simulation, std::string workDir = "/");
     ~SimDisk();
 
-    // Puts a file there, safely, with all directories above it.
+    // Creates a file and its directories, already synced.
     void lay(const std::string& path, const std::string& bytes);
     void lay(const std::string& path, const Synthetic& content);
-    std::string read(const std::string& path) const;  // empty where there is no such file
+    std::string read(const std::string& path) const;  // empty if there is no such file
     bool has(const std::string& path) const;
     bool equals(const std::string& path, const Synthetic& content) const;
     std::vector<std::string> names() const;  // of all files
 
-    // How many operations there were. From the n-th on, counted from 1, one of the following may happen to
-    // them.
+    // The number of calls so far. The functions below make the n-th call fail, counted from 1.
     u64 calls() const { return calls_; }
-    void failAt(u64 call, int error);  // that one fails
-    void shortAt(u64 call);            // that one writes half
-    void cutPowerAt(u64 call);         // before that one the power goes
+    void failAt(u64 call, int error);  // the call fails with `error`
+    void shortAt(u64 call);            // the call writes only half
+    void cutPowerAt(u64 call);         // the power is cut before the call
     void setRoom(u64 bytes) { room_ = bytes; }
-    // The power goes between two operations: those that come fail.
+    // Cuts the power between two calls: all further calls fail.
     void cutPower() { isOff_ = true; }
-    // After a power cut: what is there when the power is back.
+    // Restores the power, with what was saved and what chance kept.
     void restart();
-    // What was written so far, in bytes, and how often something was synced.
+    // Bytes written and syncs so far.
     u64 bytesWritten() const { return bytesWritten_; }
     u64 syncs() const { return syncs_; }
 
@@ -69,7 +66,7 @@ class SimDisk final : public Disk {
     using Names = std::map<std::string, NodePtr>;
 
     std::string whole(const char* path) const;
-    // Counts a call: false, with errno, where it is to fail.
+    // Counts a call. Returns false and sets errno if it has to fail.
     bool begins();
     NodePtr find(const std::string& path) const;
     bool fails(int error) const;
@@ -85,7 +82,7 @@ class SimDisk final : public Disk {
     const std::string workDir_;
     Names names_;                  // as programs see them
     Names safe_;                   // as they are on the disk
-    std::vector<Change> pending_;  // of names, not on the disk yet
+    std::vector<Change> pending_;  // changes of names that aren't on the disk yet
     std::vector<std::weak_ptr<Node>> dirty_;
     u64 calls_ = 0;
     u64 failCall_ = 0;

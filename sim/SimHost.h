@@ -1,4 +1,4 @@
-// SimHost, one simulated machine as an engine or an index server sees it.
+// SimHost: the host that an engine or index server on a simulated machine uses.
 #pragma once
 
 #include "host/Host.h"
@@ -6,7 +6,8 @@
 #include "sim/SimNetwork.h"
 #include "sim/Simulation.h"
 
-// Its random numbers are its own, so that what one engine draws doesn't change what another gets.
+// Has its own random numbers, so that one engine's use doesn't change what another gets.
+// Thread: the simulation's. Borrows: the machine and the disk.
 class SimHost {
   public:
     SimHost(Simulation& simulation, SimMachine& itsMachine, SimDisk& itsDisk)

@@ -1,9 +1,11 @@
-// SimIndex, an index server on a simulated machine.
+// SimIndex: an index server on a simulated machine.
 #pragma once
 
 #include "index/IndexServer.h"
 #include "sim/SimHost.h"
 
+// Runs the real index server and discards its log.
+// Thread: the simulation's. Owns: its disk, host and server. Borrows: the machine.
 class SimIndex {
   public:
     static constexpr u16 port = 4661;

@@ -1,4 +1,4 @@
-// SimLoop, a loop that gets its turns from a simulation.
+// SimLoop: a loop that the simulation runs.
 #pragma once
 
 #include "sim/SimSocketSet.h"
@@ -6,7 +6,8 @@
 
 class Thread;
 
-// Thread: the simulation's.
+// Schedules the turns of one Thread as events of the simulation.
+// Thread: the simulation's. Borrows: the scheduler and the thread.
 class SimLoop final : public Loop, public SimSleeper {
   public:
     SimLoop(SimScheduler& scheduler, Thread& thread);
@@ -16,7 +17,7 @@ class SimLoop final : public Loop, public SimSleeper {
     void stop() override;
     void wake() override;
     void socketReady() override;
-    // One turn, unless the wish with that ticket isn't the last.
+    // Runs one turn, unless `ticket` is outdated.
     void fire(u64 ticket);
 
   private:
@@ -29,7 +30,7 @@ class SimLoop final : public Loop, public SimSleeper {
     const u64 number_;
     bool running_ = false;
     bool inTurn_ = false;
-    bool woken_ = false;  // in this turn
+    bool woken_ = false;  // during this turn
     i64 notBefore_ = 0;
     i64 wished_ = Rest::unlimited;
     u64 ticket_ = 0;

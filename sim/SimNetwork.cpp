@@ -10,12 +10,12 @@
 
 namespace {
 
-constexpr std::size_t window = 1024 * 1024;  // bytes of a stream that the other side may have unread
+constexpr std::size_t window = 1024 * 1024;  // unread bytes that a stream may have at the other side
 constexpr std::size_t smallestPiece = 1460;
 constexpr std::size_t largestPiece = 64 * 1024;
 constexpr i64 pieceTime = 8000;         // us that a piece takes at most
-constexpr i64 lateness = 200'000;       // us, of a piece that had to be sent twice
-constexpr i64 repeatAfter = 1'000'000;  // us, while the way is cut
+constexpr i64 lateness = 200'000;       // us, for a piece that was sent twice
+constexpr i64 repeatAfter = 1'000'000;  // us, while the machines can't reach each other
 
 i64 milliseconds(i64 ms) { return ms * 1000; }
 
@@ -123,8 +123,8 @@ i64 SimNetwork::latency(const SimMachine& a, const SimMachine& b) {
     return us;
 }
 
-// The call arrives, is answered, and the answer arrives: by silence where nobody may hear it, by a refusal
-// where nobody listens.
+// The connect arrives, is answered, and the answer arrives. A firewall answers with silence, a port without
+// listener with a refusal.
 void SimNetwork::call(SimSocket& caller, u32 address, u16 port) {
     SimMachine& from = caller.machine_;
     const u64 number = caller.call_ = ++calls_;
@@ -162,7 +162,7 @@ void SimNetwork::answered(u64 number, SimMachine& from, SimMachine& to,
     const auto calling = callers_.find(number);
     if (areApart(from, to)) return;
     if (calling == callers_.end()) {
-        // It has given up meanwhile.
+        // The caller has given up in the meantime.
         if (stream) closed(stream, 0, true);
         return;
     }
@@ -212,7 +212,7 @@ void SimNetwork::windowOpened(const std::shared_ptr<SimStream>& stream, int side
     if (stream->ends[side].toSendBytes > 0) hasToSend(stream, side);
 }
 
-// Sends a piece of the stream that is next, as far as the other side has room.
+// Sends a piece of the next stream, as far as the other side has room.
 void SimNetwork::serve(SimPipe& pipe) {
     while (!pipe.waiting.empty()) {
         const auto [stream, side] = pipe.waiting.front();
@@ -298,7 +298,7 @@ void SimNetwork::deliver(const std::shared_ptr<SimStream>& stream, int side,
     end.onTheWay -= piece->size();
     if (onCarried)
         onCarried({simulation_.now().us, end.machine->address(), other.machine->address(), piece->size()});
-    if (!other.socket) return breakOff(stream);  // nobody is there to read it
+    if (!other.socket) return breakOff(stream);  // nobody can read it
     other.receivedBytes += piece->size();
     other.received.push_back(std::move(*piece));
     other.socket->touched();
@@ -317,7 +317,7 @@ void SimNetwork::closed(const std::shared_ptr<SimStream>& stream, int side, bool
     SimStreamEnd& end = stream->ends[side];
     end.closed = true;
     if (loses) {
-        // The other side hears of the reset when it arrives.
+        // The other side gets the reset when it arrives.
         SimStreamEnd& other = stream->ends[1 - side];
         end.toSend.clear();
         end.toSendBytes = 0;
@@ -329,7 +329,7 @@ void SimNetwork::closed(const std::shared_ptr<SimStream>& stream, int side, bool
     sendEnd(stream, side);
 }
 
-// Behind the last byte.
+// Sent after the last byte.
 void SimNetwork::sendEnd(const std::shared_ptr<SimStream>& stream, int side) {
     SimStreamEnd& end = stream->ends[side];
     if (!end.closed || end.endSent || end.toSendBytes > 0) return;

@@ -1,4 +1,4 @@
-// SimNetwork, machines in virtual time with lines between them.
+// SimNetwork: simulated machines and the lines between them.
 #pragma once
 
 #include <deque>
@@ -16,26 +16,28 @@ class SimSocket;
 struct SimStream;
 struct SimStreamEnd;
 
-// What a machine's line, or a router's, is like.
+// The properties of a machine's or router's line.
+// A plain value.
 struct Link {
     i64 upBytesPerSecond = 0;  // 0 for no limit
     i64 downBytesPerSecond = 0;
     i32 latencyMs = 25;       // one way, to the middle of the network
-    i32 jitterMs = 0;         // at most so much more
-    bool firewalled = false;  // calls from outside, and datagrams that nobody here asked for, meet silence
-    double loss = 0;          // of a datagram: it vanishes; of a piece of a stream: it comes 200 ms late
+    i32 jitterMs = 0;         // at most this much more
+    bool firewalled = false;  // drops incoming connects, and datagrams that aren't answers
+    double loss = 0;          // probability: a datagram is lost; a piece of a stream arrives 200 ms late
 };
 
-// One direction of a line. Streams send pieces of equal size in turn, so that each gets a fair share.
+// One direction of a line. Waiting streams send pieces of equal size in turn, so each gets a fair share.
+// Thread: the simulation's.
 class SimPipe {
   public:
     explicit SimPipe(i64 bytesPerSecond) : rate_(bytesPerSecond) {}
     i64 rate() const { return rate_; }
-    // When a piece that comes in at that time has passed.
+    // Returns when a piece that arrives at time `at` has passed.
     i64 pass(i64 at, std::size_t bytes);
 
     std::deque<std::pair<std::shared_ptr<SimStream>, int>>
-        waiting;  // streams with something to send, and their side
+        waiting;  // streams with data to send, and their side
     bool busy = false;
 
   private:
@@ -43,7 +45,8 @@ class SimPipe {
     i64 free_ = 0;
 };
 
-// A line that several machines share; they have one address outside, and nobody can call them.
+// A line shared by several machines. They have one external address and can't be called from outside.
+// Thread: the simulation's.
 class SimRouter {
   public:
     SimRouter(u32 routerAddress, const Link& routerLink)
@@ -58,21 +61,22 @@ class SimRouter {
 };
 
 // One machine: its addresses, line and ports, and the network as its programs see it.
+// Thread: the simulation's. Borrows: the network and the router.
 class SimMachine final : public i4_protocol {
   public:
     SimMachine(SimNetwork& network, u32 address, const Link& link, SimRouter* router);
     ~SimMachine() override;
 
     u32 address() const { return address_; }
-    // As others see it: the router's, where there is one.
+    // The address that others see: the router's, if there is one.
     u32 outerAddress() const { return router_ ? router_->address : address_; }
     const Link& link() const { return link_; }
     SimPipe& up() { return router_ ? router_->up : up_; }
     SimPipe& down() { return router_ ? router_->down : down_; }
     bool takesCalls() const { return !link_.firewalled && !router_ && !gone; }
 
-    bool gone = false;  // it has lost its power: nothing comes from it and nothing reaches it
-    int island = 0;     // machines on different islands don't reach each other
+    bool gone = false;  // without power: nothing is sent or received
+    int island = 0;     // machines on different islands can't reach each other
 
     const char* protocol_name() const override { return "simulated"; }
     u32 protocol_type() const override { return 0; }
@@ -97,11 +101,12 @@ class SimMachine final : public i4_protocol {
     SimPipe down_;
     std::map<u16, SimSocket*> doors_;
     std::map<u16, SimSocket*> datagramPorts_;
-    std::set<std::pair<u32, u16>> asked_;  // where datagrams went to: their answers come in
+    std::set<std::pair<u32, u16>> asked_;  // destinations of its datagrams, whose answers get in
     u16 lastPort_ = 49151;
 };
 
-// A piece of a stream, or the end of it, that was carried from one machine to another.
+// A piece of a stream, or its end, that was carried from one machine to another.
+// A plain value.
 struct Carried {
     i64 at;
     u32 from;
@@ -109,6 +114,7 @@ struct Carried {
     std::size_t bytes;
 };
 
+// Connects the machines: resolves names, carries streams and datagrams, and simulates faults.
 // Thread: the simulation's. Owns: the machines and routers.
 class SimNetwork {
   public:
@@ -121,14 +127,14 @@ class SimNetwork {
     // Ends every stream between two machines with a reset.
     void reset(SimMachine& a, SimMachine& b);
     void resetAll(SimMachine& machine);
-    // The streams of a machine end with a reset once it has received that many more bytes.
+    // Ends the machine's streams with a reset once it has received `bytes` more bytes.
     void resetAfter(SimMachine& machine, u64 bytes);
-    // Puts machines on an island of their own; 0 is the mainland.
+    // Moves machines to an island; 0 is the default one.
     void split(const std::vector<SimMachine*>& machines, int island);
     // The machine loses its power.
     void vanish(SimMachine& machine) { machine.gone = true; }
 
-    // Hears of all that is carried, for pictures and counts.
+    // Called for everything that is carried, for charts and counts.
     std::function<void(const Carried&)> onCarried;
 
     Simulation& simulation() { return simulation_; }
@@ -139,7 +145,7 @@ class SimNetwork {
     friend struct SimStream;
     SimMachine* find(u32 outerAddress);
     bool areApart(const SimMachine& a, const SimMachine& b) const;
-    // One way, with its jitter.
+    // The latency of one way, with jitter.
     i64 latency(const SimMachine& a, const SimMachine& b);
     void call(SimSocket& caller, u32 address, u16 port);
     void answered(u64 number, SimMachine& from, SimMachine& to, const std::shared_ptr<SimStream>& stream);
@@ -165,8 +171,8 @@ class SimNetwork {
     std::map<std::string, u32> names_;
     std::vector<std::weak_ptr<SimStream>> streams_;
     std::map<const SimMachine*, u64>
-        resetAfter_;                     // only looked up: an order by place would differ from run to run
-    std::map<u64, SimSocket*> callers_;  // sockets that are on their way
+        resetAfter_;                     // for look-up only: iterating by address would differ between runs
+    std::map<u64, SimSocket*> callers_;  // sockets that are connecting
     u64 calls_ = 0;
     u64 streamsMade_ = 0;
 };

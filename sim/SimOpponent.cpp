@@ -9,7 +9,7 @@
 namespace {
 
 constexpr u32 longestBody = 8 * 1024 * 1024;
-constexpr u32 dataAtOnce = 10'240;  // bytes of the file in a packet
+constexpr u32 dataAtOnce = 10'240;  // bytes of the file per packet
 constexpr i64 second = 1'000'000;
 constexpr u8 helloMark = 16;
 
@@ -35,7 +35,7 @@ void SimTalk::say(u8 opcode, const Bytes& body) {
     ByteWriter(toSend_).put8(packetMarker).put32(static_cast<u32>(body.size() + 1)).put8(opcode).put(body);
 }
 
-// These two are false where the other side has gone.
+// These two return false if the other side has gone.
 bool SimTalk::flush() {
     std::size_t done = 0;
     i32 count = 1;
@@ -103,7 +103,7 @@ Rest SimOpponent::run() {
     const i64 now = host_.host.clock.now().us;
     const bool ticks = now >= nextSecond_;
     if (ticks) nextSecond_ = now + second;
-    // Whoever is called meanwhile gets his turn in the next round.
+    // Connections added in this loop get their turn in the next round.
     for (std::size_t i = 0, count = talks_.size(); i < count; ++i) {
         SimTalk& talk = *talks_[i];
         serve(talk);
@@ -133,7 +133,7 @@ void SimOpponent::serve(SimTalk& talk) {
     if (talk.frames_.isBroken(longestBody)) talk.ended_ = true;
 }
 
-// To an index server the log-on and what it shares; to a client a hello.
+// Sends an index server the log-on and the shared file, or a client a hello.
 void SimOpponent::sayFirst(SimTalk& talk) {
     Bytes body;
     if (talk.kind_ == SimTalk::Kind::toClient) {
@@ -154,7 +154,7 @@ void SimOpponent::sayFirst(SimTalk& talk) {
     talk.say(OP_PUBLISH_FILES, Bytes(list.buffer(), list.buffer() + list.size()));
 }
 
-// Its record, and a server that it is on.
+// Its record, and the server that it is on.
 Bytes SimOpponent::identity() const {
     Bytes body;
     putUser(ByteWriter(body), address());
@@ -187,7 +187,7 @@ void SimOpponent::handle(SimTalk& talk, u8 opcode, ByteReader body) {
     }
 }
 
-// --- What an honest one does
+// --- Honest defaults
 
 void SimOpponent::opened(SimTalk&) {}
 void SimOpponent::heard(SimTalk&, u8) {}
@@ -198,13 +198,13 @@ void SimOpponent::askedRange(SimTalk& talk, u32 start, u32 end) { sendData(talk,
 
 void SimOpponent::askedStatus(SimTalk& talk) {
     Bytes body = aboutFile();
-    ByteWriter(body).put16(0);  // all of it is here
+    ByteWriter(body).put16(0);  // the whole file is here
     talk.say(OP_FILE_STATUS, body);
 }
 
 void SimOpponent::askedHashSet(SimTalk& talk) { sendHashSet(talk, offer_.parts); }
 
-// --- For those that mean harm
+// --- For hostile opponents
 
 void SimOpponent::sendHashSet(SimTalk& talk, const std::vector<MD4Hash>& parts) {
     Bytes body = aboutFile();

@@ -1,5 +1,4 @@
-// SimOpponent, a machine that speaks the clients' protocol by a script: honestly, or as somebody who means
-// harm.
+// SimOpponent: a machine that speaks the client protocol by a script, honest or hostile.
 #pragma once
 
 #include <memory>
@@ -11,7 +10,8 @@
 #include "protocol/PeerProtocol.h"
 #include "sim/SimHost.h"
 
-// A file as it is published. Its bytes and its hash belong together.
+// A file as it is published. The hashes match its content.
+// A plain value.
 struct SimFileOffer {
     std::string name;
     Synthetic content;
@@ -20,6 +20,7 @@ struct SimFileOffer {
 };
 
 // One connection of an opponent.
+// Thread: the simulation's. Owns: its socket. A SimOpponent owns it.
 class SimTalk {
   public:
     enum class Kind { fromClient, toClient, toIndex };
@@ -39,14 +40,14 @@ class SimTalk {
     std::unique_ptr<i4_socket> socket_;
     FrameReader frames_;
     Bytes toSend_;
-    u32 watched_ = 0;    // what the set is asked about
-    bool isUp_ = false;  // the connection stands
+    u32 watched_ = 0;    // the events that the set reports
+    bool isUp_ = false;  // the connection is established
     bool ended_ = false;
 };
 
-// Offers a file and answers everybody who comes for it. As it stands, it is honest, grants each a slot at
-// once and has the whole file; who means harm overrides one of the answers. sim/opponents.cpp has them.
-// Thread: the simulation's. Its host outlives it.
+// Offers a file and answers everyone who wants it. This base class is honest, grants each peer a slot at once
+// and has the whole file. Hostile ones override an answer; they are in sim/opponents.cpp.
+// Thread: the simulation's. Owns: its sockets. Borrows: its host, which outlives it.
 class SimOpponent : public Thread {
   public:
     static constexpr u16 port = 4662;
@@ -54,9 +55,9 @@ class SimOpponent : public Thread {
     SimOpponent(SimHost& host, SimFileOffer offer);
     ~SimOpponent() override;
 
-    // Logs on to an index server and publishes the file there.
+    // Logs on to an index server and publishes the file.
     void logOn(u32 serverAddress, u16 serverPort = 4661);
-    // Connects to a client and says hello.
+    // Connects to a client and sends a hello.
     void visit(u32 address, u16 clientPort = port);
     u32 address() const { return host_.machine.address(); }
 
@@ -64,21 +65,21 @@ class SimOpponent : public Thread {
     i4_socket_set* restingSet() const override { return set_.get(); }
 
   protected:
-    // A client has connected, or its door has answered.
+    // Called when a client has connected to it, or it has connected to a client.
     virtual void opened(SimTalk& talk);
     virtual void gotHello(SimTalk& talk);
     virtual void askedStatus(SimTalk& talk);
     virtual void askedHashSet(SimTalk& talk);
     virtual void askedSlot(SimTalk& talk);
     virtual void askedRange(SimTalk& talk, u32 start, u32 end);
-    virtual void heard(SimTalk& talk, u8 opcode);  // of anything else
+    virtual void heard(SimTalk& talk, u8 opcode);  // called for any other message
     virtual void eachSecond(SimTalk& talk);
 
     void sendHashSet(SimTalk& talk, const std::vector<MD4Hash>& parts);
-    // The bytes of the file in [start, end); or others, in one packet that says so.
+    // Sends the file's bytes in [start, end), or the given bytes in one packet with that range.
     void sendData(SimTalk& talk, u32 start, u32 end);
     void sendData(SimTalk& talk, u32 start, u32 end, const Bytes& bytes);
-    Bytes aboutFile() const;  // its hash, as a body
+    Bytes aboutFile() const;  // the file's hash, as a body
     Bytes bytesOf(u32 start, u32 end) const;
     Bytes garbage(std::size_t count);
 
@@ -99,7 +100,8 @@ class SimOpponent : public Thread {
     i64 nextSecond_ = 0;
 };
 
-// Those who mean harm, by name; what each does stands beside its row in sim/opponents.cpp.
+// A kind of hostile opponent; each class is described in sim/opponents.cpp.
+// Constant.
 struct SimOpponentKind {
     const char* name;
     std::unique_ptr<SimOpponent> (*make)(SimHost& host, const SimFileOffer& offer);

@@ -44,7 +44,7 @@ void SimSocket::close() {
     SimStreamEnd& end = own();
     end.socket = nullptr;
     end.closed = true;
-    // What was sent to it and isn't read is lost, and the other side hears so.
+    // If unread data is lost, the other side gets a reset.
     const bool loses = end.receivedBytes > 0;
     end.received.clear();
     end.receivedBytes = 0;

@@ -1,4 +1,4 @@
-// SimSocket, one end of a simulated stream, a door, or a port for datagrams.
+// SimSocket: one end of a simulated stream, a listener, or a UDP socket.
 #pragma once
 
 #include <deque>
@@ -10,33 +10,37 @@
 #include "sim/SimNetwork.h"
 #include "sim/SimSocketSet.h"
 
-// One end of a stream.
+// One end of a stream: what it sends, and what it has received.
+// Thread: the simulation's. Owned by its SimStream.
 struct SimStreamEnd {
     SimMachine* machine = nullptr;
-    SimSocket* socket = nullptr;  // null once it was closed
+    SimSocket* socket = nullptr;  // null once it is closed
     u32 ip = 0;                   // as the other side sees it
     u16 port = 0;
     std::deque<std::vector<u8>> toSend;
     std::size_t toSendBytes = 0;
     std::deque<std::vector<u8>> received;
-    std::size_t taken = 0;          // of the first piece of `received`
-    std::size_t receivedBytes = 0;  // that wait to be read
-    std::size_t onTheWay = 0;       // that this end has sent and the other hasn't got yet
-    bool closed = false;            // it sends no more
+    std::size_t taken = 0;          // bytes already read of the first piece of `received`
+    std::size_t receivedBytes = 0;  // bytes waiting to be read
+    std::size_t onTheWay = 0;       // bytes sent that the other end hasn't received yet
+    bool closed = false;            // it sends nothing more
     bool endSent = false;
     bool otherEnded = false;
     bool queued = false;  // in its machine's pipe
-    i64 lastArrival = 0;  // of what this end sends
+    i64 lastArrival = 0;  // arrival of the last piece that this end has sent
 };
 
-// What both ends of a stream share.
+// The state shared by both ends of a stream.
+// Thread: the simulation's. Owned by the sockets and events that refer to it.
 struct SimStream {
     SimStreamEnd ends[2];
     bool broken = false;  // was reset
     u64 number = 0;
 };
 
-// Thread: the simulation's.
+// Implements a socket on a simulated network.
+// Thread: the simulation's. Owns: connections and datagrams that wait to be accepted or read. Borrows: the
+// machine.
 class SimSocket final : public i4_socket, private SimMember {
   public:
     enum class Kind { connecting, stream, refused, door, datagrams };
@@ -80,11 +84,11 @@ class SimSocket final : public i4_socket, private SimMember {
     SimMachine& machine_;
     Kind kind_;
     u16 port_;
-    u64 call_ = 0;  // the number of the connect that is under way
+    u64 call_ = 0;  // number of the connect in progress
     std::shared_ptr<SimStream> stream_;
     int side_ = 0;
     bool cancelled_ = false;
     bool atEnd_ = false;
-    std::deque<std::unique_ptr<SimSocket>> arrived_;  // at a door
+    std::deque<std::unique_ptr<SimSocket>> arrived_;  // connections that wait to be accepted
     std::deque<Datagram> datagrams_;
 };

@@ -47,7 +47,7 @@ i32 SimSocketSet::poll(i32) {
     for (SimMember* member : members_) member->reported_ = 0;
     std::vector<SimMember*> still;
     for (SimMember* member : touched_) {
-        // As on a system's: who hung up is both readable and in error, whatever was asked for.
+        // As with a system's set: a socket that hung up is readable and in error, whatever the mask.
         u32 mask = member->wanted();
         if (mask & I4_SELECT_ERROR) mask |= I4_SELECT_READ;
         member->isTouched_ = mask != 0;

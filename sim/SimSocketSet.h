@@ -1,4 +1,4 @@
-// SimSocketSet, a set of simulated sockets.
+// SimSocketSet: a set of simulated sockets.
 #pragma once
 
 #include <vector>
@@ -7,7 +7,8 @@
 
 class SimSocketSet;
 
-// A socket in a set.
+// A socket that can be in a set.
+// Thread: the simulation's. Leaves its set when it is destroyed.
 class SimMember {
   public:
     SimMember() = default;
@@ -16,8 +17,8 @@ class SimMember {
 
   protected:
     virtual ~SimMember();
-    virtual u32 readiness() const = 0;  // I4_SELECT_* that are so now
-    // Something has happened to the socket, or it is asked about something else.
+    virtual u32 readiness() const = 0;  // the I4_SELECT_* events that hold now
+    // Call it after each change of the socket or of its mask.
     void touched();
     void join(SimSocketSet& set, u32 mask, void* owner);
     void leave();
@@ -36,7 +37,8 @@ class SimMember {
     bool isTouched_ = false;
 };
 
-// Who rests for the sockets of a set.
+// The interface that a set calls when one of its sockets becomes ready. SimLoop implements it.
+// Thread: the simulation's.
 class SimSleeper {
   public:
     virtual void socketReady() = 0;
@@ -45,7 +47,8 @@ class SimSleeper {
     ~SimSleeper() = default;
 };
 
-// Only sockets that something has happened to are looked at. Thread: the simulation's.
+// Checks only sockets that have changed.
+// Thread: the simulation's. Borrows: its sockets, which leave when they are destroyed.
 class SimSocketSet final : public i4_socket_set {
   public:
     SimSocketSet() = default;
@@ -53,16 +56,16 @@ class SimSocketSet final : public i4_socket_set {
     SimSocketSet& operator=(const SimSocketSet&) = delete;
     ~SimSocketSet() override;
 
-    i32 poll(i32 timeout_ms) override;  // never waits
+    i32 poll(i32 timeout_ms) override;  // doesn't wait
     i32 ready() const override { return static_cast<i32>(ready_.size()); }
     std::span<const i4_ready> readyOnes() const override { return ready_; }
     void wake() override {}
 
-    // Whether a poll would report something.
+    // True if a poll would report an event.
     bool hasReady();
     void restsFor(SimSleeper& sleeper) { sleeper_ = &sleeper; }
 
-    // By number a system's sockets are added; simulated ones join.
+    // For system sockets only; simulated ones join themselves.
     void add(int, u32, void*) override {}
     void change(int, u32) override {}
     void remove(int) override {}

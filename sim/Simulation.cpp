@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr i64 mostAtOneTime = 2'000'000;  // events; a world that goes round in circles is stopped
+constexpr i64 mostAtOneTime = 2'000'000;  // events; stops a simulation that loops forever
 
 }  // namespace
 
@@ -34,7 +34,7 @@ void Simulation::note(u64 what) {
     for (const u64 word : {static_cast<u64>(now_.us), what}) digest_ = (digest_ ^ word) * 0x100000001B3;
 }
 
-// False where the next event lies behind `until`.
+// Returns false if the next event is after `until`.
 bool Simulation::step(i64 until) {
     if (events_.empty() || events_.top().at > until) return false;
     const Event event = events_.top();
@@ -94,7 +94,7 @@ void SimLoop::stop() {
     simulation_.loops_.erase(number_);
     ++ticket_;
     Rest rest = Rest::none();
-    // It was told to stop: its last turn only says so.
+    // It was asked to stop: the last turn only confirms that.
     if (thread_.state() == Thread::askedToStop) thread_.turn(rest);
 }
 
@@ -130,7 +130,7 @@ void SimLoop::fire(u64 ticket) {
     const bool goesOn = thread_.turn(rest);
     inTurn_ = false;
     if (scheduler_.afterTurn) scheduler_.afterTurn();
-    if (!running_) return;  // it was stopped in its turn
+    if (!running_) return;  // it was stopped during its turn
     if (!goesOn) {
         running_ = false;
         simulation_.loops_.erase(number_);

@@ -1,5 +1,4 @@
-// Simulation, a world in virtual time: one thread runs every loop of every engine in it, and the network
-// between them.
+// Simulation: virtual time. One thread runs every loop of every engine, and the network between them.
 #pragma once
 
 #include <functional>
@@ -17,7 +16,8 @@
 
 class SimLoop;
 
-// Random numbers of a seed.
+// Random numbers from a seed: the same seed gives the same numbers.
+// Thread: one.
 class SimRandom final : public Random {
   public:
     explicit SimRandom(u64 seed) : engine_(seed) {}
@@ -28,10 +28,10 @@ class SimRandom final : public Random {
     std::mt19937_64 engine_;
 };
 
-// Time stands still within an event and moves between events, which run in the order of their times, and of
-// their making where these are equal. The same seed gives the same run: nothing in it depends on addresses,
-// on the order of a hash table or on the time of the machine.
-// Thread: one.
+// A clock and a queue of events. Time stands still within an event. Events run in the order of their times,
+// and those of equal times in the order of creation. The same seed gives the same run: nothing depends on
+// addresses, the order of hash tables or the machine's time.
+// Thread: one. Owns: the events. Borrows: the loops.
 class Simulation final : public Clock {
   public:
     explicit Simulation(u64 seed);
@@ -49,20 +49,19 @@ class Simulation final : public Clock {
     void at(Moment when, Action action);
     void after(i64 us, Action action) { at({now_.us + us}, std::move(action)); }
 
-    // Runs events until the condition holds, which is asked behind each of them; false where it doesn't
-    // within so many milliseconds.
+    // Runs events until done() returns true, which is checked after each event. Returns false if that takes
+    // longer than `limitMs`.
     bool runUntil(const std::function<bool()>& done, i64 limitMs);
     void runFor(i64 ms);
 
-    // Every loop gets a turn at least that often, in milliseconds, whatever it says; 0 for never. A story
-    // that ends sooner so has a loop that forgot a deadline or a wake-up.
+    // Gives every loop a turn at least this often in ms; 0 for never. If a story ends sooner with it, a loop
+    // has forgotten a deadline or a wake-up.
     void pollLoopsEvery(i64 ms) { pollEvery_ = ms; }
 
-    // Every turn comes late by up to so many milliseconds, as on a busy machine, where the threads of one
-    // engine overtake each other; 0 for never.
+    // Delays every turn by up to `ms`, as on a busy machine where threads overtake each other; 0 for never.
     void makeBusy(i64 ms) { lateness_ = ms; }
 
-    // Of all that has happened: two runs with the same digest were the same.
+    // A hash of everything that happened: equal digests mean equal runs.
     u64 digest() const { return digest_; }
     void note(u64 what);
     u64 turns() const { return turns_; }
@@ -75,8 +74,8 @@ class Simulation final : public Clock {
     struct Event {
         i64 at;
         u64 number;
-        u64 loop;    // its number, noLoop for an action
-        u64 ticket;  // of the loop's wish; one that isn't the loop's last is void
+        u64 loop;    // its number; noLoop for an action
+        u64 ticket;  // of the loop's request; outdated unless it is the loop's last
         std::shared_ptr<Action> action;
         bool operator>(const Event& other) const {
             return at != other.at ? at > other.at : number > other.number;
@@ -89,22 +88,23 @@ class Simulation final : public Clock {
     Moment now_{1'000'000};
     SimRandom random_;
     std::priority_queue<Event, std::vector<Event>, std::greater<>> events_;
-    std::unordered_map<u64, SimLoop*> loops_;  // that run, by number
+    std::unordered_map<u64, SimLoop*> loops_;  // running loops by number
     u64 loopsMade_ = 0;
     i64 pollEvery_ = 0;
     i64 lateness_ = 0;
     u64 nextNumber_ = 0;
     u64 turns_ = 0;
     u64 digest_ = 0xCBF29CE484222325;
-    i64 stillSince_ = 0;  // events at the present time
+    i64 stillSince_ = 0;  // events at the current time
 };
 
-// The scheduler of one simulated machine.
+// The scheduler of one simulated machine. Makes the loops of its threads.
+// Thread: the simulation's. Borrows: the simulation.
 class SimScheduler final : public Scheduler {
   public:
     explicit SimScheduler(Simulation& itsSimulation) : simulation(itsSimulation) {}
     std::unique_ptr<Loop> makeLoop(Thread& thread) override;
 
     Simulation& simulation;
-    std::function<void()> afterTurn;  // behind each turn of one of its loops
+    std::function<void()> afterTurn;  // called after each turn of its loops
 };

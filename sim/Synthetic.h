@@ -1,4 +1,4 @@
-// Synthetic, the bytes of a file that a seed makes.
+// Synthetic: the content of a file that is generated from a seed.
 #pragma once
 
 #include <cstddef>
@@ -6,29 +6,29 @@
 
 #include "i4min/memory/types.h"
 
-// Any part of it can be had without the rest, so a copy of a block is kept as two numbers.
+// Any part can be generated without the rest, so a disk can store a block as two numbers. A plain value.
 //
 //   of each block of 64 KiB:
 //     offset  bytes  field
 //     0       8      which seed, mixed
 //     8       8      which block, from 0
-//     16      rest   words of 8 bytes: a first one of seed and block, each next one greater by the same
-// number
+//     16      rest   8-byte words: the first made of seed and block, each next one greater by the same number
 struct Synthetic {
     static constexpr std::size_t block = 64 * 1024;
     u64 seed;
     u64 size;
-    // `to` gets the bytes from `at` on, at most so many; how many.
+    // Copies up to `count` bytes from offset `at` and returns how many.
     std::size_t read(u64 at, u8* to, std::size_t count) const;
 };
 
-// The synthetic files of a world, by which a disk knows that it was given a block of one. Thread: one.
+// The synthetic files of a simulation, with which a disk recognises their blocks.
+// Thread: one. Owns: copies of the files' seeds and sizes.
 class SyntheticFiles {
   public:
     void add(const Synthetic& file);
-    // Which file and block these 64 KiB may be; null for none. They have to be compared.
+    // Returns the file and block that these 64 KiB may be, or null. The caller has to compare them.
     const Synthetic* find(const u8* bytes, u64& index) const;
 
   private:
-    std::unordered_map<u64, Synthetic> bySeed_;  // mixed; only looked up
+    std::unordered_map<u64, Synthetic> bySeed_;  // by mixed seed; for look-up only
 };

@@ -1,4 +1,4 @@
-// tarnwick-sim plays scenes of whole networks in virtual time.
+// tarnwick-sim runs scenes of whole networks in virtual time.
 #include <malloc.h>
 
 #include <cstdio>
@@ -23,6 +23,7 @@ const char usage[] =
     "  --quiet     leaves the log out\n"
     "Returns 0 where the scene went as it should, 1 where it didn't, 2 for a wrong argument.\n";
 
+// The arguments of the command line. A plain value.
 struct Options {
     const SceneRow* scene = nullptr;
     u64 seed = 1;
@@ -90,7 +91,7 @@ int play(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A simulation gives back and takes the same blocks all the time: the heap keeps them.
+    // A simulation frees and allocates the same blocks all the time, so the heap keeps them.
     ::mallopt(M_MMAP_THRESHOLD, 1 << 30);
     ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
     Options options;

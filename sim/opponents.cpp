@@ -1,11 +1,11 @@
-// Those who mean harm to who comes for a file, each in a way of its own.
+// The hostile opponents. Each breaks the protocol in its own way.
 #include <algorithm>
 
 #include "sim/SimOpponent.h"
 
 namespace {
 
-// Sends other bytes than those of the file.
+// Sends wrong bytes.
 class Liar : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32 start, u32 end) override {
@@ -13,7 +13,7 @@ class Liar : public SimOpponent {
     }
 };
 
-// Turns one bit in a hundred kilobytes.
+// Flips one bit in a hundred kilobytes.
 class Twister : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32 start, u32 end) override {
@@ -23,14 +23,14 @@ class Twister : public SimOpponent {
     }
 };
 
-// Grants a slot and sends an empty packet now and then.
+// Grants a slot, then sends only empty packets.
 class Miser : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32 start, u32) override { sendData(talk, start, start, {}); }
     void eachSecond(SimTalk& talk) override { sendData(talk, 0, 0, {}); }
 };
 
-// Accepts a connection and never says a word.
+// Accepts connections and never sends anything.
 class Mute : public SimOpponent {
     using SimOpponent::SimOpponent;
     void gotHello(SimTalk&) override {}
@@ -40,14 +40,14 @@ class Mute : public SimOpponent {
     void askedRange(SimTalk&, u32, u32) override {}
 };
 
-// Says hello, and then what is no packet at all.
+// Says hello, then sends bytes that aren't a packet.
 class Babbler : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedSlot(SimTalk& talk) override { talk.sendRaw(garbage(5000)); }
     void heard(SimTalk& talk, u8) override { talk.sendRaw(garbage(50)); }
 };
 
-// Sends packets of known kinds with any bytes in them.
+// Sends packets with known opcodes and random bodies.
 class Mumbler : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedSlot(SimTalk& talk) override {
@@ -55,7 +55,7 @@ class Mumbler : public SimOpponent {
     }
 };
 
-// Hangs up in the middle of the first range.
+// Closes the connection in the middle of the first range.
 class Quitter : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32 start, u32 end) override {
@@ -64,7 +64,7 @@ class Quitter : public SimOpponent {
     }
 };
 
-// Knows other hashes of the parts.
+// Sends wrong part hashes.
 class Forger : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedHashSet(SimTalk& talk) override {
@@ -76,7 +76,7 @@ class Forger : public SimOpponent {
     }
 };
 
-// Sends ranges that nobody asked it for, behind the end of the file too.
+// Sends ranges that weren't requested, also beyond the end of the file.
 class Stuffer : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32 start, u32 end) override {
@@ -90,7 +90,7 @@ class Stuffer : public SimOpponent {
     }
 };
 
-// Grants slots and takes them back, and says that it has no such file.
+// Grants slots and takes them back, and says that it doesn't have the file.
 class Trickster : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32, u32) override {

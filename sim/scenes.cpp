@@ -10,7 +10,7 @@
 namespace {
 
 constexpr u64 megabyte = 1'000'000;
-constexpr double patience = 4000;  // seconds: a source that has gone is tried again after half an hour
+constexpr double patience = 4000;  // seconds: a lost source is tried again after half an hour
 
 std::string text(const char* how, double a, double b = 0) {
     char line[128];
@@ -18,8 +18,8 @@ std::string text(const char* how, double a, double b = 0) {
     return line;
 }
 
-// One seed, which gives at most that many KB/s, and so many who want its file at once; `theirRate` is what
-// each of them gives at most, 0 for no limit.
+// One seed with at most `rate` KB/s, and `leechers` who want its file at once. Each of these sends at most
+// `theirRate` KB/s, 0 for no limit.
 void playSwarm(Scene& scene, int leechers, u64 size, f32 rate, f32 theirRate) {
     const SimFileOffer& film = scene.makeFile("film.avi", size);
     SceneClient& seed = scene.arrive("seed", rate);
@@ -43,7 +43,7 @@ void playFour(Scene& scene) { playSwarm(scene, 4, 64u << 20, 4000, 0); }
 void playSixteen(Scene& scene) { playSwarm(scene, 16, 61 * megabyte, 4000, 4000); }
 void playExchange(Scene& scene) { playSwarm(scene, 64, 61 * megabyte, 4000, 4000); }
 
-// The seed is killed in the middle and comes back, so does the leecher.
+// The seed is killed in the middle and comes back, and so does the leecher.
 void playPowerCut(Scene& scene) {
     const SimFileOffer& film = scene.makeFile("film.avi", 30 * megabyte);
     SceneClient& seed = scene.arrive("seed", 500);
@@ -64,7 +64,7 @@ void playPowerCut(Scene& scene) {
     scene.untilAllHave({&leecher}, film, 2 * patience);
 }
 
-// Both are behind routers of their own: the index server asks one to call the other, which needs a door.
+// Seed and neighbour share a router and can't be called: the index server asks the seed to call the leecher.
 void playRouter(Scene& scene) {
     const SimFileOffer& film = scene.makeFile("film.avi", 5 * megabyte);
     SimRouter& router = scene.network.addRouter(
@@ -79,7 +79,7 @@ void playRouter(Scene& scene) {
     scene.require(scene.finishedAt(neighbour, film) < 0, "the neighbour has nothing to do with it");
 }
 
-// The line between seed and leecher is cut for a while, and reset at times.
+// The line between seed and leecher is cut for a while, and reset now and then.
 void playBadLine(Scene& scene) {
     const SimFileOffer& film = scene.makeFile("film.avi", 20 * megabyte);
     const Link link{.upBytesPerSecond = 800'000, .latencyMs = 80, .jitterMs = 60, .loss = 0.01};
@@ -102,8 +102,7 @@ void playBadLine(Scene& scene) {
     scene.untilAllHave({&leecher}, film, 2 * patience);
 }
 
-// One honest seed and one of each who means harm. What is called finished is right; a scene checks that by
-// itself.
+// One honest seed and one opponent of each kind. The scene itself checks that finished files are right.
 void playOpponents(Scene& scene) {
     const SimFileOffer& film = scene.makeFile("film.avi", 12 * megabyte);
     SceneClient& seed = scene.arrive("seed", 400);
@@ -121,8 +120,8 @@ void playOpponents(Scene& scene) {
     scene.require(leecher->isOnline() && seed->isOnline(), "both go on");
 }
 
-// A thousand clients on one index server for a day: each searches now and then, and ten times fetches a file
-// that somebody shares.
+// A thousand clients on one index server for a day. Each searches now and then, and ten times downloads a
+// file that another shares.
 void playDay(Scene& scene) {
     constexpr int clients = 1000;
     constexpr int fetches = 10;

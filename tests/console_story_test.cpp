@@ -30,7 +30,7 @@ class ConsoleStory : public testing::Test {
 
 TEST_F(ConsoleStory, RunsItsArgumentsStartsAnswersAsksAndLeaves) {
     Process client(program_, {"w0", "wx", "nonsense"}, home_.path());
-    // Texts of the load may stand between them.
+    // Texts of the load may be printed between them.
     for (const auto& text : {waiting, waiting, unknown, banner, invitation, prompt}) {
         ASSERT_TRUE(client.waitFor(text)) << text;
     }
@@ -49,7 +49,7 @@ TEST_F(ConsoleStory, RunsItsArgumentsStartsAnswersAsksAndLeaves) {
 
 TEST_F(ConsoleStory, EndsInOrderWhenInputEndsOrOutputIsClosed) {
     Process quiet(program_, {"-anything"}, home_.path(), Process::Input::pipe);
-    quiet.type(std::string(600, 'x'));  // over the limit, and not taken for two lines
+    quiet.type(std::string(600, 'x'));  // over the limit; must not become two lines
     quiet.closeInput();
     EXPECT_EQ(quiet.wait(), 1);
     EXPECT_NE(quiet.output().find(unknown), std::string::npos);
@@ -63,7 +63,7 @@ TEST_F(ConsoleStory, EndsInOrderWhenInputEndsOrOutputIsClosed) {
 TEST_F(ConsoleStory, AnOutputThatNobodyReadsHoldsUpNothing) {
     IndexServerProcess index;
     Process client(program_, {}, home_.path(), Process::Input::pipe);
-    constexpr int often = 60;  // more than a pipe takes
+    constexpr int often = 60;  // more than a pipe holds
     const auto askForHelp = [&] {
         for (int n = 0; n < often; ++n) client.type("?");
     };
@@ -89,7 +89,7 @@ TEST_F(ConsoleStory, AnOutputThatNobodyReadsHoldsUpNothing) {
 TEST_F(ConsoleStory, SettingsServersAndIdentityComeBackAndATakenPortIsSaid) {
     writeFile(home_.file("xx.str"), std::string(21, '\n') + "Nichts zu erweitern.\r\n");
     writeFile(home_.file("server.met"), {"\x0E\1\0\0\0\1\2\3\4\x35\x12\0\0\0\0", 15});
-    const IndexServerProcess index;  // its port is taken
+    const IndexServerProcess index;  // its port is in use
     {
         Process client(program_,
                        {"dumax 12 4", "name kit", "port " + index.port(), "lang xx", "n 192.0.2.34 65535"},

@@ -1,4 +1,4 @@
-// Every command: what it answers to good and bad input, and what it does. What the views print, to the
+// Every command: its answers to good and bad input, and its effect. The output of the views, character by
 // character.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ using testing::MatchesRegex;
 
 class Console : public testing::Test, protected OwnScreen {
   protected:
-    // Each of the lines is answered so.
+    // Each of the lines must give this answer.
     void expect(const std::string& says, const std::vector<std::string>& lines) {
         for (const std::string& line : lines) EXPECT_EQ(screen_.answer(line), says) << line;
     }
@@ -40,7 +40,7 @@ TEST_F(Console, WordsAreComparedWhole) {
     EXPECT_THAT(screen_.type("?"), EndsWith("quit: q\n\nhttps://tarnwick.example\n"));
 }
 
-// The answer of each line, and what `vo` shows then.
+// The answer to each line, and what `vo` shows then.
 TEST_F(Console, SettingsTakeWhatIsGoodAndNameWhatIsNot) {
     const char* const done = "Done.\n";
     const char* const later = "Port will change when you restart.\n";
@@ -206,7 +206,7 @@ TEST_F(Console, ViewsTakeTheirColumnsFromTheFirstRecord) {
 TEST_F(Console, ViewsCutARowAtItsLimitButNeverInsideACharacter) {
     std::string name;
     for (int i = 0; i < 150; ++i) name += "\xC3\xA4";
-    for (const std::string& first : {"x"s, ""s}) {  // the 256th byte is the second of a character without it
+    for (const std::string& first : {"x"s, ""s}) {  // byte 256 splits a character in one of them
         screen_.showResults({makeFile(first + name, 1, 1).release()});
         EXPECT_EQ(screen_.type("vr"), "Name\tSize\t\n(1) " + first + name.substr(0, 2 * 125) + "\n");
     }

@@ -1,4 +1,4 @@
-// A controller, written here from the bytes of its protocol alone, steers a running client.
+// A controller that this test implements from the bytes of its protocol controls a running client.
 #include <gtest/gtest.h>
 
 #include "protocol/ControllerProtocol.h"
@@ -9,7 +9,7 @@ namespace {
 
 std::string message(u32 number, const std::string& payload = {}) { return framed(opcode(number, payload)); }
 
-// Talks to the controller's port. Thread: one.
+// A connection to the controller's port. Thread: one.
 class Controller : public Caller {
   public:
     using Caller::Caller;
@@ -18,12 +18,12 @@ class Controller : public Caller {
     }
 };
 
-// A client with an open door for a controller.
+// A client whose port for controllers is open.
 class ControllerStory : public testing::Test {
   protected:
     ControllerStory() { client.start({"aport " + std::to_string(port), "pass kit kitpass", "-"}); }
     bool consoleWorks() { return client.type("vd", "Total: "); }
-    // Whoever was logged on before may not have been missed yet.
+    // The client may not have noticed yet that the previous controller has gone.
     std::unique_ptr<Controller> nextController() {
         std::unique_ptr<Controller> next;
         EXPECT_TRUE(eventually([&] {
@@ -60,7 +60,7 @@ TEST_F(ControllerStory, DrivesADownloadWhileTheConsoleWorksVanishesAndQuits) {
     const std::string hash = results.substr(4, 16);
     controller->send(message(207, hash) + message(217) + message(219));
     EXPECT_EQ(controller->await(CTL_DOWNLOAD_ADDED).substr(0, 16), hash);
-    controller->say(opcode(CTL_PAUSE, hash));  // held until a status packet has told of it
+    controller->say(opcode(CTL_PAUSE, hash));  // paused until a status packet has reported it
     EXPECT_TRUE(consoleWorks());
     const std::string status =
         controller->await(CTL_DOWNLOAD_STATUS, [](const std::string& s) { return u16At(s, 0) == 1; });
@@ -71,8 +71,8 @@ TEST_F(ControllerStory, DrivesADownloadWhileTheConsoleWorksVanishesAndQuits) {
     EXPECT_TRUE(hasBytes(client.file("incoming/tawny owl.bin"), bytes));
     EXPECT_TRUE(client.type("vr", "None.")) << "results that went to the controller aren't the console's";
 
-    // While it is told what happens, it is gone from one moment to the next. Another one never reads: its
-    // questions, whose answers go to it alone, are more than the sockets hold.
+    // This one disconnects while events are sent to it. Another one never reads: the answers to its requests,
+    // which only it gets, exceed what the sockets hold.
     std::string questions;
     for (int i = 0; i < 20'000; ++i) questions += message(225);
     controller->send(questions);
@@ -82,7 +82,7 @@ TEST_F(ControllerStory, DrivesADownloadWhileTheConsoleWorksVanishesAndQuits) {
     controller->send(questions);
     EXPECT_TRUE(consoleWorks());
     controller->reset();
-    // One that says it and is gone at once may not be heard: each stays until the client ends.
+    // A request may be lost if its sender disconnects at once: each stays connected until the client ends.
     controller = nextController();
     controller->say(opcode(CTL_QUIT));
     EXPECT_EQ(client.console().wait(), 1) << client.console().output();

@@ -1,5 +1,5 @@
-// Downloads: what each does in its states, and which bytes it asks for next; the pool, which decides who gets
-// in, who may start, what fits onto the disk and what is saved; collections, which bring many of them.
+// Downloads: their states and the bytes that they request next. The pool: which downloads it accepts, starts
+// and saves, and what fits on the disk. Collections, which bring many downloads.
 #include <gmock/gmock.h>
 
 #include <functional>
@@ -18,7 +18,7 @@ using testing::HasSubstr;
 
 class DownloadStates : public Downloads {
   protected:
-    // A download in no pool, in DLS_Queued.
+    // A download outside the pool, in DLS_Queued.
     Ref<Download> make(u32 size) {
         Ref<Download> download(new Download(engine.downloadNeeds, dlPool));
         FileMeta record;
@@ -47,7 +47,7 @@ class DownloadStates : public Downloads {
     }
 };
 
-// The state that each event leads to, where it isn't the same, and a + where it posts a message.
+// The state that each event leads to, if it changes, and a + if the event posts a message.
 TEST_F(DownloadStates, FollowTheTable) {
     const std::function<void(Download&)> events[] = {[](Download& d) { d.pause(); },
                                                      [](Download& d) { d.resume(); },
@@ -144,7 +144,7 @@ TEST_F(DownloadStates, AvailabilityIsWholeOnlyWhenNothingIsLacking) {
     EXPECT_EQ(large->availabilityPercent(), 99);
 }
 
-// --- which chunk next: the part, the start within it, the length
+// --- Choice of chunks: the part, the start within it, the length
 
 std::string pick(DLProgress& progress, const std::string& flags) {
     const BoolArray array = partsOf(flags);
@@ -196,7 +196,7 @@ TEST_F(DownloadStates, TheNextChunkStaysWithinOneRunAndOnePart) {
     EXPECT_EQ(pick(largest->progress(), last), "none");
 }
 
-// --- the pool
+// --- The pool
 
 using DownloadPool = Downloads;
 
@@ -204,7 +204,7 @@ TEST_F(DownloadPool, TakesEachFileOnceAndNoneThatIsShared) {
     RemoteFile file("a", 1000);
     const Ref<Download> download = add(file, false);
     EXPECT_EQ(log.take(), "Downloading: a\n");
-    // It is shared as well by now: the first of the two reasons is told.
+    // It is shared by now, too: the first of the two reasons is printed.
     clientApp.shared.add(&file.record);
     dlPool.add(file.record);
     EXPECT_EQ(log.take(), "You are already downloading a.\n");
@@ -227,14 +227,14 @@ TEST_F(DownloadPool, StartsASourceEveryHalfSecondWhileTheLineHasRoom) {
     dlPool.tick(1);
     EXPECT_TRUE(dlPool.canStart());
     const struct {
-        f32 limit, told, estimated;  // the user's; of the line as he told, and as was seen
+        f32 limit, told, estimated;  // the user's limit; the line's speed as entered and as estimated
         i32 transfers;
         f32 speed;
         bool expected;
     } rows[] = {{0, 0, 5, 2, 4.4F, true},     {0, 0, 5, 2, 4.6F, false},  // at least half a KB/s
                 {0, 100, 5, 2, 89, true},     {0, 100, 5, 2, 91, false},  // a tenth of the line
                 {0, 5, 100, 2, 89, true},     {20, 100, 100, 2, 17, true}, {0, 5, 100, 2, 91, false},
-                {20, 100, 100, 2, 19, false}, {0, 0, 5, 1, 99, true}};  // one may always
+                {20, 100, 100, 2, 19, false}, {0, 0, 5, 1, 99, true}};  // one transfer is always allowed
     for (const auto& row : rows) {
         preferences.userMaxDownF = row.limit;
         preferences.lineDown = row.told;
@@ -278,7 +278,7 @@ TEST_F(DownloadPool, SavesEveryFiveMinutes) {
     dlPool.tick(1);
     EXPECT_TRUE(exists(meta));
 
-    // Cancelled while its record is on the way to the disk.
+    // Cancelled while its record is being saved.
     PartialList records(engine.core);
     records.add(download->partial().makeRecord(1, false).release());
     download->cancel();
@@ -287,7 +287,7 @@ TEST_F(DownloadPool, SavesEveryFiveMinutes) {
     EXPECT_FALSE(exists(meta));
 }
 
-// --- collections
+// --- Collections
 
 class Collections : public Downloads {
   protected:
@@ -300,7 +300,7 @@ class Collections : public Downloads {
             collection.add(member.release());
         }
     }
-    // Whether it loads whole, and its members.
+    // Whether it loads completely, and its members.
     std::string load(const std::string& bytes) {
         writeFile(path, bytes);
         std::string text =
@@ -316,7 +316,7 @@ class Collections : public Downloads {
 TEST_F(Collections, AreReadThoughTheirCountsMayLie) {
     ASSERT_EQ(collection.save(systemDisk(), path.c_str()), "");
     std::string saved = contentOf(path);
-    // The magic word is for those who look for collections.
+    // The first word matters only for recognising collections.
     EXPECT_EQ(load(saved.replace(2, 10, "collectio1")), "whole one ../two");
     EXPECT_EQ(load(saved.replace(saved.find('\x0E') + 1, 4, le32(0x7FFFFFFF))), "damaged one ../two");
     std::filesystem::resize_file(path, Collection::maxFile + 1);

@@ -1,4 +1,4 @@
-// A remote client that may hold a file: every state, event and timer, and the chunks that are asked for.
+// A remote client that may have a file: every state, event and timer, and the chunks that are requested.
 #include <functional>
 
 #include "download/FSS_States.h"
@@ -12,7 +12,7 @@ constexpr u32 chunk = 184'320;
 
 enum From { unasked, onQueue, connecting, partsFirst, slotFirst, transfer, noNeeded, bad };
 
-// A line with room for everybody.
+// A line with room for every transfer.
 struct Line final : DownloadOwner {
     bool canStart() const override { return true; }
     void sourceStarted() override {}
@@ -22,7 +22,7 @@ struct Line final : DownloadOwner {
     int transfers = 0;
 };
 
-// What may happen to a source; the text is for messages.
+// An event of a source. The text is for failure messages.
 struct Event {
     std::string text;
     std::function<void(Peer&)> happen;
@@ -51,7 +51,7 @@ class FileSourceTest : public Downloads {
     void enter(Arguments&... arguments) {
         source->setState(std::make_unique<State>(*source, arguments...));
     }
-    // `flags` tells which parts the source has, "-" that it isn't known.
+    // `flags` are the parts of the source, "-" if they aren't known.
     void put(From from, const std::string& flags) {
         begin(2 * PARTSIZE + 5);
         stays = true;
@@ -66,7 +66,7 @@ class FileSourceTest : public Downloads {
     }
     FileSourceState& state() { return source->state(); }
     std::string label() { return state().label; }
-    // So much time, which changes nothing, and a millisecond more.
+    // Lets `ms` pass, in which nothing changes, and then one more millisecond.
     Event after(i32 ms) {
         return {"after " + std::to_string(ms), [this, ms](Peer&) {
                     const std::string before = label();
@@ -74,7 +74,7 @@ class FileSourceTest : public Downloads {
                     stays = state().tick(1);
                 }};
     }
-    // The opcodes that wait for a peer; RequestParts as its ranges, in chunks where they begin and bytes.
+    // The opcodes queued for a peer. RequestParts is shown as its ranges, by chunk and bytes.
     static std::string said(TestPeer& peer) {
         std::string text;
         for (const std::string& body : peer.sent()) {
@@ -88,7 +88,7 @@ class FileSourceTest : public Downloads {
         return text;
     }
     std::string said() { return said(*partner); }
-    // How many bytes of the file are asked for, and how many some source has.
+    // The number of bytes requested, and of bytes that a source has.
     u32 requested() { return count(countRequested, countDone); }
     u32 offered() { return count(1, countRequested); }
     u32 count(i32 least, i32 below) {
@@ -104,13 +104,13 @@ class FileSourceTest : public Downloads {
     Line line;
     Ref<Download> download;
     std::unique_ptr<FileSource> source;
-    bool stays = true;  // false where a tick has asked to remove the source
+    bool stays = true;  // false if a tick asked to remove the source
     TestPeer* const partner = &peer(1, "user1");
     TestPeer* const stranger = &peer(2);
 };
 
-// What the source becomes and says, whether chunks stay asked for, and whether the slot is handed on: then,
-// as no other download takes it, it is given back by 86.
+// The source's next state and messages, whether chunks stay requested, and whether the slot is passed on. If
+// no other download takes the slot, it is given back with 86.
 TEST_F(FileSourceTest, FollowsTheTable) {
     const struct {
         From from;
@@ -188,7 +188,7 @@ TEST_F(FileSourceTest, FollowsTheTable) {
 }
 
 TEST_F(FileSourceTest, IsReachedOrNot) {
-    // One connection below the limit the turn is spent, and nothing else.
+    // One connection below the limit: the source loses its turn and nothing else.
     clientApp.socketPool.count = preferences.maxCon - 1;
     EXPECT_TRUE(state().tryConnect());
     EXPECT_EQ(label(), "Unasked");
@@ -227,7 +227,7 @@ TEST_F(FileSourceTest, APlaceInItsQueueKeepsForHalfAnHour) {
     said();
     EXPECT_TRUE(state().tryConnect());
     EXPECT_EQ(label() + said(), "On Queue");
-    // Forgotten under the address that failed.
+    // Removed under the address whose connect failed.
     put(connecting, "-");
     state().connectFailed(addressOf(1), 4661);
     EXPECT_TRUE(remoteQueueList.isWaiting(User(1)));
@@ -277,18 +277,18 @@ TEST_F(FileSourceTest, ChunksAreAskedForThreeAhead) {
         second.setState(std::make_unique<FSS_Transfering>(second, *stranger));
         EXPECT_EQ(said(*stranger), " 81 71:105+5:-:-");
     }
-    // What another has asked for isn't free.
+    // Chunks requested from another source aren't free.
     state().gotFileStatus(*partner, partsOf("001"));
     fill(2 * chunk, 5 * chunk);
     for (int i = 0; i < 2; ++i) state().gotData(*partner);
     EXPECT_EQ(label() + said(), "Transferring");
-    // With room, it asks for a part that is open again and that it has.
+    // With room, it requests a part that was opened again and that it has.
     source->setParts(partsOf("010"));
     state().partReopened(2);
     EXPECT_EQ(said(), "");
     state().partReopened(1);
     EXPECT_NE(said().find(":52+"), std::string::npos);
-    // Nothing is left: the slot goes to others.
+    // Nothing is left to request: the slot goes to other downloads.
     put(transfer, "001");
     fill(2 * PARTSIZE, 2 * PARTSIZE + 5);
     state().gotData(*partner);

@@ -1,5 +1,5 @@
-// Directories, names, buffered streams and saving, on a real temporary directory. Whatever goes wrong in a
-// save, the old file or the new one is there, whole, and nothing else is left behind.
+// Directories, names, buffered streams and saving, in a real temporary directory. Whatever fails in a save,
+// either the old or the new file is complete, and no other file is left.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -34,11 +34,11 @@ class Filesystem : public testing::Test {
     const TemporaryDirectory folder_;
 };
 
-// What else there is in a directory is seen where it is shared.
+// Tests of sharing cover the other kinds of entries.
 TEST_F(Filesystem, ListingTellsDirectoriesFromFiles) {
     const std::string file = path("Max: a\\b");
     writeFile(file, "");
-    fs::resize_file(file, 5'000'000'000);  // beyond what 32 bits hold
+    fs::resize_file(file, 5'000'000'000);  // more than 32 bits can hold
     fs::create_directory(path("folder"));
     fs::create_directory_symlink(path("folder"), path("linked"));
     i4_directory_list list;
@@ -91,7 +91,7 @@ TEST_F(Filesystem, PathsAreMadeSplitAndRelatedByWholeComponents) {
     ASSERT_TRUE(i4_chdir(before.c_str()));
 }
 
-// A memory stream that counts its calls, and fails or cuts short its writes on request.
+// A memory stream that counts its calls, and can fail or shorten its writes.
 class CountingStream : public i4_owned_ram_file {
   public:
     i32 read(void* buffer, u32 count) override {
@@ -123,7 +123,7 @@ TEST(BufferedFile, RandomReadsAndWritesMatchAPlainStream) {
             u8 mine[40];
             u8 theirs[40];
             if (const u32 choice = below(4); choice == 0) {
-                // Every other time close by, where one piece of the buffer ends.
+                // Every second time, seek near a boundary of the buffer.
                 const u32 near = std::min(model.tell() + below(3), model.size());
                 const u32 to = below(2) ? near : below(model.size() + 1);
                 model.seek(to);
@@ -168,8 +168,8 @@ class SaveFile : public testing::Test {
     bool save(const std::string& text) {
         return saveBy([&](i4_file& file) { return file.write(text.data(), u32(text.size())) > 0; });
     }
-    // Thirty strings of different lengths and a count that is filled in at the end, as the lists write
-    // themselves; `beforeEach` runs before each of them.
+    // Writes thirty strings of different lengths and a count that is filled in at the end, like the lists do.
+    // `beforeEach` runs before each of them.
     bool saveRecords(const std::function<void()>& beforeEach = [] {}) {
         return saveBy([&](i4_file& file) {
             file.write_32(0);
@@ -185,7 +185,7 @@ class SaveFile : public testing::Test {
             return true;
         });
     }
-    // The names in the folder, in order.
+    // The names in the directory, in order.
     std::string names() const {
         std::set<std::string> sorted;
         for (const auto& entry : fs::directory_iterator(folder_.path())) {
@@ -193,7 +193,7 @@ class SaveFile : public testing::Test {
         }
         return std::accumulate(sorted.begin(), sorted.end(), std::string()).substr(1);
     }
-    // The save failed for that reason, said so, and the old file is all there is.
+    // Expects that the save failed and reported this reason, and that only the old file exists.
     void expectOld(const std::string& reason) {
         EXPECT_EQ(contentOf(path_), "old");
         EXPECT_EQ(names(), "known.met");
@@ -205,7 +205,7 @@ class SaveFile : public testing::Test {
     std::string reason_;
 };
 
-// The old file is there at any point, in case the process dies, and in any case where the writer gives up.
+// The old file exists at every point, in case the process dies, and after every failed save.
 TEST_F(SaveFile, KeepsTheOldFileUntilTheNewOneIsWhole) {
     for (int failing = 0; failing < 30; ++failing) {
         save("old");
@@ -225,7 +225,7 @@ TEST_F(SaveFile, KeepsTheOldFileUntilTheNewOneIsWhole) {
     EXPECT_EQ(names(), "known.met");
 }
 
-// The size limit stands in for a disk that is full at any one byte.
+// The size limit simulates a disk that is full at each possible byte.
 TEST_F(SaveFile, KeepsTheOldFileWhenTheDiskIsFull) {
     const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
     rlimit old{};
@@ -270,7 +270,7 @@ TEST_F(SaveFile, NamesWhatItCannotSaveAndSetsAsideWhatIsDamaged) {
 }
 
 TEST_F(SaveFile, TwoAtOnceAreBothWhole) {
-    // The second save to the path runs inside the first one's.
+    // A save inside another save of the same path.
     EXPECT_TRUE(saveBy([&](i4_file& file) {
         file.write("outer", 5);
         std::thread([&] { EXPECT_TRUE(save("inner")); }).join();

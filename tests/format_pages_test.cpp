@@ -1,4 +1,4 @@
-// The hex examples of docs/*.md, each decoded by the code that it documents, and its tables of messages.
+// The hex examples of docs/*.md, decoded by the code that they document, and the tables of messages there.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -37,9 +37,8 @@ namespace {
 
 using namespace std::string_literals;
 
-// By an example's name: true if the bytes read as what the page says, with nothing left over. For instance
-// {"pref.met", [](std::span<const std::uint8_t> bytes) { ... }}; a page has as many examples of a name as it
-// likes.
+// The decoder of each kind of example: returns true if the bytes have the meaning given on the page and
+// nothing is left over. A page may have several examples of one kind.
 using Decoder = std::function<bool(std::span<const std::uint8_t>)>;
 
 bool readsAsSettings(std::span<const std::uint8_t> bytes) {
@@ -67,7 +66,7 @@ bool readsAsTag(std::span<const std::uint8_t> bytes) {
     return tag->id() == TAG_SIZE ? value == 1000 : tag->isNamed("users") && value == 5;
 }
 
-// Reads a list of one record, which `holds` then looks at.
+// Reads a list of one record and checks it with `holds`.
 template <class List, class Holds>
 Decoder listOfOne(Holds holds) {
     return [holds](std::span<const std::uint8_t> bytes) {
@@ -86,7 +85,7 @@ bool readsAsDirectories(std::span<const std::uint8_t> bytes) {
     return ShareList::readPaths(file, paths) && paths == std::vector<i4_string>{"/a", "/bc"};
 }
 
-// The bodies of the protocols' examples, behind a framing that must fit them.
+// Decodes the body of a protocol example, after checking the framing.
 Decoder packet(u8 opcode, std::function<bool(i4_file&)> body) {
     return [=](std::span<const std::uint8_t> bytes) {
         BytesFile file(bytes);
@@ -178,16 +177,15 @@ const std::map<std::string, Decoder> decoders = {
      })},
 };
 
-// The bytes of one example on a format page: a fenced block whose language is `hex NAME`. Each of its lines
-// is pairs of hexadecimal digits with blanks between them; what follows a `;` is for the reader.
+// The bytes of an example: a fenced block with the language `hex NAME`. Its lines are pairs of hexadecimal
+// digits separated by blanks; text after a `;` is a remark.
 struct HexExample {
     std::string name;
-    int line;  // of the opening fence, from 1
+    int line;  // the line of the opening fence, from 1
     std::vector<std::uint8_t> bytes;
 };
 
-// Reads the hex examples of one page. Fails the test for a block without an end, and for anything in it that
-// isn't a byte.
+// Reads the hex examples of a page. Fails the test for an unclosed block and for anything that isn't a byte.
 std::vector<HexExample> readHexExamples(const std::filesystem::path& path) {
     std::vector<HexExample> examples;
     std::ifstream page(path);
@@ -234,7 +232,7 @@ TEST(FormatPages, EveryHexExampleDecodesAndEveryDecoderHasAnExample) {
     EXPECT_THAT(unused, testing::IsEmpty()) << "decoders of examples that no page has";
 }
 
-// The messages of a section of docs/protocol.md, a line each: opcode, name where the page has one, body.
+// The messages in a section of docs/protocol.md: opcode, name if there is one, and body, one line each.
 std::set<std::string> messagesOnPage(const std::string& section) {
     std::ifstream page(std::string(TARNWICK_SOURCE_DIR) + "/docs/protocol.md");
     std::set<std::string> messages;
@@ -288,8 +286,8 @@ std::vector<std::string> wordsOf(const std::string& cell) {
     return words;
 }
 
-// The settings that docs/formats.md lists: key, type and default. A row of the page may tell of several keys,
-// of one type and default together or of one each.
+// The settings in docs/formats.md: key, type and default. A row may list several keys, with one type and
+// default for all or one for each.
 std::set<std::string> settingsOnPage() {
     std::ifstream page(TARNWICK_SOURCE_DIR "/docs/formats.md");
     std::set<std::string> settings;
@@ -319,7 +317,7 @@ TEST(FormatPages, TheSettingsAreThoseOfTheTable) {
     }
     EXPECT_THAT(settingsOnPage(), testing::ContainerEq(inTable));
 
-    // What `vo` shows on docs/console.md, without its values.
+    // The labels of `vo` on docs/console.md.
     std::ifstream page(TARNWICK_SOURCE_DIR "/docs/console.md");
     std::string line;
     while (std::getline(page, line) && line.rfind("`vo` shows one", 0) != 0) continue;

@@ -1,4 +1,5 @@
-// Which bytes of a file are missing, and how many sources hold which: the two lists, alone and in step.
+// The two lists: which bytes of a file are missing, and how many sources have which. Each alone and both
+// together.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -63,7 +64,7 @@ TEST(GapListTest, SavedForm) {
     EXPECT_EQ(refused.tell(), 0U);
 }
 
-// The rules: what is done stays so until it is taken back; being fetched counts once; no count is below none.
+// The rules: done stays until it is undone; a second request doesn't count; no count falls below 0.
 i32 counted(i32 count, i32 delta) {
     if (count == 2000) return delta == -2000 ? 0 : 2000;
     if (delta == 2000) return 2000;
@@ -74,7 +75,7 @@ i32 counted(i32 count, i32 delta) {
 
 constexpr std::size_t size = 300;
 
-// What the list says of each byte.
+// The list's value for each byte.
 std::vector<i32> eachByte(GapCounterList& list) {
     list.checkInvariants();
     std::vector<i32> bytes;
@@ -88,7 +89,7 @@ std::vector<i32> eachByte(GapCounterList& list) {
     return bytes;
 }
 
-// Against a count for each byte. Both stay in step: a byte is here exactly where none is missing.
+// Compares both lists with a count for each byte: a byte is present exactly if no gap contains it.
 TEST(GapListsTest, AgreeWithACountForEachByte) {
     const i32 deltas[] = {1, -1, 1, 1000, -1000, 2000, -2000};
     for (unsigned seed = 0; seed < 40; ++seed) {
@@ -97,7 +98,7 @@ TEST(GapListsTest, AgreeWithACountForEachByte) {
         gaps.append({0, size});
         GapCounterList list;
         std::vector<i32> counts(size);
-        if (seed % 2 == 0) {  // runs that have come from elsewhere, and one more behind them
+        if (seed % 2 == 0) {  // ranges of another list, and one more after them
             GapCounterList first;
             first.setSize(size);
             first.copyTo(list);

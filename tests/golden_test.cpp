@@ -1,6 +1,6 @@
-// What the program writes and shows, byte for byte: one scene saves every file that the program keeps and
-// types every view, and all of it is compared with the files in tests/golden. TARNWICK_GOLDEN=write makes
-// those files anew.
+// The program's files and output, byte by byte. A test saves every file that the program keeps and prints
+// every view, and compares the result with the files in tests/golden. TARNWICK_GOLDEN=write writes those
+// files again.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -23,7 +23,7 @@ namespace {
 
 const std::filesystem::path golden = TARNWICK_SOURCE_DIR "/tests/golden";
 
-// Names in the working directory stay relative to it, so that the bytes don't depend on where it lies.
+// File names are relative, so that the bytes don't depend on the directory.
 class Golden : public testing::Test, protected OwnScreen {
   protected:
     Golden() : OwnScreen(Screen::Names::relative) {}
@@ -67,7 +67,7 @@ class Golden : public testing::Test, protected OwnScreen {
                                     "aport 5002", "pass kit kitpass", "auto", "save -", "asr -"}) {
             screen_.console.dispatch(setting);
         }
-        i4_owned_ram_file record;  // with the name that the command gave, and a hash of the test's own
+        i4_owned_ram_file record;  // with the name that the command set, and a fixed hash
         preferences.toDisk(record);
         for (u32 i = 0; i < 16; ++i) record.buffer()[6 + i] = 5;
         record.seek(0);

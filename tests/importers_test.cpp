@@ -1,4 +1,4 @@
-// What the importers tell of a file: by its name, and by what stands in audio and video files, sound or not.
+// What the importers read from a file: by its name, and from sound and damaged audio and video content.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -26,22 +26,23 @@ std::string bigEndian32(u32 value) {
     return {bytes.rbegin(), bytes.rend()};
 }
 
-// A RIFF chunk, unpadded.
+// A RIFF chunk without padding.
 std::string chunk(const std::string& id, const std::string& data) { return id + le32(data.size()) + data; }
 
-// A list of one stream, by a header of 56 bytes.
+// A list with one stream, whose header has 56 bytes.
 std::string stream(const std::string& type, const std::string& codec, u32 scale, u32 rate, u32 length) {
     return chunk("LIST", "strl" + chunk("strh", type + codec + std::string(12, 0) + le32(scale) + le32(rate) +
                                                     std::string(4, 0) + le32(length) + std::string(20, 0)));
 }
 
-// An AVI file whose header list is a main header and these chunks.
+// An AVI file whose header list has a main header and these chunks.
 std::string aviFile(const std::string& chunks) {
     const std::string headers = chunk("LIST", "hdrl" + chunk("avih", std::string(56, 1)) + chunks);
     return chunk("RIFF", "AVI " + headers + chunk("LIST", "movi"));
 }
 
-// An MPEG audio file of `size` bytes that begins with this frame header; a Xing header tells `frames`.
+// An MPEG audio file of `size` bytes that begins with this frame header. A Xing header has the count
+// `frames`.
 std::string audioFile(u32 header, std::size_t size, u32 frames = 0) {
     std::string file = bigEndian32(header);
     if (frames > 0) file += std::string(32, 0) + "Xing" + bigEndian32(1) + bigEndian32(frames);
@@ -51,7 +52,7 @@ std::string audioFile(u32 header, std::size_t size, u32 frames = 0) {
 
 class Importers : public testing::Test {
   protected:
-    // Imports a file of that name and content, and gives its tags behind name and size as "name=value|".
+    // Imports a file and returns its tags after name and size as "name=value|".
     std::string import(const std::string& name, const std::string& bytes) {
         writeFile(home_.file(name), bytes);
         FileMeta meta;
@@ -77,7 +78,7 @@ TEST_F(Importers, KnowFilesByTheirNames) {
         {"rm mov asf mpg mpeg m2v wmv vcd", "Type=Video|Format=%|"},
         {"bmp gif png", "Type=Image|Format=%|Artist=|"},
         {"exe zip rar ace sit iso", "Type=Pro|Format=%|"},
-        {"txt zip.txt avi mp3 jpeg", ""},  // neither audio nor video, whatever it is called
+        {"txt zip.txt avi mp3 jpeg", ""},  // neither audio nor video, whatever the name
     };
     for (const auto& [endings, tags] : rows) {
         std::istringstream words(endings);
@@ -100,7 +101,7 @@ MP3Info read(const std::string& bytes) {
     return info;
 }
 
-// What the headers of a file with these bytes tell; nothing where it has none.
+// The values from the headers of these bytes; empty if there are none.
 std::string told(const std::string& bytes) {
     const MP3Info info = read(bytes);
     char text[3][32];
@@ -112,7 +113,7 @@ std::string told(const std::string& bytes) {
            std::to_string(info.frameCount()) + " frames, " + text[2];
 }
 
-// Of each version and layer with tables of its own; a constant rate tells the length, as far as 4 GB go.
+// Each version and layer with its own table. A constant rate gives the length, up to 4 GB.
 TEST(MP3Info, FrameHeaders) {
     const std::pair<u32, const char*> table[] = {
         {stereo128, "MPEG 1 Layer III, Stereo, 128 kbit/s, 2392 frames, 01:02"},
@@ -127,7 +128,7 @@ TEST(MP3Info, FrameHeaders) {
     for (const u32 invalid : {0xFFDB9000U, 0xFEFB9000U, 0xFFEB9000U, 0xFFF99000U, 0xFFFB0000U, 0xFFFBF000U,
                               0xFFFB9C00U, 0xFFFB9002U})
         EXPECT_EQ(told(audioFile(invalid, 1000)), "");
-    // Where a variable rate puts its header is seen by real files.
+    // The test with real files covers where a variable rate has its header.
     EXPECT_EQ(told(audioFile(stereo128, 1000, 0x7FFFFFFF)),
               "MPEG 1 Layer III, Stereo, 0 kbit/s, 2147483647 frames, 00:00");
     EXPECT_EQ(told(audioFile(stereo128, 1000, 0x80000000)), told(audioFile(stereo128, 1000)));
@@ -139,8 +140,7 @@ TEST(MP3Info, FrameHeaders) {
     EXPECT_STREQ(text, "1193:02:47");
 }
 
-// An ID3v2 block of `size` bytes behind its header. It begins like a text in UTF-16, and like a frame of
-// Layer I.
+// An ID3v2 block of `size` bytes after its header. It begins like UTF-16 text, and like a frame of Layer I.
 std::string id3v2(u32 size, char flags = 0) {
     std::string block = std::string("ID3\3\0", 5) + flags;
     for (int shift = 21; shift >= 0; shift -= 7) block += static_cast<char>(size >> shift & 0x7F);
@@ -156,7 +156,7 @@ TEST(MP3Info, TheFirstHeaderOfTheFirst200KiBAndBehindID3v2) {
         {frame.substr(0, 3), 0},
         {id3v2(1000, 0x10) + std::string("3DI\3\0\0\xFF\xFET", 10) + frame, stereo128},
         {id3v2(204'790) + frame, stereo128},
-        // Not to be skipped: the block goes beyond what is searched or what is there, or is none.
+        // Not skipped: the block is invalid, or exceeds the range that is searched or the file.
         {id3v2(204'791) + frame, 0xFFFE5400},
         {id3v2(1000).substr(0, 500) + frame, 0xFFFE5400},
         {id3v2(1000).replace(9, 1, "\xFF") + frame, 0xFFFE5400},
@@ -199,34 +199,34 @@ TEST_F(Importers, VideoFiles) {
         {chunk("LIST", "odml" + std::string(20, 9)) + film, told},
         {stream("vids", "mp4v", 1001, 24000, 86'400), bare + "codec=mp4v|length=1: 0|"},
         {stream("vids", "mp4v", ~0U, 1, ~0U), bare + "codec=mp4v|length=596523:14|"},
-        {sound, bare},  // nothing of the film before shows
+        {sound, bare},  // no values of the previous film
         {stream("vids", "XVID", 0, 25, 9), bare + "codec=XVID|"},
         {stream("vids", "XVID", 1, 0, 9), bare + "codec=XVID|"},
         {chunk("LIST", "strl" + chunk("strh", "vidsXV")) + "end", bare + "codec=XV|"},
         {nested, bare},
     };
-    // What a chunk's size claims beyond the list isn't there; what stands before it counts.
+    // A chunk that claims more than the list has is cut; what precedes it counts.
     for (const u32 size : {0xFFFFFFFFU, 0x80000000U, 2000U}) {
         table.push_back({film + "strn" + le32(size) + "4 GB of name", told});
         table.push_back({"LIST" + le32(size) + film.substr(8), told});
     }
     for (const auto& [chunks, tags] : table) EXPECT_EQ(import("film.AVI", aviFile(chunks)), tags);
 
-    // Files that are none.
+    // Files that aren't AVI.
     const std::pair<std::size_t, std::string> damages[] = {{0, "RIFX"},  {8, "AVIX"},   {12, "JUNK"},
                                                            {20, "movi"}, {16, le32(3)}, {28, le32(52)}};
     for (const auto& [at, bytes] : damages)
         EXPECT_EQ(import("a.divx", aviFile(film).replace(at, 4, bytes)), "") << at;
 }
 
-// Files of a real encoder, against what ffprobe says of them.
+// Files from a real encoder, compared with ffprobe.
 TEST_F(Importers, SongsOfARealEncoder) {
     if (std::system("for p in ffmpeg ffprobe lame; do command -v $p || exit 1; done >/dev/null") != 0)
         GTEST_SKIP() << "without ffmpeg and lame no files are made";
     const struct {
-        std::string encoder;    // options of lame; the sampling rate decides the version of MPEG
-        double frameRatio = 1;  // bytes of a frame as we reckon, by what they are: see docs/decisions.md
-        int front = 0;          // bytes that the ID3v2 block is padded to
+        std::string encoder;    // options of lame; the sampling rate decides the MPEG version
+        double frameRatio = 1;  // ratio of our frame size to the real one: see docs/decisions.md
+        int front = 0;          // bytes to which the ID3v2 block is padded
     } songs[] = {
         {"-b 320 -m j --resample 48"},
         {"-b 64 --resample 22.05"},
@@ -242,7 +242,7 @@ TEST_F(Importers, SongsOfARealEncoder) {
         EXPECT_EQ(std::system(line.c_str()), 0) << command;
         return contentOf(home_.file("log"));
     };
-    // A tone over noise, so that variable rates vary.
+    // A tone with noise, so that variable rates vary.
     run("ffmpeg -y -f lavfi -i 'sine=frequency=440:duration=20' -f lavfi -i "
         "'anoisesrc=amplitude=0.2:duration=20' -filter_complex "
         "'[1]volume=enable=gt(mod(t\\,10)\\,5):volume=0[n];[0][n]amix' -ar 44100 -ac 2 tone.wav");
@@ -256,8 +256,9 @@ TEST_F(Importers, SongsOfARealEncoder) {
         unsigned seconds = 0;
         ASSERT_EQ(std::sscanf(orEmpty(meta.getText("length")), "00:%2u", &seconds), 1);
 
-        // A variable rate is that of the whole file, a constant one that of its frames; the length is that of
-        // a file of nothing but frames. Rates are cut to whole kbit/s, and lengths reckoned from them.
+        // A variable rate is that of the whole file, a constant one that of its frames. The length is that of
+        // a file that has only frames. Rates are truncated to whole kbit/s, and lengths are computed from
+        // them.
         const bool constant = encoder.starts_with("-b");
         const std::string bits = run("ffprobe -v error -of csv=p=0 -select_streams 0 -show_entries " +
                                      std::string(constant ? "stream" : "format") + "=bit_rate song.mp3");

@@ -1,5 +1,5 @@
-// The index server: over real sockets where sockets matter, by a clock of the test's own where time does; and
-// its index of published files, against a plain walk over the same files.
+// The index server: with real sockets where sockets matter, with the test's own clock where time matters. Its
+// index is compared with a plain walk over the same files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -61,7 +61,7 @@ struct Page {
     bool more = false;
 };
 
-// The ports in an answer that names sources.
+// The ports in an answer with sources.
 std::set<u32> portsOf(const std::string& body, const std::string& file) {
     EXPECT_EQ(body.substr(0, 17), opcode(OP_FOUND_SOURCES, file));
     const u32 count = static_cast<u8>(body.at(17));
@@ -71,10 +71,11 @@ std::set<u32> portsOf(const std::string& body, const std::string& file) {
     return ports;
 }
 
-// --- The service, with a clock of the test's own
+// --- The service, with the test's own clock
 
 const NetAddress datagramAsker{0x0100A8C0, 5555};
 
+// Records what the service sends and which ports it tests.
 class Net : public IndexNetwork {
   public:
     void testDoor(const IndexSession& session) override { lastDoor = session.number; }
@@ -99,7 +100,7 @@ class Service : public testing::Test {
         answers(*session);
         return session;
     }
-    // The bodies that the service has appended since the last call.
+    // The bodies that the service has sent since the last call.
     Bodies answers(IndexSession& session) {
         while (service.step(now)) continue;
         FrameReader frames;
@@ -114,7 +115,7 @@ class Service : public testing::Test {
         service.packet(session, bytes(body), now);
         return answers(session);
     }
-    // The datagrams that this one brings, without their marker.
+    // The datagrams sent in answer to this one, without their marker.
     Bodies send(const std::string& body) {
         net.datagrams.clear();
         service.datagram(datagramAsker, bytes("\xE3" + body), now);
@@ -146,11 +147,11 @@ TEST_F(Service, LogsOnWithAHighOrALowId) {
     struct {
         u32 ip;
         bool reachable;
-        u32 id;  // 0 for any low one
+        u32 id;  // 0 for any low ID
     } const table[] = {
         {0x05010A0A, true, 0x05010A0A},
         {0x05010A0A, false, 0},
-        {0x00010A0A, true, 0},  // 10.10.1.0 is no number above the low IDs
+        {0x00010A0A, true, 0},  // 10.10.1.0 isn't above the low IDs
     };
     std::set<u32> lowIds;
     for (const auto& row : table) {
@@ -235,7 +236,7 @@ TEST_F(Service, NamesSourcesOfUse) {
         << "whom it can call";
     EXPECT_THAT(ask(*asker, opcode(OP_GET_SOURCES, fileId(6))),
                 ElementsAre(opcode(OP_FOUND_SOURCES, fileId(6) + le8(0))));
-    // Many come in turns.
+    // Many are sent in pages.
     for (u16 port = 5001; port <= 5400; ++port) ask(*online(true, port), list);
     std::set<u32> seen;
     for (int i = 0; i < 3; ++i) {
@@ -376,7 +377,7 @@ TEST(IndexServer, BadClientsCostOnlyThemselves) {
     EXPECT_EQ(good.logOn(), loopbackIp);
     good.say(publish(0, 5000, "a film"));
     const auto isServed = [&] {
-        good.say(search("4999"));  // answered in the order of asking
+        good.say(search("4999"));  // answered in the order of the requests
         return Page(opcode(OP_SEARCH_RESULTS, good.await(OP_SEARCH_RESULTS))).names ==
                Bodies{"a film 4999 x1"};
     };
@@ -386,12 +387,12 @@ TEST(IndexServer, BadClientsCostOnlyThemselves) {
         bad.send(bytes);
         EXPECT_TRUE(bad.isEnded()) << testing::PrintToString(bytes);
     }
-    std::string asked;  // and told in the log, which nobody reads: more than a pipe takes
+    std::string asked;  // each is also logged: more than a pipe holds, and nobody reads it
     for (int i = 0; i < 3000; ++i) asked += framed(opcode(200));
     good.send(asked);
     EXPECT_TRUE(isServed());
     {
-        Caller eager(port);  // doesn't wait for its ID, nor for its door to be tested
+        Caller eager(port);  // waits neither for its ID nor for the test of its port
         eager.send(framed(logOn(0)) + framed(publish(9000, 3000, "early")) + framed(search("early 9999")));
         EXPECT_EQ(Page(opcode(OP_SEARCH_RESULTS, eager.await(OP_SEARCH_RESULTS))).names,
                   Bodies{"early 9999 x1"});
@@ -405,7 +406,7 @@ TEST(IndexServer, BadClientsCostOnlyThemselves) {
         for (int i = 0; i < 20; ++i) {
             half.push_back(std::make_unique<RawClient>(port));
             half.back()->logOn();
-            half.back()->send("\xE3" + le32(16 << 20) + "\x15" + le32(9));  // promised, never sent
+            half.back()->send("\xE3" + le32(16 << 20) + "\x15" + le32(9));  // announced but never sent
         }
         EXPECT_TRUE(isServed());
     }
@@ -451,14 +452,14 @@ FileRecord recordOf(const Meta& meta) {
     return recordOf(written([&](i4_file& stream) { meta.Meta::toNetwork(stream); }));
 }
 
-// Clients, their files, and the index that is told the same.
+// Clients and their files, and an index that is given the same.
 class World {
   public:
     void publish(ClientNumber client, u32 file, std::unique_ptr<FileMeta> meta) {
         const auto number = index.publish(client, hashOfFile(file), recordOf(*meta));
         EXPECT_EQ(number.has_value(), numbers[file].count(client) == 0);
         if (number) numbers[file][client] = *number;
-        // Its only client may rename it.
+        // The only client of a file may rename it.
         if (numbers[file].size() == 1) records[file] = std::move(meta);
         count(file);
     }
@@ -476,7 +477,7 @@ class World {
             records[file]->setInt(TAG_AVAILABILITY, static_cast<u32>(numbers[file].size()));
         }
     }
-    // Asks a few results at a time, and with little work at a time, and compares with a walk.
+    // Requests a few results at a time, with little work at a time, and compares them with a walk.
     void compare(const SearchNode& tree, u32 page, u64 slice) {
         SearchRun run(tree.clone(), 3);
         std::set<u32> found;
@@ -503,10 +504,11 @@ class World {
     std::map<u32, std::unique_ptr<FileMeta>> records;
 };
 
+// Random files, texts and search trees from a seed.
 class Dice {
   public:
     u32 below(u32 n) { return std::uniform_int_distribution<u32>(0, n - 1)(engine_); }
-    // Few letters, so that texts share pieces; some capitals, blanks and bytes past ASCII.
+    // Few letters, so that texts share pieces; some capitals, blanks and non-ASCII bytes.
     std::string text(u32 longest) {
         static const std::string letters = "aabbccdeABC  \xc3\xa9.";
         std::string result(below(longest + 1), ' ');
@@ -517,10 +519,10 @@ class Dice {
         auto meta = std::make_unique<FileMeta>();
         meta->setName((text(12) + "x").c_str());
         meta->setInt(TAG_SIZE, below(2000) - 3);
-        // More names than are kept apart.
+        // More names than the index keeps apart.
         if (below(3) == 0) meta->setInt(("number" + std::to_string(below(40))).c_str(), below(5));
         if (below(2)) meta->setText(TAG_TYPE, below(2) ? "Audio" : "Video");
-        if (below(3) == 0) meta->setInt(TAG_AVAILABILITY, below(5));  // which isn't for a client to say
+        if (below(3) == 0) meta->setInt(TAG_AVAILABILITY, below(5));  // which clients can't set
         if (below(3) == 0) meta->setText("Artist", text(4).c_str());
         return meta;
     }
@@ -560,7 +562,7 @@ TEST(FileIndex, FindsWhatAWalkFinds) {
     for (u32 i = 0; i < 9'000; ++i) world.publish(1 + dice.below(3), i, dice.meta());
     for (u32 i = 0; i < 1'500; ++i) world.publish(1 + dice.below(3), i % 500, dice.meta());
     compare(10);
-    // Most files go while a search is under way: segments dissolve, and what stays is found all the same.
+    // Most files are removed during a search: segments dissolve, and the rest must still be found.
     SearchRun run(std::make_unique<SN_FindStr>("x"), 1);
     std::set<u32> found;
     for (u32 i = 0; i < 9'000 || !run.atEnd(); ++i) {
@@ -626,7 +628,7 @@ TEST(FileIndex, RecordsKeepWhatFitsAndCanBeFound) {
     for (TagView tag; tags.next(tag);) names += std::string(tag.name) + ",";
     EXPECT_EQ(names, "\x01,number,bits,blob,\x15,");
 
-    // A zero byte in a text, a tag without a name, a count that isn't one.
+    // A zero byte in a text, a tag without a name, a wrong count.
     const FileRecord odd =
         recordOf(Bytes{3, 0, 0, 0, 2, 1, 0, 1, 2, 0, 'a', 0, 3, 1, 0, 'n', 1, 0, 0, 0, 5, 1, 0, 'b', 1});
     EXPECT_FALSE(odd.hasName());

@@ -31,7 +31,7 @@ void fill(LL<Item>& list, const std::string& names) {
     for (const char name : names) list.add(item(name));
 }
 
-// The list as text, after a look at its tail: what is added must come last.
+// The list as text. Also checks the tail: an added element must be last.
 std::string drawn(LL<Item>& list) {
     std::string result;
     for (LL<Item>::Cursor c; Item* i = list.next(c);) result += i->name;
@@ -89,7 +89,7 @@ TEST(Lists, TakePositionsIgnoreNullAndKeepTheirTail) {
 }
 
 TEST(Lists, RemoveWhileWalking) {
-    // Every set of elements to remove, given as a mask over five.
+    // Removes every subset of five elements, given as a mask.
     LL<Item> list;
     for (unsigned mask = 0; mask < 32; ++mask) {
         fill(list, "abcde");
@@ -112,7 +112,7 @@ TEST(Lists, SortOfEqualsTheLaterOneFirstAndShuffleLosingNothing) {
     list.sort([](const Item* a, const Item* b) { return a->key <= b->key; });
     EXPECT_EQ(drawn(list), "jgdbhfciea");
 
-    // Keys that other threads change meanwhile make a comparison that contradicts itself.
+    // Keys that other threads change during a sort make comparisons contradictory.
     static std::mt19937 random(11);
     std::set<char> first;
     for (int round = 0; round < 400; ++round) {
@@ -150,7 +150,7 @@ TEST(LLsafe, ServesThreads) {
 }
 
 TEST(KeptList, HoldsEachOnceHoweverManyThereAre) {
-    // A walk of the list for each would outlast the time that a test has.
+    // A walk of the list for each element would exceed the test's time limit.
     struct Counted {
         int references = 0;
         void addRef() { ++references; }
@@ -172,7 +172,7 @@ TEST(KeptList, HoldsEachOnceHoweverManyThereAre) {
     for (const Counted& one : pool) ASSERT_EQ(one.references, 0);
 }
 
-// How values come and go is what the console's own tests try.
+// The console's self-tests cover adding and removing values.
 TEST(HashTables, KeepKeysApartAndMakeTheFactorysLists) {
     MD4Hash key;
     key.bytes[3] = 1;

@@ -1,4 +1,4 @@
-// The digest, its text form and the way in which a file is hashed in parts, against an independent digest.
+// The digest, its text form and the hashing of files in parts, compared with an independent digest.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -47,7 +47,7 @@ TEST(MD4Test, ThePublishedDigestsHoweverTheBytesAreCut) {
 
 TEST(MD4Test, DigestsSideBySideAreWhatEachIsAlone) {
     const std::string bytes = someBytes(MD4::lanes * 1024 + 13);
-    const auto* from = reinterpret_cast<const u8*>(bytes.data()) + 1;  // at no even address
+    const auto* from = reinterpret_cast<const u8*>(bytes.data()) + 1;  // at an odd address
     for (const bool wide : {true, false}) {
         for (std::size_t count = 1; count <= MD4::lanes; ++count) {
             std::array<MD4, MD4::lanes> digests;
@@ -123,7 +123,7 @@ TEST_F(FileHashTest, AFileThatChangesMeanwhileHasNoHash) {
     const auto touch = [&] {
         std::filesystem::last_write_time(file, std::filesystem::file_time_type::clock::now() + 1h);
     };
-    for (const std::size_t size : {1'000'000U, 20'000'000U}) {  // a part, and several side by side
+    for (const std::size_t size : {1'000'000U, 20'000'000U}) {  // one part, and several hashed side by side
         const std::function<void()> changes[] = {[&] { resize(size + 4); }, [&] { resize(size * 3 / 10); },
                                                  [&] { resize(0); }, touch};
         for (const auto& change : changes) {

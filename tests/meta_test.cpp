@@ -1,4 +1,4 @@
-// Tags, records and lists of records: their bytes, their files, their rules and their indexes.
+// Tags, records and lists of records: their bytes, files, rules and indexes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -30,7 +30,7 @@ std::string printed(const MetaTag& tag, i32 n = 255) {
     return orEmpty(tag.printable(text, n));
 }
 
-// Of a tag, a record or a list.
+// The bytes of a tag, a record or a list.
 template <class Saved>
 std::string diskForm(Saved& saved) {
     return std::string(viewOf(written([&](i4_file& file) { EXPECT_TRUE(saved.toDisk(file)); })));
@@ -104,8 +104,8 @@ TEST(MetaTag, WhatIsNoTagGivesNone) {
     EXPECT_EQ(tagOf("\7" + text16("x") + le32(0xFFFFFFFF) + "12", &log), nullptr);
     EXPECT_EQ(log.take(), "") << "short streams say nothing";
 
-    // Off a stream that can't tell its length, a blob is believed a piece at a time. 4 GiB that never come
-    // would be refused under the sanitizers.
+    // If a stream doesn't know its length, a blob is read piece by piece: the sanitizers would refuse an
+    // allocation of the 4 GiB that never arrive.
     struct Unknown : BytesFile {
         using BytesFile::BytesFile;
         std::optional<u32> bytesLeft() override { return std::nullopt; }
@@ -132,7 +132,7 @@ TEST(BoolArray, BitsLieInTheirBytesAndNoneBehindThem) {
     EXPECT_EQ(written([&](i4_file& file) { bits.write(file); }), (Bytes{10, 0, 0xFF, 0xFF}));
 }
 
-// A list that owns its records, as a test wants it.
+// A list that owns its records, for tests.
 template <class List>
 struct Owned : List {
     ~Owned() override { List::deleteAll(); }
@@ -162,7 +162,7 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     EXPECT_TRUE(record.addTag("files", 0U));
     EXPECT_FALSE(record.addTag("files", 0U));
 
-    // From the network a record adds to what is there, from disk it replaces it.
+    // Reading from the network adds to a record; reading from disk replaces it.
     const std::string more = le32(2) + "\2" + text16("\1") + text16("new") + "\3" + text16("n") + le32(9);
     EXPECT_TRUE(readNetwork(record, more));
     EXPECT_THAT(namesOf(record), ElementsAre("Name", "Size", "files", "Name", "(null)"));
@@ -182,7 +182,7 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     EXPECT_TRUE(readDisk(record, le32(0xFFFFFFFF) + "\1")) << "with its top bit set, a count is 0";
 }
 
-// A stranger's record may have any type under any name: nothing reads past the value that is there.
+// A stranger's record may have any type under any name: reads must not exceed the stored value.
 TEST(Meta, AnotherTypeThanTheNamePromisesIsNoTrap) {
     Meta record;
     const u32 number = 0x41414141;
@@ -195,7 +195,7 @@ TEST(Meta, AnotherTypeThanTheNamePromisesIsNoTrap) {
     EXPECT_EQ(record.getInt(TAG_SIZE) + record.getInt("flag"), 0U);
     EXPECT_EQ(record.getInt("half"), 0x3F000000U);
     EXPECT_FALSE(record.setTagValue(tagTable[TAG_SIZE].wireName, number));
-    // Set, each takes the type of its name and keeps its place.
+    // Setting a value changes the tag to the type of its name, and keeps its place.
     record.setText(TAG_NAME, "name");
     record.setInt(TAG_SIZE, 3);
     EXPECT_THAT(namesOf(record), ElementsAre("Name", "Size", "flag", "half"));
@@ -210,7 +210,7 @@ TEST(MetaList, RecordsComeAndGoByPointerAndAreSearched) {
     other.addAll(list);
     EXPECT_TRUE(list.remove(&a));
     EXPECT_THAT(list.snapshot(), ElementsAre(&b, &a, &c));
-    // Each occurrence in the other takes one away.
+    // Each occurrence in the other list removes one.
     gone.add(&a);
     gone.add(&c);
     other.removeAll(&gone);
@@ -240,12 +240,12 @@ TEST(MetaList, RecordsComeAndGoByPointerAndAreSearched) {
     EXPECT_EQ(copy->partHashes, a.partHashes);
 }
 
-// The network forms stand on the pages of the formats.
+// The pages of the formats cover the network formats.
 TEST(MetaList, ServersHaveAUsersNetworkFormAndPassingAddressesAreNotSaved) {
     UserMeta user;
     user.id = stringToIp("1.2.3.4");
     user.port = 4662;
-    ServerMeta server;  // drops the 16 bytes of the hash
+    ServerMeta server;  // discards the 16 bytes of the hash
     EXPECT_TRUE(readNetwork(server, networkForm(user)));
     EXPECT_THAT(namesOf(server), ElementsAre("ping", "users", "files"));
     EXPECT_EQ(networkForm(server).substr(0, 22), networkForm(user).substr(0, 22));
@@ -276,7 +276,8 @@ TEST(ServerMeta, RatingFollowsPreferenceAndPingAndIsForgotten) {
     server.setName("Home");
     EXPECT_STREQ(server.getName(name), "Home");
 
-    // Reading forgets what an earlier run measured, but for who was liked and how often one was silent.
+    // Reading drops the measurements of an earlier run, but keeps the preference and the count of unanswered
+    // pings.
     server.setCounts(10, 20);
     server.history = 6;
     ServerMeta again;
@@ -325,7 +326,7 @@ TEST(FileList, LookUpsFindTheFirstWhateverHappensToTheList) {
     EXPECT_EQ(list.find(2, 20, "B"), nullptr);
     EXPECT_EQ(list.find(hashOf(2)), b);
 
-    // A record that takes on another's key stands where the list has it.
+    // A record that gets the key of another is listed under it.
     list.change(a, [&](FileMeta& file) {
         file.copyFrom(b);
         file.date = 20;
@@ -335,7 +336,7 @@ TEST(FileList, LookUpsFindTheFirstWhateverHappensToTheList) {
     EXPECT_EQ(list.find(hashOf(1)), nullptr);
     EXPECT_EQ(list.find(1, 10, "a"), nullptr);
 
-    // Listed twice, it goes one occurrence at a time.
+    // A record that is listed twice is removed once at a time.
     list.add(a);
     EXPECT_TRUE(list.remove(a));
     EXPECT_EQ(list.find(hashOf(2)), b);
@@ -343,7 +344,7 @@ TEST(FileList, LookUpsFindTheFirstWhateverHappensToTheList) {
     EXPECT_THAT(list.snapshot(), ElementsAre(a, twin, b));
     EXPECT_EQ(list.find(hashOf(2)), a);
 
-    // Changed behind the list's back, a record isn't found by what it was, and still goes.
+    // A record that was changed directly isn't found by its old key, but can still be removed.
     a->hash = hashOf(9);
     EXPECT_EQ(list.find(hashOf(2)), twin);
     EXPECT_TRUE(list.remove(a));
@@ -395,11 +396,11 @@ TEST(ServerList, AddressesAreListedOnceAndUsersFoundByHash) {
     EXPECT_EQ(users.find(hashOf(1)), user);
 }
 
-// Quadratic work here takes minutes, not the blink that it is allowed.
+// Quadratic work takes minutes here instead of an instant.
 TEST(FileList, FortyThousandAreAddedAndFoundAtOnce) {
     Owned<FileList> list;
     const auto hashAt = [](u32 i) {
-        MD4Hash hash = hashOf(1);  // alike in front, as a stranger would choose them
+        MD4Hash hash = hashOf(1);  // equal at the front, as a stranger would choose them
         hash.bytes[14] = static_cast<u8>(i >> 8);
         hash.bytes[15] = static_cast<u8>(i);
         return hash;
@@ -423,14 +424,14 @@ TEST(MetaFiles, AListComesBackAsItWasOrAsFarAsItIsSound) {
     const std::string record = le32(0x01020304) + std::string(16, 7) + le16(2) + std::string(16, 8) +
                                std::string(16, 9) + le32(2) + "\2" + text16("\1") + text16("a") + "\3" +
                                text16("\2") + le32(3);
-    // A path may be typed the way of another system; and a load adds.
+    // A path may be typed in another system's style; and loading adds to the list.
     const std::string typed = folder.path() + "\\known.met";
     EXPECT_EQ(list.save(systemDisk(), typed.c_str()), "");
     EXPECT_EQ(contentOf(path), "\x0E" + le32(1) + record);
     EXPECT_EQ(list.load(systemDisk(), typed.c_str()), LoadResult::whole);
     EXPECT_EQ(diskForm(list), "\x0E" + le32(2) + record + record);
 
-    // What is sound of a damaged file stays, and the file is set aside.
+    // The intact records of a damaged file are kept, and the file is set aside.
     log.setVerbose(true);
     const std::string damaged = "\x0E" + le32(3) + record + record + record.substr(0, 70);
     writeFile(path, damaged);
@@ -443,8 +444,8 @@ TEST(MetaFiles, AListComesBackAsItWasOrAsFarAsItIsSound) {
     EXPECT_EQ(contentOf(path + ".bad"), damaged);
     EXPECT_FALSE(exists(path));
 
-    // Another first byte, an empty file, and a count that promises what never comes; one with its top bit set
-    // is none.
+    // Another first byte, an empty file, and a count without records. A count with its top bit set means
+    // none.
     const std::pair<std::string, LoadResult> others[] = {{"\x0D" + le32(0), LoadResult::damaged},
                                                          {"", LoadResult::damaged},
                                                          {"\x0E" + le32(0x7FFFFFFF), LoadResult::damaged},

@@ -1,4 +1,4 @@
-// Files on their way in: written in any order, verified, saved, found again after a crash, and moved to their
+// Partial files: written in any order, verified, saved, loaded again after a crash, and moved to their final
 // place.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr u32 piece = 184'320;
 
-// The meta file of a one-part download that misses the given ranges.
+// The meta file of a one-part download with these missing ranges.
 std::string metaOf(const RemoteFile& file, const std::string& dataFile, const std::vector<Gap>& missing) {
     const auto text = [](const char* name, const std::string& value) {
         return opcode(META_TAG_STRING, text16(name) + text16(value));
@@ -77,7 +77,7 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhateverElseIsSent) {
     const u32 size = file.size();
     const Ref<Download> download = add(file);
     PartialFile& partial = download->partial();
-    // Before the hashes are known, and with such as don't belong to the file, everything counts as here.
+    // Without hashes, or with hashes that don't belong to the file, all data counts as present.
     give(*download, file, 0, PARTSIZE);
     giveWrong(*download, PARTSIZE, 2 * PARTSIZE);
     giveHashSet(*download, {});
@@ -97,14 +97,14 @@ TEST_F(PartialFiles, KeepWhatIsVerifiedWhateverElseIsSent) {
     EXPECT_TRUE(shared(file)->path.isNull());
     EXPECT_THAT(partial.takeReopened(), testing::IsEmpty()) << "the sources were told";
 
-    // Wrong bytes over the verified part and into the next one: only the next one takes them.
+    // Wrong bytes for the verified part and the next one: only the next one accepts them.
     giveWrong(*download, 1000, PARTSIZE + 1000);
     give(*download, file, PARTSIZE + 500, 2 * PARTSIZE);
     EXPECT_EQ(verified(*download), "100");
     for (int twice = 0; twice < 2; ++twice) give(*download, file, PARTSIZE - 500, 2 * PARTSIZE);
     EXPECT_EQ(verified(*download), "110");
 
-    // Ranges that make no sense, and fewer bytes than promised.
+    // Invalid ranges, and fewer bytes than announced.
     log.take();
     log.setVerbose(true);
     for (const auto& [start, end] : std::vector<std::pair<u32, u32>>{{size - 10, size - 10},
@@ -133,7 +133,7 @@ TEST_F(PartialFiles, EndCorruptedWhenTheWholeFails) {
         EXPECT_EQ(download->partial().status(), PartialFile::gone);
         EXPECT_FALSE(shared(file));
     }
-    // Under its own name, which the next start doesn't take for a meta file.
+    // It keeps a name that the next start doesn't take for a meta file.
     EXPECT_EQ(namesIn(temp()) + "," + namesIn(incoming()), "kept.met_,");
 
     preferences.saveCor = 1;
@@ -162,11 +162,11 @@ TEST_F(PartialFiles, LeaveNothingBehindWhenTheyAreCancelled) {
     EXPECT_EQ(namesIn(temp()), "");
 }
 
-// --- meta files
+// --- Meta files
 
 TEST_F(PartialFiles, SaveTheirMetaFileToTheByte) {
     RemoteFile file("film.avi", 1000);
-    // What only a meta file tells is not taken from a stranger's record.
+    // Tags that only a meta file may have are dropped from a stranger's record.
     for (const char* name : {"\t0", "\n0"}) file.record.addTag(MetaTag::makeTag(name, piece));
     file.record.setInt(TAG_STATE, 1);
     file.record.setText(TAG_TEMPFILENAME, "../else");
@@ -194,7 +194,7 @@ TEST_F(PartialFiles, AreFoundAgainAndTheirPartsVerified) {
     clientApp.shared.clear();
     download = dlPool.findAny(file.record.hash);
     const std::string data = dataFileOf(*download);
-    // Meanwhile somebody has changed a byte of the second part.
+    // In the meantime a byte of the second part is changed.
     std::fstream(data, std::ios::in | std::ios::out).seekp(PARTSIZE + 5) << "?!";
     download->verify([] { return true; });
     EXPECT_EQ(download->getStatus(), DL_STATUS_HASHING) << "given up";
@@ -206,7 +206,7 @@ TEST_F(PartialFiles, AreFoundAgainAndTheirPartsVerified) {
     EXPECT_EQ(gaps(download->partial()), "9728000-19456010");
     EXPECT_FALSE(download->partial().partHashesKnown()) << "they are asked for again all the same";
     EXPECT_TRUE(shared(file));
-    // What is shortened while it is verified can't be.
+    // A file that is shortened during verification can't be verified.
     restart();
     fs::resize_file(data, 100);
     log.take();
@@ -227,7 +227,7 @@ TEST_F(PartialFiles, ThatCannotBeLoadedAreNamedAndLeftAlone) {
     const struct {
         const char* name;
         std::string bytes;
-        const char* said;  // nothing where it is no meta file of ours
+        const char* said;  // empty if it isn't one of our meta files
     } metas[] = {
         {"2.part.met", metaOf(missing, "2.part", {{0, 500}}), "2.part not found."},
         {"3.part.met", record("folder", "3.part"), "3.part Couldn't be opened."},
@@ -247,7 +247,7 @@ TEST_F(PartialFiles, ThatCannotBeLoadedAreNamedAndLeftAlone) {
     for (const auto& meta : metas) EXPECT_THAT(said, HasSubstr(meta.said));
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 8) << said;
     EXPECT_EQ(gaps(dlPool.findAny(good.record.hash)->partial()), "0-500");
-    // Neither a cancel nor a save touches what didn't load.
+    // Neither a cancel nor a save changes what wasn't loaded.
     const Ref<Download> failed = dlPool.findAny(missing.record.hash);
     ASSERT_TRUE(failed);
     EXPECT_EQ(failed->getStatus(), DL_STATUS_ERROR_LOADING);
@@ -265,8 +265,8 @@ TEST_F(PartialFiles, MissNoMoreThanTheyShould) {
         const char* expected;
     } rows[] = {
         {600, {{600, 1000}}, "600-1000"},
-        {600, {{200, 300}}, "200-300 600-1000"},  // the end was here,
-        {600, {{700, 800}}, "600-1000"},          // but for some
+        {600, {{200, 300}}, "200-300 600-1000"},  // the file ends here
+        {600, {{700, 800}}, "600-1000"},          // with data beyond
         {1000, {{300, 200}, {5, 5}, {900, 4'000'000'000}}, "900-1000"},
         {0, std::vector<Gap>(10'000, Gap{0, 1000}), "0-1000 0-1000 0-1000 0-1000 0-1"},
     };
@@ -279,7 +279,7 @@ TEST_F(PartialFiles, MissNoMoreThanTheyShould) {
         load();
         EXPECT_EQ(gaps(verifyLoaded(file)->partial()).substr(0, 31), expected);
     }
-    // With gaps enough, no packet makes another.
+    // With the maximum number of gaps, no packet creates another.
     const Ref<Download> download = dlPool.find(file.record.hash);
     dlPool.tick(500);
     download->tick(1);
@@ -289,9 +289,9 @@ TEST_F(PartialFiles, MissNoMoreThanTheyShould) {
     EXPECT_FALSE(download->partial().overlaps(0, 501));
 }
 
-// --- disks
+// --- Disks
 
-// Files can't grow past so many bytes while one lives.
+// While one exists, files can't grow beyond this size.
 class FileSizeLimit {
   public:
     explicit FileSizeLimit(u64 bytes) : oldHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
@@ -391,7 +391,7 @@ TEST_F(PartialFiles, ComeBackFromAKillWithEveryPartThatWasVerifiedAtTheLastSave)
     }
 }
 
-// --- names and moves
+// --- Names and moves
 
 TEST(SafeFileNames, AreOnePlainComponent) {
     const std::string long300(300, 'x');
@@ -427,7 +427,7 @@ TEST_F(PartialFiles, NeverTakeTheNameOfAFileThatExists) {
     EXPECT_TRUE(hasBytes(incoming("100_movie.avi"), file.bytes));
     EXPECT_EQ(contentOf(incoming("movie.avi")) + contentOf(incoming("99_movie.avi")), "minemine");
 
-    // The next temp name is one whose meta file doesn't lie there either.
+    // The next temp name must be free of a meta file, too.
     i4_string name;
     engine.partFileNamer.makeTempName(name);
     const int last = std::atoi(name.c_str());
@@ -463,7 +463,7 @@ TEST_F(PartialFiles, CrossFileSystemsWhole) {
     EXPECT_TRUE(hasBytes(other.file("2_a"), file.bytes));
     EXPECT_EQ(namesIn(temp()), "9.part");
 
-    // Given up on the way, nothing has changed; where the copy doesn't fit, the file stays and it is said.
+    // A cancelled copy changes nothing. If the copy doesn't fit, the file stays and the reason is printed.
     i4_string path;
     int asked = 0;
     EXPECT_FALSE(engine.partFileNamer.moveFile(source.c_str(), "c", other.path().c_str(), path,
@@ -479,7 +479,7 @@ TEST_F(PartialFiles, CrossFileSystemsWhole) {
     EXPECT_EQ(namesIn(other.path()), "2_a a");
 }
 
-// --- the end of the program
+// --- The end of the program
 
 TEST_F(PartialFiles, ThatWereCompletingWhenTheProgramEndedCompleteAtTheNextStart) {
     const RemoteFile file("a", 5000);
@@ -490,7 +490,7 @@ TEST_F(PartialFiles, ThatWereCompletingWhenTheProgramEndedCompleteAtTheNextStart
     ASSERT_TRUE(download);
     EXPECT_EQ(download->partial().complete([] { return true; }), PartialFile::Completion::abandoned);
     EXPECT_EQ(namesIn(temp()), "1.part 1.part.met");
-    dlPool.sourceStarted();  // no source may start: it needs none
+    dlPool.sourceStarted();  // no source may start, and it needs none
     download->tick(1);
     EXPECT_EQ(download->getStatus(), DL_STATUS_COMPLETING);
     EXPECT_TRUE(completes(download, file));

@@ -1,5 +1,5 @@
-// Every message between clients: the bytes that go out, what comes in, and what strangers make of either;
-// friends and their files, and who may open a call.
+// Every message between clients: the bytes sent and received, and hostile uses of them. Friends and their
+// files, and who may open a chat.
 #include <functional>
 
 #include "peer/Call.h"
@@ -15,7 +15,7 @@ const std::string unknownBytes = bytesOf(unknown);
 
 class PeerTest : public EngineTest {
   protected:
-    // What stands behind the opcode of Hello's mark, and of HelloAnswer.
+    // The part of Hello after its first byte, and of HelloAnswer.
     std::string selfOnWire() {
         i4_owned_ram_file file;
         preferences.writeSelf(file);
@@ -70,7 +70,7 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
 
     TestPeer& calling = stranger(2);
     EXPECT_TRUE(calling.awaits());
-    // Said twice, it is listed once.
+    // A repeated hello doesn't list it twice.
     for (int i = 0; i < 2; ++i) {
         EXPECT_TRUE(calling.hear(opcode(OP_HELLO, "\x10" + identity(7, "Bob", addressOf(9)))));
         EXPECT_EQ(calling.sentOne(), opcode(OP_HELLO_ANSWER, selfOnWire()));
@@ -80,7 +80,7 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
     EXPECT_EQ(calling.ip, addressOf(9));
     EXPECT_TRUE(calling.sameUser(User(9)));
 
-    // An ID of 0 is the address of the socket.
+    // An ID of 0 means the address of the socket.
     TestPeer& nameless = stranger(3);
     const std::string user = bytesOf(hashOf(3)) + le32(0) + le16(4662) + le32(0);
     EXPECT_TRUE(nameless.hear(opcode(OP_HELLO, "\x10" + user + le32(addressOf(201)) + le16(4661))));
@@ -94,7 +94,7 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
               (std::vector<u32>{addressOf(3), addressOf(201), 77, addressOf(202)}));
 }
 
-// A bad one ends the connection without an answer; of an absurd one little is kept.
+// A bad one ends the connection without an answer; little is kept of an oversized one.
 TEST_F(PeerTest, IdentitiesAreNotTakenOnTrust) {
     const std::string good = identity(1, "Ada");
     std::string absurd = bytesOf(hashOf(1)) + le32(addressOf(1)) + le16(4662);
@@ -144,14 +144,14 @@ TEST_F(PeerTest, WhatIsAskedAboutFilesIsAnswered) {
         EXPECT_TRUE(asking.hear(question));
         EXPECT_EQ(asking.sentOne(), answer);
     }
-    // Without a download either, nothing is known to be missing.
+    // Without a download, too, nothing is known to be missing.
     dlPool.remove(download);
     EXPECT_TRUE(asking.hear(opcode(OP_GET_FILE_STATUS, partialBytes)));
     EXPECT_EQ(asking.sentOne(), opcode(OP_FILE_STATUS, partialBytes + le16(0)));
     clientApp.shared.clear();
 }
 
-// Who asks and takes no answers is closed; a list of our files is sent once at a time.
+// A peer that doesn't read its answers is disconnected; a list of our files is sent once at a time.
 TEST_F(PeerTest, AnswersThatWaitAreBounded) {
     shareFile(known, "a.bin", "0123456789").partHashes.assign(1000, hashOf(3));
     TestPeer& asking = peer(1);
@@ -187,7 +187,7 @@ TEST_F(PeerTest, WhatIsShortEndsTheConnectionAndWhatIsNoUseIsDropped) {
         {opcode(OP_CHAT_REFUSED), ""},
         {opcode(OP_RELEASE_SLOT), ""},
         {opcode(OP_SLOT_ENDED), ""},
-        // About files that nobody here fetches, and data from somebody who wasn't asked.
+        // About files that we don't download, and data from a peer that wasn't asked.
         {opcode(OP_FILE_DATA, unknownBytes + tail), ""},
         {opcode(OP_NO_SUCH_FILE, unknownBytes + tail), ""},
         {opcode(OP_HASH_SET, unknownBytes + tail), ""},
@@ -202,12 +202,12 @@ TEST_F(PeerTest, WhatIsShortEndsTheConnectionAndWhatIsNoUseIsDropped) {
     EXPECT_TRUE(download->partial().overlaps(0, 4));
 }
 
-// --- friends and calls
+// --- Friends and chats
 
 const std::string chat = opcode(OP_CHAT_MESSAGE, text16("hello"));
 const std::string refusal = opcode(OP_CHAT_REFUSED);
 
-// What the user interface hears of friends and calls.
+// Records the events of friends and chats.
 class Listener : public CapturedLog {
   public:
     void friendsChanged() override { told += "friends;"; }
@@ -228,13 +228,13 @@ class FriendsTest : public EngineTest {
         friendList.getFiles().deleteAll();
     }
 
-    // Whom nobody reaches, while we have a low ID too.
+    // Makes the user unreachable, since our ID is low too.
     void makeLow(UserMeta& user, u8 fill) {
         preferences.setClientId(5);
         user.id = 77;
         user.hash = hashOf(fill);
     }
-    // The friends and how they stand: "1:2 2:0".
+    // The friends and their states: "1:2 2:0".
     std::string drawn() {
         const i4_guard guard(friendList);
         std::string text;
@@ -263,7 +263,7 @@ TEST_F(FriendsTest, AreKnownOnceComeAndGoAndAreRenewed) {
     EXPECT_FALSE(friendList.isFriend(hashOf(1)));
     TestPeer& peer = this->peer(1, "Ada");
     this->peer(2);
-    // Found by the hash that came with the connection.
+    // Found by the hash that the connection sent.
     EXPECT_EQ(ui.heard() + drawn(), "friends;1:2");
     EXPECT_TRUE(friendList.isFriend(hashOf(1)));
     EXPECT_FALSE(friendList.isFriend(MD4Hash()));
@@ -289,14 +289,14 @@ TEST_F(FriendsTest, TellTheirFilesWhenAsked) {
     EXPECT_TRUE(peer.hear(files("c.txt")));
     EXPECT_TRUE(peer.hear(files("d.txt")));
     EXPECT_EQ(shownFile(), "c.txt") << "once";
-    // Asked for nobody's, the next answer is nobody's either.
+    // After the request is cancelled, the next answer is ignored.
     friendList.askFiles(&byAddress);
     messageQ.post(MESSAGE_ASK_FRIEND_FILES);
     messageQ.process();
     EXPECT_TRUE(peer.hear(files("d.txt")));
     EXPECT_EQ(shownFile(), "c.txt");
-    // A list that can't be read ends the connection; the files stay, and the friend who comes back is asked
-    // again, wherever he comes from. A long one that nobody waits for isn't even read.
+    // An unreadable list ends the connection. The previous files are kept, and the friend is asked again when
+    // he returns, from whatever address. A long list that wasn't requested isn't read.
     const std::string unreadable = opcode(OP_SHARED_FILES, le32(100'000) + std::string(70'000, '\xFF'));
     EXPECT_TRUE(peer.hear(unreadable));
     friendList.askFiles(&byAddress);
@@ -338,7 +338,7 @@ TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
     ui.heard();
     ASSERT_TRUE(peer.hear(opcode(OP_CHAT_MESSAGE, text16(longest))));
     EXPECT_EQ(ui.heard(), longest + ";");
-    // Longer than any text, it isn't one.
+    // A text beyond the longest possible one.
     EXPECT_FALSE(peer.hear(opcode(OP_CHAT_MESSAGE, text16(longest + "x"))));
     peer.end();
     EXPECT_EQ(ui.heard(), "Disconnected.;call 3;");
@@ -363,8 +363,8 @@ TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
     EXPECT_EQ(callList.open(low)->state(), CALL_ENDED);
 }
 
-// Calls stay for the life of the process, so that each case has users of its own. A flood comes from one who
-// calls himself somebody else each time, by the first two bytes of the hash.
+// Chats stay until the process ends, so each case has its own users. The flood comes from a peer that claims
+// another identity each time, by the first two bytes of the hash.
 TEST_F(FriendsTest, WhoMayOpenACall) {
     u8 next = 10;
     for (const int allowed : {1, 2, 0}) {
@@ -393,7 +393,7 @@ TEST_F(FriendsTest, WhoMayOpenACall) {
         EXPECT_GE(refused, allowed == 0 ? 100 : 1100) << "a thousand calls at most";
         EXPECT_LT(refused, allowed == 0 ? 200 : 1101);
     }
-    // Before the hello nobody is known, whoever has friends without a hash.
+    // Before the hello a peer is nobody, even if a friend has no hash.
     preferences.pmAllow = 2;
     friendList.add(addressOf(50), 4662);
     TestPeer& silent = stranger(next);

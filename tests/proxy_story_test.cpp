@@ -1,4 +1,4 @@
-// A client behind real proxies, and behind some that misbehave.
+// A client with real proxies, and with some that misbehave.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -10,11 +10,12 @@ namespace {
 
 using namespace std::string_literals;
 
+// A proxy program and how it is set up.
 struct Kind {
     std::string program;
-    const char* type;    // as --set-proxy names it
-    std::string slow;    // a good answer, but for the last byte
-    std::string config;  // with PORT in it
+    const char* type;    // as in --set-proxy
+    std::string slow;    // a good answer without its last byte
+    std::string config;  // contains PORT
 };
 const Kind dante{"danted", "socks4", "\0\x5a\0\0\x7f\0\0"s,
                  "logoutput: /dev/null\ninternal: 127.0.0.1 port = PORT\nexternal: 127.0.0.1\n"
@@ -24,8 +25,8 @@ const Kind microsocks{"microsocks", "socks5", "\5", ""};
 const Kind tinyproxy{"tinyproxy", "http", "HTTP/1.0 200 Connection established\r\n\r",
                      "Port PORT\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 600\n"};
 
-// A proxy program on loopback, in a session of its own, which may ask for the user kit with the password
-// secret; tinyproxy lets through to the target ports alone.
+// A proxy program on loopback in its own session. It can require the user kit with the password secret.
+// tinyproxy allows only the target ports.
 class RealProxy {
   public:
     explicit RealProxy(const Kind& kind, std::vector<std::string> targets = {}, bool withPassword = false)
@@ -42,17 +43,17 @@ class RealProxy {
     }
     void stop() {
         if (!process_) return;
-        // With all its children: those of danted would go on with the tunnels that stand.
+        // With its children: danted's would continue the open tunnels.
         ::kill(-process_->pid(), SIGKILL);
         process_.reset();
     }
-    // For --set-proxy; `login` begins with a comma, or is empty.
+    // The value for --set-proxy. `login` begins with a comma, or is empty.
     std::string setting(const std::string& login = "") const {
         return kind_.type + ",localhost,"s + std::to_string(port_) + login;
     }
 
   private:
-    // Where the system has its programs, in the order in which a shell of root's looks.
+    // Searches the system's directories in the order of root's shell.
     std::string program() const {
         for (const char* folder : {"/usr/local/bin/", "/usr/sbin/", "/usr/bin/"})
             if (exists(folder + kind_.program)) return folder + kind_.program;
@@ -121,13 +122,13 @@ TEST_P(ProxyStory, AClientLogsOnSearchesAndDownloadsThroughIt) {
     leech.findAndDownload("behind");
     EXPECT_TRUE(leech.hasFinished("behind.bin", bytes)) << leech.console().output();
 
-    // It can't be called, and calls those who want its files.
+    // It can't be called, but calls those who want its files.
     writeFile(leech.file("own/ahead.bin"), bytes.substr(1));
     leech.share(leech.file("own"), index);
     seed.findAndDownload("ahead");
     EXPECT_TRUE(seed.hasFinished("ahead.bin", bytes.substr(1))) << seed.console().output();
 
-    // The way went through the proxy, and no way goes around it.
+    // The connection went through the proxy, and none bypasses it.
     proxy.stop();
     EXPECT_TRUE(eventually([&] { return leech.view("g", "> ").find("Not connected") != std::string::npos; }));
     ASSERT_TRUE(leech.type("c 1", "Can't connect to")) << leech.console().output();
@@ -142,11 +143,11 @@ INSTANTIATE_TEST_SUITE_P(Each, ProxyStory,
                                          std::pair{&tinyproxy, true}),
                          nameOf);
 
-// A client, and the place of its proxy.
+// A client and the port of its proxy.
 struct Behind {
     Behind(const Kind& which, const IndexServerProcess& index)
         : kind(which), proxy(which, {index.port()}), client("leech", index) {}
-    // The attempt before may have told that it failed, and not be over yet.
+    // The previous attempt may have reported its failure before it has ended.
     void attempt() {
         EXPECT_TRUE(eventually(
             [&] { return client.view("c 1", "to ").find("Connecting to ") != std::string::npos; }));

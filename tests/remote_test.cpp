@@ -1,4 +1,4 @@
-// The remote controller's protocol, byte for byte, and which events go where.
+// The remote controller's protocol, byte by byte, and where each event is sent.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -21,24 +21,26 @@ using testing::IsEmpty;
 using Bodies = std::vector<std::string>;
 
 std::string fileBytes(u8 fill, const std::string& name) { return namedRecord(hashOf(fill), 0, 0, name); }
-// Its one tag is its name.
+// A record whose only tag is its name.
 std::unique_ptr<FileMeta> namedFile(u8 fill, const std::string& name) {
     auto file = makeFile(name, 0, fill);
     file->removeTag(TAG_SIZE);
     return file;
 }
 
+// A controller's connection that the tests drive.
 class TestController : public InNoPool<GUIController> {
   public:
     TestController(SocketPool& pool, u32 from, TcpipUI& ui) : InNoPool(pool, from, ui) {}
     using GUIController::sendStatus;
-    // Looks at this time whether it stands still; true while it may go on.
+    // Checks for a stall at time `now`; true if the connection may continue.
     bool goesOn(u32 now) {
         checkStall(now);
         return !isClosing();
     }
 };
 
+// The wrapped interface, with a hook that runs before a download is removed.
 struct Wrapped : ToldEvents {
     void downloadRemoved(Download* download) override {
         if (leaving) leaving();
@@ -87,7 +89,7 @@ class Remote : public EngineTest {
 };
 
 TEST_F(Remote, OnlyAGoodLogOnIsLetIn) {
-    u8 from = 1;  // each from an address of its own, so that none is taken for a guesser
+    u8 from = 1;  // each has its own address, so that none is blocked for guessing
     const auto refused = [&](const std::string& body) {
         TestController& guest = caller(addressOf(from++));
         return !guest.hear(body) && guest.sent().empty();
@@ -97,19 +99,19 @@ TEST_F(Remote, OnlyAGoodLogOnIsLetIn) {
           opcode(CTL_LOGON, text16("kit") + le16(7) + "kit"), logon() + std::string(70'000, 'x')}) {
         EXPECT_TRUE(refused(bad));
     }
-    // Empty ones count on this machine only.
+    // Empty ones are accepted on this machine only.
     for (const char* name : {"", "kit"}) {
         preferences.setAdmin(name, "");
         EXPECT_TRUE(refused(logon(name, "")));
         TestController& local = caller(0x0200007F);
         EXPECT_TRUE(local.hear(logon(name, "")));
-        local.end();  // for the next one: there is one at a time
+        local.end();  // for the next one: only one may be logged on
     }
 }
 
 TEST(LogonGuard, HoldsAnAddressAtFiveRefusalsInAnyMinute) {
     LogonGuard guard;
-    const u32 start = 0xFFFFFFFF - 30'000;  // the clock wraps within the minute
+    const u32 start = 0xFFFFFFFF - 30'000;  // the clock wraps around within the minute
     for (const u32 at : {0U, 50'000U, 55'000U, 58'000U}) guard.refused(1, start + at);
     EXPECT_FALSE(guard.isBlocked(1, start + 59'000));
     guard.refused(1, start + 59'000);
@@ -119,7 +121,7 @@ TEST(LogonGuard, HoldsAnAddressAtFiveRefusalsInAnyMinute) {
     guard.refused(1, start + 61'000);
     EXPECT_TRUE(guard.isBlocked(1, start + 109'999));
     EXPECT_FALSE(guard.isBlocked(1, start + 110'000));
-    // Ever new addresses don't buy one that is held its way out.
+    // Many new addresses don't displace one that is blocked.
     for (u32 i = 0; i < 5; ++i) guard.refused(9, start + 200'000);
     for (u32 ip = 100; ip < 900; ++ip) guard.refused(ip, start + 200'000);
     EXPECT_TRUE(guard.isBlocked(9, start + 200'001));
@@ -137,7 +139,7 @@ TEST_F(Remote, WhoSaysNothingAndWhoStandsStillIsLetGo) {
     EXPECT_FALSE(controllers[1]->goesOn(30'002));
     EXPECT_TRUE(first.hear(logon()));
     EXPECT_TRUE(door.canAccept());
-    // Logged on, it may be silent, but not within a message.
+    // After the log-on it may be silent, but not within a message.
     u32 now = 200'000;
     EXPECT_TRUE(first.goesOn(now));
     for (const char byte : framed(opcode(CTL_COMMAND)).substr(0, 5)) {
@@ -183,7 +185,7 @@ TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
                     opcode(CTL_SLOT_ADDED, le32(slot.identity()) + text16("ann")),
                     opcode(CTL_SLOT_REMOVED, le32(slot.identity())), opcode(CTL_HASHING, text16("c")),
                     opcode(CTL_FRIENDS), opcode(CTL_FRIEND_FILES, le32(0)), opcode(CTL_DISCONNECTED)));
-    // The whole list took the place of the single result; others come behind it, but not without end.
+    // The complete list replaced the single result; further ones are appended, up to the limit.
     EXPECT_FALSE(ui->findResult(hashOf(1)));
     EXPECT_TRUE(ui->findResult(hashOf(2)));
     for (int i = 0; i < 10'100; ++i) ui->addResult(namedFile(3, "").release());
@@ -208,7 +210,7 @@ TEST_F(Remote, LinesGoToBothAndAreCutAt255Bytes) {
         EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_PRINT_LINE, text16(cut))));
         EXPECT_EQ(inner.take(), cut + "\n");
     }
-    // What a command says goes the same way.
+    // The output of a command is sent in the same way.
     EXPECT_TRUE(to.hear(opcode(CTL_COMMAND, text16("nonsense"))));
     const std::string line = "Unrecognized command. type ? for help\n";
     EXPECT_THAT(to.sent(), ElementsAre(opcode(CTL_PRINT_LINE, text16(line))));
@@ -272,7 +274,7 @@ TEST_F(Remote, DownloadsAreSteeredByTheirHash) {
     EXPECT_TRUE(to.hear(opcode(CTL_CANCEL, hash)));
     EXPECT_FALSE(to.hear(opcode(CTL_PRIORITY, hash)));
     to.end();
-    // One that logs on at this very moment still finds the download in the list.
+    // A controller that logs on at this moment still finds the download in the list.
     TestController& late = caller();
     inner.leaving = [&] { EXPECT_TRUE(late.hear(logon())); };
     while (messageQ.process()) continue;

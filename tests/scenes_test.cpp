@@ -1,4 +1,4 @@
-// Whole networks in virtual time: every scene that doesn't take long, and what a simulation promises.
+// Whole networks in virtual time: every short scene, and the guarantees of a simulation.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -15,7 +15,7 @@
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__)
-constexpr u64 seeds = 1;  // a sanitizer takes ten times as long
+constexpr u64 seeds = 1;  // sanitizers take ten times as long
 #else
 constexpr u64 seeds = 3;
 #endif
@@ -47,6 +47,7 @@ INSTANTIATE_TEST_SUITE_P(Scenes, EachScene, testing::ValuesIn(shortScenes()), []
     return name;
 });
 
+// The results of a scene.
 struct Played {
     std::string log;
     u64 digest = 0;
@@ -70,7 +71,7 @@ TEST(Simulated, TheSameSeedGivesTheSameRun) {
     EXPECT_NE(one.svg.find("MB from seed, "), std::string::npos);
 }
 
-// A loop that forgot a deadline or a wake-up makes a scene longer than one whose loops run all the time.
+// If a loop forgets a deadline or a wake-up, a scene takes longer than one whose loops run all the time.
 TEST(Simulated, NoLoopForgetsToWake) {
     for (const char* name : {"pair", "four", "router"}) {
         Scene resting(5);
@@ -82,7 +83,7 @@ TEST(Simulated, NoLoopForgetsToWake) {
     }
 }
 
-// What a scene looks at by itself is found where it is so.
+// Violations of what a scene checks are detected.
 TEST(Simulated, InvariantsAreSeen) {
     const auto failureOf = [](const std::function<void(Scene&, SceneClient&)>& act) {
         Scene scene(9);
@@ -113,7 +114,7 @@ TEST(Simulated, InvariantsAreSeen) {
                 testing::HasSubstr("after 3 s: never"));
 }
 
-// Engines come and go in one process, and nothing of them stays.
+// A process can make and destroy many engines, and nothing is left of them.
 TEST(Simulated, AThousandEnginesAreMadeAndDropped) {
     for (int round = 0; round < 1000; ++round) {
         Simulation world(static_cast<u64>(round));
@@ -141,7 +142,7 @@ TEST(Simulated, AnEngineWithOneDownloadTakesAtMostOneMebibyte) {
 
 // --- Friends
 
-// A user interface that shows friends and calls.
+// A user interface that records friends and chats.
 class Sociable : public SimScreen {
   public:
     void friendFiles() override { ++lists; }
@@ -167,7 +168,7 @@ struct Friends : testing::Test {
         scene.run(10);
         ada->engine.friendList.add(bob.machine.address(), 4662);
     }
-    // About Ada's one friend.
+    // Posts a message about Ada's only friend.
     void post(u32 number) {
         auto user = std::make_shared<UserMeta>();
         {
@@ -202,7 +203,7 @@ TEST_F(Friends, TheyTalkAndOneLooksAtTheOthersFiles) {
     bob.leave();
     untilHeard(adasScreen, "Disconnected.\ncall 3");
     EXPECT_FALSE(adasScreen.last->send("Still there?"));
-    // The friend is known to the next run, the call isn't; who comes back may not want to talk.
+    // The next run knows the friend but not the chat; the friend may refuse one then.
     ada.leave();
     bob.comeBack();
     bob->engine.preferences.pmAllow = 1;
@@ -218,8 +219,8 @@ TEST_F(Friends, TheyTalkAndOneLooksAtTheOthersFiles) {
     EXPECT_FALSE(bobsScreen.hears("Good evening"));
 }
 
-// Its record lies within the file and can't hold the file's own hash: the copy is set aside as every download
-// whose hash is another. Opened from there, it brings its members.
+// A collection's record is inside the file and can't hold the file's own hash, so the copy ends as a
+// corrupted download. Opened from there, it provides its members.
 TEST_F(Friends, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
     const SimFileOffer* const members[] = {&scene.makeFile("dipper.bin", 1'000'000),
                                            &scene.makeFile("kingfisher.bin", 100'000)};
@@ -254,7 +255,7 @@ TEST_F(Friends, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
 
 // --- Transfers
 
-// Nobody reaches one of the two: the server gives it a low ID, and the other one's calls go through the
+// One of the two is unreachable: the server gives it a low ID, and the other connects to it through the
 // server.
 TEST(Transfers, AClientBehindAFirewallGivesAndFetches) {
     Scene scene(1);
@@ -279,7 +280,7 @@ TEST(Transfers, ACorruptPartIsFetchedAgain) {
     scene.share(seed, film);
     SceneClient& leecher = scene.arrive("leecher");
     scene.run(5);
-    // From now on the seed offers other bytes than those that it has hashed.
+    // From now on the seed sends other bytes than those it hashed.
     seed.disk.lay("/shared/film.avi", Synthetic{99, film.content.size});
     scene.fetch(leecher, film);
     scene.until("the lie is seen",
@@ -288,7 +289,7 @@ TEST(Transfers, ACorruptPartIsFetchedAgain) {
     scene.untilAllHave({&leecher}, film, 600);
 }
 
-// Lays a paused download into the client's temp directory, which has this one part.
+// Puts a paused download that has this one part into the client's temp directory.
 void layPart(SceneClient& client, const SimFileOffer& file, std::size_t part) {
     const auto size = static_cast<u32>(file.content.size);
     const auto start = static_cast<u32>(part * PARTSIZE);

@@ -37,6 +37,7 @@ std::string printed(const SearchNode& node) {
     return out;
 }
 
+// The record that the searches are matched against.
 struct Record : FileMeta {
     Record() {
         setName("My LOVELY Song.mp3");
@@ -48,7 +49,7 @@ struct Record : FileMeta {
 };
 
 TEST(Search, TreesHaveTheirBytes) {
-    // Read, texts and values are in lower case; names of tags and bytes past ASCII are as they were.
+    // After reading, texts and values are in lower case; names of tags and non-ASCII bytes are unchanged.
     const struct {
         Node tree;
         std::string bytes, read;
@@ -71,7 +72,7 @@ TEST(Search, TreesHaveTheirBytes) {
 }
 
 TEST(Search, RefusesWhatIsNoTree) {
-    for (std::size_t levels : {64U, 65U}) {  // so many, down the left
+    for (std::size_t levels : {64U, 65U}) {  // levels on the left side
         const std::string chain = std::string(2 * levels - 2, '\0') + std::string(levels, '\4');
         EXPECT_EQ(readBytes(chain) != nullptr, levels == 64);
     }
@@ -112,7 +113,7 @@ TEST(Search, MatchesRecords) {
         {number("Artist", 0, COMPARE_NOT_EQUAL), false, "not an integer tag"},
     };
     for (const auto& row : table) EXPECT_EQ(row.node->matches(record), row.expected) << row.why;
-    // Of the bitrate 128 with 127, 128 and 129, the tag's value on the left.
+    // Compares the bitrate 128 with 127, 128 and 129; the tag's value is on the left.
     const std::pair<u32, const char*> comparisons[] = {{COMPARE_EQUAL, "010"},   {COMPARE_ABOVE, "100"},
                                                        {COMPARE_BELOW, "001"},   {COMPARE_AT_LEAST, "110"},
                                                        {COMPARE_AT_MOST, "011"}, {COMPARE_NOT_EQUAL, "101"}};
@@ -126,7 +127,7 @@ TEST(Search, MatchesRecords) {
 
 TEST(Search, JoinsBranches) {
     const Record record;
-    // For no side, the right one, the left one, and both.
+    // The result if neither, the right, the left, and both sides match.
     const std::pair<u32, const char*> table[] = {{SEARCH_AND, "0001"},
                                                  {SEARCH_OR, "0111"},
                                                  {SEARCH_LEFT_ONLY, "0010"},
@@ -145,7 +146,7 @@ TEST(Search, JoinsBranches) {
     }
 }
 
-// A list of filters is one.
+// A list of filters is such a chain.
 TEST(Search, ALongChainNeedsLittleStack) {
     Search filter;
     for (int i = 0; i < 100'000; ++i) filter.add(find(i == 0 ? "song" : "absent"), SEARCH_OR);
@@ -157,7 +158,7 @@ TEST(Search, TakesAKeyword) {
     struct {
         Node tree;
         std::string keyword;
-        std::string rest;  // printed
+        std::string rest;  // as printed
     } table[] = {
         {find("one  two three"), "one", " ( three & two ) "},
         {find("one "), "one", "one"},

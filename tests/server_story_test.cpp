@@ -1,4 +1,4 @@
-// Clients at their consoles with real index servers, and a second client that the test speaks for.
+// Clients at their consoles with real index servers, and a second client that the test plays.
 #include <gtest/gtest.h>
 
 #include <string>

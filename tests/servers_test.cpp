@@ -1,5 +1,5 @@
-// The connection to an index server, which server that is, the upkeep of their list, and what goes to the
-// others by datagram: over loopback, with servers that the test speaks for, and by a clock of its own.
+// The connection to an index server, the choice of the server, the server list, and the datagrams to other
+// servers. Uses loopback, servers that the test plays, and the test's own clock.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,7 +40,7 @@ const std::string failed = "Can't connect to: 127.0.0.1\n";
 
 std::string named(const std::string& name) { return namedRecord(someHash, 0, 0, name); }
 
-// A listener, the connection that came in to it last, and a datagram socket on the port 4 above.
+// A listener, the last connection that it accepted, and a UDP socket on its port plus 4.
 class FakeServer : public Caller {
   public:
     FakeServer() {
@@ -55,11 +55,11 @@ class FakeServer : public Caller {
     u16 port() const { return listener_->port(); }
     ServerAddress address() const { return {loopbackIp, port()}; }
     bool accept() { return Caller::accept(listener_->descriptor()); }
-    // Nobody is on the way in.
+    // True if no connection is waiting.
     bool isAlone() const { return !isReadable(listener_->descriptor(), std::chrono::seconds(0)); }
     void stopListening() { listener_->close(); }
 
-    // The next datagram; its sender is answered by reply().
+    // Reads the next datagram; reply() answers its sender.
     std::string datagram() {
         std::string bytes(isReadable(udp_) ? 4096 : 0, '\0');
         socklen_t size = sizeof from_;
@@ -81,7 +81,7 @@ class FakeServer : public Caller {
     sockaddr_in from_{};
 };
 
-// Messages are handled when the test says so. The socket pool and one worker run; they are the suite's.
+// Messages are handled when the test says so. The socket pool and a worker run; the suite owns them.
 class Servers : public testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -131,13 +131,13 @@ class Servers : public testing::Test {
         own->serverPool.connect(&address);
         return server.accept();
     }
-    // Rated so that those of a lower ping come first.
+    // Rates the servers so that a lower ping comes first.
     static void know(const FakeServer& server, i32 ping) {
         own->serverPool.addServer(loopbackIp, server.port());
         const i4_guard guard(own->serverPool.servers());
         own->serverPool.servers().find(loopbackIp, server.port())->setPing(ping);
     }
-    // Up to the answer that gives the ID, and what follows it.
+    // Runs up to the answer with the ID and what follows it.
     void logOn(FakeServer& server) {
         ASSERT_TRUE(connectTo(server));
         EXPECT_EQ(server.packet().at(0), 1);
@@ -145,7 +145,7 @@ class Servers : public testing::Test {
         EXPECT_EQ(server.packet(), opcode(OP_GET_SERVER_LIST));
         drain();
     }
-    // What a server's packet brings; behind it the connection still carries messages.
+    // The output caused by a server's packet. The connection must still work after it.
     std::string heard(FakeServer& server, const std::string& body) {
         server.send(framed(body) + framed(opcode(OP_SERVER_STATUS, le32(7) + le32(9))));
         std::string all = log.until("[stats 9 files 7 users]\n");
@@ -155,7 +155,7 @@ class Servers : public testing::Test {
 
     inline static OwnEngine* own = nullptr;
     inline static Worker* worker = nullptr;
-    // The pool's thread may speak at any time: the log outlives it.
+    // The pool's thread may print at any time, so the log outlives it.
     inline static ToldEvents* told = nullptr;
     ToldEvents& log = *told;
     Search search;  // the word "film"
@@ -174,7 +174,7 @@ TEST_F(Servers, LogsOnAsksAndIsLeft) {
               opcode(OP_LOGON, namedRecord(self.hash, 0, 4662, "abcde")).replace(23, 1, "\2") + "\3" +
                   text16("\x11") + le32(59));
     EXPECT_EQ(log.take(), connecting + queued);
-    // What would be asked before the answer could end the connection.
+    // Requests before the log-on's answer could end the connection.
     EXPECT_FALSE(own->serverPool.findSources(first.address(), someHash));
     EXPECT_FALSE(own->serverPool.requestCallback(loopbackIp, first.port(), 7));
     EXPECT_EQ(heard(first, opcode(OP_CLIENT_ID, le32(0x04030201))), "[connected 127.0.0.1]\n");
@@ -213,7 +213,7 @@ TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
         {51, le32(2) + named("a") + named("some spam") + "\1", "[results 1 more 1]\n"},
         {53, le32(0xFFFFFF) + le16(1), ""},
         {56, text16("%s%n"), "%s%n\n"},
-        {66, hash + "\3short", ""},  // of a file that isn't being downloaded nothing more is read
+        {66, hash + "\3short", ""},  // for a file that isn't downloaded, the rest isn't read
         {65, namedRecord(someHash, 0x09090909, 99, "new name"), "[connected new name]\n"},
         {67, le32(1) + named("u"), "[users 1]\n"},
         {67, le32(0) + hash + le8(0), "[users 0]\n"},
@@ -222,12 +222,12 @@ TEST_F(Servers, EachMessageHasItsEffectAndNothingElse) {
     for (const auto& row : rows)
         EXPECT_EQ(heard(first, opcode(row.opcode, row.payload)), row.told) << row.opcode;
     own->clientApp.filter().load(systemDisk(), "no filters");
-    // What it says of itself goes to the entry of the address that we called, not of the one it names.
+    // Its description goes to the entry of the address that we connected to, not of the address it names.
     ASSERT_EQ(own->serverPool.servers().count(), 2u);
     EXPECT_EQ(own->serverPool.servers().get(1)->ip, loopbackIp);
     EXPECT_EQ(own->serverPool.servers().get(1)->port, first.port());
     EXPECT_STREQ(own->serverPool.servers().get(1)->getText(TAG_NAME), "new name");
-    // Servers without end.
+    // An endless number of servers.
     for (u32 turn = 0; turn < 41; ++turn) {
         std::string list = le8(255);
         for (u32 i = 0; i < 255; ++i) list += le32(0x100 * turn + i + 1) + le16(4661);
@@ -243,7 +243,7 @@ TEST_F(Servers, CallsWhomeverItIsAskedToCall) {
     first.say(call);
     ASSERT_TRUE(second.accept());
     EXPECT_EQ(second.packet().substr(0, 2), "\x01\x10");
-    // A changed ID goes to all who are connected, and so does being asked to call one of them.
+    // A changed ID is sent to all connected peers; so is a request to call one of them.
     for (const std::string& packet : {opcode(OP_CLIENT_ID, le32(0x08070605)), call}) {
         first.say(packet);
         EXPECT_EQ(second.packet(), opcode(OP_NEW_IDENTITY, le32(0x08070605) + le32(loopbackIp)));
@@ -288,7 +288,7 @@ TEST_F(Servers, WhatCantBeReadEndsTheConnection) {
     log.until(failed);
     ASSERT_TRUE(eventually([] { return own->messageQ.process(); })) << "the next server is to be tried";
     for (const std::string& bytes :
-         {framed(opcode(OP_SERVER_LIST, "\2" + le32(1) + le16(1))),  // the pair that is whole counts
+         {framed(opcode(OP_SERVER_LIST, "\2" + le32(1) + le16(1))),  // the complete pair counts
           framed(opcode(OP_SEARCH_RESULTS, le32(0x7FFFFFFF) + named("name"))),
           framed(opcode(OP_SERVER_IDENT, named("name").substr(0, 33))), "\xE3" + le32((16 << 20) + 1)}) {
         SCOPED_TRACE(testing::PrintToString(bytes));
@@ -314,7 +314,7 @@ TEST_F(Servers, AreTriedByRatingUntilOneLogsItOn) {
     const ServerAddress other = second.address();
     own->serverPool.connect(&other);
     EXPECT_EQ(log.take(), connecting + queued + "Already trying to connect.\n");
-    first.send("\xE3\x05");  // dies within its answer
+    first.send("\xE3\x05");  // ends within its answer
     first.close();
     EXPECT_EQ(log.until(failed), "[disconnected]\n" + failed);
     ASSERT_TRUE(eventually([] { return own->messageQ.process(); }));
@@ -436,7 +436,7 @@ TEST_F(Servers, ADatagramsSenderCountsAndWhatCantBeReadCostsOnlyItself) {
     drain();
 }
 
-// --- The list, by a clock of the test's own
+// --- The list, with the test's own clock
 
 class ServerListUpkeep : public testing::Test, protected OwnEngine {
   protected:
@@ -444,7 +444,7 @@ class ServerListUpkeep : public testing::Test, protected OwnEngine {
         const i4_guard guard(pool.servers());
         return pool.servers().find(ip, 4661);
     }
-    // One round of pings.
+    // Pings all servers once.
     void round() { pool.tick(1'800'001); }
     ServerPool pool{engine.serverNeeds};
 };

@@ -1,5 +1,5 @@
-// Settings and identity, the program's options, texts by number and the filter: their files read, written,
-// missing and damaged, and the rules between settings.
+// Settings and identity, the program's options, texts by number and the filter: their files when read,
+// written, missing and damaged, and the rules between settings.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ using namespace std::string_literals;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// The two sections of a pref.met: good ones, or those that the bytes hold.
+// The two sections of a pref.met: valid ones, or those that the bytes contain.
 struct File {
     File() {
         self.id = 0x0100007F;
@@ -95,7 +95,7 @@ TEST_F(PreferencesTest, AFirstRunMakesAnIdentityAndSavesItOnlyWhenTold) {
 }
 
 TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
-    // Every key with a value that isn't its default, in an order of its own, and one that isn't ours.
+    // Every key with a value other than its default, in an unusual order, and an unknown key.
     File file;
     for (const char* text : {"pUPass", "pUName", "pSName", "somebodyElses", "password", "userName",
                              "adminPass", "adminName", "temp", "incoming", "lang"}) {
@@ -110,7 +110,7 @@ TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     file.settings.setInt("pType", 2);
     file.settings.setInt("pSize", 184'320);
     file.settings.setInt("maxNumUp", 5);
-    file.settings.setInt("maxUpSpeed", 8004);  // thousandths that a float does not hold
+    file.settings.setInt("maxUpSpeed", 8004);  // thousandths that a float can't represent
     file.setFloat("lineDown", 50.5F);
     file.setFloat("userMaxUpF", 12.25F);
     file.setFloat("userMaxDownF", 100.0F);
@@ -119,7 +119,7 @@ TEST_F(PreferencesTest, AFileOfAnyOrderIsTakenAndComesBackByteForByte) {
     settings->save();
     EXPECT_EQ(contentOf(pref_), viewOf(file.bytes()));
 
-    // Each of these could have changed places with another on both ways.
+    // Detects fields that are swapped on both reading and writing.
     EXPECT_EQ(settings->incomingDir(), "incoming");
     EXPECT_EQ(settings->adminName(), "adminName");
     EXPECT_EQ(settings->proxy().server, "pSName");
@@ -188,7 +188,7 @@ TEST_F(PreferencesTest, AChangedClientIdIsToldAndOnlyAHighOneIsSaved) {
 
 TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
     const struct {
-        f32 up, down, thenDown, thenUp;  // limits; that of downloads when either was set last; 0 is none
+        f32 up, down, thenDown, thenUp;  // limits; the download limit after each was set last; 0 is none
     } rows[] = {{4, 20, 12, 12}, {4, 14, 14, 12}, {4, 16, 16, 12},     {4, 0, 12, 0},
                 {8, 33, 32, 32}, {8, 32, 32, 32}, {4, 12, 12, 12},     {5, 100, 20, 20},
                 {10, 0, 0, 0},   {9, 37, 36, 36}, {10, 500, 500, 500}, {-5, 12, 12, 12}};
@@ -203,7 +203,7 @@ TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
         EXPECT_EQ(second.preferences.userMaxDownF, thenUp);
         EXPECT_EQ(second.preferences.userMaxUpF, std::max(up, 0.0F));
     }
-    // What a file says passes through the rule as well.
+    // Values from a file follow the rule, too.
     File file;
     file.setFloat("userMaxUpF", 4);
     file.setFloat("userMaxDownF", 20);
@@ -211,10 +211,10 @@ TEST_F(PreferencesTest, TheDownloadLimitKeepsInProportionToASmallUploadLimit) {
     EXPECT_EQ(preferences.userMaxDownF, 12.0F);
 }
 
-// What the program does before its engine starts: real processes, and the pref.met that they leave.
+// What the program does before its engine starts: real processes, and the pref.met that they write.
 class Options : public testing::Test {
   protected:
-    // Runs the program to its end; `output` is what it printed.
+    // Runs the program to its end and stores its output in `output`.
     int run(const std::vector<std::string>& arguments) {
         Process process(programPath("tarnwick"), arguments, home_.path(), Process::Input::pipe);
         process.closeInput();
@@ -263,7 +263,7 @@ TEST_F(Options, AProxyIsStoredAndNothingElseChanges) {
     EXPECT_EQ(run({"--set-proxy", "none"}), 2);
 }
 
-// Type, host, port, user and password, or why the value is refused.
+// Type, host, port, user and password, or the reason of the refusal.
 std::string reading(const std::string& value) {
     i4_proxy_settings proxy;
     std::string error;
@@ -345,7 +345,7 @@ TEST_F(StringTableTest, TextsHandedOutOutliveEveryChangeOfLanguage) {
     EXPECT_STREQ(french, "En attente");
 }
 
-// The names that are left of these when the filter has the lines of `text`.
+// Those of the names that remain if the filter has the lines of `text`.
 std::string filtered(FilterList& filter, const std::string& text, const std::string& names) {
     const TemporaryDirectory folder;
     writeFile(folder.file("filters.txt"), text);
@@ -376,13 +376,13 @@ TEST(FilterList, AnyLineFoundInAnyTextTakesAFileOut) {
     EXPECT_EQ(filtered(filter, x255 + "yyy\nz\n", "spam|" + x255 + "!|yyy|" + x255.substr(1)),
               "spam|yyy|" + x255.substr(1) + "|")
         << "the old lines go, and a line counts up to its 255th character";
-    // A file that isn't there filters nothing.
+    // A missing file filters nothing.
     EXPECT_FALSE(filter.load(systemDisk(), "/nonexistent"));
     EXPECT_FALSE(filter.matches(*makeFile("z", 1, 1)));
 }
 
-// For each row of the table: a tag of another type, whose bytes would make a value of the right one, is as if
-// it weren't there, and what is saved then is of the right type again.
+// For each row of the table: a tag of another type, whose bytes would be valid for the right one, counts as
+// missing. The next save writes the right type.
 TEST_F(PreferencesTest, AValueOfAWrongTypeCountsAsMissing) {
     File wrong;
     for (const Setting& row : setting::table) {

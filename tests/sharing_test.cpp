@@ -1,4 +1,4 @@
-// Shared directories: share.dat, what is hashed, what is recognised, what is passed over and said.
+// Shared directories: share.dat, what is hashed, recognised, skipped and reported.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -28,7 +28,7 @@ using testing::HasSubstr;
 using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
-// Notes what is hashed, in order; `meanwhile` runs before the first byte of a file is read.
+// Records what is hashed, in order. `meanwhile` runs before the first byte of a file is read.
 class HashEvents : public CapturedLog {
   public:
     void hashing(const char* name) override {
@@ -56,8 +56,7 @@ std::vector<i4_string> dirsOf(const ShareList& list) {
     return dirs;
 }
 
-// A HashThread at work in a directory of its own, without an application; `dir` is there to be shared.
-// What it is done in, and who hears of it.
+// A HashThread with its own directory `dir` to share, without an application, and a log of its events.
 struct SharingEngine {
     HashEvents events;
     OwnEngine own{&events};
@@ -69,7 +68,7 @@ class Sharing : public testing::Test, protected SharingEngine, public HashedFile
         own.preferences.load();
         fs::create_directory(dir);
     }
-    // Ends when a run over these directories, for which the shared list starts empty, has ended.
+    // Runs over these directories with an empty shared list, and waits for the end of the run.
     void hash(const std::vector<std::string>& dirs) {
         events.takeNames();
         sharedFiles.clear();
@@ -82,17 +81,17 @@ class Sharing : public testing::Test, protected SharingEngine, public HashedFile
         for (const std::string& path : dirs) list.emplace_back(path.c_str());
         thread.hashDirs(std::move(list));
     }
-    // A run over this directory, in the middle of which a file is read that takes long.
+    // Starts a run over this directory, in which one file takes long to read.
     void askForLongWork(const std::string& first) {
         writeFile(home.file("big/big"), "");
-        fs::resize_file(home.file("big/big"), 4'294'967'295);  // all of it a hole
+        fs::resize_file(home.file("big/big"), 4'294'967'295);  // a single hole
         events.meanwhile = [&](const std::string& name) {
             if (name == "big") reading.signal();
         };
         ask({first, home.file("big")});
         ASSERT_TRUE(reading.wait(60'000));
     }
-    // The paths of what is shared.
+    // The paths of the shared files.
     std::vector<std::string> paths() const {
         std::vector<std::string> paths;
         for (const FileMeta* file : sharedFiles.snapshot()) paths.emplace_back(file->path.view());
@@ -147,7 +146,7 @@ TEST_F(Sharing, FilesAreHashedInPartsOnceAndRecognisedFromThenOn) {
     EXPECT_EQ(file->path, (dir + "/a.iso").c_str());
     EXPECT_STREQ(file->getText(TAG_FORMAT), "iso");
 
-    // The next run, here and at the second start.
+    // The next run, in this process and after a restart.
     hash({dir});
     EXPECT_EQ(events.takeNames(), "None. ");
     FileList reloaded{LockRank::knownFiles};
@@ -174,7 +173,7 @@ TEST_F(Sharing, KnownContentUnderAnotherNameTimeOrPlaceKeepsItsRecord) {
     EXPECT_STREQ(renamed->getName(), "new");
     EXPECT_STREQ(renamed->getText(TAG_FORMAT), "zip") << "no importer has seen it again";
 
-    // A copy takes the record over, and the list has it twice; a directory inside another is one of its own.
+    // A copy replaces the record, and the list has it twice. A directory inside another is listed separately.
     fs::copy(dir + "/new", other + "/copy");
     hash({dir, other});
     EXPECT_EQ(events.takeNames().size(), std::strlen("copy hidden None. ")) << "found by what it is";
@@ -201,7 +200,7 @@ TEST_F(Sharing, WhatCantBeSharedIsPassedOverAndSaid) {
     ASSERT_EQ(::mkfifo((dir + "/fifo").c_str(), 0600), 0);
     fs::create_symlink("/dev/null", dir + "/device");
     fs::create_symlink(home.file("nothing"), dir + "/dangling");
-    fs::create_symlink("/proc/self/mem", dir + "/unreadable");  // calls itself a regular file
+    fs::create_symlink("/proc/self/mem", dir + "/unreadable");  // claims to be a regular file
     writeFile(dir + "/huge", "");
     fs::resize_file(dir + "/huge", 4'294'967'296);
     const std::string odd = "C: a\\b\xff\xfe%s.zip";
@@ -238,7 +237,7 @@ TEST_F(Sharing, AFileThatChangesBeforeItIsReadIsNotShared) {
     hash({dir});
     EXPECT_THAT(paths(), ElementsAre(dir + "/grows")) << "the next run finds it";
 
-    // Nor is a listing believed that has grown old over the reading of a file.
+    // A listing isn't trusted if it is outdated because a file took long to read.
     const char* const others[] = {"a", "b", "c", "d", "grows"};
     for (const char* name : others) writeFile(dir + "/" + name, name);
     hash({dir});
@@ -266,14 +265,14 @@ TEST_F(Sharing, AStopAndARequestGiveUpTheFileAtHandAndKeepWhatWasHashed) {
     ASSERT_TRUE(published.wait(60'000));
     EXPECT_THAT(paths(), ElementsAre(dir + "/small")) << "nothing of the run that was given up";
     EXPECT_TRUE(knownAs("private") && !knownAs("big"));
-    // Each comes while the thread that served the one before is just ending.
+    // Each request arrives while the thread of the previous one is ending.
     for (int i = 0; i < 50; ++i) {
         hash({dir});
         ASSERT_EQ(sharedFiles.count(), 1U) << i;
     }
 }
 
-// What is queued is a matter of the duties alone, so that it may as well be nothing.
+// Only the duties use the queued items, so they may be null.
 TEST_F(Sharing, PartialFilesGoFirstAndAreGivenUpAtAStop) {
     writeFile(dir + "/small", "small");
     i4_semaphore verifying;

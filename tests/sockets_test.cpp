@@ -20,8 +20,8 @@ using namespace std::string_literals;
 namespace {
 
 constexpr u32 all = I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR;
-constexpr i32 limit = 60000;  // ms, for what shall happen at once
-constexpr i32 briefly = 100;  // ms, for what shall not happen
+constexpr i32 limit = 60000;  // ms, for what must happen at once
+constexpr i32 briefly = 100;  // ms, for what must not happen
 constexpr u32 writeOrError = I4_SELECT_WRITE | I4_SELECT_ERROR;
 
 std::unique_ptr<i4_address> loopback(u16 port) {
@@ -41,7 +41,7 @@ struct Pair {
         near = systemNetwork().connect(*loopback(portOf(*door)), I4_STREAM, true);
         EXPECT_TRUE(door->accept(far));
     }
-    // Makes the far end go with a reset instead of an end.
+    // Ends the far side with a reset.
     void resetFar() {
         const linger at_once{1, 0};
         const int descriptor = static_cast<i4_tcpip_sock&>(*far).descriptor();
@@ -51,7 +51,7 @@ struct Pair {
     std::unique_ptr<i4_socket> near, far;
 };
 
-// Makes the protocol go through that proxy from now on. An empty user is none.
+// Sets the proxy to use from now on. An empty user means none.
 void useProxy(i32 type, u16 port, const std::string& user = "", const std::string& password = "") {
     i4_proxy_settings settings;
     settings.pType = type;
@@ -62,7 +62,7 @@ void useProxy(i32 type, u16 port, const std::string& user = "", const std::strin
     systemNetwork().setProxy(&settings);
 }
 
-// Does `then` once the call, on a thread of its own, sleeps in the system; returns when it has ended.
+// Runs `call` on its own thread and, once it blocks in the system, `then`. Returns when `call` has ended.
 void whileBlocked(const std::function<void()>& call, const std::function<void()>& then) {
     std::atomic<int> task{0};
     std::thread thread([&] {
@@ -172,7 +172,7 @@ TEST(Socket, CancelEndsTheCallThatBlocksAndEveryLaterOne) {
     EXPECT_EQ(pair.near->ready(all, -1, nullptr), 0U);
     std::unique_ptr<i4_socket> none;
     EXPECT_FALSE(pair.near->accept(none));
-    EXPECT_LE(pair.far->read(buffer, 4), 0);  // the other side hears of it
+    EXPECT_LE(pair.far->read(buffer, 4), 0);  // the other side is notified
 }
 
 TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
@@ -184,7 +184,7 @@ TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
             ->ready(writeOrError, limit, nullptr);
     };
     EXPECT_EQ(eventsOfConnect(), I4_SELECT_WRITE);
-    EXPECT_EQ(systemNetwork().listen(port, 500, I4_STREAM, nullptr), nullptr);  // the port is taken
+    EXPECT_EQ(systemNetwork().listen(port, 500, I4_STREAM, nullptr), nullptr);  // the port is in use
     door.reset();
     EXPECT_EQ(systemNetwork().connect(*loopback(port), I4_STREAM, true), nullptr);
     EXPECT_TRUE(eventsOfConnect() & I4_SELECT_ERROR);
@@ -209,13 +209,13 @@ TEST(Protocol, ResolvesDottedTextHereAndNamesWhereTheProxyIs) {
         const auto named = systemNetwork().resolve("index.example", 0, 0);
         systemNetwork().setProxy(nullptr);
         EXPECT_STREQ(dynamic_cast<i4_proxy_address&>(*named).name.c_str(), "index.example");
-        // It has no address of its own; its bytes are 0, which the system takes for this machine.
+        // It has no address; its zero bytes mean this machine to the system.
         EXPECT_EQ(systemNetwork().connect(*named, I4_STREAM, false), nullptr);
         EXPECT_EQ(i4_tcpip_sock(I4_DATAGRAM).write_to("ping", 4, *named), -1);
     }
 }
 
-// Proxies that answer by a script: what is asked of them byte for byte, and how each state ends.
+// Scripted proxies: the requests byte by byte, and how each state ends.
 using Turns = std::vector<ProxyTurn>;
 
 const std::string host = "index.example";
@@ -237,7 +237,7 @@ std::string requestHttp(const std::string& name, const std::string& extra = "") 
            "\r\nContent-Length: 0\r\nProxy-Connection: Keep-Alive\r\nPragma: no-cache\r\n" + extra + "\r\n";
 }
 
-// Port 4661 of a host. A name is left to the proxy, whatever its type.
+// Port 4661 of a host. Names are resolved by the proxy, whatever its type.
 std::unique_ptr<i4_address> hostAt(const std::string& name) {
     if (name != address) return std::make_unique<i4_proxy_address>(name.c_str(), u16{4661});
     auto found = systemNetwork().resolve(name.c_str(), 0, 0);
@@ -316,7 +316,7 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         {I4_PROXY_SOCKS4, {{request4, granted4.substr(0, 7)}}},
         {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\4\0"s}}},
         {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\5\xff"}}},
-        {I4_PROXY_SOCKS5, {wantsPassword}},  // and none is set
+        {I4_PROXY_SOCKS5, {wantsPassword}},  // but none is set
         {I4_PROXY_SOCKS5, {wantsPassword, {"\1\1u\1p", "\1\1"}}, stay, limit, "u"},
         {I4_PROXY_SOCKS5, answer5("\5\5\0\1\0\0\0\0\0\0"s)},
         {I4_PROXY_SOCKS5, answer5("\5\0\0\3\0\0\0\0\0\0"s)},
@@ -326,12 +326,12 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         {I4_PROXY_HTTP, http("HTTP/1.0 2000 Odd\r\n\r\n")},
         {I4_PROXY_HTTP, http("HTTP/1.0 200 Connection established\r\nProxy-")},
         {I4_PROXY_HTTP, http("HTTP/1.0 200 " + std::string(2000, 'x') + "\r\n\r\n")},
-        // An answer in pieces: the rest would come too late.
+        // An answer in pieces: the rest comes too late.
         {I4_PROXY_SOCKS4, {{request4, granted4.substr(0, 1)}}, stay},
         {I4_PROXY_SOCKS5, {{"\5\2\0\2"s, "\5"}}, stay},
         {I4_PROXY_HTTP, http("H"), stay},
         {I4_PROXY_SOCKS5, {wantsPassword}, stay, briefly, "u"},
-        // What can't stand in a request: it isn't sent, and no answer is waited for.
+        // Values that don't fit a request: nothing is sent, and no answer is awaited.
         {I4_PROXY_SOCKS4, {}, stay, limit, "", long256},
         {I4_PROXY_SOCKS5, {wantsPassword}, stay, limit, long256},
         {I4_PROXY_SOCKS5, {noPassword}, stay, limit, "", long256},
@@ -394,7 +394,7 @@ TEST(Proxy, AListenerGetsItsConnectionFromTheProxy) {
         EXPECT_FALSE(listener.accept_remote(socket, from));
     }
     EXPECT_EQ(systemNetwork().listen(0, limit, I4_STREAM, nullptr), nullptr);
-    // Granted, but nobody comes: the wait for the second reply ends with its time.
+    // Granted, but nobody connects: the wait for the second reply ends with its time limit.
     const ScriptedProxy waiting({{bind4, granted4}});
     useProxy(I4_PROXY_SOCKS4, waiting.port());
     const auto door = systemNetwork().listen(0, limit, I4_STREAM, target.get());

@@ -1,4 +1,4 @@
-// A good transfer between two clients, while strangers come and go at the doors of both.
+// A transfer between two clients while strangers attack the ports of both.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,12 +11,12 @@
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__)
-constexpr long mostMemory = 4'000'000;  // kB, of which most is the sanitizer's
+constexpr long mostMemory = 4'000'000;  // kB, mostly the sanitizer's
 #else
 constexpr long mostMemory = 20'000;
 #endif
 
-// In kB, the most that there was.
+// The peak memory in kB.
 long memoryOf(Client& client) {
     std::ifstream status("/proc/" + std::to_string(client.console().pid()) + "/status");
     for (std::string line; std::getline(status, line);) {
@@ -25,7 +25,7 @@ long memoryOf(Client& client) {
     return -1;
 }
 
-// What the stranger of that number says first: a user of a loopback address where nobody answers.
+// The first message of stranger `number`: a user at a loopback address where nobody answers.
 std::string helloOf(u32 number, const std::string& tags = {}, u32 count = 0) {
     const std::string hash = le32(number) + std::string(12, 'S');
     return opcode(OP_HELLO, "\x10" + hash + le32(0x0000097F + (number << 16)) + le16(9) + le32(count) + tags +
@@ -34,7 +34,7 @@ std::string helloOf(u32 number, const std::string& tags = {}, u32 count = 0) {
 
 class StrangersStory : public testing::Test {
   protected:
-    // All that may be said about the file, and what no honest client asks for.
+    // All valid messages about the file, and some that no honest client sends.
     std::string dialogue(u32 number) const {
         std::string bytes = framed(helloOf(number));
         for (const u32 about : {OP_GET_FILE_NAME, OP_GET_FILE_STATUS, OP_GET_HASH_SET})
@@ -50,7 +50,7 @@ class StrangersStory : public testing::Test {
                framed(opcode(OP_SLOT_ENDED));
     }
 
-    // Two hundred times; the last ones stay, without a word.
+    // Two hundred visits; the last ones stay and are silent.
     void visit(const std::string& port) {
         const u32 door = static_cast<u32>(std::stoi(port));
         for (u32 i = 0; i < 100; ++i) {
@@ -69,7 +69,7 @@ class StrangersStory : public testing::Test {
         for (u32 i = 0; i < 50; ++i) silent_.push_back(std::make_unique<Caller>(door));
     }
 
-    // Whether somebody who asks politely is answered.
+    // True if a well-behaved client is answered.
     static bool answers(const std::string& port, const MD4Hash& file, const std::string& name) {
         Caller caller(static_cast<u32>(std::stoi(port)));
         caller.say(helloOf(1000));

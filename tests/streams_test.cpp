@@ -14,7 +14,7 @@
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"
 
-// The address sanitizer's allocator fails as the system's does, so that running out of memory can be tried.
+// The address sanitizer's allocator fails like the system's, so that the tests can run out of memory.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace {
@@ -76,7 +76,7 @@ std::string bytesOf(i4_ram_file_class& stream) {
     return {reinterpret_cast<const char*>(stream.buffer()), stream.size()};
 }
 
-// A stream that has all its bytes but delivers them some at a time, as a socket does.
+// A stream that has all its bytes but delivers a few at a time, like a socket.
 class Drip : public BytesFile {
   public:
     Drip(std::string_view bytes, u32 most) : BytesFile(Bytes(bytes.begin(), bytes.end())), most_(most) {}
@@ -161,11 +161,11 @@ TEST(Path, IsRewritten) {
 
 TEST(DiskFile, IsOpenedByTheFlagsAndKeepsItsPlaceAndItsName) {
     const TemporaryDirectory folder;
-    // What each set of flags does to a file that holds "old", and whether it makes one.
+    // The effect of each set of flags on a file that holds "old", and whether it creates a file.
     const struct {
         u32 flags;
         bool creates;
-        const char* afterWriting;  // "N" through it, then closed
+        const char* afterWriting;  // after writing "N" and closing
         bool reads;
     } cases[] = {{1, false, "old", true},  {2, true, "Nld", false}, {3, true, "Nld", true},
                  {6, true, "oldN", false}, {7, true, "oldN", true}, {10, true, "N", false},

@@ -1,5 +1,5 @@
-// Threads and their states, the semaphore, counted references, start-up objects, time, what a debug build
-// checks of threads and locks, the queue of messages, and what is written to a terminal.
+// Threads and their states, semaphores, reference counts, start-up objects, time, the debug checks of threads
+// and locks, the message queue, and output to a terminal.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@
 
 namespace {
 
-// A thread that tells of each turn, and ends itself in the one that the test says.
+// A thread that records its turns, and ends itself in the turn that the test chooses.
 class Worker : public Thread {
   public:
     Worker() : Thread(scheduler) {}
@@ -85,7 +85,7 @@ TEST(Threads, StopWakesASleeperAndItStartsAgain) {
     worker.stop();
     EXPECT_EQ(worker.state(), Thread::notRunning);
 
-    // One that ends itself has finished.
+    // A thread that ends itself has finished.
     worker.endAt = worker.turns + 3;
     worker.start();
     ASSERT_TRUE(worker.ended.wait(0));
@@ -95,7 +95,7 @@ TEST(Threads, StopWakesASleeperAndItStartsAgain) {
     EXPECT_FALSE(worker.isStopping());
 }
 
-// What ends a thread ends the process, with status 0 and a word on the terminal.
+// An error that leaves a thread ends the process with status 0 and a message on the terminal.
 TEST(ThreadsDeathTest, AnErrorThatLeavesAThreadEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto die = [] {
@@ -145,7 +145,7 @@ TEST(Counting, RefsHoldMoveAndLetGo) {
     EXPECT_EQ(deaths, 3);
 }
 
-// Tells its phase at each of its calls.
+// Records the phase of each of its calls.
 struct Starter : i4_thread_init_class {
     explicit Starter(u32 phase) : phase_(phase) {}
     u32 init_type() override { return phase_; }
@@ -188,8 +188,7 @@ TEST(Time, AddsAndComparesAcrossSeconds) {
     }
 }
 
-// A pipe of one page, and what writes to it. The end that is read goes first, so that a write which hangs
-// there ends.
+// A pipe of one page, and a writer to it. The read end is closed first, so that a blocked write ends.
 struct Unread {
     explicit Unread(std::size_t limit) : output(std::make_unique<i4_output>(limit)) {
         std::signal(SIGPIPE, SIG_IGN);
@@ -263,7 +262,7 @@ TEST(DebugBuildDeathTest, AbortsOutOfTheOrderOfLocksAndOnAnotherThread) {
     i4_mutex low(LockRank::downloads);
     i4_mutex high(LockRank::download);
     i4_mutex equal(LockRank::download);
-    // Given back out of order; another thread has an order of its own, and so has who only tries.
+    // Released out of order. Another thread may use another order, and so may a try-lock.
     low.lock();
     high.lock();
     low.unlock();
@@ -284,7 +283,7 @@ TEST(DebugBuildDeathTest, AbortsOutOfTheOrderOfLocksAndOnAnotherThread) {
     EXPECT_DEATH(interfere(), "thread: the test was called on another thread than its own");
 }
 
-// What the handlers see. They run on one thread at a time, and the tests read after stop().
+// Records what the handlers get. They run on one thread at a time; the tests read after stop().
 class MessageQueue : public testing::Test, protected MessageDuties {
   protected:
     bool handle(u32 number, QArgument& argument) override {
@@ -340,7 +339,7 @@ TEST_F(MessageQueue, HandlesEachThreadsMessagesInOrderAndConnectsByItselfOnceAMi
     wantsServer_ = true;
     queue_.wake();
     ASSERT_TRUE(eventually([this] { return connects_ == 1; }));
-    // One more idle turn, behind a message.
+    // One more idle turn, after a message.
     const int idle = idles_;
     queue_.post(MESSAGE_SAVE, ServerAddress{4, 0});
     ASSERT_TRUE(eventually([&] { return handled_ == 41 && idles_ > idle; }));

@@ -1,4 +1,5 @@
-// Two clients and an index server: what one shares the other finds and fetches, smoothly or not.
+// Two clients and an index server: one shares a file, the other finds and downloads it, with and without
+// failures.
 #include <gtest/gtest.h>
 
 #include "tests/support/Network.h"
@@ -11,7 +12,7 @@ class TwoClientsStory : public testing::Test {
   protected:
     TwoClientsStory() : seed_("seed", index_), leech_("leech", index_) {}
 
-    // Shares big.bin, of that many bytes; the limit is in KB/s.
+    // Shares big.bin of `size` bytes; the limit is in KB/s.
     void begin(std::size_t size, const std::string& limit) {
         bytes_ = someBytes(size, 7);
         writeFile(folder_.file("big.bin"), bytes_);
@@ -22,7 +23,7 @@ class TwoClientsStory : public testing::Test {
         leech_.start();
         leech_.logOn();
     }
-    // Until this much has come in, and the rest hasn't.
+    // Waits until this much has arrived, but not everything.
     void waitForKB(u_int kb) {
         ASSERT_TRUE(eventually([&] { return leech_.transferredKB() >= kb; })) << leech_.console().output();
         ASSERT_FALSE(exists(leech_.file("incoming/big.bin")));
@@ -60,7 +61,7 @@ TEST_F(TwoClientsStory, OneSharesAndTheOtherFindsAndFetches) {
     expectTheFile();
     for (const std::size_t i : {0U, 2U})
         EXPECT_TRUE(leech_.hasFinished(small[i].first, small[i].second)) << leech_.console().output();
-    // Now it's shared from there too, and not a second time on the list.
+    // Now the downloader shares it too, and it is listed once.
     EXPECT_TRUE(index_.said("(leech) has published"));
     EXPECT_NE(leech_.search("big").find("(1) "), std::string::npos);
     EXPECT_TRUE(leech_.type("d 1", "You already have big.bin."));
@@ -68,12 +69,11 @@ TEST_F(TwoClientsStory, OneSharesAndTheOtherFindsAndFetches) {
     seed_.quit();
 }
 
-// --- Transfers that don't go smoothly
+// --- Transfers with failures
 
 using TransferStory = TwoClientsStory;
 
-// What an orderly end has saved survives the kill that comes later, and what came in between is fetched
-// again.
+// What an orderly shutdown saved survives a later kill, and what arrived in between is downloaded again.
 TEST_F(TransferStory, TheDownloaderIsKilledInTheMiddleAndStartedAgain) {
     begin(12'000'000, "4000");
     leech_.findAndDownload("big");

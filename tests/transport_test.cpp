@@ -1,5 +1,5 @@
-// Packets on a scripted socket; connections, doors, workers and datagrams on loopback, with every kind of bad
-// company; the pools: whose turn it is, what speed limits grant, what is estimated of the line.
+// Packets on a scripted socket. Connections, listeners, workers and datagrams on loopback, with misbehaving
+// peers. The pools: order of turns, speed limits, and the estimate of the line.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -134,7 +134,7 @@ TEST_F(ConversationTest, EndsAndResetsInEveryStateAreNoticedAndTheQueueIsBounded
             resets ? caller.reset() : caller.close();
             EXPECT_TRUE(allGone(++ended)) << length;
         }
-        // In the middle of what we send: a reset, or more than the queue may hold.
+        // While we send: a reset, or more than the queue may hold.
         door->takeLast();
         Caller caller(port);
         const Ref<Talker> talker = arrived();
@@ -182,7 +182,7 @@ TEST_F(ConversationTest, CloseFromAnotherThreadInTheMiddleOfATransfer) {
 }
 
 TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
-    // Once before, since a sanitizer's first look at a type takes descriptors of its own.
+    // Once before, since a sanitizer's first check of a type opens descriptors.
     const auto said = [&] { return log.text().find("Too many open files"); };
     EXPECT_NE(said(), 0U);
     log.printLine("%s", "");
@@ -209,7 +209,7 @@ TEST_F(ConversationTest, ADoorWithoutDescriptorsSaysSoOnceAndRecovers) {
     EXPECT_EQ(log.take().find("Too many", 1), std::string::npos);
 }
 
-// A port at which connects neither succeed nor fail, as the queue of its listener is full.
+// A port where connects neither succeed nor fail, because its listener's queue is full.
 struct FullListener : Listener {
     FullListener() {
         ::listen(descriptor(), 0);
@@ -273,7 +273,7 @@ TEST_F(ConnectTest, APendingConnectIsNotMadeTwiceAndEndsWithTheWorker) {
     pool.deleteConnections();  // while what they tell to is still there
 }
 
-// Keeps each datagram; one that ends with `bad` is read past its end.
+// Records each datagram; one that ends with `bad` is read past its end.
 std::string hear(i4_ram_file_class& datagram, Told& told, char bad) {
     std::string text(*datagram.bytesLeft(), '\0');
     datagram.readAll(text.data(), static_cast<u32>(text.size()));
@@ -282,13 +282,14 @@ std::string hear(i4_ram_file_class& datagram, Told& told, char bad) {
     return text;
 }
 
+// Records each datagram.
 struct Annex : UDPAnnex {
     Annex(SocketPool& pool, Told& annexTold) : UDPAnnex(pool), told(annexTold) {}
     void handleDatagram() override { hear(buffer_, told, 'p'); }
     Told& told;
 };
 
-// Sends each datagram back.
+// Echoes each datagram.
 struct Door : UDPDoor {
     Door(SocketPool& pool, Told& doorTold) : UDPDoor(pool, 0), told(doorTold) {}
     void handleDatagram() override {
@@ -305,7 +306,7 @@ TEST_F(ConversationTest, DatagramsHaveTheirOwnLengthAndWhatCantBeReadCostsThatOn
     const Ref<Door> udpDoor(new Door(pool, told));
     const Ref<Annex> annex(new Annex(pool, annexTold));
     ASSERT_TRUE(udpDoor->open(500) && annex->open());
-    // Of a body of that many bytes; what isn't written goes out as zeros.
+    // Sends a body of `length` bytes; unwritten ones are sent as zeros.
     const auto send = [&](const std::string& body, u32 length) {
         auto packet = std::make_unique<UDPPacket>(systemNetwork(), length, loopbackIp, udpDoor->localPort());
         packet->stream.write(body.data(), static_cast<u32>(body.size()));
@@ -349,7 +350,7 @@ TEST(BudgetClockTest, GrantsWhatTheLimitAllowsForTheTimeSinceTheLastGrant) {
     EXPECT_EQ(after(1, 0.5F), 0);
     EXPECT_EQ(after(9, 0.5F), 5);
     clock.charge(2);
-    EXPECT_EQ(after(4, 100), 3);  // too soon: what is left
+    EXPECT_EQ(after(4, 100), 3);  // too soon: the rest
     clock.charge(9);
     EXPECT_EQ(after(6, 100), 1000);
     clock.charge(1000);
@@ -361,7 +362,7 @@ TEST(BudgetClockTest, GrantsWhatTheLimitAllowsForTheTimeSinceTheLastGrant) {
     EXPECT_EQ(after(0, 10), 400);
 }
 
-// A connection without a socket that is ready when told so, and moves what it is told to.
+// A connection without a socket that is ready, and moves bytes, as the test says.
 class Simulated : public Connection {
   public:
     Simulated(SocketPool& pool, char name, std::string& order)
@@ -385,6 +386,7 @@ class Simulated : public Connection {
     std::string& order_;
 };
 
+// A pool whose turns the tests run.
 struct OpenedPool : STSocketPool {
     using STSocketPool::budgets_;
     using STSocketPool::processChanges;
@@ -421,7 +423,7 @@ TEST_F(TurnsTest, TheHeadOfTheListMovesOnAndTheBudgetIsSharedInOrder) {
     EXPECT_EQ(order, "abcbcacababc");
     for (const auto& one : all) one->toSend = 600;
     pool.budgets_.sendBudget = 1000;
-    pool.runTurns();  // the list stands at a again
+    pool.runTurns();  // the list begins with a again
     EXPECT_EQ(all[0]->bytesSent, 600U);
     EXPECT_EQ(all[1]->bytesSent, 400U);
     EXPECT_EQ(all[2]->bytesSent, 0U);
@@ -451,7 +453,7 @@ TEST_F(TurnsTest, ConnectionsEnterAndLeaveOnce) {
 }
 
 TEST(LineTest, IsEstimated) {
-    STSocketPool::History history;  // rises at once and sinks slowly
+    STSocketPool::History history;  // rises at once and falls slowly
     history.entries.fill(8);
     EXPECT_EQ(history.update(0, 8), 8);
     EXPECT_EQ(history.index, 0U);
@@ -482,7 +484,7 @@ TEST_F(LineTurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     all[0]->bytesSent = 180'000;
     all[1]->bytesSent = 90'000;
     all[2]->bytesReceived = 90'000;
-    pool.elapsed(45'001);  // a and c have priority from now on, b doesn't
+    pool.elapsed(45'001);  // a and c have priority from now on, b hasn't
     EXPECT_EQ(turn(), "ac");
     all[0]->ready = all[2]->ready = false;
     all[1]->toSend = all[3]->toReceive = 1000;
@@ -492,7 +494,7 @@ TEST_F(LineTurnsTest, TheLineIsMeasuredByGivingSomePriority) {
     EXPECT_EQ(all[3]->bytesReceived, 256U);
     EXPECT_EQ(pool.budgets_.sendBudget, unlimitedBudget);
 
-    // With priority a sends no faster, so the line carries more than the total; c receives 90,000 / 45,001
+    // With priority, a sends no faster, so the line carries more than the total. c receives 90,000 / 45,001
     // without and 180,000 / 45,001 with priority, so the line is full.
     preferences.maxUpSpeed = 5.0F;
     preferences.maxDownSpeed = 100.0F;

@@ -1,5 +1,5 @@
-// Uploads: who may download from this client, by the rule, the queue, the slots and their time-outs; and a
-// running transfer, what it sends for which request and how fast it thinks it is.
+// Uploads: who may download from this client (the rule, the queue, the slots and their time-outs), and a
+// running upload: what it sends for each request, and its measured speed.
 #include <tuple>
 
 #include "peer/PartUpload.h"
@@ -24,8 +24,8 @@ class UploadTest : public Downloads {
         std::unique_ptr<i4_file> stream = i4_open_exact(directory.file("shared.bin").c_str(), I4_FILE_READ);
         upload = Ref<Upload>(new Upload(uploadPool, log, std::move(stream), to, "shared.bin", hash));
     }
-    // Asks, and lets that many packets leave: what was sent, as "start-end start-end". Every byte is
-    // compared.
+    // Requests ranges and sends `packets` packets. Returns what was sent as "start-end start-end", and
+    // compares every byte.
     std::string ask(std::vector<Range> ranges, int packets = all) {
         ranges.resize(3);
         const u32 starts[3] = {ranges[0].first, ranges[1].first, ranges[2].first};
@@ -62,17 +62,17 @@ TEST_F(UploadTest, SendsWhatIsAskedFor) {
     const std::vector<Step> cases[] = {
         // In pieces.
         {{{{100, 110}, {1000, 26'000}}, all, "100-110 1000-11240 11240-21480 21480-26000"}},
-        // Ranges that are none count as empty, and go behind the others.
+        // Invalid ranges count as empty and are moved behind the others.
         {{{{50, 50}, {60, 40}, {70, 80}}, all, "70-80"}, {{{5, 5}, {4, 3}, {0, 0}}, all, ""}},
-        // It goes on where it stands, if that is within the first range; its start is no place within it.
+        // It continues at its position if that is in the first range; otherwise at the start of the range.
         {{{{0, 50'000}}, 1, "0-10240"},
          {{{5000, 40'000}, {60'000, 60'010}}, 1, "10240-20480"},
          {{{30'720, 35'000}, {60'000, 60'010}}, all, "20480-30720 30720-35000 60000-60010"}},
-        // What was just sent isn't sent again, whether the request comes two ranges late or when all is sent.
+        // What was just sent isn't sent again, whether the request is two ranges late or everything was sent.
         {{{{0, 10}, {10, 20}, {20, 30}}, 1, "0-10"},
          {{{0, 10}, {10, 20}, {20, 30}}, all, "10-20 20-30"},
          {{{10, 20}, {20, 30}, {30, 40}}, all, "30-40"},
-         // What was sent before, but isn't in front of the last range, is wanted again.
+         // What was sent before, but isn't in front of the last range, is requested again.
          {{{5, 15}, {30, 40}, {20, 30}}, all, "5-15 20-30"},
          {{{0, 10}}, all, "0-10"}},
     };
@@ -107,7 +107,7 @@ TEST_F(UploadTest, TheSpeedIsTheMeanOfEightSamplesAndSetsThePacket) {
     EXPECT_EQ(upload->speed, 0.0F);
     upload->updateSpeed(500);
     EXPECT_FLOAT_EQ(upload->speed, 400.0F / 8);
-    // The count wraps as any counter does; a line of any speed keeps packets to a megabyte.
+    // The count wraps around. Packets have at most a megabyte, whatever the speed.
     for (const auto& [bytes, speed, sent] : {std::tuple{1'000'000U, 400.0F, "0-51200"},
                                              {0x40000000U, 429'499.3F, "51200-102400 102400-1150976"}}) {
         for (int i = 0; i < 8; ++i) {
@@ -127,11 +127,11 @@ TEST_F(UploadTest, EndsWhenItIsStoppedOrCantRead) {
     ASSERT_TRUE(to.hear(opcode(OP_REQUEST_SLOT)));
     to.sent();
     ASSERT_TRUE(to.hear(requestFor(hash, {{1'999'990, 2'000'010}})));
-    // Back in the queue, and, as the line is free, called again.
+    // Back in the queue and, as the line is free, granted a slot again.
     EXPECT_EQ(to.sent(), (std::vector{opcode(OP_SLOT_ENDED), opcode(OP_SLOT_GRANTED)}));
 }
 
-// A download that uploads what it has; then the file moves, and the upload with it.
+// An upload of a file being downloaded; then the file moves, and the upload continues.
 TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsThere) {
     clientApp.shared.clear();
     const Ref<Download> download = add(file);
@@ -152,7 +152,7 @@ TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsThere) {
     EXPECT_EQ(ask({{1'999'990, 2'000'000}}), "1999990-2000000");
 }
 
-// --- who gets a slot
+// --- Assignment of slots
 
 const MD4Hash file = hashOf(0xF0);
 const std::string slotGranted = opcode(OP_SLOT_GRANTED);
@@ -163,7 +163,7 @@ class UploadPoolTest : public EngineTest {
     using Answers = std::vector<std::string>;
     UploadPoolTest() { shareFile(file, "shared.bin", std::string(100'000, 'x')); }
 
-    // The users who hold a slot, and those who wait, by the first byte of their hash: "1 2 | 3".
+    // The users with a slot, and those waiting, by the first byte of their hash: "1 2 | 3".
     std::string drawn() {
         const i4_guard guard(uploadPool);
         std::string users;
@@ -187,7 +187,7 @@ class UploadPoolTest : public EngineTest {
         EXPECT_TRUE(peer.hear(message));
         return peer.sent();
     }
-    // The next packet of a transfer for which `peer` has this request; the rest waits.
+    // Sends the next packet of the upload for this request of `peer`; the rest is dropped from the queue.
     void transfers(TestPeer& peer, const MD4Hash& of, u32 start, u32 end) {
         peer.sent();
         EXPECT_TRUE(peer.hear(requestFor(of, {{start, end}})));
@@ -196,12 +196,12 @@ class UploadPoolTest : public EngineTest {
 };
 
 TEST(SlotRule, FollowsTheLine) {
-    // KB/s of the line, and of them in use; slots, slots and uploads; whether another one starts.
+    // KB/s of the line and in use; slots; slots and uploads; whether another upload may start.
     const std::pair<SlotRule, bool> rows[] = {
-        {{5, 0, 0, 1}, true},        // two transfers always
+        {{5, 0, 0, 1}, true},        // two uploads always
         {{5, 0, 0, 2}, true},        // 3 of the 4.5 KB/s are free
         {{5, 0, 1, 2}, false},       // but not twice
-        {{5, 1.5F, 0, 2}, false},    // just 3 aren't less than 3
+        {{5, 1.5F, 0, 2}, false},    // exactly 3 isn't enough
         {{17.9F, 17, 0, 2}, false},  // 17.9 / 6 is 2
         {{18, 18, 0, 2}, true},     {{18, 18, 0, 3}, false}, {{60, 50.9F, 0, 10}, true},
         {{60, 51, 0, 10}, false},   {{0, 0, 0, 2}, false},   {{1e30F, 0, 0, 5}, true},
@@ -223,30 +223,30 @@ TEST_F(UploadPoolTest, ASlotTurnsIntoATransferAndBackIntoAPlaceInTheQueue) {
         {opcode(OP_HELLO_ANSWER, identity(1, "user1")), {slotGranted}, "1 |"},  // called again
         {requestFor(hashOf(0xEE), {{0, 10}}), {opcode(OP_NO_SUCH_FILE, bytesOf(hashOf(0xEE)))}, "1 |"},
         {request, {opcode(OP_FILE_DATA, bytesOf(file) + le32(0) + le32(10) + std::string(10, 'x'))}, "|"},
-        {opcode(OP_REQUEST_SLOT), {}, "|"},  // who transfers gets no slot on top
+        {opcode(OP_REQUEST_SLOT), {}, "|"},  // a user with an upload gets no slot as well
         {opcode(OP_STOP_UPLOAD, bytesOf(file)), {slotEnded, slotGranted}, "1 |"},
     };
     for (const auto& step : steps) {
         EXPECT_EQ(answers(peer, step.hears), step.answers) << &step - steps;
         EXPECT_EQ(drawn(), step.drawn);
     }
-    // A file that is gone leaves the slot.
+    // A missing file keeps the slot.
     std::filesystem::remove(directory.file("shared.bin"));
     EXPECT_EQ(answers(peer, request), Answers{opcode(OP_NO_SUCH_FILE, bytesOf(file))});
     EXPECT_EQ(drawn(), "1 |");
 }
 
-// Two slots are all that a slow line grants.
+// A slow line grants only two slots.
 TEST_F(UploadPoolTest, FiftyWaitInTheirOrderAndRenewTheirTimes) {
     allAsk(1, 53);
     const std::string full = drawn();
     EXPECT_EQ(std::count(full.begin(), full.end(), ' '), 2 + 50);
     EXPECT_EQ(full.substr(0, 9) + full.substr(full.size() - 3), "1 2 | 3 4 52");
-    // Who had an upload comes on top.
+    // A user whose upload ended is added beyond the limit.
     transfers(*made[0], file, 0, 10);
     answers(*made[0], opcode(OP_STOP_UPLOAD, bytesOf(file)));
     EXPECT_EQ(drawn().substr(0, 9), "2 3 | 4 5");
-    // The others have stopped asking; as the queue is full, a renewal is dropped like any request.
+    // The others have stopped asking. As the queue is full, a renewal is dropped like any request.
     ageQueue(2'700'001);
     answers(*made[3], opcode(OP_REQUEST_SLOT));
     answers(*made[1], opcode(OP_RELEASE_SLOT));
@@ -257,7 +257,7 @@ TEST_F(UploadPoolTest, FiftyWaitInTheirOrderAndRenewTheirTimes) {
     answers(*made[2], opcode(OP_RELEASE_SLOT));
     EXPECT_EQ(drawn(), "61 63 |");
     EXPECT_EQ(made.back()->sent(), Answers{slotGranted});
-    // Strangers without a hash are told apart by their address.
+    // Users without a hash are distinguished by address.
     for (u8 last = 71; last <= 72; ++last) {
         TestPeer& unknown = stranger(last);
         const std::string record = std::string(16, '\0') + le32(addressOf(last)) + le16(4662) + le32(0);
@@ -271,7 +271,7 @@ TEST_F(UploadPoolTest, WhoHasCrossedIntoAnotherPartMakesWay) {
     FileMeta& large = shareFile(hashOf(0xF1), "large.bin", "");
     std::filesystem::resize_file(large.path.c_str(), 2 * PARTSIZE);
     allAsk(1, 2);
-    // With nobody waiting, a transfer goes on unchallenged.
+    // While nobody waits, an upload continues.
     transfers(*made[0], large.hash, PARTSIZE, PARTSIZE + 10);
     EXPECT_TRUE(made[0]->hear(requestFor(large.hash, {{0, 100'000}})));
     allAsk(3, 3);
@@ -292,21 +292,22 @@ TEST_F(UploadPoolTest, ATransferWithNothingToSendWaitsForTheNextRequest) {
     TestPeer& peer = *made[0];
     transfers(peer, file, 0, 10);
     uploadPool.tick(9000);
-    // A limited peer takes what lies in the network's buffers for a while: many short waits are no long one.
+    // A limited peer reads from the network's buffers for a while: many short waits don't add up to a long
+    // one.
     transfers(peer, file, 10, 20);
     uploadPool.tick(10'000);
     EXPECT_EQ(peer.sent(), Answers{});
     uploadPool.tick(1);
     EXPECT_EQ(peer.sent(), (Answers{slotEnded, slotGranted}));
-    // Asked for nothing, it ends when its packet has left.
+    // After an empty request, it ends once its packet was sent.
     EXPECT_TRUE(peer.hear(requestFor(file, {{0, 10}})));
     EXPECT_TRUE(peer.hear(requestFor(file, {{0, 0}})));
     peer.leave();
     EXPECT_EQ(peer.sent(), (Answers{slotEnded, slotGranted}));
 }
 
-// Slots run out after two minutes; with connections full they are tried every minute; who can't be reached
-// loses his at once, and his place is given to the next.
+// Slots expire after two minutes. While connections are full they are tried every minute. A user who can't be
+// reached loses his slot at once, and the next one gets it.
 TEST_F(UploadPoolTest, SlotsEnd) {
     allAsk(1, 1);
     uploadPool.tick(1'000'000);
@@ -315,7 +316,7 @@ TEST_F(UploadPoolTest, SlotsEnd) {
     uploadPool.tick(1);
     EXPECT_EQ(drawn(), "|");
 
-    // A user who isn't connected, and no room to call him.
+    // A user who isn't connected, and no room to connect.
     allAsk(2, 4);
     made[3]->end();
     clientApp.socketPool.count = 45;
@@ -329,7 +330,7 @@ TEST_F(UploadPoolTest, SlotsEnd) {
             log.take().find("tellPeer() 10.0.0.4,4662\nCan't accept more") != std::string::npos;
         EXPECT_EQ(tried, ms == 1);
     }
-    // On its way: that is waited for like any other.
+    // Connecting: it waits like any other.
     clientApp.socketPool.count = 0;
     uploadPool.tick(60'001);
     uploadPool.tick(120'000);
@@ -347,7 +348,7 @@ TEST_F(UploadPoolTest, WhoGoesOrCannotBeReachedIsForgottenAndHisPlaceIsGiven) {
     EXPECT_EQ(made[2]->sent(), Answers{slotGranted});
     for (const Ref<TestPeer>& peer : made) peer->end();
     EXPECT_EQ(drawn(), "|");
-    // Both sides firewalled.
+    // Both sides are firewalled.
     preferences.setClientId(5);
     TestPeer& low = stranger(4);
     const std::string user = bytesOf(hashOf(4)) + le32(77) + le16(4662) + le32(0);

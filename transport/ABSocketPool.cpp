@@ -12,7 +12,7 @@ namespace {
 constexpr i32 pauseLength = 300'000;
 constexpr i32 measureLength = 45'000;
 constexpr u32 busyBytes = 10'000;
-constexpr i32 trickle = 256;  // bytes of a turn for those without priority
+constexpr i32 trickle = 256;  // bytes per turn for connections without priority
 
 // Sums in KB/s over a measurement.
 struct Rates {

@@ -1,12 +1,12 @@
-// ABSocketPool, a pool that finds the line's capacity by an experiment.
+// ABSocketPool: a socket pool that estimates the line's capacity by experiment.
 #pragma once
 
 #include "i4min/memory/LL.h"
 #include "transport/PacedPool.h"
 
-// Every five minutes it measures all connections for 45 seconds, then gives about every other busy one
-// priority for 45 seconds. If that made those faster the line is full, and its capacity is what moved; if
-// not, it can carry more.
+// Every five minutes it measures all connections for 45 seconds, then gives priority to about every other
+// busy one for 45 seconds. If those became faster, the line is full and its capacity is what was transferred;
+// if not, it can carry more.
 //
 //   mode            event                                                   to
 //   idle            more than 300,000 ms                                    baseline
@@ -15,7 +15,7 @@
 //   baseline        a chosen connection leaves                              idle, a new measurement is due
 //   priority        more than 45,000 ms                                     idle
 //
-// A complete alternative to STSocketPool, which the running program uses.
+// An alternative to STSocketPool, which the program uses.
 // Thread: as PacedPool.
 class ABSocketPool : public PacedPool {
   public:
@@ -24,15 +24,15 @@ class ABSocketPool : public PacedPool {
     using PacedPool::PacedPool;
     ~ABSocketPool() override;
 
-    // The estimate of the line, in KB/s, that follows `maximum` when the chosen connections moved `base`
-    // without and `chosen` with priority, and all of them `total`.
+    // Returns the new estimate in KB/s, from the old one (`maximum`), the speed of the chosen connections
+    // without (`base`) and with priority (`chosen`), and the speed of all connections (`total`).
     static f32 adjust(f32 base, f32 chosen, f32 total, f32 maximum);
 
   protected:
     void elapsed(i32 ms) override;
     bool turns() override;
     const char* failureText() const override;
-    void addedAgain() override {}  // additions change `count` only when they are asked for
+    void addedAgain() override {}  // `count` stays as addConnection() left it
     void leaving(Connection* connection) override;
 
     Mode mode() const { return mode_; }

@@ -13,7 +13,7 @@
 bool ConnectRegistry::connect(Ref<Connection> connection) {
     if (!connection) return true;
     SocketPool& pool = connection->pool();
-    // Built and, where it is refused, destroyed without the lock.
+    // Constructed and, if refused, destroyed without the lock.
     auto task = std::make_unique<ConnectTask>(std::move(connection));
     i4_lock guard(lock_);
     for (LL<ConnectTask>::Cursor c; const ConnectTask* other = pending_.next(c);) {
@@ -55,7 +55,7 @@ std::optional<Rest> ConnectTask::work(SocketPool& pool, i4_socket_set& set) {
     const std::unique_ptr<ConnectTask> self(this);
     leaveSet();
     transport.connects.done(this);
-    // From its first turn on the connection may end, and be asked for anew.
+    // Done before: once in the pool, the connection may end at once and be connected again.
     if (outcome == Attempt::stands) {
         pool.addConnection(connection.get());
     } else {

@@ -1,4 +1,4 @@
-// Making outgoing connections: ConnectRegistry, which queues them, and the tasks that a Worker runs for them.
+// Outgoing connections: ConnectRegistry, which queues them, and the tasks that a Worker runs for them.
 #pragma once
 
 #include <memory>
@@ -14,24 +14,25 @@
 class i4_protocol;
 struct Transport;
 
-// Looks up and connects one connection, for at most ConnectRegistry::limit; the handshake of a proxy counts.
-// What stands is told by connected() and goes to the pool, what fails is told by connectFailed(). An ip of at
-// most 0xFFFFFF is no address, and fails at once; one that is closed meanwhile fails as well.
+// Connects one connection within ConnectRegistry::limit, including a proxy's handshake. Success calls
+// connected() and adds it to the pool; failure calls connectFailed(). An ip of at most 0xFFFFFF is not an
+// address and fails at once; a connection that is closed meanwhile fails too.
 //
 //   state      event                                        to
-//   new        the connect has begun                        under way, its socket in the worker's set
+//   new        connecting has begun                         under way, its socket in the worker's set
 //   new        it can't begin, or the connection closes     failed
-//   under way  the socket stands                            connected
-//   under way  the socket fails, the time is up, or close   failed
+//   under way  the socket is connected                      connected
+//   under way  socket error, timeout or close               failed
 //
-// In the last two states the task is gone.
+// In the last two states the task has been destroyed.
+// Thread: a worker's. Owns: the socket, until it is connected. Borrows: the connection, counted.
 class ConnectTask : public Task {
   public:
     explicit ConnectTask(Ref<Connection> target);
     ~ConnectTask() override;
-    void doTask(SocketPool* pool) override;  // begins, and gives up what doesn't stand at once
+    void doTask(SocketPool* pool) override;  // tries once, and gives up if it can't connect at once
     std::optional<Rest> work(SocketPool& pool, i4_socket_set& set) override;
-    void abandon() override;  // the connection ends as if the connect had been given up
+    void abandon() override;  // ends the connection without connectFailed()
 
     const Ref<Connection> connection;
 
@@ -44,11 +45,12 @@ class ConnectTask : public Task {
 
     std::unique_ptr<i4_socket> socket_;
     Moment until_;
-    i4_socket_set* set_ = nullptr;  // in which the socket is
-    u32 asked_ = 0;                 // and what it is asked about there
+    i4_socket_set* set_ = nullptr;  // the set that holds the socket; null if none
+    u32 asked_ = 0;                 // the events that the set reports for it
 };
 
-// Ends a connection on a worker's thread.
+// Ends a connection on a worker's thread, then destroys itself.
+// Thread: a worker's. Borrows: the connection, counted.
 class CleanupTask : public Task {
   public:
     explicit CleanupTask(Ref<Connection> target) : connection(std::move(target)) {}
@@ -57,17 +59,18 @@ class CleanupTask : public Task {
     const Ref<Connection> connection;
 };
 
-// Keeps the client from connecting twice to the same place at the same time. Thread: any.
+// Keeps the client from connecting twice to the same address at the same time.
+// Thread: any. Owns: nothing; tasks remove themselves when they end.
 class ConnectRegistry {
   public:
     static constexpr i32 usualLimit = 8000;  // ms
-    Relaxed<i32> limit = usualLimit;         // how long an attempt may take
+    Relaxed<i32> limit = usualLimit;         // ms for one attempt
 
-    // Queues the connection for a worker of its pool, true. While another to the same ip and port is
-    // pending it is refused: the reference is given back, nothing is told to the connection, gone() isn't
-    // either, false. A null connection does nothing, true.
+    // Queues the connection for a worker of its pool and returns true. Returns false if another one to the
+    // same ip and port is pending: the reference is then dropped without any call on the connection. Null
+    // does nothing and returns true.
     bool connect(Ref<Connection> connection) EXCLUDES(lock_);
-    // The task's attempt is over.
+    // Removes a finished task.
     void done(ConnectTask* task) EXCLUDES(lock_);
 
   private:

@@ -17,7 +17,7 @@ constexpr u32 defaultQueueLimit = 16 * 1024 * 1024;
 constexpr u32 defaultStallLimit = 120'000;
 constexpr u32 allEvents = I4_SELECT_READ | I4_SELECT_WRITE | I4_SELECT_ERROR;
 
-// The packet is one that the protocol's table allows us to send.
+// True if the protocol's table allows us to send this packet.
 [[maybe_unused]] bool conforms(const OpcodeTable& table, const Packet& packet) {
     if (packet.size == 0) return false;
     const u8 opcode = packet.stream.buffer()[0];
@@ -80,7 +80,7 @@ void Connection::send(std::unique_ptr<Packet> packet) {
             sendQueue_.addUnsafe(packet.release());
         }
     }
-    if (packet) return;  // dead: it goes with this call
+    if (packet) return;  // dead: this call destroys the packet
     if (tooMuch) close();
     pool_.wake();
 }
@@ -96,7 +96,7 @@ std::unique_ptr<Packet> Connection::takeFirstToSend() {
     return packet;
 }
 
-// The end.
+// Ending.
 
 void Connection::close() {
     if (isDead()) return;
@@ -131,7 +131,7 @@ void Connection::cleanup() {
 void Connection::connected() {}
 void Connection::connectFailed() { end(); }
 
-// What subclasses say otherwise.
+// Defaults that subclasses override.
 
 bool Connection::handleMessage(u8 opcode, i4_ram_file_class&) {
     transport().log.printVerbose("Unknown msg from Connection: %d\n", opcode);

@@ -1,4 +1,4 @@
-// Connection, one TCP conversation: a socket, a packet being received, and a queue of packets being sent.
+// Connection: a TCP connection: a socket, the packet being received, and the queue of packets to send.
 #pragma once
 
 #include <atomic>
@@ -19,7 +19,7 @@ class SocketPool;
 class i4_socket;
 struct Transport;
 
-// A conversation with a server, a peer or a controller. A subclass handles its messages.
+// The base of connections to servers, peers and controllers. A subclass handles the messages.
 //
 //   state           entered by                                        left by
 //   made            a constructor                                     ConnectTask: connected or connectFailed
@@ -27,115 +27,109 @@ struct Transport;
 //   dead            end(), which the pool, a failed connect and       the last reference
 //                   the shut-down call
 //
-// Thread: turns, handlers and gone() run on the pool's thread (gone() of a connection that never stood:
-// on the worker's). connected() and connectFailed() run on a worker, before the pool has the connection.
-// send(), close(), isDead() and the relaxed words may be used on any thread that holds a reference. lock_
-// is held for a whole turn, and so by every handler and sent().
-// Counted: the pool holds one reference while it has the connection; whoever keeps a pointer off the
-// pool's thread holds one too. A dead connection ignores send() and close().
-// Owns: its socket, until end(), and the packets of its queue.    Borrows: its pool, which outlives it.
+// Thread: turns, handlers and gone() run on the pool's thread; gone() of a connection that was never
+// established runs on the worker's. connected() and connectFailed() run on a worker, before the pool gets the
+// connection. Any thread that holds a reference may call send(), close() and isDead() and read the atomic
+// members. lock_ is held during a turn, and so in every handler and in sent().
+// References: the pool holds one while it has the connection; so must anyone who keeps a pointer off the
+// pool's thread. A dead connection ignores send() and close().
+// Owns: its socket until end(), and its queue. Borrows: its pool, which outlives it.
 class Connection : public Task, public RefCounter {
   public:
-    // One that came in through a door. A null socket is given later.
+    // An accepted connection. A null socket can be set later.
     Connection(SocketPool& pool, std::unique_ptr<i4_socket> socket);
-    // An outgoing one, for ConnectRegistry::connect. The ip in network order, the port in host order.
+    // An outgoing one, for ConnectRegistry::connect. The ip is in network order, the port in host order.
     Connection(SocketPool& pool, u32 peerIp, u32 peerPort);
 
-    // One turn: the head of the queue is sent on, and the packet that comes in is received on, as far as
-    // socket and budgets allow; at most one packet is finished in each direction.
+    // One turn: sends from the head of the queue and receives, as far as the socket and the budgets allow. It
+    // completes at most one packet in each direction.
     void doTask(SocketPool* pool) override;
-    // A complete message, the stream behind its opcode and ending with its body. False drops the
-    // connection, and so does an i4_err, such as of a read past the body's end.
+    // Handles a complete message. The stream is positioned after the opcode and ends with the body. Returning
+    // false ends the connection, and so does an i4_err, for example from reading past the end.
     virtual bool handleMessage(u8 opcode, i4_ram_file_class& stream);
-    // The same for the first message of a connection: sets gotFirst and calls handleMessage.
+    // The same for the first message: sets gotFirst and calls handleMessage.
     virtual bool firstMessage(u8 opcode, i4_ram_file_class& stream);
     virtual Connection* spawn(std::unique_ptr<i4_socket> socket);  // null
     ~Connection() override;
-    // Takes the socket out of the pool's set and ends the connection. On the pool's thread.
+    // Removes the socket from the pool's set and ends the connection. Thread: the pool's.
     virtual void cleanup();
-    virtual bool canAccept();  // asked of doors
+    virtual bool canAccept();  // used by listeners
     virtual bool isAllowed();
-    virtual void connected();  // the TCP connection stands
-    // It couldn't be made. An override ends with a call of this one, which ends the connection.
+    virtual void connected();  // the TCP connection is established
+    // The connect failed. An override must call this one last; it ends the connection.
     virtual void connectFailed();
-    // Asked after each poll: true if doTask should run, which is then promised.
+    // Called after each poll. If it returns true, doTask() must follow.
     virtual bool isReady();
     virtual void addToSet();
-    virtual i4_string getText();  // the address as dotted text
+    virtual i4_string getText();  // the address in dotted form
 
-    // Queues a packet. Thread: any. A dead connection destroys it.
+    // Queues a packet; a dead connection destroys it. Thread: any.
     void send(std::unique_ptr<Packet> packet) EXCLUDES(sendQueue_);
-    // Asks for the end, which comes with the next turn of the pool. Thread: any.
+    // Requests the end; the connection ends in the pool's next turn. Thread: any.
     void close();
-    // Ends the connection's life, the first time that it is called: gone(), then the socket is closed and
-    // the queue emptied.
+    // Ends the connection: calls gone(), closes the socket and empties the queue. Later calls do nothing.
     void end() EXCLUDES(lock_, sendQueue_);
     bool isClosing() const { return closing_; }  // close() was called
     bool isDead() const { return dead_.load(std::memory_order_acquire); }
 
-    // Gives an outgoing connection what its connect made.
+    // Sets the socket of an outgoing connection once it is established.
     void setSocket(std::unique_ptr<i4_socket> socket);
-    // The address of the socket's other side as dotted text; untouched where there never was a socket.
+    // The remote address in dotted form; `out` is unchanged if there never was a socket.
     void getAddress(i4_string& out) const;
-    u32 remoteIp() const { return remoteIp_; }  // the same as a number; 0 where there never was a socket
-    // Takes another ip, as the other side told it. Thread: the pool's.
+    u32 remoteIp() const { return remoteIp_; }  // the same as a number; 0 if there never was a socket
+    // Sets the ip that the other side has reported. Thread: the pool's.
     void setIp(u32 newIp) EXCLUDES(textLock_);
     SocketPool& pool() const { return pool_; }
     const Transport& transport() const;  // of its pool
-    // Whether packets wait to be sent. Thread: any.
+    // True if packets are queued. Thread: any.
     bool hasToSend() const { return queuedPackets_ != 0; }
 
-    Relaxed<u8> gotFirst;  // a first message has been handled
+    Relaxed<u8> gotFirst;  // the first message has been handled
     Relaxed<u32> ip;       // the peer's
     Relaxed<u32> port;
     Relaxed<u32> bytesSent;  // the pools read and reset these two
     Relaxed<u32> bytesReceived;
 
   protected:
-    // Runs once, when the connection's life ends: after it left the pool, when its connect failed, or at
-    // shut-down. It doesn't run for a connection that ConnectRegistry refused. Whoever borrows this
-    // connection is told here.
+    // Called once when the connection ends: after it left the pool, after its connect failed, or at shutdown.
+    // Not called if ConnectRegistry refused it. Objects that borrow this connection are notified here.
     virtual void gone();
-    // The longest body that is received: by default 64 KiB for the first message, 8 MiB behind it.
+    // The maximum body size received. By default 64 KiB for the first message and 8 MiB after it.
     virtual u32 bodyLimit() const;
-    // The connection ends when a packet is queued behind this many bytes. By default 16 MiB.
+    // The connection ends if more than this many bytes are queued. By default 16 MiB.
     virtual u32 queueLimit() const;
-    // How many milliseconds something half done may stand still before the connection ends: a packet of
-    // which the rest doesn't come, a queue that the other side doesn't take, and the first message of a
-    // connection that came in. By default 120,000; 0 for no limit.
+    // The time in ms after which a stalled connection ends: an incomplete packet, a queue that the other side
+    // doesn't read, or a missing first message of an accepted connection. By default 120,000; 0 for no limit.
     virtual u32 stallLimit() const;
-    // Whether a word of the other side is overdue, so that stallLimit() counts: by default until the first
-    // message of a connection that came in.
+    // True if the other side has to send something, so that stallLimit() applies. By default until the first
+    // message of an accepted connection.
     virtual bool awaitsFirst() const;
-    // What the pool's set shall be asked about: reading and errors, and writing while there is something
-    // to send.
+    // The events to poll for: reading and errors, and writing while there is something to send.
     virtual u32 wantedEvents();
-    // The protocol's table, if it has one: receiving checks by it, sending asserts by it. Null by
-    // default.
+    // The protocol's opcode table: receiving checks against it, sending asserts by it. By default null.
     virtual const OpcodeTable* opcodes() const;
 
     i4_socket* socket() const { return socket_.get(); }
     bool isBusy() const { return busy_.load(std::memory_order_acquire); }
     void setBusy(bool busy) { busy_.store(busy, std::memory_order_release); }
-    // The packet at the head of the queue, null where there is none; and taking it off. Only turns do
-    // either.
+    // The packet at the head of the queue, or null, and its removal. Only called in turns.
     Packet* firstToSend() const { return sendQueue_.first(); }
     std::unique_ptr<Packet> takeFirstToSend() EXCLUDES(sendQueue_);
-    // What a turn may move: the pool's by default.
+    // The budgets of a turn. By default the pool's.
     virtual const Budgets& budgets() const;
-    // In a turn: adds to bytesSent or bytesReceived.
+    // Adds to bytesSent or bytesReceived. Called in turns.
     void countMoved(Relaxed<u32>& counter, u32 bytes);
-    // On the pool's thread, between turns, about once a second while isWatched(): asks for the end of one
-    // that stands still.
+    // Closes the connection if it has stalled. Called on the pool's thread between turns, about once a second
+    // while isWatched() returns true.
     virtual void checkStall(u32 now);
     virtual bool isWatched() const { return stallLimit() != 0; }
-    u32 lastEvents_ = 0;  // the mask of the last isReady()
+    u32 lastEvents_ = 0;  // event mask of the last isReady()
 
   private:
     friend class SocketPool;
 
     void checkPoolThread(const char* function = __builtin_FUNCTION()) const;
-    // On the pool's thread, before each poll: brings the set up to date.
+    // Updates the set before each poll. Thread: the pool's.
     void refreshInterest();
     bool receivesHalf() EXCLUDES(lock_);
     bool sendTurn() REQUIRES(lock_);
@@ -147,7 +141,7 @@ class Connection : public Task, public RefCounter {
     SocketPool& pool_;
     Packet incoming_ GUARDED_BY(lock_);
     LLsafe<Packet> sendQueue_{LockRank::sendQueue};
-    Relaxed<u32> queuedPackets_;  // these two change with sendQueue_ locked
+    Relaxed<u32> queuedPackets_;  // changed together with queuedBytes_ under sendQueue_'s lock
     Relaxed<u32> queuedBytes_;
     std::atomic<bool> busy_{
         false};  // from isReady() until the end of doTask; stays set once removal was asked for
@@ -158,9 +152,9 @@ class Connection : public Task, public RefCounter {
     u32 remoteIp_ = 0;
     const bool cameIn_;
 
-    // Of the pool's thread.
+    // Used by the pool's thread only.
     bool inSet_ = false;
-    u32 asked_ = 0;       // what the set is asked about at present
-    u32 lastMoved_ = 0;   // ticks at which it last moved, or had nothing to move; 0 for not yet
-    bool moved_ = false;  // a byte, since checkStall() last looked; turns set it
+    u32 asked_ = 0;       // the events that the set reports
+    u32 lastMoved_ = 0;   // ticks when it last moved, or had nothing to move; 0 for never
+    bool moved_ = false;  // a byte was moved since the last checkStall()
 };

@@ -63,7 +63,7 @@ void DoorTask::turn() {
         return;
     }
     pool().noteProgress();
-    told_ = false;
+    reported_ = false;
     if (!canAccept()) {
         accepted->cancel();
         return;
@@ -76,8 +76,8 @@ void DoorTask::outOfDescriptors() {
     resting_ = true;
     restedAt_ = transport().host.clock.ticks();
     leftAtRest_ = pool().leftCount();
-    if (told_) return;
-    told_ = true;
+    if (reported_) return;
+    reported_ = true;
     transport().log.printLine("Too many open files: new connections on port %u wait until others end.",
                               localPort());
 }

@@ -1,25 +1,25 @@
-// DoorTask, the listening socket that makes new connections.
+// DoorTask: a listening socket that accepts connections.
 #pragma once
 
 #include "transport/Endpoint.h"
 
-// Accepts one connection each turn, asks canAccept() and hands what newConnection() makes of it to the
-// pool. When the system has no descriptor left, it says so once and tries again when a connection has
-// gone or a second has passed.
-// Thread: as Connection; listen() by its owner.
+// Accepts one connection per turn if canAccept() allows it, and adds the result of newConnection() to the
+// pool. If the system has no file descriptor left, it reports that once and retries when a connection has
+// ended or a second has passed.
+// Thread: as Connection; listen() on the owner's.
 class DoorTask : public Endpoint {
   public:
     DoorTask(SocketPool& pool, u32 port);
 
     bool canAccept() override;  // true
-    // The connection for a socket that came in; the pool takes it. Null drops the socket.
+    // Makes the connection of an accepted socket; the pool owns it. Null drops the socket.
     virtual Connection* newConnection(std::unique_ptr<i4_socket> socket) = 0;
 
-    // Opens the port, and tells the user where it can't be opened. The time counts only with a proxy,
-    // which is asked to listen in our place. True if it listens; nothing happens where it does already.
+    // Opens the port; prints a message if that fails. The timeout applies to a proxy, which then listens for
+    // us. Returns true if it listens; does nothing if it did already.
     bool listen(i32 timeout_ms);
 
-    const u32 doorPort;  // 0 asks for any that is free
+    const u32 doorPort;  // 0 for any free port
 
   protected:
     u32 wantedEvents() override;
@@ -30,8 +30,8 @@ class DoorTask : public Endpoint {
   private:
     void outOfDescriptors();
 
-    bool resting_ = false;  // doesn't ask for connections until a descriptor may be free
-    bool told_ = false;     // that there is no descriptor
-    u32 restedAt_ = 0;      // ticks
-    u32 leftAtRest_ = 0;    // connections that had left the pool then
+    bool resting_ = false;   // doesn't accept until a descriptor may be free
+    bool reported_ = false;  // the lack of descriptors was reported
+    u32 restedAt_ = 0;       // ticks
+    u32 leftAtRest_ = 0;     // connections that had left the pool by then
 };

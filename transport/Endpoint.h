@@ -1,26 +1,26 @@
-// Endpoint, a socket of our own making that has no other side: one that listens, or one for datagrams.
+// Endpoint: a socket without a fixed remote side: a listener or a UDP socket.
 #pragma once
 
 #include "transport/Connection.h"
 
-// What doors and datagrams share: the way into the pool, and the frame around a turn.
-// Thread: as Connection, except that no turn holds its lock: nothing is received into a packet.
+// What listeners and UDP sockets share: joining the pool and the frame of a turn.
+// Thread: as Connection, but turns don't hold lock_, since no packet is received.
 class Endpoint : public Connection {
   public:
-    // One turn(). What it raises costs the rest of that turn only, and is told in verbose mode.
+    // Runs one turn(). An i4_err ends that turn only and is reported in verbose mode.
     void doTask(SocketPool* pool) override;
     bool isReady() override;
-    // The one that was opened, also where any was asked for; 0 before, and while the system has given none.
+    // The bound port, also if any free one was requested; 0 before, and while the system has assigned none.
     u32 localPort() const { return localPort_; }
 
   protected:
-    Endpoint(SocketPool& pool, const char* name);  // the name, for verbose mode, is a literal
-    // Takes the socket and joins the pool. Once, by the owner of the finished object.
+    Endpoint(SocketPool& pool, const char* name);  // `name` is a literal, for verbose mode
+    // Takes the socket and joins the pool. The owner calls it once, after construction.
     void join(std::unique_ptr<i4_socket> made);
-    // Whether what the poll reported, in `lastEvents_`, is for a turn.
+    // True if the events in `lastEvents_` need a turn.
     virtual bool takesTurn() = 0;
     virtual void turn() = 0;
-    virtual void turnEnded();  // by a raise as well; nothing by default
+    virtual void turnEnded();  // called even if turn() raised; by default nothing
     bool isWatched() const override { return false; }
 
   private:

@@ -82,7 +82,7 @@ bool PacedPool::runPolled(const Polled& polled) {
 
 Rest PacedPool::pace(const Polled& polled, bool idle) {
     const Rest rest = restWithSockets();
-    if (polled.ready == 0) return rest;  // the rest itself took its time, or a wake-up wanted this turn
+    if (polled.ready == 0) return rest;  // the rest took its time, or a wake-up asked for this turn
     const LineSpeeds& line = transport().line;
     const bool freeUp = movedUp_ && (line.userMaxUpF <= 0 || upClock_.left() > 0);
     const bool freeDown = movedDown_ && (line.userMaxDownF <= 0 || downClock_.left() > 0);

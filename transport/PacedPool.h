@@ -1,26 +1,26 @@
-// PacedPool, a socket pool that runs all turns on its own thread, within the user's speed limits.
+// PacedPool: a socket pool that runs all turns on its own thread, within the user's speed limits.
 #pragma once
 
 #include "i4min/threads/Clock.h"
 #include "transport/SocketPool.h"
 
-// What a speed limit grants one direction: bytes for the time since the last grant. What a turn leaves of a
-// grant serves the turns up to the next one, and isn't kept beyond. A plain value.
+// The budget of one direction under a speed limit: bytes for the time since the last grant. The rest of a
+// grant serves turns until the next one and then expires. A plain value.
 class BudgetClock {
   public:
-    // Under a limit, grants are this many milliseconds apart at least.
+    // The least time in ms between two grants under a limit.
     static constexpr i32 shortestGrant = 10;
-    // Time that the pool waited with nothing to move counts for at most this many milliseconds, so that
-    // traffic doesn't begin with a burst.
+    // The most idle time in ms that counts for a grant, so that traffic doesn't start with a burst.
     static constexpr i32 longestWait = 40;
 
     void begin(Moment now) { last_ = now; }
-    // The budget for a turn at `now` with a limit in KB/s: elapsed time x limit, truncated; what is left of
-    // the last grant if that is too recent; unlimited for a limit of 0. Time too short for a byte is kept.
+    // Returns the budget of a turn at `now`, for a limit in KB/s: elapsed time x limit, truncated. If the
+    // last grant is too recent, returns the rest of it. Unlimited if the limit is 0. Time too short for one
+    // byte is carried over.
     i32 grant(f32 limit, Moment now);
     void charge(u32 bytes);
     i32 left() const { return left_; }
-    // The pool waited that long with nothing to move.
+    // Records that the pool was idle for `ms` milliseconds.
     void waited(i32 ms);
 
   private:
@@ -28,13 +28,12 @@ class BudgetClock {
     i32 left_ = 0;
 };
 
-// One connection after the other, in the order of the list, whose head moves to the end with each turn;
-// the limits are userMaxUpF and userMaxDownF of the preferences.
-//
-// Pace: a turn that moved bytes in a direction without a limit or with budget left, or accepted a connection,
-// is followed by the next one at once. Otherwise the pool rests 10 ms, or 60 ms after a turn that ran
-// nothing or used up a budget. With nothing to do it stays in its poll.
-// Thread: run() and what is protected, the pool's own.
+// Runs one connection after the other; the head of the list moves to the end with each turn. The limits are
+// userMaxUpF and userMaxDownF of the preferences.
+// Pace: a turn that accepted a connection, or moved bytes in a direction with budget left, is followed by the
+// next at once. Otherwise the pool rests for 10 ms, or for 60 ms if the turn ran nothing or used up a budget.
+// With nothing to do, it waits in poll().
+// Thread: run() and the protected members on the pool's own.
 class PacedPool : public SocketPool {
   public:
     using SocketPool::SocketPool;
@@ -42,13 +41,13 @@ class PacedPool : public SocketPool {
     Rest run() override;
 
   protected:
-    virtual void elapsed(i32 ms) = 0;  // since the last turn; before the turns
-    virtual bool turns();              // the turns of one poll: runTurns(). True if nothing ran
+    virtual void elapsed(i32 ms) = 0;  // time since the last turn; called before the turns
+    virtual bool turns();              // runs the turns of one poll; true if nothing ran
     virtual const char* failureText() const = 0;
 
-    // Turns for all ready connections.
+    // Runs a turn of each ready connection.
     bool runTurns();
-    // One connection's turn, charged to the budgets.
+    // Runs one connection's turn and charges the budgets.
     void runTurn(Connection& connection);
     void rotate();
 
@@ -60,6 +59,6 @@ class PacedPool : public SocketPool {
     Moment restedFrom_;  // when a ready socket could have ended the last rest
     BudgetClock upClock_;
     BudgetClock downClock_;
-    bool movedUp_ = false;  // in the present turn
+    bool movedUp_ = false;  // in the current turn
     bool movedDown_ = false;
 };

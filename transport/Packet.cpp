@@ -10,7 +10,7 @@
 namespace {
 
 constexpr u32 growStep = 1024;
-// A body's memory grows to this many times what has arrived, so that few copies are made of it.
+// A body's buffer grows to this many times the bytes received, to limit copying.
 constexpr u32 growFactor = 4;
 
 u32 withinBudget(u32 bytes, i32 budget) { return budget > 0 ? std::min(bytes, static_cast<u32>(budget)) : 0; }
@@ -58,8 +58,8 @@ Packet::Result Packet::receive(i4_socket& socket, const Budgets& budgets, u32& o
         if (headerDone < headerSize) return more;
         if (beginBody(limit) == failed) return failed;
     }
-    // A block that was filled grows and is read on into at once, so that what comes in keeps up with what the
-    // other side sends in a turn of its own.
+    // A full buffer grows and reading goes on at once, so that receiving keeps up with what the other side
+    // sends in one turn.
     for (i32 budget = budgets.recvBudget; bodyDone < size;) {
         if (bodyDone == stream.capacity()) growBody();
         const u32 chunk = withinBudget(stream.capacity() - bodyDone, budget);

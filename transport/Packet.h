@@ -1,4 +1,4 @@
-// Packet, one framed message of a TCP conversation, and the budgets that limit a turn.
+// Packet: one framed message of a TCP connection, and the budgets of a turn.
 #pragma once
 
 #include <array>
@@ -11,10 +11,10 @@
 class Serializable;
 class i4_socket;
 
-// No limit on a turn's bytes.
+// Means no limit.
 constexpr i32 unlimitedBudget = 0xFFFFFFF;
-// The bytes that packets may still send and receive in a turn: the pool grants and charges them, Packet caps
-// its chunks at them. A plain value.
+// The bytes that a turn may still send and receive. The pool grants and charges them; Packet limits its reads
+// and writes to them. A plain value.
 struct Budgets {
     i32 sendBudget = unlimitedBudget;
     i32 recvBudget = unlimitedBudget;
@@ -27,44 +27,44 @@ struct Budgets {
 //        1      4  body length n, u32 little-endian; at least 1
 //        5      n  body; its first byte is the opcode
 //
-// Built by its sender straight in `stream`, and sent from there; or received, a piece at a time. Thread:
-// one at a time. Owns the stream's buffer.
+// An outgoing packet is written directly to `stream` and sent from there; an incoming one arrives in pieces.
+// Thread: one at a time. Owns: the stream's buffer.
 class Packet {
   public:
     static constexpr u8 marker = packetMarker;
     static constexpr u32 headerSize = 5;
-    // The memory that a header alone is given; more comes as bytes arrive.
+    // Memory allocated on receipt of a header; it grows as the body arrives.
     static constexpr u32 firstBlock = 64 * 1024;
 
     enum Result { more = 0, complete = 1, failed = 2 };
 
-    Packet();                     // empty, to receive into
-    explicit Packet(u32 length);  // to write a body of that length into; a longer one makes the buffer grow
+    Packet();                     // empty, for receiving
+    explicit Packet(u32 length);  // for writing a body of `length` bytes; the buffer grows if needed
     Packet(const Packet&) = delete;
     Packet& operator=(const Packet&) = delete;
     virtual ~Packet();
 
-    // Writes as much as socket and budget take. `out_bytes` is what this call moved.
+    // Writes as much as the socket and the budget allow. `out_bytes` is the number of bytes this call moved.
     virtual Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes);
-    // Once, when the whole packet has left. On the pool's thread, within the connection's turn.
+    // Called once when the whole packet was sent, on the pool's thread, within the connection's turn.
     virtual void sent();
 
-    // Reads as much as socket and budget give: the rest of the header, then of the body.
-    // Failed: the socket, a wrong marker, a length of 0 or above `limit`. Complete: `stream` stands at
-    // the opcode and ends with the body.
+    // Reads the rest of the header, then of the body, as far as the socket and the budget allow. Returns
+    // failed for a socket error, a wrong marker, or a length of 0 or above `limit`. Once complete, `stream`
+    // is at the opcode and ends with the body.
     Result receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit);
 
-    // A packet of its own with the same body, nothing of it sent.
+    // Returns a new packet with the same body, of which nothing is sent yet.
     std::unique_ptr<Packet> clone() const;
-    // Takes the stream's position as the length, for a sender that wrote another amount than it told.
+    // Sets the body length to the stream's position, for a sender that wrote less or more than announced.
     void finish();
-    // Back to the empty packet; the buffer is freed.
+    // Makes the packet empty and frees the buffer.
     void reset();
 
     std::array<u8, headerSize> header{};
-    u32 headerDone = 0;  // header bytes that have moved
+    u32 headerDone = 0;  // header bytes moved
     u32 size = 0;        // body length
-    u32 bodyDone = 0;    // body bytes that have moved
+    u32 bodyDone = 0;    // body bytes moved
     i4_ram_file_class stream;
 
   private:
@@ -73,7 +73,7 @@ class Packet {
     void growBody();
 };
 
-// A packet to send: the opcode is written, and there's room for a payload of that many bytes.
+// Makes a packet with the opcode written and room for `payload` bytes.
 std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload = 0);
-// A packet whose payload is the network form of a record or a list of them.
+// Makes a packet whose payload is the network format of a record or a list.
 std::unique_ptr<Packet> makePacket(u8 opcode, const Serializable& content);

@@ -1,19 +1,20 @@
-// STSocketPool, the pool of the running program.
+// STSocketPool: the socket pool that the program uses.
 #pragma once
 
 #include <array>
 
 #include "transport/PacedPool.h"
 
-// Estimates what the line can carry from the speeds that are reached: at once up to any speed, slowly
-// down while the line isn't used to the full.
+// Estimates the line's capacity from the speeds reached: it rises at once to any higher speed, and falls
+// slowly while the line isn't fully used.
+// Thread: as PacedPool.
 class STSocketPool : public PacedPool {
   public:
-    // Eight entries of a direction's history, the next one to be replaced, and the estimate made of them.
+    // Eight samples of one direction and the index of the next one to replace.
     struct History {
         std::array<f32, 8> entries{};
         u32 index = 0;
-        // The estimate that follows `maximum` after a sample of the present speed, all in KB/s.
+        // Adds a sample (`current`) and returns the new estimate that follows `maximum`, all in KB/s.
         f32 update(f32 current, f32 maximum);
     };
 
@@ -26,7 +27,7 @@ class STSocketPool : public PacedPool {
     const char* failureText() const override;
 
   private:
-    // Moves maxUpSpeed and maxDownSpeed of the preferences.
+    // Updates maxUpSpeed and maxDownSpeed of the preferences.
     void updateSpeeds();
 
     i32 timer_ = 0;  // ms since the last update

@@ -14,7 +14,7 @@ namespace {
 constexpr i64 idlePoolRest = 100;  // ms
 constexpr u32 checkInterval = 1000;
 
-// A connection's turn on a worker.
+// Runs a connection's turn on a worker. Borrows: the connection.
 class TurnTask : public Task {
   public:
     explicit TurnTask(Connection* connection) : connection_(connection) {}
@@ -67,7 +67,7 @@ void SocketPool::removeWorker(Thread* worker) {
     workers_.remove(worker);
 }
 
-// Connections in and out.
+// Additions and removals.
 
 void SocketPool::addConnection(Connection* connection) {
     if (!connection) return;
@@ -121,7 +121,7 @@ void SocketPool::takeRemovals() {
         removed.addAll(removals_);
         removals_.clear();
     }
-    // Their ends run without the lock: what they tell may ask for further removals.
+    // Connections end without the lock held: gone() may request further removals.
     while (Connection* connection = removed.removeAt(0)) {
         const Ref<Connection> asked = Ref<Connection>::adopt(connection);
         const bool wasHere = active_.remove(connection);
@@ -176,7 +176,7 @@ Rest SocketPool::restWithSockets() {
         if (check) connection->checkStall(now);
         connection->refreshInterest();
         isWatched = isWatched || connection->isWatched();
-        // One that was closed before it came here has its turn too.
+        // A connection that was closed before it was added gets its turn too.
         if (connection->isClosing() && !connection->isBusy()) again_ = true;
     }
     if (again_) return Rest::none();

@@ -1,4 +1,4 @@
-// SocketPool, which polls the sockets of all connections and gives each ready one its turn.
+// SocketPool: polls the sockets of all connections and runs a turn of each ready one.
 #pragma once
 
 #include <atomic>
@@ -17,10 +17,9 @@ class Connection;
 class Thread;
 struct Transport;
 
-// The base: its run() hands ready connections to workers as tasks.
-// Thread: the public operations any, where they don't say otherwise; run() and what is protected, the
-// pool's own.
-// Counts: one reference for each connection that it has.
+// The base class. Its own run() hands ready connections to workers as tasks.
+// Thread: public functions on any, unless stated otherwise; run() and protected members on the pool's own.
+// Holds: one reference to each connection in the pool.
 class SocketPool : public Thread {
   public:
     explicit SocketPool(Transport& transport);
@@ -31,43 +30,41 @@ class SocketPool : public Thread {
     Transport& transport() const { return transport_; }
 
     void addTask(Task* task) EXCLUDES(tasksLock_);
-    Task* nextTask() EXCLUDES(tasksLock_);  // null where there is none
-    // A thread that takes tasks: it is woken when there is one.
+    Task* nextTask() EXCLUDES(tasksLock_);  // null if there is none
+    // Registers a thread that takes tasks; it is woken for each new one.
     void addWorker(Thread* worker) EXCLUDES(tasksLock_);
     void removeWorker(Thread* worker) EXCLUDES(tasksLock_);
 
-    // Both take effect at the end of the pool's present turn, and may be asked for twice. Null does
-    // nothing.
+    // Both take effect at the end of the pool's current turn. Repeated calls and null are allowed.
     void addConnection(Connection* connection) EXCLUDES(additionsLock_);
     void removeConnection(Connection* connection) EXCLUDES(removalsLock_);
-    // Ends every connection that the pool has, and drops its tasks: for the shut-down, when the thread
-    // has stopped.
+    // Ends all connections and drops all tasks. For shutdown, after the thread has stopped.
     void deleteConnections();
 
-    // Has the pool look at its connections now, or once more when the present turn has ended.
+    // Makes the pool check its connections now, or once more after the current turn.
     void wake();
-    // Something moved that no connection's counters show; on the pool's thread.
+    // Notes progress that the connections' counters don't show. Thread: the pool's.
     void noteProgress() { progress_ = true; }
-    u32 leftCount() const { return left_; }              // connections that have left since the start; wraps
-    i4_socket_set* set() const { return set_.get(); }    // on the pool's thread; null before start()
-    const Budgets& budgets() const { return budgets_; }  // of the present turn, on the pool's thread
+    u32 leftCount() const { return left_; }              // connections that have left so far; wraps around
+    i4_socket_set* set() const { return set_.get(); }    // pool's thread only; null before start()
+    const Budgets& budgets() const { return budgets_; }  // of the current turn; pool's thread only
 
-    Relaxed<i32> count;  // connections in the pool or on their way into it
+    Relaxed<i32> count;  // connections in the pool or being added to it
 
   protected:
-    // What the rest before this turn has brought.
+    // The result of the poll before this turn.
     struct Polled {
-        i32 ready;   // sockets with events; below 0 when the poll failed
+        i32 ready;   // sockets with events; below 0 if the poll failed
         bool woken;  // wake() was called
     };
     Polled takePolled();
-    // After a turn: brings the set up to date. Returns how long the pool may rest.
+    // Updates the set after a turn. Returns how long the pool may rest.
     Rest restWithSockets();
-    // Takes additions and removals into effect.
+    // Carries out the queued additions and removals.
     void processChanges() EXCLUDES(additionsLock_, removalsLock_);
-    // An addition was in `active_` already: takes back what its adding put on `count`.
+    // Called if an added connection was in `active_` already: corrects `count`.
     virtual void addedAgain();
-    virtual void leaving(Connection* connection);  // it was taken out of `active_`; nothing by default
+    virtual void leaving(Connection* connection);  // it was removed from `active_`; by default nothing
 
     LL<Connection> active_;
     Budgets budgets_;
@@ -86,9 +83,9 @@ class SocketPool : public Thread {
     LL<Connection> removals_ GUARDED_BY(removalsLock_);
     Transport& transport_;
     std::unique_ptr<i4_socket_set> set_;
-    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads
+    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same pointer, for other threads
     std::atomic<bool> wakeAsked_{false};
-    bool again_ = false;  // a turn of the pool's own asked for another
+    bool again_ = false;  // the pool's own turn asked for another turn
     Relaxed<u32> left_;
     u32 lastCheck_ = 0;  // ticks
 };

@@ -1,4 +1,4 @@
-// Task, a unit of work on a socket pool's queue.
+// Task: a unit of work in a socket pool's queue.
 #pragma once
 
 #include <optional>
@@ -8,18 +8,18 @@
 class SocketPool;
 class i4_socket_set;
 
-// Taken from the queue and run by a Worker, on the worker's thread. The queue owns a task until it is
-// taken; a task that doTask was called on owns itself.
+// A Worker takes it from the queue and runs it on its thread.
+// Owned by the queue until it is taken; then it destroys itself when it is done.
 class Task {
   public:
     virtual void doTask(SocketPool* pool) = 0;
     virtual ~Task() = default;
-    // One piece of the work, for a worker: nothing when the task is done, and gone; else how long it waits at
-    // most for the sockets that it has put into the set. By default doTask() is all of it.
+    // Runs one step on a worker. Returns empty if the task is done, and destroyed; otherwise the longest wait
+    // for the sockets that it added to the set. By default doTask() is the only step.
     virtual std::optional<Rest> work(SocketPool& pool, i4_socket_set& /*set*/) {
         doTask(&pool);
         return std::nullopt;
     }
-    // Instead of doTask, or of what is left of the work, where pool or worker go.
+    // Called instead of the remaining work when the pool or the worker ends.
     virtual void abandon() { delete this; }
 };

@@ -1,4 +1,4 @@
-// What the pools, connections and workers of one client need from outside.
+// Transport: what pools, connections and workers of a client use.
 #pragma once
 
 #include "core/UIInterface.h"
@@ -7,7 +7,8 @@
 class ConnectRegistry;
 struct LineSpeeds;
 
-// Outlives whatever got it.
+// References only.
+// Thread: as each member says. The referenced objects must outlive everything that holds a Transport.
 struct Transport {
     Host& host;
     UIInterface& log;

@@ -43,7 +43,7 @@ void UDPAnnex::sendOne() {
     if (!packet) return;
     pool().noteProgress();
     u32 bytes = 0;
-    // While the network is down, no ping to any server can be sent.
+    // While the network is down, every ping fails.
     if (packet->send(*socket(), {}, bytes) == Packet::failed &&
         transport().log.mayComplain(UIInterface::Complaint::datagram))
         transport().log.printFlush("Bad UDPAnnex out packet");

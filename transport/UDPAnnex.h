@@ -1,4 +1,4 @@
-// UDPAnnex, a client's socket for datagrams.
+// UDPAnnex: a client's UDP socket.
 #pragma once
 
 #include <array>
@@ -10,29 +10,29 @@
 #include "transport/Endpoint.h"
 #include "transport/UDPPacket.h"
 
-// A client's socket for datagrams, with a port that the system gives it at the first send. Queue a
-// UDPPacket with send().
+// A UDP socket whose port the system assigns at the first send. Queue a UDPPacket with send().
+// Thread: as Endpoint.
 class UDPAnnex : public Endpoint {
   public:
     explicit UDPAnnex(SocketPool& pool);
 
-    // Makes the socket and joins the pool; false, and said so, where the system gives none. Once, by the
-    // owner of the finished object.
+    // Makes the socket and joins the pool. If the system refuses, it prints a message and returns false. The
+    // owner calls it once, after construction.
     bool open();
 
   private:
     std::array<u8, largestDatagram> block_{};
 
   protected:
-    // A datagram, in `buffer_` from its marker on; reading past its end raises, which costs this datagram
-    // only.
+    // Handles the datagram in `buffer_`, which starts at the marker. Reading past its end raises an error,
+    // which drops this datagram only.
     virtual void handleDatagram() = 0;
 
     bool takesTurn() override;
     void turn() override;
     void turnEnded() override;
 
-    std::unique_ptr<i4_address> from_;  // the sender of the datagram being handled, null between datagrams
+    std::unique_ptr<i4_address> from_;  // sender of the datagram being handled; null between datagrams
     i4_ram_file_class buffer_;
 
   private:

@@ -1,4 +1,4 @@
-// UDPDoor, a bound socket for datagrams.
+// UDPDoor: a bound UDP socket.
 #pragma once
 
 #include <array>
@@ -10,12 +10,13 @@
 #include "transport/Endpoint.h"
 #include "transport/UDPPacket.h"
 
-// A bound socket for datagrams that can reply to their sender.
+// A UDP socket that receives on a fixed port and can reply to senders.
+// Thread: as Endpoint.
 class UDPDoor : public Endpoint {
   public:
     UDPDoor(SocketPool& pool, u32 openPort);
 
-    // Binds the port and joins the pool; false, and said so, where that fails.
+    // Binds the port and joins the pool. If that fails, it prints a message and returns false.
     bool open(i32 timeout_ms);
 
     const u32 doorPort;
@@ -25,9 +26,9 @@ class UDPDoor : public Endpoint {
     std::array<u8, largestDatagram> outBlock_{};
 
   protected:
-    // As in UDPAnnex, in `inBuffer_`. A reply is written to `outBuffer_`, which stands at 0.
+    // As in UDPAnnex, with `inBuffer_`. Write a reply to `outBuffer_`, which starts at position 0.
     virtual void handleDatagram() = 0;
-    // Sends that many bytes of outBuffer_ to the sender of the datagram being handled.
+    // Sends `length` bytes of outBuffer_ to the sender of the current datagram.
     void reply(u32 length);
 
     bool takesTurn() override;

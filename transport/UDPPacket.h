@@ -1,4 +1,4 @@
-// UDPPacket, a datagram in a connection's queue.
+// UDPPacket: a datagram in a connection's queue.
 //
 // A datagram on the wire:
 //
@@ -19,17 +19,18 @@ class i4_address;
 class i4_protocol;
 class i4_socket;
 
-// The largest datagram that is taken or answered; a longer one is cut.
+// The largest datagram received or sent as a reply; longer ones are truncated.
 constexpr u32 largestDatagram = 3072;
 
-// A datagram to be sent. Its length is fixed: what isn't written of the body goes out as zeros, and
-// writes past it are cut.
+// A datagram to send. Its length is fixed: body bytes that aren't written are sent as zeros, and writes past
+// the end are dropped.
+// Thread and ownership: as Packet.
 class UDPPacket : public Packet {
   public:
     UDPPacket(i4_protocol& network, u32 bodyLength, u32 toIp, u32 toPort);  // the marker is written already
 
-    // Sends it whole. Complete means gone, whether or not the system took it; failed, that the address
-    // couldn't be resolved.
+    // Sends the whole datagram. Returns complete whether or not the system accepted it, and failed if the
+    // address couldn't be resolved.
     Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes) override;
 
     const u32 ip;  // network order
@@ -39,10 +40,9 @@ class UDPPacket : public Packet {
     i4_protocol& network_;
 };
 
-// The datagrams that are handled in one turn; those of a flood wait for the next turns, between which
-// others have theirs.
+// The most datagrams handled in one turn, so that a flood leaves other connections their turns.
 constexpr int datagramsPerTurn = 256;
 
-// Reads the next datagram into the stream's block, and puts the stream on it and on nothing behind it.
-// False, with no sender, where there is none.
+// Reads the next datagram into the stream's block and limits the stream to it. Returns false and no sender if
+// there is none.
 bool readDatagram(i4_socket& socket, i4_ram_file_class& stream, std::unique_ptr<i4_address>& from);

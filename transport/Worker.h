@@ -1,4 +1,4 @@
-// Worker, the thread on which connections are made.
+// Worker: the thread that makes outgoing connections.
 #pragma once
 
 #include <atomic>
@@ -10,9 +10,9 @@
 class SocketPool;
 class Task;
 
-// Takes tasks from a pool's queue and runs them, one after the other. It is woken by SocketPool::addTask;
-// while there is nothing to do it rests. An i4_err of a task is told in verbose mode, and the worker goes on.
-// Thread: start() and stop() from any but its own.    Borrows: the pool, which outlives it.
+// Takes tasks from a pool's queue and runs them one after the other; SocketPool::addTask wakes it.
+// Thread: start() and stop() on any but its own.
+// Borrows: the pool, which outlives it. Errors: a task's i4_err is reported in verbose mode.
 class Worker : public Thread {
   public:
     explicit Worker(SocketPool& pool);
@@ -21,12 +21,12 @@ class Worker : public Thread {
     Rest run() override;
     i4_socket_set* restingSet() const override { return restingSet_.load(std::memory_order_acquire); }
 
-    // Thread::stop; a task that is under way is abandoned.
+    // Stops the thread, and abandons the task under way.
     void stop();
 
   private:
     SocketPool& pool_;
     std::unique_ptr<i4_socket_set> set_;
-    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads
-    Task* task_ = nullptr;                             // under way; of the worker's thread while it runs
+    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same pointer, for other threads
+    Task* task_ = nullptr;  // the task under way; used by the worker's thread while it runs
 };

@@ -1,4 +1,4 @@
-// Plain blocking sockets on loopback, for tests that are the other side.
+// Plain blocking sockets on loopback, for tests that play the other side.
 #pragma once
 
 #include <arpa/inet.h>
@@ -24,13 +24,13 @@ inline sockaddr_in loopbackAt(u32 port) {
     return address;
 }
 
-// Waits for something to read, or for somebody to accept.
+// Waits until there is something to read or to accept.
 inline bool isReadable(int descriptor, std::chrono::milliseconds limit = patience) {
     pollfd entry{descriptor, POLLIN, 0};
     return ::poll(&entry, 1, static_cast<int>(limit.count())) == 1;
 }
 
-// One end of a TCP connection. Thread: one. Owns its descriptor.
+// One end of a TCP connection. Thread: one. Owns: its descriptor.
 class Caller {
   public:
     Caller() : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {}
@@ -43,7 +43,7 @@ class Caller {
         const sockaddr_in address = loopbackAt(port);
         return ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
-    // Takes the next one that comes in at a listening socket, in the place of what it had.
+    // Accepts the next connection of a listening socket, and closes its current one.
     bool accept(int listener) {
         close();
         if (isReadable(listener)) descriptor_ = ::accept(listener, nullptr, nullptr);
@@ -54,7 +54,7 @@ class Caller {
                static_cast<ssize_t>(bytes.size());
     }
     bool say(const std::string& body) { return send(framed(body)); }
-    // That many bytes, or fewer where the other side ends or is silent for a minute.
+    // Reads `count` bytes, or fewer if the other side ends or is silent for a minute.
     std::string read(std::size_t count) {
         std::string bytes(count, '\0');
         std::size_t done = 0;
@@ -66,7 +66,7 @@ class Caller {
         bytes.resize(done);
         return bytes;
     }
-    // Whether a Talker at the other side sends the text back.
+    // True if a Talker at the other side echoes the text.
     bool echoes(const std::string& text) {
         const std::string wire = framed("e" + text);
         return send(wire) && read(wire.size()) == wire;
@@ -76,7 +76,7 @@ class Caller {
         const std::string header = read(5);
         return header.size() == 5 && header[0] == '\xE3' ? read(u32At(header, 1)) : "";
     }
-    // Messages up to the first with that opcode that `fits`; that one's payload.
+    // Skips messages up to the first with this opcode that `fits`, and returns its payload.
     std::string await(u32 number, const std::function<bool(const std::string&)>& fits = {}) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(150);
         while (std::chrono::steady_clock::now() < deadline) {
@@ -103,7 +103,7 @@ class Caller {
     int descriptor_;
 };
 
-// A door on a port that the system chose. Thread: one. Owns its descriptor.
+// A listener on a port that the system chose. Thread: one. Owns: its descriptor.
 class Listener {
   public:
     Listener() : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {

@@ -1,4 +1,4 @@
-// The text that the engine tells its user, kept for a test to look at.
+// Captures the text that the engine prints.
 #pragma once
 
 #include <cstdarg>
@@ -9,7 +9,7 @@
 
 #include "engine/CoreUIInterface.h"
 
-// Thread: any.
+// Collects all text in memory. Thread: any.
 class CapturedLog : public CoreUIInterface {
   public:
     void say(Text kind, const char* format, va_list list) override {

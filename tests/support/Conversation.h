@@ -1,4 +1,4 @@
-// Connections over loopback for tests: what they hear is kept, and their ends are counted.
+// Connections over loopback for tests. Their messages are recorded and their ends are counted.
 #pragma once
 
 #include <atomic>
@@ -21,7 +21,7 @@ inline std::unique_ptr<Packet> packetOf(const std::string& body) {
     return packet;
 }
 
-// What the connections of a test tell.
+// The recorded events of a test's connections. Thread: any.
 struct Told {
     std::atomic<int> connected{0};
     std::atomic<int> failed{0};
@@ -46,7 +46,8 @@ struct Told {
     std::vector<std::string> bodies;
 };
 
-// Opcodes: 'f' refuses, 's' reads past the end, 'e' echoes its body back, 'c' closes; all are kept.
+// Records each message. Opcodes: 'f' refuses, 's' reads past the end, 'e' echoes its body, 'c' closes.
+// Thread: as Connection. Borrows: the Told.
 class Talker : public Connection {
   public:
     Talker(SocketPool& pool, std::unique_ptr<i4_socket> socket, Told& told)
@@ -81,6 +82,7 @@ class Talker : public Connection {
     Told& told_;
 };
 
+// A listener that makes Talkers. Thread: as DoorTask. Borrows: the Told.
 class TalkerDoor : public DoorTask {
   public:
     TalkerDoor(SocketPool& pool, u32 openPort, Told& told) : DoorTask(pool, openPort), told_(told) {}
@@ -90,7 +92,7 @@ class TalkerDoor : public DoorTask {
         last_ = Ref<Talker>(talker);
         return talker;
     }
-    // The last one that came in; the door lets go of it.
+    // The last accepted connection, which the listener then releases.
     Ref<Talker> takeLast() {
         std::lock_guard<std::mutex> lock(mutex_);
         return std::move(last_);

@@ -1,4 +1,4 @@
-// Downloads for a test: the engine of EngineTest.h, and files to fetch.
+// A fixture for downloads: the engine of EngineTest.h, and files to download.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
 
-// A file on the network: what it holds, and the record by which it is found.
+// A file on the network: its content and its record.
 struct RemoteFile {
     RemoteFile(const std::string& name, u32 size, u32 seed = 1) : bytes(someBytes(size, seed)) {
         i4_ram_file_class stream(bytes.data(), size, 0);
@@ -24,7 +24,7 @@ struct RemoteFile {
         record.setInt(TAG_SIZE, size);
     }
     u32 size() const { return static_cast<u32>(bytes.size()); }
-    // Cut into pieces of at most that many bytes, ascending.
+    // The file's ranges of at most `length` bytes, in ascending order.
     std::vector<Gap> pieces(u32 length) const {
         std::vector<Gap> result;
         for (i64 at = 0; at < size(); at += length)
@@ -37,7 +37,7 @@ struct RemoteFile {
     std::vector<MD4Hash> parts;
 };
 
-// A packet's data as a peer sends it, behind opcode and hash.
+// The data of a packet as a peer sends it, after opcode and hash.
 class DataPacket : public i4_owned_ram_file {
   public:
     DataPacket(u32 start, u32 end, const std::string& bytes) {
@@ -49,13 +49,14 @@ class DataPacket : public i4_owned_ram_file {
     }
 };
 
-// A flag for each part.
+// Makes an array from a flag ('0' or '1') for each part.
 inline BoolArray partsOf(const std::string& flags) {
     BoolArray array(static_cast<i32>(flags.size()));
     for (std::size_t i = 0; i < flags.size(); ++i) array.set(static_cast<i32>(i), flags[i] == '1');
     return array;
 }
 
+// A fixture with an engine, its temp and incoming directory, and functions that play the network.
 class Downloads : public EngineTest {
   protected:
     Downloads() {
@@ -67,7 +68,7 @@ class Downloads : public EngineTest {
         preferences.userMaxDownF = 0;
         preferences.curDownSpeed = 0;
         preferences.maxDownSpeed = 5.0F;
-        dlPool.tick(60'000);  // looks how much room the disk has
+        dlPool.tick(60'000);  // measures the free space
     }
 
     // The two directories, or a file in them.
@@ -76,13 +77,13 @@ class Downloads : public EngineTest {
     std::string dataFileOf(const Download& download) const {
         return temp(download.partial().tempFileName().c_str());
     }
-    // How many there were.
+    // Returns the number of messages handled.
     int handleMessages() {
         int count = 0;
         while (messageQ.process()) ++count;
         return count;
     }
-    // A download in the pool, looking for sources unless it isn't to start.
+    // Adds a download to the pool and, if `start`, makes it look for sources.
     Ref<Download> add(const RemoteFile& file, bool start = true) {
         dlPool.add(file.record);
         Ref<Download> download = dlPool.find(file.record.hash);
@@ -110,13 +111,13 @@ class Downloads : public EngineTest {
         i4_ram_file_class stream(body.data(), static_cast<u32>(body.size()), 0);
         download.gotHashSet(stream);
     }
-    // A flag for each part: whether it has passed its hash.
+    // A flag for each part: whether its hash was verified.
     std::string verified(const Download& download) {
         BoolArray parts;
         download.partial().copyPartsDone(parts);
         return parts.toText();
     }
-    // What is missing, in order of the list.
+    // The missing ranges as text, in the list's order.
     std::string gaps(const GapList& list) {
         std::string text;
         for (const Gap& gap : list.gaps()) {
@@ -124,7 +125,7 @@ class Downloads : public EngineTest {
         }
         return text;
     }
-    // Waits until the completer has done its work and the download has left the pool.
+    // Waits until the completing thread has finished and the download has left the pool.
     void waitUntilGone(const Ref<Download>& download) {
         ASSERT_TRUE(eventually([&] {
             handleMessages();
@@ -132,15 +133,15 @@ class Downloads : public EngineTest {
         }));
         handleMessages();
     }
-    // It does so with these bytes in the incoming directory.
+    // True if the download completes with these bytes in the incoming directory.
     bool completes(const Ref<Download>& download, const RemoteFile& file) {
         waitUntilGone(download);
         return download->getStatus() == DL_STATUS_COMPLETE &&
                hasBytes(incoming(file.record.getName()), file.bytes);
     }
-    // Writes the meta files of all downloads, as every five minutes.
+    // Writes the meta files of all downloads, as happens every five minutes.
     void save() { dlPool.tick(300'000); }
-    // Ends the program, as far as downloads go, and finds again what it left.
+    // Stops all downloads, saves them and loads them again.
     void restart() {
         dlPool.stopAll(clientApp.partials());
         clientApp.partials().saveToDir(temp().c_str());

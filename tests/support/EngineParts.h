@@ -1,8 +1,9 @@
-// The parts of an engine, for a fixture to name.
+// References to the parts of an engine, for fixtures.
 #pragma once
 
 #include "engine/Engine.h"
 
+// Gives a fixture short names for the parts of its engine. Borrows: the engine.
 struct EngineParts {
     explicit EngineParts(Engine& engine)
         : preferences(engine.preferences),

@@ -1,5 +1,4 @@
-// The engine's own objects for a test, in a directory of its own and without threads, and peers without a
-// network.
+// A fixture with an engine in its own directory, without threads, and with peers that have no network.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +19,7 @@
 
 constexpr u32 addressOf(u8 last) { return 0x0A | static_cast<u32>(last) << 24; }  // 10.0.0.last
 
-// Who is at 10.0.0.last, port 4662; the hash is `last` sixteen times.
+// The user at 10.0.0.last, port 4662, whose hash repeats the byte `last`.
 class User : public UserMeta {
   public:
     explicit User(u8 last) {
@@ -30,7 +29,7 @@ class User : public UserMeta {
     }
 };
 
-// The request for up to three ranges, from first up to but not including second.
+// A request for up to three ranges, each from `first` to before `second`.
 inline std::string requestFor(const MD4Hash& file, std::vector<std::pair<u32, u32>> ranges) {
     ranges.resize(3);
     std::string body = bytesOf(file);
@@ -39,7 +38,7 @@ inline std::string requestFor(const MD4Hash& file, std::vector<std::pair<u32, u3
     return opcode(OP_REQUEST_PARTS, body);
 }
 
-// A socket whose other side has an address.
+// A socket with a remote address.
 class AddressedSocket : public ScriptedSocket {
   public:
     explicit AddressedSocket(u32 ip) : ip_(ip) {}
@@ -53,36 +52,36 @@ class AddressedSocket : public ScriptedSocket {
     const u32 ip_;
 };
 
-// A real connection that its pool doesn't have: what it sends is taken from its queue, and what it hears goes
-// through its turns.
+// A connection that isn't in its pool. Tests take what it sends from its queue, and feed it through its
+// turns.
 template <class Base>
 class InNoPool : public Base {
   public:
-    // One that came in from that address; `needs` is what Base wants between pool and socket.
+    // A connection accepted from the address `from`. `needs` are Base's arguments between pool and socket.
     template <class... Needs>
     explicit InNoPool(SocketPool& pool, u32 from, Needs&... needs)
         : InNoPool(pool, new AddressedSocket(from), needs...) {}
 
-    // True while the connection lives.
+    // Returns true while the connection lives.
     bool hear(const std::string& body) { return hearRaw(framed(body)); }
     bool hearRaw(const std::string& bytes) {
         scripted_->pieces.push_back(bytes);
         while (!scripted_->pieces.empty() && !refused_) turn(I4_SELECT_READ);
         return !refused_;
     }
-    // The bodies of all packets that wait, which are dropped.
+    // Takes all queued packets and returns their bodies.
     std::vector<std::string> sent() {
         std::vector<std::string> bodies;
         while (const std::unique_ptr<Packet> packet = this->takeFirstToSend())
             bodies.push_back(bodyOf(*packet));
         return bodies;
     }
-    // The one packet that waits; empty where there is none or more than one.
+    // Takes the only queued packet; empty if there is none or more than one.
     std::string sentOne() {
         const std::vector<std::string> bodies = sent();
         return bodies.size() == 1 ? bodies[0] : "";
     }
-    // Lets the first packet that waits leave through the socket. Its body, empty where there is none.
+    // Sends the first queued packet through the socket. Returns its body, or empty if there is none.
     std::string leave() {
         const Packet* packet = this->firstToSend();
         if (!packet) return {};
@@ -112,6 +111,7 @@ class InNoPool : public Base {
     bool refused_ = false;
 };
 
+// A Peer that tests drive, with access to its limits.
 class TestPeer : public InNoPool<Peer> {
   public:
     using InNoPool::InNoPool;
@@ -119,7 +119,7 @@ class TestPeer : public InNoPool<Peer> {
     bool awaits() const { return awaitsFirst(); }
 };
 
-// An engine that was started once. Own ID 10.0.0.100, port 4662.
+// An engine that was started once. Its ID is 10.0.0.100, its port 4662.
 class EngineTest : public testing::Test, protected OwnEngine {
   protected:
     EngineTest() {
@@ -134,7 +134,7 @@ class EngineTest : public testing::Test, protected OwnEngine {
         for (const Ref<TestPeer>& peer : made) peer->end();
         clientApp.socketPool.deleteConnections();
     }
-    // A User as Hello has it, of no server; called user1 and so on where there is no other name.
+    // A User as in a hello, without server; named user1 and so on by default.
     static std::string identity(u8 last, const std::string& name = "", u32 id = 0) {
         const std::string& known = name.empty() ? "user" + std::to_string(last) : name;
         return namedRecord(hashOf(last), id != 0 ? id : addressOf(last), 4662, known) + le32(0) + le16(0);
@@ -143,14 +143,14 @@ class EngineTest : public testing::Test, protected OwnEngine {
         made.emplace_back(new TestPeer(clientApp.socketPool, addressOf(last), engine.peerNeeds));
         return *made.back();
     }
-    // One that has said hello, and heard the answer.
+    // A peer that has said hello and received the answer.
     TestPeer& peer(u8 last, const std::string& name = "") {
         TestPeer& result = stranger(last);
         EXPECT_TRUE(result.hear(opcode(OP_HELLO, "\x10" + identity(last, name))));
         result.sent();
         return result;
     }
-    // A file that lies in the directory and is shared.
+    // A shared file in the test's directory.
     FileMeta& shareFile(const MD4Hash& hash, const std::string& name, const std::string& content) {
         writeFile(directory.file(name), content);
         auto file = makeFile(name, static_cast<u32>(content.size()), 0);

@@ -1,4 +1,4 @@
-// What a HashThread works on, without an application around it.
+// The lists that a HashThread works on, without an application around it.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,7 @@
 #include "import/ImporterList.h"
 #include "meta/FileList.h"
 
-// Owns its records. Thread: the hash thread's, while one runs.
+// Thread: the hash thread's, while it runs. Owns: its records.
 class HashedFiles : public HashDuties {
   public:
     explicit HashedFiles(Core& core) : directories(core), core_(core) {}
@@ -40,7 +40,7 @@ class HashedFiles : public HashDuties {
     ImporterList importers;
     std::function<void(const GiveUp& giveUp)> onVerify;
     std::function<void()> onImport;
-    i4_semaphore published;  // one signal for each run that came to its end
+    i4_semaphore published;  // signalled at the end of each run
 
   private:
     Core& core_;

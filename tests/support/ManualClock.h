@@ -1,4 +1,4 @@
-// A clock that a test sets.
+// A clock that the test sets.
 #pragma once
 
 #include "i4min/threads/Clock.h"

@@ -127,7 +127,7 @@ void Client::share(const std::string& folder, IndexServerProcess& index) {
 
 std::string Client::search(const std::string& text) {
     EXPECT_TRUE(type("s " + text, "Results returned\n"));
-    // The prompt doesn't tell where the view ends, as one may stand before it: what comes next does.
+    // The view has no fixed end, so the output of the next command marks it.
     return view("vr\ng", "Files: ");
 }
 
@@ -157,7 +157,7 @@ bool Client::hasFinished(const std::string& name, const std::string& bytes, std:
         },
         limit);
     if (!arrived) return false;
-    // The list lets go of a download that has ended.
+    // A download that has ended leaves the list.
     return eventually([&] { return view("vd", "Total: ").find(name) == std::string::npos; }) &&
            hasBytes(path, bytes);
 }

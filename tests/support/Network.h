@@ -1,4 +1,4 @@
-// A private network of real processes on loopback: an index server and clients in directories of their own.
+// A private network of real processes on loopback: an index server, and clients in their own directories.
 #pragma once
 
 #include <memory>
@@ -9,18 +9,18 @@
 #include "tests/support/bytes.h"
 #include "tests/support/files.h"
 
-// The limit for a transfer, which a sanitizer and a busy machine make slow.
+// The time limit of a transfer, which sanitizers and a busy machine slow down.
 inline constexpr std::chrono::seconds transferPatience{150};
 
-// tarnwick-index on a port that the system chose.
+// tarnwick-index on a port that the system chose. Owns: the process.
 class IndexServerProcess {
   public:
     explicit IndexServerProcess(const std::vector<std::string>& options = {});
-    // In how many places `text` stands of what the server has said from its start on; said() waits until it
-    // is in so many.
+    // Counts how often `text` occurs in the server's output so far. said() waits until it occurs `count`
+    // times.
     int count(const std::string& text);
     bool said(const std::string& text, int times = 1);
-    int stop();  // as its operator does; the exit status
+    int stop();  // stops it as its operator would; returns the exit status
     const std::string& port() const { return port_; }
     u_int portNumber() const { return static_cast<u_int>(std::stoul(port_)); }
 
@@ -30,33 +30,32 @@ class IndexServerProcess {
     std::string port_;
 };
 
-// One client, with a directory, a name and a door port of its own. It may be started and killed several
-// times.
+// A client with its own directory, name and port. It can be started and killed repeatedly. Owns: the process.
 class Client {
   public:
     Client(const std::string& name, const IndexServerProcess& index);
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
-    ~Client();  // a complaint of a sanitizer or of the lock order fails the test
+    ~Client();  // fails the test if a sanitizer or the lock order check has complained
 
     void launch(const std::vector<std::string>& arguments);
-    // Launches it and waits for the banner and the shared files.
+    // Starts it and waits for the banner and the shared files.
     void start(const std::vector<std::string>& arguments = {});
-    void kill();  // as a crash does
-    void quit();  // as a user does
+    void kill();  // like a crash
+    void quit();  // like a user
     void logOn();
-    // Types a line and waits for `answer`, which must be something that only this line brings.
+    // Types a line and waits for `answer`, a text that only this line causes.
     bool type(const std::string& line, const std::string& answer);
-    // The answer to a line, up to and with `last`.
+    // Types a line and returns the output up to and including `last`.
     std::string view(const std::string& line, const std::string& last);
-    // Shares what `folder` holds and waits until the index server has heard of it.
+    // Shares `folder` and waits until the index server has listed its files.
     void share(const std::string& folder, IndexServerProcess& index);
-    // What `vr` shows after a search.
+    // The output of `vr` after a search.
     std::string search(const std::string& text);
-    // Searches until the text brings exactly one file, and downloads that.
+    // Searches until exactly one file is found, and downloads it.
     void findAndDownload(const std::string& text);
     u_int transferredKB();  // of the first download
-    // The file arrives in time, with these bytes.
+    // True if the file arrives in time with these bytes.
     bool hasFinished(const std::string& name, const std::string& bytes,
                      std::chrono::seconds limit = transferPatience);
 
@@ -75,5 +74,5 @@ class Client {
 };
 
 // A TCP port for a program that binds it with SO_REUSEADDR. This process stays bound to it without listening,
-// so the system gives it to nobody who takes any port, be it for another door or for a call.
+// so that the system assigns it to nobody else.
 int freePort();

@@ -1,4 +1,4 @@
-// A socket pool at work for a test, with a door of its own.
+// A running socket pool for tests, with its own listener.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include "tests/support/Conversation.h"
 #include "transport/Worker.h"
 
-// One pool, one worker and one door on loopback that makes Talkers.
+// A pool, a worker and a loopback listener that makes Talkers. Owns: all of them.
 template <class Pool>
 struct OpenDoor {
     explicit OpenDoor(Transport& transport) : pool(transport) {
@@ -23,13 +23,13 @@ struct OpenDoor {
         pool.deleteConnections();
         EXPECT_EQ(pool.count, 0);
     }
-    // The one that came in last; the door lets go of it.
+    // The last accepted connection, which the listener then releases.
     Ref<Talker> arrived() {
         Ref<Talker> found;
         EXPECT_TRUE(eventually([&] { return static_cast<bool>(found = door->takeLast()); }));
         return found;
     }
-    // Only the door is left in the pool, and every other connection has ended once.
+    // True if only the listener is left in the pool, and every other connection has ended exactly once.
     bool allGone(int connections) {
         return eventually([&] { return pool.count == 1 && told.ended == connections; });
     }

@@ -1,4 +1,4 @@
-// An engine of a test's own.
+// An engine for one test.
 #pragma once
 
 #include "host/PosixHost.h"
@@ -6,8 +6,8 @@
 #include "tests/support/EngineParts.h"
 #include "tests/support/files.h"
 
-// What it says is kept, unless it speaks through another interface. Its files lie in a directory that goes
-// with it. It has read nothing and runs no thread yet.
+// An engine in its own temporary directory. Its output is captured, unless the test passes another interface.
+// It has read no file and runs no thread yet.
 struct EngineAlone {
     explicit EngineAlone(CoreUIInterface* ui = nullptr)
         : engine(host.host, directory.path().c_str(), ui ? *ui : log) {}

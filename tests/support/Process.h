@@ -1,4 +1,5 @@
-// A program under test: started in a directory, typed to through a pseudo-terminal, its output awaited.
+// A program under test: runs in a directory, gets input through a pseudo-terminal or a pipe, and its output
+// is read.
 #pragma once
 
 #include <sys/types.h>
@@ -10,13 +11,13 @@
 #include "tests/support/eventually.h"
 #include "tests/support/files.h"
 
-// Owns its process: the destructor kills it. Thread: one.
+// Owns: its process, which the destructor kills. Thread: one.
 class Process {
   public:
     enum class Input { terminal, pipe };
 
-    // Starts `program` in `directory`. With Input::terminal all three standard descriptors are a
-    // pseudo-terminal without echo; with Input::pipe standard input is a pipe, and output and error go to
+    // Starts `program` in `directory`. Input::terminal connects all three standard descriptors to a
+    // pseudo-terminal without echo. Input::pipe connects standard input to a pipe, and output and error to
     // another one.
     Process(const std::string& program, const std::vector<std::string>& arguments,
             const std::string& directory, Input input = Input::terminal);
@@ -24,15 +25,15 @@ class Process {
     Process& operator=(const Process&) = delete;
     ~Process();
 
-    void type(const std::string& line);  // and a newline
+    void type(const std::string& line);  // adds a newline
     void closeInput();
-    // Waits until `text` appears behind what was awaited before. False when the time ran out or the output
-    // ended.
+    // Waits until `text` appears after what was awaited before. Returns false after the time limit or at the
+    // end of the output.
     bool waitFor(const std::string& text, std::chrono::milliseconds limit = patience);
-    // Takes in what there is to read and returns all output so far, CR LF as LF.
+    // Reads what is available and returns all output so far, with CR LF as LF.
     const std::string& output();
-    // Waits for the end of the process. The exit status, minus the signal that ended it, or -1000 when time
-    // ran out.
+    // Waits for the process to end. Returns its exit status, the negative number of the signal that ended it,
+    // or -1000 after the time limit.
     int wait(std::chrono::milliseconds limit = patience);
     void signal(int number);
     pid_t pid() const { return pid_; }
@@ -48,5 +49,5 @@ class Process {
     std::size_t awaited_ = 0;
 };
 
-// The path of a program in the build folder in which this test was built.
+// The path of a program in this test's build folder.
 std::string programPath(const std::string& name);

@@ -1,15 +1,15 @@
-// A client of an index server that is nothing but sockets: it logs on, publishes, and has a door.
+// A client of an index server made of plain sockets: it logs on, publishes, and listens.
 #pragma once
 
 #include "protocol/ServerProtocol.h"
 #include "tests/support/Caller.h"
 
-// Thread: one. Owns its two sockets.
+// Thread: one. Owns: its two sockets.
 class RawClient : public Caller {
   public:
     explicit RawClient(u32 serverPort) : Caller(serverPort) {}
 
-    // The ID that the server gives; it calls the door before, which makes it a low one where that is shut.
+    // The ID that the server assigns. The server tests the port first; if it is closed, the ID is a low one.
     u32 logOn() {
         say(opcode(OP_LOGON, namedRecord(hashOf('r'), 0, door_.port(), "raw")));
         return u32At(await(OP_CLIENT_ID), 0);

@@ -1,4 +1,4 @@
-// The console of this very process: what its commands print is kept.
+// The console of this process, with its output captured.
 #pragma once
 
 #include <unistd.h>
@@ -17,11 +17,11 @@
 #include "tests/support/files.h"
 #include "tests/support/records.h"
 
-// An engine of its own, whose events reach the console's lists. It moves the process into the engine's
-// directory and makes the settings of a first run there. Thread: one.
+// An engine whose events reach the console's lists. Changes the process's directory to the engine's, and
+// makes the settings of a first run there. Thread: one.
 class Screen : public CapturedLog {
   public:
-    // Names in the engine's directory are relative to it where `relative` says so.
+    // If `relative`, file names are relative to the engine's directory.
     enum class Names { absolute, relative };
     explicit Screen(Names names = Names::absolute)
         : engine(host_.host, names == Names::absolute ? home_.path().c_str() : "", *this) {
@@ -34,7 +34,7 @@ class Screen : public CapturedLog {
         preferences.setTemp(home("temp").c_str());
     }
     ~Screen() override { console.detach(); }
-    // The results of a search, which may be a server's.
+    // Sets the results of a search, as from a server.
     void showResults(std::initializer_list<FileMeta*> files) {
         auto list = std::make_unique<FileList>();
         for (FileMeta* file : files) list->add(file);
@@ -46,12 +46,12 @@ class Screen : public CapturedLog {
         console.dispatch(line.c_str());
         return take();
     }
-    // What the messages that were posted print.
+    // What the posted messages print.
     std::string handled() {
         while (engine.messageQ.process()) continue;
         return take();
     }
-    // Both, in their order.
+    // Both, in this order.
     std::string answer(const std::string& line) {
         const std::string atOnce = type(line);
         return atOnce + handled();
@@ -83,7 +83,7 @@ class Screen : public CapturedLog {
     Engine engine;
 };
 
-// For a fixture: the screen, and the parts of its engine.
+// For fixtures: the screen, and the parts of its engine.
 struct OwnScreenAlone {
     explicit OwnScreenAlone(Screen::Names names) : screen_(names) {}
     Screen screen_;

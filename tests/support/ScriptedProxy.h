@@ -12,15 +12,15 @@
 #include "i4min/network/proxy.h"
 #include "tests/support/systemNetwork.h"
 
-// One turn of a proxy: it reads exactly these bytes, then sends its answer, whole or byte by byte.
+// One turn: the proxy reads exactly these bytes, then sends its answer, as a whole or byte by byte.
 struct ProxyTurn {
     std::string expected;
     std::string answer;
     bool inPieces = false;
 };
 
-// Plays its turns with the one connection that it takes, then closes it or waits until the client goes. So
-// does the destructor.
+// Plays its turns with the one connection that it accepts, then closes it or waits until the client closes
+// it. The destructor cancels the accept and waits for the script.
 class ScriptedProxy {
   public:
     enum class Then { stay, close };
@@ -35,7 +35,7 @@ class ScriptedProxy {
 
   private:
     static constexpr i32 limit = 20000;  // ms
-    static constexpr i32 pause = 50;     // ms between the pieces of an answer
+    static constexpr i32 pause = 50;     // ms between the bytes of an answer
 
     static std::unique_ptr<i4_socket> open(u16 port) {
         systemNetwork().setProxy(nullptr);
@@ -51,7 +51,7 @@ class ScriptedProxy {
             send(*client, turn);
         }
         if (then_ == Then::close) return;
-        while (readByte(*client)) continue;  // it may send more than the script knows of
+        while (readByte(*client)) continue;  // the client may send more than the script expects
     }
     bool readByte(i4_socket& client) {
         return client.ready(I4_SELECT_READ, limit, nullptr) != 0 && client.read(&byte_, 1) == 1;
@@ -60,7 +60,7 @@ class ScriptedProxy {
         const std::size_t piece = turn.inPieces ? 1 : turn.answer.size();
         for (std::size_t at = 0; at < turn.answer.size(); at += piece) {
             client.write(turn.answer.data() + at, static_cast<u32>(piece));
-            // Time for the client to take the piece, or to give up.
+            // Lets the client read the piece, or give up.
             while (turn.inPieces && client.ready(I4_SELECT_READ, pause, nullptr) &&
                    client.read(&byte_, 1) == 1) {
             }

@@ -1,4 +1,4 @@
-// A socket that follows a script, for what moves packets.
+// A socket that follows a script, for code that moves packets.
 #pragma once
 
 #include <algorithm>
@@ -8,9 +8,9 @@
 
 #include "i4min/network/socket.h"
 
-// Each read takes from the next piece of `pieces`, and gives 0 where the piece is empty; behind the last
-// one it meets the end of the stream if `ends`, and otherwise would block. Each write takes at most
-// `room` bytes, and fails below 0.
+// Each read takes from the next piece of `pieces`, and returns 0 if that is empty. After the last one the
+// stream ends if `ends` is set; otherwise reads would block. Each write takes at most `room` bytes, and fails
+// if that is below 0.
 class ScriptedSocket : public i4_socket {
   public:
     std::deque<std::string> pieces;

@@ -1,4 +1,4 @@
-// What the engine tells its user interface, events and all, kept as text for a test to look at.
+// Captures the text and the events that the engine reports to its user interface.
 #pragma once
 
 #include "download/Download.h"
@@ -8,7 +8,7 @@
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Conversation.h"
 
-// Events stand in brackets, a line each. Thread: any.
+// Each event is a line in brackets. Thread: any.
 class ToldEvents : public CapturedLog {
   public:
     void connected(const char* name) override { printLine("[connected %s]", name); }
@@ -53,7 +53,7 @@ class ToldEvents : public CapturedLog {
     LLsafe<Upload>* getUploads() override { return &uploads; }
     LLsafe<Download>* getDownloads() override { return &downloads; }
 
-    // Waits until `text` was printed, and returns all that was.
+    // Waits until `text` was printed, and returns all output.
     std::string until(const std::string& text) {
         std::string all;
         eventually([&] {

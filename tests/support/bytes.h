@@ -14,7 +14,7 @@
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A memory stream over a copy of exactly these bytes, for reading.
+// A memory stream for reading a copy of exactly these bytes.
 class BytesFile : public i4_ram_file_class {
   public:
     explicit BytesFile(std::span<const std::uint8_t> bytes)
@@ -26,7 +26,7 @@ class BytesFile : public i4_ram_file_class {
     Bytes bytes_;
 };
 
-// What `write` puts onto a stream.
+// The bytes that `write` puts on a stream.
 template <class Write>
 Bytes written(Write write) {
     i4_owned_ram_file file;
@@ -38,7 +38,7 @@ inline std::string_view viewOf(std::span<const std::uint8_t> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// Little-endian numbers, and texts behind their length, as every format has them.
+// Little-endian numbers and texts with a length, as all formats have them.
 inline std::string le8(std::size_t value) { return std::string(1, static_cast<char>(value)); }
 inline std::string le16(std::size_t value) {
     return {static_cast<char>(value), static_cast<char>(value >> 8)};
@@ -52,7 +52,7 @@ inline u32 u32At(const std::string& bytes, std::size_t at) {
     return u16At(bytes, at) | u16At(bytes, at + 2) << 16;
 }
 
-// A packet's body, and its wire form.
+// The body of a packet, and its wire form.
 inline std::string opcode(u32 number, const std::string& payload = {}) { return le8(number) + payload; }
 inline std::string framed(const std::string& body) { return "\xE3" + le32(body.size()) + body; }
 
@@ -65,12 +65,12 @@ inline MD4Hash hashOf(u8 fill) {
     return hash;
 }
 
-// A record on the wire whose one tag is its name.
+// A record in wire format with one tag, its name.
 inline std::string namedRecord(const MD4Hash& hash, u32 ip, u16 port, const std::string& name) {
     return bytesOf(hash) + le32(ip) + le16(port) + le32(1) + "\2" + text16("\1") + text16(name);
 }
 
-// The same bytes each time for the same seed.
+// The same bytes for the same seed.
 inline std::string someBytes(std::size_t count, unsigned seed = 1320) {
     std::mt19937_64 random(seed);
     std::string bytes(count + 8, '\0');

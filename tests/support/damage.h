@@ -5,14 +5,13 @@
 #include <span>
 #include <vector>
 
-// Damage on purpose. Feeds a decoder every prefix of a good input, and the input with every single byte
-// flipped: each byte in turn with all its bits inverted, with its lowest and its highest bit inverted, and
-// set to 0 and to 255 (so that counts and lengths become nothing, huge, and off by one).
+// Runs a decoder with every prefix of a good input, and with every single byte changed: all bits inverted,
+// the lowest bit inverted, the highest bit inverted, set to 0, and set to 255. So counts and lengths become
+// zero, huge, and off by one.
 //
-// The decoder takes a std::span<const std::uint8_t> and shall refuse or accept as it sees fit: what it must
-// not do is crash, hang, or read or allocate beyond reason. Run it under the sanitizers. Each input is a copy
-// of exactly its own size, so that reading one byte past its end is seen. What the decoder throws goes on to
-// the test.
+// The decoder takes a std::span<const std::uint8_t> and may refuse or accept it. It must not crash, hang, or
+// read or allocate beyond reason: run it with sanitizers. Each input is a copy of exactly its size, so that a
+// read past its end is detected. What the decoder throws is passed on to the test.
 template <class Decode>
 void sweepDamage(std::span<const std::uint8_t> good, Decode decode) {
     for (std::size_t length = 0; length < good.size(); ++length) {

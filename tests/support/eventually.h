@@ -1,14 +1,14 @@
-// Waiting for a condition that another thread or process brings about.
+// Waits for a condition that another thread or process causes.
 #pragma once
 
 #include <algorithm>
 #include <chrono>
 #include <thread>
 
-// The limit of every wait in a test. A wait ends as soon as its condition holds.
+// The time limit of every wait in a test. A wait ends as soon as its condition holds.
 inline constexpr std::chrono::seconds patience{60};
 
-// Asks until `holds` says true; false when time ran out.
+// Repeats `holds` until it returns true; false after the time limit.
 template <class Condition>
 bool eventually(Condition holds, std::chrono::milliseconds limit = patience) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -1,4 +1,4 @@
-// Directories of a test's own, and whole files, written and read.
+// Directories for a test, and reading and writing whole files.
 #pragma once
 
 #include <stdlib.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-// A directory under `in`, removed with all it holds. Its path has no links.
+// A directory under `in`, removed with its content. Its path has no links. Owns: the directory.
 class TemporaryDirectory {
   public:
     explicit TemporaryDirectory(const std::filesystem::path& in = std::filesystem::temp_directory_path()) {
@@ -31,13 +31,13 @@ class TemporaryDirectory {
     std::string path_;
 };
 
-// Its directories are made where they aren't there yet.
+// Creates missing directories.
 inline void writeFile(const std::filesystem::path& path, std::string_view bytes) {
     if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
-// Empty where there is no such file.
+// Empty if there is no such file.
 inline std::string contentOf(const std::filesystem::path& path) {
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();
@@ -46,7 +46,7 @@ inline std::string contentOf(const std::filesystem::path& path) {
 
 inline bool exists(const std::string& path) { return std::filesystem::exists(path); }
 
-// For files too long to be printed where they differ.
+// For files that are too long to print when they differ.
 inline bool hasBytes(const std::filesystem::path& path, std::string_view bytes) {
     return std::filesystem::exists(path) && contentOf(path) == bytes;
 }

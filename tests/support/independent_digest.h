@@ -1,4 +1,4 @@
-// Digests by the openssl program.
+// Digests computed by the openssl program.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 #include "meta/MD4Hash.h"
 
-// The MD4 of the bytes. They are written to a file of that path on the way. Fails the test without an openssl
-// that has its legacy provider.
+// The MD4 of the bytes, which are written to a file at `path`. Fails the test if openssl has no legacy
+// provider.
 MD4Hash independentDigest(std::string_view bytes, const std::string& scratch);
 
-// The hash of a file with these bytes, and the hashes of its parts: none where there is one part alone.
+// The hash of a file with these bytes, and the hashes of its parts, none if it has only one.
 MD4Hash independentFileHash(std::string_view bytes, const std::string& scratch, std::vector<MD4Hash>& parts);
