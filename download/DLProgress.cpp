@@ -11,10 +11,7 @@ bool rarerFirst(const GapCounter* a, const GapCounter* b) { return a->count <= b
 
 }  // namespace
 
-DLProgress::~DLProgress() = default;
-
 void DLProgress::setup(PartialFile& partial, Random& random) {
-    reset();
     deleteAll(partList_);
     GapList here;
     here.assign(partial);
@@ -25,7 +22,7 @@ void DLProgress::setup(PartialFile& partial, Random& random) {
         const i64 start = part * PARTSIZE;
         // One that isn't verified yet may become missing again.
         if (partial.overlaps(start, start + PARTSIZE) || !partial.isVerified(static_cast<u32>(part)))
-            partList_.own(std::make_unique<GapCounter>(start, start + PARTSIZE, 0));
+            partList_.own(std::make_unique<GapCounter>(GapCounter{start, start + PARTSIZE, 0}));
     }
     partList_.shuffle(random);
 }
@@ -64,18 +61,9 @@ bool DLProgress::pickChunk(const BoolArray* parts, i64 most, u32& start, u32& en
 }
 
 bool DLProgress::findFree(i64 partStart, i64 partEnd, i64 most, u32& start, u32& end) {
-    const i4_guard guard(*this);
-    Cursor c;
-    if (!findRun(partStart, c)) return false;
-    for (const GapCounter* run = at(c); run; run = next(c)) {
-        if (run->start >= partEnd) return false;
-        if (run->count >= countRequested) continue;
-        const i64 from = std::max(partStart, run->start);
-        const i64 to = std::min({partEnd, run->end, from + most});
-        if (from >= to) continue;
-        start = static_cast<u32>(from);
-        end = static_cast<u32>(to);
-        return true;
-    }
-    return false;
+    Gap free;
+    if (!firstFree({partStart, partEnd}, free)) return false;
+    start = static_cast<u32>(free.start);
+    end = static_cast<u32>(std::min(free.end, free.start + most));
+    return true;
 }

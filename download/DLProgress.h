@@ -3,6 +3,7 @@
 #pragma once
 
 #include "download/GapCounterList.h"
+#include "i4min/memory/LL.h"
 
 class BoolArray;
 class Random;
@@ -12,9 +13,6 @@ class PartialFile;
 // Owns: its parts.
 class DLProgress : public GapCounterList {
   public:
-    DLProgress() = default;
-    ~DLProgress() override;
-
     // Takes over the file's gaps; the parts that miss something, or may once they are checked, in random
     // order.
     void setup(PartialFile& partial, Random& random);

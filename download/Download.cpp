@@ -109,10 +109,9 @@ f32 Download::getAvailability() {
     const i64 size = partial_ ? partial_->fileSize() : 0;
     if (size == 0) return 1.0F;
     i64 without = 0;
-    const i4_guard guard(progress_);
-    for (DLProgress::Cursor c; const GapCounter* run = progress_.next(c);) {
-        if (run->count == 0) without += run->end - run->start;
-    }
+    progress_.forEach([&](const GapCounter& run) {
+        if (run.count == 0) without += run.end - run.start;
+    });
     if (without == 0) return 1.0F;
     // A byte of four billion doesn't show in this type, but it is missing.
     return std::min(static_cast<f32>(size - without) / static_cast<f32>(size), std::nextafter(1.0F, 0.0F));

@@ -1,13 +1,10 @@
 // GapCounterList, a whole file as runs of bytes that share one count.
 #pragma once
 
-#include <map>
-
-#include "i4min/memory/LLsafe.h"
+#include "download/RangeMap.h"
 #include "i4min/memory/annotations.h"
+#include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
-
-class UIInterface;
 
 struct Gap;
 
@@ -19,11 +16,8 @@ struct Gap;
 inline constexpr i32 countRequested = 1000;
 inline constexpr i32 countDone = 2000;
 
-// One run of bytes, from `start` up to but not including `end`. The constructor says "Bad GapCounter" for an
-// end below the start or a negative count, and takes them all the same.
+// One run of bytes, from `start` up to but not including `end`.
 struct GapCounter {
-    GapCounter(i64 start, i64 end, i32 count);
-
     i64 start;
     i64 end;
     i32 count;
@@ -31,58 +25,38 @@ struct GapCounter {
     bool operator==(const GapCounter&) const = default;
 };
 
-// After setSize, and after each change, the runs ascend, cover [0, size) without hole or overlap, and no two
-// neighbours have the same count. A change costs no more than the runs that it meets.
+// The runs ascend, cover [0, size) without hole or overlap, and no two neighbours have the same count. There
+// are none before setSize. A change costs no more than the runs that it meets.
 //
-// Thread: any; each public call takes the list's lock. A walk with next() holds lock() around it, or has
-// another lock that keeps every change away. Runs come and go only through the operations of this class, not
-// through those of its base.
-// Owns: its runs.
-class CAPABILITY("list") GapCounterList : public LLsafe<GapCounter> {
+// Thread: any; each public call takes lock_.
+class GapCounterList {
   public:
-    GapCounterList() : LLsafe<GapCounter>(LockRank::progress) {}
-    ~GapCounterList() override;
-
-    // One run (0, size, 0) more. To begin anew, reset first.
+    // All counts are 0: one run, which is empty for a file of size 0.
     void setSize(i64 size);
-    i64 size();
-    void reset();                        // no run is left; the size stays
-    void copyTo(GapCounterList& other);  // appends copies to the other, whose size stays
+    u32 count() const;  // of the runs
 
     // Adds `delta` to the counts of the range, cut at the file's size. The deltas are +1, -1 (a source comes,
     // goes), +1000, -1000 (a chunk is asked for, given back), +2000, -2000 (bytes arrive, are given up). An
     // empty range changes nothing.
     void change(i64 start, i64 end, i32 delta);
-    void addSource(const Gap& range);
-    void removeSource(const Gap& range);
     void addRequested(i64 start, i64 end) { change(start, end, countRequested); }
     void removeRequested(i64 start, i64 end) { change(start, end, -countRequested); }
     void addDone(i64 start, i64 end) { change(start, end, countDone); }
     void removeDone(i64 start, i64 end) { change(start, end, -countDone); }
 
-    void print(UIInterface& log);
+    // The first bytes of the range that are neither here nor requested, up to where their count changes or
+    // the range ends. False, and `out` is as it was, where there are none.
+    bool firstFree(const Gap& range, Gap& out) const;
 
-    // Aborts a debug build if the runs aren't what is told above. Runs around each change.
-    void checkInvariants();
-
-  protected:
-    // The first run that holds this byte; false where there is none.
-    bool findRun(i64 start, Cursor& where) const REQUIRES(this);
+    // Calls `visit` with each run, as a GapCounter, in ascending order. It holds the lock meanwhile, so
+    // `visit` must not call this list.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        const i4_lock guard(lock_);
+        for (const auto& run : counts_.runs()) visit(GapCounter{run.start, run.end, run.value});
+    }
 
   private:
-    using Index = std::map<i64, Cursor>;
-
-    Cursor splitRun(Cursor where, i64 at) REQUIRES(this);
-    void appendRun(const GapCounter& run) REQUIRES(this);
-    void changeRuns(i64 start, i64 end, i32 delta) REQUIRES(this);
-    void joinAround(i64 start, i64 end) REQUIRES(this);
-    void joinAll() REQUIRES(this);
-    void checkRuns() const REQUIRES(this);
-
-    i64 size_ GUARDED_BY(this) = 0;
-    // By its start, where each run stands; empty while the runs are irregular.
-    Index index_ GUARDED_BY(this);
-    // The runs ascend and no neighbours are to be joined. It is not so after setSize or copyTo onto runs that
-    // are there, or after a change on a list that was given no size; then a change looks at every run.
-    bool regular_ GUARDED_BY(this) = true;
+    mutable i4_mutex lock_{LockRank::progress};
+    RangeMap<i32> counts_ GUARDED_BY(lock_);
 };

@@ -2,14 +2,13 @@
 #pragma once
 
 #include <cstddef>
-#include <map>
 #include <vector>
 
+#include "download/RangeMap.h"
 #include "i4min/memory/annotations.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
 
-class UIInterface;
 class i4_file;
 
 // A range of bytes, half-open: `start` is its first byte, `end` one past its last. (0,5) and (5,10) touch,
@@ -21,15 +20,13 @@ struct Gap {
     bool operator==(const Gap&) const = default;
 };
 
-// A set of gaps that remembers the order in which they came: a gap that grows or shrinks keeps its place, and
-// of a gap that is split the tail goes to the end. The order shows in print(), gaps() and the saved form, and
-// nothing else depends on it.
+// A set of gaps that remembers the order in which they came: a gap that grows or shrinks keeps its place,
+// gaps that are joined get the earliest place among them, and the tail of a gap that is split goes to the
+// end. The order shows in gaps() and in the saved form, and nothing else depends on it.
 //
-// What addGap and removeGap make is disjoint, doesn't touch and isn't empty. Gaps that come from outside, by
-// append and fromFile, stay as they are; while some of them overlap or touch, each operation looks at every
-// gap, else only at those that its range meets.
+// Gaps don't overlap, don't touch and aren't empty. Offsets are at least 0 and below 2^62.
 //
-// Thread: any; each public call takes lock_. No call holds two lists' locks at once.
+// Thread: any; each public call takes lock_. No call holds the locks of two lists at once.
 // Owns: its gaps.
 class GapList {
   public:
@@ -38,57 +35,45 @@ class GapList {
     GapList& operator=(const GapList&) = delete;
     virtual ~GapList() = default;
 
-    void clear();
     void assign(const GapList& other);  // this list becomes a copy, in the other's order
-    void copyTo(GapList& other) const;  // appends copies to the other
-    void append(const Gap& gap);        // at the end, as it is
     std::vector<Gap> gaps() const;      // a copy, in order
-    bool isComplete() const;
+    bool isComplete() const { return count() == 0; }
     std::size_t count() const;
     // A gap goes on at both ends of the range: without it there would be one gap more.
     bool isWithin(i64 start, i64 end) const;
-
-    // Whether a gap holds the range's start, or its last byte, or lies within the range. An empty range
-    // overlaps a gap that holds its start or ends there.
+    // Whether a byte of the range is missing. An empty range overlaps a gap that holds its start or ends
+    // there.
     bool overlaps(i64 start, i64 end) const;
-    // What the range and the first gap share that holds the range's start or its last byte; a gap that lies
-    // strictly inside the range is passed over. False, and `out` is as it was, where there is none.
-    bool firstOverlap(i64 start, i64 end, Gap& out) const;
 
-    // An empty range changes nothing.
+    // Joins the range and the gaps that it meets or touches into one gap. An empty range changes nothing.
     void addGap(i64 start, i64 end);
-    void removeGap(i64 start, i64 end);
+    void removeGap(i64 start, i64 end);  // an empty range changes nothing
     // What was missing of [0, size) is so no more, and what wasn't is.
     void invert(i64 size);
-
-    void print(UIInterface& log) const;
 
     // The saved form; see the table in GapList.cpp. False, and nothing is written, for more gaps or higher
     // offsets than it can hold.
     bool toFile(i4_file& file) const;
-    // False, and the list is as it was, if the file ends early or a gap has no byte in it.
+    // False, and the list is as it was, if the file ends early or a gap has no byte in it. Gaps that overlap
+    // or touch are joined.
     bool fromFile(i4_file& file);
     u32 fileSize() const;  // of the saved form, in bytes
 
-    // Aborts a debug build if the list isn't what it says above. Runs around each change.
+    // Aborts a debug build if the list isn't what it says above.
     void checkInvariants() const;
 
   private:
-    using Gaps = std::map<u64, Gap>;  // by the order of their coming
-    using Place = Gaps::iterator;
+    static constexpr u64 present = 0;
+    static constexpr i64 offsetLimit = i64{1} << 62;
 
-    std::vector<Place> take(i64 start, i64 end) REQUIRES(lock_);
-    void putBack(const std::vector<Place>& places) REQUIRES(lock_);
-    std::vector<const Gap*> meeting(i64 start, i64 end) const REQUIRES(lock_);
-    void appendUnlocked(const Gap& gap) REQUIRES(lock_);
-    void clearUnlocked() REQUIRES(lock_);
-    void removeGapUnlocked(i64 start, i64 end) REQUIRES(lock_);
+    void addUnlocked(i64 start, i64 end) REQUIRES(lock_);
+    void removeUnlocked(i64 start, i64 end) REQUIRES(lock_);
+    void replaceAll(const std::vector<Gap>& gaps) REQUIRES(lock_);
     std::vector<Gap> gapsUnlocked() const REQUIRES(lock_);
-    void checkUnlocked() const REQUIRES(lock_);
+    std::size_t countUnlocked() const REQUIRES(lock_);
 
     mutable i4_mutex lock_{LockRank::gapList};
-    Gaps gaps_ GUARDED_BY(lock_);
-    u64 next_ GUARDED_BY(lock_) = 0;                  // the order of the next to come
-    std::map<i64, Place> byStart_ GUARDED_BY(lock_);  // all gaps; none while they are tangled
-    bool tangled_ GUARDED_BY(lock_) = false;          // some gaps may overlap, touch or be empty
+    // The order number of each gap, and `present` between the gaps and behind the last.
+    RangeMap<u64> orders_ GUARDED_BY(lock_){offsetLimit, present};
+    u64 next_ GUARDED_BY(lock_) = present + 1;  // the number of the next gap to come
 };

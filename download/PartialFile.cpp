@@ -112,7 +112,7 @@ bool PartialFile::create(const FileMeta& meta) {
     takeGaps(meta, tags);
     removeDownloadTags(tags);
     finishSetup(tags, meta);
-    if (fileSize_ > 0) append({0, fileSize_});
+    addGap(0, fileSize_);
     return openForWriting(I4_FILE_TRUNCATE);
 }
 
@@ -131,10 +131,7 @@ PartialFile::Load PartialFile::load(const FileMeta& record, i32& priority) {
     transferred_ = rest.getInt(TAG_PART_TRANS);
     removeDownloadTags(rest);
     finishSetup(rest, record);
-    for (const Gap& gap : gaps) {
-        const i64 end = std::min<i64>(gap.end, fileSize_);
-        if (gap.start < end) append({gap.start, end});
-    }
+    for (const Gap& gap : gaps) addGap(gap.start, std::min<i64>(gap.end, fileSize_));
     i4_file_status status;
     if (!isDataFileName(tempFileName_) || !needs_.core.host.disk.status(meta_.path.c_str(), status)) {
         needs_.core.log.printLine("%s not found.", meta_.path.c_str());

@@ -130,17 +130,17 @@ TEST_F(DownloadStates, SpeedIsTheMeanOfEightWindows) {
 TEST_F(DownloadStates, AvailabilityIsWholeOnlyWhenNothingIsLacking) {
     const Ref<Download> download = make(1000);
     DLProgress& progress = download->progress();
-    progress.addSource({0, 250});
+    progress.change(0, 250, 1);
     progress.addRequested(250, 300);
     progress.addDone(500, 999);
     EXPECT_EQ(download->availabilityPercent(), 79);
-    progress.addSource({300, 500});
+    progress.change(300, 500, 1);
     EXPECT_EQ(download->availabilityPercent(), 99);
-    progress.addSource({999, 1000});
+    progress.change(999, 1000, 1);
     EXPECT_EQ(download->availabilityPercent(), 100);
     EXPECT_EQ(make(0)->availabilityPercent(), 100);
     const Ref<Download> large = make(4'294'967'295);
-    large->progress().addSource({1, 4'294'967'295});
+    large->progress().change(1, 4'294'967'295, 1);
     EXPECT_EQ(large->availabilityPercent(), 99);
 }
 
@@ -179,7 +179,7 @@ TEST_F(DownloadStates, TheNextChunkStaysWithinOneRunAndOnePart) {
     DLProgress& progress = download->progress();
     progress.addDone(0, 1000);
     progress.addRequested(1000, 1500);
-    progress.addSource({1600, 5000});
+    progress.change(1600, 5000, 1);
     EXPECT_EQ(pick(progress, "100"), "0:1500+100") << "where the count changes";
     EXPECT_EQ(pick(progress, "100"), "0:1600+3400");
     progress.addDone(5000, PARTSIZE - 10);

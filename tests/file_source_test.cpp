@@ -93,11 +93,9 @@ class FileSourceTest : public Downloads {
     u32 offered() { return count(1, countRequested); }
     u32 count(i32 least, i32 below) {
         u32 bytes = 0;
-        DLProgress& progress = download->progress();
-        const i4_guard guard(progress);
-        for (DLProgress::Cursor c; const GapCounter* run = progress.next(c);) {
-            if (run->count >= least && run->count < below) bytes += static_cast<u32>(run->end - run->start);
-        }
+        download->progress().forEach([&](const GapCounter& run) {
+            if (run.count >= least && run.count < below) bytes += static_cast<u32>(run.end - run.start);
+        });
         return bytes;
     }
 

@@ -259,18 +259,21 @@ TEST_F(PartialFiles, ThatCannotBeLoadedAreNamedAndLeftAlone) {
 }
 
 TEST_F(PartialFiles, MissNoMoreThanTheyShould) {
+    const RemoteFile file("a", 40'000);
+    std::vector<Gap> many;
+    for (i64 at = 0; at < 40'000; at += 4) many.push_back({at, at + 3});
     const struct {
         std::size_t length;  // of the data file
         std::vector<Gap> recorded;
         const char* expected;
     } rows[] = {
-        {600, {{600, 1000}}, "600-1000"},
-        {600, {{200, 300}}, "200-300 600-1000"},  // the file ends here
-        {600, {{700, 800}}, "600-1000"},          // with data beyond
-        {1000, {{300, 200}, {5, 5}, {900, 4'000'000'000}}, "900-1000"},
-        {0, std::vector<Gap>(10'000, Gap{0, 1000}), "0-1000 0-1000 0-1000 0-1000 0-1"},
+        {600, {{600, 40'000}}, "600-40000"},
+        {600, {{200, 300}}, "200-300 600-40000"},  // the end was here,
+        {600, {{700, 800}}, "600-40000"},          // but for some
+        {40'000, {{300, 200}, {5, 5}, {900, 4'000'000'000}}, "900-40000"},
+        {40'000, {{400, 600}, {0, 9}, {500, 700}, {300, 400}}, "300-700 0-9"},
+        {40'000, many, "0-3 4-7 8-11 12-15 16-19 20-23 "},
     };
-    const RemoteFile file("a", 1000);
     for (const auto& [length, recorded, expected] : rows) {
         dlPool.stopAll(clientApp.partials());
         clientApp.partials().deleteAll();
@@ -283,10 +286,10 @@ TEST_F(PartialFiles, MissNoMoreThanTheyShould) {
     const Ref<Download> download = dlPool.find(file.record.hash);
     dlPool.tick(500);
     download->tick(1);
-    give(*download, file, 500, 501);
-    EXPECT_TRUE(download->partial().overlaps(500, 501));
-    give(*download, file, 0, 501);
-    EXPECT_FALSE(download->partial().overlaps(0, 501));
+    give(*download, file, 1, 2);
+    EXPECT_TRUE(download->partial().overlaps(1, 2));
+    give(*download, file, 0, 2);
+    EXPECT_FALSE(download->partial().overlaps(0, 2));
 }
 
 // --- Disks

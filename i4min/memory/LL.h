@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cassert>
 #include <iterator>
 #include <list>
 #include <memory>
@@ -104,20 +103,6 @@ class LL {
             value = left.back();
             left.pop_back();
         }
-    }
-
-    // Inserts behind the element that the cursor stands on, in front of all for a fresh one. The result
-    // stands on the new element. The value must not be null.
-    Cursor insertAfter(Cursor cursor, T* value) {
-        assert(value);
-        cursor.at_ = values_.insert(following(cursor), value);
-        cursor.fresh_ = false;
-        return cursor;
-    }
-
-    // The element that the cursor stands on, null for a fresh one.
-    T* at(Cursor cursor) const {
-        return cursor.fresh_ || cursor.at_ == values_.end() ? nullptr : *cursor.at_;
     }
 
     T* first() const { return isEmpty() ? nullptr : values_.front(); }  // null when empty
