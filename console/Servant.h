@@ -48,10 +48,9 @@ const char* restOfLine(const char* line);
 // Owns its commands; the list of them is constant after construction.
 // Thread: run(), and what else waits for the user, on the console's thread, which is the one that made it;
 // dispatch() and quit() on any, also at the same time.
-class Servant : public LL<ServantCommand> {
+class Servant : public OwnLL<ServantCommand> {
   public:
     Servant();
-    ~Servant() override;
     // What it prints goes to `log`, and no command runs before this. Both outlive the commands.
     void speakThrough(UIInterface& log, const StringTable& strings);
     UIInterface& log() const { return *log_; }

@@ -145,10 +145,10 @@ void GapCounterList::joinAround(i64 start, i64 end) {
             ++a;
             continue;
         }
-        run->end = following->end;
+        const std::unique_ptr<GapCounter> joined(following);
+        run->end = joined->end;
         index_.erase(b);
         removeNext(a->second);
-        delete following;
     }
 }
 
@@ -162,9 +162,9 @@ void GapCounterList::joinAll() {
     index_.emplace(run->start, where);
     for (Cursor ahead = where; GapCounter* following = next(ahead); ahead = where) {
         if (joinable(*run, *following)) {
-            run->end = following->end;
+            const std::unique_ptr<GapCounter> joined(following);
+            run->end = joined->end;
             removeNext(where);
-            delete following;
             continue;
         }
         regular_ = regular_ && ascend(*run, *following);

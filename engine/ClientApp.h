@@ -71,8 +71,8 @@ class ClientApp {
     void findCollections(FileList& out);  // what is shared of the type "Col"
 
     void startSearch(Ref<Search> search);
-    bool extendSearch();                         // false where there was no search yet
-    void gotResult(FileMeta* file);              // ownership passes
+    bool extendSearch();  // false where there was no search yet
+    void gotResult(std::unique_ptr<FileMeta> file);
     void gotResults(FileList* list, bool more);  // ownership passes, of the records too
 
     // Reaches a user; with peerThere, `out` is the connection.

@@ -2,13 +2,15 @@
 // does.
 #pragma once
 
+#include <memory>
+
 #include "core/UIInterface.h"
 #include "download/DownloadNeeds.h"
+#include "meta/FileMeta.h"
 #include "peer/PeerNeeds.h"
 #include "server/ServerNeeds.h"
 
 class FileList;
-class FileMeta;
 class UserList;
 
 // Takes the events of the engine; by default each is ignored. Thread: any, at the same time. A counted object
@@ -22,7 +24,7 @@ class CoreUIInterface : public UIInterface, public ServerUI, public PeerUI, publ
     void extending(const char* name) override;
     // With these three, the record, or the list and its records, become the interface's own: by default it
     // destroys them.
-    virtual void addResult(FileMeta* file);
+    virtual void addResult(std::unique_ptr<FileMeta> file);
     virtual void setResults(FileList* list, u8 more);
     virtual void gotUserList(UserList* list);
     void downloadAdded(Download* download) override;

@@ -41,7 +41,7 @@ void Engine::callbackFailed(u32 serverIp, u32 clientId) {
     uploadPool.callbackFailed(serverIp, clientId);
 }
 
-void Engine::gotResult(FileMeta* file) { clientApp.gotResult(file); }
+void Engine::gotResult(std::unique_ptr<FileMeta> file) { clientApp.gotResult(std::move(file)); }
 void Engine::gotResults(FileList* list, bool more) { clientApp.gotResults(list, more); }
 void Engine::gotUserList(UserList* list) { ui.gotUserList(list); }
 

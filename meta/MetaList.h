@@ -122,6 +122,14 @@ struct DeletesRecords {
 template <class List>
 using OwnedList = std::unique_ptr<List, DeletesRecords>;
 
+// A list off a stream with its records; null where it can't be read.
+template <class List>
+OwnedList<List> readList(i4_file& stream) {
+    OwnedList<List> list(new List);
+    if (!list->fromNetwork(stream)) list.reset();
+    return list;
+}
+
 // The typed face of a MetaList whose records are all of one kind.
 template <class Record>
 class RecordList : public MetaList {

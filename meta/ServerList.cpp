@@ -8,12 +8,11 @@ ServerMeta* ServerList::find(u32 ip, u32 port) {
                             [&](const ServerMeta& server) { return server.ip == ip && server.port == port; });
 }
 
-bool ServerList::addIfNew(ServerMeta* server) {
-    if (!server) return false;
+bool ServerList::addIfNew(std::unique_ptr<ServerMeta> server) {
     const i4_guard guard(*this);
-    if (find(server->ip, server->port)) return true;
-    addUnsafe(server);
-    return false;
+    if (find(server->ip, server->port)) return false;
+    addUnsafe(server.release());
+    return true;
 }
 
 void ServerList::addOrUpdate(const ServerMeta* server) {

@@ -1,6 +1,7 @@
 // ServerList, a list of index servers: server.met.
 #pragma once
 
+#include <memory>
 #include <utility>
 
 #include "meta/MetaList.h"
@@ -15,8 +16,8 @@ class ServerList : public RecordList<ServerMeta> {
 
     // The first with both, or null. For a caller that holds lock().
     ServerMeta* find(u32 ip, u32 port) REQUIRES(this);
-    // True, and nothing is added, if its address is there.
-    bool addIfNew(ServerMeta* server);
+    // False, and the server is destroyed, if its address is there.
+    bool addIfNew(std::unique_ptr<ServerMeta> server);
     // The listed record of that address takes a copy of the server, or a copy is appended, which belongs to
     // the owner of the list's records. Null, or an ip of 0, does nothing.
     void addOrUpdate(const ServerMeta* server);

@@ -23,7 +23,7 @@ class Peer : public Connection {
     ~Peer() override;
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
-    Connection* spawn(std::unique_ptr<i4_socket> accepted) override;
+    Ref<Connection> spawn(std::unique_ptr<i4_socket> accepted) override;
     void connected() override;  // hello, and joins `peers`
     void connectFailed() override;
     i4_string getText() override { return userName(); }

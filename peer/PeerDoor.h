@@ -11,7 +11,7 @@ class PeerDoor : public DoorTask {
     PeerDoor(SocketPool& socketPool, const PeerNeeds& needs, u16 listenPort)
         : DoorTask(socketPool, listenPort), needs_(needs) {}
     bool canAccept() override;  // while the pool has less than twice maxCon connections
-    Connection* newConnection(std::unique_ptr<i4_socket> accepted) override;
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> accepted) override;
 
   private:
     const PeerNeeds& needs_;

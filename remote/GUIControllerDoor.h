@@ -12,7 +12,7 @@ class GUIControllerDoor : public DoorTask {
         : DoorTask(socketPool, listenPort), ui_(ui) {}
     // Whoever doesn't log on can't hold more than so many of the process's descriptors.
     bool canAccept() override;
-    Connection* newConnection(std::unique_ptr<i4_socket> accepted) override;
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> accepted) override;
 
   private:
     TcpipUI& ui_;

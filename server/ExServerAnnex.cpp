@@ -96,7 +96,7 @@ void ExServerAnnex::gotPing(const ServerAddress& server) {
 
 void ExServerAnnex::gotResult() {
     auto file = std::make_unique<FileMeta>();
-    if (file->fromNetwork(buffer_)) needs_.events.gotResult(file.release());
+    if (file->fromNetwork(buffer_)) needs_.events.gotResult(std::move(file));
 }
 
 // A stranger's would keep those of the servers out.

@@ -33,7 +33,7 @@ class ServerEvents {
     virtual void callbackAsked(const UserMeta& user) = 0;  // a user whom we shall call
     virtual void callbackFailed(u32 serverIp, u32 clientId) = 0;
     // Ownership passes, of lists with their records.
-    virtual void gotResult(FileMeta* file) = 0;
+    virtual void gotResult(std::unique_ptr<FileMeta> file) = 0;
     virtual void gotResults(FileList* list, bool more) = 0;
     virtual void gotUserList(UserList* list) = 0;
 

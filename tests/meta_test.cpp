@@ -371,10 +371,10 @@ TEST(ServerList, AddressesAreListedOnceAndUsersFoundByHash) {
     };
     auto* first = new ServerMeta;
     first->setAddress("1.2.3.4", 4661);
-    EXPECT_FALSE(list.addIfNew(first));
+    EXPECT_TRUE(list.addIfNew(std::unique_ptr<ServerMeta>(first)));
     ServerMeta same;
     same.setAddress("1.2.3.4", 4661);
-    EXPECT_TRUE(list.addIfNew(&same));
+    EXPECT_FALSE(list.addIfNew(copyOf(same)));
     same.setPing(30);
     list.addOrUpdate(&same);
     EXPECT_EQ(first->ping, 30);

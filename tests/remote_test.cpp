@@ -155,7 +155,7 @@ TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
         ui->connected("index");
         ui->serverStats(3, 0x102);
         ui->extending("other");
-        ui->addResult(namedFile(1, "a").release());
+        ui->addResult(namedFile(1, "a"));
         auto list = std::make_unique<FileList>();
         list->add(namedFile(2, "b").release());
         ui->setResults(list.release(), 1);
@@ -186,7 +186,7 @@ TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
     // The whole list took the place of the single result; others come behind it, but not without end.
     EXPECT_FALSE(ui->findResult(hashOf(1)));
     EXPECT_TRUE(ui->findResult(hashOf(2)));
-    for (int i = 0; i < 10'100; ++i) ui->addResult(namedFile(3, "").release());
+    for (int i = 0; i < 10'100; ++i) ui->addResult(namedFile(3, ""));
     EXPECT_EQ(to.sent().size(), 9'999U);
 
     to.end();

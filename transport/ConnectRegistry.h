@@ -24,7 +24,7 @@ struct Transport;
 //   under way  the socket stands                            connected
 //   under way  the socket fails, the time is up, or close   failed
 //
-// In the last two states the task is gone.
+// In the last two states the task is done.
 class ConnectTask : public Task {
   public:
     explicit ConnectTask(Ref<Connection> target);
@@ -52,7 +52,7 @@ class ConnectTask : public Task {
 class CleanupTask : public Task {
   public:
     explicit CleanupTask(Ref<Connection> target) : connection(std::move(target)) {}
-    void doTask(SocketPool* pool) override;  // deletes itself
+    void doTask(SocketPool*) override { connection->end(); }
 
     const Ref<Connection> connection;
 };

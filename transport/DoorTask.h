@@ -12,8 +12,8 @@ class DoorTask : public Endpoint {
     DoorTask(SocketPool& pool, u32 port);
 
     bool canAccept() override;  // true
-    // The connection for a socket that came in; the pool takes it. Null drops the socket.
-    virtual Connection* newConnection(std::unique_ptr<i4_socket> socket) = 0;
+    // The connection for a socket that came in; the pool takes it. An empty one drops the socket.
+    virtual Ref<Connection> newConnection(std::unique_ptr<i4_socket> socket) = 0;
 
     // Opens the port, and tells the user where it can't be opened. The time counts only with a proxy,
     // which is asked to listen in our place. True if it listens; nothing happens where it does already.

@@ -2,13 +2,16 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <memory>
+#include <vector>
 
 #include "i4min/memory/LL.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/memory/types.h"
 #include "i4min/network/socket_set.h"
+#include "i4min/threads/linux/RefCounter.h"
 #include "i4min/threads/linux/Thread.h"
 #include "transport/Packet.h"
 #include "transport/Task.h"
@@ -20,7 +23,7 @@ struct Transport;
 // The base: its run() hands ready connections to workers as tasks.
 // Thread: the public operations any, where they don't say otherwise; run() and what is protected, the
 // pool's own.
-// Counts: one reference for each connection that it has.
+// Holds: a reference to each connection that it has.
 class SocketPool : public Thread {
   public:
     explicit SocketPool(Transport& transport);
@@ -30,8 +33,8 @@ class SocketPool : public Thread {
     i4_socket_set* restingSet() const override { return restingSet_.load(std::memory_order_acquire); }
     Transport& transport() const { return transport_; }
 
-    void addTask(Task* task) EXCLUDES(tasksLock_);
-    Task* nextTask() EXCLUDES(tasksLock_);  // null where there is none
+    void addTask(std::unique_ptr<Task> task) EXCLUDES(tasksLock_);
+    std::unique_ptr<Task> nextTask() EXCLUDES(tasksLock_);  // null where there is none
     // A thread that takes tasks: it is woken when there is one.
     void addWorker(Thread* worker) EXCLUDES(tasksLock_);
     void removeWorker(Thread* worker) EXCLUDES(tasksLock_);
@@ -67,9 +70,9 @@ class SocketPool : public Thread {
     void processChanges() EXCLUDES(additionsLock_, removalsLock_);
     // An addition was in `active_` already: takes back what its adding put on `count`.
     virtual void addedAgain();
-    virtual void leaving(Connection* connection);  // it was taken out of `active_`; nothing by default
+    virtual void leaving(Connection& connection);  // it was taken out of `active_`; nothing by default
 
-    LL<Connection> active_;
+    std::vector<Ref<Connection>> active_;
     Budgets budgets_;
     bool progress_ = false;
 
@@ -78,12 +81,12 @@ class SocketPool : public Thread {
     void takeRemovals() EXCLUDES(removalsLock_);
 
     i4_mutex tasksLock_{LockRank::socketPool};
-    LL<Task> tasks_ GUARDED_BY(tasksLock_);
+    std::deque<std::unique_ptr<Task>> tasks_ GUARDED_BY(tasksLock_);
     LL<Thread> workers_ GUARDED_BY(tasksLock_);
     i4_mutex additionsLock_{LockRank::socketPool};
-    LL<Connection> additions_ GUARDED_BY(additionsLock_);
+    std::vector<Ref<Connection>> additions_ GUARDED_BY(additionsLock_);
     i4_mutex removalsLock_{LockRank::socketPool};
-    LL<Connection> removals_ GUARDED_BY(removalsLock_);
+    std::vector<Ref<Connection>> removals_ GUARDED_BY(removalsLock_);
     Transport& transport_;
     std::unique_ptr<i4_socket_set> set_;
     std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads

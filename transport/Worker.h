@@ -6,9 +6,9 @@
 
 #include "i4min/network/socket_set.h"
 #include "i4min/threads/linux/Thread.h"
+#include "transport/Task.h"
 
 class SocketPool;
-class Task;
 
 // Takes tasks from a pool's queue and runs them, one after the other. It is woken by SocketPool::addTask;
 // while there is nothing to do it rests. An i4_err of a task is told in verbose mode, and the worker goes on.
@@ -28,5 +28,5 @@ class Worker : public Thread {
     SocketPool& pool_;
     std::unique_ptr<i4_socket_set> set_;
     std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads
-    Task* task_ = nullptr;                             // under way; of the worker's thread while it runs
+    std::unique_ptr<Task> task_;                       // under way; of the worker's thread while it runs
 };

@@ -174,11 +174,8 @@ u32 i4_ram_file_class::seek(u32 offset) {
 u8* i4_ram_file_class::map(u32 offset, u32, u32) { return buffer_ + offset; }
 bool i4_ram_file_class::unmap(u32, u32) { return true; }
 
-i4_ram_file_class* i4_ram_file_class::clone() {
-    auto* copy = new i4_ram_file_class(buffer_, capacity_, grow_step_);
-    copy->position_ = position_;
-    copy->used_ = used_;
-    return copy;
+std::unique_ptr<i4_ram_file_class> i4_ram_file_class::clone() {
+    return std::make_unique<i4_ram_file_class>(*this);
 }
 
 void i4_ram_file_class::reset(void* buffer, u32 capacity, u32 grow_step) {

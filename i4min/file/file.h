@@ -100,8 +100,8 @@ class i4_ram_file_class : public i4_file {
     u8* map(u32 offset, u32 length, u32 flags) override;
     bool unmap(u32 offset, u32 length) override;
     std::optional<u32> bytesLeft() override { return used_ - position_; }
-    // A stream on the same block, standing where this one stands. The caller owns it.
-    virtual i4_ram_file_class* clone();
+    // A stream on the same block, standing where this one stands.
+    virtual std::unique_ptr<i4_ram_file_class> clone();
 
     // Puts the stream on a new block, position 0, all of it readable. The old block is not freed.
     void reset(void* buffer, u32 capacity, u32 grow_step);

@@ -153,7 +153,7 @@ T* findIn(const LL<T>& list, Matches matches) {
 // Destroys what the list points at and empties it, for an owner of the elements. Takes no lock.
 template <class T>
 void deleteAll(LL<T>& list) {
-    while (T* value = list.LL<T>::removeAt(0)) delete value;
+    while (const std::unique_ptr<T> value{list.LL<T>::removeAt(0)}) continue;
 }
 
 // An LL that owns its elements. Thread: none of its own.

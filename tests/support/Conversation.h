@@ -84,11 +84,10 @@ class Talker : public Connection {
 class TalkerDoor : public DoorTask {
   public:
     TalkerDoor(SocketPool& pool, u32 openPort, Told& told) : DoorTask(pool, openPort), told_(told) {}
-    Connection* newConnection(std::unique_ptr<i4_socket> socket) override {
-        auto* talker = new Talker(pool(), std::move(socket), told_);
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> socket) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        last_ = Ref<Talker>(talker);
-        return talker;
+        last_ = makeRef<Talker>(pool(), std::move(socket), told_);
+        return last_;
     }
     // The last one that came in; the door lets go of it.
     Ref<Talker> takeLast() {

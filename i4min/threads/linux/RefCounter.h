@@ -1,9 +1,11 @@
 // RefCounter, the base of objects that threads share, and Ref, a counted pointer to one.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "i4min/memory/types.h"
 
@@ -74,4 +76,31 @@ class Ref {
 template <class T, class... Arguments>
 Ref<T> makeRef(Arguments&&... arguments) {
     return Ref<T>(new T(std::forward<Arguments>(arguments)...));
+}
+
+// The first object of the list for which `matches` holds, null if there is none.
+template <class T, class Matches>
+T* findIn(const std::vector<Ref<T>>& list, Matches matches) {
+    const auto at =
+        std::find_if(list.begin(), list.end(), [&](const Ref<T>& held) { return matches(*held); });
+    return at == list.end() ? nullptr : at->get();
+}
+
+template <class T>
+bool holds(const std::vector<Ref<T>>& list, const T* object) {
+    return findIn(list, [&](const T& held) { return &held == object; }) != nullptr;
+}
+
+// Appends a reference to an object that the list doesn't hold yet; false if it does.
+template <class T>
+bool addUnique(std::vector<Ref<T>>& list, T* object) {
+    if (holds(list, object)) return false;
+    list.emplace_back(object);
+    return true;
+}
+
+// Removes the object from the list; false if it isn't there.
+template <class T>
+bool removeFrom(std::vector<Ref<T>>& list, const T* object) {
+    return std::erase_if(list, [&](const Ref<T>& held) { return held.get() == object; }) > 0;
 }

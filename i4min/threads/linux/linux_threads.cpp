@@ -62,7 +62,7 @@ void* commonEntry(void* packed) {
 
 // Static start-up objects of other files enter themselves before this file's own statics are built, so the
 // list heads above are constant-initialized.
-LL<i4_string> i4_argv;
+OwnLL<i4_string> i4_argv;
 
 bool i4_start_thread(pthread_t& thread, void* (*function)(void*), void* argument) {
     auto start = std::make_unique<StartArguments>(StartArguments{function, argument});
@@ -142,7 +142,7 @@ bool i4_is_initialized() { return initialized; }
 
 int i4_main(int argc, char** argv, void (*application)(int argc, char** argv)) {
     mainThread = i4_get_thread_id();
-    for (int i = 0; i < argc; ++i) i4_argv.add(new i4_string(argv[i]));
+    for (int i = 0; i < argc; ++i) i4_argv.own(std::make_unique<i4_string>(argv[i]));
     try {
         application(argc, argv);
     } catch (const i4_err& error) {

@@ -67,8 +67,8 @@ void i4_init();
 void i4_uninit();
 bool i4_is_initialized();
 
-// The process's arguments, its name first; owned.
-extern LL<i4_string> i4_argv;
+// The process's arguments, its name first.
+extern OwnLL<i4_string> i4_argv;
 
 // The process's entry: takes the arguments into i4_argv and runs the application. An i4_err that leaves it
 // prints "Unrecoverable error at %s:%d : %s" or "Unrecoverable error". Returns 1, always.
