@@ -15,7 +15,7 @@ class PosixRandom final : public Random {
   public:
     u32 next() override;
     // Raises where the system gives no random bytes.
-    void fill(void* out, std::size_t count) override;
+    void fill(std::span<u8> out) override;
 };
 
 // Each loop is a thread of the system.

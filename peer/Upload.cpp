@@ -46,7 +46,7 @@ Peer& Upload::peer() const { return *peer_; }
 bool Upload::readData(u8* buffer, u32 length) {
     try {
         if (file_->seek(position_) != position_) return false;
-        file_->readAll(buffer, length);
+        file_->readAll({buffer, length});
         return true;
     } catch (const i4_err&) {
         return false;

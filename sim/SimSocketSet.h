@@ -19,7 +19,7 @@ class SimMember {
     virtual u32 readiness() const = 0;  // I4_SELECT_* that are so now
     // Something has happened to the socket, or it is asked about something else.
     void touched();
-    void join(SimSocketSet& set, u32 mask, void* owner);
+    void join(SimSocketSet& set, u32 mask, i4_set_owner* owner);
     void leave();
     void watch(u32 mask);
     u32 reported() const { return reported_; }
@@ -31,7 +31,7 @@ class SimMember {
 
     SimSocketSet* set_ = nullptr;
     u32 mask_ = 0;
-    void* owner_ = nullptr;
+    i4_set_owner* owner_ = nullptr;
     u32 reported_ = 0;
     bool isTouched_ = false;
 };
@@ -63,7 +63,7 @@ class SimSocketSet final : public i4_socket_set {
     void restsFor(SimSleeper& sleeper) { sleeper_ = &sleeper; }
 
     // By number a system's sockets are added; simulated ones join.
-    void add(int, u32, void*) override {}
+    void add(int, u32, i4_set_owner*) override {}
     void change(int, u32) override {}
     void remove(int) override {}
     u32 check(int, u32) const override { return 0; }

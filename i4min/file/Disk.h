@@ -12,16 +12,13 @@
 #include "i4min/memory/types.h"
 
 // Bytes to be written, one behind the other.
-struct i4_piece {
-    const void* bytes;
-    std::size_t length;
-};
+using i4_piece = std::span<const u8>;
 
 // An open file. The operations here leave the stream's position alone, and tell by errno why they failed.
 // Thread: one at a time, but for readAt() and writeAt(), which any may call.
 class i4_disk_file : public i4_file {
   public:
-    virtual i64 readAt(u64 at, void* to, std::size_t count) = 0;        // bytes, 0 at the end; -1
+    virtual i64 readAt(u64 at, std::span<u8> to) = 0;                   // bytes, 0 at the end; -1
     virtual i64 writeAt(u64 at, std::span<const i4_piece> pieces) = 0;  // bytes, fewer on a full disk; -1
     virtual bool sync() = 0;                                            // true when all of it is on the disk
     virtual bool status(i4_file_status& out) = 0;

@@ -108,7 +108,7 @@ u32 printAtOnce(i4_file& stream, const char* format, va_list list) {
     i4_owned_ram_file out;
     out.vprintf(format, list);
     i4_replace_controls(reinterpret_cast<char*>(out.buffer()), out.size());
-    if (out.size() > 0) stream.write(out.buffer(), out.size());
+    if (out.size() > 0) stream.write({out.buffer(), out.size()});
     return out.size();
 }
 

@@ -2,11 +2,14 @@
 // console.
 #pragma once
 
+#include <bit>
 #include <cstdarg>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "i4min/file/log.h"
+#include "i4min/memory/bytes.h"
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
@@ -16,8 +19,8 @@ class i4_file {
   public:
     virtual i4_file* flush() { return this; }
     // Bytes read, 0 at the end or when nothing is ready, negative on a failing system call.
-    virtual i32 read(void* buffer, u32 count) = 0;
-    virtual i32 write(const void* buffer, u32 count) = 0;
+    virtual i32 read(std::span<u8> to) = 0;
+    virtual i32 write(std::span<const u8> bytes) = 0;
     virtual u32 seek(u32 offset) = 0;  // absolute; returns the new offset
     virtual u32 size() = 0;
     virtual u32 tell() = 0;
@@ -29,18 +32,19 @@ class i4_file {
     // beyond it. Empty for sockets and the console.
     virtual std::optional<u32> bytesLeft() { return std::nullopt; }
 
-    u8 read_8();
-    u16 read_16();
-    u32 read_32();
-    f32 read_float();
-    void readAll(void* buffer, u32 count);
+    u8 read_8() { return static_cast<u8>(readLittle(1)); }
+    u16 read_16() { return static_cast<u16>(readLittle(2)); }
+    u32 read_32() { return readLittle(4); }
+    f32 read_float() { return std::bit_cast<f32>(read_32()); }
+    void readAll(std::span<u8> to);
     // Raises "readAll error" unless `count` bytes may still come: asked before memory is taken for them.
     void expect(u64 count);
 
-    u32 write_8(u8 value);
-    u32 write_16(u16 value);
-    u32 write_32(u32 value);
-    u32 write_float(f32 value);
+    u32 write_8(u8 value) { return writeLittle(value, 1); }
+    u32 write_16(u16 value) { return writeLittle(value, 2); }
+    u32 write_32(u32 value) { return writeLittle(value, 4); }
+    u32 write_float(f32 value) { return write_32(std::bit_cast<u32>(value)); }
+    bool writeAll(std::span<const u8> bytes);  // whether all of them were taken
 
     // Where those who read and write here tell what is wrong with it; null, as at first, for nowhere. The log
     // outlives the stream.
@@ -53,6 +57,9 @@ class i4_file {
     u32 vprintf(const char* format, va_list list);
 
   private:
+    u32 readLittle(u32 count);
+    u32 writeLittle(u32 value, u32 count);
+
     i4_log* log_ = nullptr;
 };
 
@@ -73,8 +80,8 @@ class i4_unix_file_class : public i4_file {
     i4_unix_file_class& operator=(const i4_unix_file_class&) = delete;
     ~i4_unix_file_class() override;
 
-    i32 read(void* buffer, u32 count) override;
-    i32 write(const void* buffer, u32 count) override;
+    i32 read(std::span<u8> to) override;
+    i32 write(std::span<const u8> bytes) override;
     u32 seek(u32 offset) override;
     u32 size() override;
     u32 tell() override;
@@ -90,10 +97,10 @@ class i4_unix_file_class : public i4_file {
 // i4_free. A grow step of 0 means a fixed block, on which writes are cut at the capacity.
 class i4_ram_file_class : public i4_file {
   public:
-    i4_ram_file_class(void* buffer, u32 capacity, u32 grow_step);
+    i4_ram_file_class(u8* buffer, u32 capacity, u32 grow_step);
 
-    i32 read(void* buffer, u32 count) override;
-    i32 write(const void* buffer, u32 count) override;
+    i32 read(std::span<u8> to) override;
+    i32 write(std::span<const u8> bytes) override;
     u32 seek(u32 offset) override;
     u32 size() override { return used_; }
     u32 tell() override { return position_; }
@@ -104,7 +111,7 @@ class i4_ram_file_class : public i4_file {
     virtual std::unique_ptr<i4_ram_file_class> clone();
 
     // Puts the stream on a new block, position 0, all of it readable. The old block is not freed.
-    void reset(void* buffer, u32 capacity, u32 grow_step);
+    void reset(u8* buffer, u32 capacity, u32 grow_step);
     // Leaves an empty stream: the block, which isn't a fixed one, is the caller's to free.
     u8* release();
     u8* buffer() const { return buffer_; }
@@ -136,8 +143,8 @@ class i4_owned_ram_file : public i4_ram_file_class {
 // and is lost if descriptor 0 isn't open for writing.
 class i4_debug_file_class : public i4_file {
   public:
-    i32 read(void* buffer, u32 count) override;  // one item of that size from standard input: 1 on success
-    i32 write(const void* buffer, u32 count) override;
+    i32 read(std::span<u8> to) override;  // one item of that size from standard input: 1 on success
+    i32 write(std::span<const u8> bytes) override;
     u32 seek(u32) override { return 0; }
     u32 size() override { return 0; }
     u32 tell() override { return 0; }

@@ -1,7 +1,7 @@
 // Random, where the engine's random numbers come from: the system, or the seed of a simulation.
 #pragma once
 
-#include <cstddef>
+#include <span>
 
 #include "i4min/memory/types.h"
 
@@ -10,7 +10,7 @@ class Random {
   public:
     virtual u32 next() = 0;  // any u32, each as likely
     // Bytes that nobody can guess, for identities.
-    virtual void fill(void* out, std::size_t count) = 0;
+    virtual void fill(std::span<u8> out) = 0;
     // A number from 0 up to but not including `limit`, which is above 0.
     u32 below(u32 limit) { return static_cast<u32>(static_cast<u64>(next()) * limit >> 32); }
 

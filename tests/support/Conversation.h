@@ -17,7 +17,7 @@
 
 inline std::unique_ptr<Packet> packetOf(const std::string& body) {
     auto packet = std::make_unique<Packet>(static_cast<u32>(body.size()));
-    packet->stream.write(body.data(), static_cast<u32>(body.size()));
+    packet->stream.write(i4_bytes(body));
     return packet;
 }
 
@@ -58,7 +58,7 @@ class Talker : public Connection {
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override {
         std::string body(1, static_cast<char>(opcode));
         body.resize(1 + *stream.bytesLeft());
-        stream.readAll(body.data() + 1, static_cast<u32>(body.size() - 1));
+        stream.readAll(i4_room(body).subspan(1));
         told_.heard(body);
         if (opcode == 's') stream.read_8();
         if (opcode == 'e') send(packetOf(body));

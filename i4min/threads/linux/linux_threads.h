@@ -3,16 +3,19 @@
 
 #include <pthread.h>
 
+#include <functional>
+#include <thread>
+
 #include "i4min/memory/LL.h"
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
-// Starts a thread that its owner joins or detaches. What the function lets through ends the process with
-// status 0: an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n". False, with a
-// warning, where the host has no thread to give.
-bool i4_start_thread(pthread_t& thread, void* (*function)(void*), void* argument);
+// Starts a thread that its owner joins or detaches. What `run` lets through ends the process with status 0:
+// an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n". False, with a warning, where
+// the host has no thread to give.
+bool i4_start_thread(std::thread& thread, std::function<void()> run);
 // The same for a thread that nobody waits for. The stack size is not used. Returns 0.
-u32 i4_add_thread(void* (*function)(void*), u32 stack_size, void* argument);
+u32 i4_add_thread(std::function<void()> run, u32 stack_size);
 // Yields until none of these threads runs.
 void i4_wait_for_threads();
 void i4_thread_yield();
