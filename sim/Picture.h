@@ -5,7 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "i4min/memory/annotations.h"
 #include "i4min/memory/types.h"
+
+// At most 511 bytes, by the system library's formatter.
+std::string formatted(const char* format, ...) PRINTF_LIKE(1, 2);
 
 // A lane for each who received: in each span of time a pile of what came from each giver, in the giver's
 // colour, and a mark where something was told of the receiver. Thread: one.

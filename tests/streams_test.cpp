@@ -213,7 +213,7 @@ TEST(Formatter, WritesWhatEachLetterSays) {
     expect("[][7]d7%5 abc", "[%f][%d]%ld%d%%%8d %-10.3s", 7, 7, 5, "abc");
     expect("text..", "%S.%S.%s", &text, static_cast<const i4_string*>(nullptr), static_cast<char*>(nullptr));
     expect("<7> NULL", "%I %I", static_cast<i4_printable*>(&wagon), static_cast<i4_printable*>(nullptr));
-    expect("end", "end%-12.");
+    expect("end", "end%-12.", 0);
     std::fill_n(out, sizeof out, '?');
     EXPECT_EQ(i4_snprintf(out, 5, "abcdefg%s", "h"), 8U);
     EXPECT_EQ(std::string(out, 6), "abcd\0?"s);

@@ -16,7 +16,7 @@ struct SourcePosition {
 };
 thread_local SourcePosition position;
 
-void printDebug(const i4_string& text) { i4_debug_printf("%S", &text); }
+void printDebug(const i4_string& text) { i4_debug_printf("%s", orEmpty(text)); }
 
 int printWarning(const char* text) {
     const char* file = nullptr;

@@ -50,7 +50,7 @@ class i4_file {
     // outlives the stream.
     void setLog(i4_log* log) { log_ = log; }
     i4_log* log() const { return log_; }
-    void tell(i4_log::Tone tone, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    void tell(i4_log::Tone tone, const char* format, ...) PRINTF_LIKE(3, 4);
 
     // The foundation's formatter on this stream: the difference of tell() before and after.
     u32 printf(const char* format, ...);

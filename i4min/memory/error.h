@@ -4,6 +4,7 @@
 // return value. Code that parses a stream catches i4_err at the level of its record or connection.
 #pragma once
 
+#include "i4min/memory/annotations.h"
 #include "i4min/string/string.h"
 
 class i4_file;
@@ -47,7 +48,7 @@ class i4_report {
   public:
     enum class Kind { error, warning };
     explicit i4_report(Kind kind) : kind_(kind) {}
-    int operator()(const char* format, ...) const;
+    int operator()(const char* format, ...) const PRINTF_LIKE(2, 3);
 
   private:
     const Kind kind_;
@@ -58,9 +59,9 @@ i4_report i4_error(const char* file = __builtin_FILE(), int line = __builtin_LIN
 i4_report i4_warning(const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
 // Formats into a string of any length and hands it to the debug hook.
-void i4_debug(const char* format, ...);
+void i4_debug(const char* format, ...) PRINTF_LIKE(1, 2);
 // Formats straight onto i4_debug_stream; returns the characters written, 0 where no stream is set.
-u32 i4_debug_printf(const char* format, ...);
+u32 i4_debug_printf(const char* format, ...) PRINTF_LIKE(1, 2);
 
 // The process's terminal stream, from before main on.
 extern i4_file* i4_debug_stream;

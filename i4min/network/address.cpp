@@ -16,7 +16,7 @@ i4_tcpip_address::i4_tcpip_address(const sockaddr_in& from) : i4_tcpip_address()
 void i4_tcpip_address::print(i4_file* stream) {
     i4_string text;
     addressToString(*this, text);
-    stream->printf("%s", text.c_str());
+    stream->write(i4_bytes(text.view()));
 }
 
 std::unique_ptr<i4_address> i4_tcpip_address::copy() const {
@@ -41,7 +41,7 @@ bool i4_tcpip_address::get_name(i4_file* stream) const {
                       0, NI_NAMEREQD) != 0) {
         return false;
     }
-    stream->printf("%s", host);
+    stream->write(i4_bytes(host));
     return true;
 }
 

@@ -97,7 +97,7 @@ i4_proxy_address::i4_proxy_address(const char* host, u16 port) {
 
 void i4_proxy_address::print(i4_file* stream) {
     if (name.isNull()) return i4_tcpip_address::print(stream);
-    stream->printf("%s", name.c_str());
+    stream->write(i4_bytes(name.view()));
 }
 
 std::unique_ptr<i4_address> i4_proxy_address::copy() const {
@@ -106,7 +106,7 @@ std::unique_ptr<i4_address> i4_proxy_address::copy() const {
 
 bool i4_proxy_address::get_name(i4_file* stream) const {
     if (name.isNull()) return i4_tcpip_address::get_name(stream);
-    stream->printf("%s", name.c_str());
+    stream->write(i4_bytes(name.view()));
     return true;
 }
 
