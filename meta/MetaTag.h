@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -46,8 +47,15 @@ class Boxed {
 //            blob       u32 size, bytes
 class MetaTag {
   public:
-    // In the order of MetaTagType.
-    using Value = std::variant<Boxed<MD4Hash>, i4_string, u32, f32, bool, Boxed<BoolArray>, Boxed<MetaBlob>>;
+    // In the order of MetaTagType. An enumerator, such as a type or an index, is no value by itself.
+    using AnyValue =
+        std::variant<Boxed<MD4Hash>, i4_string, u32, f32, bool, Boxed<BoolArray>, Boxed<MetaBlob>>;
+    struct Value : AnyValue {
+        using AnyValue::AnyValue;
+        template <class Enumerator>
+        requires std::is_enum_v<Enumerator> Value(Enumerator)
+        = delete;
+    };
 
     MetaTag(const char* name, Value value) : value_(std::move(value)) { setName(name); }
 

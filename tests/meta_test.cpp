@@ -159,6 +159,7 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     Meta record;
     record.setText(TAG_NAME, "one");
     record.setInt(TAG_SIZE, 5);
+    static_assert(!std::is_convertible_v<MetaTagType, MetaTag::Value>, "a type is no value");
     EXPECT_TRUE(record.addTag("files", 0U));
     EXPECT_FALSE(record.addTag("files", 0U));
 
