@@ -64,7 +64,8 @@ class Sample {
         for (u64 start = 0; start <= fileSize; start += PARTSIZE) {
             record.partHashes.emplace_back();
             const u64 end = std::min<u64>(fileSize, start + PARTSIZE);
-            MD4Hash::compute(record.partHashes.back(), all, static_cast<u32>(start), static_cast<u32>(end));
+            static_cast<void>(MD4Hash::compute(record.partHashes.back(), all, static_cast<u32>(start),
+                                               static_cast<u32>(end)));
         }
         record.hash = MD4Hash::ofParts(record.partHashes);
         record.setName("sample");

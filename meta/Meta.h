@@ -25,10 +25,10 @@ class Meta : public Serializable {
 
     // Reading keeps what was read before a failure. From the network it adds to what is there, from disk it
     // replaces it.
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual void copyFrom(const Meta* other);  // null does nothing
 
@@ -43,7 +43,7 @@ class Meta : public Serializable {
     // setTagValue is false, and leaves `value` alone, where there is no tag of that name, or one of another
     // type. setTag adds what isn't there, and puts a new tag into the place of one of another type: records
     // come from strangers.
-    bool setTagValue(const char* name, MetaTag::Value&& value);
+    [[nodiscard]] bool setTagValue(const char* name, MetaTag::Value&& value);
     void setTag(const char* name, MetaTag::Value value);
     void setTag(TagIndex index, MetaTag::Value value);
     void setInt(const char* name, u32 value) { setTag(name, value); }
@@ -83,7 +83,7 @@ class Meta : public Serializable {
 
 // A record of the same kind with what copyFrom() takes over.
 template <class Record>
-std::unique_ptr<Record> copyOf(const Record& record) {
+[[nodiscard]] std::unique_ptr<Record> copyOf(const Record& record) {
     auto copy = std::make_unique<Record>();
     copy->copyFrom(&record);
     return copy;

@@ -50,15 +50,15 @@ class CAPABILITY("list") MetaList : public Serializable {
 
     // Reading adds to what is there, and keeps what was read before a failure. fromDisk lets an i4_err of the
     // first five bytes pass.
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual std::unique_ptr<Meta> newMeta();  // an empty record of the kind that this list holds
     // A name that the user typed: see i4_translate_path.
     // What is damaged is told to the log.
-    virtual LoadResult load(Disk& disk, const char* name, i4_log* log = nullptr);
+    [[nodiscard]] virtual LoadResult load(Disk& disk, const char* name, i4_log* log = nullptr);
     // Through saveFile, which see: the reason why it failed, empty where it didn't.
     [[nodiscard]] virtual std::string save(Disk& disk, const char* name);
     virtual void copyFrom(MetaList* other);   // copies of the other's records instead of what was here
@@ -124,7 +124,7 @@ using OwnedList = std::unique_ptr<List, DeletesRecords>;
 
 // A list off a stream with its records; null where it can't be read.
 template <class List>
-OwnedList<List> readList(i4_file& stream) {
+[[nodiscard]] OwnedList<List> readList(i4_file& stream) {
     OwnedList<List> list(new List);
     if (!list->fromNetwork(stream)) list.reset();
     return list;

@@ -59,19 +59,19 @@ class MetaTag {
 
     MetaTag(const char* name, Value value) : value_(std::move(value)) { setName(name); }
 
-    static std::unique_ptr<MetaTag> makeTag(const char* name, Value value);
+    [[nodiscard]] static std::unique_ptr<MetaTag> makeTag(const char* name, Value value);
     // A tag of tagTable; one with just the row's name if the value is of another type than the row's. Null
     // for a row that isn't there.
-    static std::unique_ptr<MetaTag> makeTag(TagIndex index, Value value);
+    [[nodiscard]] static std::unique_ptr<MetaTag> makeTag(TagIndex index, Value value);
     // Takes a tag off a stream. Null for a short stream, with no message, and for an unknown type, which is
     // told; the rest of the stream is then lost.
-    static std::unique_ptr<MetaTag> readTag(i4_file& file);
+    [[nodiscard]] static std::unique_ptr<MetaTag> readTag(i4_file& file);
 
-    bool toNetwork(i4_file& file) const;
-    bool toDisk(i4_file& file) const { return toNetwork(file); }
+    [[nodiscard]] bool toNetwork(i4_file& file) const;
+    [[nodiscard]] bool toDisk(i4_file& file) const { return toNetwork(file); }
     u32 byteSize() const;
 
-    std::unique_ptr<MetaTag> clone() const;  // same name, value and id
+    [[nodiscard]] std::unique_ptr<MetaTag> clone() const;  // same name, value and id
     const Value& getValue() const { return value_; }
     void setValue(Value value) { value_ = std::move(value); }
     const char* text() const;  // null but for a string

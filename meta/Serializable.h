@@ -12,11 +12,11 @@ enum class StreamForm { disk, network };
 // A tag, a record or a list of records. Each operation is true on success; a short stream is a failure.
 class Serializable {
   public:
-    virtual bool toNetwork(i4_file& file) const = 0;
-    virtual bool fromNetwork(i4_file& file) = 0;
+    [[nodiscard]] virtual bool toNetwork(i4_file& file) const = 0;
+    [[nodiscard]] virtual bool fromNetwork(i4_file& file) = 0;
     // Not const: a record may bring its tags up to date first.
-    virtual bool toDisk(i4_file& file) = 0;
-    virtual bool fromDisk(i4_file& file) = 0;
+    [[nodiscard]] virtual bool toDisk(i4_file& file) = 0;
+    [[nodiscard]] virtual bool fromDisk(i4_file& file) = 0;
     virtual u32 byteSize() const = 0;  // of the form that toNetwork writes
     virtual ~Serializable() = default;
 

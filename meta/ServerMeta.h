@@ -13,10 +13,10 @@
 //                                      ...    the record, see Meta
 class ServerMeta : public Meta {
   public:
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;  // TAG_HISTORY takes `history` first
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;  // TAG_HISTORY takes `history` first
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override { return Meta::byteSize() + 22; }
     void copyFrom(const Meta* other) override;  // the tags, and of another ServerMeta every field
 

@@ -14,10 +14,10 @@
 //     ...    the record, see Meta              ...    the record, see Meta
 class UserMeta : public Meta {
   public:
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override { return Meta::byteSize() + 22; }
     // The tags, and of another UserMeta id, serverIp, port, serverPort and hash.
     void copyFrom(const Meta* other) override;

@@ -313,7 +313,7 @@ bool Peer::tellHashSet(const MD4Hash& hash) {
     FileMeta record;
     record.partHashes = file.partHashes;
     auto packet = makeFilePacket(OP_HASH_SET, hash, record.partHashesSize());
-    record.writePartHashes(packet->stream);
+    if (!record.writePartHashes(packet->stream)) return false;
     send(std::move(packet));
     return true;
 }

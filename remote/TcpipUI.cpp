@@ -166,7 +166,7 @@ void TcpipUI::setResults(FileList* list, u8 more) {
     if (!to) return inner_.setResults(list, more);
     const std::unique_ptr<FileList> owned(list);
     auto packet = makePacket(CTL_RESULTS, list->byteSize() + 1);
-    list->toNetwork(packet->stream);
+    packet->put(*list);
     packet->stream.write_8(more);
     packet->finish();
     results_.replaceBy(*list);

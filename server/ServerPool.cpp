@@ -99,7 +99,8 @@ void ServerPool::load(const char* path) {
 
 void ServerPool::merge(const char* path) {
     ServerList read(LockRank::none);
-    read.load(needs_.core.host.disk, path);
+    // What could be read counts, all of it or not.
+    static_cast<void>(read.load(needs_.core.host.disk, path));
     for (ServerMeta* server : read.snapshot()) {
         server->idleTime = pingEvery;
         servers_.addIfNew(std::unique_ptr<ServerMeta>(server));

@@ -148,7 +148,7 @@ void SimOpponent::sayFirst(SimTalk& talk) {
     record.hash = offer_.hash;
     record.setName(offer_.name.c_str());
     record.setInt(TAG_SIZE, static_cast<u32>(offer_.content.size));
-    record.toNetwork(list);
+    static_cast<void>(record.toNetwork(list));
     talk.say(OP_PUBLISH_FILES, Bytes(list.buffer(), list.buffer() + list.size()));
 }
 

@@ -96,6 +96,9 @@ std::unique_ptr<Packet> Packet::clone() const {
     return copy;
 }
 
+// Memory takes every byte.
+void Packet::put(const Serializable& content) { static_cast<void>(content.toNetwork(stream)); }
+
 void Packet::finish() {
     size = stream.tell();
     setHeader();
@@ -116,7 +119,7 @@ std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
 
 std::unique_ptr<Packet> makePacket(u8 opcode, const Serializable& content) {
     auto packet = makePacket(opcode, content.byteSize());
-    content.toNetwork(packet->stream);
+    packet->put(content);
     packet->finish();
     return packet;
 }

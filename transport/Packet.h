@@ -45,17 +45,19 @@ class Packet {
     virtual ~Packet();
 
     // Writes as much as socket and budget take. `out_bytes` is what this call moved.
-    virtual Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes);
+    [[nodiscard]] virtual Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes);
     // Once, when the whole packet has left. On the pool's thread, within the connection's turn.
     virtual void sent();
 
     // Reads as much as socket and budget give: the rest of the header, then of the body.
     // Failed: the socket, a wrong marker, a length of 0 or above `limit`. Complete: `stream` stands at
     // the opcode and ends with the body.
-    Result receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit);
+    [[nodiscard]] Result receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit);
 
     // A packet of its own with the same body, nothing of it sent.
     std::unique_ptr<Packet> clone() const;
+    // Appends the network form of a record or a list of them.
+    void put(const Serializable& content);
     // Takes the stream's position as the length, for a sender that wrote another amount than it told.
     void finish();
     // Back to the empty packet; the buffer is freed.

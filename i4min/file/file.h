@@ -44,7 +44,7 @@ class i4_file {
     u32 write_16(u16 value) { return writeLittle(value, 2); }
     u32 write_32(u32 value) { return writeLittle(value, 4); }
     u32 write_float(f32 value) { return write_32(std::bit_cast<u32>(value)); }
-    bool writeAll(std::span<const u8> bytes);  // whether all of them were taken
+    [[nodiscard]] bool writeAll(std::span<const u8> bytes);  // whether all of them were taken
 
     // Where those who read and write here tell what is wrong with it; null, as at first, for nowhere. The log
     // outlives the stream.
@@ -163,9 +163,9 @@ enum i4_file_flags : u32 {
 // Opens a file whose name we or the user typed: the name is rewritten by i4_translate_path and cut at 255
 // characters. Null on failure, with no message. Read alone never creates; write creates with mode 0777 less
 // the umask.
-std::unique_ptr<i4_file> i4_open(const char* name, u32 flags);
+[[nodiscard]] std::unique_ptr<i4_file> i4_open(const char* name, u32 flags);
 // The same for a name exactly as it stands: files found in a directory, and names that came from the network.
-std::unique_ptr<i4_unix_file_class> i4_open_exact(const char* name, u32 flags);
+[[nodiscard]] std::unique_ptr<i4_unix_file_class> i4_open_exact(const char* name, u32 flags);
 
 // Copies a name with '\' as '/', "c:/" as "/" and "x:" as "/u" into `out` of `limit` bytes; always
 // terminates.

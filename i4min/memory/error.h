@@ -20,7 +20,7 @@ class i4_err {
 
 // Runs what reads or writes a stream: its own answer, or false where that raised.
 template <class Action>
-bool i4_attempt(Action action) {
+[[nodiscard]] bool i4_attempt(Action action) {
     try {
         return action();
     } catch (const i4_err&) {

@@ -34,7 +34,7 @@ class i4_socket : public i4_file {
 
     // Takes a connection that came in, and waits for one on a blocking socket. False when there is none;
     // errno then tells why.
-    virtual bool accept(std::unique_ptr<i4_socket>& out) = 0;
+    [[nodiscard]] virtual bool accept(std::unique_ptr<i4_socket>& out) = 0;
     // A datagram and, where asked for, its sender. Returns the system's result: below 0 when there is none.
     virtual i32 read_from(std::span<u8> to, std::unique_ptr<i4_address>* out_address) = 0;
     virtual i32 write_to(std::span<const u8> bytes, const i4_address& address) = 0;
@@ -103,13 +103,13 @@ class i4_tcpip_sock : public i4_socket {
 
     // Connects. Blocking: waits for the outcome, which cancel() may cut short, and returns it. Otherwise only
     // starts, and returns true: ready() for writing then tells the outcome.
-    bool connect(const i4_tcpip_address& to, bool blocking);
+    [[nodiscard]] bool connect(const i4_tcpip_address& to, bool blocking);
     bool error() const { return error_; }  // the system gave no socket
     int descriptor() const { return fd_; }
     u32 type() const { return type_; }
 
     // Gives the descriptor away, -1 where there is none any more; every later call fails.
-    int release_descriptor() EXCLUDES(lock_);
+    [[nodiscard]] int release_descriptor() EXCLUDES(lock_);
 
   private:
     friend class i4_blocking_call;

@@ -27,7 +27,7 @@ class Loop {
     virtual ~Loop() = default;
     // Gives the thread turns from now on, until one says that its loop has ended. False where the host has no
     // thread to give.
-    virtual bool start() = 0;
+    [[nodiscard]] virtual bool start() = 0;
     // Returns when the thread gets no turn any more. The thread has been told to stop, or its loop has ended.
     virtual void stop() = 0;
     // Ends the rest that is going on; one that comes during a turn ends the next rest.
@@ -37,7 +37,7 @@ class Loop {
 // Outlives its loops. Thread: any.
 class Scheduler {
   public:
-    virtual std::unique_ptr<Loop> makeLoop(Thread& thread) = 0;
+    [[nodiscard]] virtual std::unique_ptr<Loop> makeLoop(Thread& thread) = 0;
 
   protected:
     ~Scheduler() = default;

@@ -17,7 +17,8 @@ struct RemoteFile {
         BytesFile stream(i4_bytes(bytes));
         for (u64 start = 0; start <= size; start += PARTSIZE) {
             const u64 end = std::min<u64>(size, start + PARTSIZE);
-            MD4Hash::compute(parts.emplace_back(), stream, static_cast<u32>(start), static_cast<u32>(end));
+            EXPECT_TRUE(MD4Hash::compute(parts.emplace_back(), stream, static_cast<u32>(start),
+                                         static_cast<u32>(end)));
         }
         record.hash = parts.size() == 1 ? parts[0] : MD4Hash::ofParts(parts);
         record.setName(name.c_str());

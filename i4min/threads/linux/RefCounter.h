@@ -52,7 +52,7 @@ class Ref {
         return result;
     }
     // Gives the reference to the caller, who releases it.
-    T* detach() { return static_cast<T*>(std::exchange(counter_, nullptr)); }
+    [[nodiscard]] T* detach() { return static_cast<T*>(std::exchange(counter_, nullptr)); }
     void reset() {
         if (RefCounter* counter = std::exchange(counter_, nullptr)) counter->release();
     }
@@ -74,7 +74,7 @@ class Ref {
 
 // A new object with its first reference.
 template <class T, class... Arguments>
-Ref<T> makeRef(Arguments&&... arguments) {
+[[nodiscard]] Ref<T> makeRef(Arguments&&... arguments) {
     return Ref<T>(new T(std::forward<Arguments>(arguments)...));
 }
 

@@ -13,7 +13,7 @@
 // Starts a thread that its owner joins or detaches. What `run` lets through ends the process with status 0:
 // an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n". False, with a warning, where
 // the host has no thread to give.
-bool i4_start_thread(std::thread& thread, std::function<void()> run);
+[[nodiscard]] bool i4_start_thread(std::thread& thread, std::function<void()> run);
 // The same for a thread that nobody waits for. The stack size is not used. Returns 0.
 u32 i4_add_thread(std::function<void()> run, u32 stack_size);
 // Yields until none of these threads runs.
