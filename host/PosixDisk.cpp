@@ -21,6 +21,7 @@ constexpr mode_t everybody = 0666;  // less the umask
 constexpr mode_t ownerAlone = 0600;
 constexpr std::string_view openFiles = "/proc/self/fd/";
 
+// An open file of the system. Owns its descriptor. Errors: a result below 0 or false, the reason in errno.
 class PosixFile final : public i4_disk_file {
   public:
     explicit PosixFile(int descriptor) : stream_(descriptor) {}

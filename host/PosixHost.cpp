@@ -37,6 +37,9 @@ void yieldToOthers() {
     ::syscall(SYS_ioprio_set, ofProcess, static_cast<int>(self), idleClass);
 }
 
+// A thread of the system that turns one Thread object. stop() joins it, or detaches it when it is called on
+// that thread itself. A resting loop waits in the poll of its socket set if it has one, otherwise on
+// changed_.
 class PosixLoop final : public Loop {
   public:
     explicit PosixLoop(Thread& thread) : thread_(thread) {}

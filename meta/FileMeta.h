@@ -7,7 +7,7 @@
 #include "meta/MD4Hash.h"
 #include "meta/Meta.h"
 
-// A record with the tags TAG_NAME and TAG_SIZE. Thread: see Meta.
+// A record of a file, with the tags TAG_NAME and TAG_SIZE. Thread, ownership and errors: see Meta.
 //
 //     bytes    disk form                      bytes  network form
 //     4        date, u32                      16     hash

@@ -30,8 +30,8 @@ enum class HashOutcome {
 // Asked between reads, some thousand times for a gigabyte: true ends the hashing. Empty never does.
 using GiveUp = std::function<bool()>;
 
-// A digest. All zero means that it isn't known. Copied bytewise; a plain value. The functions that compute
-// one keep their state to themselves. Thread: any, at the same time.
+// A digest; all zero means unknown. A plain value. The static functions that compute one share no state.
+// Thread: any, at the same time.
 struct MD4Hash {
     std::array<u8, 16> bytes{};
 

@@ -10,7 +10,7 @@
 #include "i4min/memory/LLsafe.h"
 #include "meta/Meta.h"
 
-// What MetaList::search asks of each record.
+// The condition of MetaList::search. Called under the lock of the list.
 class MetaMatcher {
   public:
     virtual bool matches(const Meta& record) const = 0;
@@ -56,10 +56,9 @@ class CAPABILITY("list") MetaList : public Serializable {
     [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual std::unique_ptr<Meta> newMeta();  // an empty record of the kind that this list holds
-    // A name that the user typed: see i4_translate_path.
-    // What is damaged is told to the log.
+    // The name is one that the user typed: see i4_translate_path. Damage is reported to the log.
     [[nodiscard]] virtual LoadResult load(Disk& disk, const char* name, i4_log* log = nullptr);
-    // Through saveFile, which see: the reason why it failed, empty where it didn't.
+    // Saves through saveFile. Returns the reason why it failed, empty on success.
     [[nodiscard]] virtual std::string save(Disk& disk, const char* name);
     virtual void copyFrom(MetaList* other);   // copies of the other's records instead of what was here
     virtual void removeAll(MetaList* other);  // by pointer

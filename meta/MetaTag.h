@@ -15,8 +15,8 @@
 
 using MetaBlob = std::vector<u8>;
 
-// A value that lies on the heap and is copied along. The seldom kinds of tags pay for it, so that all others
-// stay small.
+// A value on the heap that is copied with its owner. Rare kinds of tags use it, so that all others stay
+// small.
 template <class T>
 class Boxed {
   public:

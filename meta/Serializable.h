@@ -9,7 +9,8 @@
 // Which of its two byte forms an element writes.
 enum class StreamForm { disk, network };
 
-// A tag, a record or a list of records. Each operation is true on success; a short stream is a failure.
+// A record or a list of records that can be written to a stream and read back. Thread: as the subclass tells.
+// Errors: false; a short stream is a failure.
 class Serializable {
   public:
     [[nodiscard]] virtual bool toNetwork(i4_file& file) const = 0;

@@ -3,8 +3,9 @@
 
 #include "meta/Meta.h"
 
-// Thread: see Meta. Tags: TAG_NAME, TAG_DESCRIPTION, TAG_PING, TAG_HISTORY, TAG_PREF, and the ints "users"
-// and "files". After reading, what an earlier run measured is forgotten: TAG_PING, "users" and "files" are 0.
+// A record of a server. Thread, ownership and errors: see Meta. Tags: TAG_NAME, TAG_DESCRIPTION, TAG_PING,
+// TAG_HISTORY, TAG_PREF, and the ints "users" and "files". After reading, what an earlier run measured is
+// forgotten: TAG_PING, "users" and "files" are 0.
 //
 //     bytes  disk form                 bytes  network form
 //     4      ip, u32                   16     0, and dropped by readers

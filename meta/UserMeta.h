@@ -5,7 +5,7 @@
 #include "meta/Meta.h"
 #include "meta/address.h"
 
-// Thread: see Meta. The name is TAG_NAME.
+// A record of a user; its name is TAG_NAME. Thread, ownership and errors: see Meta.
 //
 //     bytes  disk form                         bytes  network form
 //     4      id, u32; 0 for a low ID           16     hash

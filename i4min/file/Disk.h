@@ -1,4 +1,4 @@
-// Disk, where files lie: the system's file systems, or a disk in the memory of a simulation.
+// Disk, the interface to files: the system's file systems, or a disk in the memory of a simulation.
 #pragma once
 
 #include <memory>
@@ -14,8 +14,9 @@
 // Bytes to be written, one behind the other.
 using i4_piece = std::span<const u8>;
 
-// An open file. The operations here leave the stream's position alone, and tell by errno why they failed.
-// Thread: one at a time, but for readAt() and writeAt(), which any may call.
+// An open file. The operations declared here don't move the stream's position.
+// Thread: one at a time, except readAt() and writeAt(), which may run on any.
+// Errors: -1 or false, with the reason in errno.
 class i4_disk_file : public i4_file {
   public:
     [[nodiscard]] virtual i64 readAt(u64 at, std::span<u8> to) = 0;  // bytes, 0 at the end; -1
@@ -31,8 +32,9 @@ class i4_disk_file : public i4_file {
     virtual void takeAccessOf(const char* path) = 0;
 };
 
-// Paths are taken exactly as they stand. True is success; false, or null, leaves the reason in errno.
-// Thread: any.
+// A file system. Paths are used exactly as given. Thread: any.
+// Errors: false or null, with the reason in errno. The result of what only cleans up, or makes a rename last
+// through a crash, may be ignored.
 class Disk {
   public:
     // Opens a file: for reading it must be there, for writing it is made with mode 0666 less the umask. Never
@@ -61,7 +63,7 @@ class Disk {
         return status(path, ignored);
     }
 
-    // Names that somebody is writing to, for whoever asks first.
+    // Reserves a name that is about to be written to; false if somebody else has it.
     [[nodiscard]] bool claim(const std::string& name) {
         const std::lock_guard<std::mutex> guard(claimsLock_);
         return claims_.insert(name).second;

@@ -13,8 +13,9 @@
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
-// The abstract stream. Thread: one at a time. Multi-byte values are little-endian whatever the host.
-// Readers raise an i4_err on a short read; writers report the bytes written and don't raise.
+// The abstract stream. Thread: one at a time. Multi-byte values are little-endian on every host.
+// Errors: the typed readers raise an i4_err on a short read; writers return the bytes written and don't
+// raise.
 class i4_file {
   public:
     virtual i4_file* flush() { return this; }
@@ -28,8 +29,8 @@ class i4_file {
     virtual u8* map(u32 offset, u32 length, u32 flags);
     virtual bool unmap(u32 offset, u32 length);
     virtual ~i4_file() = default;
-    // What a read could still deliver, where the stream knows: nothing that a format promises is allocated
-    // beyond it. Empty for sockets and the console.
+    // How many bytes can still be read, if the stream knows. Parsers allocate no more than that, whatever a
+    // format promises. Empty for sockets and the console.
     virtual std::optional<u32> bytesLeft() { return std::nullopt; }
 
     u8 read_8() { return static_cast<u8>(readLittle(1)); }
@@ -46,8 +47,8 @@ class i4_file {
     u32 write_float(f32 value) { return write_32(std::bit_cast<u32>(value)); }
     [[nodiscard]] bool writeAll(std::span<const u8> bytes);  // whether all of them were taken
 
-    // Where those who read and write here tell what is wrong with it; null, as at first, for nowhere. The log
-    // outlives the stream.
+    // The log that gets messages about what is wrong with the stream's contents; null, the default, drops
+    // them. The log outlives the stream.
     void setLog(i4_log* log) { log_ = log; }
     i4_log* log() const { return log_; }
     void tell(i4_log::Tone tone, const char* format, ...) PRINTF_LIKE(3, 4);
@@ -72,7 +73,8 @@ class i4_printable {
     ~i4_printable() = default;
 };
 
-// A disk file. Owns its descriptor.
+// A disk file. Owns its descriptor and closes it. Thread: one at a time.
+// Errors: read and write return -1, with the reason in errno.
 class i4_unix_file_class : public i4_file {
   public:
     explicit i4_unix_file_class(int descriptor) : descriptor_(descriptor) {}
@@ -93,8 +95,9 @@ class i4_unix_file_class : public i4_file {
     const int descriptor_;
 };
 
-// A block of memory. It frees nothing: whoever made the buffer, or took it with buffer(), frees it with
-// i4_free. A grow step of 0 means a fixed block, on which writes are cut at the capacity.
+// A block of memory as a stream. Doesn't own the block: the caller frees it, with i4_free if it may have
+// grown. A grow step of 0 means a fixed block, on which writes are cut at the capacity.
+// Thread: one at a time. Errors: growing raises "out of memory".
 class i4_ram_file_class : public i4_file {
   public:
     i4_ram_file_class(u8* buffer, u32 capacity, u32 grow_step);
@@ -139,8 +142,8 @@ class i4_owned_ram_file : public i4_ram_file_class {
     ~i4_owned_ram_file() override;
 };
 
-// The terminal. Output goes to descriptor 0: it reaches the terminal even when standard output is redirected,
-// and is lost if descriptor 0 isn't open for writing.
+// The terminal. Thread: any, for writes. Output goes to descriptor 0: it reaches the terminal even when
+// standard output is redirected, and is lost if descriptor 0 isn't open for writing.
 class i4_debug_file_class : public i4_file {
   public:
     i32 read(std::span<u8> to) override;  // one item of that size from standard input: 1 on success

@@ -9,6 +9,7 @@
 
 class i4_file;
 
+// The text of a failure. A plain value; it is thrown by the default error handler alone.
 class i4_err {
   public:
     explicit i4_err(const char* message) : message_(message) {}
@@ -18,7 +19,7 @@ class i4_err {
     i4_string message_;
 };
 
-// Runs what reads or writes a stream: its own answer, or false where that raised.
+// Runs an action that reads or writes a stream. Returns its result, or false if it raised.
 template <class Action>
 [[nodiscard]] bool i4_attempt(Action action) {
     try {
@@ -37,8 +38,8 @@ i4_debug_hook i4_set_debug_hook(i4_debug_hook hook);
 i4_error_handler i4_set_warning_handler(i4_error_handler handler);
 i4_error_handler i4_set_error_handler(i4_error_handler handler);
 
-// Source file (the build's path without its extension) and line of this thread's last error. A null file
-// leaves the stored pair alone.
+// Stores the source file (the build's path without its extension) and line of this thread's last error. A
+// null file changes nothing.
 void i4_set_file_line(const char* file, int line);
 // Null and 0 where this thread has stored nothing. The text stays valid until the thread stores another.
 void i4_get_file_line(const char*& file, int& line);

@@ -13,6 +13,7 @@
 
 struct i4_proxy_settings;
 
+// What is known about this machine by its own name. Owns its addresses.
 struct i4_host_info {
     i4_string name;  // the official one
     std::vector<i4_string> aliases;
@@ -59,6 +60,8 @@ class i4_protocol {
     std::unique_ptr<i4_proxy_settings> proxy_ GUARDED_BY(lock_);
 };
 
+// TCP and UDP over IPv4. Thread: any; lock_ is held while a connection through a proxy is begun.
+// Errors: null or false; nothing is printed.
 class i4_tcpip_protocol : public i4_protocol {
   public:
     explicit i4_tcpip_protocol(const i4_proxy_settings* settings) : i4_protocol(settings) {}

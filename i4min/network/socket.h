@@ -15,7 +15,7 @@ enum i4_socket_type : u32 {
     I4_STREAM = 1,
 };
 
-// Told of the progress of a long wait.
+// Receives the progress of a long wait, on the waiting thread.
 class i4_status_class {
   public:
     virtual bool update(f32 fraction) = 0;  // the part of the time that has gone; false gives up
@@ -70,7 +70,8 @@ class i4_socket : public i4_file {
 
 class i4_blocking_call;
 
-// An IPv4 socket. Owns its descriptor.
+// An IPv4 socket. Owns its descriptor. Thread: one at a time, except cancel(). lock_ guards the call that
+// cancel() has to wake. Errors: as i4_socket tells; error() for a socket that the system didn't give.
 class i4_tcpip_sock : public i4_socket {
   public:
     explicit i4_tcpip_sock(u32 type);         // a new one; see error()

@@ -56,7 +56,8 @@ class i4_socket_set {
     virtual void wake() = 0;
 };
 
-// The set on epoll: what a poll costs grows with the sockets that are ready, not with all.
+// The set on epoll: the cost of a poll grows with the sockets that are ready, not with all.
+// Thread: one, except wake(). Owns the epoll descriptor, and none of the sockets'.
 class linux_socket_set : public i4_socket_set {
   public:
     linux_socket_set();

@@ -9,7 +9,8 @@
 
 #include "i4min/memory/types.h"
 
-// Counts references from 0: the first owner calls addRef(). Thread: any; the count is atomic.
+// The base of counted objects. The count begins at 0; the object deletes itself with its last reference, so
+// it lies on the heap and is made by makeRef. Thread: any; the count is atomic.
 class RefCounter {
   public:
     RefCounter() = default;
@@ -27,8 +28,8 @@ class RefCounter {
     std::atomic<i32> count_{0};
 };
 
-// Holds one reference, or none. T needs to be complete only where the object is used, so that a queue can
-// carry references to classes that it doesn't know.
+// Owns one reference, or none. T needs to be complete only where the object is used, so that a queue can
+// carry references to classes that it doesn't know. Thread: one at a time, as any plain value.
 template <class T>
 class Ref {
   public:

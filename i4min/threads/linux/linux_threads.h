@@ -32,7 +32,9 @@ void i4_tls_set(u32 key, void* value);
 void* i4_tls_get(u32 key);
 void i4_tls_delete(u32 key);
 
-// A start-up object: constructing one enters it into the process's list, at the head.
+// A start-up object: its constructor enters it into the process's list, at the head. Normally a static
+// object.
+// Thread: the main thread.
 class i4_init_class {
   public:
     i4_init_class();
@@ -49,7 +51,7 @@ class i4_init_class {
     i4_init_class* next_;
 };
 
-// A start-up object that is also told of the main thread.
+// A start-up object that is also told when the main thread begins and ends. Thread: the main thread.
 class i4_thread_init_class : public i4_init_class {
   public:
     i4_thread_init_class();
