@@ -42,13 +42,12 @@ class Serializable {
 template <class T>
 bool Serializable::saveList(LLsafe<T>& list, i4_file& file, StreamForm form) {
     const i4_guard guard(list);
-    try {
-        bool whole = file.write_32(list.countUnsafe()) == 4;
+    const u32 count = list.countUnsafe();
+    return i4_attempt([&] {
+        bool whole = file.write_32(count) == 4;
         for (typename LL<T>::Cursor c; T* element = list.next(c);) {
             if (!saveElement(*element, file, form)) whole = false;
         }
         return whole;
-    } catch (const i4_err&) {
-        return false;
-    }
+    });
 }
