@@ -55,8 +55,6 @@ struct i4_directory_list {
 // told.
 u64 i4_disk_free(const char* path);
 inline constexpr u64 i4_disk_free_unknown = 0xFFFEFF0001;
-// Has the system write the directory's entries to the disk, where it can: what was renamed stays so.
-void i4_sync_folder(const char* path);
 // Makes each directory of the path that isn't there yet.
 [[nodiscard]] bool i4_make_path(const char* path);
 // "a/b.tar.gz" is "a", "b.tar" and "gz". A path without a separator leaves `dir` alone, one without a dot
