@@ -131,19 +131,13 @@ MD4Hash MD4Hash::read(i4_file& stream) {
 bool MD4Hash::write(i4_file& stream) const { return stream.writeAll(bytes); }
 
 std::string MD4Hash::toText() const {
-    char text[33];
-    toText(text);
-    return text;
-}
-
-void MD4Hash::toText(char (&out)[33]) const {
     static constexpr char digits[] = "0123456789abcdef";
-    char* to = out;
+    std::string text;
     for (const u8 byte : bytes) {
-        *to++ = digits[byte >> 4];
-        *to++ = digits[byte & 15];
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
     }
-    *to = '\0';
+    return text;
 }
 
 bool MD4Hash::fromText(const char* text) { return text && fromText(std::string_view(text)); }

@@ -45,7 +45,6 @@ struct MD4Hash {
 
     // 32 lower-case hexadecimal digits, two for each byte, in byte order.
     std::string toText() const;
-    void toText(char (&out)[33]) const;  // terminated
     // False, and the hash is as it was, unless the text is exactly 32 hexadecimal digits of either case.
     [[nodiscard]] bool fromText(const char* text);  // null is no hash
     [[nodiscard]] bool fromText(std::string_view text);

@@ -47,9 +47,6 @@ class SimSocket final : public i4_socket, private SimMember {
     i32 read(std::span<u8> to) override;
     i32 write(std::span<const u8> bytes) override;
     i32 write_more(std::span<const u8> bytes) override { return write(bytes); }
-    u32 seek(u32) override { return 0; }
-    u32 size() override { return 0; }
-    u32 tell() override { return 0; }
     bool accept(std::unique_ptr<i4_socket>& out) override;
     i32 read_from(std::span<u8> to, std::unique_ptr<i4_address>* out_address) override;
     i32 write_to(std::span<const u8> bytes, const i4_address& address) override;

@@ -20,9 +20,6 @@ constexpr std::size_t mostAtOnce = std::numeric_limits<i32>::max();  // bytes of
 
 }  // namespace
 
-u8* i4_file::map(u32, u32, u32) { return nullptr; }
-bool i4_file::unmap(u32, u32) { return false; }
-
 void i4_file::tell(i4_log::Tone tone, const char* format, ...) {
     if (!log_) return;
     char text[512];
@@ -147,9 +144,6 @@ u32 i4_ram_file_class::seek(u32 offset) {
     used_ = std::max(used_, position_);
     return position_;
 }
-
-u8* i4_ram_file_class::map(u32 offset, u32, u32) { return buffer_ + offset; }
-bool i4_ram_file_class::unmap(u32, u32) { return true; }
 
 std::unique_ptr<i4_ram_file_class> i4_ram_file_class::clone() {
     return std::make_unique<i4_ram_file_class>(*this);

@@ -22,12 +22,13 @@ class i4_file {
     // Bytes read, 0 at the end or when nothing is ready, negative on a failing system call.
     virtual i32 read(std::span<u8> to) = 0;
     virtual i32 write(std::span<const u8> bytes) = 0;
-    virtual u32 seek(u32 offset) = 0;  // absolute; returns the new offset
-    virtual u32 size() = 0;
-    virtual u32 tell() = 0;
+    // These three are 0 for a stream without positions, such as a socket.
+    virtual u32 seek(u32 /*offset*/) { return 0; }  // absolute; returns the new offset
+    virtual u32 size() { return 0; }
+    virtual u32 tell() { return 0; }
     // The stream's bytes in memory, null where it has none there.
-    virtual u8* map(u32 offset, u32 length, u32 flags);
-    virtual bool unmap(u32 offset, u32 length);
+    virtual u8* map(u32 /*offset*/, u32 /*length*/, u32 /*flags*/) { return nullptr; }
+    virtual bool unmap(u32 /*offset*/, u32 /*length*/) { return false; }
     virtual ~i4_file() = default;
     // How many bytes can still be read, if the stream knows. Parsers allocate no more than that, whatever a
     // format promises. Empty for sockets and the console.
@@ -107,8 +108,8 @@ class i4_ram_file_class : public i4_file {
     u32 seek(u32 offset) override;
     u32 size() override { return used_; }
     u32 tell() override { return position_; }
-    u8* map(u32 offset, u32 length, u32 flags) override;
-    bool unmap(u32 offset, u32 length) override;
+    u8* map(u32 offset, u32, u32) override { return buffer_ + offset; }
+    bool unmap(u32, u32) override { return true; }
     std::optional<u32> bytesLeft() override { return used_ - position_; }
     // A stream on the same block, standing where this one stands.
     virtual std::unique_ptr<i4_ram_file_class> clone();
@@ -148,9 +149,6 @@ class i4_debug_file_class : public i4_file {
   public:
     i32 read(std::span<u8> to) override;  // one item of that size from standard input: 1 on success
     i32 write(std::span<const u8> bytes) override;
-    u32 seek(u32) override { return 0; }
-    u32 size() override { return 0; }
-    u32 tell() override { return 0; }
 };
 
 enum i4_file_flags : u32 {

@@ -82,9 +82,6 @@ class i4_tcpip_sock : public i4_socket {
 
     i32 read(std::span<u8> to) override;
     i32 write(std::span<const u8> bytes) override;
-    u32 seek(u32) override { return 0; }
-    u32 size() override { return 0; }
-    u32 tell() override { return 0; }
 
     bool accept(std::unique_ptr<i4_socket>& out) override;
     i32 read_from(std::span<u8> to, std::unique_ptr<i4_address>* out_address) override;

@@ -39,9 +39,6 @@ class ScriptedSocket : public i4_socket {
     i32 write_more(std::span<const u8> bytes) override { return write(bytes); }
     bool atEnd() const override { return at_end_; }
 
-    u32 seek(u32) override { return 0; }
-    u32 size() override { return 0; }
-    u32 tell() override { return 0; }
     bool accept(std::unique_ptr<i4_socket>&) override { return false; }
     i32 read_from(std::span<u8>, std::unique_ptr<i4_address>*) override { return -1; }
     i32 write_to(std::span<const u8>, const i4_address&) override { return -1; }
