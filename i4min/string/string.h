@@ -26,9 +26,11 @@ class i4_string {
     // Reads `length` raw bytes with one read; anything less raises "read string error".
     i4_string(i4_file& stream, u32 length);
 
-    i4_string& operator=(const i4_string& other);
-    i4_string& operator=(i4_string&& other) noexcept;
-    i4_string& operator=(const char* text);
+    i4_string& operator=(i4_string other) noexcept {  // by value: it may be made of a piece of the old text
+        text_.swap(other.text_);
+        return *this;
+    }
+    i4_string& operator=(const char* text) { return *this = i4_string(text); }
     // A null argument does nothing; the value may start null.
     i4_string& operator+=(const char* text);
 
