@@ -64,7 +64,8 @@ class Sample {
         for (u64 start = 0; start <= fileSize; start += PARTSIZE) {
             record.partHashes.emplace_back();
             const u64 end = std::min<u64>(fileSize, start + PARTSIZE);
-            MD4Hash::compute(record.partHashes.back(), all, static_cast<u32>(start), static_cast<u32>(end));
+            static_cast<void>(MD4Hash::compute(record.partHashes.back(), all, static_cast<u32>(start),
+                                               static_cast<u32>(end)));
         }
         record.hash = MD4Hash::ofParts(record.partHashes);
         record.setName("sample");
@@ -74,7 +75,7 @@ class Sample {
             auto packet = std::make_unique<i4_owned_ram_file>();
             packet->write_32(start);
             packet->write_32(end);
-            packet->write(bytes.data() + start, end - start);
+            packet->write(std::span(bytes).subspan(start, end - start));
             packet->setUsed(packet->tell());
             packets.push_back(std::move(packet));
         }
@@ -94,7 +95,7 @@ f64 writePlain(const Sample& sample, const std::string& path) {
         const u32 from = packet->read_32();
         const u32 length = packet->read_32() - from;
         if (::pwrite(file, packet->here(), length, from) != static_cast<ssize_t>(length)) return 0;
-        digest.update(packet->here(), length);
+        digest.update({packet->here(), length});
     }
     benchmark::DoNotOptimize(digest.finish());
     ::close(file);
@@ -106,7 +107,7 @@ f64 writeAsDownload(Folder& folder, const Sample& sample) {
     std::vector<std::unique_ptr<i4_owned_ram_file>> packets;  // the download takes over their memory
     for (const auto& packet : sample.packets) {
         packets.push_back(std::make_unique<i4_owned_ram_file>());
-        packets.back()->write(packet->buffer(), packet->size());
+        packets.back()->write({packet->buffer(), packet->size()});
     }
     const f64 start = seconds();
     const Ref<Download> download = folder.makeDownload();

@@ -20,18 +20,18 @@
 
 namespace {
 
-std::vector<char> randomBytes(std::size_t count) {
-    std::vector<char> bytes(count);
+std::vector<u8> randomBytes(std::size_t count) {
+    std::vector<u8> bytes(count);
     std::mt19937 random(4);
-    for (char& byte : bytes) byte = static_cast<char>(random());
+    for (u8& byte : bytes) byte = static_cast<u8>(random());
     return bytes;
 }
 
 void digest(benchmark::State& state) {
-    const std::vector<char> bytes = randomBytes(static_cast<std::size_t>(state.range(0)));
+    const std::vector<u8> bytes = randomBytes(static_cast<std::size_t>(state.range(0)));
     for (auto _ : state) {
         MD4 md4;
-        md4.update(bytes.data(), bytes.size());
+        md4.update(bytes);
         benchmark::DoNotOptimize(md4.finish());
     }
     state.SetBytesProcessed(state.iterations() * state.range(0));
@@ -45,9 +45,10 @@ class Sample {
         : path_(std::filesystem::temp_directory_path() /
                 ("bench_hash." + std::to_string(std::random_device()()))) {
         std::ofstream file(path_, std::ios::binary);
-        const std::vector<char> bytes = randomBytes(1 << 20);
+        const std::vector<u8> bytes = randomBytes(1 << 20);
         for (; mebibytes > 0; --mebibytes)
-            file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+            file.write(reinterpret_cast<const char*>(bytes.data()),
+                       static_cast<std::streamsize>(bytes.size()));
     }
     ~Sample() {
         std::error_code ignored;

@@ -40,7 +40,7 @@ void tagRoundTrip(benchmark::State& state) {
     i4_owned_ram_file file;
     for (auto _ : state) {
         file.seek(0);
-        for (const auto& tag : tags) tag->toNetwork(file);
+        for (const auto& tag : tags) static_cast<void>(tag->toNetwork(file));
         file.seek(0);
         for (std::size_t i = 0; i < std::size(tags); ++i) benchmark::DoNotOptimize(MetaTag::readTag(file));
     }
@@ -112,7 +112,7 @@ void loadKnownMet(benchmark::State& state) {
     for (auto _ : state) {
         FileList list;
         const double before = allocatedMegabytes();
-        const double taken = secondsOf([&] { list.load(systemDisk(), known.path()); });
+        const double taken = secondsOf([&] { static_cast<void>(list.load(systemDisk(), known.path())); });
         megabytes = std::max(megabytes, allocatedMegabytes() - before);
         if (list.count() != knownFiles) state.SkipWithError("known.met didn't load");
         list.deleteAll();

@@ -79,7 +79,7 @@ void startWithKnownFiles(benchmark::State& state) {
     }
     for (auto _ : state) {
         HashedFiles files(own.engine.core);
-        files.knownFiles.load(systemDisk(), own.preferences.knownPath.c_str());
+        static_cast<void>(files.knownFiles.load(systemDisk(), own.preferences.knownPath.c_str()));
         HashThread thread(own.engine.core, silence, files);
         thread.hashDirs({directory.c_str()});
         files.published.wait(0);

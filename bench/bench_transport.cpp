@@ -70,9 +70,9 @@ void Mover::sendNext() {
 class MoverDoor : public DoorTask {
   public:
     using DoorTask::DoorTask;
-    Connection* newConnection(std::unique_ptr<i4_socket> socket) override {
-        auto* mover = new Mover(pool(), std::move(socket));
-        last = mover;
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> socket) override {
+        auto mover = makeRef<Mover>(pool(), std::move(socket));
+        last = mover.get();
         return mover;
     }
     std::atomic<Mover*> last{nullptr};

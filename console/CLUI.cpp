@@ -22,9 +22,8 @@ void CLUI::serverStats(u32 files, u32 users) {
 void CLUI::extending(const char* name) {
     printLine("%s %s", console_.engine().stringTable.get(STRINGS_EXTENDING_TO), name);
 }
-void CLUI::addResult(FileMeta* file) {
-    std::unique_ptr<FileMeta> owned(file);
-    if (!console_.results.isFull()) console_.results.add(owned.release());
+void CLUI::addResult(std::unique_ptr<FileMeta> file) {
+    if (!console_.results.isFull()) console_.results.add(file.release());
 }
 
 void CLUI::setResults(FileList* list, u8) {

@@ -39,7 +39,6 @@ const char* restOfLine(const char* line) {
 }
 
 Servant::Servant() : prompt("> "), input_(STDIN_FILENO) { consoleThread_.bind(); }
-Servant::~Servant() { deleteAll(*this); }
 
 void Servant::speakThrough(UIInterface& log, const StringTable& strings) {
     log_ = &log;
@@ -47,7 +46,7 @@ void Servant::speakThrough(UIInterface& log, const StringTable& strings) {
 }
 
 void Servant::addCommand(const char* name, ServantCommand::Handler handler) {
-    add(new ServantCommand{name, handler});
+    own(std::make_unique<ServantCommand>(ServantCommand{name, handler}));
 }
 
 void Servant::run() {

@@ -48,15 +48,13 @@ Tokens argumentsOf(char* line);
 // names with blanks. Null if there is none.
 const char* restOfLine(const char* line);
 
-// Reads lines, dispatches them to the commands and prints tables.
-// Thread: run(), confirm() and waitForQuit() on the console's thread, which constructs it; dispatch() and
-// quit() on any, concurrently.
-// Owns: its commands; the list is constant after construction.
-class Servant : public LL<ServantCommand> {
+// Owns its commands; the list of them is constant after construction.
+// Thread: run(), and what else waits for the user, on the console's thread, which is the one that made it;
+// dispatch() and quit() on any, also at the same time.
+class Servant : public OwnLL<ServantCommand> {
   public:
     Servant();
-    ~Servant() override;
-    // Sets where output goes. Call it before any command runs. Both must outlive the commands.
+    // What it prints goes to `log`, and no command runs before this. Both outlive the commands.
     void speakThrough(UIInterface& log, const StringTable& strings);
     UIInterface& log() const { return *log_; }
     virtual void unknownCommand(const char* line);

@@ -9,7 +9,7 @@ LineReader::LineReader(Disk& disk, const char* path, std::size_t limit) : limit_
 
 int LineReader::nextByte() {
     if (here_ == end_) {
-        const i32 got = stream_ ? stream_->read(buffer_.data(), static_cast<u32>(buffer_.size())) : 0;
+        const i32 got = stream_ ? stream_->read(buffer_) : 0;
         if (got <= 0) return -1;
         here_ = 0;
         end_ = static_cast<std::size_t>(got);

@@ -127,7 +127,7 @@ bool Preferences::readFile() {
     if (size == 0 || size > largestFile) return false;
     std::vector<u8> bytes(size);
     try {
-        file->readAll(bytes.data(), size);
+        file->readAll(bytes);
     } catch (const i4_err&) {
         return false;
     }
@@ -191,7 +191,7 @@ void Preferences::makeFirstRun() {
     const UserMeta nobody;
     self_->copyFrom(&nobody);
     self_->port = static_cast<u16>(doorPort);
-    random_.fill(self_->hash.bytes.data(), self_->hash.bytes.size());
+    random_.fill(self_->hash.bytes);
     self_->setName(randomName().c_str());
     self_->setInt(TAG_VERSION, protocolVersion);
     for (u8 place = 1; const Setting* row = setting::at(place, &Setting::firstRun); ++place)

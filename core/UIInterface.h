@@ -8,15 +8,14 @@
 
 #include "i4min/file/log.h"
 #include "i4min/memory/LLsafe.h"
+#include "i4min/memory/annotations.h"
 #include "i4min/memory/types.h"
 
 class Clock;
 
-#define PRINTF_LIKE __attribute__((format(printf, 2, 3)))
-
-// Prints text; by default on standard output. printLine() always adds a newline, so a text that ends in one
-// is followed by an empty line. Control characters except newline and tab are printed as '?'.
-// Thread: any, concurrently.
+// Prints text. Thread: any, at the same time. printLine adds a newline to whatever the text holds, so that a
+// text that ends in a newline leaves an empty line behind it. Control characters but newline and tab are
+// printed as '?'.
 class UIInterface : public i4_log {
   public:
     // The clock counts the minutes for mayComplain(). Without one, all time counts as one minute.
@@ -24,11 +23,12 @@ class UIInterface : public i4_log {
     UIInterface(const UIInterface&) = delete;
     UIInterface& operator=(const UIInterface&) = delete;
     virtual ~UIInterface();
-    void printLine(const char* format, ...) PRINTF_LIKE;
-    void print(const char* format, ...) PRINTF_LIKE;         // without newline
-    void printVerbose(const char* format, ...) PRINTF_LIKE;  // without newline; only in verbose mode
-    // Like print(): output is never held back.
-    void printFlush(const char* format, ...) PRINTF_LIKE;
+    void printLine(const char* format, ...) PRINTF_LIKE(2, 3);
+    void print(const char* format, ...) PRINTF_LIKE(2, 3);  // without newline
+    void printVerbose(const char* format, ...)
+        PRINTF_LIKE(2, 3);  // without newline, and only in verbose mode
+    // Without newline. Nothing is held back, so this is what print() does.
+    void printFlush(const char* format, ...) PRINTF_LIKE(2, 3);
 
     void tell(Tone tone, const char* text) override;
     virtual bool isVerbose() const { return verbose_.load(std::memory_order_relaxed); }
@@ -50,7 +50,7 @@ class UIInterface : public i4_log {
     // What the four functions above print and which of them was called. printVerbose() calls it in verbose
     // mode only.
     enum class Text { line, plain, verbose, flush };
-    virtual void say(Text kind, const char* format, va_list list);
+    virtual void say(Text kind, const char* format, va_list list) PRINTF_LIKE(3, 0);
 
   private:
     struct Budget {

@@ -40,8 +40,7 @@ bool Collection::read(i4_file& file) {
 
 std::string Collection::save(Disk& disk, const char* path) {
     return saveFile(disk, path, [this](i4_file& file) {
-        if (file.write(collectionMagic.data(), collectionMagic.size()) != i32{collectionMagic.size()})
-            return false;
+        if (!file.writeAll(collectionMagic)) return false;
         try {
             return self.toDisk(file) && toDisk(file);
         } catch (const i4_err&) {

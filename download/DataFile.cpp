@@ -61,7 +61,7 @@ void DataFile::writeUpTo(u64 stop) {
     start_ = stop;
     // Of the last piece, some may lie behind.
     Piece& last = waiting_[count - 1];
-    const u32 taken = static_cast<u32>(pieces[count - 1].length);
+    const u32 taken = static_cast<u32>(pieces[count - 1].size());
     if (taken < last.length) {
         last = {{last.bytes, last.bytes.get() + taken}, last.length - taken};
         --count;

@@ -26,7 +26,7 @@ bool copyBytes(i4_disk_file& from, i4_disk_file& to, const GiveUp& giveUp) {
     std::vector<u8> block(copyBlock);
     for (u64 at = 0;;) {
         if (giveUp && giveUp()) return false;
-        const i64 got = from.readAt(at, block.data(), block.size());
+        const i64 got = from.readAt(at, block);
         if (got == 0) return true;
         if (got < 0) return false;
         const i4_piece piece{block.data(), static_cast<std::size_t>(got)};

@@ -281,7 +281,7 @@ PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
     writeFile_.flushRange(start, end);
     readFile_->seek(start);
     try {
-        readFile_->readAll(buffer, end - start);
+        readFile_->readAll({buffer, end - start});
     } catch (const i4_err&) {
         return Read::unavailable;
     }

@@ -73,9 +73,10 @@ void ClientApp::startWorkers() {
 void ClientApp::listen(const i4_proxy_settings* proxy, i32 timeoutMs) {
     needs_.core.host.network.setProxy(proxy);
     if (proxy && proxy->inForce()) return;
-    if (!door_)
-        door_ = Ref<PeerDoor>(
-            new PeerDoor(socketPool, needs_.peers, static_cast<u16>(needs_.core.preferences.doorPort.get())));
+    if (!door_) {
+        door_ = makeRef<PeerDoor>(socketPool, needs_.peers,
+                                  static_cast<u16>(needs_.core.preferences.doorPort.get()));
+    }
     door_->listen(timeoutMs);
 }
 

@@ -73,9 +73,9 @@ class ClientApp {
     void findCollections(FileList& out);  // copies the shared files of type "Col"
 
     void startSearch(Ref<Search> search);
-    bool extendSearch();                         // false if there was no search yet
-    void gotResult(FileMeta* file);              // ownership passes
-    void gotResults(FileList* list, bool more);  // ownership passes, including the records
+    bool extendSearch();  // false where there was no search yet
+    void gotResult(std::unique_ptr<FileMeta> file);
+    void gotResults(FileList* list, bool more);  // ownership passes, of the records too
 
     // Connects to a user, or finds the connection. Sets `out` to it if the result is peerThere.
     ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out);

@@ -89,12 +89,8 @@ bool ClientApp::extendSearch() {
     return true;
 }
 
-void ClientApp::gotResult(FileMeta* file) {
-    if (filter_->matches(*file)) {
-        delete file;
-    } else {
-        needs_.ui.addResult(file);
-    }
+void ClientApp::gotResult(std::unique_ptr<FileMeta> file) {
+    if (!filter_->matches(*file)) needs_.ui.addResult(std::move(file));
 }
 
 void ClientApp::gotResults(FileList* list, bool more) {
@@ -125,8 +121,7 @@ ConnectResult ClientApp::connectToUser(const UserMeta& user, Ref<Peer>& out) {
     }
     // 0xFFFFFF counts as an address here, but as a low ID in isSelf().
     if (user.id >= highestLowId) {
-        needs_.transport.connects.connect(
-            Ref<Connection>(new Peer(socketPool, needs_.peers, user.id, user.port)));
+        needs_.transport.connects.connect(makeRef<Peer>(socketPool, needs_.peers, user.id, user.port));
         return ConnectResult::connecting;
     }
     if (needs_.core.preferences.clientId() < highestLowId) return ConnectResult::neitherReachable;

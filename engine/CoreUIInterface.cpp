@@ -7,7 +7,7 @@ void CoreUIInterface::connected(const char*) {}
 void CoreUIInterface::disconnected() {}
 void CoreUIInterface::serverStats(u32, u32) {}
 void CoreUIInterface::extending(const char*) {}
-void CoreUIInterface::addResult(FileMeta* file) { delete file; }
+void CoreUIInterface::addResult(std::unique_ptr<FileMeta>) {}
 
 void CoreUIInterface::setResults(FileList* list, u8) { const OwnedList<FileList> owned(list); }
 void CoreUIInterface::gotUserList(UserList* list) { const OwnedList<UserList> owned(list); }

@@ -1,13 +1,15 @@
 // CoreUIInterface: the user interface of an engine.
 #pragma once
 
+#include <memory>
+
 #include "core/UIInterface.h"
 #include "download/DownloadNeeds.h"
+#include "meta/FileMeta.h"
 #include "peer/PeerNeeds.h"
 #include "server/ServerNeeds.h"
 
 class FileList;
-class FileMeta;
 class UserList;
 
 // Receives the events of all modules; by default it ignores them. An implementation that keeps a counted
@@ -20,9 +22,9 @@ class CoreUIInterface : public UIInterface, public ServerUI, public PeerUI, publ
     void disconnected() override;
     void serverStats(u32 files, u32 users) override;
     void extending(const char* name) override;
-    // These three pass ownership of the record, or of the list and its records. By default they are
-    // destroyed.
-    virtual void addResult(FileMeta* file);
+    // With these three, the record, or the list and its records, become the interface's own: by default it
+    // destroys them.
+    virtual void addResult(std::unique_ptr<FileMeta> file);
     virtual void setResults(FileList* list, u8 more);
     virtual void gotUserList(UserList* list);
     void downloadAdded(Download* download) override;

@@ -41,7 +41,7 @@ void Engine::callbackFailed(u32 serverIp, u32 clientId) {
     uploadPool.callbackFailed(serverIp, clientId);
 }
 
-void Engine::gotResult(FileMeta* file) { clientApp.gotResult(file); }
+void Engine::gotResult(std::unique_ptr<FileMeta> file) { clientApp.gotResult(std::move(file)); }
 void Engine::gotResults(FileList* list, bool more) { clientApp.gotResults(list, more); }
 void Engine::gotUserList(UserList* list) { ui.gotUserList(list); }
 
@@ -135,7 +135,8 @@ bool Engine::find(const MD4Hash& hash, SharedFile& out) {
 }
 
 u32 Engine::listBytes() { return clientApp.shared.byteSize(); }
-void Engine::writeList(i4_file& stream) { clientApp.shared.toNetwork(stream); }
+// A record that can't be written is reported by the list.
+void Engine::writeList(i4_file& stream) { static_cast<void>(clientApp.shared.toNetwork(stream)); }
 
 void Engine::partsDone(const MD4Hash& hash, BoolArray& out) {
     if (const Ref<Download> download = dlPool.find(hash)) download->partialRef()->copyPartsDone(out);

@@ -77,7 +77,7 @@ class Engine final : private MessageDuties,
     void foundSource(const MD4Hash& file, const UserMeta& user) override;
     void callbackAsked(const UserMeta& user) override;
     void callbackFailed(u32 serverIp, u32 clientId) override;
-    void gotResult(FileMeta* file) override;
+    void gotResult(std::unique_ptr<FileMeta> file) override;
     void gotResults(FileList* list, bool more) override;
     void gotUserList(UserList* list) override;
 

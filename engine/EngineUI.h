@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <utility>
 
 #include "engine/CoreUIInterface.h"
 
@@ -22,7 +23,7 @@ class EngineUI final : public CoreUIInterface {
     void disconnected() override { target().disconnected(); }
     void serverStats(u32 files, u32 users) override { target().serverStats(files, users); }
     void extending(const char* name) override { target().extending(name); }
-    void addResult(FileMeta* file) override { target().addResult(file); }
+    void addResult(std::unique_ptr<FileMeta> file) override { target().addResult(std::move(file)); }
     void setResults(FileList* list, u8 more) override { target().setResults(list, more); }
     void gotUserList(UserList* list) override { target().gotUserList(list); }
     void downloadAdded(Download* download) override { target().downloadAdded(download); }

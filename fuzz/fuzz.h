@@ -76,7 +76,7 @@ class Fuzzed : public Base {
   private:
     bool hear(const std::string& body) {
         i4_owned_ram_file stream;
-        stream.write(body.data(), static_cast<u32>(body.size()));
+        stream.write(i4_bytes(body));
         stream.seek(0);
         try {
             const u8 opcode = stream.read_8();

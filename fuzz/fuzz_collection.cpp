@@ -11,8 +11,7 @@ FUZZ_TARGET(collection) {
     const bool whole = collection.read(file);
     if (whole) {
         i4_owned_ram_file copy;
-        collection.self.toDisk(copy);
-        collection.toDisk(copy);
+        require(collection.self.toDisk(copy) && collection.toDisk(copy));
     }
     file.seek(0);
     FileMeta meta;

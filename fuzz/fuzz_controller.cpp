@@ -57,7 +57,7 @@ FUZZ_TARGET(controller) {
     own.dlPool.add(*makeFile("wanted.bin", 20'000'000, 0xBB));
     const Ref<FuzzedController> controller(new FuzzedController(ui));
     controller->hearAll(data, size, [&] {
-        ui.addResult(makeFile("found.bin", 20'000'000, 0xCC).release());
+        ui.addResult(makeFile("found.bin", 20'000'000, 0xCC));
         controller->sendStatus();
     });
     controller->end();

@@ -47,6 +47,6 @@ FUZZ_TARGET(proxy) {
     require(tunnel.state() >= i4_proxy_sock::gotIncoming);
     std::uint8_t byte = 0;
     const bool open = tunnel.state() == i4_proxy_sock::connected;
-    require(tunnel.read(&byte, 1) == 0 || open);
+    require(tunnel.read({&byte, 1}) == 0 || open);
     ::close(ends[1]);
 }

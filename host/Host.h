@@ -1,4 +1,4 @@
-// Host, what the engine asks of the machine that it runs on: the real one, or a simulated one.
+// Host, the machine that an engine runs on: the real one, or a simulated one.
 #pragma once
 
 #include "i4min/file/Disk.h"
@@ -8,7 +8,8 @@
 
 class i4_protocol;
 
-// Outlives whoever got it.
+// The services that an engine gets from its machine. Owns none of them: they and this struct outlive the
+// engine. Thread: any, as each service tells.
 struct Host {
     Clock& clock;
     Scheduler& scheduler;

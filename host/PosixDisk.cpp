@@ -21,20 +21,21 @@ constexpr mode_t everybody = 0666;  // less the umask
 constexpr mode_t ownerAlone = 0600;
 constexpr std::string_view openFiles = "/proc/self/fd/";
 
+// An open file of the system. Owns its descriptor. Errors: a result below 0 or false, the reason in errno.
 class PosixFile final : public i4_disk_file {
   public:
     explicit PosixFile(int descriptor) : stream_(descriptor) {}
 
-    i32 read(void* buffer, u32 count) override { return stream_.read(buffer, count); }
-    i32 write(const void* buffer, u32 count) override { return stream_.write(buffer, count); }
+    i32 read(std::span<u8> to) override { return stream_.read(to); }
+    i32 write(std::span<const u8> bytes) override { return stream_.write(bytes); }
     u32 seek(u32 offset) override { return stream_.seek(offset); }
     u32 size() override { return stream_.size(); }
     u32 tell() override { return stream_.tell(); }
     std::optional<u32> bytesLeft() override { return stream_.bytesLeft(); }
 
-    i64 readAt(u64 at, void* to, std::size_t count) override {
+    i64 readAt(u64 at, std::span<u8> to) override {
         ssize_t got = -1;
-        do got = ::pread(stream_.descriptor(), to, count, static_cast<off_t>(at));
+        do got = ::pread(stream_.descriptor(), to.data(), to.size(), static_cast<off_t>(at));
         while (got < 0 && errno == EINTR);
         return got;
     }
@@ -46,8 +47,8 @@ class PosixFile final : public i4_disk_file {
             i64 wanted = 0;
             for (; count < mostPieces && first + count < pieces.size(); ++count) {
                 const i4_piece& piece = pieces[first + count];
-                vectors[count] = {const_cast<void*>(piece.bytes), piece.length};
-                wanted += static_cast<i64>(piece.length);
+                vectors[count] = {const_cast<u8*>(piece.data()), piece.size()};
+                wanted += static_cast<i64>(piece.size());
             }
             ssize_t written = -1;
             do {

@@ -1,8 +1,10 @@
-// PosixDisk, the system's file systems.
+// PosixDisk, the file systems of the operating system.
 #pragma once
 
 #include "i4min/file/Disk.h"
 
+// Passes each call to the system and holds no state of its own. Thread: any.
+// Errors: false or null, with the reason in errno.
 class PosixDisk final : public Disk {
   public:
     std::unique_ptr<i4_disk_file> open(const char* path, u32 flags) override;

@@ -1,17 +1,19 @@
 #include "host/PosixHost.h"
 
-#include <pthread.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
+#include <thread>
 
 #include "i4min/memory/error.h"
 #include "i4min/network/socket_set.h"
@@ -35,6 +37,9 @@ void yieldToOthers() {
     ::syscall(SYS_ioprio_set, ofProcess, static_cast<int>(self), idleClass);
 }
 
+// A thread of the system that turns one Thread object. stop() joins it, or detaches it when it is called on
+// that thread itself. A resting loop waits in the poll of its socket set if it has one, otherwise on
+// changed_.
 class PosixLoop final : public Loop {
   public:
     explicit PosixLoop(Thread& thread) : thread_(thread) {}
@@ -45,16 +50,14 @@ class PosixLoop final : public Loop {
             std::lock_guard<std::mutex> lock(mutex_);
             woken_ = false;
         }
-        joinable_ = i4_start_thread(pthread_, enter, this);
-        return joinable_;
+        return i4_start_thread(system_, [this] { turnUntilTheEnd(); });
     }
     void stop() override {
-        if (!joinable_) return;
-        joinable_ = false;
-        if (::pthread_equal(pthread_, ::pthread_self())) {
-            ::pthread_detach(pthread_);
+        if (!system_.joinable()) return;
+        if (system_.get_id() == std::this_thread::get_id()) {
+            system_.detach();
         } else {
-            ::pthread_join(pthread_, nullptr);
+            system_.join();
         }
     }
     void wake() override {
@@ -67,10 +70,6 @@ class PosixLoop final : public Loop {
     }
 
   private:
-    static void* enter(void* self) {
-        static_cast<PosixLoop*>(self)->turnUntilTheEnd();
-        return nullptr;
-    }
     void turnUntilTheEnd() {
         if (thread_.isBackground()) yieldToOthers();
         Rest rest = Rest::none();
@@ -106,9 +105,8 @@ class PosixLoop final : public Loop {
     Thread& thread_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool woken_ = false;     // guarded by mutex_
-    bool joinable_ = false;  // of start() and stop()
-    pthread_t pthread_{};
+    bool woken_ = false;  // guarded by mutex_
+    std::thread system_;  // of start() and stop()
 };
 
 }  // namespace
@@ -121,17 +119,16 @@ Moment PosixClock::now() const {
 u32 PosixClock::fileTime() const { return static_cast<u32>(std::time(nullptr)); }
 
 u32 PosixRandom::next() {
-    u32 value = 0;
-    fill(&value, sizeof value);
-    return value;
+    std::array<u8, sizeof(u32)> bytes{};
+    fill(bytes);
+    return std::bit_cast<u32>(bytes);
 }
 
-void PosixRandom::fill(void* out, std::size_t count) {
-    auto* bytes = static_cast<u8*>(out);
-    for (std::size_t done = 0; done < count;) {
-        const ssize_t got = ::getrandom(bytes + done, count - done, 0);
+void PosixRandom::fill(std::span<u8> out) {
+    while (!out.empty()) {
+        const ssize_t got = ::getrandom(out.data(), out.size(), 0);
         if (got > 0) {
-            done += static_cast<std::size_t>(got);
+            out = out.subspan(static_cast<std::size_t>(got));
         } else if (errno != EINTR) {
             i4_error()("The system gives no random bytes: no identity can be made");
             return;

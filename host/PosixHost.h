@@ -5,25 +5,29 @@
 #include "host/PosixDisk.h"
 #include "i4min/network/protocol.h"
 
+// The system's monotonic clock and its wall clock. Thread: any.
 class PosixClock final : public Clock {
   public:
     Moment now() const override;
     u32 fileTime() const override;
 };
 
+// The kernel's random numbers. Thread: any.
 class PosixRandom final : public Random {
   public:
     u32 next() override;
     // Raises where the system gives no random bytes.
-    void fill(void* out, std::size_t count) override;
+    void fill(std::span<u8> out) override;
 };
 
-// Each loop is a thread of the system.
+// Runs each loop on a thread of the system that is its own. Thread: any.
+// Errors: Loop::start() returns false, after a warning, when the system has no thread left.
 class PosixScheduler final : public Scheduler {
   public:
     std::unique_ptr<Loop> makeLoop(Thread& thread) override;
 };
 
+// Owns the services of the real machine. Outlives every engine that uses `host`.
 class PosixHost {
   public:
     PosixClock clock;

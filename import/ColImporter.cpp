@@ -15,7 +15,7 @@ constexpr u32 maxRecord = 256 * 1024;
 
 bool ColImporter::import(FileMeta& meta, const char*, i4_file& file) const {
     std::array<u8, collectionMagic.size()> start{};
-    file.readAll(start.data(), start.size());
+    file.readAll(start);
     if (start != collectionMagic) return false;
     std::vector<u8> block = readBlock(file, maxRecord);
     i4_ram_file_class stream(block.data(), static_cast<u32>(block.size()), 0);

@@ -37,11 +37,11 @@ std::vector<u8> readBlock(i4_file& file, u32 limit) {
     } catch (const std::bad_alloc&) {
         return {};
     }
-    u32 done = 0;
+    std::size_t done = 0;
     while (done < bytes.size()) {
-        const i32 got = file.read(bytes.data() + done, static_cast<u32>(bytes.size()) - done);
+        const i32 got = file.read(std::span(bytes).subspan(done));
         if (got <= 0) break;
-        done += static_cast<u32>(got);
+        done += static_cast<std::size_t>(got);
     }
     bytes.resize(done);
     return bytes;

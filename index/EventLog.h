@@ -3,6 +3,8 @@
 
 #include <cstdarg>
 
+#include "i4min/memory/annotations.h"
+
 // Thread: one.
 class EventLog {
   public:
@@ -12,16 +14,16 @@ class EventLog {
     virtual ~EventLog() = default;
 
     // The start, the end, and what the operator has to act on: always told.
-    void always(const char* format, ...) __attribute__((format(printf, 2, 3)));
-    void info(const char* format, ...) __attribute__((format(printf, 2, 3)));
-    void debug(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    void always(const char* format, ...) PRINTF_LIKE(2, 3);
+    void info(const char* format, ...) PRINTF_LIKE(2, 3);
+    void debug(const char* format, ...) PRINTF_LIKE(2, 3);
 
   protected:
     // A line without its newline. Control characters in it are strangers' and become question marks.
     virtual void write(const char* line);
 
   private:
-    void tell(const char* format, va_list list);
+    void tell(const char* format, va_list list) PRINTF_LIKE(2, 0);
 
     const Level level_;
 };

@@ -33,9 +33,9 @@ u32 packetLimit(const IndexSession& session, const IndexLimits& limits) {
 }
 
 u64 seedFrom(Random& random) {
-    u64 seed = 0;
-    random.fill(&seed, sizeof seed);
-    return seed;
+    std::array<u8, sizeof(u64)> bytes{};
+    random.fill(bytes);
+    return std::bit_cast<u64>(bytes);
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ Rest IndexServer::run() {
 void IndexServer::handleReady() {
     std::vector<std::pair<Watched, u32>> reports;
     for (const i4_ready& one : set_->readyOnes()) {
-        reports.emplace_back(*static_cast<const Watched*>(one.owner), one.mask);
+        reports.emplace_back(static_cast<const Watched&>(*one.owner), one.mask);
     }
     for (const auto& [watched, mask] : reports) handle(watched, mask);
 }
@@ -189,7 +189,7 @@ void IndexServer::acceptAll() {
         IndexSession* session = service_.opened(fromAddress(socket->remote_address()),
                                                 fromAddress(socket->local_address()), now_, refusal);
         if (!session) {
-            socket->write(refusal.data(), static_cast<u32>(refusal.size()));
+            socket->write(refusal);
             continue;
         }
         socket->keepAlive();
@@ -203,7 +203,7 @@ void IndexServer::acceptAll() {
 }
 
 void IndexServer::readClient(Connection& connection) {
-    const i32 count = connection.socket->read(scratch_.data(), static_cast<u32>(scratch_.size()));
+    const i32 count = connection.socket->read(scratch_);
     if (count == 0 && !connection.socket->atEnd()) return;
     if (count <= 0) return close(connection.session->number);
     connection.in.feed({scratch_.data(), static_cast<std::size_t>(count)});
@@ -224,8 +224,7 @@ void IndexServer::handOn(Connection& connection) {
 bool IndexServer::flush(Connection& connection) {
     IndexSession& session = *connection.session;
     while (session.hasOutput()) {
-        const i32 count = connection.socket->write(session.output.data() + session.sent,
-                                                   static_cast<u32>(session.output.size() - session.sent));
+        const i32 count = connection.socket->write(std::span(session.output).subspan(session.sent));
         if (count < 0) return false;
         if (count == 0) return true;
         session.sent += static_cast<std::size_t>(count);
@@ -320,7 +319,7 @@ void IndexServer::endDoorTest(ClientNumber number, bool reachable) {
 void IndexServer::readDatagrams() {
     for (int i = 0; i < datagramsAtOnce; ++i) {
         std::unique_ptr<i4_address> from;
-        const i32 count = datagrams_->read_from(scratch_.data(), static_cast<u32>(scratch_.size()), &from);
+        const i32 count = datagrams_->read_from(scratch_, &from);
         if (count < 0) return;
         if (count == 0) continue;
         service_.datagram(fromAddress(from), {scratch_.data(), static_cast<std::size_t>(count)}, now_);
@@ -328,5 +327,5 @@ void IndexServer::readDatagrams() {
 }
 
 void IndexServer::sendDatagram(const NetAddress& to, ByteSpan bytes) {
-    datagrams_->write_to(bytes.data(), static_cast<u32>(bytes.size()), toAddress(to));
+    datagrams_->write_to(bytes, toAddress(to));
 }

@@ -33,7 +33,8 @@ class IndexServer : public Thread, private IndexNetwork {
   private:
     enum class Kind : u32 { door, datagrams, client, doorTest };
     // What the set's reports are about.
-    struct Watched {
+    struct Watched : i4_set_owner {
+        explicit Watched(Kind what) : kind(what) {}
         Kind kind;
         ClientNumber number = 0;
     };

@@ -50,9 +50,7 @@ bool BoolArray::operator==(const BoolArray& other) const {
 }
 
 bool BoolArray::write(i4_file& file) const {
-    if (file.write_16(static_cast<u16>(size_)) != 2) return false;
-    const auto length = static_cast<u32>(bits_.size());
-    return length == 0 || file.write(bits_.data(), length) == static_cast<i32>(length);
+    return file.write_16(static_cast<u16>(size_)) == 2 && file.writeAll(bits_);
 }
 
 void BoolArray::read(i4_file& file) {
@@ -63,7 +61,7 @@ void BoolArray::read(i4_file& file) {
     const auto length = static_cast<u32>(size / 8 + 1);
     file.expect(length);
     bits.resize(length);
-    file.readAll(bits.data(), length);
+    file.readAll(bits);
     size_ = size;
     bits_ = std::move(bits);
 }

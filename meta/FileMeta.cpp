@@ -13,13 +13,12 @@ bool FileMeta::toNetwork(i4_file& file) const {
 }
 
 bool FileMeta::fromNetwork(i4_file& file) {
-    const bool read = i4_attempt([&] {
+    return i4_attempt([&] {
         hash = MD4Hash::read(file);
         file.read_32();
         file.read_16();
-        return true;
+        return Meta::fromNetwork(file);
     });
-    return read && Meta::fromNetwork(file);
 }
 
 bool FileMeta::toDisk(i4_file& file) {
@@ -27,13 +26,12 @@ bool FileMeta::toDisk(i4_file& file) {
 }
 
 bool FileMeta::fromDisk(i4_file& file) {
-    const bool read = i4_attempt([&] {
+    return i4_attempt([&] {
         date = file.read_32();
         hash = MD4Hash::read(file);
         readPartHashes(file);
-        return true;
+        return Meta::fromDisk(file);
     });
-    return read && Meta::fromDisk(file);
 }
 
 void FileMeta::copyFrom(const Meta* other) {

@@ -7,7 +7,7 @@
 #include "meta/MD4Hash.h"
 #include "meta/Meta.h"
 
-// A record with the tags TAG_NAME and TAG_SIZE. Thread: see Meta.
+// A record of a file, with the tags TAG_NAME and TAG_SIZE. Thread, ownership and errors: see Meta.
 //
 //     bytes    disk form                      bytes  network form
 //     4        date, u32                      16     hash
@@ -21,10 +21,10 @@ class FileMeta : public Meta {
     // A record with copies of the other's tags, and nothing else of it.
     static std::unique_ptr<FileMeta> withTagsOf(const Meta& other);
 
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override { return Meta::byteSize() + 22; }
     // The tags, and of another FileMeta path and hash; its part hashes go behind those that are here. The
     // date stays.
@@ -38,7 +38,7 @@ class FileMeta : public Meta {
                  const char* name) const;  // exactly; false for a record without a name
 
     // u16 count and the hashes.
-    bool writePartHashes(i4_file& file) const;
+    [[nodiscard]] bool writePartHashes(i4_file& file) const;
     void readPartHashes(i4_file& file);  // instead of what was here; raises on a short stream
     u32 partHashesSize() const { return static_cast<u32>(2 + 16 * partHashes.size()); }
 

@@ -4,6 +4,8 @@
 #include <cassert>
 #include <cstring>
 
+#include "i4min/memory/bytes.h"
+
 namespace {
 
 // A word of one digest is a u32. Several digests go side by side in vectors, with a lane for each of them.
@@ -154,22 +156,18 @@ void MD4::updateEach(std::span<MD4> digests, const u8* bytes, std::size_t count,
     }
 }
 
-void MD4::update(const void* bytes, std::size_t count) {
-    const auto* from = static_cast<const u8*>(bytes);
+void MD4::update(std::span<const u8> bytes) {
     const std::size_t waiting = taken_ % blockSize;
-    taken_ += count;
+    taken_ += bytes.size();
     if (waiting > 0) {
-        const std::size_t added = std::min(count, blockSize - waiting);
-        if (added > 0) std::memcpy(block_.data() + waiting, from, added);
-        if (waiting + added < blockSize) return;
+        const auto added = bytes.first(std::min(bytes.size(), blockSize - waiting));
+        std::ranges::copy(added, block_.begin() + waiting);
+        if (waiting + added.size() < blockSize) return;
         takeBlocks(block_.data(), 1);
-        from += added;
-        count -= added;
+        bytes = bytes.subspan(added.size());
     }
-    takeBlocks(from, count / blockSize);
-    if (const std::size_t rest = count % blockSize; rest > 0) {
-        std::memcpy(block_.data(), from + (count - rest), rest);
-    }
+    takeBlocks(bytes.data(), bytes.size() / blockSize);
+    std::ranges::copy(bytes.last(bytes.size() % blockSize), block_.begin());
 }
 
 MD4Hash MD4::finish() {
@@ -177,10 +175,10 @@ MD4Hash MD4::finish() {
     static constexpr std::array<u8, blockSize> padding{0x80};
     const std::size_t waiting = taken_ % blockSize;
     const std::size_t lengthAt = blockSize - sizeof bits;
-    update(padding.data(), waiting < lengthAt ? lengthAt - waiting : blockSize + lengthAt - waiting);
+    update(std::span(padding).first((waiting < lengthAt ? 0 : blockSize) + lengthAt - waiting));
     u8 length[sizeof bits];
     for (std::size_t i = 0; i < sizeof bits; ++i) length[i] = static_cast<u8>(bits >> 8 * i);
-    update(length, sizeof length);
+    update(length);
 
     MD4Hash hash;
     for (std::size_t i = 0; i < hash.bytes.size(); ++i) {
@@ -192,6 +190,6 @@ MD4Hash MD4::finish() {
 
 MD4Hash MD4::of(std::string_view bytes) {
     MD4 digest;
-    digest.update(bytes.data(), bytes.size());
+    digest.update(i4_bytes(bytes));
     return digest.finish();
 }

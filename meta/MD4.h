@@ -14,7 +14,7 @@ class MD4 {
   public:
     static constexpr std::size_t blockSize = 64;  // bytes are taken in blocks
 
-    void update(const void* bytes, std::size_t count);
+    void update(std::span<const u8> bytes);
     // The digest of all that was given. The object is then fresh again.
     MD4Hash finish();
 

@@ -71,7 +71,7 @@ HashOutcome FileHasher::hashOne() {
         u32 got = 0;
         const HashOutcome outcome = read(done_, piece_.get(), std::min(pieceSize, PARTSIZE - taken), got);
         if (outcome != HashOutcome::whole) return outcome;
-        digest.update(piece_.get(), got);
+        digest.update({piece_.get(), got});
         taken += got;
         done_ += got;
         ended_ = got == 0;
@@ -106,7 +106,7 @@ HashOutcome FileHasher::hashEach(std::size_t count) {
 
 // Reads up to `length` bytes; `got` is 0 at the end.
 HashOutcome FileHasher::read(u64 at, u8* to, u32 length, u32& got) const {
-    const i64 result = file_.readAt(at, to, length);
+    const i64 result = file_.readAt(at, {to, length});
     if (result < 0) return HashOutcome::unreadable;
     got = static_cast<u32>(result);
     return HashOutcome::whole;
@@ -124,28 +124,20 @@ bool FileHasher::isCached(std::size_t count) const {
 
 MD4Hash MD4Hash::read(i4_file& stream) {
     MD4Hash hash;
-    stream.readAll(hash.bytes.data(), streamSize);
+    stream.readAll(hash.bytes);
     return hash;
 }
 
-bool MD4Hash::write(i4_file& stream) const {
-    return stream.write(bytes.data(), streamSize) == static_cast<i32>(streamSize);
-}
+bool MD4Hash::write(i4_file& stream) const { return stream.writeAll(bytes); }
 
 std::string MD4Hash::toText() const {
-    char text[33];
-    toText(text);
-    return text;
-}
-
-void MD4Hash::toText(char (&out)[33]) const {
     static constexpr char digits[] = "0123456789abcdef";
-    char* to = out;
+    std::string text;
     for (const u8 byte : bytes) {
-        *to++ = digits[byte >> 4];
-        *to++ = digits[byte & 15];
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
     }
-    *to = '\0';
+    return text;
 }
 
 bool MD4Hash::fromText(const char* text) { return text && fromText(std::string_view(text)); }
@@ -174,8 +166,8 @@ bool MD4Hash::compute(MD4Hash& out, i4_file& stream, u32 start, u32 end) {
     MD4 digest;
     for (u32 left = end - start; left > 0;) {
         const u32 wanted = std::min(left, length);
-        if (stream.read(piece.get(), wanted) != static_cast<i32>(wanted)) return false;
-        digest.update(piece.get(), wanted);
+        if (stream.read({piece.get(), wanted}) != static_cast<i32>(wanted)) return false;
+        digest.update({piece.get(), wanted});
         left -= wanted;
     }
     out = digest.finish();
@@ -184,7 +176,7 @@ bool MD4Hash::compute(MD4Hash& out, i4_file& stream, u32 start, u32 end) {
 
 MD4Hash MD4Hash::ofParts(const std::vector<MD4Hash>& parts) {
     MD4 digest;
-    for (const MD4Hash& part : parts) digest.update(part.bytes.data(), part.bytes.size());
+    for (const MD4Hash& part : parts) digest.update(part.bytes);
     return digest.finish();
 }
 

@@ -30,8 +30,8 @@ enum class HashOutcome {
 // Asked between reads, some thousand times for a gigabyte: true ends the hashing. Empty never does.
 using GiveUp = std::function<bool()>;
 
-// A digest. All zero means that it isn't known. Copied bytewise; a plain value. The functions that compute
-// one keep their state to themselves. Thread: any, at the same time.
+// A digest; all zero means unknown. A plain value. The static functions that compute one share no state.
+// Thread: any, at the same time.
 struct MD4Hash {
     std::array<u8, 16> bytes{};
 
@@ -45,14 +45,13 @@ struct MD4Hash {
 
     // 32 lower-case hexadecimal digits, two for each byte, in byte order.
     std::string toText() const;
-    void toText(char (&out)[33]) const;  // terminated
     // False, and the hash is as it was, unless the text is exactly 32 hexadecimal digits of either case.
-    bool fromText(const char* text);  // null is no hash
-    bool fromText(std::string_view text);
+    [[nodiscard]] bool fromText(const char* text);  // null is no hash
+    [[nodiscard]] bool fromText(std::string_view text);
 
     // The MD4 of the bytes from `start` up to but not including `end`. False if the stream can't seek there
     // or ends before, or if `end` is below `start`; `out` is then as it was.
-    static bool compute(MD4Hash& out, i4_file& stream, u32 start, u32 end);
+    [[nodiscard]] static bool compute(MD4Hash& out, i4_file& stream, u32 start, u32 end);
 
     // The MD4 of part hashes in order: the hash of a file of two parts or more.
     static MD4Hash ofParts(const std::vector<MD4Hash>& parts);
@@ -61,8 +60,9 @@ struct MD4Hash {
     // file of one part, so one below PARTSIZE, has an empty list, and its part's hash is its own. A file
     // whose size is an exact multiple of PARTSIZE ends with an empty part, which counts. `size`, where given,
     // gets the number of bytes that were hashed. Takes 256 KiB of memory, whatever the file's size.
-    static HashOutcome computeFile(MD4Hash& out, Disk& disk, const char* path, std::vector<MD4Hash>& parts,
-                                   const GiveUp& giveUp = {}, u64* size = nullptr);
+    [[nodiscard]] static HashOutcome computeFile(MD4Hash& out, Disk& disk, const char* path,
+                                                 std::vector<MD4Hash>& parts, const GiveUp& giveUp = {},
+                                                 u64* size = nullptr);
 };
 
 template <>

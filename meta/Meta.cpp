@@ -57,12 +57,12 @@ void Meta::copyFrom(const Meta* other) {
     for (const auto& tag : other->tags_) addTag(tag->clone());
 }
 
-Meta::Tags::const_iterator Meta::find(const char* name) const {
-    return std::find_if(tags_.begin(), tags_.end(), [&](const auto& tag) { return tag->isNamed(name); });
+Meta::Tags::const_iterator Meta::find(TagKey key) const {
+    return std::find_if(tags_.begin(), tags_.end(), [&](const auto& tag) { return tag->isNamed(key.name); });
 }
 
-MetaTag* Meta::findTag(const char* name) const {
-    const auto at = find(name);
+MetaTag* Meta::findTag(TagKey key) const {
+    const auto at = find(key);
     return at == tags_.end() ? nullptr : at->get();
 }
 
@@ -70,14 +70,14 @@ void Meta::addTag(std::unique_ptr<MetaTag> tag) {
     if (tag) tags_.push_back(std::move(tag));
 }
 
-bool Meta::addTag(const char* name, MetaTag::Value value) {
-    if (findTag(name)) return false;
-    addTag(MetaTag::makeTag(name, std::move(value)));
+bool Meta::addTag(TagKey key, MetaTag::Value value) {
+    if (findTag(key)) return false;
+    addTag(MetaTag::makeTag(key.name, std::move(value)));
     return true;
 }
 
-bool Meta::removeTag(const char* name) {
-    const auto at = find(name);
+bool Meta::removeTag(TagKey key) {
+    const auto at = find(key);
     if (at == tags_.end()) return false;
     tags_.erase(at);
     return true;
@@ -85,24 +85,21 @@ bool Meta::removeTag(const char* name) {
 
 void Meta::clearTags() { tags_.clear(); }
 
-bool Meta::setTagValue(const char* name, MetaTag::Value&& value) {
-    MetaTag* tag = findTag(name);
+bool Meta::setTagValue(TagKey key, MetaTag::Value&& value) {
+    MetaTag* tag = findTag(key);
     if (!tag || tag->type() != MetaTag::typeOf(value)) return false;
     tag->setValue(std::move(value));
     return true;
 }
 
-void Meta::setTag(const char* name, MetaTag::Value value) {
-    if (!setTagValue(name, std::move(value))) place(name, MetaTag::makeTag(name, std::move(value)));
+void Meta::setTag(TagKey key, MetaTag::Value value) {
+    if (setTagValue(key, std::move(value))) return;
+    place(key, key.index != 0 ? MetaTag::makeTag(key.index, std::move(value))
+                              : MetaTag::makeTag(key.name, std::move(value)));
 }
 
-void Meta::setTag(TagIndex index, MetaTag::Value value) {
-    const char* name = tagTable[index].wireName;
-    if (!setTagValue(name, std::move(value))) place(name, MetaTag::makeTag(index, std::move(value)));
-}
-
-void Meta::place(const char* name, std::unique_ptr<MetaTag> tag) {
-    const auto at = find(name);
+void Meta::place(TagKey key, std::unique_ptr<MetaTag> tag) {
+    const auto at = find(key);
     if (at == tags_.end()) {
         addTag(std::move(tag));
     } else if (tag) {
@@ -110,18 +107,18 @@ void Meta::place(const char* name, std::unique_ptr<MetaTag> tag) {
     }
 }
 
-const char* Meta::getText(const char* name) const {
-    const MetaTag* tag = findTag(name);
+const char* Meta::getText(TagKey key) const {
+    const MetaTag* tag = findTag(key);
     return tag ? tag->text() : nullptr;
 }
 
-u32 Meta::getInt(const char* name) const {
-    const MetaTag* tag = findTag(name);
+u32 Meta::getInt(TagKey key) const {
+    const MetaTag* tag = findTag(key);
     return tag ? tag->getInt() : 0;
 }
 
-char* Meta::printable(const char* name, char* dst, i32 n) const {
-    if (const MetaTag* tag = findTag(name)) return tag->printable(dst, n);
+char* Meta::printable(TagKey key, char* dst, i32 n) const {
+    if (const MetaTag* tag = findTag(key)) return tag->printable(dst, n);
     if (n > 0) dst[0] = 0;
     return dst;
 }

@@ -10,7 +10,7 @@
 
 // Owns its tags. Thread: none of its own; a record that threads share is used under the lock of the list that
 // holds it. A name may stand twice when a stream says so: look-ups find the first, and pass over tags without
-// a name. Names are compared exactly; an index stands for its row's one-byte name.
+// a name. Names are compared exactly.
 //
 //     bytes  field
 //     4      count of tags, u32; with its top bit set it counts as 0
@@ -25,65 +25,53 @@ class Meta : public Serializable {
 
     // Reading keeps what was read before a failure. From the network it adds to what is there, from disk it
     // replaces it.
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual void copyFrom(const Meta* other);  // null does nothing
 
-    MetaTag* findTag(const char* name) const;
-    MetaTag* findTag(TagIndex index) const { return findTag(tagTable[index].wireName); }
-    void addTag(std::unique_ptr<MetaTag> tag);            // null is ignored
-    bool addTag(const char* name, MetaTag::Value value);  // false if the name is there
-    bool removeTag(const char* name);                     // the first of that name; false if there is none
-    bool removeTag(TagIndex index) { return removeTag(tagTable[index].wireName); }
+    MetaTag* findTag(TagKey key) const;
+    void addTag(std::unique_ptr<MetaTag> tag);      // null is ignored
+    bool addTag(TagKey key, MetaTag::Value value);  // false if the name is there
+    bool removeTag(TagKey key);                     // the first of that name; false if there is none
     void clearTags();
 
     // setTagValue is false, and leaves `value` alone, where there is no tag of that name, or one of another
     // type. setTag adds what isn't there, and puts a new tag into the place of one of another type: records
     // come from strangers.
-    bool setTagValue(const char* name, MetaTag::Value&& value);
-    void setTag(const char* name, MetaTag::Value value);
-    void setTag(TagIndex index, MetaTag::Value value);
-    void setInt(const char* name, u32 value) { setTag(name, value); }
-    void setInt(TagIndex index, u32 value) { setTag(index, value); }
-    void setText(const char* name, const char* value) { setTag(name, value); }
-    void setText(TagIndex index, const char* value) { setTag(index, value); }
+    [[nodiscard]] bool setTagValue(TagKey key, MetaTag::Value&& value);
+    void setTag(TagKey key, MetaTag::Value value);
+    void setInt(TagKey key, u32 value) { setTag(key, value); }
+    void setText(TagKey key, const char* value) { setTag(key, value); }
 
     // The value of a tag of just that type, else null.
     template <class T>
-    const T* getValue(const char* name) const {
-        const MetaTag* tag = findTag(name);
+    const T* getValue(TagKey key) const {
+        const MetaTag* tag = findTag(key);
         return tag ? std::get_if<T>(&tag->getValue()) : nullptr;
     }
-    template <class T>
-    const T* getValue(TagIndex index) const {
-        return getValue<T>(tagTable[index].wireName);
-    }
-    const char* getText(const char* name) const;  // null but for a string tag
-    const char* getText(TagIndex index) const { return getText(tagTable[index].wireName); }
+    const char* getText(TagKey key) const;  // null but for a string tag
     // The four bytes of an int or float tag, taken as the asked type; 0 for other types and for none.
-    u32 getInt(const char* name) const;
-    u32 getInt(TagIndex index) const { return getInt(tagTable[index].wireName); }
-    f32 getFloat(const char* name) const { return std::bit_cast<f32>(getInt(name)); }
-    f32 getFloat(TagIndex index) const { return getFloat(tagTable[index].wireName); }
+    u32 getInt(TagKey key) const;
+    f32 getFloat(TagKey key) const { return std::bit_cast<f32>(getInt(key)); }
 
-    char* printable(const char* name, char* dst, i32 n) const;  // an empty text if there is no such tag
+    char* printable(TagKey key, char* dst, i32 n) const;  // an empty text if there is no such tag
     void print(i4_log& log) const;
     const Tags& getTags() const { return tags_; }
 
   private:
     bool readTags(i4_file& file, bool& damaged);
-    Tags::const_iterator find(const char* name) const;
-    void place(const char* name, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
+    Tags::const_iterator find(TagKey key) const;
+    void place(TagKey key, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
 
     Tags tags_;  // none is null
 };
 
 // A record of the same kind with what copyFrom() takes over.
 template <class Record>
-std::unique_ptr<Record> copyOf(const Record& record) {
+[[nodiscard]] std::unique_ptr<Record> copyOf(const Record& record) {
     auto copy = std::make_unique<Record>();
     copy->copyFrom(&record);
     return copy;

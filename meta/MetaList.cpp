@@ -88,11 +88,7 @@ LoadResult MetaList::load(Disk& disk, const char* name, i4_log* log) {
     const std::optional<u32> length = file->bytesLeft();
     RecordFile reader(std::move(file), length);
     reader.setLog(log);
-    try {
-        return fromDisk(reader) ? LoadResult::whole : LoadResult::damaged;
-    } catch (const i4_err&) {
-        return LoadResult::damaged;
-    }
+    return i4_attempt([&] { return fromDisk(reader); }) ? LoadResult::whole : LoadResult::damaged;
 }
 
 std::string MetaList::save(Disk& disk, const char* name) {

@@ -10,7 +10,7 @@
 #include "i4min/memory/LLsafe.h"
 #include "meta/Meta.h"
 
-// What MetaList::search asks of each record.
+// The condition of MetaList::search. Called under the lock of the list.
 class MetaMatcher {
   public:
     virtual bool matches(const Meta& record) const = 0;
@@ -50,16 +50,15 @@ class CAPABILITY("list") MetaList : public Serializable {
 
     // Reading adds to what is there, and keeps what was read before a failure. fromDisk lets an i4_err of the
     // first five bytes pass.
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual std::unique_ptr<Meta> newMeta();  // an empty record of the kind that this list holds
-    // A name that the user typed: see i4_translate_path.
-    // What is damaged is told to the log.
-    virtual LoadResult load(Disk& disk, const char* name, i4_log* log = nullptr);
-    // Through saveFile, which see: the reason why it failed, empty where it didn't.
+    // The name is one that the user typed: see i4_translate_path. Damage is reported to the log.
+    [[nodiscard]] virtual LoadResult load(Disk& disk, const char* name, i4_log* log = nullptr);
+    // Saves through saveFile. Returns the reason why it failed, empty on success.
     [[nodiscard]] virtual std::string save(Disk& disk, const char* name);
     virtual void copyFrom(MetaList* other);   // copies of the other's records instead of what was here
     virtual void removeAll(MetaList* other);  // by pointer
@@ -121,6 +120,14 @@ struct DeletesRecords {
 };
 template <class List>
 using OwnedList = std::unique_ptr<List, DeletesRecords>;
+
+// A list off a stream with its records; null where it can't be read.
+template <class List>
+[[nodiscard]] OwnedList<List> readList(i4_file& stream) {
+    OwnedList<List> list(new List);
+    if (!list->fromNetwork(stream)) list.reset();
+    return list;
+}
 
 // The typed face of a MetaList whose records are all of one kind.
 template <class Record>

@@ -9,7 +9,7 @@
 
 namespace {
 
-static_assert(sizeof(MetaTag) == 2 * sizeof(void*) + 8, "the id lies behind the value");
+static_assert(sizeof(MetaTag) == 2 * sizeof(char*) + 8, "the id lies behind the value");
 
 bool write(i4_file& file, const Boxed<MD4Hash>& hash) { return hash->write(file); }
 bool write(i4_file& file, u32 value) { return file.write_32(value) == 4; }
@@ -28,9 +28,7 @@ bool write(i4_file& file, const i4_string& text) {
 }
 
 bool write(i4_file& file, const Boxed<MetaBlob>& blob) {
-    const auto size = static_cast<u32>(blob->size());
-    if (file.write_32(size) != 4) return false;
-    return size == 0 || file.write(blob->data(), size) == static_cast<i32>(size);
+    return file.write_32(static_cast<u32>(blob->size())) == 4 && file.writeAll(*blob);
 }
 
 BoolArray readBits(i4_file& file) {
@@ -50,7 +48,7 @@ MetaBlob readBlob(i4_file& file) {
         const auto done = static_cast<u32>(bytes.size());
         const u32 next = std::min(piece, size - done);
         bytes.resize(done + next);
-        file.readAll(bytes.data() + done, next);
+        file.readAll(std::span(bytes).last(next));
     }
     return bytes;
 }
@@ -149,7 +147,7 @@ void MetaTag::readName(i4_file& file) {
     } else {
         file.expect(length);
         std::string name(length, 0);
-        file.readAll(name.data(), length);
+        file.readAll(i4_room(name));
         setName(name.c_str());
     }
     if (name_[0] && !name_[1]) id_ = static_cast<u8>(name_[0]);

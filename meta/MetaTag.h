@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -14,8 +15,8 @@
 
 using MetaBlob = std::vector<u8>;
 
-// A value that lies on the heap and is copied along. The seldom kinds of tags pay for it, so that all others
-// stay small.
+// A value on the heap that is copied with its owner. Rare kinds of tags use it, so that all others stay
+// small.
 template <class T>
 class Boxed {
   public:
@@ -46,24 +47,31 @@ class Boxed {
 //            blob       u32 size, bytes
 class MetaTag {
   public:
-    // In the order of MetaTagType.
-    using Value = std::variant<Boxed<MD4Hash>, i4_string, u32, f32, bool, Boxed<BoolArray>, Boxed<MetaBlob>>;
+    // In the order of MetaTagType. An enumerator, such as a type or an index, is no value by itself.
+    using AnyValue =
+        std::variant<Boxed<MD4Hash>, i4_string, u32, f32, bool, Boxed<BoolArray>, Boxed<MetaBlob>>;
+    struct Value : AnyValue {
+        using AnyValue::AnyValue;
+        template <class Enumerator>
+        requires std::is_enum_v<Enumerator> Value(Enumerator)
+        = delete;
+    };
 
     MetaTag(const char* name, Value value) : value_(std::move(value)) { setName(name); }
 
-    static std::unique_ptr<MetaTag> makeTag(const char* name, Value value);
+    [[nodiscard]] static std::unique_ptr<MetaTag> makeTag(const char* name, Value value);
     // A tag of tagTable; one with just the row's name if the value is of another type than the row's. Null
     // for a row that isn't there.
-    static std::unique_ptr<MetaTag> makeTag(TagIndex index, Value value);
+    [[nodiscard]] static std::unique_ptr<MetaTag> makeTag(TagIndex index, Value value);
     // Takes a tag off a stream. Null for a short stream, with no message, and for an unknown type, which is
     // told; the rest of the stream is then lost.
-    static std::unique_ptr<MetaTag> readTag(i4_file& file);
+    [[nodiscard]] static std::unique_ptr<MetaTag> readTag(i4_file& file);
 
-    bool toNetwork(i4_file& file) const;
-    bool toDisk(i4_file& file) const { return toNetwork(file); }
+    [[nodiscard]] bool toNetwork(i4_file& file) const;
+    [[nodiscard]] bool toDisk(i4_file& file) const { return toNetwork(file); }
     u32 byteSize() const;
 
-    std::unique_ptr<MetaTag> clone() const;  // same name, value and id
+    [[nodiscard]] std::unique_ptr<MetaTag> clone() const;  // same name, value and id
     const Value& getValue() const { return value_; }
     void setValue(Value value) { value_ = std::move(value); }
     const char* text() const;  // null but for a string

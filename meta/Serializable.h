@@ -9,14 +9,15 @@
 // Which of its two byte forms an element writes.
 enum class StreamForm { disk, network };
 
-// A tag, a record or a list of records. Each operation is true on success; a short stream is a failure.
+// A record or a list of records that can be written to a stream and read back. Thread: as the subclass tells.
+// Errors: false; a short stream is a failure.
 class Serializable {
   public:
-    virtual bool toNetwork(i4_file& file) const = 0;
-    virtual bool fromNetwork(i4_file& file) = 0;
+    [[nodiscard]] virtual bool toNetwork(i4_file& file) const = 0;
+    [[nodiscard]] virtual bool fromNetwork(i4_file& file) = 0;
     // Not const: a record may bring its tags up to date first.
-    virtual bool toDisk(i4_file& file) = 0;
-    virtual bool fromDisk(i4_file& file) = 0;
+    [[nodiscard]] virtual bool toDisk(i4_file& file) = 0;
+    [[nodiscard]] virtual bool fromDisk(i4_file& file) = 0;
     virtual u32 byteSize() const = 0;  // of the form that toNetwork writes
     virtual ~Serializable() = default;
 
@@ -41,13 +42,12 @@ class Serializable {
 template <class T>
 bool Serializable::saveList(LLsafe<T>& list, i4_file& file, StreamForm form) {
     const i4_guard guard(list);
-    try {
-        bool whole = file.write_32(list.countUnsafe()) == 4;
+    const u32 count = list.countUnsafe();
+    return i4_attempt([&] {
+        bool whole = file.write_32(count) == 4;
         for (typename LL<T>::Cursor c; T* element = list.next(c);) {
             if (!saveElement(*element, file, form)) whole = false;
         }
         return whole;
-    } catch (const i4_err&) {
-        return false;
-    }
+    });
 }

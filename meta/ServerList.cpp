@@ -1,19 +1,15 @@
 #include "meta/ServerList.h"
 
 ServerMeta* ServerList::find(u32 ip, u32 port) {
-    if (byAddress_.startBuilding()) {
-        for (Cursor c; ServerMeta* server = next(c);) byAddress_.add(*server);
-    }
-    return byAddress_.first({ip, port},
-                            [&](const ServerMeta& server) { return server.ip == ip && server.port == port; });
+    return firstOf<ServerIndex>(
+        {ip, port}, [&](const ServerMeta& server) { return server.ip == ip && server.port == port; });
 }
 
-bool ServerList::addIfNew(ServerMeta* server) {
-    if (!server) return false;
+bool ServerList::addIfNew(std::unique_ptr<ServerMeta> server) {
     const i4_guard guard(*this);
-    if (find(server->ip, server->port)) return true;
-    addUnsafe(server);
-    return false;
+    if (find(server->ip, server->port)) return false;
+    addUnsafe(server.release());
+    return true;
 }
 
 void ServerList::addOrUpdate(const ServerMeta* server) {
@@ -24,11 +20,4 @@ void ServerList::addOrUpdate(const ServerMeta* server) {
         return;
     }
     addUnsafe(copyOf(*server).release());
-}
-
-void ServerList::indexChange(Meta* record, const std::function<void()>& change) {
-    auto& server = *static_cast<ServerMeta*>(record);
-    const Address old = addressOf(server);
-    change();
-    byAddress_.rekey(server, old);
 }

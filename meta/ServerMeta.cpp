@@ -5,21 +5,20 @@
 
 bool ServerMeta::toNetwork(i4_file& file) const {
     const u8 unused[16] = {};
-    return file.write(unused, sizeof unused) == sizeof unused && file.write_32(ip) == 4 &&
-           file.write_16(static_cast<u16>(port)) == 2 && Meta::toNetwork(file);
+    return file.writeAll(unused) && file.write_32(ip) == 4 && file.write_16(static_cast<u16>(port)) == 2 &&
+           Meta::toNetwork(file);
 }
 
 bool ServerMeta::fromNetwork(i4_file& file) {
-    const bool read = i4_attempt([&] {
+    return i4_attempt([&] {
         u8 unused[16];
-        file.readAll(unused, sizeof unused);
+        file.readAll(unused);
         ip = file.read_32();
         port = file.read_16();
+        if (!Meta::fromNetwork(file)) return false;
+        forgetMeasurements();
         return true;
     });
-    if (!read || !Meta::fromNetwork(file)) return false;
-    forgetMeasurements();
-    return true;
 }
 
 bool ServerMeta::toDisk(i4_file& file) {
@@ -28,14 +27,13 @@ bool ServerMeta::toDisk(i4_file& file) {
 }
 
 bool ServerMeta::fromDisk(i4_file& file) {
-    const bool read = i4_attempt([&] {
+    return i4_attempt([&] {
         ip = file.read_32();
         port = file.read_16();
+        if (!Meta::fromDisk(file)) return false;
+        forgetMeasurements();
         return true;
     });
-    if (!read || !Meta::fromDisk(file)) return false;
-    forgetMeasurements();
-    return true;
 }
 
 void ServerMeta::copyFrom(const Meta* other) {

@@ -3,8 +3,9 @@
 
 #include "meta/Meta.h"
 
-// Thread: see Meta. Tags: TAG_NAME, TAG_DESCRIPTION, TAG_PING, TAG_HISTORY, TAG_PREF, and the ints "users"
-// and "files". After reading, what an earlier run measured is forgotten: TAG_PING, "users" and "files" are 0.
+// A record of a server. Thread, ownership and errors: see Meta. Tags: TAG_NAME, TAG_DESCRIPTION, TAG_PING,
+// TAG_HISTORY, TAG_PREF, and the ints "users" and "files". After reading, what an earlier run measured is
+// forgotten: TAG_PING, "users" and "files" are 0.
 //
 //     bytes  disk form                 bytes  network form
 //     4      ip, u32                   16     0, and dropped by readers
@@ -13,10 +14,10 @@
 //                                      ...    the record, see Meta
 class ServerMeta : public Meta {
   public:
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;  // TAG_HISTORY takes `history` first
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;  // TAG_HISTORY takes `history` first
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override { return Meta::byteSize() + 22; }
     void copyFrom(const Meta* other) override;  // the tags, and of another ServerMeta every field
 

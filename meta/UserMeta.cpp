@@ -7,13 +7,12 @@ bool UserMeta::toNetwork(i4_file& file) const {
 }
 
 bool UserMeta::fromNetwork(i4_file& file) {
-    const bool read = i4_attempt([&] {
+    return i4_attempt([&] {
         hash = MD4Hash::read(file);
         id = file.read_32();
         port = file.read_16();
-        return true;
+        return Meta::fromNetwork(file);
     });
-    return read && Meta::fromNetwork(file);
 }
 
 bool UserMeta::toDisk(i4_file& file) {
@@ -23,13 +22,12 @@ bool UserMeta::toDisk(i4_file& file) {
 }
 
 bool UserMeta::fromDisk(i4_file& file) {
-    const bool read = i4_attempt([&] {
+    return i4_attempt([&] {
         id = file.read_32();
         port = file.read_16();
         hash = MD4Hash::read(file);
-        return true;
+        return Meta::fromDisk(file);
     });
-    return read && Meta::fromDisk(file);
 }
 
 void UserMeta::copyFrom(const Meta* other) {

@@ -5,7 +5,7 @@
 #include "meta/Meta.h"
 #include "meta/address.h"
 
-// Thread: see Meta. The name is TAG_NAME.
+// A record of a user; its name is TAG_NAME. Thread, ownership and errors: see Meta.
 //
 //     bytes  disk form                         bytes  network form
 //     4      id, u32; 0 for a low ID           16     hash
@@ -14,10 +14,10 @@
 //     ...    the record, see Meta              ...    the record, see Meta
 class UserMeta : public Meta {
   public:
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override { return Meta::byteSize() + 22; }
     // The tags, and of another UserMeta id, serverIp, port, serverPort and hash.
     void copyFrom(const Meta* other) override;

@@ -20,9 +20,9 @@ bool md4File(MD4Hash& out, const char* path) {
         return false;
     }
     MD4 digest;
-    std::array<char, 1024> block;
+    std::array<u8, 1024> block;
     while (const std::size_t got = std::fread(block.data(), 1, block.size(), file.get())) {
-        digest.update(block.data(), got);
+        digest.update(std::span(block).first(got));
     }
     if (std::ferror(file.get())) return false;
     out = digest.finish();

@@ -9,4 +9,4 @@ void md4String(const char* text);
 void md4File(const char* path);
 // The same into `out`. Both say "PATH can't be opened" on standard output where that is so; false then, or
 // where the file can't be read to its end.
-bool md4File(MD4Hash& out, const char* path);
+[[nodiscard]] bool md4File(MD4Hash& out, const char* path);

@@ -55,5 +55,13 @@ inline constexpr u32 tagRows = 24;  // row 0 is no tag
 
 extern const std::array<MetaTagRow, tagRows> tagTable;
 
+// How a tag of a record is addressed: by its name, or by its row, which stands for the row's one-byte name.
+struct TagKey {
+    TagKey(const char* tagName) : name(tagName) {}
+    TagKey(TagIndex tagIndex) : name(tagTable[tagIndex].wireName), index(tagIndex) {}
+    const char* name;
+    TagIndex index{};  // 0 for a name
+};
+
 // The terminated text of one character, in memory that lasts: what one-byte names of tags point at.
 const char* oneByteName(u8 character);

@@ -35,8 +35,9 @@ Call* CallList::open(const UserMeta& user) {
     {
         const i4_guard guard(list_);
         if (Call* known = findUnsafe(user)) return known;
-        call = new Call(needs_, user);
-        list_.addUnsafe(call);
+        auto made = std::make_unique<Call>(needs_, user);
+        call = made.get();
+        list_.addUnsafe(made.release());
     }
     call->connect(user);
     return call;

@@ -78,8 +78,8 @@ Peer::~Peer() = default;
 void Peer::showLife() { aliveAt = needs_.core.host.clock.now().us; }
 i64 Peer::idleMs() const { return (needs_.core.host.clock.now().us - aliveAt) / 1000; }
 
-Connection* Peer::spawn(std::unique_ptr<i4_socket> accepted) {
-    return new Peer(pool(), needs_, std::move(accepted));
+Ref<Connection> Peer::spawn(std::unique_ptr<i4_socket> accepted) {
+    return makeRef<Peer>(pool(), needs_, std::move(accepted));
 }
 
 const OpcodeTable* Peer::opcodes() const { return &peerMessages; }
@@ -262,8 +262,8 @@ bool Peer::gotSharedFiles(i4_file& stream) {
     // A long list takes far more memory than its bytes, so it is read only if it was asked for.
     if (stream.bytesLeft().value_or(0) > strangerBodyLimit && !needs_.listener.awaitsFiles(*this))
         return true;
-    OwnedList<FileList> list(new FileList);
-    if (!list->fromNetwork(stream)) return false;
+    OwnedList<FileList> list = readList<FileList>(stream);
+    if (!list) return false;
     needs_.listener.gotSharedFiles(*this, std::move(list));
     return true;
 }
@@ -316,7 +316,7 @@ bool Peer::tellHashSet(const MD4Hash& hash) {
     FileMeta record;
     record.partHashes = file.partHashes;
     auto packet = makeFilePacket(OP_HASH_SET, hash, record.partHashesSize());
-    record.writePartHashes(packet->stream);
+    if (!record.writePartHashes(packet->stream)) return false;
     send(std::move(packet));
     return true;
 }

@@ -23,8 +23,8 @@ class Peer : public Connection {
     ~Peer() override;
 
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override;
-    Connection* spawn(std::unique_ptr<i4_socket> accepted) override;
-    void connected() override;  // sends the hello and joins `peers`
+    Ref<Connection> spawn(std::unique_ptr<i4_socket> accepted) override;
+    void connected() override;  // hello, and joins `peers`
     void connectFailed() override;
     i4_string getText() override { return userName(); }
 

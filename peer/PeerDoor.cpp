@@ -7,6 +7,6 @@
 
 bool PeerDoor::canAccept() { return pool().count < 2 * needs_.core.preferences.maxCon; }
 
-Connection* PeerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
-    return new Peer(pool(), needs_, std::move(accepted));
+Ref<Connection> PeerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
+    return makeRef<Peer>(pool(), needs_, std::move(accepted));
 }

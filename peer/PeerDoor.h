@@ -11,8 +11,8 @@ class PeerDoor : public DoorTask {
   public:
     PeerDoor(SocketPool& socketPool, const PeerNeeds& needs, u16 listenPort)
         : DoorTask(socketPool, listenPort), needs_(needs) {}
-    bool canAccept() override;  // true while the pool has fewer than twice maxCon connections
-    Connection* newConnection(std::unique_ptr<i4_socket> accepted) override;
+    bool canAccept() override;  // while the pool has less than twice maxCon connections
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> accepted) override;
 
   private:
     const PeerNeeds& needs_;

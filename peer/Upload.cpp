@@ -43,13 +43,11 @@ bool Upload::isPeer(const Peer& other) const { return peer_.get() == &other; }
 Peer& Upload::peer() const { return *peer_; }
 
 bool Upload::readData(u8* buffer, u32 length) {
-    try {
+    return i4_attempt([&] {
         if (file_->seek(position_) != position_) return false;
-        file_->readAll(buffer, length);
+        file_->readAll({buffer, length});
         return true;
-    } catch (const i4_err&) {
-        return false;
-    }
+    });
 }
 
 void Upload::updateSpeed(i32 elapsedMs) {

@@ -41,7 +41,7 @@ bool UploadPool::canStartSlot() const {
     SlotRule rule{limit != 0 ? limit : needs_.core.preferences.maxUpSpeed.get(),
                   needs_.core.preferences.curUpSpeed, slots_.count(), 0};
     for (LL<Upload>::Cursor c; const Upload* upload = replaceable_.next(c);) rule.used -= upload->speed;
-    rule.active = rule.slots + uploads_.count() - replaceable_.count();
+    rule.active = rule.slots + static_cast<u32>(uploads_.size()) - replaceable_.count();
     return rule.canStart();
 }
 
@@ -143,8 +143,7 @@ Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) 
             // Ending an upload may have assigned the slot's place, but not the slot itself.
             removeSlot(slot);
             needs_.ui.uploadAdded(upload.get());
-            upload->addRef();
-            uploads_.add(upload.get());
+            uploads_.push_back(upload);
             needs_.core.messages.wake();
             isNew = true;
         }
@@ -186,15 +185,14 @@ void UploadPool::endLocked(Upload& upload) {
 
 bool UploadPool::removeUpload(Upload& upload) {
     replaceable_.remove(&upload);
-    if (!uploads_.remove(&upload)) return false;
+    if (!removeFrom(uploads_, &upload)) return false;
     checkInvariants();
-    upload.release();
     return true;
 }
 
 void UploadPool::markReplaceable(Upload& upload) {
     i4_lock guard(lock_);
-    if (!queue_.isEmpty() && uploads_.contains(&upload)) replaceable_.addUnique(&upload);
+    if (!queue_.isEmpty() && holds(uploads_, &upload)) replaceable_.addUnique(&upload);
 }
 
 void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
@@ -251,11 +249,11 @@ void UploadPool::tick(i32 elapsedMs) {
     assignTimer_ += elapsedMs;
     f32 total = 0;
     std::vector<Upload*> silent;
-    for (LL<Upload>::Cursor c; Upload* upload = uploads_.next(c);) {
+    for (const Ref<Upload>& upload : uploads_) {
         const i32 ms = upload->ownTime(elapsedMs);
         upload->updateSpeed(ms);
         total += upload->speed;
-        if (!upload->mayStayDry(ms)) silent.push_back(upload);
+        if (!upload->mayStayDry(ms)) silent.push_back(upload.get());
     }
     for (Upload* upload : silent) endLocked(*upload);
     needs_.core.preferences.curUpSpeed = total;
@@ -268,7 +266,7 @@ void UploadPool::tick(i32 elapsedMs) {
 
 i32 UploadPool::untilDue() {
     i4_lock guard(lock_);
-    if (!uploads_.isEmpty()) return tickEvery;
+    if (!uploads_.empty()) return tickEvery;
     i32 due = std::numeric_limits<i32>::max();
     for (LL<UploadSlot>::Cursor c; const UploadSlot* slot = slots_.next(c);) {
         due = std::min(due, slot->untilDue());
@@ -281,14 +279,14 @@ void UploadPool::checkInvariants() const {
     if constexpr (debugBuild) {
         assert(queue_.count() == static_cast<u32>(queueLength_));
         for (LL<Upload>::Cursor c; [[maybe_unused]] const Upload* upload = replaceable_.next(c);) {
-            assert(uploads_.contains(upload));
+            assert(holds(uploads_, upload));
         }
     }
 }
 
 void UploadPool::clear() {
     i4_lock guard(lock_);
-    while (Upload* upload = uploads_.removeAt(0)) upload->release();
+    uploads_.clear();
     deleteAll(queue_);
     deleteAll(slots_);
     replaceable_.clear();

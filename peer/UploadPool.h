@@ -76,8 +76,8 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
 
     const PeerNeeds& needs_;
     i4_mutex lock_{LockRank::uploadPool};
-    LL<Upload> uploads_ GUARDED_BY(lock_);
-    OwnLL<UserMeta> queue_ GUARDED_BY(lock_);  // longest waiting first
+    std::vector<Ref<Upload>> uploads_ GUARDED_BY(lock_);
+    OwnLL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
     OwnLL<UploadSlot> slots_ GUARDED_BY(lock_);
     LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
     i32 assignTimer_ GUARDED_BY(lock_) = 0;     // ms since the last assignment

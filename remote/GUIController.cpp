@@ -310,7 +310,7 @@ void GUIController::sendDownload(Download& download) {
     FileMeta record;
     partial->copyMeta(record);
     auto packet = makePacket(CTL_DOWNLOAD_ADDED, record.byteSize() + 1);
-    record.toNetwork(packet->stream);
+    packet->put(record);
     packet->stream.write_8(static_cast<u8>(download.priority.get()));
     packet->finish();
     send(std::move(packet));
@@ -328,7 +328,7 @@ void GUIController::sendUpload(const Upload& upload) {
     auto packet =
         makePacket(CTL_UPLOAD_ADDED, static_cast<u32>(2 + i4_strlen(upload.getName())) + user.byteSize());
     i4_write_string(packet->stream, upload.getName());
-    user.toNetwork(packet->stream);
+    packet->put(user);
     packet->finish();
     send(std::move(packet));
 }

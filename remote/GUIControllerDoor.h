@@ -13,7 +13,7 @@ class GUIControllerDoor : public DoorTask {
         : DoorTask(socketPool, listenPort), ui_(ui) {}
     // False while too many connections haven't logged on: they must not use up the process's descriptors.
     bool canAccept() override;
-    Connection* newConnection(std::unique_ptr<i4_socket> accepted) override;
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> accepted) override;
 
   private:
     TcpipUI& ui_;

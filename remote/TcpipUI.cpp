@@ -52,15 +52,15 @@ struct ShortText {
 
 bool GUIControllerDoor::canAccept() { return ui_.strangers < mostStrangers; }
 
-Connection* GUIControllerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
-    return new GUIController(pool(), ui_, std::move(accepted));
+Ref<Connection> GUIControllerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
+    return makeRef<GUIController>(pool(), ui_, std::move(accepted));
 }
 
 TcpipUI::TcpipUI(Engine& engine, Commands& commands, CoreUIInterface& inner)
     : engine_(engine),
       commands_(commands),
-      door_(new GUIControllerDoor(engine.clientApp.socketPool,
-                                  static_cast<u16>(engine.preferences.adminDoorPort.get()), *this)),
+      door_(makeRef<GUIControllerDoor>(engine.clientApp.socketPool,
+                                       static_cast<u16>(engine.preferences.adminDoorPort.get()), *this)),
       inner_(inner) {
     door_->listen(doorTimeout);
 }
@@ -152,13 +152,12 @@ void TcpipUI::extending(const char* name) {
     if (!sendText(CTL_EXTENDING, name)) inner_.extending(name);
 }
 
-void TcpipUI::addResult(FileMeta* file) {
+void TcpipUI::addResult(std::unique_ptr<FileMeta> file) {
     const Ref<GUIController> to = controller();
-    if (!to) return inner_.addResult(file);
-    std::unique_ptr<FileMeta> owned(file);
+    if (!to) return inner_.addResult(std::move(file));
     if (results_.isFull()) return;
     auto packet = makePacket(CTL_RESULT, *file);
-    results_.add(owned.release());  // before the controller can request it
+    results_.add(file.release());  // before the controller can ask for it
     to->send(std::move(packet));
 }
 
@@ -167,7 +166,7 @@ void TcpipUI::setResults(FileList* list, u8 more) {
     if (!to) return inner_.setResults(list, more);
     const std::unique_ptr<FileList> owned(list);
     auto packet = makePacket(CTL_RESULTS, list->byteSize() + 1);
-    list->toNetwork(packet->stream);
+    packet->put(*list);
     packet->stream.write_8(more);
     packet->finish();
     results_.replaceBy(*list);

@@ -43,7 +43,7 @@ class TcpipUI : public CoreUIInterface {
     void disconnected() override;
     void serverStats(u32 files, u32 users) override;
     void extending(const char* name) override;
-    void addResult(FileMeta* file) override;
+    void addResult(std::unique_ptr<FileMeta> file) override;
     void setResults(FileList* list, u8 more) override;
     void downloadAdded(Download* download) override;
     void downloadRemoved(Download* download) override;

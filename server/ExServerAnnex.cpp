@@ -96,7 +96,7 @@ void ExServerAnnex::gotPing(const ServerAddress& server) {
 
 void ExServerAnnex::gotResult() {
     auto file = std::make_unique<FileMeta>();
-    if (file->fromNetwork(buffer_)) needs_.events.gotResult(file.release());
+    if (file->fromNetwork(buffer_)) needs_.events.gotResult(std::move(file));
 }
 
 // Only listed servers may report sources: a stranger's false sources would crowd out the real ones.

@@ -15,14 +15,6 @@ namespace {
 constexpr u32 logOnBodyLimit = 64 * 1024;
 constexpr u32 loggedOnBodyLimit = 16 * 1024 * 1024;
 
-// Reads a list and its records. Returns null if it can't be read.
-template <class List>
-OwnedList<List> readList(i4_file& stream) {
-    OwnedList<List> list(new List);
-    if (!list->fromNetwork(stream)) list.reset();
-    return list;
-}
-
 }  // namespace
 
 MainServer::MainServer(SocketPool& pool, ServerDesk& desk, const ServerNeeds& needs, const ServerMeta& server)

@@ -33,8 +33,8 @@ class ServerEvents {
     virtual void foundSource(const MD4Hash& file, const UserMeta& user) = 0;
     virtual void callbackAsked(const UserMeta& user) = 0;  // the server asks us to call this user
     virtual void callbackFailed(u32 serverIp, u32 clientId) = 0;
-    // These pass ownership, including that of the records in a list.
-    virtual void gotResult(FileMeta* file) = 0;
+    // Ownership passes, of lists with their records.
+    virtual void gotResult(std::unique_ptr<FileMeta> file) = 0;
     virtual void gotResults(FileList* list, bool more) = 0;
     virtual void gotUserList(UserList* list) = 0;
 

@@ -40,9 +40,7 @@ bool ServerPool::addServer(u32 ip, u16 port) {
     server->ip = ip;
     server->port = port;
     server->idleTime = pingEvery;
-    if (servers_.addIfNew(server.get())) return true;
-    static_cast<void>(server.release());
-    needs_.core.messages.wake();  // the first ping is due
+    if (servers_.addIfNew(std::move(server))) needs_.core.messages.wake();  // the first ping is due
     return true;
 }
 
@@ -101,10 +99,11 @@ void ServerPool::load(const char* path) {
 
 void ServerPool::merge(const char* path) {
     ServerList read(LockRank::none);
-    read.load(needs_.core.host.disk, path);
+    // What could be read counts, all of it or not.
+    static_cast<void>(read.load(needs_.core.host.disk, path));
     for (ServerMeta* server : read.snapshot()) {
         server->idleTime = pingEvery;
-        if (servers_.addIfNew(server)) delete server;
+        servers_.addIfNew(std::unique_ptr<ServerMeta>(server));
     }
     needs_.core.messages.wake();
 }
@@ -359,9 +358,9 @@ void ServerPool::tick(i32 elapsedMs) {
         server->idleTime += static_cast<u32>(elapsedMs);
         if (server->idleTime <= pingEvery) continue;
         if (!pingDue(*server)) {
-            // Stops after removing one server; the rest follow in the next tick.
+            // The walk ends with the first dead server: others wait for the next turn.
+            const std::unique_ptr<ServerMeta> dead(server);
             servers_.removeUnsafe(server);
-            delete server;
             return;
         }
     }

@@ -5,11 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "i4min/memory/annotations.h"
 #include "i4min/memory/types.h"
 
-// Has a lane for each receiver. For each span of time the lane shows the bytes of each sender, stacked in the
-// sender's colour, and marks for events.
-// Thread: one. Owns: what it has recorded.
+// At most 511 bytes, by the system library's formatter.
+std::string formatted(const char* format, ...) PRINTF_LIKE(1, 2);
+
+// A lane for each who received: in each span of time a pile of what came from each giver, in the giver's
+// colour, and a mark where something was told of the receiver. Thread: one.
 class Picture {
   public:
     // Machines without a name are ignored, as senders and as receivers.

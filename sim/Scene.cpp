@@ -1,7 +1,6 @@
 #include "sim/Scene.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "i4min/memory/mutex.h"
 #include "meta/address.h"
@@ -13,12 +12,6 @@ constexpr double rateSpan = 10;               // seconds over which a limit must
 constexpr double rateSlack = 1.1;             // for bytes that aren't file data
 constexpr double rateBurst = 300'000;         // bytes that may be sent late
 const char* const sharedFolder = "/shared";
-
-std::string format(const char* how, double number) {
-    char text[64];
-    std::snprintf(text, sizeof text, how, number);
-    return text;
-}
 
 }  // namespace
 
@@ -87,7 +80,7 @@ void SceneClient::checkRate() {
     const auto bytes = static_cast<double>(scene_.given(*this) - givenBefore_);
     if (limitUp > 0) {
         scene_.require(bytes < static_cast<double>(limitUp) * 1000 * span * rateSlack + rateBurst,
-                       name + " gives more than its limit: " + format("%.0f KB/s", bytes / span / 1000));
+                       name + " gives more than its limit: " + formatted("%.0f KB/s", bytes / span / 1000));
     }
     rateSince_ = scene_.world.now().us;
     givenBefore_ = scene_.given(*this);
@@ -184,7 +177,7 @@ SimOpponent& Scene::oppose(const std::string& kind, const SimFileOffer& file, co
 
 void Scene::until(const std::string& what, const std::function<bool()>& holds, double seconds) {
     if (!world.runUntil(holds, static_cast<i64>(seconds * 1000)))
-        require(false, "after " + format("%.0f s: ", seconds) + what);
+        require(false, "after " + formatted("%.0f s: ", seconds) + what);
 }
 
 void Scene::untilAllHave(const std::vector<SceneClient*>& clients, const SimFileOffer& file, double seconds) {
@@ -201,11 +194,11 @@ void Scene::require(bool holds, const std::string& what) {
     if (holds) return;
     const std::size_t from =
         log_.size() > shownOnFailure ? log_.find('\n', log_.size() - shownOnFailure) + 1 : 0;
-    throw SceneFailure("not so at " + format("%.3f s", now()) + " with seed " + std::to_string(world.seed()) +
-                       ": " + what + "\n" + log_.substr(from));
+    throw SceneFailure("not so at " + formatted("%.3f s", now()) + " with seed " +
+                       std::to_string(world.seed()) + ": " + what + "\n" + log_.substr(from));
 }
 
-void Scene::tell(const std::string& line) { log_ += format("%10.3f s  ", now()) + line + "\n"; }
+void Scene::tell(const std::string& line) { log_ += formatted("%10.3f s  ", now()) + line + "\n"; }
 
 void Scene::tell(const SceneClient& client, const std::string& what) {
     tell(client.name + " " + what);

@@ -21,9 +21,9 @@ void SimScreen::setResults(FileList* list, u8) {
     for (FileMeta* file : list->snapshot()) results.emplace_back(file);
 }
 
-void SimScreen::addResult(FileMeta* file) {
+void SimScreen::addResult(std::unique_ptr<FileMeta> file) {
     ++added;
-    results.emplace_back(file);
+    results.push_back(std::move(file));
 }
 
 void SimScreen::downloadRemoved(Download* download) {

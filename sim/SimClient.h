@@ -21,7 +21,7 @@ class SimScreen : public CoreUIInterface {
 
     std::function<void(const std::string& line)> onLine;  // called with each line
     std::string text;
-    void addResult(FileMeta* file) override;
+    void addResult(std::unique_ptr<FileMeta> file) override;
 
     std::vector<std::unique_ptr<FileMeta>> results;
     int added = 0;  // results that came one by one, from other servers

@@ -112,15 +112,14 @@ class SimFile final : public i4_disk_file {
     SimFile(SimDisk& disk, SimDisk::NodePtr node, u32 flags)
         : disk_(disk), node_(std::move(node)), flags_(flags) {}
 
-    i32 read(void* buffer, u32 count) override {
-        const i64 got = readAt(position_, buffer, count);
+    i32 read(std::span<u8> to) override {
+        const i64 got = readAt(position_, to);
         position_ += static_cast<u64>(std::max<i64>(got, 0));
         return static_cast<i32>(got);
     }
-    i32 write(const void* buffer, u32 count) override {
+    i32 write(std::span<const u8> bytes) override {
         if (flags_ & I4_FILE_APPEND) position_ = node_->now.size;
-        const i4_piece piece{buffer, count};
-        const i64 done = writeAt(position_, {&piece, 1});
+        const i64 done = writeAt(position_, {&bytes, 1});
         position_ += static_cast<u64>(std::max<i64>(done, 0));
         return static_cast<i32>(done);
     }
@@ -131,27 +130,27 @@ class SimFile final : public i4_disk_file {
         const u64 left = node_->now.size - std::min(node_->now.size, position_);
         return static_cast<u32>(std::min<u64>(left, 0xFFFFFFFF));
     }
-    i64 readAt(u64 at, void* to, std::size_t count) override {
+    i64 readAt(u64 at, std::span<u8> to) override {
         if (!disk_.begins()) return -1;
-        return static_cast<i64>(disk_.read(*node_, at, static_cast<u8*>(to), count));
+        return static_cast<i64>(disk_.read(*node_, at, to.data(), to.size()));
     }
     i64 writeAt(u64 at, std::span<const i4_piece> pieces) override {
         if (!disk_.begins()) return -1;
         const bool half = disk_.calls_ == disk_.shortCall_;
         i64 done = 0;
         for (const i4_piece& piece : pieces) {
-            const u64 end = at + static_cast<u64>(done) + piece.length;
+            const u64 end = at + static_cast<u64>(done) + piece.size();
             const u64 grows = end > node_->now.size ? end - node_->now.size : 0;
             const u64 room = disk_.room_ - std::min(disk_.room_, disk_.used_);
             std::size_t length =
-                piece.length -
-                static_cast<std::size_t>(grows > room ? std::min<u64>(grows - room, piece.length) : 0);
+                piece.size() -
+                static_cast<std::size_t>(grows > room ? std::min<u64>(grows - room, piece.size()) : 0);
             if (half) length /= 2;
-            disk_.write(*node_, at + static_cast<u64>(done), static_cast<const u8*>(piece.bytes), length);
+            disk_.write(*node_, at + static_cast<u64>(done), piece.data(), length);
             done += static_cast<i64>(length);
-            if (length < piece.length) break;
+            if (length < piece.size()) break;
         }
-        if (done == 0 && !pieces.empty() && pieces[0].length > 0) {
+        if (done == 0 && !pieces.empty() && !pieces[0].empty()) {
             errno = ENOSPC;
             return -1;
         }

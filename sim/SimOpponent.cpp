@@ -37,20 +37,18 @@ void SimTalk::say(u8 opcode, const Bytes& body) {
 
 // These two return false if the other side has gone.
 bool SimTalk::flush() {
-    std::size_t done = 0;
     i32 count = 1;
-    while (done < toSend_.size() && count > 0) {
-        count = socket_->write(toSend_.data() + done, static_cast<u32>(toSend_.size() - done));
-        if (count > 0) done += static_cast<std::size_t>(count);
+    while (!toSend_.empty() && count > 0) {
+        count = socket_->write(toSend_);
+        toSend_.erase(toSend_.begin(), toSend_.begin() + std::max(count, 0));
     }
-    toSend_.erase(toSend_.begin(), toSend_.begin() + static_cast<std::ptrdiff_t>(done));
     return count >= 0;
 }
 
 bool SimTalk::receive() {
     u8 block[16 * 1024];
     for (;;) {
-        const i32 count = socket_->read(block, sizeof block);
+        const i32 count = socket_->read(block);
         if (count <= 0) return count == 0 && !socket_->atEnd();
         frames_.feed({block, static_cast<std::size_t>(count)});
     }
@@ -150,7 +148,7 @@ void SimOpponent::sayFirst(SimTalk& talk) {
     record.hash = offer_.hash;
     record.setName(offer_.name.c_str());
     record.setInt(TAG_SIZE, static_cast<u32>(offer_.content.size));
-    record.toNetwork(list);
+    static_cast<void>(record.toNetwork(list));
     talk.say(OP_PUBLISH_FILES, Bytes(list.buffer(), list.buffer() + list.size()));
 }
 
@@ -238,6 +236,6 @@ Bytes SimOpponent::bytesOf(u32 start, u32 end) const {
 
 Bytes SimOpponent::garbage(std::size_t count) {
     Bytes bytes(count);
-    host_.host.random.fill(bytes.data(), count);
+    host_.host.random.fill(bytes);
     return bytes;
 }

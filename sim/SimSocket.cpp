@@ -51,16 +51,15 @@ void SimSocket::close() {
     machine_.network_.closed(stream_, side_, loses);
 }
 
-i32 SimSocket::read(void* buffer, u32 count) {
+i32 SimSocket::read(std::span<u8> to) {
     if (cancelled_ || kind_ != Kind::stream || stream_->broken) return -1;
     SimStreamEnd& end = own();
-    auto* out = static_cast<u8*>(buffer);
-    u32 done = 0;
-    while (done < count && !end.received.empty()) {
+    std::size_t done = 0;
+    while (done < to.size() && !end.received.empty()) {
         const std::vector<u8>& piece = end.received.front();
-        const std::size_t bytes = std::min<std::size_t>(count - done, piece.size() - end.taken);
-        std::memcpy(out + done, piece.data() + end.taken, bytes);
-        done += static_cast<u32>(bytes);
+        const std::size_t bytes = std::min(to.size() - done, piece.size() - end.taken);
+        std::memcpy(to.data() + done, piece.data() + end.taken, bytes);
+        done += bytes;
         end.taken += bytes;
         if (end.taken == piece.size()) {
             end.received.pop_front();
@@ -69,21 +68,19 @@ i32 SimSocket::read(void* buffer, u32 count) {
     }
     end.receivedBytes -= done;
     if (done > 0) machine_.network_.windowOpened(stream_, 1 - side_);
-    if (done == 0 && count > 0 && end.otherEnded) atEnd_ = true;
+    if (done == 0 && !to.empty() && end.otherEnded) atEnd_ = true;
     return static_cast<i32>(done);
 }
 
-i32 SimSocket::write(const void* buffer, u32 count) {
+i32 SimSocket::write(std::span<const u8> bytes) {
     if (cancelled_ || kind_ != Kind::stream || stream_->broken) return -1;
     SimStreamEnd& end = own();
-    const std::size_t bytes =
-        std::min<std::size_t>(count, sendBuffer - std::min(sendBuffer, end.toSendBytes));
-    if (bytes == 0) return 0;
-    const auto* from = static_cast<const u8*>(buffer);
-    end.toSend.emplace_back(from, from + bytes);
-    end.toSendBytes += bytes;
+    bytes = bytes.first(std::min(bytes.size(), sendBuffer - std::min(sendBuffer, end.toSendBytes)));
+    if (bytes.empty()) return 0;
+    end.toSend.emplace_back(bytes.begin(), bytes.end());
+    end.toSendBytes += bytes.size();
     machine_.network_.hasToSend(stream_, side_);
-    return static_cast<i32>(bytes);
+    return static_cast<i32>(bytes.size());
 }
 
 bool SimSocket::accept(std::unique_ptr<i4_socket>& out) {
@@ -96,25 +93,25 @@ bool SimSocket::accept(std::unique_ptr<i4_socket>& out) {
     return true;
 }
 
-i32 SimSocket::read_from(void* buffer, u32 length, std::unique_ptr<i4_address>* out_address) {
+i32 SimSocket::read_from(std::span<u8> to, std::unique_ptr<i4_address>* out_address) {
     if (cancelled_ || datagrams_.empty()) return -1;
     const Datagram datagram = std::move(datagrams_.front());
     datagrams_.pop_front();
-    const std::size_t bytes = std::min<std::size_t>(length, datagram.bytes.size());
-    std::memcpy(buffer, datagram.bytes.data(), bytes);
+    const std::size_t bytes = std::min(to.size(), datagram.bytes.size());
+    std::memcpy(to.data(), datagram.bytes.data(), bytes);
     if (out_address) *out_address = addressOf(datagram.ip, datagram.port);
     return static_cast<i32>(bytes);
 }
 
-i32 SimSocket::write_to(const void* buffer, u32 length, const i4_address& address) {
+i32 SimSocket::write_to(std::span<const u8> bytes, const i4_address& address) {
     if (cancelled_) return -1;
     if (port_ == 0) {
         port_ = machine_.freePort();
         machine_.datagramPorts_[port_] = this;
     }
-    machine_.network_.sendDatagram(*this, std::string(static_cast<const char*>(buffer), length),
-                                   ipOfAddress(address), address.get_port());
-    return static_cast<i32>(length);
+    machine_.network_.sendDatagram(*this, std::string(i4_text(bytes)), ipOfAddress(address),
+                                   address.get_port());
+    return static_cast<i32>(bytes.size());
 }
 
 u32 SimSocket::readiness() const {
@@ -139,7 +136,7 @@ u32 SimSocket::readiness() const {
 
 u32 SimSocket::ready(u32 mask, i32, i4_status_class*) { return readiness() & (mask | I4_SELECT_ERROR); }
 
-void SimSocket::add_to_set(i4_socket_set& set, u32 mask, void* owner) {
+void SimSocket::add_to_set(i4_socket_set& set, u32 mask, i4_set_owner* owner) {
     join(static_cast<SimSocketSet&>(set), mask, owner);
 }
 

@@ -48,17 +48,14 @@ class SimSocket final : public i4_socket, private SimMember {
     SimSocket(SimMachine& machine, std::shared_ptr<SimStream> stream, int side);
     ~SimSocket() override;
 
-    i32 read(void* buffer, u32 count) override;
-    i32 write(const void* buffer, u32 count) override;
-    i32 write_more(const void* buffer, u32 count) override { return write(buffer, count); }
-    u32 seek(u32) override { return 0; }
-    u32 size() override { return 0; }
-    u32 tell() override { return 0; }
+    i32 read(std::span<u8> to) override;
+    i32 write(std::span<const u8> bytes) override;
+    i32 write_more(std::span<const u8> bytes) override { return write(bytes); }
     bool accept(std::unique_ptr<i4_socket>& out) override;
-    i32 read_from(void* buffer, u32 length, std::unique_ptr<i4_address>* out_address) override;
-    i32 write_to(const void* buffer, u32 length, const i4_address& address) override;
+    i32 read_from(std::span<u8> to, std::unique_ptr<i4_address>* out_address) override;
+    i32 write_to(std::span<const u8> bytes, const i4_address& address) override;
     u32 ready(u32 mask, i32 timeout_ms, i4_status_class* status) override;
-    void add_to_set(i4_socket_set& set, u32 mask, void* owner) override;
+    void add_to_set(i4_socket_set& set, u32 mask, i4_set_owner* owner) override;
     void remove_from_set(i4_socket_set& set) override;
     u32 check_in_set(const i4_socket_set& set, u32 mask) override;
     void change_in_set(i4_socket_set& set, u32 mask) override;

@@ -8,7 +8,7 @@ void SimMember::touched() {
     if (set_) set_->touch(*this);
 }
 
-void SimMember::join(SimSocketSet& set, u32 mask, void* owner) {
+void SimMember::join(SimSocketSet& set, u32 mask, i4_set_owner* owner) {
     set_ = &set;
     mask_ = mask;
     owner_ = owner;

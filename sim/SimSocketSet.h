@@ -20,7 +20,7 @@ class SimMember {
     virtual u32 readiness() const = 0;  // the I4_SELECT_* events that hold now
     // Call it after each change of the socket or of its mask.
     void touched();
-    void join(SimSocketSet& set, u32 mask, void* owner);
+    void join(SimSocketSet& set, u32 mask, i4_set_owner* owner);
     void leave();
     void watch(u32 mask);
     u32 reported() const { return reported_; }
@@ -32,7 +32,7 @@ class SimMember {
 
     SimSocketSet* set_ = nullptr;
     u32 mask_ = 0;
-    void* owner_ = nullptr;
+    i4_set_owner* owner_ = nullptr;
     u32 reported_ = 0;
     bool isTouched_ = false;
 };
@@ -65,8 +65,8 @@ class SimSocketSet final : public i4_socket_set {
     bool hasReady();
     void restsFor(SimSleeper& sleeper) { sleeper_ = &sleeper; }
 
-    // For system sockets only; simulated ones join themselves.
-    void add(int, u32, void*) override {}
+    // By number a system's sockets are added; simulated ones join.
+    void add(int, u32, i4_set_owner*) override {}
     void change(int, u32) override {}
     void remove(int) override {}
     u32 check(int, u32) const override { return 0; }

@@ -14,9 +14,8 @@ constexpr i64 mostAtOneTime = 2'000'000;  // events; stops a simulation that loo
 
 }  // namespace
 
-void SimRandom::fill(void* out, std::size_t count) {
-    auto* bytes = static_cast<u8*>(out);
-    for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<u8>(next());
+void SimRandom::fill(std::span<u8> out) {
+    for (u8& byte : out) byte = static_cast<u8>(next());
 }
 
 Simulation::Simulation(u64 seed) : seed_(seed), random_(seed) {}

@@ -22,7 +22,7 @@ class SimRandom final : public Random {
   public:
     explicit SimRandom(u64 seed) : engine_(seed) {}
     u32 next() override { return static_cast<u32>(engine_() >> 32); }
-    void fill(void* out, std::size_t count) override;
+    void fill(std::span<u8> out) override;
 
   private:
     std::mt19937_64 engine_;

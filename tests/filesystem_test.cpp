@@ -94,19 +94,19 @@ TEST_F(Filesystem, PathsAreMadeSplitAndRelatedByWholeComponents) {
 // A memory stream that counts its calls, and can fail or shorten its writes.
 class CountingStream : public i4_owned_ram_file {
   public:
-    i32 read(void* buffer, u32 count) override {
+    i32 read(std::span<u8> to) override {
         ++reads;
-        return i4_owned_ram_file::read(buffer, count);
+        return i4_owned_ram_file::read(to);
     }
-    i32 write(const void* buffer, u32 count) override {
+    i32 write(std::span<const u8> bytes) override {
         ++writes;
         if (fail) return -1;
-        return i4_owned_ram_file::write(buffer, std::min(count, most));
+        return i4_owned_ram_file::write(bytes.first(std::min(bytes.size(), most)));
     }
     int reads = 0;
     int writes = 0;
     bool fail = false;
-    u32 most = 0xffffffff;
+    std::size_t most = 0xffffffff;
 };
 
 TEST(BufferedFile, RandomReadsAndWritesMatchAPlainStream) {
@@ -130,11 +130,11 @@ TEST(BufferedFile, RandomReadsAndWritesMatchAPlainStream) {
                 file.seek(to);
             } else if (choice < 3) {
                 for (u8& byte : mine) byte = static_cast<u8>(below(256));
-                ASSERT_EQ(file.write(mine, length), model.write(mine, length));
+                ASSERT_EQ(file.write({mine, length}), model.write({mine, length}));
             } else {
-                const i32 got = model.read(theirs, length);
+                const i32 got = model.read({theirs, length});
                 ASSERT_EQ(file.bytesLeft(), model.bytesLeft().value() + static_cast<u32>(got));
-                ASSERT_EQ(file.read(mine, length), got);
+                ASSERT_EQ(file.read({mine, length}), got);
                 ASSERT_TRUE(std::equal(mine, mine + got, theirs));
                 ASSERT_EQ(file.tell(), model.tell());
             }
@@ -154,9 +154,9 @@ TEST(BufferedFile, SmallPiecesShareACallAndAFailureIsTold) {
     for (int i = 0; i < 250; ++i) EXPECT_EQ(file.read_8(), i);
     EXPECT_EQ(std::pair(disk.writes, disk.reads), std::pair(3, 3));
     disk.fail = true;
-    const u8 block[100] = {};
-    EXPECT_EQ(file.write(block, 99), 99);
-    EXPECT_EQ(file.write(block, 99), -1);
+    const u8 block[99] = {};
+    EXPECT_EQ(file.write(block), 99);
+    EXPECT_EQ(file.write(block), -1);
     EXPECT_EQ(file.write_8(1), 0U);
 }
 
@@ -166,7 +166,7 @@ class SaveFile : public testing::Test {
         return (reason_ = saveFile(systemDisk(), path_.c_str(), write)).empty();
     }
     bool save(const std::string& text) {
-        return saveBy([&](i4_file& file) { return file.write(text.data(), u32(text.size())) > 0; });
+        return saveBy([&](i4_file& file) { return file.write(i4_bytes(text)) > 0; });
     }
     // Writes thirty strings of different lengths and a count that is filled in at the end, like the lists do.
     // `beforeEach` runs before each of them.
@@ -272,7 +272,7 @@ TEST_F(SaveFile, NamesWhatItCannotSaveAndSetsAsideWhatIsDamaged) {
 TEST_F(SaveFile, TwoAtOnceAreBothWhole) {
     // A save inside another save of the same path.
     EXPECT_TRUE(saveBy([&](i4_file& file) {
-        file.write("outer", 5);
+        file.write(i4_bytes("outer"));
         std::thread([&] { EXPECT_TRUE(save("inner")); }).join();
         EXPECT_EQ(contentOf(path_), "inner");
         return true;

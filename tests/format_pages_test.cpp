@@ -111,7 +111,7 @@ bool readsAsResults(i4_file& file) {
 bool readsAsFileStatus(i4_file& file) {
     MD4Hash hash;
     BoolArray parts(0);
-    file.readAll(hash.bytes.data(), static_cast<u32>(hash.bytes.size()));
+    file.readAll(hash.bytes);
     parts.read(file);
     return hash.bytes[15] == 15 && parts.toText() == "101";
 }

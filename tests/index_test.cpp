@@ -449,7 +449,7 @@ FileRecord recordOf(const Bytes& tags) {
     return record;
 }
 FileRecord recordOf(const Meta& meta) {
-    return recordOf(written([&](i4_file& stream) { meta.Meta::toNetwork(stream); }));
+    return recordOf(written([&](i4_file& stream) { EXPECT_TRUE(meta.Meta::toNetwork(stream)); }));
 }
 
 // Clients and their files, and an index that is given the same.

@@ -159,6 +159,7 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     Meta record;
     record.setText(TAG_NAME, "one");
     record.setInt(TAG_SIZE, 5);
+    static_assert(!std::is_convertible_v<MetaTagType, MetaTag::Value>, "a type is no value");
     EXPECT_TRUE(record.addTag("files", 0U));
     EXPECT_FALSE(record.addTag("files", 0U));
 
@@ -372,10 +373,10 @@ TEST(ServerList, AddressesAreListedOnceAndUsersFoundByHash) {
     };
     auto* first = new ServerMeta;
     first->setAddress("1.2.3.4", 4661);
-    EXPECT_FALSE(list.addIfNew(first));
+    EXPECT_TRUE(list.addIfNew(std::unique_ptr<ServerMeta>(first)));
     ServerMeta same;
     same.setAddress("1.2.3.4", 4661);
-    EXPECT_TRUE(list.addIfNew(&same));
+    EXPECT_FALSE(list.addIfNew(copyOf(same)));
     same.setPing(30);
     list.addOrUpdate(&same);
     EXPECT_EQ(first->ping, 30);

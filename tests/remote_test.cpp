@@ -157,7 +157,7 @@ TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
         ui->connected("index");
         ui->serverStats(3, 0x102);
         ui->extending("other");
-        ui->addResult(namedFile(1, "a").release());
+        ui->addResult(namedFile(1, "a"));
         auto list = std::make_unique<FileList>();
         list->add(namedFile(2, "b").release());
         ui->setResults(list.release(), 1);
@@ -188,7 +188,7 @@ TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
     // The complete list replaced the single result; further ones are appended, up to the limit.
     EXPECT_FALSE(ui->findResult(hashOf(1)));
     EXPECT_TRUE(ui->findResult(hashOf(2)));
-    for (int i = 0; i < 10'100; ++i) ui->addResult(namedFile(3, "").release());
+    for (int i = 0; i < 10'100; ++i) ui->addResult(namedFile(3, ""));
     EXPECT_EQ(to.sent().size(), 9'999U);
 
     to.end();

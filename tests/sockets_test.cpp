@@ -83,7 +83,7 @@ TEST(SocketSet, ReportsWhatWasAskedForAndLimitsItByTheMask) {
     EXPECT_EQ(set.check(-1, all) | set.check(1000000, all), 0U);
     pair.near->add_to_set(set, all);
     EXPECT_EQ(pair.near->check_in_set(set, all), 0U);
-    ASSERT_EQ(pair.far->write("x", 1), 1);
+    ASSERT_EQ(pair.far->write(i4_bytes("x")), 1);
     ASSERT_NE(pair.near->ready(I4_SELECT_READ, limit, nullptr), 0U);
     ASSERT_EQ(set.poll(limit), 1);
     EXPECT_EQ(pair.near->check_in_set(set, all), I4_SELECT_READ | I4_SELECT_WRITE);
@@ -129,37 +129,37 @@ TEST(SocketSet, GrowsBy32AndKeepsTheFirstOfRepeatedEntries) {
 
 TEST(Socket, TellsNothingYetFromTheEndFromAFullOneAndFromAReset) {
     Pair pair;
-    char buffer[8];
+    u8 buffer[8];
     pair.near->set_blocking(false);
-    EXPECT_EQ(pair.near->read(buffer, sizeof buffer), 0);
+    EXPECT_EQ(pair.near->read(buffer), 0);
     EXPECT_FALSE(pair.near->atEnd());
-    EXPECT_EQ(pair.far->write_more("he", 2), 2);
-    EXPECT_EQ(pair.far->write("ad", 2), 2);
+    EXPECT_EQ(pair.far->write_more(i4_bytes("he")), 2);
+    EXPECT_EQ(pair.far->write(i4_bytes("ad")), 2);
     pair.near->set_blocking(true);
-    pair.near->readAll(buffer, 4);
-    EXPECT_EQ(std::string(buffer, 4), "head");
-    EXPECT_EQ(pair.near->read(buffer, 0), 0);
+    pair.near->readAll(std::span(buffer).first(4));
+    EXPECT_EQ(i4_text(buffer).substr(0, 4), "head");
+    EXPECT_EQ(pair.near->read({}), 0);
     EXPECT_FALSE(pair.near->atEnd());
     pair.far.reset();
-    EXPECT_EQ(pair.near->read(buffer, sizeof buffer), 0);
+    EXPECT_EQ(pair.near->read(buffer), 0);
     EXPECT_TRUE(pair.near->atEnd());
 
     Pair full;
     full.near->set_blocking(false);
-    const std::vector<char> block(1 << 20);
-    while (const i32 sent = full.near->write(block.data(), 1 << 20)) ASSERT_GT(sent, 0);
+    const std::vector<u8> block(1 << 20);
+    while (const i32 sent = full.near->write(block)) ASSERT_GT(sent, 0);
     EXPECT_EQ(full.near->ready(I4_SELECT_WRITE, 0, nullptr), 0U);
 
     Pair reset;
     reset.resetFar();
-    EXPECT_EQ(reset.near->read(buffer, sizeof buffer), -1);
+    EXPECT_EQ(reset.near->read(buffer), -1);
     EXPECT_FALSE(reset.near->atEnd());
-    EXPECT_EQ(reset.near->write("x", 1), -1);  // and no SIGPIPE
+    EXPECT_EQ(reset.near->write(i4_bytes("x")), -1);  // and no SIGPIPE
 }
 
 TEST(Socket, CancelEndsTheCallThatBlocksAndEveryLaterOne) {
     Pair pair;
-    char buffer[4];
+    u8 buffer[4];
     EXPECT_EQ(pair.near->ready(I4_SELECT_READ, 1, nullptr), 0U);
     EXPECT_EQ(pair.near->ready(all, -1, nullptr), I4_SELECT_WRITE);
     u32 events = 99;
@@ -167,12 +167,12 @@ TEST(Socket, CancelEndsTheCallThatBlocksAndEveryLaterOne) {
                  [&] { EXPECT_TRUE(pair.near->cancel()); });
     EXPECT_EQ(events, 0U);
     EXPECT_FALSE(pair.near->cancel());
-    EXPECT_EQ(pair.near->read(buffer, 4), -1);
-    EXPECT_EQ(pair.near->write(buffer, 4), -1);
+    EXPECT_EQ(pair.near->read(buffer), -1);
+    EXPECT_EQ(pair.near->write(buffer), -1);
     EXPECT_EQ(pair.near->ready(all, -1, nullptr), 0U);
     std::unique_ptr<i4_socket> none;
     EXPECT_FALSE(pair.near->accept(none));
-    EXPECT_LE(pair.far->read(buffer, 4), 0);  // the other side is notified
+    EXPECT_LE(pair.far->read(buffer), 0);  // the other side hears of it
 }
 
 TEST(Protocol, ConnectTellsARefusedAddressFromOneThatStands) {
@@ -211,7 +211,7 @@ TEST(Protocol, ResolvesDottedTextHereAndNamesWhereTheProxyIs) {
         EXPECT_STREQ(dynamic_cast<i4_proxy_address&>(*named).name.c_str(), "index.example");
         // It has no address; its zero bytes mean this machine to the system.
         EXPECT_EQ(systemNetwork().connect(*named, I4_STREAM, false), nullptr);
-        EXPECT_EQ(i4_tcpip_sock(I4_DATAGRAM).write_to("ping", 4, *named), -1);
+        EXPECT_EQ(i4_tcpip_sock(I4_DATAGRAM).write_to(i4_bytes("ping"), *named), -1);
     }
 }
 
@@ -251,11 +251,11 @@ std::unique_ptr<i4_proxy_sock> connectTo(const std::string& name) {
 }
 
 void expectPong(i4_socket& socket) {
-    char buffer[4];
-    EXPECT_EQ(socket.write("ping", 4), 4);
+    u8 buffer[4];
+    EXPECT_EQ(socket.write(i4_bytes("ping")), 4);
     socket.set_blocking(true);
-    socket.readAll(buffer, 4);
-    EXPECT_EQ(std::string(buffer, 4), "pong");
+    socket.readAll(std::span(buffer).first(4));
+    EXPECT_EQ(i4_text(buffer).substr(0, 4), "pong");
 }
 
 TEST(Proxy, ATunnelStandsAndCarriesBytes) {
@@ -285,9 +285,9 @@ TEST(Proxy, ATunnelStandsAndCarriesBytes) {
         useProxy(row.type, proxy.port(), row.user, row.password);
         const auto socket = connectTo(row.name);
         ASSERT_TRUE(socket);
-        char byte = 0;
-        EXPECT_EQ(socket->read(&byte, 1), 0);
-        EXPECT_EQ(socket->write("early", 5), 0);
+        u8 byte = 0;
+        EXPECT_EQ(socket->read({&byte, 1}), 0);
+        EXPECT_EQ(socket->write(i4_bytes("early")), 0);
         EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_WRITE);
         ASSERT_EQ(socket->state(), i4_proxy_sock::connected);
         expectPong(*socket);
@@ -350,9 +350,9 @@ TEST(Proxy, RefusalsBadAnswersAndStallsFailInTime) {
         EXPECT_EQ(socket->state(), i4_proxy_sock::failed);
         EXPECT_EQ(socket->ready(writeOrError, limit, nullptr), I4_SELECT_ERROR);
         EXPECT_EQ(socket->ready(I4_SELECT_WRITE, limit, nullptr), 0U);
-        char byte = 0;
-        EXPECT_EQ(socket->read(&byte, 1), 0);
-        EXPECT_EQ(socket->write(&byte, 1), 0);
+        u8 byte = 0;
+        EXPECT_EQ(socket->read({&byte, 1}), 0);
+        EXPECT_EQ(socket->write({&byte, 1}), 0);
     }
     EXPECT_LT(i4_ticks() - start, static_cast<u32>(limit));
 }

@@ -79,11 +79,12 @@ std::string bytesOf(i4_ram_file_class& stream) {
 // A stream that has all its bytes but delivers a few at a time, like a socket.
 class Drip : public BytesFile {
   public:
-    Drip(std::string_view bytes, u32 most) : BytesFile(Bytes(bytes.begin(), bytes.end())), most_(most) {}
-    i32 read(void* buffer, u32 count) override { return BytesFile::read(buffer, std::min(count, most_)); }
+    Drip(std::string_view bytes, std::size_t most)
+        : BytesFile(Bytes(bytes.begin(), bytes.end())), most_(most) {}
+    i32 read(std::span<u8> to) override { return BytesFile::read(to.first(std::min(to.size(), most_))); }
 
   private:
-    const u32 most_;
+    const std::size_t most_;
 };
 
 TEST(RamStream, GrowsByWholeStepsOrIsCut) {
@@ -96,14 +97,14 @@ TEST(RamStream, GrowsByWholeStepsOrIsCut) {
                  {4, 3, 5, 0, 7, 5}};
     for (const auto& c : cases) {
         i4_ram_file_class stream(c.capacity ? i4_malloc(c.capacity) : nullptr, c.capacity, c.step);
-        EXPECT_EQ(stream.write(std::string(1000, 'x').data(), c.write), c.write > 0 ? i32(c.used) : 0);
+        EXPECT_EQ(stream.write(i4_bytes(std::string(c.write, 'x'))), c.write > 0 ? i32(c.used) : 0);
         stream.seek(std::max(c.seek, stream.tell()));
         EXPECT_EQ(std::pair(stream.tell(), stream.size()), std::pair(c.used, c.used));
         EXPECT_EQ(stream.capacity(), c.newCapacity) << c.write << "," << c.seek;
         i4_free(stream.buffer());
     }
     i4_owned_ram_file sparse(16);
-    sparse.write("ab", 2);
+    sparse.write(i4_bytes("ab"));
     sparse.seek(1);
     sparse.seek(20);
     sparse.write_8('c');
@@ -136,7 +137,7 @@ TEST(Stream, AStringHasOneFormAndRefusesWhatIsNone) {
     const auto inTwoReads = [] { i4_string(*std::make_unique<Drip>("abcd", 2), 3); };
     EXPECT_EQ(errorOf(inTwoReads), "read string error");
 
-    char block[4];
+    u8 block[4];
     i4_ram_file_class cut(block, 4, 0);
     i4_owned_ram_file endless;
     const auto writing = [&](i4_file& file, std::size_t length) {
@@ -176,10 +177,10 @@ TEST(DiskFile, IsOpenedByTheFlagsAndKeepsItsPlaceAndItsName) {
         writeFile(path, "old");
         {
             const auto file = i4_open(path.c_str(), c.flags);
-            char byte = 0;
-            EXPECT_EQ(file->read(&byte, 1) >= 0, c.reads) << c.flags;
+            u8 byte = 0;
+            EXPECT_EQ(file->read({&byte, 1}) >= 0, c.reads) << c.flags;
             file->seek(0);
-            file->write("N", 1);
+            file->write(i4_bytes("N"));
         }
         EXPECT_EQ(contentOf(path), c.afterWriting) << c.flags;
         std::filesystem::remove(path);
@@ -187,7 +188,7 @@ TEST(DiskFile, IsOpenedByTheFlagsAndKeepsItsPlaceAndItsName) {
 
     const std::string odd = folder.file("Max: a\\b");
     const auto file = i4_open_exact(odd.c_str(), I4_FILE_WRITE | I4_FILE_READ);
-    file->write("abcdef", 6);
+    file->write(i4_bytes("abcdef"));
     EXPECT_EQ(file->seek(2), 2U);
     EXPECT_EQ(file->size(), 6U);
     EXPECT_EQ(file->read_16(), 'c' + 'd' * 256);
@@ -212,7 +213,7 @@ TEST(Formatter, WritesWhatEachLetterSays) {
     expect("[][7]d7%5 abc", "[%f][%d]%ld%d%%%8d %-10.3s", 7, 7, 5, "abc");
     expect("text..", "%S.%S.%s", &text, static_cast<const i4_string*>(nullptr), static_cast<char*>(nullptr));
     expect("<7> NULL", "%I %I", static_cast<i4_printable*>(&wagon), static_cast<i4_printable*>(nullptr));
-    expect("end", "end%-12.");
+    expect("end", "end%-12.", 0);
     std::fill_n(out, sizeof out, '?');
     EXPECT_EQ(i4_snprintf(out, 5, "abcdefg%s", "h"), 8U);
     EXPECT_EQ(std::string(out, 6), "abcd\0?"s);

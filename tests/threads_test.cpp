@@ -100,7 +100,7 @@ TEST(ThreadsDeathTest, AnErrorThatLeavesAThreadEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto die = [] {
         ::dup2(STDERR_FILENO, STDIN_FILENO);  // the terminal's output goes to descriptor 0
-        i4_add_thread([](void*) -> void* { return i4_error()("the text"), nullptr; }, 0, nullptr);
+        i4_add_thread([] { i4_error()("the text"); }, 0);
         i4_wait_for_threads();
         ::_exit(5);
     };

@@ -276,7 +276,7 @@ TEST_F(ConnectTest, APendingConnectIsNotMadeTwiceAndEndsWithTheWorker) {
 // Records each datagram; one that ends with `bad` is read past its end.
 std::string hear(i4_ram_file_class& datagram, Told& told, char bad) {
     std::string text(*datagram.bytesLeft(), '\0');
-    datagram.readAll(text.data(), static_cast<u32>(text.size()));
+    datagram.readAll(i4_room(text));
     told.heard(text);
     if (text.back() == bad) datagram.read_8();
     return text;
@@ -294,7 +294,7 @@ struct Door : UDPDoor {
     Door(SocketPool& pool, Told& doorTold) : UDPDoor(pool, 0), told(doorTold) {}
     void handleDatagram() override {
         const std::string text = hear(inBuffer_, told, '!');
-        outBuffer_.write(text.data(), static_cast<u32>(text.size()));
+        outBuffer_.write(i4_bytes(text));
         reply(outBuffer_.tell());
     }
     Told& told;
@@ -309,7 +309,7 @@ TEST_F(ConversationTest, DatagramsHaveTheirOwnLengthAndWhatCantBeReadCostsThatOn
     // Sends a body of `length` bytes; unwritten ones are sent as zeros.
     const auto send = [&](const std::string& body, u32 length) {
         auto packet = std::make_unique<UDPPacket>(systemNetwork(), length, loopbackIp, udpDoor->localPort());
-        packet->stream.write(body.data(), static_cast<u32>(body.size()));
+        packet->stream.write(i4_bytes(body));
         annex->send(std::move(packet));
     };
     send(std::string(2000, 'b'), 2000);

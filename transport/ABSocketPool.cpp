@@ -27,10 +27,9 @@ struct Rates {
     f32 downOver(i32 ms) const { return static_cast<f32>(down) / static_cast<f32>(ms); }
 };
 
-Rates ratesOf(const LL<Connection>& connections) {
+Rates ratesOf(const std::vector<Ref<Connection>>& connections) {
     Rates rates;
-    for (LL<Connection>::Cursor c; const Connection* connection = connections.next(c);)
-        rates.add(*connection);
+    for (const Ref<Connection>& connection : connections) rates.add(*connection);
     return rates;
 }
 
@@ -54,8 +53,8 @@ bool ABSocketPool::turns() { return mode_ == priority ? runPriority() : runTurns
 
 const char* ABSocketPool::failureText() const { return "*** Exception in socketpool::run()\n"; }
 
-void ABSocketPool::leaving(Connection* connection) {
-    if (priority_.remove(connection) && mode_ == baseline) {
+void ABSocketPool::leaving(Connection& connection) {
+    if (removeFrom(priority_, &connection) && mode_ == baseline) {
         mode_ = idle;
         timer_ = pauseLength;
     }
@@ -77,7 +76,7 @@ void ABSocketPool::tick() {
 }
 
 void ABSocketPool::startBaseline() {
-    for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+    for (const Ref<Connection>& connection : active_) {
         connection->bytesSent = 0;
         connection->bytesReceived = 0;
     }
@@ -91,14 +90,14 @@ void ABSocketPool::endBaseline(i32 ms) {
     bool upTurn = true;
     bool downTurn = true;
     u32 others = 0;
-    for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+    for (const Ref<Connection>& connection : active_) {
         all.add(*connection);
         const bool up = connection->bytesSent > busyBytes;
         if (up || connection->bytesReceived > busyBytes) {
             bool& turn = up ? upTurn : downTurn;
             if (turn) {
                 picked.add(*connection);
-                priority_.add(connection);
+                priority_.push_back(connection);
             } else {
                 ++others;
             }
@@ -120,14 +119,14 @@ void ABSocketPool::endBaseline(i32 ms) {
 
 bool ABSocketPool::runPriority() {
     bool none = true;
-    for (LL<Connection>::Cursor c; Connection* connection = priority_.next(c);) {
+    for (const Ref<Connection>& connection : priority_) {
         if (!connection->isReady()) continue;
         none = false;
         runTurn(*connection);
     }
     bool nothingRan = none;
     if (none) {
-        for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+        for (const Ref<Connection>& connection : active_) {
             if (!connection->isReady()) continue;
             nothingRan = false;
             const Budgets saved = budgets_;

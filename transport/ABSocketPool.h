@@ -1,7 +1,6 @@
 // ABSocketPool: a socket pool that estimates the line's capacity by experiment.
 #pragma once
 
-#include "i4min/memory/LL.h"
 #include "transport/PacedPool.h"
 
 // Every five minutes it measures all connections for 45 seconds, then gives priority to about every other
@@ -32,11 +31,10 @@ class ABSocketPool : public PacedPool {
     void elapsed(i32 ms) override;
     bool turns() override;
     const char* failureText() const override;
-    void addedAgain() override {}  // `count` stays as addConnection() left it
-    void leaving(Connection* connection) override;
+    void addedAgain() override {}  // additions change `count` only when they are asked for
+    void leaving(Connection& connection) override;
 
     Mode mode() const { return mode_; }
-    const LL<Connection>& chosen() const { return priority_; }
 
   private:
     void tick();
@@ -49,5 +47,5 @@ class ABSocketPool : public PacedPool {
     f32 baseUp_ = 0;  // KB/s of the chosen connections without priority
     f32 baseDown_ = 0;
     Mode mode_ = idle;
-    LL<Connection> priority_;  // the chosen ones
+    std::vector<Ref<Connection>> priority_;  // the chosen ones
 };

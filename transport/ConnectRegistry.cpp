@@ -22,7 +22,7 @@ bool ConnectRegistry::connect(Ref<Connection> connection) {
             return false;
     }
     pending_.add(task.get());
-    pool.addTask(task.release());
+    pool.addTask(std::move(task));
     return true;
 }
 
@@ -52,7 +52,6 @@ std::optional<Rest> ConnectTask::work(SocketPool& pool, i4_socket_set& set) {
     if (outcome == Attempt::waits) {
         return Rest::atMost(std::max(msBetween(transport.host.clock.now(), until_), 0) + 1);
     }
-    const std::unique_ptr<ConnectTask> self(this);
     leaveSet();
     transport.connects.done(this);
     // Done before: once in the pool, the connection may end at once and be connected again.
@@ -110,13 +109,7 @@ void ConnectTask::leaveSet() {
 }
 
 void ConnectTask::abandon() {
-    const std::unique_ptr<ConnectTask> self(this);
     leaveSet();
     connection->pool().transport().connects.done(this);
-    connection->end();
-}
-
-void CleanupTask::doTask(SocketPool*) {
-    const std::unique_ptr<CleanupTask> self(this);
     connection->end();
 }

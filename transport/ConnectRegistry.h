@@ -24,8 +24,7 @@ struct Transport;
 //   under way  the socket is connected                      connected
 //   under way  socket error, timeout or close               failed
 //
-// In the last two states the task has been destroyed.
-// Thread: a worker's. Owns: the socket, until it is connected. Borrows: the connection, counted.
+// In the last two states the task is done.
 class ConnectTask : public Task {
   public:
     explicit ConnectTask(Ref<Connection> target);
@@ -54,7 +53,7 @@ class ConnectTask : public Task {
 class CleanupTask : public Task {
   public:
     explicit CleanupTask(Ref<Connection> target) : connection(std::move(target)) {}
-    void doTask(SocketPool* pool) override;  // deletes itself
+    void doTask(SocketPool*) override { connection->end(); }
 
     const Ref<Connection> connection;
 };

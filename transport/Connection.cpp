@@ -143,7 +143,7 @@ bool Connection::firstMessage(u8 opcode, i4_ram_file_class& stream) {
     return handleMessage(opcode, stream);
 }
 
-Connection* Connection::spawn(std::unique_ptr<i4_socket>) { return nullptr; }
+Ref<Connection> Connection::spawn(std::unique_ptr<i4_socket>) { return {}; }
 const Budgets& Connection::budgets() const { return pool_.budgets(); }
 bool Connection::canAccept() { return false; }
 bool Connection::isAllowed() { return true; }

@@ -49,7 +49,7 @@ class Connection : public Task, public RefCounter {
     virtual bool handleMessage(u8 opcode, i4_ram_file_class& stream);
     // The same for the first message: sets gotFirst and calls handleMessage.
     virtual bool firstMessage(u8 opcode, i4_ram_file_class& stream);
-    virtual Connection* spawn(std::unique_ptr<i4_socket> socket);  // null
+    virtual Ref<Connection> spawn(std::unique_ptr<i4_socket> socket);  // empty
     ~Connection() override;
     // Removes the socket from the pool's set and ends the connection. Thread: the pool's.
     virtual void cleanup();

@@ -69,7 +69,7 @@ void DoorTask::turn() {
         return;
     }
     accepted->set_blocking(false);
-    pool().addConnection(newConnection(std::move(accepted)));
+    pool().addConnection(newConnection(std::move(accepted)).get());
 }
 
 void DoorTask::outOfDescriptors() {

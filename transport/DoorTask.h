@@ -12,8 +12,8 @@ class DoorTask : public Endpoint {
     DoorTask(SocketPool& pool, u32 port);
 
     bool canAccept() override;  // true
-    // Makes the connection of an accepted socket; the pool owns it. Null drops the socket.
-    virtual Connection* newConnection(std::unique_ptr<i4_socket> socket) = 0;
+    // The connection for a socket that came in; the pool takes it. An empty one drops the socket.
+    virtual Ref<Connection> newConnection(std::unique_ptr<i4_socket> socket) = 0;
 
     // Opens the port; prints a message if that fails. The timeout applies to a proxy, which then listens for
     // us. Returns true if it listens; does nothing if it did already.

@@ -95,7 +95,7 @@ bool PacedPool::turns() { return runTurns(); }
 
 bool PacedPool::runTurns() {
     bool idle = true;
-    for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+    for (const Ref<Connection>& connection : active_) {
         if (!connection->isReady()) continue;
         idle = false;
         runTurn(*connection);
@@ -119,5 +119,5 @@ void PacedPool::runTurn(Connection& connection) {
 }
 
 void PacedPool::rotate() {
-    if (Connection* first = active_.removeAt(0)) active_.add(first);
+    if (!active_.empty()) std::rotate(active_.begin(), active_.begin() + 1, active_.end());
 }

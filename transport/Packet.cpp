@@ -32,7 +32,7 @@ void Packet::setHeader() {
 
 Packet::Result Packet::send(i4_socket& socket, const Budgets& budgets, u32& out_bytes) {
     if (headerDone < headerSize) {
-        const i32 written = socket.write_more(header.data() + headerDone, headerSize - headerDone);
+        const i32 written = socket.write_more(std::span(header).subspan(headerDone));
         if (written < 0) return failed;
         headerDone += static_cast<u32>(written);
         out_bytes += static_cast<u32>(written);
@@ -40,7 +40,7 @@ Packet::Result Packet::send(i4_socket& socket, const Budgets& budgets, u32& out_
     }
     const u32 chunk = withinBudget(size - bodyDone, budgets.sendBudget);
     if (chunk == 0) return more;
-    const i32 written = socket.write(stream.buffer() + bodyDone, chunk);
+    const i32 written = socket.write({stream.buffer() + bodyDone, chunk});
     if (written < 0) return failed;
     out_bytes += static_cast<u32>(written);
     bodyDone += static_cast<u32>(written);
@@ -51,7 +51,7 @@ void Packet::sent() {}
 
 Packet::Result Packet::receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit) {
     if (headerDone < headerSize) {
-        const i32 got = socket.read(header.data() + headerDone, headerSize - headerDone);
+        const i32 got = socket.read(std::span(header).subspan(headerDone));
         if (got < 0) return failed;
         headerDone += static_cast<u32>(got);
         out_bytes += static_cast<u32>(got);
@@ -64,7 +64,7 @@ Packet::Result Packet::receive(i4_socket& socket, const Budgets& budgets, u32& o
         if (bodyDone == stream.capacity()) growBody();
         const u32 chunk = withinBudget(stream.capacity() - bodyDone, budget);
         if (chunk == 0) break;
-        const i32 got = socket.read(stream.buffer() + bodyDone, chunk);
+        const i32 got = socket.read({stream.buffer() + bodyDone, chunk});
         if (got < 0) return failed;
         out_bytes += static_cast<u32>(got);
         bodyDone += static_cast<u32>(got);
@@ -96,6 +96,9 @@ std::unique_ptr<Packet> Packet::clone() const {
     return copy;
 }
 
+// Memory takes every byte.
+void Packet::put(const Serializable& content) { static_cast<void>(content.toNetwork(stream)); }
+
 void Packet::finish() {
     size = stream.tell();
     setHeader();
@@ -116,7 +119,7 @@ std::unique_ptr<Packet> makePacket(u8 opcode, u32 payload) {
 
 std::unique_ptr<Packet> makePacket(u8 opcode, const Serializable& content) {
     auto packet = makePacket(opcode, content.byteSize());
-    content.toNetwork(packet->stream);
+    packet->put(content);
     packet->finish();
     return packet;
 }

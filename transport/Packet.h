@@ -44,19 +44,21 @@ class Packet {
     Packet& operator=(const Packet&) = delete;
     virtual ~Packet();
 
-    // Writes as much as the socket and the budget allow. `out_bytes` is the number of bytes this call moved.
-    virtual Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes);
-    // Called once when the whole packet was sent, on the pool's thread, within the connection's turn.
+    // Writes as much as socket and budget take. `out_bytes` is what this call moved.
+    [[nodiscard]] virtual Result send(i4_socket& socket, const Budgets& budgets, u32& out_bytes);
+    // Once, when the whole packet has left. On the pool's thread, within the connection's turn.
     virtual void sent();
 
-    // Reads the rest of the header, then of the body, as far as the socket and the budget allow. Returns
-    // failed for a socket error, a wrong marker, or a length of 0 or above `limit`. Once complete, `stream`
-    // is at the opcode and ends with the body.
-    Result receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit);
+    // Reads as much as socket and budget give: the rest of the header, then of the body.
+    // Failed: the socket, a wrong marker, a length of 0 or above `limit`. Complete: `stream` stands at
+    // the opcode and ends with the body.
+    [[nodiscard]] Result receive(i4_socket& socket, const Budgets& budgets, u32& out_bytes, u32 limit);
 
     // Returns a new packet with the same body, of which nothing is sent yet.
     std::unique_ptr<Packet> clone() const;
-    // Sets the body length to the stream's position, for a sender that wrote less or more than announced.
+    // Appends the network form of a record or a list of them.
+    void put(const Serializable& content);
+    // Takes the stream's position as the length, for a sender that wrote another amount than it told.
     void finish();
     // Makes the packet empty and frees the buffer.
     void reset();

@@ -1,10 +1,10 @@
 #include "transport/SocketPool.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
-#include "i4min/threads/linux/RefCounter.h"
 #include "i4min/threads/linux/Thread.h"
 #include "transport/Connection.h"
 #include "transport/Transport.h"
@@ -17,11 +17,8 @@ constexpr u32 checkInterval = 1000;
 // Runs a connection's turn on a worker. Borrows: the connection.
 class TurnTask : public Task {
   public:
-    explicit TurnTask(Connection* connection) : connection_(connection) {}
-    void doTask(SocketPool* pool) override {
-        const std::unique_ptr<TurnTask> self(this);
-        connection_->doTask(pool);
-    }
+    explicit TurnTask(Ref<Connection> connection) : connection_(std::move(connection)) {}
+    void doTask(SocketPool* pool) override { connection_->doTask(pool); }
 
   private:
     const Ref<Connection> connection_;
@@ -46,15 +43,18 @@ void SocketPool::start() {
 
 // Tasks.
 
-void SocketPool::addTask(Task* task) {
+void SocketPool::addTask(std::unique_ptr<Task> task) {
     i4_lock guard(tasksLock_);
-    tasks_.add(task);
+    tasks_.push_back(std::move(task));
     for (LL<Thread>::Cursor c; Thread* worker = workers_.next(c);) worker->wake();
 }
 
-Task* SocketPool::nextTask() {
+std::unique_ptr<Task> SocketPool::nextTask() {
     i4_lock guard(tasksLock_);
-    return tasks_.removeAt(0);
+    if (tasks_.empty()) return nullptr;
+    std::unique_ptr<Task> task = std::move(tasks_.front());
+    tasks_.pop_front();
+    return task;
 }
 
 void SocketPool::addWorker(Thread* worker) {
@@ -73,8 +73,7 @@ void SocketPool::addConnection(Connection* connection) {
     if (!connection) return;
     {
         i4_lock guard(additionsLock_);
-        if (!additions_.addUnique(connection)) return;
-        connection->addRef();
+        if (!addUnique(additions_, connection)) return;
         count.add(1);
     }
     if (!isOwnTurn()) wake();
@@ -84,8 +83,7 @@ void SocketPool::removeConnection(Connection* connection) {
     if (!connection) return;
     {
         i4_lock guard(removalsLock_);
-        if (!removals_.addUnique(connection)) return;
-        connection->addRef();
+        if (!addUnique(removals_, connection)) return;
     }
     if (!isOwnTurn()) wake();
 }
@@ -97,58 +95,51 @@ void SocketPool::processChanges() {
 }
 
 void SocketPool::takeAdditions() {
-    LL<Connection> twice;
-    {
-        i4_lock guard(additionsLock_);
-        while (Connection* connection = additions_.removeAt(0)) {
-            if (active_.addUnique(connection)) {
-                connection->addToSet();
-            } else {
-                addedAgain();
-                transport_.log.print("ERROR: connection already on list\n");
-                twice.add(connection);
-            }
+    std::vector<Ref<Connection>> added;  // those that were here already are released without the lock
+    i4_lock guard(additionsLock_);
+    added.swap(additions_);
+    for (const Ref<Connection>& connection : added) {
+        if (addUnique(active_, connection.get())) {
+            connection->addToSet();
+        } else {
+            addedAgain();
+            transport_.log.print("ERROR: connection already on list\n");
         }
     }
-    while (Connection* connection = twice.removeAt(0)) connection->release();
 }
 
 void SocketPool::takeRemovals() {
-    LL<Connection> removed;
+    std::vector<Ref<Connection>> removed;
     {
         i4_lock guard(removalsLock_);
-        if (removals_.isEmpty()) return;
-        removed.addAll(removals_);
-        removals_.clear();
+        removed.swap(removals_);
     }
-    // Connections end without the lock held: gone() may request further removals.
-    while (Connection* connection = removed.removeAt(0)) {
-        const Ref<Connection> asked = Ref<Connection>::adopt(connection);
-        const bool wasHere = active_.remove(connection);
-        if (wasHere) {
+    // Their ends run without the lock: what they tell may ask for further removals.
+    for (const Ref<Connection>& connection : removed) {
+        if (removeFrom(active_, connection.get())) {
             count.add(-1);
-            leaving(connection);
+            leaving(*connection);
         }
         left_.add(1);
         connection->cleanup();
-        if (wasHere) connection->release();
     }
 }
 
 void SocketPool::addedAgain() { count.add(-1); }
-void SocketPool::leaving(Connection*) {}
+void SocketPool::leaving(Connection&) {}
 
 void SocketPool::deleteConnections() {
     checkOwnThread();
     takeAdditions();
-    while (Connection* connection = active_.removeAt(0)) {
+    while (!active_.empty()) {
+        const Ref<Connection> connection = active_.front();
+        active_.erase(active_.begin());
         count.add(-1);
-        leaving(connection);
+        leaving(*connection);
         connection->cleanup();
-        connection->release();
     }
     takeRemovals();
-    while (Task* task = nextTask()) task->abandon();
+    while (const std::unique_ptr<Task> task = nextTask()) task->abandon();
 }
 
 // Waiting.
@@ -172,7 +163,7 @@ Rest SocketPool::restWithSockets() {
     const bool check = now - lastCheck_ >= checkInterval;
     if (check) lastCheck_ = now;
     bool isWatched = false;
-    for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+    for (const Ref<Connection>& connection : active_) {
         if (check) connection->checkStall(now);
         connection->refreshInterest();
         isWatched = isWatched || connection->isWatched();
@@ -188,10 +179,10 @@ Rest SocketPool::run() {
     try {
         const Polled polled = takePolled();
         if (polled.ready > 0 || polled.woken) {
-            for (LL<Connection>::Cursor c; Connection* connection = active_.next(c);) {
+            for (const Ref<Connection>& connection : active_) {
                 if (!connection->isReady()) continue;
                 idle = false;
-                addTask(new TurnTask(connection));
+                addTask(std::make_unique<TurnTask>(connection));
             }
         }
         processChanges();

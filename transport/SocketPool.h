@@ -2,13 +2,16 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <memory>
+#include <vector>
 
 #include "i4min/memory/LL.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/relaxed.h"
 #include "i4min/memory/types.h"
 #include "i4min/network/socket_set.h"
+#include "i4min/threads/linux/RefCounter.h"
 #include "i4min/threads/linux/Thread.h"
 #include "transport/Packet.h"
 #include "transport/Task.h"
@@ -17,9 +20,10 @@ class Connection;
 class Thread;
 struct Transport;
 
-// The base class. Its own run() hands ready connections to workers as tasks.
-// Thread: public functions on any, unless stated otherwise; run() and protected members on the pool's own.
-// Holds: one reference to each connection in the pool.
+// The base: its run() hands ready connections to workers as tasks.
+// Thread: the public operations any, where they don't say otherwise; run() and what is protected, the
+// pool's own.
+// Holds: a reference to each connection that it has.
 class SocketPool : public Thread {
   public:
     explicit SocketPool(Transport& transport);
@@ -29,9 +33,9 @@ class SocketPool : public Thread {
     i4_socket_set* restingSet() const override { return restingSet_.load(std::memory_order_acquire); }
     Transport& transport() const { return transport_; }
 
-    void addTask(Task* task) EXCLUDES(tasksLock_);
-    Task* nextTask() EXCLUDES(tasksLock_);  // null if there is none
-    // Registers a thread that takes tasks; it is woken for each new one.
+    void addTask(std::unique_ptr<Task> task) EXCLUDES(tasksLock_);
+    std::unique_ptr<Task> nextTask() EXCLUDES(tasksLock_);  // null where there is none
+    // A thread that takes tasks: it is woken when there is one.
     void addWorker(Thread* worker) EXCLUDES(tasksLock_);
     void removeWorker(Thread* worker) EXCLUDES(tasksLock_);
 
@@ -64,9 +68,9 @@ class SocketPool : public Thread {
     void processChanges() EXCLUDES(additionsLock_, removalsLock_);
     // Called if an added connection was in `active_` already: corrects `count`.
     virtual void addedAgain();
-    virtual void leaving(Connection* connection);  // it was removed from `active_`; by default nothing
+    virtual void leaving(Connection& connection);  // it was taken out of `active_`; nothing by default
 
-    LL<Connection> active_;
+    std::vector<Ref<Connection>> active_;
     Budgets budgets_;
     bool progress_ = false;
 
@@ -75,12 +79,12 @@ class SocketPool : public Thread {
     void takeRemovals() EXCLUDES(removalsLock_);
 
     i4_mutex tasksLock_{LockRank::socketPool};
-    LL<Task> tasks_ GUARDED_BY(tasksLock_);
+    std::deque<std::unique_ptr<Task>> tasks_ GUARDED_BY(tasksLock_);
     LL<Thread> workers_ GUARDED_BY(tasksLock_);
     i4_mutex additionsLock_{LockRank::socketPool};
-    LL<Connection> additions_ GUARDED_BY(additionsLock_);
+    std::vector<Ref<Connection>> additions_ GUARDED_BY(additionsLock_);
     i4_mutex removalsLock_{LockRank::socketPool};
-    LL<Connection> removals_ GUARDED_BY(removalsLock_);
+    std::vector<Ref<Connection>> removals_ GUARDED_BY(removalsLock_);
     Transport& transport_;
     std::unique_ptr<i4_socket_set> set_;
     std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same pointer, for other threads

@@ -1,6 +1,7 @@
 // Task: a unit of work in a socket pool's queue.
 #pragma once
 
+#include <memory>
 #include <optional>
 
 #include "i4min/threads/Scheduler.h"
@@ -8,18 +9,18 @@
 class SocketPool;
 class i4_socket_set;
 
-// A Worker takes it from the queue and runs it on its thread.
-// Owned by the queue until it is taken; then it destroys itself when it is done.
+// Taken from the queue and run by a Worker, on the worker's thread. The queue owns a task until it is
+// taken, and then whoever took it.
 class Task {
   public:
     virtual void doTask(SocketPool* pool) = 0;
     virtual ~Task() = default;
-    // Runs one step on a worker. Returns empty if the task is done, and destroyed; otherwise the longest wait
-    // for the sockets that it added to the set. By default doTask() is the only step.
+    // One piece of the work, for a worker: nothing when the task is done; else how long it waits at
+    // most for the sockets that it has put into the set. By default doTask() is all of it.
     virtual std::optional<Rest> work(SocketPool& pool, i4_socket_set& /*set*/) {
         doTask(&pool);
         return std::nullopt;
     }
-    // Called instead of the remaining work when the pool or the worker ends.
-    virtual void abandon() { delete this; }
+    // Instead of doTask, or of what is left of the work, where pool or worker go.
+    virtual void abandon() {}
 };

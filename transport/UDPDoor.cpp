@@ -37,5 +37,5 @@ void UDPDoor::turn() {
 void UDPDoor::turnEnded() { from_.reset(); }
 
 void UDPDoor::reply(u32 length) {
-    if (from_) socket()->write_to(outBuffer_.buffer(), std::min(length, largestDatagram), *from_);
+    if (from_) socket()->write_to({outBuffer_.buffer(), std::min(length, largestDatagram)}, *from_);
 }

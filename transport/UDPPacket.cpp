@@ -18,13 +18,13 @@ Packet::Result UDPPacket::send(i4_socket& socket, const Budgets&, u32& out_bytes
     const std::unique_ptr<i4_address> address = network_.resolve(ipToString(ip).c_str(), 0, 0);
     if (!address) return failed;
     address->set_port(static_cast<u16>(port));
-    out_bytes = static_cast<u32>(std::max(socket.write_to(stream.buffer(), size, *address), 0));
+    out_bytes = static_cast<u32>(std::max(socket.write_to({stream.buffer(), size}, *address), 0));
     return complete;
 }
 
 bool readDatagram(i4_socket& socket, i4_ram_file_class& stream, std::unique_ptr<i4_address>& from) {
     from.reset();
-    const i32 got = socket.read_from(stream.buffer(), stream.capacity(), &from);
+    const i32 got = socket.read_from({stream.buffer(), stream.capacity()}, &from);
     if (got <= 0) {
         from.reset();
         return false;

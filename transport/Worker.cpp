@@ -5,7 +5,6 @@
 #include "i4min/memory/error.h"
 #include "i4min/network/protocol.h"
 #include "transport/SocketPool.h"
-#include "transport/Task.h"
 #include "transport/Transport.h"
 
 Worker::Worker(SocketPool& pool) : Thread(pool.transport().host.scheduler), pool_(pool) {
@@ -27,7 +26,7 @@ void Worker::start() {
 
 void Worker::stop() {
     Thread::stop();
-    if (Task* task = std::exchange(task_, nullptr)) task->abandon();
+    if (const std::unique_ptr<Task> task = std::move(task_)) task->abandon();
 }
 
 Rest Worker::run() {
@@ -38,6 +37,6 @@ Rest Worker::run() {
     } catch (const i4_err&) {
         pool_.transport().log.printVerbose("*** Exception in Task\n");
     }
-    task_ = nullptr;
+    task_.reset();
     return Rest::none();
 }

@@ -6,9 +6,9 @@
 
 #include "i4min/network/socket_set.h"
 #include "i4min/threads/linux/Thread.h"
+#include "transport/Task.h"
 
 class SocketPool;
-class Task;
 
 // Takes tasks from a pool's queue and runs them one after the other; SocketPool::addTask wakes it.
 // Thread: start() and stop() on any but its own.
@@ -27,6 +27,6 @@ class Worker : public Thread {
   private:
     SocketPool& pool_;
     std::unique_ptr<i4_socket_set> set_;
-    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same pointer, for other threads
-    Task* task_ = nullptr;  // the task under way; used by the worker's thread while it runs
+    std::atomic<i4_socket_set*> restingSet_{nullptr};  // the same, for other threads
+    std::unique_ptr<Task> task_;                       // under way; of the worker's thread while it runs
 };

@@ -29,7 +29,7 @@ i4_file* i4_buffered_file_class::flush() {
 void i4_buffered_file_class::writeOut() {
     const u8* bytes = buffer_.data();
     while (buf_start_ != buf_end_ && !failed_) {
-        const i32 written = inner_->write(bytes, buf_end_ - buf_start_);
+        const i32 written = inner_->write({bytes, buf_end_ - buf_start_});
         if (written <= 0) {
             failed_ = true;
         } else {
@@ -40,16 +40,15 @@ void i4_buffered_file_class::writeOut() {
     buf_start_ = buf_end_;
 }
 
-i32 i4_buffered_file_class::read(void* buffer, u32 count) {
+i32 i4_buffered_file_class::read(std::span<u8> to) {
     flush();
     write_mode_ = false;
-    auto* out = static_cast<u8*>(buffer);
-    count = std::min(count, largest);
+    const auto count = static_cast<u32>(std::min<std::size_t>(to.size(), largest));
     u32 done = 0;
     while (done < count) {
         if (offset_ >= buf_start_ && offset_ < buf_end_) {
             const u32 length = std::min(count - done, buf_end_ - offset_);
-            std::memcpy(out + done, buffer_.data() + (offset_ - buf_start_), length);
+            std::memcpy(to.data() + done, buffer_.data() + (offset_ - buf_start_), length);
             offset_ += length;
             done += length;
         } else if (offset_ != buf_end_) {
@@ -57,7 +56,7 @@ i32 i4_buffered_file_class::read(void* buffer, u32 count) {
             buf_start_ = buf_end_ = offset_;
         } else {
             buf_start_ = offset_;
-            const i32 got = inner_->read(buffer_.data(), static_cast<u32>(buffer_.size()));
+            const i32 got = inner_->read(buffer_);
             buf_end_ = offset_ + static_cast<u32>(std::max(0, got));
             if (got <= 0) break;
         }
@@ -65,20 +64,19 @@ i32 i4_buffered_file_class::read(void* buffer, u32 count) {
     return static_cast<i32>(done);
 }
 
-i32 i4_buffered_file_class::write(const void* buffer, u32 count) {
+i32 i4_buffered_file_class::write(std::span<const u8> bytes) {
     if (!write_mode_) {
         inner_->seek(offset_);
         buf_start_ = buf_end_ = offset_;
         write_mode_ = true;
     }
-    const auto* in = static_cast<const u8*>(buffer);
     const auto room = static_cast<u32>(buffer_.size());
-    count = std::min(count, largest);
+    const auto count = static_cast<u32>(std::min<std::size_t>(bytes.size(), largest));
     for (u32 done = 0; done < count && !failed_;) {
         if (offset_ >= buf_start_ && offset_ <= buf_end_) {
             const u32 at = offset_ - buf_start_;
             const u32 length = std::min(count - done, room - at);
-            std::memcpy(buffer_.data() + at, in + done, length);
+            std::memcpy(buffer_.data() + at, bytes.data() + done, length);
             offset_ += length;
             done += length;
             buf_end_ = std::max(buf_end_, offset_);

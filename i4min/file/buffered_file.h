@@ -17,8 +17,8 @@ class i4_buffered_file_class : public i4_file {
     ~i4_buffered_file_class() override;
 
     i4_file* flush() override;
-    i32 read(void* buffer, u32 count) override;
-    i32 write(const void* buffer, u32 count) override;
+    i32 read(std::span<u8> to) override;
+    i32 write(std::span<const u8> bytes) override;
     u32 seek(u32 offset) override { return offset_ = offset; }
     u32 size() override { return inner_->size(); }  // of what has been written out
     u32 tell() override { return offset_; }

@@ -16,7 +16,7 @@ struct SourcePosition {
 };
 thread_local SourcePosition position;
 
-void printDebug(const i4_string& text) { i4_debug_printf("%S", &text); }
+void printDebug(const i4_string& text) { i4_debug_printf("%s", orEmpty(text)); }
 
 int printWarning(const char* text) {
     const char* file = nullptr;
@@ -108,7 +108,7 @@ u32 printAtOnce(i4_file& stream, const char* format, va_list list) {
     i4_owned_ram_file out;
     out.vprintf(format, list);
     i4_replace_controls(reinterpret_cast<char*>(out.buffer()), out.size());
-    if (out.size() > 0) stream.write(out.buffer(), out.size());
+    if (out.size() > 0) stream.write({out.buffer(), out.size()});
     return out.size();
 }
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cassert>
 #include <cstdio>
 #include <cstring>
@@ -15,8 +14,11 @@
 #include "i4min/memory/error.h"
 #include "i4min/memory/malloc4.h"
 
-u8* i4_file::map(u32, u32, u32) { return nullptr; }
-bool i4_file::unmap(u32, u32) { return false; }
+namespace {
+
+constexpr std::size_t mostAtOnce = std::numeric_limits<i32>::max();  // bytes of a call
+
+}  // namespace
 
 void i4_file::tell(i4_log::Tone tone, const char* format, ...) {
     if (!log_) return;
@@ -28,41 +30,25 @@ void i4_file::tell(i4_log::Tone tone, const char* format, ...) {
     log_->tell(tone, text);
 }
 
-u8 i4_file::read_8() {
-    u8 value = 0;
-    if (read(&value, 1) != 1) i4_error()("read_8 error");
-    return value;
-}
-
-u16 i4_file::read_16() {
-    u8 bytes[2] = {};
-    for (u8& byte : bytes) {
-        if (read(&byte, 1) != 1) i4_error()("read_16 error");
-    }
-    return static_cast<u16>(bytes[0] | bytes[1] << 8);
-}
-
-u32 i4_file::read_32() {
+// A byte at a time: a stream may have fewer than are asked for.
+u32 i4_file::readLittle(u32 count) {
     u32 value = 0;
-    for (u32 shift = 0; shift < 32; shift += 8) {
+    for (u32 i = 0; i < count; ++i) {
         u8 byte = 0;
-        if (read(&byte, 1) != 1) i4_error()("read_32 error");
-        value |= static_cast<u32>(byte) << shift;
+        if (read({&byte, 1}) != 1) i4_error()("read_%u error", 8 * count);
+        value |= static_cast<u32>(byte) << 8 * i;
     }
     return value;
 }
 
-f32 i4_file::read_float() { return std::bit_cast<f32>(read_32()); }
-
-void i4_file::readAll(void* buffer, u32 count) {
-    auto* bytes = static_cast<u8*>(buffer);
-    for (u32 done = 0; done < count;) {
-        const i32 got = read(bytes + done, count - done);
+void i4_file::readAll(std::span<u8> to) {
+    while (!to.empty()) {
+        const i32 got = read(to);
         if (got <= 0) {
             i4_error()("readAll error");
             return;
         }
-        done += static_cast<u32>(got);
+        to = to.subspan(static_cast<std::size_t>(got));
     }
 }
 
@@ -71,31 +57,24 @@ void i4_file::expect(u64 count) {
     if (left && count > *left) i4_error()("readAll error");
 }
 
-u32 i4_file::write_8(u8 value) { return static_cast<u32>(std::max(0, write(&value, 1))); }
-
-u32 i4_file::write_16(u16 value) {
-    const u8 bytes[2] = {static_cast<u8>(value), static_cast<u8>(value >> 8)};
-    return static_cast<u32>(std::max(0, write(bytes, sizeof bytes)));
+u32 i4_file::writeLittle(u32 value, u32 count) {
+    u8 bytes[4];
+    for (u32 i = 0; i < count; ++i) bytes[i] = static_cast<u8>(value >> 8 * i);
+    return static_cast<u32>(std::max(0, write({bytes, count})));
 }
 
-u32 i4_file::write_32(u32 value) {
-    const u8 bytes[4] = {static_cast<u8>(value), static_cast<u8>(value >> 8), static_cast<u8>(value >> 16),
-                         static_cast<u8>(value >> 24)};
-    return static_cast<u32>(std::max(0, write(bytes, sizeof bytes)));
+bool i4_file::writeAll(std::span<const u8> bytes) {
+    return bytes.empty() || write(bytes) == static_cast<i64>(bytes.size());
 }
-
-u32 i4_file::write_float(f32 value) { return write_32(std::bit_cast<u32>(value)); }
 
 i4_unix_file_class::~i4_unix_file_class() { ::close(descriptor_); }
 
-i32 i4_unix_file_class::read(void* buffer, u32 count) {
-    return static_cast<i32>(
-        ::read(descriptor_, buffer, std::min<u32>(count, std::numeric_limits<i32>::max())));
+i32 i4_unix_file_class::read(std::span<u8> to) {
+    return static_cast<i32>(::read(descriptor_, to.data(), std::min(to.size(), mostAtOnce)));
 }
 
-i32 i4_unix_file_class::write(const void* buffer, u32 count) {
-    return static_cast<i32>(
-        ::write(descriptor_, buffer, std::min<u32>(count, std::numeric_limits<i32>::max())));
+i32 i4_unix_file_class::write(std::span<const u8> bytes) {
+    return static_cast<i32>(::write(descriptor_, bytes.data(), std::min(bytes.size(), mostAtOnce)));
 }
 
 u32 i4_unix_file_class::seek(u32 offset) { return static_cast<u32>(::lseek(descriptor_, offset, SEEK_SET)); }
@@ -117,17 +96,12 @@ std::optional<u32> i4_unix_file_class::bytesLeft() {
     return static_cast<u32>(std::min<off_t>(left, std::numeric_limits<u32>::max()));
 }
 
-i4_ram_file_class::i4_ram_file_class(void* buffer, u32 capacity, u32 grow_step)
-    : buffer_(static_cast<u8*>(buffer)),
-      capacity_(capacity),
-      position_(0),
-      grow_step_(grow_step),
-      used_(capacity) {}
+i4_ram_file_class::i4_ram_file_class(u8* buffer, u32 capacity, u32 grow_step)
+    : buffer_(buffer), capacity_(capacity), position_(0), grow_step_(grow_step), used_(capacity) {}
 
-i32 i4_ram_file_class::read(void* buffer, u32 count) {
-    const u32 length =
-        std::min({count, used_ - position_, static_cast<u32>(std::numeric_limits<i32>::max())});
-    if (length > 0) std::memcpy(buffer, buffer_ + position_, length);
+i32 i4_ram_file_class::read(std::span<u8> to) {
+    const auto length = static_cast<u32>(std::min({to.size(), std::size_t{used_ - position_}, mostAtOnce}));
+    std::copy_n(buffer_ + position_, length, to.data());
     position_ += length;
     return static_cast<i32>(length);
 }
@@ -137,23 +111,23 @@ void i4_ram_file_class::growFor(u64 target) {
     const u64 steps = (missing + grow_step_ - 1) / grow_step_;
     const u64 capacity = capacity_ + steps * grow_step_;
     if (capacity > std::numeric_limits<u32>::max()) i4_error()("out of memory");
-    buffer_ = static_cast<u8*>(i4_realloc(buffer_, capacity));
+    buffer_ = i4_realloc(buffer_, capacity);
     capacity_ = static_cast<u32>(capacity);
 }
 
-i32 i4_ram_file_class::write(const void* buffer, u32 count) {
-    const u64 target = static_cast<u64>(position_) + count;
+i32 i4_ram_file_class::write(std::span<const u8> bytes) {
+    const u64 target = position_ + u64{bytes.size()};
     if (target > capacity_) {
         if (grow_step_ != 0) {
             growFor(target);
         } else {
-            count = capacity_ - position_;
+            bytes = bytes.first(capacity_ - position_);
         }
     }
-    if (count > 0) std::memcpy(buffer_ + position_, buffer, count);
-    position_ += count;
+    std::copy(bytes.begin(), bytes.end(), buffer_ + position_);
+    position_ += static_cast<u32>(bytes.size());
     used_ = std::max(used_, position_);
-    return static_cast<i32>(count);
+    return static_cast<i32>(bytes.size());
 }
 
 u32 i4_ram_file_class::seek(u32 offset) {
@@ -171,18 +145,12 @@ u32 i4_ram_file_class::seek(u32 offset) {
     return position_;
 }
 
-u8* i4_ram_file_class::map(u32 offset, u32, u32) { return buffer_ + offset; }
-bool i4_ram_file_class::unmap(u32, u32) { return true; }
-
-i4_ram_file_class* i4_ram_file_class::clone() {
-    auto* copy = new i4_ram_file_class(buffer_, capacity_, grow_step_);
-    copy->position_ = position_;
-    copy->used_ = used_;
-    return copy;
+std::unique_ptr<i4_ram_file_class> i4_ram_file_class::clone() {
+    return std::make_unique<i4_ram_file_class>(*this);
 }
 
-void i4_ram_file_class::reset(void* buffer, u32 capacity, u32 grow_step) {
-    buffer_ = static_cast<u8*>(buffer);
+void i4_ram_file_class::reset(u8* buffer, u32 capacity, u32 grow_step) {
+    buffer_ = buffer;
     capacity_ = capacity;
     position_ = 0;
     grow_step_ = grow_step;
@@ -203,13 +171,13 @@ void i4_ram_file_class::setUsed(u32 used) {
 
 i4_owned_ram_file::~i4_owned_ram_file() { i4_free(buffer()); }
 
-i32 i4_debug_file_class::read(void* buffer, u32 count) {
-    return static_cast<i32>(std::fread(buffer, count, 1, stdin));
+i32 i4_debug_file_class::read(std::span<u8> to) {
+    return static_cast<i32>(std::fread(to.data(), to.size(), 1, stdin));
 }
 
-i32 i4_debug_file_class::write(const void* buffer, u32 count) {
-    i4_standard_output().write(STDIN_FILENO, {static_cast<const char*>(buffer), count});
-    return static_cast<i32>(count);
+i32 i4_debug_file_class::write(std::span<const u8> bytes) {
+    i4_standard_output().write(STDIN_FILENO, i4_text(bytes));
+    return static_cast<i32>(bytes.size());
 }
 
 void i4_translate_path(const char* name, char* out, std::size_t limit) {

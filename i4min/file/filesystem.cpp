@@ -148,11 +148,6 @@ u64 i4_disk_free(const char* path) {
     return static_cast<u64>(system.f_bavail) * system.f_frsize;
 }
 
-void i4_sync_folder(const char* path) {
-    const i4_descriptor folder(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.isOpen()) ::fsync(folder.get());
-}
-
 bool i4_make_path(const char* path) {
     const std::string_view whole = orEmpty(path);
     if (whole.empty()) return false;

@@ -40,30 +40,28 @@ struct i4_directory_list {
     std::vector<i4_file_status> file_status;  // parallel to `files`, where it was asked for
 };
 
-bool i4_unlink(const char* name);  // the name goes through i4_translate_path
-bool i4_mkdir(const char* name);
-bool i4_chdir(const char* name);
-bool i4_get_cwd(i4_string& out);
+[[nodiscard]] bool i4_unlink(const char* name);  // the name goes through i4_translate_path
+[[nodiscard]] bool i4_mkdir(const char* name);
+[[nodiscard]] bool i4_chdir(const char* name);
+[[nodiscard]] bool i4_get_cwd(i4_string& out);
 // The absolute path without links, "." or "..", of something that exists.
-bool i4_full_path(const char* name, i4_string& out);
-bool i4_get_status(const char* name, i4_file_status& out);
-bool i4_get_status(int descriptor, i4_file_status& out);
+[[nodiscard]] bool i4_full_path(const char* name, i4_string& out);
+[[nodiscard]] bool i4_get_status(const char* name, i4_file_status& out);
+[[nodiscard]] bool i4_get_status(int descriptor, i4_file_status& out);
 // Appends the directory's entries in the order of the disk, "." and ".." among them. The process's current
 // directory stays. False, and nothing appended, where the path can't be opened.
-bool i4_get_directory(const char* path, i4_directory_list& out, bool want_status);
+[[nodiscard]] bool i4_get_directory(const char* path, i4_directory_list& out, bool want_status);
 // Bytes on the path's file system that are free to an ordinary user; a very large number where they can't be
 // told.
 u64 i4_disk_free(const char* path);
 inline constexpr u64 i4_disk_free_unknown = 0xFFFEFF0001;
-// Has the system write the directory's entries to the disk, where it can: what was renamed stays so.
-void i4_sync_folder(const char* path);
 // Makes each directory of the path that isn't there yet.
-bool i4_make_path(const char* path);
+[[nodiscard]] bool i4_make_path(const char* path);
 // "a/b.tar.gz" is "a", "b.tar" and "gz". A path without a separator leaves `dir` alone, one without a dot
 // behind it `ext`.
 void i4_split_path(const char* path, i4_string& dir, i4_string& name, i4_string& ext);
 // The way from the current directory to something that exists; both are compared by whole components.
-bool i4_relative_path(const char* path, i4_string& out);
+[[nodiscard]] bool i4_relative_path(const char* path, i4_string& out);
 
 enum class i4_sort_key { last_modified, last_accessed, created, size };
 // Sorts `files` and `file_status` ascending; nothing without a status for each.

@@ -8,7 +8,6 @@
 // Flags, width and precision are read over, any other letter writes nothing and takes no argument: there are
 // no floats, no widths and no long forms.
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
 #include "i4min/file/file.h"
@@ -19,7 +18,7 @@ namespace {
 bool isConversion(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '%'; }
 
 void putText(i4_file& out, const char* text) {
-    if (text) out.write(text, static_cast<u32>(std::strlen(text)));
+    if (text) out.write(i4_bytes(text));
 }
 
 void putNumber(i4_file& out, u32 value, u32 base) {
@@ -29,7 +28,7 @@ void putNumber(i4_file& out, u32 value, u32 base) {
         *--at = "0123456789abcdef"[value % base];
         value /= base;
     } while (value != 0);
-    out.write(at, static_cast<u32>(digits + sizeof digits - at));
+    out.write(i4_bytes({at, digits + sizeof digits}));
 }
 
 void putSigned(i4_file& out, i32 value) {
@@ -49,12 +48,12 @@ void putPrintable(i4_file& out, i4_printable* value) {
 class BoundedText : public i4_file {
   public:
     BoundedText(char* buffer, std::size_t n) : buffer_(buffer), room_(n > 0 ? n - 1 : 0) {}
-    i32 read(void*, u32) override { return 0; }
-    i32 write(const void* bytes, u32 count) override {
-        const std::size_t fits = written_ < room_ ? std::min<std::size_t>(count, room_ - written_) : 0;
-        if (fits > 0) std::memcpy(buffer_ + written_, bytes, fits);
-        written_ += count;
-        return static_cast<i32>(count);
+    i32 read(std::span<u8>) override { return 0; }
+    i32 write(std::span<const u8> bytes) override {
+        const std::size_t fits = written_ < room_ ? std::min(bytes.size(), room_ - written_) : 0;
+        if (fits > 0) std::copy_n(bytes.data(), fits, buffer_ + written_);
+        written_ += bytes.size();
+        return static_cast<i32>(bytes.size());
     }
     u32 seek(u32) override { return tell(); }
     u32 size() override { return tell(); }

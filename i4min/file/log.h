@@ -1,7 +1,7 @@
-// i4_log, where lower floors tell what they find.
+// i4_log, through which the lower floors report what they find.
 #pragma once
 
-// Thread: any, at the same time.
+// Receives texts for the user. Thread: any, at the same time.
 class i4_log {
   public:
     enum class Tone {

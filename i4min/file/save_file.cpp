@@ -17,12 +17,11 @@ class SavingFile : public i4_file {
   public:
     explicit SavingFile(i4_disk_file& file) : file_(file) { pending_.reserve(room); }
 
-    i32 read(void*, u32) override { return -1; }
-    i32 write(const void* buffer, u32 count) override {
-        const auto* bytes = static_cast<const u8*>(buffer);
-        pending_.insert(pending_.end(), bytes, bytes + count);
+    i32 read(std::span<u8>) override { return -1; }
+    i32 write(std::span<const u8> bytes) override {
+        pending_.insert(pending_.end(), bytes.begin(), bytes.end());
         if (pending_.size() >= room) flush();
-        return error_ != 0 ? -1 : static_cast<i32>(count);
+        return error_ != 0 ? -1 : static_cast<i32>(bytes.size());
     }
     u32 seek(u32 offset) override {
         flush();

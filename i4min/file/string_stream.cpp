@@ -24,25 +24,22 @@ i4_string::i4_string(i4_file& stream) {
     if (length == 0xFFFF) i4_error()("read string error");
     stream.expect(length);
     text_ = roomFor(length);
-    if (length > 0) stream.readAll(text_.get(), length);
+    stream.readAll(i4_room({text_.get(), length}));
 }
 
 i4_string::i4_string(i4_file& stream, u32 length) {
     const std::optional<u32> left = stream.bytesLeft();
     if (left && length > *left) i4_error()("read string error");
     text_ = roomFor(length);
-    if (length > 0 && stream.read(text_.get(), length) != static_cast<i32>(length)) {
+    if (length > 0 && stream.read(i4_room({text_.get(), length})) != static_cast<i32>(length)) {
         i4_error()("read string error");
     }
 }
 
 void i4_write_string(i4_file& stream, const char* text) {
-    const std::size_t length = i4_strlen(text);
-    if (length >= 0xFFFF || stream.write_16(static_cast<u16>(length)) != 2) {
-        i4_error()("write string error");
-        return;
-    }
-    if (length > 0 && stream.write(text, static_cast<u32>(length)) != static_cast<i32>(length)) {
+    const std::string_view bytes = orEmpty(text);
+    if (bytes.size() >= 0xFFFF || stream.write_16(static_cast<u16>(bytes.size())) != 2 ||
+        !stream.writeAll(i4_bytes(bytes))) {
         i4_error()("write string error");
     }
 }

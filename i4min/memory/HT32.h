@@ -1,15 +1,12 @@
 // HT32, a hash table from 32-bit keys to lists of pointers, and the table behind it.
 #pragma once
 
-#include <algorithm>
-#include <cassert>
-#include <iterator>
 #include <memory>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "i4min/memory/LL.h"
-#include "i4min/memory/debug_build.h"
 #include "i4min/memory/types.h"
 
 // The values of one key. A table makes its lists through newInner of the one it was given, so that all are of
@@ -22,8 +19,8 @@ class HT_InnerList : public LL<T> {
     virtual std::unique_ptr<HT_InnerList> newInner() const { return std::make_unique<HT_InnerList>(); }
 };
 
-// A table of buckets. A bucket holds an inner list for each key that falls in it, an inner list the values of
-// its key in the order of their coming. The number of buckets is set once; the table doesn't grow.
+// A table from keys to inner lists, each of which holds the values of its key in the order in which they
+// came.
 // Thread: none of its own.
 // Owns: the inner lists and the factory.    Borrows: the values.
 template <class T, class Key, u32 (*number)(const Key&)>
@@ -34,64 +31,40 @@ class HashTable {
     explicit HashTable(std::unique_ptr<Inner> factory = std::make_unique<Inner>())
         : factory_(std::move(factory)) {}
 
-    // Begins with empty buckets, at least one. Inner lists that get() has given out stay as they are until
-    // the table goes.
+    // Begins anew, with at least so many buckets. Inner lists that get() has returned stay as they are until
+    // the table is destroyed.
     void setSize(u32 buckets) {
-        for (Bucket& bucket : buckets_) std::move(bucket.begin(), bucket.end(), std::back_inserter(retired_));
-        buckets_ = std::vector<Bucket>(std::max<u32>(buckets, 1));
+        for (auto& [key, inner] : lists_) retired_.push_back(std::move(inner));
+        lists_.clear();
+        lists_.rehash(buckets);
     }
     void put(const Key& key, T* value) {  // null is ignored
         if (!value) return;
-        Inner* inner = get(key);
-        if (!inner) {
-            inner = bucketOf(key).emplace_back(factory_->newInner()).get();
-            inner->key = key;
-        }
+        std::unique_ptr<Inner>& inner = lists_[key];
+        if (!inner) inner = factory_->newInner();
+        inner->key = key;
         inner->add(value);
-        checkInvariants(key);
     }
     Inner* get(const Key& key) const {  // null where the key has no value
-        const Bucket& bucket = bucketOf(key);
-        const auto at = find(bucket, key);
-        return at == bucket.end() ? nullptr : at->get();
+        const auto at = lists_.find(key);
+        return at == lists_.end() ? nullptr : at->second.get();
     }
     void removeValue(const Key& key, T* value) {  // the key goes with its last value
         Inner* inner = get(key);
         if (!inner) return;
         inner->remove(value);
-        if (!inner->getAt(0)) removeKey(key);
-        checkInvariants(key);
+        if (inner->isEmpty()) removeKey(key);
     }
-    void removeKey(const Key& key) {
-        Bucket& bucket = bucketOf(key);
-        if (const auto at = find(bucket, key); at != bucket.end()) bucket.erase(at);
-    }
-
-    // Asserts for the bucket of a key that each list in it belongs there, has a value, and is its key's only
-    // one; each change of a debug build runs it.
-    void checkInvariants(const Key& key) const {
-        if constexpr (debugBuild) {
-            const Bucket& bucket = bucketOf(key);
-            for (const auto& inner : bucket) {
-                assert(&bucketOf(inner->key) == &bucket && !inner->isEmpty());
-                assert(find(bucket, inner->key)->get() == inner.get());
-            }
-        }
-    }
+    void removeKey(const Key& key) { lists_.erase(key); }
 
   private:
-    using Bucket = std::vector<std::unique_ptr<Inner>>;
-
-    static auto find(const Bucket& bucket, const Key& key) {
-        return std::find_if(bucket.begin(), bucket.end(),
-                            [&](const auto& inner) { return inner->key == key; });
-    }
-    const Bucket& bucketOf(const Key& key) const { return buckets_[number(key) % buckets_.size()]; }
-    Bucket& bucketOf(const Key& key) { return buckets_[number(key) % buckets_.size()]; }
+    struct Hash {
+        std::size_t operator()(const Key& key) const { return number(key); }
+    };
 
     const std::unique_ptr<Inner> factory_;
-    std::vector<Bucket> buckets_ = std::vector<Bucket>(1);
-    Bucket retired_;
+    std::unordered_map<Key, std::unique_ptr<Inner>, Hash> lists_;
+    std::vector<std::unique_ptr<Inner>> retired_;
 };
 
 inline u32 numberOfKey(const u32& key) { return key; }

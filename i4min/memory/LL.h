@@ -1,4 +1,4 @@
-// LL, the list of pointers in which nearly everything is kept.
+// LL, the list of pointers that most objects are kept in.
 #pragma once
 
 #include <algorithm>
@@ -20,8 +20,8 @@ class LL {
     using Values = std::list<T*>;
 
   public:
-    // Where a walk stands. A fresh cursor stands before the first element, and so does one behind the last.
-    // Removing the element that it stands on makes it invalid.
+    // The position of a walk. A fresh cursor is before the first element, and one behind the last counts as
+    // fresh. Removing the element at the cursor invalidates it.
     class Cursor {
         friend class LL;
         typename Values::const_iterator at_;
@@ -138,10 +138,12 @@ T* findIn(const LL<T>& list, Matches matches) {
 // Destroys what the list points at and empties it, for an owner of the elements. Takes no lock.
 template <class T>
 void deleteAll(LL<T>& list) {
-    while (T* value = list.LL<T>::removeAt(0)) delete value;
+    while (const std::unique_ptr<T> value{list.LL<T>::removeAt(0)}) continue;
 }
 
-// An LL that owns its elements. Thread: none of its own.
+// An LL that owns its elements, and deletes those that are left when it is destroyed. What remove(),
+// removeAt() or clear() takes out belongs to the caller; take() returns it with its ownership.
+// Thread: none of its own.
 template <class T>
 class OwnLL : public LL<T> {
   public:

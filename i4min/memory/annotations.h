@@ -1,6 +1,11 @@
-// Names for clang's thread-safety attributes, so that a compiler checks which lock guards what. They vanish
-// under other compilers.
+// PRINTF_LIKE has the compiler check the arguments of a function like printf: the places of its format and of
+// the first argument behind it, 0 for a va_list. `this` counts as the first place.
+//
+// The other names are clang's thread-safety attributes, so that a compiler checks which lock guards what.
+// They vanish under other compilers.
 #pragma once
+
+#define PRINTF_LIKE(place, arguments) __attribute__((format(printf, place, arguments)))
 
 #if defined(__clang__)
 #define TARNWICK_ATTRIBUTE(x) __attribute__((x))

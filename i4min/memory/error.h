@@ -4,10 +4,12 @@
 // return value. Code that parses a stream catches i4_err at the level of its record or connection.
 #pragma once
 
+#include "i4min/memory/annotations.h"
 #include "i4min/string/string.h"
 
 class i4_file;
 
+// The text of a failure. A plain value; it is thrown by the default error handler alone.
 class i4_err {
   public:
     explicit i4_err(const char* message) : message_(message) {}
@@ -17,9 +19,9 @@ class i4_err {
     i4_string message_;
 };
 
-// Runs what reads or writes a stream: its own answer, or false where that raised.
+// Runs an action that reads or writes a stream. Returns its result, or false if it raised.
 template <class Action>
-bool i4_attempt(Action action) {
+[[nodiscard]] bool i4_attempt(Action action) {
     try {
         return action();
     } catch (const i4_err&) {
@@ -36,8 +38,8 @@ i4_debug_hook i4_set_debug_hook(i4_debug_hook hook);
 i4_error_handler i4_set_warning_handler(i4_error_handler handler);
 i4_error_handler i4_set_error_handler(i4_error_handler handler);
 
-// Source file (the build's path without its extension) and line of this thread's last error. A null file
-// leaves the stored pair alone.
+// Stores the source file (the build's path without its extension) and line of this thread's last error. A
+// null file changes nothing.
 void i4_set_file_line(const char* file, int line);
 // Null and 0 where this thread has stored nothing. The text stays valid until the thread stores another.
 void i4_get_file_line(const char*& file, int& line);
@@ -47,7 +49,7 @@ class i4_report {
   public:
     enum class Kind { error, warning };
     explicit i4_report(Kind kind) : kind_(kind) {}
-    int operator()(const char* format, ...) const;
+    int operator()(const char* format, ...) const PRINTF_LIKE(2, 3);
 
   private:
     const Kind kind_;
@@ -58,9 +60,9 @@ i4_report i4_error(const char* file = __builtin_FILE(), int line = __builtin_LIN
 i4_report i4_warning(const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
 // Formats into a string of any length and hands it to the debug hook.
-void i4_debug(const char* format, ...);
+void i4_debug(const char* format, ...) PRINTF_LIKE(1, 2);
 // Formats straight onto i4_debug_stream; returns the characters written, 0 where no stream is set.
-u32 i4_debug_printf(const char* format, ...);
+u32 i4_debug_printf(const char* format, ...) PRINTF_LIKE(1, 2);
 
 // The process's terminal stream, from before main on.
 extern i4_file* i4_debug_stream;

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <type_traits>
 
-// Reads and writes like a plain T, at the same cost and without a data race. No order between words is
-// promised: whoever needs two of them in step takes a lock.
+// Reads and writes like a plain T, at the same cost and without a data race. Thread: any. Accesses to
+// different words aren't ordered: a caller that needs two words to agree takes a lock.
 template <class T>
 class Relaxed {
   public:

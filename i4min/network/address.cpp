@@ -2,7 +2,9 @@
 
 #include <netdb.h>
 
-#include <cstring>
+#include <algorithm>
+#include <array>
+#include <bit>
 
 i4_tcpip_address::i4_tcpip_address() : address{}, name(nullptr) { address.sin_family = AF_INET; }
 
@@ -14,7 +16,7 @@ i4_tcpip_address::i4_tcpip_address(const sockaddr_in& from) : i4_tcpip_address()
 void i4_tcpip_address::print(i4_file* stream) {
     i4_string text;
     addressToString(*this, text);
-    stream->printf("%s", text.c_str());
+    stream->write(i4_bytes(text.view()));
 }
 
 std::unique_ptr<i4_address> i4_tcpip_address::copy() const {
@@ -29,8 +31,8 @@ bool i4_tcpip_address::equals(const i4_address& other) const {
 }
 
 u32 i4_tcpip_address::write_ip(i4_file* stream) const {
-    const i32 written = stream->write(&address.sin_addr, sizeof address.sin_addr);
-    return written < 0 ? 0 : static_cast<u32>(written);
+    const auto octets = std::bit_cast<std::array<u8, sizeof address.sin_addr>>(address.sin_addr);
+    return static_cast<u32>(std::max(0, stream->write(octets)));
 }
 
 bool i4_tcpip_address::get_name(i4_file* stream) const {
@@ -39,20 +41,18 @@ bool i4_tcpip_address::get_name(i4_file* stream) const {
                       0, NI_NAMEREQD) != 0) {
         return false;
     }
-    stream->printf("%s", host);
+    stream->write(i4_bytes(host));
     return true;
 }
 
 u32 ipOfAddress(const i4_address& address) {
-    u32 ip = 0;
-    i4_ram_file_class stream(&ip, sizeof ip, 0);
+    std::array<u8, sizeof(u32)> octets{};
+    i4_ram_file_class stream(octets.data(), octets.size(), 0);
     address.write_ip(&stream);
-    return ip;
+    return std::bit_cast<u32>(octets);
 }
 
 void addressToString(const i4_address& address, i4_string& out) {
-    const u32 ip = ipOfAddress(address);
-    u8 octets[4];
-    std::memcpy(octets, &ip, sizeof octets);
+    const auto octets = std::bit_cast<std::array<u8, sizeof(u32)>>(ipOfAddress(address));
     out.format("%d.%d.%d.%d", octets[0], octets[1], octets[2], octets[3]);
 }

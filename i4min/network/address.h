@@ -9,7 +9,7 @@
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
-// An address of any family. A plain value behind an interface. Thread: one at a time.
+// An address of any family: a plain value behind an interface. Thread: one at a time.
 class i4_address : public i4_printable {
   public:
     // print(stream): the address as text, without its port.
@@ -23,7 +23,7 @@ class i4_address : public i4_printable {
     virtual ~i4_address() = default;
 };
 
-// An IPv4 address and a port.
+// An IPv4 address and a port. A plain value. Thread: one at a time.
 class i4_tcpip_address : public i4_address {
   public:
     i4_tcpip_address();  // 0.0.0.0, port 0

@@ -23,8 +23,10 @@ bool isSendable(std::string_view name) {
     });
 }
 
-void append(std::string& out, const void* bytes, std::size_t length) {
-    out.append(static_cast<const char*>(bytes), length);
+// Appends a value as it lies in memory.
+template <class Value>
+void append(std::string& out, const Value& value) {
+    out.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
 void appendWithLength(std::string& out, std::string_view text) {
@@ -95,7 +97,7 @@ i4_proxy_address::i4_proxy_address(const char* host, u16 port) {
 
 void i4_proxy_address::print(i4_file* stream) {
     if (name.isNull()) return i4_tcpip_address::print(stream);
-    stream->printf("%s", name.c_str());
+    stream->write(i4_bytes(name.view()));
 }
 
 std::unique_ptr<i4_address> i4_proxy_address::copy() const {
@@ -104,7 +106,7 @@ std::unique_ptr<i4_address> i4_proxy_address::copy() const {
 
 bool i4_proxy_address::get_name(i4_file* stream) const {
     if (name.isNull()) return i4_tcpip_address::get_name(stream);
-    stream->printf("%s", name.c_str());
+    stream->write(i4_bytes(name.view()));
     return true;
 }
 
@@ -150,16 +152,14 @@ i4_proxy_sock::State i4_proxy_sock::first_state(i32 pType) {
     }
 }
 
-i32 i4_proxy_sock::read(void* buffer, u32 count) {
-    return state_ == connected ? i4_tcpip_sock::read(buffer, count) : 0;
+i32 i4_proxy_sock::read(std::span<u8> to) { return state_ == connected ? i4_tcpip_sock::read(to) : 0; }
+
+i32 i4_proxy_sock::write(std::span<const u8> bytes) {
+    return state_ == connected ? i4_tcpip_sock::write(bytes) : 0;
 }
 
-i32 i4_proxy_sock::write(const void* buffer, u32 count) {
-    return state_ == connected ? i4_tcpip_sock::write(buffer, count) : 0;
-}
-
-i32 i4_proxy_sock::write_more(const void* buffer, u32 count) {
-    return state_ == connected ? i4_tcpip_sock::write_more(buffer, count) : 0;
+i32 i4_proxy_sock::write_more(std::span<const u8> bytes) {
+    return state_ == connected ? i4_tcpip_sock::write_more(bytes) : 0;
 }
 
 u32 i4_proxy_sock::ready(u32 mask, i32 timeout_ms, i4_status_class* status) {
@@ -243,18 +243,17 @@ i4_proxy_sock::Outcome i4_proxy_sock::arrived() {
 }
 
 bool i4_proxy_sock::sendAll(std::string_view bytes) {
-    const auto length = static_cast<u32>(bytes.size());
-    return i4_tcpip_sock::write(bytes.data(), length) == static_cast<i32>(length);
+    return i4_tcpip_sock::write(i4_bytes(bytes)) == static_cast<i64>(bytes.size());
 }
 
-bool i4_proxy_sock::readWhole(u8* answer, u32 length) {
-    return i4_tcpip_sock::read(answer, length) == static_cast<i32>(length);
+bool i4_proxy_sock::readWhole(std::span<u8> answer) {
+    return i4_tcpip_sock::read(answer) == static_cast<i64>(answer.size());
 }
 
 std::string i4_proxy_sock::targetText() const {
     i4_owned_ram_file stream;
     target_->print(&stream);
-    return {reinterpret_cast<const char*>(stream.buffer()), stream.size()};
+    return std::string(i4_text({stream.buffer(), stream.size()}));
 }
 
 // A listener leaves its port to the proxy.
@@ -294,7 +293,7 @@ i4_proxy_sock::Outcome i4_proxy_sock::readHttp() {
     bool complete = false;
     do {
         if (response_length_ == response_.size() - 1) return fail();
-        if (i4_tcpip_sock::read(&response_[response_length_], 1) != 1) return fail();
+        if (i4_tcpip_sock::read(i4_room({&response_[response_length_], 1})) != 1) return fail();
         response_[++response_length_] = 0;
         complete = i4_scan_http_header(response_.data()) != 0;
     } while (!complete && i4_tcpip_sock::ready(I4_SELECT_READ, 0, nullptr) != 0);
@@ -312,22 +311,22 @@ i4_proxy_sock::Outcome i4_proxy_sock::readHttp() {
 i4_proxy_sock::Outcome i4_proxy_sock::sendSocks4() {
     std::string request{'\4', listening_ ? '\2' : '\1'};
     const in_port_t port = requestedPort();
-    append(request, &port, sizeof port);
+    append(request, port);
     const bool named = !target_->name.isNull();
     if (named) {
         if (!isSendable(target_->name.view())) return fail();
-        append(request, "\0\0\0\1", 4);
+        request += std::string_view("\0\0\0\1", 4);
     } else {
-        append(request, &target_->address.sin_addr, sizeof target_->address.sin_addr);
+        append(request, target_->address.sin_addr);
     }
     request += '\0';
-    if (named) append(request, target_->name.c_str(), target_->name.length() + 1);
+    if (named) request += textOf(target_->name) + '\0';
     return sendAll(request) ? enter(socks4Reply) : fail();
 }
 
 bool i4_proxy_sock::takeSocks4Reply() {
     u8 reply[8];
-    if (!readWhole(reply, sizeof reply)) return false;
+    if (!readWhole(reply)) return false;
     if ((reply[0] != 0 && reply[0] != 4) || reply[1] != socks4_granted) return false;
     takeTarget(reply + 4, reply + 2);
     return true;
@@ -348,7 +347,7 @@ i4_proxy_sock::Outcome i4_proxy_sock::greetSocks5() {
 // User and password: 1, length and user, length and password. The answer: 1, 0 when accepted.
 i4_proxy_sock::Outcome i4_proxy_sock::readSocks5Method() {
     u8 answer[2];
-    if (!readWhole(answer, sizeof answer) || answer[0] != 5) return fail();
+    if (!readWhole(answer) || answer[0] != 5) return fail();
     if (answer[1] == 0) return enter(socks5Send);
     const i4_string& user = settings_->user;
     const i4_string& password = settings_->password;
@@ -362,7 +361,7 @@ i4_proxy_sock::Outcome i4_proxy_sock::readSocks5Method() {
 
 i4_proxy_sock::Outcome i4_proxy_sock::readSocks5Accepted() {
     u8 answer[2];
-    if (!readWhole(answer, sizeof answer) || answer[0] != 1 || answer[1] != 0) return fail();
+    if (!readWhole(answer) || answer[0] != 1 || answer[1] != 0) return fail();
     return enter(socks5Send);
 }
 
@@ -378,20 +377,20 @@ i4_proxy_sock::Outcome i4_proxy_sock::sendSocks5() {
     std::string request{'\5', listening_ ? '\2' : '\1', '\0'};
     if (target_->name.isNull()) {
         request += '\1';
-        append(request, &target_->address.sin_addr, sizeof target_->address.sin_addr);
+        append(request, target_->address.sin_addr);
     } else {
         if (!isSendable(target_->name.view())) return fail();
         request += '\3';
         appendWithLength(request, target_->name.view());
     }
     const in_port_t port = requestedPort();
-    append(request, &port, sizeof port);
+    append(request, port);
     return sendAll(request) ? enter(socks5Reply) : fail();
 }
 
 bool i4_proxy_sock::takeSocks5Reply() {
     u8 reply[10];
-    if (!readWhole(reply, sizeof reply)) return false;
+    if (!readWhole(reply)) return false;
     if (reply[0] != 5 || reply[1] != 0 || reply[3] != 1) return false;
     takeTarget(reply + 4, reply + 8);
     return true;

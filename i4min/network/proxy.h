@@ -89,9 +89,9 @@ class i4_proxy_sock : public i4_tcpip_sock {
                   bool listening, const i4_address& target);
     static State first_state(i32 pType);
 
-    i32 read(void* buffer, u32 count) override;
-    i32 write(const void* buffer, u32 count) override;
-    i32 write_more(const void* buffer, u32 count) override;
+    i32 read(std::span<u8> to) override;
+    i32 write(std::span<const u8> bytes) override;
+    i32 write_more(std::span<const u8> bytes) override;
     // Goes on with the handshake until it stands (the write bit; for a listener's incoming connection the
     // read bit), has failed (the error bit) or needs another call (0). Each result is limited by `mask`. A
     // time of 0 or below sets no limit to a handshake. In state 14, the plain ready.
@@ -102,8 +102,8 @@ class i4_proxy_sock : public i4_tcpip_sock {
 
     // For a listener: waits for the connection that the proxy takes for it, and gives it as a plain blocking
     // socket, with the address that the proxy reports.
-    virtual bool accept_remote(std::unique_ptr<i4_socket>& out_socket,
-                               std::unique_ptr<i4_address>& out_address);
+    [[nodiscard]] virtual bool accept_remote(std::unique_ptr<i4_socket>& out_socket,
+                                             std::unique_ptr<i4_address>& out_address);
     virtual std::unique_ptr<i4_address> target_address() const;
 
     State state() const { return state_; }
@@ -132,10 +132,10 @@ class i4_proxy_sock : public i4_tcpip_sock {
     Outcome fail() { return enter(failed); }
     Outcome granted(State when_listening);
     Outcome arrived();
-    bool sendAll(std::string_view bytes);
-    bool readWhole(u8* answer, u32 length);
-    bool takeSocks4Reply();
-    bool takeSocks5Reply();
+    [[nodiscard]] bool sendAll(std::string_view bytes);
+    [[nodiscard]] bool readWhole(std::span<u8> answer);
+    [[nodiscard]] bool takeSocks4Reply();
+    [[nodiscard]] bool takeSocks5Reply();
     void takeTarget(const u8* ip, const u8* port);
     in_port_t requestedPort() const;  // network order
     std::string targetText() const;

@@ -58,7 +58,7 @@ class i4_blocking_call {
 
 namespace {
 
-constexpr u32 largest = std::numeric_limits<i32>::max();
+constexpr std::size_t largest = std::numeric_limits<i32>::max();
 constexpr i32 status_interval = 100;  // ms
 
 int newSocket(u32 type) {
@@ -106,23 +106,24 @@ void i4_tcpip_sock::keepAlive() {
     set(IPPROTO_TCP, TCP_KEEPCNT, 4);
 }
 
-i32 i4_tcpip_sock::read(void* buffer, u32 count) {
+i32 i4_tcpip_sock::read(std::span<u8> to) {
     if (closed_) return -1;
-    if (count == 0) return 0;  // the system would wait for a byte
-    const ssize_t got = uninterrupted([&] { return ::recv(fd_, buffer, std::min(count, largest), 0); });
+    if (to.empty()) return 0;  // the system would wait for a byte
+    const ssize_t got =
+        uninterrupted([&] { return ::recv(fd_, to.data(), std::min(to.size(), largest), 0); });
     if (got < 0) return errno == EAGAIN ? 0 : -1;
     if (closed_) return -1;
     if (got == 0) at_end_ = true;
     return static_cast<i32>(got);
 }
 
-i32 i4_tcpip_sock::write(const void* buffer, u32 count) { return send(buffer, count, 0); }
-i32 i4_tcpip_sock::write_more(const void* buffer, u32 count) { return send(buffer, count, MSG_MORE); }
+i32 i4_tcpip_sock::write(std::span<const u8> bytes) { return send(bytes, 0); }
+i32 i4_tcpip_sock::write_more(std::span<const u8> bytes) { return send(bytes, MSG_MORE); }
 
-i32 i4_tcpip_sock::send(const void* buffer, u32 count, int flags) {
+i32 i4_tcpip_sock::send(std::span<const u8> bytes, int flags) {
     if (closed_) return -1;
-    const ssize_t sent =
-        uninterrupted([&] { return ::send(fd_, buffer, std::min(count, largest), flags | MSG_NOSIGNAL); });
+    const ssize_t sent = uninterrupted(
+        [&] { return ::send(fd_, bytes.data(), std::min(bytes.size(), largest), flags | MSG_NOSIGNAL); });
     if (sent < 0) return errno == EAGAIN ? 0 : -1;
     return static_cast<i32>(sent);
 }
@@ -151,24 +152,24 @@ bool i4_tcpip_sock::accept(std::unique_ptr<i4_socket>& out) {
     return true;
 }
 
-i32 i4_tcpip_sock::read_from(void* buffer, u32 length, std::unique_ptr<i4_address>* out_address) {
+i32 i4_tcpip_sock::read_from(std::span<u8> to, std::unique_ptr<i4_address>* out_address) {
     if (closed_) return -1;
     sockaddr_in from{};
     socklen_t size = sizeof from;
     const ssize_t got = uninterrupted([&] {
-        return ::recvfrom(fd_, buffer, std::min(length, largest), 0, reinterpret_cast<sockaddr*>(&from),
+        return ::recvfrom(fd_, to.data(), std::min(to.size(), largest), 0, reinterpret_cast<sockaddr*>(&from),
                           &size);
     });
     if (out_address && got > 0) *out_address = std::make_unique<i4_tcpip_address>(from);
     return static_cast<i32>(got);
 }
 
-i32 i4_tcpip_sock::write_to(const void* buffer, u32 length, const i4_address& address) {
+i32 i4_tcpip_sock::write_to(std::span<const u8> bytes, const i4_address& address) {
     const auto* to = dynamic_cast<const i4_tcpip_address*>(&address);
     // A name that is meant for a proxy has no address; 0.0.0.0 would be this machine.
     if (closed_ || !to || !to->name.isNull()) return -1;
     return static_cast<i32>(uninterrupted([&] {
-        return ::sendto(fd_, buffer, std::min(length, largest), MSG_NOSIGNAL,
+        return ::sendto(fd_, bytes.data(), std::min(bytes.size(), largest), MSG_NOSIGNAL,
                         reinterpret_cast<const sockaddr*>(&to->address), sizeof to->address);
     }));
 }
@@ -203,7 +204,9 @@ u32 i4_tcpip_sock::waitWithStatus(u32 mask, i32 timeout_ms, i4_status_class& sta
     }
 }
 
-void i4_tcpip_sock::add_to_set(i4_socket_set& set, u32 mask, void* owner) { set.add(fd_, mask, owner); }
+void i4_tcpip_sock::add_to_set(i4_socket_set& set, u32 mask, i4_set_owner* owner) {
+    set.add(fd_, mask, owner);
+}
 void i4_tcpip_sock::remove_from_set(i4_socket_set& set) { set.remove(fd_); }
 void i4_tcpip_sock::change_in_set(i4_socket_set& set, u32 mask) { set.change(fd_, mask); }
 u32 i4_tcpip_sock::check_in_set(const i4_socket_set& set, u32 mask) { return set.check(fd_, mask); }

@@ -70,7 +70,7 @@ void linux_socket_set::report(Entry& entry, u32 mask) {
     ready_.push_back({entry.owner, entry.reported});
 }
 
-void linux_socket_set::add(int descriptor, u32 mask, void* owner) {
+void linux_socket_set::add(int descriptor, u32 mask, i4_set_owner* owner) {
     if (descriptor < 0) return;
     const auto at = static_cast<std::size_t>(descriptor);
     if (at >= entries_.size()) entries_.resize(at + 1);

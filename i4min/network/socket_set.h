@@ -23,9 +23,15 @@ enum i4_select : u32 {
 short i4_events_of_mask(u32 mask);
 u32 i4_mask_of_events(short events);
 
+// The base of what a caller finds again when a socket of its set is ready.
+class i4_set_owner {
+  protected:
+    ~i4_set_owner() = default;
+};
+
 // A socket for which the last poll reported something.
 struct i4_ready {
-    void* owner;  // as given to add()
+    i4_set_owner* owner;  // as given to add()
     u32 mask;
 };
 
@@ -42,7 +48,7 @@ class i4_socket_set {
     virtual ~i4_socket_set() = default;
 
     // The owner is the caller's, who finds it in readyOnes(). The same descriptor may be added twice.
-    virtual void add(int descriptor, u32 mask, void* owner) = 0;
+    virtual void add(int descriptor, u32 mask, i4_set_owner* owner) = 0;
     virtual void change(int descriptor, u32 mask) = 0;      // asks for `mask` from now on; all its entries
     virtual void remove(int descriptor) = 0;                // all its entries; nothing for an unknown one
     virtual u32 check(int descriptor, u32 mask) const = 0;  // the bits of `mask` that the last poll reported
@@ -50,7 +56,8 @@ class i4_socket_set {
     virtual void wake() = 0;
 };
 
-// The set on epoll: what a poll costs grows with the sockets that are ready, not with all.
+// The set on epoll: the cost of a poll grows with the sockets that are ready, not with all.
+// Thread: one, except wake(). Owns the epoll descriptor, and none of the sockets'.
 class linux_socket_set : public i4_socket_set {
   public:
     linux_socket_set();
@@ -60,7 +67,7 @@ class linux_socket_set : public i4_socket_set {
     i32 poll(i32 timeout_ms) override;
     i32 ready() const override { return result_; }
     std::span<const i4_ready> readyOnes() const override { return ready_; }
-    void add(int descriptor, u32 mask, void* owner) override;
+    void add(int descriptor, u32 mask, i4_set_owner* owner) override;
     void change(int descriptor, u32 mask) override;
     void remove(int descriptor) override;
     u32 check(int descriptor, u32 mask) const override;
@@ -79,7 +86,7 @@ class linux_socket_set : public i4_socket_set {
         u32 reported = 0;
         u64 poll = 0;  // the number of the poll that reported it
         bool refused = false;
-        void* owner = nullptr;
+        i4_set_owner* owner = nullptr;
     };
     Entry* find(int descriptor);
     const Entry* find(int descriptor) const;

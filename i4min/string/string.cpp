@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "i4min/memory/error.h"
 
@@ -18,9 +17,7 @@ std::unique_ptr<char[]> join(std::string_view head, std::string_view tail = {}) 
 
 template <class Fold>
 int compareText(const char* a, const char* b, Fold fold) {
-    if (a == b) return 0;
-    if (!a) return -1;
-    if (!b) return 1;
+    if (!a || !b) return (a ? 1 : 0) - (b ? 1 : 0);
     for (;; ++a, ++b) {
         const char l = fold(*a);
         const char r = fold(*b);
@@ -32,12 +29,10 @@ int compareText(const char* a, const char* b, Fold fold) {
 template <class FoldHay, class FoldNeedle>
 const char* findText(const char* hay, const char* needle, FoldHay foldHay, FoldNeedle foldNeedle) {
     if (!hay || !needle) return nullptr;
-    for (;; ++hay) {
-        std::size_t i = 0;
-        while (needle[i] && hay[i] && foldHay(hay[i]) == foldNeedle(needle[i])) ++i;
-        if (!needle[i]) return hay;
-        if (!*hay) return nullptr;
-    }
+    const std::string_view text(hay), part(needle);
+    const auto at = std::search(text.begin(), text.end(), part.begin(), part.end(),
+                                [&](char a, char b) { return foldHay(a) == foldNeedle(b); });
+    return at == text.end() && !part.empty() ? nullptr : hay + (at - text.begin());
 }
 
 char same(char c) { return c; }
@@ -51,19 +46,6 @@ i4_string::i4_string(const char* text) : text_(text ? join(text) : nullptr) {}
 i4_string::i4_string(const char* source, std::size_t length) : text_(join({source, length})) {}
 i4_string::i4_string(const i4_string& other) : i4_string(other.c_str()) {}
 i4_string::i4_string(i4_string&& other) noexcept = default;
-
-i4_string& i4_string::operator=(const i4_string& other) { return *this = other.c_str(); }
-
-i4_string& i4_string::operator=(i4_string&& other) noexcept {
-    std::swap(text_, other.text_);
-    return *this;
-}
-
-// The copy comes first: `text` may be a piece of the old value.
-i4_string& i4_string::operator=(const char* text) {
-    text_ = text ? join(text) : nullptr;
-    return *this;
-}
 
 i4_string& i4_string::operator+=(const char* text) {
     if (text) text_ = join(view(), text);
@@ -87,9 +69,9 @@ char* i4_strcat(char* d, const char* s) { return std::strcat(d, s); }
 
 char* i4_strncpy(char* d, const char* s, std::size_t n) {
     if (n == 0) return d;
-    std::size_t i = 0;
-    for (; i + 1 < n && s[i]; ++i) d[i] = s[i];
-    d[i] = 0;
+    const std::size_t length = ::strnlen(s, n - 1);
+    std::memmove(d, s, length);
+    d[length] = 0;
     return d;
 }
 

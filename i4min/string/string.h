@@ -6,6 +6,7 @@
 #include <memory>
 #include <string_view>
 
+#include "i4min/memory/annotations.h"
 #include "i4min/memory/types.h"
 
 class i4_file;
@@ -25,9 +26,11 @@ class i4_string {
     // Reads `length` raw bytes with one read; anything less raises "read string error".
     i4_string(i4_file& stream, u32 length);
 
-    i4_string& operator=(const i4_string& other);
-    i4_string& operator=(i4_string&& other) noexcept;
-    i4_string& operator=(const char* text);
+    i4_string& operator=(i4_string other) noexcept {  // by value: it may be made of a piece of the old text
+        text_.swap(other.text_);
+        return *this;
+    }
+    i4_string& operator=(const char* text) { return *this = i4_string(text); }
     // A null argument does nothing; the value may start null.
     i4_string& operator+=(const char* text);
 
@@ -79,9 +82,9 @@ void i4_replace_controls(char* text, std::size_t length);
 i32 i4_atoi(const char* s);  // optional '-', decimal digits; wraps on overflow
 
 // The foundation's formatter on a buffer; each returns the characters of the whole text.
-u32 i4_sprintf(char* d, const char* format, ...);
-u32 i4_snprintf(char* d, std::size_t n, const char* format, ...);
-u32 i4_vsnprintf(char* d, std::size_t n, const char* format, va_list list);
+u32 i4_sprintf(char* d, const char* format, ...) PRINTF_LIKE(2, 3);
+u32 i4_snprintf(char* d, std::size_t n, const char* format, ...) PRINTF_LIKE(3, 4);
+u32 i4_vsnprintf(char* d, std::size_t n, const char* format, va_list list) PRINTF_LIKE(3, 0);
 
 // A tokeniser whose state the caller holds. `offset` starts at 0, and the result is the next offset: the
 // position of the delimiter that ended the token; the position behind the last copied character where `out`

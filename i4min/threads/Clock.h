@@ -1,4 +1,4 @@
-// Clock, the time as the engine knows it: the system's, or that of a simulation.
+// Clock, the engine's source of time: the system's, or that of a simulation.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@ inline i32 msBetween(Moment from, Moment to) {
 }
 inline Moment later(Moment moment, i64 ms) { return {moment.us + ms * 1000}; }
 
-// Thread: any.
+// A monotonic clock and a wall clock. Thread: any.
 class Clock {
   public:
     virtual Moment now() const = 0;    // never goes back; its zero is near the start of the process

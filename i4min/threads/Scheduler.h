@@ -1,4 +1,4 @@
-// Scheduler, what gives each loop of the engine its turns: threads of the system, or a simulation.
+// Scheduler, which runs the engine's loops: on threads of the system, or in a simulation.
 #pragma once
 
 #include <limits>
@@ -21,23 +21,22 @@ struct Rest {
     static constexpr Rest untilWoken() { return {0, unlimited}; }
 };
 
-// What turns one Thread. Thread: start() and stop() one at a time; wake() any.
+// Runs the turns of one Thread object. Thread: start() and stop() one at a time; wake() any.
 class Loop {
   public:
     virtual ~Loop() = default;
-    // Gives the thread turns from now on, until one says that its loop has ended. False where the host has no
-    // thread to give.
-    virtual bool start() = 0;
-    // Returns when the thread gets no turn any more. The thread has been told to stop, or its loop has ended.
+    // Begins to run turns, until one reports that the loop has ended. False if the host has no thread left.
+    [[nodiscard]] virtual bool start() = 0;
+    // Returns when the last turn has ended. Before, the thread was told to stop or its loop has ended.
     virtual void stop() = 0;
-    // Ends the rest that is going on; one that comes during a turn ends the next rest.
+    // Ends the current rest; during a turn, the next one.
     virtual void wake() = 0;
 };
 
-// Outlives its loops. Thread: any.
+// Makes the loops of Thread objects. Outlives its loops. Thread: any.
 class Scheduler {
   public:
-    virtual std::unique_ptr<Loop> makeLoop(Thread& thread) = 0;
+    [[nodiscard]] virtual std::unique_ptr<Loop> makeLoop(Thread& thread) = 0;
 
   protected:
     ~Scheduler() = default;

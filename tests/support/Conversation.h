@@ -17,7 +17,7 @@
 
 inline std::unique_ptr<Packet> packetOf(const std::string& body) {
     auto packet = std::make_unique<Packet>(static_cast<u32>(body.size()));
-    packet->stream.write(body.data(), static_cast<u32>(body.size()));
+    packet->stream.write(i4_bytes(body));
     return packet;
 }
 
@@ -59,7 +59,7 @@ class Talker : public Connection {
     bool handleMessage(u8 opcode, i4_ram_file_class& stream) override {
         std::string body(1, static_cast<char>(opcode));
         body.resize(1 + *stream.bytesLeft());
-        stream.readAll(body.data() + 1, static_cast<u32>(body.size() - 1));
+        stream.readAll(i4_room(body).subspan(1));
         told_.heard(body);
         if (opcode == 's') stream.read_8();
         if (opcode == 'e') send(packetOf(body));
@@ -86,11 +86,10 @@ class Talker : public Connection {
 class TalkerDoor : public DoorTask {
   public:
     TalkerDoor(SocketPool& pool, u32 openPort, Told& told) : DoorTask(pool, openPort), told_(told) {}
-    Connection* newConnection(std::unique_ptr<i4_socket> socket) override {
-        auto* talker = new Talker(pool(), std::move(socket), told_);
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> socket) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        last_ = Ref<Talker>(talker);
-        return talker;
+        last_ = makeRef<Talker>(pool(), std::move(socket), told_);
+        return last_;
     }
     // The last accepted connection, which the listener then releases.
     Ref<Talker> takeLast() {

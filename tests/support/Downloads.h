@@ -14,10 +14,11 @@
 // A file on the network: its content and its record.
 struct RemoteFile {
     RemoteFile(const std::string& name, u32 size, u32 seed = 1) : bytes(someBytes(size, seed)) {
-        i4_ram_file_class stream(bytes.data(), size, 0);
+        BytesFile stream(i4_bytes(bytes));
         for (u64 start = 0; start <= size; start += PARTSIZE) {
             const u64 end = std::min<u64>(size, start + PARTSIZE);
-            MD4Hash::compute(parts.emplace_back(), stream, static_cast<u32>(start), static_cast<u32>(end));
+            EXPECT_TRUE(MD4Hash::compute(parts.emplace_back(), stream, static_cast<u32>(start),
+                                         static_cast<u32>(end)));
         }
         record.hash = parts.size() == 1 ? parts[0] : MD4Hash::ofParts(parts);
         record.setName(name.c_str());
@@ -43,7 +44,7 @@ class DataPacket : public i4_owned_ram_file {
     DataPacket(u32 start, u32 end, const std::string& bytes) {
         write_32(start);
         write_32(end);
-        write(bytes.data(), static_cast<u32>(bytes.size()));
+        write(i4_bytes(bytes));
         setUsed(tell());
         seek(0);
     }
@@ -108,7 +109,7 @@ class Downloads : public EngineTest {
     void giveHashSet(Download& download, const std::vector<MD4Hash>& parts) {
         std::string body = le16(parts.size());
         for (const MD4Hash& part : parts) body += bytesOf(part);
-        i4_ram_file_class stream(body.data(), static_cast<u32>(body.size()), 0);
+        BytesFile stream(i4_bytes(body));
         download.gotHashSet(stream);
     }
     // A flag for each part: whether its hash was verified.

@@ -54,15 +54,15 @@ class ScriptedProxy {
         while (readByte(*client)) continue;  // the client may send more than the script expects
     }
     bool readByte(i4_socket& client) {
-        return client.ready(I4_SELECT_READ, limit, nullptr) != 0 && client.read(&byte_, 1) == 1;
+        return client.ready(I4_SELECT_READ, limit, nullptr) != 0 && client.read(i4_room({&byte_, 1})) == 1;
     }
     void send(i4_socket& client, const ProxyTurn& turn) {
         const std::size_t piece = turn.inPieces ? 1 : turn.answer.size();
         for (std::size_t at = 0; at < turn.answer.size(); at += piece) {
-            client.write(turn.answer.data() + at, static_cast<u32>(piece));
-            // Lets the client read the piece, or give up.
+            client.write(i4_bytes(turn.answer.substr(at, piece)));
+            // Time for the client to take the piece, or to give up.
             while (turn.inPieces && client.ready(I4_SELECT_READ, pause, nullptr) &&
-                   client.read(&byte_, 1) == 1) {
+                   client.read(i4_room({&byte_, 1})) == 1) {
             }
         }
     }

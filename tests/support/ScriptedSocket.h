@@ -18,35 +18,32 @@ class ScriptedSocket : public i4_socket {
     i32 room = 1 << 30;
     std::string written;
 
-    i32 read(void* buffer, u32 count) override {
+    i32 read(std::span<u8> to) override {
         if (pieces.empty()) {
             at_end_ = ends;
             return 0;
         }
         std::string& piece = pieces.front();
-        const std::size_t n = std::min<std::size_t>(count, piece.size());
-        std::memcpy(buffer, piece.data(), n);
+        const std::size_t n = std::min(to.size(), piece.size());
+        std::memcpy(to.data(), piece.data(), n);
         piece.erase(0, n);
         if (piece.empty()) pieces.pop_front();
         return static_cast<i32>(n);
     }
-    i32 write(const void* buffer, u32 count) override {
+    i32 write(std::span<const u8> bytes) override {
         if (room < 0) return -1;
-        const u32 n = std::min(count, static_cast<u32>(room));
-        written.append(static_cast<const char*>(buffer), n);
-        return static_cast<i32>(n);
+        bytes = bytes.first(std::min(bytes.size(), static_cast<std::size_t>(room)));
+        written += i4_text(bytes);
+        return static_cast<i32>(bytes.size());
     }
-    i32 write_more(const void* buffer, u32 count) override { return write(buffer, count); }
+    i32 write_more(std::span<const u8> bytes) override { return write(bytes); }
     bool atEnd() const override { return at_end_; }
 
-    u32 seek(u32) override { return 0; }
-    u32 size() override { return 0; }
-    u32 tell() override { return 0; }
     bool accept(std::unique_ptr<i4_socket>&) override { return false; }
-    i32 read_from(void*, u32, std::unique_ptr<i4_address>*) override { return -1; }
-    i32 write_to(const void*, u32, const i4_address&) override { return -1; }
+    i32 read_from(std::span<u8>, std::unique_ptr<i4_address>*) override { return -1; }
+    i32 write_to(std::span<const u8>, const i4_address&) override { return -1; }
     u32 ready(u32, i32, i4_status_class*) override { return 0; }
-    void add_to_set(i4_socket_set&, u32, void*) override {}
+    void add_to_set(i4_socket_set&, u32, i4_set_owner*) override {}
     void remove_from_set(i4_socket_set&) override {}
     u32 check_in_set(const i4_socket_set&, u32) override { return 0; }
     bool cancel() override { return true; }

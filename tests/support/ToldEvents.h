@@ -15,10 +15,7 @@ class ToldEvents : public CapturedLog {
     void disconnected() override { printLine("[disconnected]"); }
     void serverStats(u32 files, u32 users) override { printLine("[stats %u files %u users]", files, users); }
     void extending(const char* name) override { printLine("[extending %s]", name); }
-    void addResult(FileMeta* file) override {
-        printLine("[result %s]", file->getName());
-        delete file;
-    }
+    void addResult(std::unique_ptr<FileMeta> file) override { printLine("[result %s]", file->getName()); }
     void setResults(FileList* list, u8 more) override {
         printLine("[results %u more %d]", list->count(), more);
         CapturedLog::setResults(list, more);

@@ -1,13 +1,16 @@
 // RefCounter, the base of objects that threads share, and Ref, a counted pointer to one.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "i4min/memory/types.h"
 
-// Counts references from 0: the first owner calls addRef(). Thread: any; the count is atomic.
+// The base of counted objects. The count begins at 0; the object deletes itself with its last reference, so
+// it lies on the heap and is made by makeRef. Thread: any; the count is atomic.
 class RefCounter {
   public:
     RefCounter() = default;
@@ -25,8 +28,8 @@ class RefCounter {
     std::atomic<i32> count_{0};
 };
 
-// Holds one reference, or none. T needs to be complete only where the object is used, so that a queue can
-// carry references to classes that it doesn't know.
+// Owns one reference, or none. T needs to be complete only where the object is used, so that a queue can
+// carry references to classes that it doesn't know. Thread: one at a time, as any plain value.
 template <class T>
 class Ref {
   public:
@@ -50,7 +53,7 @@ class Ref {
         return result;
     }
     // Gives the reference to the caller, who releases it.
-    T* detach() { return static_cast<T*>(std::exchange(counter_, nullptr)); }
+    [[nodiscard]] T* detach() { return static_cast<T*>(std::exchange(counter_, nullptr)); }
     void reset() {
         if (RefCounter* counter = std::exchange(counter_, nullptr)) counter->release();
     }
@@ -72,6 +75,33 @@ class Ref {
 
 // A new object with its first reference.
 template <class T, class... Arguments>
-Ref<T> makeRef(Arguments&&... arguments) {
+[[nodiscard]] Ref<T> makeRef(Arguments&&... arguments) {
     return Ref<T>(new T(std::forward<Arguments>(arguments)...));
+}
+
+// The first object of the list for which `matches` holds, null if there is none.
+template <class T, class Matches>
+T* findIn(const std::vector<Ref<T>>& list, Matches matches) {
+    const auto at =
+        std::find_if(list.begin(), list.end(), [&](const Ref<T>& held) { return matches(*held); });
+    return at == list.end() ? nullptr : at->get();
+}
+
+template <class T>
+bool holds(const std::vector<Ref<T>>& list, const T* object) {
+    return findIn(list, [&](const T& held) { return &held == object; }) != nullptr;
+}
+
+// Appends a reference to an object that the list doesn't hold yet; false if it does.
+template <class T>
+bool addUnique(std::vector<Ref<T>>& list, T* object) {
+    if (holds(list, object)) return false;
+    list.emplace_back(object);
+    return true;
+}
+
+// Removes the object from the list; false if it isn't there.
+template <class T>
+bool removeFrom(std::vector<Ref<T>>& list, const T* object) {
+    return std::erase_if(list, [&](const Ref<T>& held) { return held.get() == object; }) > 0;
 }

@@ -1,4 +1,4 @@
-// ThreadBound, the mark of what one thread alone may use.
+// ThreadBound, which checks that an object is used on its own thread only.
 #pragma once
 
 #include <atomic>
@@ -6,18 +6,18 @@
 
 #include "i4min/memory/debug_build.h"
 
-// Bound to no thread at first. Thread: any.
+// The thread that an object belongs to; none at first. Thread: any. Errors: check() aborts a debug build.
 class ThreadBound {
   public:
     void bind() { owner_.store(std::this_thread::get_id(), std::memory_order_relaxed); }
     void unbind() { owner_.store(std::thread::id(), std::memory_order_relaxed); }
     bool isBoundHere() const { return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
-    // Whether the calling thread may: it is the bound one, or none is.
+    // Whether the calling thread may use the object: it is the bound one, or none is bound.
     bool isHere() const {
         const std::thread::id owner = owner_.load(std::memory_order_relaxed);
         return owner == std::thread::id() || owner == std::this_thread::get_id();
     }
-    // A debug build aborts, naming the function that asks, unless isHere().
+    // Aborts a debug build unless isHere(), and names the calling function.
     void check(const char* function = __builtin_FUNCTION()) const {
         if constexpr (debugBuild) {
             if (!isHere()) fail(function);

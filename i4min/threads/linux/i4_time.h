@@ -3,7 +3,7 @@
 
 #include "i4min/memory/types.h"
 
-// A point on the monotonic clock, in seconds and microseconds.
+// A point on the monotonic clock, in seconds and microseconds. A plain value.
 class i4_time {
   public:
     i4_time() { get(); }                   // now

@@ -7,8 +7,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <system_error>
+#include <utility>
 
 #include "i4min/file/output.h"
 #include "i4min/memory/error.h"
@@ -31,22 +32,15 @@ void unlink(Object*& head, Object* Object::*next, Object* object) {
     }
 }
 
-struct StartArguments {
-    void* (*function)(void*);
-    void* argument;
-};
-
 [[noreturn]] void endProcess() {
     i4_standard_output().drain();
     std::fflush(nullptr);
     ::_exit(0);
 }
 
-void* commonEntry(void* packed) {
-    const std::unique_ptr<StartArguments> start(static_cast<StartArguments*>(packed));
-    void* result = nullptr;
+void runToTheEnd(const std::function<void()>& run) {
     try {
-        result = start->function(start->argument);
+        run();
     } catch (const i4_err& error) {
         i4_debug_printf("Thread error : %s\n", error.message());
         endProcess();
@@ -55,30 +49,29 @@ void* commonEntry(void* packed) {
         endProcess();
     }
     threadCount.fetch_sub(1, std::memory_order_release);
-    return result;
 }
 
 }  // namespace
 
 // Static start-up objects of other files enter themselves before this file's own statics are built, so the
 // list heads above are constant-initialized.
-LL<i4_string> i4_argv;
+OwnLL<i4_string> i4_argv;
 
-bool i4_start_thread(pthread_t& thread, void* (*function)(void*), void* argument) {
-    auto start = std::make_unique<StartArguments>(StartArguments{function, argument});
+bool i4_start_thread(std::thread& thread, std::function<void()> run) {
     threadCount.fetch_add(1, std::memory_order_acquire);
-    if (const int error = ::pthread_create(&thread, nullptr, commonEntry, start.get())) {
+    try {
+        thread = std::thread(runToTheEnd, std::move(run));
+        return true;
+    } catch (const std::system_error& error) {
         threadCount.fetch_sub(1, std::memory_order_release);
-        i4_warning()("a thread couldn't be started: %s", std::strerror(error));
+        i4_warning()("a thread couldn't be started: %s", std::strerror(error.code().value()));
         return false;
     }
-    static_cast<void>(start.release());
-    return true;
 }
 
-u32 i4_add_thread(void* (*function)(void*), u32, void* argument) {
-    pthread_t thread{};
-    if (i4_start_thread(thread, function, argument)) ::pthread_detach(thread);
+u32 i4_add_thread(std::function<void()> run, u32) {
+    std::thread thread;
+    if (i4_start_thread(thread, std::move(run))) thread.detach();
     return 0;
 }
 
@@ -142,7 +135,7 @@ bool i4_is_initialized() { return initialized; }
 
 int i4_main(int argc, char** argv, void (*application)(int argc, char** argv)) {
     mainThread = i4_get_thread_id();
-    for (int i = 0; i < argc; ++i) i4_argv.add(new i4_string(argv[i]));
+    for (int i = 0; i < argc; ++i) i4_argv.own(std::make_unique<i4_string>(argv[i]));
     try {
         application(argc, argv);
     } catch (const i4_err& error) {

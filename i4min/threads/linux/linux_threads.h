@@ -3,16 +3,19 @@
 
 #include <pthread.h>
 
+#include <functional>
+#include <thread>
+
 #include "i4min/memory/LL.h"
 #include "i4min/memory/types.h"
 #include "i4min/string/string.h"
 
-// Starts a thread that its owner joins or detaches. What the function lets through ends the process with
-// status 0: an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n". False, with a
-// warning, where the host has no thread to give.
-bool i4_start_thread(pthread_t& thread, void* (*function)(void*), void* argument);
+// Starts a thread that its owner joins or detaches. What `run` lets through ends the process with status 0:
+// an i4_err prints "Thread error : %s\n", anything else "Thread unkown error\n". False, with a warning, where
+// the host has no thread to give.
+[[nodiscard]] bool i4_start_thread(std::thread& thread, std::function<void()> run);
 // The same for a thread that nobody waits for. The stack size is not used. Returns 0.
-u32 i4_add_thread(void* (*function)(void*), u32 stack_size, void* argument);
+u32 i4_add_thread(std::function<void()> run, u32 stack_size);
 // Yields until none of these threads runs.
 void i4_wait_for_threads();
 void i4_thread_yield();
@@ -29,7 +32,9 @@ void i4_tls_set(u32 key, void* value);
 void* i4_tls_get(u32 key);
 void i4_tls_delete(u32 key);
 
-// A start-up object: constructing one enters it into the process's list, at the head.
+// A start-up object: its constructor enters it into the process's list, at the head. Normally a static
+// object.
+// Thread: the main thread.
 class i4_init_class {
   public:
     i4_init_class();
@@ -46,7 +51,7 @@ class i4_init_class {
     i4_init_class* next_;
 };
 
-// A start-up object that is also told of the main thread.
+// A start-up object that is also told when the main thread begins and ends. Thread: the main thread.
 class i4_thread_init_class : public i4_init_class {
   public:
     i4_thread_init_class();
@@ -67,8 +72,8 @@ void i4_init();
 void i4_uninit();
 bool i4_is_initialized();
 
-// The process's arguments, its name first; owned.
-extern LL<i4_string> i4_argv;
+// The process's arguments, its name first.
+extern OwnLL<i4_string> i4_argv;
 
 // The process's entry: takes the arguments into i4_argv and runs the application. An i4_err that leaves it
 // prints "Unrecoverable error at %s:%d : %s" or "Unrecoverable error". Returns 1, always.

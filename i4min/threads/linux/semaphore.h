@@ -6,7 +6,8 @@
 
 #include "i4min/memory/types.h"
 
-// Thread: any. A signal that nobody waits for is kept, and the next wait() takes it at once.
+// Each signal() lets one wait() return. A signal that nobody waits for is kept for the next wait().
+// Thread: any. No thread may wait on it when it is destroyed.
 class i4_semaphore {
   public:
     // Waits for a signal at most `ms` milliseconds, without a limit for 0. False when the time ran out.
