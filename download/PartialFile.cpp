@@ -61,12 +61,6 @@ std::vector<Gap> takeGaps(const FileMeta& record, FileMeta& rest) {
 // What a record tells of the download and not of the file. A stranger's record brings in none of it.
 constexpr TagIndex downloadTags[] = {TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE};
 
-void removeDownloadTags(FileMeta& record) {
-    for (const TagIndex tag : downloadTags) {
-        while (record.removeTag(tag)) continue;
-    }
-}
-
 // A data file lies in the temp directory itself, and is nobody's meta file.
 bool isDataFileName(const i4_string& name) {
     return !name.isNull() && safeFileName(name.c_str()) == name && !name.view().ends_with(".met");
@@ -110,7 +104,7 @@ bool PartialFile::create(const FileMeta& meta) {
     needs_.namer.makeTempName(tempFileName_);
     FileMeta tags;
     takeGaps(meta, tags);
-    removeDownloadTags(tags);
+    tags.removeTags(downloadTags);
     finishSetup(tags, meta);
     if (fileSize_ > 0) append({0, fileSize_});
     return openForWriting(I4_FILE_TRUNCATE);
@@ -129,7 +123,7 @@ PartialFile::Load PartialFile::load(const FileMeta& record, i32& priority) {
     priority = std::clamp(static_cast<i32>(rest.getInt(TAG_PRIORITY)), 0, 2);
     const bool paused = rest.getInt(TAG_STATE) != 0;
     transferred_ = rest.getInt(TAG_PART_TRANS);
-    removeDownloadTags(rest);
+    rest.removeTags(downloadTags);
     finishSetup(rest, record);
     for (const Gap& gap : gaps) {
         const i64 end = std::min<i64>(gap.end, fileSize_);
