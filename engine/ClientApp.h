@@ -75,7 +75,7 @@ class ClientApp {
     void gotResult(FileMeta* file);              // ownership passes
     void gotResults(FileList* list, bool more);  // ownership passes, of the records too
 
-    // Reaches a user; with peerThere, `out` is the connection.
+    // Reaches a user; with peerThere, `out` is the connection, and the user has said hello or answered ours.
     ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out);
 
     FilterList& filter() { return *filter_; }
@@ -91,6 +91,7 @@ class ClientApp {
   private:
     void startWorkers();
     bool isSelf(const UserMeta& user) const;
+    Ref<Peer> findPeer(const UserMeta& user);  // a connection to that user; empty where there is none
 
     const ClientNeeds needs_;
     std::vector<std::unique_ptr<Worker>> workers_;

@@ -5,6 +5,7 @@
 
 #include "core/Core.h"
 #include "i4min/memory/LLsafe.h"
+#include "i4min/memory/relaxed.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/BoolArray.h"
 #include "meta/FileList.h"
@@ -120,6 +121,18 @@ class SharedFiles {
     ~SharedFiles() = default;
 };
 
+// Counts one connection that came in and whose other side hasn't said hello, as long as it exists.
+class CountedStranger {
+  public:
+    explicit CountedStranger(Relaxed<i32>& count) : count_(count) { count_.add(1); }
+    CountedStranger(const CountedStranger&) = delete;
+    CountedStranger& operator=(const CountedStranger&) = delete;
+    ~CountedStranger() { count_.add(-1); }
+
+  private:
+    Relaxed<i32>& count_;
+};
+
 // Outlives the room.
 struct PeerNeeds {
     Core& core;
@@ -130,4 +143,6 @@ struct PeerNeeds {
     // The live connections to other clients. An entry is valid while the lock is held; whoever keeps it
     // longer takes a reference under the lock.
     LLsafe<Peer>& peers;
+    // Connections that came in and haven't said hello. They take none of the places of maxCon.
+    Relaxed<i32>& strangers;
 };

@@ -66,6 +66,7 @@ class SimOpponent : public Thread {
   protected:
     // A client has connected, or its door has answered.
     virtual void opened(SimTalk& talk);
+    virtual void sayHello(SimTalk& talk);  // to a client that it visits
     virtual void gotHello(SimTalk& talk);
     virtual void askedStatus(SimTalk& talk);
     virtual void askedHashSet(SimTalk& talk);

@@ -332,6 +332,25 @@ TEST(Transfers, FourClientsWithOnePartEachGiveTheWholeToOne) {
     for (const SceneClient* holder : holders) EXPECT_GT(scene.given(*holder), 500'000U) << holder->name;
 }
 
+// --- Strangers
+
+TEST(Strangers, WhoSaysNoHelloTakesNoPlaceAndIsGoneInTwoMinutes) {
+    Scene scene(1);
+    SceneClient& seed = scene.arrive("seed");
+    SceneClient& leecher = scene.arrive("leecher");
+    leecher->engine.preferences.maxCon = 10;
+    const SimFileOffer& film = scene.makeFile("film.avi", 1'000'000);
+    scene.share(seed, film);
+    SimOpponent& nameless = scene.oppose("nameless", scene.makeFile("other.avi", 1000));
+    for (int i = 0; i < 40; ++i) nameless.visit(leecher.machine.address());
+    scene.run(5);
+    EXPECT_EQ(leecher->engine.strangers, 10);
+    scene.fetch(leecher, film);
+    scene.untilAllHave({&leecher}, film, 60);
+    scene.run(130);
+    EXPECT_EQ(leecher->engine.strangers, 0);
+}
+
 // --- Index servers
 
 TEST(Servers, AClientFallsBackToTheNextOneAndExtendsASearchToAnother) {

@@ -101,11 +101,11 @@ class Connection : public Task, public RefCounter {
     // The connection ends when a packet is queued behind this many bytes. By default 16 MiB.
     virtual u32 queueLimit() const;
     // How many milliseconds something half done may stand still before the connection ends: a packet of
-    // which the rest doesn't come, a queue that the other side doesn't take, and the first message of a
-    // connection that came in. By default 120,000; 0 for no limit.
+    // which the rest doesn't come, and a queue that the other side doesn't take. Also, how long
+    // awaitsFirst() may hold, whatever moves meanwhile. By default 120,000; 0 for no limit.
     virtual u32 stallLimit() const;
-    // Whether a word of the other side is overdue, so that stallLimit() counts: by default until the first
-    // message of a connection that came in.
+    // Whether the word by which the other side makes itself known is still to come: by default until the
+    // first message of a connection that came in.
     virtual bool awaitsFirst() const;
     // What the pool's set shall be asked about: reading and errors, and writing while there is something
     // to send.
@@ -160,7 +160,8 @@ class Connection : public Task, public RefCounter {
 
     // Of the pool's thread.
     bool inSet_ = false;
-    u32 asked_ = 0;       // what the set is asked about at present
-    u32 lastMoved_ = 0;   // ticks at which it last moved, or had nothing to move; 0 for not yet
-    bool moved_ = false;  // a byte, since checkStall() last looked; turns set it
+    u32 asked_ = 0;         // what the set is asked about at present
+    u32 lastMoved_ = 0;     // ticks at which it last moved, or had nothing to move; 0 for not yet
+    u32 awaitedSince_ = 0;  // ticks since when awaitsFirst() has held; 0 for not looked yet
+    bool moved_ = false;    // a byte, since checkStall() last looked; turns set it
 };
