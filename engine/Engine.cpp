@@ -55,7 +55,7 @@ void Engine::met(Peer& peer, Met how) {
 }
 
 void Engine::gone(Peer& peer) {
-    uploadPool.endAllOf(peer);
+    uploadPool.peerGone(peer);
     dlPool.peerGone(peer);
     friendList.peerGone(peer);
     callList.peerGone(peer);

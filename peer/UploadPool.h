@@ -6,12 +6,12 @@
 #include "i4min/memory/mutex.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/MD4Hash.h"
+#include "peer/CalledUsers.h"
+#include "peer/QueuedUser.h"
 #include "peer/Upload.h"
 
-class Peer;
 class UploadSlot;
 struct PeerNeeds;
-class UserMeta;
 
 // The rule that sets the number of transfers, all in KB/s and numbers of transfers.
 struct SlotRule {
@@ -26,13 +26,13 @@ struct SlotRule {
 // What a user goes through:
 //
 //   state         where                 entered by                   left by
-//   waiting       queue                 gotSlotRequest, endUpload    assignSlots; 45 minutes
+//   waiting       queue                 gotSlotRequest, endUpload    assignSlots; 45 minutes; makeRoom
 //   called        slots                 assignSlots, gotSlotRequest  gotPartRequest; time-out, failure, gone
 //   transferring  uploads               gotPartRequest               endUpload to waiting; endAllOf
 //   replaceable   uploads, replaceable  markReplaceable              another's start, to waiting
 //
 // Thread: any; each operation takes the lock.    Lock order: before DLPool's and the lists of ClientApp.
-// Owns: queue and slots, one reference on each upload.
+// Owns: queue and slots, one reference on each upload.    Borrows: the peers that asked, until peerGone().
 class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
   public:
     explicit UploadPool(const PeerNeeds& needs);
@@ -41,7 +41,8 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
     void gotCall(Peer& peer);  // a hello came in
     void gotPartRequest(i4_file& stream, Peer& peer);
     void stopUpload(const MD4Hash& hash, Peer& peer);
-    void endAllOf(Peer& peer);  // it has gone, or gave its slot back
+    void endAllOf(Peer& peer);  // it gave its slot back
+    void peerGone(Peer& peer);
     void connectFailed(u32 ip, u16 port);
     void callbackFailed(u32 serverIp, u32 clientId);
     void endUpload(Upload& upload) override;
@@ -54,16 +55,26 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
     void lock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS { lock_.lock(); }
     void unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { lock_.unlock(); }
     const LL<UploadSlot>& getSlots() const REQUIRES(this) NO_THREAD_SAFETY_ANALYSIS { return slots_; }
-    const LL<UserMeta>& getQueue() const REQUIRES(this) NO_THREAD_SAFETY_ANALYSIS { return queue_; }
+    const LL<QueuedUser>& getQueue() const REQUIRES(this) NO_THREAD_SAFETY_ANALYSIS { return queue_; }
 
   private:
     bool canStartSlot() const REQUIRES(lock_);
-    UploadSlot* slotOf(const Peer& peer) const REQUIRES(lock_);  // by the user hash where it is known
-    void addSlot(const UserMeta& user) REQUIRES(lock_);
+    UploadSlot* slotOf(const Peer& peer) const REQUIRES(lock_);
+    UploadSlot* slotFor(const Peer& peer) const REQUIRES(lock_);  // its own, or one that it was told of
+    void addSlot(std::unique_ptr<QueuedUser> user) REQUIRES(lock_);
     void removeSlot(UploadSlot* slot) REQUIRES(lock_);  // and destroys it
     void dropSlot(UploadSlot* slot) REQUIRES(lock_);    // and gives its place away; null does nothing
     void assignSlots() REQUIRES(lock_);
-    void enqueue(const UserMeta& user) REQUIRES(lock_);
+    bool isStale(const QueuedUser& user) const REQUIRES(lock_);  // has stopped asking
+    QueuedUser* nextInLine() const REQUIRES(lock_);
+    bool mayCall(const QueuedUser& user) const REQUIRES(lock_);
+    bool hasUpload(const UserMeta& user) const REQUIRES(lock_);
+    QueuedUser* waitingAs(const UserMeta& user) const REQUIRES(lock_);
+    void enqueue(std::unique_ptr<QueuedUser> user) REQUIRES(lock_);
+    std::unique_ptr<QueuedUser> takeFromQueue(QueuedUser& user) REQUIRES(lock_);
+    // Whether a newcomer may wait. When the queue is full, somebody may have to give way.
+    bool hasRoomFor(const QueuedUser& newcomer) REQUIRES(lock_);
+    bool makeRoom() REQUIRES(lock_);
     Ref<Upload> uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) EXCLUDES(lock_);
     Upload* findUpload(const MD4Hash& hash, const Peer& peer) const REQUIRES(lock_);
     void replaceOldest() REQUIRES(lock_);
@@ -76,10 +87,11 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
     const PeerNeeds& needs_;
     i4_mutex lock_{LockRank::uploadPool};
     LL<Upload> uploads_ GUARDED_BY(lock_);
-    OwnLL<UserMeta> queue_ GUARDED_BY(lock_);  // first in line first
+    OwnLL<QueuedUser> queue_ GUARDED_BY(lock_);  // first in line first; each user once
     OwnLL<UploadSlot> slots_ GUARDED_BY(lock_);
     LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
-    i32 assignTimer_ GUARDED_BY(lock_) = 0;     // ms since the last assignment
+    CalledUsers called_ GUARDED_BY(lock_);
+    i32 assignTimer_ GUARDED_BY(lock_) = 0;  // ms since the last assignment
     i32 queueLength_ GUARDED_BY(lock_) = 0;
     u32 slotsMade_ GUARDED_BY(lock_) = 0;  // their identities
 };
