@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "download/Collection.h"
 #include "download/DLProgress.h"
 #include "download/DownloadNeeds.h"
 #include "download/PartFileNamer.h"
@@ -213,6 +214,8 @@ PartialFile::PartCheck PartialFile::checkPart(u32 part) {
         return PartCheck::unreadable;
     }
     if (hash == meta_.partHashes[part]) return PartCheck::good;
+    // The hashes that a collection stores aren't those of its own parts: complete() tells.
+    if (Collection::isOne(meta_)) return PartCheck::unknown;
     needs_.core.log.printLine("%s %s %s %u", needs_.core.strings.get(STRINGS_CORRUPTION_FOUND),
                               name.isNull() ? "" : name.c_str(), needs_.core.strings.get(STRINGS_AT), part);
     reopenPart(part, start, end);
@@ -321,7 +324,7 @@ PartialFile::Completion PartialFile::complete(const GiveUp& giveUp) {
         HashOutcome::abandoned) {
         return Completion::abandoned;
     }
-    const bool good = hash == meta_.hash;
+    const bool good = hash == meta_.hash || Collection::stores(needs_.core, meta_);
     if (!good) {
         keepCorrupted();
         endUploads(gone);

@@ -9,6 +9,8 @@
 inline constexpr std::array<u8, 12> collectionMagic = {10,  0,   'c', 'o', 'l', 'l',
                                                        'e', 'c', 't', 'i', 'o', '2'};
 
+inline constexpr char collectionType[] = "Col";
+
 // The record that a collection holds of itself takes the place of `meta`, its date, hash, part hashes and all
 // tags: what is in the file decides. A file that ends before its record does raises an i4_err, and `meta` is
 // as it was. A record counts as ending after 256 KiB.

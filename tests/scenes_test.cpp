@@ -218,8 +218,8 @@ TEST_F(Friends, TheyTalkAndOneLooksAtTheOthersFiles) {
     EXPECT_FALSE(bobsScreen.hears("Good evening"));
 }
 
-// Its record lies within the file and can't hold the file's own hash: the copy is set aside as every download
-// whose hash is another. Opened from there, it brings its members.
+// Its record lies within the file and can't hold the file's own hash: the copy is whole when it stores the
+// hash that was asked for. Opened, it brings its members.
 TEST_F(Friends, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
     const SimFileOffer* const members[] = {&scene.makeFile("dipper.bin", 1'000'000),
                                            &scene.makeFile("kingfisher.bin", 100'000)};
@@ -240,15 +240,16 @@ TEST_F(Friends, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
     bob->search("river", "Col");
     scene.until("it is found", [&] { return !bobsScreen.results.empty(); });
     bob->download(*bobsScreen.results[0]);
+    const char* const path = "/home/incoming/river birds";
     scene.until(
-        "it is set aside", [&] { return bob.disk.has("/home/temp/river birds"); }, 600);
-    EXPECT_EQ(bob.disk.read("/home/temp/river birds"), ada.disk.read("/home/incoming/river birds"));
+        "it is there", [&] { return bob.disk.has(path); }, 600);
+    EXPECT_EQ(bob.disk.read(path), ada.disk.read(path));
     Collection opened(bob->engine.core);
-    ASSERT_EQ(opened.load(bob.disk, "/home/temp/river birds"), LoadResult::whole);
+    ASSERT_EQ(opened.load(bob.disk, path), LoadResult::whole);
     opened.fetchAll();
     for (const SimFileOffer* member : members) {
-        const std::string path = "/home/incoming/" + member->name;
-        scene.until(path, [&] { return bob.disk.equals(path, member->content); });
+        const std::string fetched = "/home/incoming/" + member->name;
+        scene.until(fetched, [&] { return bob.disk.equals(fetched, member->content); });
     }
 }
 
