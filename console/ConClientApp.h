@@ -1,13 +1,14 @@
 // ConClientApp: the console, its commands and the lists that they show.
 #pragma once
 
-#include <atomic>
+#include <memory>
 
 #include "console/KeptList.h"
 #include "console/Servant.h"
 #include "download/Download.h"
 #include "engine/Commands.h"
 #include "engine/SearchResults.h"
+#include "i4min/memory/mutex.h"
 #include "i4min/memory/relaxed.h"
 #include "peer/Upload.h"
 
@@ -26,6 +27,9 @@ class ConClientApp : public Servant, public Commands {
     void attach(Engine& engine);
     void detach();
     Engine& engine() const { return *engine_; }
+    // The collection whose members are offered; null while there is none.
+    void selectCollection(std::shared_ptr<Collection> collection) EXCLUDES(selectionLock_);
+    std::shared_ptr<Collection> selectedCollection() const EXCLUDES(selectionLock_);
 
     void dispatch(const char* line) override { Servant::dispatch(line); }
     void quit() override { Servant::quit(); }
@@ -35,10 +39,10 @@ class ConClientApp : public Servant, public Commands {
     KeptList<Download> downloads{LockRank::uiList};
     KeptList<Upload> uploads{LockRank::uiList};
     SearchResults results;
-    // For a user interface that offers collections; no console command sets it.
-    std::atomic<Collection*> selectedCollection{nullptr};
-    Relaxed<i32> testNumber;  // stored by `test #`
+    Relaxed<i32> testNumber;  // what `test #` stored
 
   private:
     Engine* engine_ = nullptr;
+    mutable i4_mutex selectionLock_{LockRank::leaf};
+    std::shared_ptr<Collection> selected_ GUARDED_BY(selectionLock_);
 };

@@ -42,6 +42,7 @@ void extendSearch(ConClientApp& console, char* line);
 // Downloads.
 void downloadResult(ConClientApp& console, char* line);
 void downloadLink(ConClientApp& console, char* line);
+void openCollection(ConClientApp& console, char* line);
 void downloadPart(ConClientApp& console, char* line);
 void changeDownload(ConClientApp& console, char* line);
 

@@ -64,8 +64,21 @@ void downloadLink(ConClientApp& console, char* line) {
     console.engine().messageQ.post(MESSAGE_DOWNLOAD, std::move(file));
 }
 
+// Shows the members of a shared collection; they have the numbers that `p` takes.
+void openCollection(ConClientApp& console, char* line) {
+    const auto file = copyAt(console.engine().clientApp.shared, listPlace(numberArgument(line)));
+    const auto collection = std::make_shared<Collection>(console.engine().core);
+    if (!file || file->path.isNull() || !Collection::isOne(*file) ||
+        collection->load(console.engine().host.disk, file->path.c_str()) != LoadResult::whole) {
+        console.log().printLine("Invalid Collection number.\n");
+        return;
+    }
+    console.selectCollection(collection);
+    console.printList(collection.get());
+}
+
 void downloadPart(ConClientApp& console, char* line) {
-    Collection* collection = console.selectedCollection;
+    const std::shared_ptr<Collection> collection = console.selectedCollection();
     const std::optional<i32> number = numberArgument(line);
     if (!collection || !number) {
         console.log().printLine("No Collection selected.\n");

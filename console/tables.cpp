@@ -29,6 +29,8 @@ void Servant::printHeader(const Meta* record, Keys& keys) {
     for (const auto& tag : record->getTags()) {
         const char* name = strings_->nameOf(*tag);
         if (!name || !tag->name()) continue;
+        // Each column takes at least one character of a row.
+        if (keys.size() > rowSize) break;
         keys.emplace_back(tag->name());
         line += name;
         line += '\t';
@@ -40,7 +42,8 @@ void Servant::printRow(const Meta* record, const Keys& keys, u32 index) {
     if (!record) return;
     std::string line = "(" + std::to_string(index + 1) + ") ";
     for (const std::string& key : keys) {
-        char value[256] = "";  // left empty for a tag without text
+        if (line.size() > rowSize) break;
+        char value[256] = "";  // stays as it is for what has no text
         line += record->printable(key.c_str(), value, sizeof value) ? value : "";
         line += '\t';
     }

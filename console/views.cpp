@@ -94,8 +94,9 @@ void viewQueue(ConClientApp& console, char*) {
         printUser(console, ++number, slot->getUser());
     console.log().printLine("\nWaiting: ");
     number = 0;
-    const LL<UserMeta>& queue = console.engine().uploadPool.getQueue();
-    for (LL<UserMeta>::Cursor c; const UserMeta* user = queue.next(c);) printUser(console, ++number, *user);
+    const LL<QueuedUser>& queue = console.engine().uploadPool.getQueue();
+    for (LL<QueuedUser>::Cursor c; const QueuedUser* user = queue.next(c);)
+        printUser(console, ++number, *user);
 }
 
 void viewConnections(ConClientApp& console, char*) {

@@ -1,5 +1,6 @@
 #include "download/Collection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <utility>
@@ -15,6 +16,13 @@ namespace {
 
 constexpr std::size_t longestCollectionName = 250;  // saving puts an ending behind it for a moment
 
+// Empty for a file that is too large. One byte more than is taken tells it from one that just fits.
+std::vector<u8> bytesOf(i4_file& file) {
+    std::vector<u8> bytes = readBlock(file, Collection::maxFile + 1);
+    if (bytes.size() > Collection::maxFile) bytes.clear();
+    return bytes;
+}
+
 }  // namespace
 
 Collection::~Collection() { deleteAll(); }
@@ -23,12 +31,28 @@ LoadResult Collection::load(Disk& disk, const char* path, i4_log* log) {
     deleteAll();
     const std::unique_ptr<i4_file> file = disk.open(path, I4_FILE_READ);
     if (!file) return errno == ENOENT || errno == ENOTDIR ? LoadResult::missing : LoadResult::damaged;
-    // One byte more than is taken tells a file that is too large from one that just fits.
-    std::vector<u8> bytes = readBlock(*file, maxFile + 1);
-    if (bytes.size() > maxFile) return LoadResult::damaged;
+    std::vector<u8> bytes = bytesOf(*file);
     i4_ram_file_class stream(bytes.data(), static_cast<u32>(bytes.size()), 0);
     stream.setLog(log);
     return read(stream) ? LoadResult::whole : LoadResult::damaged;
+}
+
+bool Collection::isOne(const FileMeta& record) {
+    return i4_strcmp(record.getText(TAG_TYPE), collectionType) == 0 && record.getSize() <= maxFile;
+}
+
+bool Collection::stores(Core& core, const FileMeta& record) {
+    if (!isOne(record)) return false;
+    const std::unique_ptr<i4_file> file = core.host.disk.open(record.path.c_str(), I4_FILE_READ);
+    if (!file) return false;
+    std::vector<u8> bytes = bytesOf(*file);
+    if (!std::equal(
+            collectionMagic.begin(), collectionMagic.end(), bytes.begin(),
+            bytes.begin() + static_cast<std::ptrdiff_t>(std::min(bytes.size(), collectionMagic.size()))))
+        return false;
+    i4_ram_file_class stream(bytes.data(), static_cast<u32>(bytes.size()), 0);
+    Collection collection(core);
+    return collection.read(stream) && stream.bytesLeft() == 0U && collection.self.hash == record.hash;
 }
 
 bool Collection::read(i4_file& file) {
@@ -54,7 +78,7 @@ bool Collection::store() {
     const i4_string name = safeFileName(self.getName(), longestCollectionName);
     const std::string path =
         std::string(core_.preferences.incomingDir().view()) + core_.preferences.pathSeparator + name.c_str();
-    self.setText(TAG_TYPE, "Col");
+    self.setText(TAG_TYPE, collectionType);
     u64 size = 0;
     MD4Hash hash;
     std::vector<MD4Hash> parts;

@@ -29,6 +29,11 @@ class Collection : public FileList {
     [[nodiscard]] std::string save(Disk& disk, const char* path) override;
     // The same from the bytes of a file: false if they don't read whole. What was read stays.
     bool read(i4_file& file);
+    // Whether a record is of the type of collections, and not too large for one.
+    static bool isOne(const FileMeta& record);
+    // Whether a file of this record, which names its path, is a whole collection that stores just the hash of
+    // the record: its own bytes have another.
+    static bool stores(Core& core, const FileMeta& record);
 
     // Saves the collection into the incoming directory under the name that `self` has. `self` then says what
     // the file is: type, path, size, hash and part hashes; but the record in the file holds the hash from

@@ -3,6 +3,7 @@
 #include <limits>
 #include <utility>
 
+#include "download/Collection.h"
 #include "download/Download.h"
 #include "download/ShareList.h"
 #include "i4min/file/filesystem.h"
@@ -193,29 +194,55 @@ void HashThread::readFile(const std::string& path, const char* name, const i4_fi
             record.setPath(path.c_str());
             record.date = status.last_modified;
             record.setName(name);
+            // A collection may have claimed the hash before.
+            record.setInt(TAG_SIZE, static_cast<u32>(size));
+            record.partHashes = parts;
         });
         return;
     }
-    auto file = std::make_unique<FileMeta>();
-    file->date = status.last_modified;
-    file->hash = hash;
-    file->partHashes = std::move(parts);
+    const auto plainRecord = [&] {
+        auto file = std::make_unique<FileMeta>();
+        file->date = status.last_modified;
+        file->hash = hash;
+        file->partHashes = parts;
+        return file;
+    };
+    std::unique_ptr<FileMeta> file = plainRecord();
     i4_file_status now;
     if (!duties_.importFile(*file, path.c_str(), name) || file->hash.isZero()) {
         core_.log.printLine("Import failed: %s", name);
     } else if (!disk_.status(path.c_str(), now) || now.size != size ||
                now.last_modified != status.last_modified) {
         couldntHash(name);
+    } else if (file->hash != hash && isTaken(*file)) {
+        file = plainRecord();
+        file->setName(name);
+        file->setInt(TAG_SIZE, static_cast<u32>(size));
+        file->setPath(path.c_str());
+        enter(std::move(file));
     } else {
         enter(std::move(file));
     }
 }
 
+// Whether the hash that a collection claims is another file's: of one that is shared now, or is known and
+// isn't this very collection.
+bool HashThread::isTaken(const FileMeta& claim) {
+    {
+        const i4_guard guard(duties_.shared());
+        const FileMeta* other = duties_.shared().findUnsafe(claim.hash);
+        if (other) return other->path.isNull() || i4_strcmp(other->path.c_str(), claim.path.c_str()) != 0;
+    }
+    const i4_guard guard(duties_.known());
+    const FileMeta* other = duties_.known().findUnsafe(claim.hash);
+    return other &&
+           !(Collection::isOne(*other) && other->matches(claim.getSize(), claim.date, claim.getName()));
+}
+
 void HashThread::enter(std::unique_ptr<FileMeta> file) {
     // A collection brings a record of its own, which doesn't tell this file's time: it is hashed at each
     // start, and is known all the same.
-    FileMeta* known = duties_.known().find(file->getSize(), file->date, file->getName());
-    if (known && known->hash == file->hash) {
+    if (FileMeta* known = duties_.known().find(file->hash)) {
         share(known, [&file](FileMeta& record) { record.setPath(file->path.c_str()); });
         return;
     }

@@ -67,6 +67,7 @@ class HashThread : public Thread {
     void leaveDirectory();
     bool takeFile();
     void readFile(const std::string& path, const char* name, const i4_file_status& status);
+    bool isTaken(const FileMeta& claim);
     void enter(std::unique_ptr<FileMeta> file);
     void share(FileMeta* file, const std::function<void(FileMeta&)>& change);
     void endRun() EXCLUDES(lock_);

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "download/Collection.h"
 #include "download/DLProgress.h"
 #include "download/DownloadNeeds.h"
 #include "download/PartFileNamer.h"
@@ -61,12 +62,6 @@ std::vector<Gap> takeGaps(const FileMeta& record, FileMeta& rest) {
 // What a record tells of the download and not of the file. A stranger's record brings in none of it.
 constexpr TagIndex downloadTags[] = {TAG_PART_TRANS, TAG_TEMPFILENAME, TAG_PRIORITY, TAG_STATE};
 
-void removeDownloadTags(FileMeta& record) {
-    for (const TagIndex tag : downloadTags) {
-        while (record.removeTag(tag)) continue;
-    }
-}
-
 // A data file lies in the temp directory itself, and is nobody's meta file.
 bool isDataFileName(const i4_string& name) {
     return !name.isNull() && safeFileName(name.c_str()) == name && !name.view().ends_with(".met");
@@ -110,7 +105,7 @@ bool PartialFile::create(const FileMeta& meta) {
     needs_.namer.makeTempName(tempFileName_);
     FileMeta tags;
     takeGaps(meta, tags);
-    removeDownloadTags(tags);
+    tags.removeTags(downloadTags);
     finishSetup(tags, meta);
     addGap(0, fileSize_);
     return openForWriting(I4_FILE_TRUNCATE);
@@ -129,7 +124,7 @@ PartialFile::Load PartialFile::load(const FileMeta& record, i32& priority) {
     priority = std::clamp(static_cast<i32>(rest.getInt(TAG_PRIORITY)), 0, 2);
     const bool paused = rest.getInt(TAG_STATE) != 0;
     transferred_ = rest.getInt(TAG_PART_TRANS);
-    removeDownloadTags(rest);
+    rest.removeTags(downloadTags);
     finishSetup(rest, record);
     for (const Gap& gap : gaps) addGap(gap.start, std::min<i64>(gap.end, fileSize_));
     i4_file_status status;
@@ -216,6 +211,8 @@ PartialFile::PartCheck PartialFile::checkPart(u32 part) {
         return PartCheck::unreadable;
     }
     if (hash == meta_.partHashes[part]) return PartCheck::good;
+    // The hashes that a collection stores aren't those of its own parts: complete() tells.
+    if (Collection::isOne(meta_)) return PartCheck::unknown;
     needs_.core.log.printLine("%s %s %s %u", needs_.core.strings.get(STRINGS_CORRUPTION_FOUND),
                               name.isNull() ? "" : name.c_str(), needs_.core.strings.get(STRINGS_AT), part);
     reopenPart(part, start, end);
@@ -324,7 +321,7 @@ PartialFile::Completion PartialFile::complete(const GiveUp& giveUp) {
         HashOutcome::abandoned) {
         return Completion::abandoned;
     }
-    const bool good = hash == meta_.hash;
+    const bool good = hash == meta_.hash || Collection::stores(needs_.core, meta_);
     if (!good) {
         keepCorrupted();
         endUploads(gone);

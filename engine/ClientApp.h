@@ -77,7 +77,7 @@ class ClientApp {
     void gotResult(std::unique_ptr<FileMeta> file);
     void gotResults(FileList* list, bool more);  // ownership passes, of the records too
 
-    // Connects to a user, or finds the connection. Sets `out` to it if the result is peerThere.
+    // Reaches a user; with peerThere, `out` is the connection, and the user has said hello or answered ours.
     ConnectResult connectToUser(const UserMeta& user, Ref<Peer>& out);
 
     FilterList& filter() { return *filter_; }
@@ -93,6 +93,7 @@ class ClientApp {
   private:
     void startWorkers();
     bool isSelf(const UserMeta& user) const;
+    Ref<Peer> findPeer(const UserMeta& user);  // a connection to that user; empty where there is none
 
     const ClientNeeds needs_;
     std::vector<std::unique_ptr<Worker>> workers_;

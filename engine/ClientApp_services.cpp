@@ -1,4 +1,6 @@
-// The operations of ClientApp that other modules use at run time.
+// What the subsystems ask of ClientApp at run time.
+#include <algorithm>
+
 #include "download/DLPool.h"
 #include "download/HashThread.h"
 #include "download/ShareList.h"
@@ -104,18 +106,30 @@ bool ClientApp::isSelf(const UserMeta& user) const {
     return user.id == own && user.port == needs_.core.preferences.doorPort;
 }
 
+// Of several, one that is known goes before one that hasn't answered yet, and the user himself before a
+// neighbour at the same address.
+Ref<Peer> ClientApp::findPeer(const UserMeta& user) {
+    Peer* best = nullptr;
+    int bestRank = 0;
+    const i4_guard guard(needs_.peers.peers);
+    for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.peers.next(c);) {
+        if (!peer->sameUser(user)) continue;
+        const bool isHimself = !user.hash.isZero() && peer->userHash() == user.hash;
+        const int rank = 1 + (peer->isKnown() ? 2 : 0) + (isHimself ? 1 : 0);
+        if (rank > bestRank) best = peer;
+        bestRank = std::max(rank, bestRank);
+    }
+    return Ref<Peer>(best);
+}
+
 ConnectResult ClientApp::connectToUser(const UserMeta& user, Ref<Peer>& out) {
     if (isSelf(user)) return ConnectResult::impossible;
-    {
-        const i4_guard guard(needs_.peers.peers);
-        for (LL<Peer>::Cursor c; Peer* peer = needs_.peers.peers.next(c);) {
-            if (peer->sameUser(user)) {
-                out = Ref<Peer>(peer);
-                return ConnectResult::peerThere;
-            }
-        }
+    if (const Ref<Peer> peer = findPeer(user)) {
+        if (!peer->isKnown()) return ConnectResult::connecting;
+        out = peer;
+        return ConnectResult::peerThere;
     }
-    if (socketPool.count >= needs_.core.preferences.maxCon) {
+    if (socketPool.count - needs_.peers.strangers >= needs_.core.preferences.maxCon) {
         needs_.core.log.printVerbose("Can't accept more connections.\n");
         return ConnectResult::tooManyConnections;
     }

@@ -55,7 +55,7 @@ void Engine::met(Peer& peer, Met how) {
 }
 
 void Engine::gone(Peer& peer) {
-    uploadPool.endAllOf(peer);
+    uploadPool.peerGone(peer);
     dlPool.peerGone(peer);
     friendList.peerGone(peer);
     callList.peerGone(peer);
@@ -98,9 +98,15 @@ void Engine::noSuchFile(Peer& peer, const MD4Hash& file) {
     if (const Ref<Download> download = dlPool.find(file)) download->noSuchFile(peer);
 }
 
-void Engine::slotGranted(Peer& peer) { dlPool.slotGranted(peer); }
+void Engine::slotGranted(Peer& peer) {
+    if (peer.isKnown()) dlPool.slotGranted(peer);
+}
+
 void Engine::slotEnded(Peer& peer) { dlPool.slotEnded(peer); }
-void Engine::gotSlotRequest(Peer& peer) { uploadPool.gotSlotRequest(peer); }
+void Engine::gotSlotRequest(Peer& peer) {
+    if (peer.isKnown()) uploadPool.gotSlotRequest(peer);
+}
+
 void Engine::gotPartRequest(Peer& peer, i4_file& stream) { uploadPool.gotPartRequest(stream, peer); }
 void Engine::uploadStopped(Peer& peer, const MD4Hash& file) { uploadPool.stopUpload(file, peer); }
 void Engine::slotReleased(Peer& peer) { uploadPool.endAllOf(peer); }
@@ -117,7 +123,7 @@ void Engine::chatRefused(const UserMeta& user) { callList.refused(user); }
 
 // Reach.
 
-bool Engine::mayConnect() { return clientApp.socketPool.count + 1 < preferences.maxCon; }
+bool Engine::mayConnect() { return clientApp.socketPool.count - strangers + 1 < preferences.maxCon; }
 
 ConnectResult Engine::connectToUser(const UserMeta& user, Ref<Peer>& out) {
     return clientApp.connectToUser(user, out);

@@ -47,7 +47,8 @@ class Engine final : private MessageDuties,
     Transport transport{host, ui, preferences, connectRegistry};
 
     LLsafe<Peer> peers{LockRank::peers};
-    const PeerNeeds peerNeeds{core, ui, *this, *this, *this, peers};
+    Relaxed<i32> strangers;
+    const PeerNeeds peerNeeds{core, ui, *this, *this, *this, peers, strangers};
     RemoteQueueList remoteQueueList{host.clock};
     FriendList friendList{peerNeeds};
     CallList callList{peerNeeds, friendList};

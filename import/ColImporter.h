@@ -9,10 +9,11 @@
 inline constexpr std::array<u8, 12> collectionMagic = {10,  0,   'c', 'o', 'l', 'l',
                                                        'e', 'c', 't', 'i', 'o', '2'};
 
-// Replaces `meta` (date, hash, part hashes and all tags) with the record that the collection holds of itself.
-// If the file ends before that record does, or the record exceeds 256 KiB, it raises an i4_err and leaves
-// `meta` unchanged.
-// Thread: as Importer. Stateless.
+inline constexpr char collectionType[] = "Col";
+
+// The record that a collection holds of itself takes the place of `meta`, its date, hash, part hashes and all
+// tags: what is in the file decides. A file that ends before its record does raises an i4_err, and `meta` is
+// as it was. A record counts as ending after 256 KiB.
 class ColImporter : public Importer {
   public:
     bool import(FileMeta& meta, const char* name, i4_file& file) const override;

@@ -12,8 +12,15 @@ bool Meta::toNetwork(i4_file& file) const {
 bool Meta::toDisk(i4_file& file) { return Meta::toNetwork(file); }
 
 bool Meta::fromNetwork(i4_file& file) {
+    u32 bytes = Meta::byteSize();
+    const auto keep = [&](std::unique_ptr<MetaTag> tag) {
+        const u32 size = tag->byteSize();
+        if (tags_.size() >= mostTags || bytes + size > mostTagBytes) return;
+        bytes += size;
+        addTag(std::move(tag));
+    };
     bool damaged = false;
-    if (readTags(file, damaged)) return true;
+    if (readTags(file, damaged, keep)) return true;
     if (damaged) file.tell(i4_log::Tone::verbose, "ERROR: Meta::fromNetwork()\n");
     return false;
 }
@@ -21,13 +28,15 @@ bool Meta::fromNetwork(i4_file& file) {
 bool Meta::fromDisk(i4_file& file) {
     clearTags();
     bool damaged = false;
-    if (readTags(file, damaged)) return true;
+    if (readTags(file, damaged, [this](std::unique_ptr<MetaTag> tag) { addTag(std::move(tag)); }))
+        return true;
     if (damaged) file.tell(i4_log::Tone::plain, "ERROR: Meta::fromDisk()\n");
     return false;
 }
 
 // The count needs no bound of its own: nothing is taken for it in advance, and each turn reads a tag or ends.
-bool Meta::readTags(i4_file& file, bool& damaged) {
+template <class Keep>
+bool Meta::readTags(i4_file& file, bool& damaged, Keep keep) {
     i32 count = 0;
     try {
         count = static_cast<i32>(file.read_32());
@@ -40,7 +49,7 @@ bool Meta::readTags(i4_file& file, bool& damaged) {
             damaged = true;
             return false;
         }
-        addTag(std::move(tag));
+        keep(std::move(tag));
     }
     return true;
 }
@@ -81,6 +90,13 @@ bool Meta::removeTag(TagKey key) {
     if (at == tags_.end()) return false;
     tags_.erase(at);
     return true;
+}
+
+void Meta::removeTags(std::span<const TagIndex> indexes) {
+    std::erase_if(tags_, [&](const auto& tag) {
+        return std::any_of(indexes.begin(), indexes.end(),
+                           [&](TagIndex index) { return tag->isNamed(tagTable[index].wireName); });
+    });
 }
 
 void Meta::clearTags() { tags_.clear(); }

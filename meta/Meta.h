@@ -3,6 +3,7 @@
 
 #include <bit>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "meta/MetaTag.h"
@@ -23,19 +24,26 @@ class Meta : public Serializable {
     Meta(const Meta&) = delete;
     Meta& operator=(const Meta&) = delete;
 
-    // Reading keeps what was read before a failure. From the network it adds to what is there, from disk it
-    // replaces it.
-    [[nodiscard]] bool toNetwork(i4_file& file) const override;
-    [[nodiscard]] bool fromNetwork(i4_file& file) override;
-    [[nodiscard]] bool toDisk(i4_file& file) override;
-    [[nodiscard]] bool fromDisk(i4_file& file) override;
+    // A record from the network keeps at most this many tags, and at most this many bytes of them.
+    static constexpr std::size_t mostTags = 256;
+    static constexpr u32 mostTagBytes = 16 * 1024;
+
+    // Reading keeps what was read before a failure. From the network it adds to what is there, and drops tags
+    // beyond the limits; from disk it replaces it.
+    bool toNetwork(i4_file& file) const override;
+    bool fromNetwork(i4_file& file) override;
+    bool toDisk(i4_file& file) override;
+    bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual void copyFrom(const Meta* other);  // null does nothing
 
-    MetaTag* findTag(TagKey key) const;
-    void addTag(std::unique_ptr<MetaTag> tag);      // null is ignored
-    bool addTag(TagKey key, MetaTag::Value value);  // false if the name is there
-    bool removeTag(TagKey key);                     // the first of that name; false if there is none
+    MetaTag* findTag(const char* name) const;
+    MetaTag* findTag(TagIndex index) const { return findTag(tagTable[index].wireName); }
+    void addTag(std::unique_ptr<MetaTag> tag);            // null is ignored
+    bool addTag(const char* name, MetaTag::Value value);  // false if the name is there
+    bool removeTag(const char* name);                     // the first of that name; false if there is none
+    bool removeTag(TagIndex index) { return removeTag(tagTable[index].wireName); }
+    void removeTags(std::span<const TagIndex> indexes);  // every tag of one of these names
     void clearTags();
 
     // setTagValue is false, and leaves `value` alone, where there is no tag of that name, or one of another
@@ -62,9 +70,11 @@ class Meta : public Serializable {
     const Tags& getTags() const { return tags_; }
 
   private:
-    bool readTags(i4_file& file, bool& damaged);
-    Tags::const_iterator find(TagKey key) const;
-    void place(TagKey key, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
+    // Reads a count and tags. Each tag goes to `keep`.
+    template <class Keep>
+    bool readTags(i4_file& file, bool& damaged, Keep keep);
+    Tags::const_iterator find(const char* name) const;
+    void place(const char* name, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
 
     Tags tags_;  // none is null
 };

@@ -71,6 +71,7 @@ Peer::Peer(SocketPool& pool, const PeerNeeds& needs, u32 toId, u16 toPort)
 
 Peer::Peer(SocketPool& pool, const PeerNeeds& needs, std::unique_ptr<i4_socket> accepted)
     : Connection(pool, std::move(accepted)), needs_(needs) {
+    stranger_.emplace(needs.strangers);
     showLife();
 }
 Peer::~Peer() = default;
@@ -83,9 +84,9 @@ Ref<Connection> Peer::spawn(std::unique_ptr<i4_socket> accepted) {
 }
 
 const OpcodeTable* Peer::opcodes() const { return &peerMessages; }
-u32 Peer::bodyLimit() const { return gotHello_ ? peerBodyLimit : strangerBodyLimit; }
+u32 Peer::bodyLimit() const { return isKnown() ? peerBodyLimit : strangerBodyLimit; }
 u32 Peer::queueLimit() const { return answersLimit + *listBytes_; }
-bool Peer::awaitsFirst() const { return Connection::awaitsFirst() || !gotHello_; }
+bool Peer::awaitsFirst() const { return !isKnown(); }
 
 // Writes our own record and the address of the server that assigned our ID.
 void Peer::writeIdentity(i4_file& stream) {
@@ -101,6 +102,7 @@ void Peer::connected() {
     writeIdentity(packet->stream);
     packet->finish();
     send(std::move(packet));
+    calledByUs_ = true;
     joinPeers();
 }
 
@@ -112,6 +114,7 @@ void Peer::connectFailed() {
 // The listener never heard of a connection that received no message.
 void Peer::gone() {
     needs_.peers.remove(this);
+    stranger_.reset();
     if (gotFirst) needs_.listener.gone(*this);
 }
 
@@ -191,7 +194,8 @@ void Peer::gotHashSet(i4_file& stream) {
     needs_.listener.gotHashSet(hash, stream);
 }
 
-// Reads the other side's record and server. Returns false if they can't be read.
+// Reads who is on the other side: record, server. False where that can't be read, or is somebody else than
+// before: a connection has one identity.
 bool Peer::readUser(i4_file& stream) {
     if (stream.bytesLeft().value_or(0) > strangerBodyLimit) return false;
     UserMeta user;
@@ -200,11 +204,23 @@ bool Peer::readUser(i4_file& stream) {
     user.serverPort = stream.read_16();
     {
         i4_lock guard(userLock_);
+        if (hasIdentity_ && user_.hash != user.hash) return false;
         copyBounded(user, user_);
     }
+    hasIdentity_ = true;
     setIdentity(user.id);
-    gotHello_ = true;
     return true;
+}
+
+// A hello on a connection that came in, or the answer to ours, makes the peer known. The listener has met
+// known peers only.
+void Peer::introduce(PeerListener::Met how) {
+    const auto introducing = calledByUs_ ? PeerListener::Met::helloAnswer : PeerListener::Met::hello;
+    if (how == introducing) {
+        isKnown_ = 1;
+        stranger_.reset();
+    }
+    if (isKnown()) needs_.listener.met(*this, how);
 }
 
 // An ID of 0 means the address of the socket.
@@ -224,13 +240,13 @@ bool Peer::gotHello(i4_file& stream) {
     packet->finish();
     send(std::move(packet));
     joinPeers();
-    needs_.listener.met(*this, PeerListener::Met::hello);
+    introduce(PeerListener::Met::hello);
     return true;
 }
 
 bool Peer::gotHelloAnswer(i4_file& stream) {
     if (!readUser(stream)) return false;
-    needs_.listener.met(*this, PeerListener::Met::helloAnswer);
+    introduce(PeerListener::Met::helloAnswer);
     return true;
 }
 
@@ -242,7 +258,7 @@ bool Peer::gotNewIdentity(i4_file& stream) {
         user_.serverIp = server;
     }
     setIdentity(id);
-    needs_.listener.met(*this, PeerListener::Met::newIdentity);
+    introduce(PeerListener::Met::newIdentity);
     return true;
 }
 

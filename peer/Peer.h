@@ -2,19 +2,19 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "i4min/memory/LLsafe.h"
 #include "i4min/memory/relaxed.h"
 #include "meta/BoolArray.h"
 #include "meta/MD4Hash.h"
 #include "meta/UserMeta.h"
+#include "peer/PeerNeeds.h"
 #include "transport/Connection.h"
 
-struct PeerNeeds;
-
-// Passes each message to the PeerListener. Answers questions about our files itself, and stores who the other
-// side is. The message table is in peer/Peer.cpp.
-// Thread: handlers run on the socket pool's thread; any thread may call the sending functions.
+// Each message is handed to the PeerListener; a Peer itself answers what is asked of our files, and remembers
+// who is on the other side. peer/Peer.cpp has the table of the messages.
+// Thread: handlers on the socket pool's; the sending operations on any.
 class Peer : public Connection {
   public:
     // An outgoing connection, and an accepted one.
@@ -44,7 +44,11 @@ class Peer : public Connection {
     void endSlot();
     void askFileName(const MD4Hash& file);
 
-    // The other side's identity, from its hello. Thread: any.
+    // The other side has said hello or, where we called, answered ours. Thread: any.
+    bool isKnown() const { return isKnown_ != 0; }
+    // We called it, and it answered: it is where it says. Thread: any.
+    bool hasAnswered() const { return isKnown() && calledByUs_; }
+    // Who is on the other side, as the hello told. Thread: any.
     void copyUser(UserMeta& out) const EXCLUDES(userLock_);
     bool sameUser(const UserMeta& user) const EXCLUDES(userLock_);
     i4_string userName() const EXCLUDES(userLock_);
@@ -65,6 +69,7 @@ class Peer : public Connection {
   private:
     void joinPeers();
     bool readUser(i4_file& stream);
+    void introduce(PeerListener::Met how);
     void setIdentity(u32 id);
     struct Table;  // maps each opcode to its handler
     void gotOutOfDate();
@@ -84,8 +89,11 @@ class Peer : public Connection {
     void writeIdentity(i4_file& stream);
 
     const PeerNeeds& needs_;
-    bool gotHello_ = false;  // used by the pool's thread only
-    // The size in bytes of a list of our files that is queued; 0 if none is.
+    bool calledByUs_ = false;                  // set before the pool has the connection
+    bool hasIdentity_ = false;                 // of the pool's thread: a record was read
+    Relaxed<u8> isKnown_;                      // written on the pool's thread
+    std::optional<CountedStranger> stranger_;  // of the pool's thread; while one that came in isn't known
+    // The bytes of a list of our files that is still to be sent, 0 where there is none.
     const std::shared_ptr<Relaxed<u32>> listBytes_ = std::make_shared<Relaxed<u32>>();
     mutable i4_mutex userLock_{LockRank::leaf};
     UserMeta user_ GUARDED_BY(userLock_);

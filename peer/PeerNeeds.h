@@ -5,6 +5,7 @@
 
 #include "core/Core.h"
 #include "i4min/memory/LLsafe.h"
+#include "i4min/memory/relaxed.h"
 #include "i4min/threads/linux/RefCounter.h"
 #include "meta/BoolArray.h"
 #include "meta/FileList.h"
@@ -125,8 +126,19 @@ class SharedFiles {
     ~SharedFiles() = default;
 };
 
-// References to what the module uses.
-// Thread: any. Must outlive every object of the module.
+// Counts one connection that came in and whose other side hasn't said hello, as long as it exists.
+class CountedStranger {
+  public:
+    explicit CountedStranger(Relaxed<i32>& count) : count_(count) { count_.add(1); }
+    CountedStranger(const CountedStranger&) = delete;
+    CountedStranger& operator=(const CountedStranger&) = delete;
+    ~CountedStranger() { count_.add(-1); }
+
+  private:
+    Relaxed<i32>& count_;
+};
+
+// Outlives the room.
 struct PeerNeeds {
     Core& core;
     PeerUI& ui;
@@ -136,4 +148,6 @@ struct PeerNeeds {
     // The live connections to other clients. A pointer from the list is valid while its lock is held; take a
     // reference under the lock to keep it longer.
     LLsafe<Peer>& peers;
+    // Connections that came in and haven't said hello. They take none of the places of maxCon.
+    Relaxed<i32>& strangers;
 };

@@ -40,6 +40,9 @@ Upload::~Upload() {
 }
 
 bool Upload::isPeer(const Peer& other) const { return peer_.get() == &other; }
+bool Upload::isOf(const UserMeta& user) const {
+    return user.hash.isZero() ? peer_->sameUser(user) : userHash_ == user.hash;
+}
 Peer& Upload::peer() const { return *peer_; }
 
 bool Upload::readData(u8* buffer, u32 length) {

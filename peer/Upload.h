@@ -55,6 +55,7 @@ class Upload : public RefCounter {
     bool mayStayDry(i32 elapsedMs);
     void stop() { stopped_ = 1; }
     bool isPeer(const Peer& other) const;
+    bool isOf(const UserMeta& user) const;  // by the user hash where it is known
     Peer& peer() const;
     i4_string getPeerName() const;
     void copyPeerUser(UserMeta& out) const;

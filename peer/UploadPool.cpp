@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <limits>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -15,8 +16,10 @@
 
 namespace {
 
-constexpr u32 queueMemory = 2'699'999;  // ms after which a waiting user who didn't ask again is dropped
-constexpr i32 queueLimit = 50;          // users in the queue before new ones are refused
+constexpr u32 queueMemory = 2'699'999;  // ms after which a user who didn't ask again is forgotten
+constexpr i32 queueLimit = 50;          // users who wait, but for those who had an upload
+constexpr i32 placesOfConnection = 8;   // that one connection has asked for
+constexpr i32 placesOfAddress = 12;     // of one address, once the queue is half full
 constexpr i32 assignEvery = 30'000;     // ms
 constexpr i32 tickEvery = 300;          // ms, while there are uploads
 constexpr f32 speedOfTransfer = 3.0F;   // KB/s that a new upload should get
@@ -46,13 +49,16 @@ bool UploadPool::canStartSlot() const {
 }
 
 UploadSlot* UploadPool::slotOf(const Peer& peer) const {
-    UserMeta user;
-    peer.copyUser(user);
-    return findIn(slots_, [&](const UploadSlot& slot) { return isThisUser(slot.getUser(), user); });
+    return findIn(slots_, [&](const UploadSlot& slot) { return slot.isFor(peer); });
 }
 
-void UploadPool::addSlot(const UserMeta& user) {
-    UploadSlot* slot = slots_.own(std::make_unique<UploadSlot>(needs_, *this, ++slotsMade_, user));
+UploadSlot* UploadPool::slotFor(const Peer& peer) const {
+    UploadSlot* own = slotOf(peer);
+    return own ? own : findIn(slots_, [&](const UploadSlot& slot) { return slot.wasTold(peer); });
+}
+
+void UploadPool::addSlot(std::unique_ptr<QueuedUser> user) {
+    UploadSlot* slot = slots_.own(std::make_unique<UploadSlot>(needs_, *this, ++slotsMade_, std::move(user)));
     needs_.core.messages.wake();
     slot->tellPeer();
     needs_.ui.slotAdded(slot, orEmpty(slot->getName()));
@@ -60,55 +66,113 @@ void UploadPool::addSlot(const UserMeta& user) {
 
 void UploadPool::removeSlot(UploadSlot* slot) {
     const std::unique_ptr<UploadSlot> removed = slots_.take(slot);
+    if (slot->isUnanswered()) called_.note(slot->getUser(), needs_.core.host.clock.ticks());
     needs_.ui.slotRemoved(slot);
+}
+
+bool UploadPool::isStale(const QueuedUser& user) const {
+    return needs_.core.host.clock.ticks() - user.getInt(TAG_QTIME) > queueMemory;
+}
+
+// A user has one transfer at a time: on other connections he waits until it has ended.
+QueuedUser* UploadPool::nextInLine() const {
+    for (LL<QueuedUser>::Cursor c; QueuedUser* user = queue_.next(c);) {
+        if (isStale(*user) || !hasUpload(*user)) return user;
+    }
+    return nullptr;
 }
 
 void UploadPool::assignSlots() {
     if (!canStartSlot()) return;
-    while (const std::unique_ptr<UserMeta> user{queue_.removeAt(0)}) {
-        --queueLength_;
-        if (needs_.core.host.clock.ticks() - user->getInt(TAG_QTIME) > queueMemory) continue;
-        addSlot(*user);
+    while (QueuedUser* next = nextInLine()) {
+        std::unique_ptr<QueuedUser> user = takeFromQueue(*next);
+        if (isStale(*user) || !mayCall(*user)) continue;
+        addSlot(std::move(user));
         break;
     }
-    checkInvariants();
+}
+
+// A user who didn't answer isn't called again, but can be told on a connection that exists.
+bool UploadPool::mayCall(const QueuedUser& user) const {
+    if (!called_.contains(user, needs_.core.host.clock.ticks())) return true;
+    const i4_guard guard(needs_.peers);
+    return findIn(needs_.peers, [&](const Peer& peer) { return peer.isKnown() && peer.sameUser(user); });
+}
+
+bool UploadPool::hasUpload(const UserMeta& user) const {
+    return findIn(uploads_, [&](const Upload& upload) { return upload.isOf(user); });
+}
+
+QueuedUser* UploadPool::waitingAs(const UserMeta& user) const {
+    return findIn(queue_, [&](const QueuedUser& other) { return isThisUser(other, user); });
 }
 
 void UploadPool::gotSlotRequest(Peer& peer) {
-    UserMeta user;
-    peer.copyUser(user);
+    auto user = std::make_unique<QueuedUser>(peer);
+    user->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
     i4_lock guard(lock_);
     if (findIn(uploads_, [&](const Upload& upload) { return upload.isPeer(peer); }) || slotOf(peer)) return;
-    UserMeta* waiting = findIn(queue_, [&](const UserMeta& other) { return isThisUser(other, user); });
-    if (canStartSlot()) {
-        if (waiting) {
-            queue_.take(waiting);
-            --queueLength_;
-            checkInvariants();
-        }
-        addSlot(user);
-    } else if (queueLength_ < queueLimit) {
-        if (waiting) {
-            waiting->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
-        } else {
-            enqueue(user);
-        }
+    QueuedUser* waiting = waitingAs(*user);
+    if (canStartSlot() && !hasUpload(*user)) {
+        if (waiting) user->confirmAs(*takeFromQueue(*waiting));
+        addSlot(std::move(user));
+    } else if (waiting) {
+        waiting->renew(*user);
+    } else if (hasRoomFor(*user)) {
+        enqueue(std::move(user));
     }
 }
 
-void UploadPool::enqueue(const UserMeta& user) {
-    std::unique_ptr<UserMeta> entry = copyOf(user);
-    entry->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
-    queue_.own(std::move(entry));
+bool UploadPool::hasRoomFor(const QueuedUser& newcomer) {
+    i32 ofConnection = 0;
+    i32 ofAddress = 0;
+    for (LL<QueuedUser>::Cursor c; const QueuedUser* user = queue_.next(c);) {
+        ofConnection += user->asker == newcomer.asker;
+        ofAddress += user->from == newcomer.from;
+    }
+    if (ofConnection >= placesOfConnection) return false;
+    if (queueLength_ >= queueLimit / 2 && ofAddress >= placesOfAddress) return false;
+    return queueLength_ < queueLimit || makeRoom();
+}
+
+// Removes the last unconfirmed user of the address that has the most places.
+bool UploadPool::makeRoom() {
+    std::map<u32, u32> places;
+    for (LL<QueuedUser>::Cursor c; const QueuedUser* user = queue_.next(c);) ++places[user->from];
+    QueuedUser* leaving = nullptr;
+    for (LL<QueuedUser>::Cursor c; QueuedUser* user = queue_.next(c);) {
+        if (user->isConfirmed()) continue;
+        if (!leaving || places[user->from] >= places[leaving->from]) leaving = user;
+    }
+    return leaving && takeFromQueue(*leaving);
+}
+
+void UploadPool::enqueue(std::unique_ptr<QueuedUser> user) {
+    queue_.own(std::move(user));
     ++queueLength_;
     needs_.core.messages.wake();
     checkInvariants();
 }
 
+std::unique_ptr<QueuedUser> UploadPool::takeFromQueue(QueuedUser& user) {
+    std::unique_ptr<QueuedUser> taken = queue_.take(&user);
+    --queueLength_;
+    checkInvariants();
+    return taken;
+}
+
 void UploadPool::gotCall(Peer& peer) {
     i4_lock guard(lock_);
-    if (!slotOf(peer)) return;
-    peer.grantSlot();
+    UploadSlot* slot = slotOf(peer);
+    if (peer.hasAnswered()) {
+        QueuedUser user(peer);
+        called_.forget(user);
+        if (QueuedUser* waiting = waitingAs(user)) waiting->hasAnswered = true;
+    }
+    if (!slot) return;
+    // A user with a low ID calls because his server was asked to have him call.
+    if (peer.hasAnswered() || isLowId(slot->getUser().id)) slot->answered();
+    slot->tell(peer);
     needs_.core.log.printVerbose("UploadPool::gotCall(%s)\n", orEmpty(peer.getText().c_str()));
 }
 
@@ -132,7 +196,7 @@ Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) 
     {
         i4_lock guard(lock_);
         if (Upload* running = findUpload(hash, peer)) return Ref<Upload>(running);
-        UploadSlot* slot = slotOf(peer);
+        UploadSlot* slot = slotFor(peer);
         if (!slot) {
             needs_.core.log.printVerbose("Invalid upload request\n");
             return {};
@@ -140,8 +204,8 @@ Ref<Upload> UploadPool::uploadFor(const MD4Hash& hash, Peer& peer, bool& isNew) 
         upload = slot->makeUpload(hash, peer);
         if (upload) {
             replaceOldest();
-            // Ending an upload may have assigned the slot's place, but not the slot itself.
-            removeSlot(slot);
+            // Ending one may have given the slot's place away, but not the slot itself.
+            if (slot->usedBy(peer)) removeSlot(slot);
             needs_.ui.uploadAdded(upload.get());
             uploads_.push_back(upload);
             needs_.core.messages.wake();
@@ -176,9 +240,14 @@ void UploadPool::endLocked(Upload& upload) {
     const Ref<Upload> keep(&upload);
     if (!removeUpload(upload)) return;
     upload.peer().endSlot();
-    UserMeta user;
-    upload.copyPeerUser(user);
-    enqueue(user);
+    auto user = std::make_unique<QueuedUser>(upload.peer());
+    user->setInt(TAG_QTIME, needs_.core.host.clock.ticks());
+    user->hasFetched = true;
+    if (QueuedUser* waiting = waitingAs(*user)) {
+        waiting->renew(*user);
+    } else {
+        enqueue(std::move(user));
+    }
     needs_.ui.uploadRemoved(&upload);
     assignSlots();
 }
@@ -201,11 +270,19 @@ void UploadPool::stopUpload(const MD4Hash& hash, Peer& peer) {
     if (Upload* upload = findUpload(hash, peer)) endLocked(*upload);
 }
 
-// Ends everything of this user, without queueing him again.
+void UploadPool::peerGone(Peer& peer) {
+    endAllOf(peer);
+    i4_lock guard(lock_);
+    for (LL<QueuedUser>::Cursor c; QueuedUser* user = queue_.next(c);) {
+        if (user->asker == &peer) user->asker = nullptr;
+    }
+}
+
+// The user goes away, and not to the queue.
 void UploadPool::endAllOf(Peer& peer) {
     i4_lock guard(lock_);
     bool changed = false;
-    if (UploadSlot* slot = slotOf(peer)) {
+    while (UploadSlot* slot = findIn(slots_, [&](UploadSlot& other) { return other.leave(peer); })) {
         removeSlot(slot);
         changed = true;
     }

@@ -1,5 +1,8 @@
 #include "peer/UploadSlot.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "meta/address.h"
 #include "peer/PartUpload.h"
 #include "peer/Peer.h"
@@ -11,22 +14,57 @@ constexpr i32 retryAfter = 60'000;  // ms
 
 }  // namespace
 
-UploadSlot::UploadSlot(const PeerNeeds& needs, UploadOwner& owner, u32 identity, const UserMeta& user)
-    : needs_(needs), owner_(owner), identity_(identity) {
-    user_.copyFrom(&user);
+UploadSlot::UploadSlot(const PeerNeeds& needs, UploadOwner& owner, u32 identity,
+                       std::unique_ptr<QueuedUser> user)
+    : needs_(needs), owner_(owner), user_(std::move(user)), identity_(identity) {}
+
+const char* UploadSlot::getName() const { return user_->getName(); }
+
+bool UploadSlot::isFor(const Peer& peer) const {
+    if (isUsed_ || !peer.isKnown()) return false;
+    const MD4Hash hash = peer.userHash();
+    return hash.isZero() ? peer.sameUser(*user_) : user_->hash == hash;
 }
 
-const char* UploadSlot::getName() const { return user_.getName(); }
+bool UploadSlot::wasTold(const Peer& peer) const {
+    return std::find(told_.begin(), told_.end(), &peer) != told_.end();
+}
+
+void UploadSlot::tell(Peer& peer) {
+    if (!wasTold(peer)) told_.push_back(&peer);
+    peer.grantSlot();
+}
+
+void UploadSlot::answered() {
+    isCalled_ = false;
+    user_->hasAnswered = true;
+}
+
+bool UploadSlot::usedBy(const Peer& peer) {
+    isUsed_ = isUsed_ || isFor(peer);
+    isCalled_ = isCalled_ && !isUsed_;
+    std::erase_if(told_,
+                  [&](const Peer* told) { return told == &peer || told->userHash() == peer.userHash(); });
+    return isUsed_ && told_.empty();
+}
+
+bool UploadSlot::leave(const Peer& peer) {
+    if (isFor(peer)) return true;
+    std::erase(told_, &peer);
+    return isUsed_ && told_.empty();
+}
 
 void UploadSlot::tellPeer() {
     retry_ = false;
-    needs_.core.log.printVerbose("UploadSlot::tellPeer() %s,%d\n", ipToString(user_.id).c_str(), user_.port);
+    needs_.core.log.printVerbose("UploadSlot::tellPeer() %s,%d\n", ipToString(user_->id).c_str(),
+                                 user_->port);
     Ref<Peer> peer;
-    switch (needs_.reach.connectToUser(user_, peer)) {
+    switch (needs_.reach.connectToUser(*user_, peer)) {
         case ConnectResult::peerThere:
-            peer->grantSlot();
+            tell(*peer);
             break;
         case ConnectResult::connecting:
+            isCalled_ = true;
             break;
         case ConnectResult::tooManyConnections:
             elapsed_ = slotLimit - retryAfter;

@@ -135,8 +135,7 @@ void SimOpponent::serve(SimTalk& talk) {
 void SimOpponent::sayFirst(SimTalk& talk) {
     Bytes body;
     if (talk.kind_ == SimTalk::Kind::toClient) {
-        ByteWriter(body).put8(helloMark).put(identity());
-        talk.say(OP_HELLO, body);
+        sayHello(talk);
         opened(talk);
         return;
     }
@@ -188,6 +187,13 @@ void SimOpponent::handle(SimTalk& talk, u8 opcode, ByteReader body) {
 // --- Honest defaults
 
 void SimOpponent::opened(SimTalk&) {}
+
+void SimOpponent::sayHello(SimTalk& talk) {
+    Bytes body;
+    ByteWriter(body).put8(helloMark).put(identity());
+    talk.say(OP_HELLO, body);
+}
+
 void SimOpponent::heard(SimTalk&, u8) {}
 void SimOpponent::eachSecond(SimTalk&) {}
 void SimOpponent::gotHello(SimTalk& talk) { talk.say(OP_HELLO_ANSWER, identity()); }

@@ -67,6 +67,7 @@ class SimOpponent : public Thread {
   protected:
     // Called when a client has connected to it, or it has connected to a client.
     virtual void opened(SimTalk& talk);
+    virtual void sayHello(SimTalk& talk);  // to a client that it visits
     virtual void gotHello(SimTalk& talk);
     virtual void askedStatus(SimTalk& talk);
     virtual void askedHashSet(SimTalk& talk);

@@ -40,7 +40,14 @@ class Mute : public SimOpponent {
     void askedRange(SimTalk&, u32, u32) override {}
 };
 
-// Says hello, then sends bytes that aren't a packet.
+// Asks and asks, and never says who it is.
+class Nameless : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void sayHello(SimTalk&) override {}
+    void eachSecond(SimTalk& talk) override { talk.say(OP_GET_FILE_NAME, aboutFile()); }
+};
+
+// Says hello, and then what is no packet at all.
 class Babbler : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedSlot(SimTalk& talk) override { talk.sendRaw(garbage(5000)); }
@@ -108,9 +115,9 @@ std::unique_ptr<SimOpponent> make(SimHost& host, const SimFileOffer& offer) {
 }  // namespace
 
 const SimOpponentKind opponentKinds[] = {
-    {"liar", make<Liar>},           {"twister", make<Twister>}, {"miser", make<Miser>},
-    {"mute", make<Mute>},           {"babbler", make<Babbler>}, {"mumbler", make<Mumbler>},
-    {"quitter", make<Quitter>},     {"forger", make<Forger>},   {"stuffer", make<Stuffer>},
-    {"trickster", make<Trickster>},
+    {"liar", make<Liar>},           {"twister", make<Twister>},   {"miser", make<Miser>},
+    {"mute", make<Mute>},           {"babbler", make<Babbler>},   {"mumbler", make<Mumbler>},
+    {"quitter", make<Quitter>},     {"forger", make<Forger>},     {"stuffer", make<Stuffer>},
+    {"trickster", make<Trickster>}, {"nameless", make<Nameless>},
 };
 const std::size_t opponentKindCount = std::size(opponentKinds);

@@ -161,8 +161,21 @@ TEST_F(Console, LinksAreReadFieldByField) {
 TEST_F(Console, PartsComeFromTheSelectedCollection) {
     expect("No Collection selected.\n\n", {"p 1"});
     Collection collection(screen_.engine.core);
+    collection.self.setName("set");
     collection.add(makeFile("part one", 3, 9).release());
-    screen_.console.selectedCollection = &collection;
+    ASSERT_TRUE(collection.store());
+    for (const char* type : {"Doc", "Col"}) {
+        auto file = std::make_unique<FileMeta>();
+        file->copyFrom(&collection.self);
+        file->setText(TAG_TYPE, type);
+        clientApp.shared.add(file.get());
+        clientApp.known.add(file.release());
+    }
+    expect("Invalid Collection number.\n\n", {"o", "o 0", "o x", "o 1", "o 3"});
+    expect("No Collection selected.\n\n", {"p 1"});
+    expect("Name\tSize\t\n(1) part one\t3\t\n", {"o 2"});
+    writeFile(collection.self.path.c_str(), "damaged");
+    expect("Invalid Collection number.\n\n", {"o 2"});
     expect("Invalid Part number.\n\n", {"p 0", "p x", "p 2"});
     expect("Downloading: part one\n\nDownloading: part one\n", {"p 1"});
 }

@@ -325,6 +325,31 @@ TEST_F(Collections, AreReadThoughTheirCountsMayLie) {
     EXPECT_EQ(collection.load(systemDisk(), directory.file("gone").c_str()), LoadResult::missing);
 }
 
+// The hash of its bytes is always another. A large one has part hashes, which aren't those of its parts.
+TEST_F(Collections, AreCompleteWhenTheyStoreTheHashThatWasAskedFor) {
+    for (const u32 filling : {1U, static_cast<u32>(PARTSIZE)}) {
+        collection.self.partHashes = {hashOf(1), hashOf(filling == 1 ? 3 : 2)};
+        collection.self.hash = MD4Hash::ofParts(collection.self.partHashes);
+        collection.self.setTag("filling", MetaBlob(filling));
+        collection.self.setName(filling == 1 ? "small" : "large");
+        ASSERT_EQ(collection.save(systemDisk(), path.c_str()), "");
+        const std::string whole = contentOf(path);
+        const std::string otherHash = std::string(whole).replace(16, 1, "?");
+        for (const auto& [bytes, type, isGood] :
+             {std::tuple(whole + "x", "Col", false), {otherHash, "Col", false}, {whole, "Col", true}}) {
+            RemoteFile file("set", 0);
+            file.bytes = bytes;
+            file.record.copyFrom(&collection.self);
+            file.record.setText(TAG_TYPE, type);
+            file.record.setInt(TAG_SIZE, file.size());
+            const Ref<Download> download = add(file);
+            ASSERT_TRUE(download);
+            give(*download, file);
+            EXPECT_EQ(completes(download, file), isGood) << filling;
+        }
+    }
+}
+
 TEST_F(Collections, AreStoredAndFetchTheirMembers) {
     collection.self.setName("../../escaped");
     collection.self.hash = hashOf(0xAA);

@@ -183,7 +183,27 @@ TEST(Meta, TagsKeepTheirOrderAndTheFirstOfANameCounts) {
     EXPECT_TRUE(readDisk(record, le32(0xFFFFFFFF) + "\1")) << "with its top bit set, a count is 0";
 }
 
-// A stranger's record may have any type under any name: reads must not exceed the stored value.
+// Tags beyond the limits are read, so that what follows in the stream is found, but not kept.
+TEST(Meta, ARecordFromTheNetworkKeepsSoManyTagsAndSoManyBytes) {
+    std::string many = le32(2 * 300 + 1);
+    for (u32 i = 0; i < 600; ++i) many += "\3" + text16(i % 2 ? "\x12" : "\x14") + le32(i);
+    const std::string large = "\2" + text16("\1") + text16(std::string(9000, 'x'));
+    const std::string last = "\3" + text16("\2") + le32(77);
+    Meta record;
+    EXPECT_TRUE(readDisk(record, many + last));
+    EXPECT_EQ(record.getTags().size(), 601U) << "what is ours comes back whole";
+    const TagIndex ofDownloads[] = {TAG_TEMPFILENAME, TAG_STATE};
+    record.removeTags(ofDownloads);
+    EXPECT_THAT(namesOf(record), ElementsAre("Size"));
+    record.clearTags();
+    EXPECT_TRUE(readNetwork(record, many + last));
+    EXPECT_EQ(record.getTags().size(), 256U);
+    record.clearTags();
+    EXPECT_TRUE(readNetwork(record, le32(3) + large + large + last));
+    EXPECT_THAT(namesOf(record), ElementsAre("Name", "Size"));
+}
+
+// A stranger's record may have any type under any name: nothing reads past the value that is there.
 TEST(Meta, AnotherTypeThanTheNamePromisesIsNoTrap) {
     Meta record;
     const u32 number = 0x41414141;

@@ -77,6 +77,8 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
     }
     EXPECT_FALSE(calling.awaits());
     EXPECT_EQ(peers.count(), 1U);
+    EXPECT_FALSE(calling.hear(opcode(OP_HELLO, "\x10" + identity(8, "Bob", addressOf(9)))))
+        << "somebody else";
     EXPECT_EQ(calling.ip, addressOf(9));
     EXPECT_TRUE(calling.sameUser(User(9)));
 
@@ -94,7 +96,35 @@ TEST_F(PeerTest, BothSidesSayWhoTheyAreAndAreListed) {
               (std::vector<u32>{addressOf(3), addressOf(201), 77, addressOf(202)}));
 }
 
-// A bad one ends the connection without an answer; little is kept of an oversized one.
+// A peer that we called is known when it answers, one that called us when it says hello.
+TEST_F(PeerTest, APeerIsThereOnceItIsKnown) {
+    shareFile(known, "a.bin", "0123456789");
+    TestPeer& called = stranger(1);
+    TestPeer& calling = stranger(2);
+    called.connected();
+    called.sent();
+    const std::string answer = opcode(OP_HELLO_ANSWER, identity(1));
+    for (const auto& [peer, last, word] :
+         {std::tuple(&called, u8{1}, answer), {&calling, u8{2}, opcode(OP_HELLO, "\x10" + identity(2))}}) {
+        const std::string early[] = {opcode(OP_NEW_IDENTITY, le32(addressOf(last)) + le32(0)),
+                                     opcode(OP_REQUEST_SLOT), opcode(OP_SLOT_GRANTED),
+                                     opcode(OP_GET_FILE_NAME, knownBytes)};
+        for (const std::string& message : early) EXPECT_TRUE(peer->hear(message));
+        EXPECT_EQ(peer->sentOne()[0], OP_FILE_NAME);
+        EXPECT_TRUE(peer->awaits());
+        Ref<Peer> found;
+        EXPECT_EQ(clientApp.connectToUser(User(last), found), ConnectResult::connecting);
+        EXPECT_TRUE(peer->hear(word));
+        EXPECT_FALSE(peer->awaits());
+        EXPECT_EQ(clientApp.connectToUser(User(last), found), ConnectResult::peerThere);
+        EXPECT_EQ(found.get(), peer);
+    }
+    TestPeer& wrong = stranger(3);
+    EXPECT_TRUE(wrong.hear(answer));
+    EXPECT_TRUE(wrong.awaits()) << "we didn't call";
+}
+
+// A bad one ends the connection without an answer; of an absurd one little is kept.
 TEST_F(PeerTest, IdentitiesAreNotTakenOnTrust) {
     const std::string good = identity(1, "Ada");
     std::string absurd = bytesOf(hashOf(1)) + le32(addressOf(1)) + le16(4662);
@@ -351,8 +381,7 @@ TEST_F(FriendsTest, ACallConnectsEndsAndIsRefused) {
     this->peer(31);
     EXPECT_EQ(outgoing->state(), CALL_CONNECTING) << "their hello to us isn't the answer to ours";
     ui.heard();
-    TestPeer& answering = stranger(31);
-    ASSERT_TRUE(answering.hear(opcode(OP_HELLO_ANSWER, identity(31, "Bob"))));
+    TestPeer& answering = reached(31);
     EXPECT_TRUE(outgoing->send("hi"));
     EXPECT_EQ(answering.sentOne(), opcode(OP_CHAT_MESSAGE, text16("hi")));
     ASSERT_TRUE(answering.hear(refusal));
@@ -383,12 +412,13 @@ TEST_F(FriendsTest, WhoMayOpenACall) {
         callList.open(User(next++));
         EXPECT_TRUE(isHeard(called)) << allowed;
 
-        TestPeer& flooding = stranger(60);
         int refused = 0;
         for (u32 i = 0; i < 1100; ++i) {
+            TestPeer& flooding = stranger(60);
             ASSERT_TRUE(flooding.hear(opcode(OP_HELLO, "\x10" + le16(i) + identity(60).substr(2))));
             flooding.sent();
             refused += isHeard(flooding) ? 0 : 1;
+            flooding.end();
         }
         EXPECT_GE(refused, allowed == 0 ? 100 : 1100) << "a thousand calls at most";
         EXPECT_LT(refused, allowed == 0 ? 200 : 1101);

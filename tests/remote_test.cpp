@@ -151,7 +151,7 @@ TEST_F(Remote, WhoSaysNothingAndWhoStandsStillIsLetGo) {
 }
 
 TEST_F(Remote, EventsGoToTheControllerOrToTheWrappedOne) {
-    UploadSlot slot(engine.peerNeeds, uploadPool, 1, User(5));
+    UploadSlot slot(engine.peerNeeds, uploadPool, 1, nullptr);
     const auto all = [&] {
         ui->print("%d", 7);
         ui->connected("index");

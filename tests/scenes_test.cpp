@@ -219,8 +219,8 @@ TEST_F(Friends, TheyTalkAndOneLooksAtTheOthersFiles) {
     EXPECT_FALSE(bobsScreen.hears("Good evening"));
 }
 
-// A collection's record is inside the file and can't hold the file's own hash, so the copy ends as a
-// corrupted download. Opened from there, it provides its members.
+// Its record lies within the file and can't hold the file's own hash: the copy is whole when it stores the
+// hash that was asked for. Opened, it brings its members.
 TEST_F(Friends, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
     const SimFileOffer* const members[] = {&scene.makeFile("dipper.bin", 1'000'000),
                                            &scene.makeFile("kingfisher.bin", 100'000)};
@@ -241,15 +241,16 @@ TEST_F(Friends, ACollectionIsFoundByItsTypeAndBringsItsMembers) {
     bob->search("river", "Col");
     scene.until("it is found", [&] { return !bobsScreen.results.empty(); });
     bob->download(*bobsScreen.results[0]);
+    const char* const path = "/home/incoming/river birds";
     scene.until(
-        "it is set aside", [&] { return bob.disk.has("/home/temp/river birds"); }, 600);
-    EXPECT_EQ(bob.disk.read("/home/temp/river birds"), ada.disk.read("/home/incoming/river birds"));
+        "it is there", [&] { return bob.disk.has(path); }, 600);
+    EXPECT_EQ(bob.disk.read(path), ada.disk.read(path));
     Collection opened(bob->engine.core);
-    ASSERT_EQ(opened.load(bob.disk, "/home/temp/river birds"), LoadResult::whole);
+    ASSERT_EQ(opened.load(bob.disk, path), LoadResult::whole);
     opened.fetchAll();
     for (const SimFileOffer* member : members) {
-        const std::string path = "/home/incoming/" + member->name;
-        scene.until(path, [&] { return bob.disk.equals(path, member->content); });
+        const std::string fetched = "/home/incoming/" + member->name;
+        scene.until(fetched, [&] { return bob.disk.equals(fetched, member->content); });
     }
 }
 
@@ -331,6 +332,25 @@ TEST(Transfers, FourClientsWithOnePartEachGiveTheWholeToOne) {
     scene.fetch(leecher, film);
     scene.untilAllHave({&leecher}, film, 600);
     for (const SceneClient* holder : holders) EXPECT_GT(scene.given(*holder), 500'000U) << holder->name;
+}
+
+// --- Strangers
+
+TEST(Strangers, WhoSaysNoHelloTakesNoPlaceAndIsGoneInTwoMinutes) {
+    Scene scene(1);
+    SceneClient& seed = scene.arrive("seed");
+    SceneClient& leecher = scene.arrive("leecher");
+    leecher->engine.preferences.maxCon = 10;
+    const SimFileOffer& film = scene.makeFile("film.avi", 1'000'000);
+    scene.share(seed, film);
+    SimOpponent& nameless = scene.oppose("nameless", scene.makeFile("other.avi", 1000));
+    for (int i = 0; i < 40; ++i) nameless.visit(leecher.machine.address());
+    scene.run(5);
+    EXPECT_EQ(leecher->engine.strangers, 10);
+    scene.fetch(leecher, film);
+    scene.untilAllHave({&leecher}, film, 60);
+    scene.run(130);
+    EXPECT_EQ(leecher->engine.strangers, 0);
 }
 
 // --- Index servers

@@ -243,7 +243,8 @@ TEST_F(Servers, CallsWhomeverItIsAskedToCall) {
     first.say(call);
     ASSERT_TRUE(second.accept());
     EXPECT_EQ(second.packet().substr(0, 2), "\x01\x10");
-    // A changed ID is sent to all connected peers; so is a request to call one of them.
+    second.say(opcode(76, namedRecord(hashOf(7), loopbackIp, second.port(), "u") + le32(0) + le16(0)));
+    // A changed ID goes to all who are connected, and so does being asked to call one of them.
     for (const std::string& packet : {opcode(OP_CLIENT_ID, le32(0x08070605)), call}) {
         first.say(packet);
         EXPECT_EQ(second.packet(), opcode(OP_NEW_IDENTITY, le32(0x08070605) + le32(loopbackIp)));

@@ -181,11 +181,15 @@ TEST_F(Sharing, KnownContentUnderAnotherNameTimeOrPlaceKeepsItsRecord) {
     EXPECT_EQ(renamed->path, (other + "/copy").c_str());
 }
 
+// An empty collection that stores this hash.
+std::string collectionOf(const MD4Hash& hash) {
+    return "\x0a\0collectio2\0\0\0\0"s + bytesOf(hash) +
+           "\0\0\2\0\0\0\2\1\0\1\3\0Set\2\1\0\3\3\0Col\x0e\0\0\0\0"s;
+}
+
 TEST_F(Sharing, ACollectionIsSharedUnderTheRecordThatItBrings) {
-    const std::string head = "\x0a\0collectio2\0\0\0\0"s;
-    const std::string rest = "\0\0\2\0\0\0\2\1\0\1\3\0Set\2\1\0\3\3\0Col\x0e\0\0\0\0"s;
-    writeFile(dir + "/set", head + std::string(16, 'Z') + rest);
-    writeFile(dir + "/unhashed", head + std::string(16, 0) + rest);
+    writeFile(dir + "/set", collectionOf(hashOf('Z')));
+    writeFile(dir + "/unhashed", collectionOf(MD4Hash()));
     for (int run = 0; run < 2; ++run) {
         hash({dir});
         EXPECT_THAT(paths(), ElementsAre(dir + "/set"));
@@ -193,6 +197,40 @@ TEST_F(Sharing, ACollectionIsSharedUnderTheRecordThatItBrings) {
         EXPECT_THAT(events.take(), HasSubstr("\nImport failed: unhashed\n"));
     }
     EXPECT_EQ(knownAs("Set")->hash, hashOf('Z'));
+}
+
+// A hash belongs to the file that has it, and among collections to the one that was there first.
+TEST_F(Sharing, ACollectionThatClaimsAnothersHashLeavesItsRecordAlone) {
+    writeFile(dir + "/film", "film");
+    writeFile(dir + "/set", collectionOf(hashOf('Z')));
+    hash({dir});
+    const FileMeta* film = knownAs("film");
+    const FileMeta* set = knownAs("Set");
+    writeFile(home.file("more/claim"), collectionOf(film->hash));
+    writeFile(home.file("more/other"), collectionOf(hashOf('Z')) + "other bytes");
+    const std::string all[] = {dir + "/film", dir + "/set", home.file("more/claim"), home.file("more/other")};
+    for (int run = 0; run < 2; ++run) {
+        hash({dir, home.file("more")});
+        EXPECT_THAT(paths(), testing::UnorderedElementsAreArray(all));
+        EXPECT_EQ(sharedFiles.find(film->hash), film);
+        EXPECT_EQ(sharedFiles.find(set->hash), set);
+        EXPECT_EQ(knownFiles.count(), 4U);
+        EXPECT_TRUE(knownAs("claim") && knownAs("other"));
+    }
+    // A file that is known but isn't there any more keeps its hash, too.
+    fs::remove(dir + "/film");
+    hash({dir, home.file("more")});
+    EXPECT_EQ(sharedFiles.find(film->hash), nullptr);
+    // Claimed before the file is known, the record becomes that of the file.
+    std::vector<MD4Hash> parts;
+    const MD4Hash late = independentFileHash("late", home.file("independent"), parts);
+    writeFile(dir + "/early", collectionOf(late));
+    hash({dir});
+    writeFile(home.file("late/file"), "late");
+    hash({dir, home.file("late")});
+    EXPECT_EQ(sharedFiles.find(late)->path, home.file("late/file").c_str());
+    EXPECT_EQ(sharedFiles.find(late)->getSize(), 4U);
+    EXPECT_EQ(sharedFiles.find(late)->partHashes, parts);
 }
 
 TEST_F(Sharing, WhatCantBeSharedIsPassedOverAndSaid) {

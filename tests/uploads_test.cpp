@@ -170,14 +170,18 @@ class UploadPoolTest : public EngineTest {
         for (LL<UploadSlot>::Cursor c; const UploadSlot* slot = uploadPool.getSlots().next(c);)
             users += std::to_string(slot->getUser().hash.bytes[0]) + " ";
         users += "|";
-        for (LL<UserMeta>::Cursor c; const UserMeta* user = uploadPool.getQueue().next(c);)
+        for (LL<QueuedUser>::Cursor c; const QueuedUser* user = uploadPool.getQueue().next(c);)
             users += " " + std::to_string(user->hash.bytes[0]);
         return users;
     }
     void ageQueue(u32 ms) {
         const i4_guard guard(uploadPool);
-        for (LL<UserMeta>::Cursor c; UserMeta* user = uploadPool.getQueue().next(c);)
+        for (LL<QueuedUser>::Cursor c; QueuedUser* user = uploadPool.getQueue().next(c);)
             user->setInt(TAG_QTIME, user->getInt(TAG_QTIME) - ms);
+    }
+    // A user without a hash.
+    static std::string nobody(u8 last) {
+        return std::string(16, '\0') + le32(addressOf(last)) + le16(4662) + le32(0) + le32(0) + le16(0);
     }
     void allAsk(u8 first, u8 last) {
         for (u8 user = first; user <= last; ++user) answers(peer(user), opcode(OP_REQUEST_SLOT));
@@ -241,30 +245,116 @@ TEST_F(UploadPoolTest, FiftyWaitInTheirOrderAndRenewTheirTimes) {
     allAsk(1, 53);
     const std::string full = drawn();
     EXPECT_EQ(std::count(full.begin(), full.end(), ' '), 2 + 50);
-    EXPECT_EQ(full.substr(0, 9) + full.substr(full.size() - 3), "1 2 | 3 4 52");
-    // A user whose upload ended is added beyond the limit.
+    EXPECT_EQ(full.substr(0, 9) + full.substr(full.size() - 6), "1 2 | 3 4 51 53") << "the last gave way";
+    // Who had an upload comes on top.
     transfers(*made[0], file, 0, 10);
     answers(*made[0], opcode(OP_STOP_UPLOAD, bytesOf(file)));
     EXPECT_EQ(drawn().substr(0, 9), "2 3 | 4 5");
-    // The others have stopped asking. As the queue is full, a renewal is dropped like any request.
+    // The others have stopped asking. However full the queue is, a renewal counts.
     ageQueue(2'700'001);
-    answers(*made[3], opcode(OP_REQUEST_SLOT));
-    answers(*made[1], opcode(OP_RELEASE_SLOT));
-    EXPECT_EQ(drawn(), "3 |");
-    allAsk(61, 63);
-    ageQueue(2'700'001);
-    answers(*made.back(), opcode(OP_REQUEST_SLOT));
-    answers(*made[2], opcode(OP_RELEASE_SLOT));
-    EXPECT_EQ(drawn(), "61 63 |");
-    EXPECT_EQ(made.back()->sent(), Answers{slotGranted});
-    // Users without a hash are distinguished by address.
-    for (u8 last = 71; last <= 72; ++last) {
-        TestPeer& unknown = stranger(last);
-        const std::string record = std::string(16, '\0') + le32(addressOf(last)) + le16(4662) + le32(0);
-        answers(unknown, opcode(OP_HELLO, "\x10" + record + le32(0) + le16(0)));
-        answers(unknown, opcode(OP_REQUEST_SLOT));
+    for (const std::size_t place : {9U, 52U}) answers(*made[place], opcode(OP_REQUEST_SLOT));
+    for (const std::size_t place : {1U, 2U}) answers(*made[place], opcode(OP_RELEASE_SLOT));
+    EXPECT_EQ(drawn(), "10 53 | 1");
+    EXPECT_EQ(made[9]->sent(), Answers{slotGranted});
+    // Strangers without a hash are told apart by their address.
+    for (u8 last = 71; last <= 72; ++last) answers(visitor(last, nobody(last)), opcode(OP_REQUEST_SLOT));
+    EXPECT_EQ(drawn(), "10 53 | 1 0 0");
+}
+
+TEST_F(UploadPoolTest, StrangersDoNotFillTheQueue) {
+    allAsk(1, 2);
+    // A user without a hash, who has another ID each time.
+    TestPeer& manyNames = visitor(3, nobody(3));
+    for (u8 n = 0; n < 20; ++n) {
+        answers(manyNames, opcode(OP_NEW_IDENTITY, le32(addressOf(n)) + le32(0)));
+        answers(manyNames, opcode(OP_REQUEST_SLOT));
     }
-    EXPECT_EQ(drawn(), "61 63 | 0 0");
+    EXPECT_EQ(drawn(), "1 2 | 0 0 0 0 0 0 0 0");
+    // How many with a hash from 100 up wait, and how many below.
+    const auto waiting = [&] {
+        std::pair<int, int> counts;
+        const i4_guard guard(uploadPool);
+        for (LL<QueuedUser>::Cursor c; const QueuedUser* user = uploadPool.getQueue().next(c);)
+            ++(user->hash.bytes[0] >= 100 ? counts.first : counts.second);
+        return counts;
+    };
+    // Many users at one address, up to half of the queue; and then twelve at another.
+    for (u8 user = 101; user <= 180; ++user)
+        answers(visitor(user <= 140 ? 9 : 10, identity(user)), opcode(OP_REQUEST_SLOT));
+    EXPECT_EQ(waiting(), std::pair(25 - 8 + 12, 8));
+    // Full, it has room for newcomers, at the cost of whoever has taken most; not of who was reached.
+    answers(reached(11), opcode(OP_REQUEST_SLOT));
+    allAsk(12, 40);
+    EXPECT_EQ(waiting(), std::pair(29 - 16, 8 - 1 + 30));
+    allAsk(41, 99);
+    EXPECT_NE(drawn().find(" 11 "), std::string::npos);
+}
+
+// A user who claims another's address makes us call there once.
+TEST_F(UploadPoolTest, WhoDidNotAnswerIsNotCalledAgain) {
+    const auto called = [&](const std::string& comes) {
+        TestPeer& peer = visitor(9, comes);
+        answers(peer, opcode(OP_REQUEST_SLOT));
+        peer.end();
+        log.take();
+        answers(*made[0], opcode(OP_RELEASE_SLOT));
+        const bool isCalled = log.take().find("tellPeer() 10.0.0.30,4662") != std::string::npos;
+        uploadPool.connectFailed(addressOf(30), 4662);
+        answers(*made[0], opcode(OP_REQUEST_SLOT));
+        std::swap(made[0], made[1]);
+        return isCalled;
+    };
+    allAsk(1, 2);
+    EXPECT_TRUE(called(identity(30)));
+    EXPECT_FALSE(called(identity(30)));
+    EXPECT_FALSE(called(identity(31, "", addressOf(30)))) << "under another name";
+    // Once he answers, he is called as ever.
+    reached(30).end();
+    EXPECT_TRUE(called(identity(30)));
+}
+
+TEST_F(UploadPoolTest, AUserWithSeveralConnectionsIsOneUser) {
+    allAsk(1, 1);
+    transfers(*made[0], file, 0, 10);
+    TestPeer& again = peer(1);
+    EXPECT_EQ(answers(again, opcode(OP_REQUEST_SLOT)), Answers{});
+    uploadPool.tick(30'001);
+    made[0]->end();
+    EXPECT_EQ(again.sent(), Answers{slotGranted});
+    // After his transfer he stands in line once.
+    allAsk(2, 3);
+    answers(again, requestFor(file, {{0, 10}}));
+    answers(peer(1), opcode(OP_REQUEST_SLOT));
+    answers(again, opcode(OP_STOP_UPLOAD, bytesOf(file)));
+    EXPECT_EQ(drawn(), "2 3 | 1");
+}
+
+// Two at one address can't always be told apart.
+TEST_F(UploadPoolTest, WhoWasToldInAnothersPlaceIsServedAndSoIsHe) {
+    const std::string request = requestFor(file, {{0, 10}});
+    const Answers data{opcode(OP_FILE_DATA, bytesOf(file) + le32(0) + le32(10) + std::string(10, 'x'))};
+    allAsk(1, 2);
+    TestPeer& neighbour = visitor(3, identity(4, "", addressOf(3)));
+    allAsk(3, 3);
+    TestPeer& first = *made.back();
+    answers(*made[0], opcode(OP_RELEASE_SLOT));
+    EXPECT_EQ(neighbour.sent(), Answers{}) << "he is there himself";
+    EXPECT_EQ(first.sent(), Answers{slotGranted});
+    answers(first, opcode(OP_RELEASE_SLOT));
+    for (TestPeer* asking : {made[0].get(), &first}) answers(*asking, opcode(OP_REQUEST_SLOT));
+    first.end();
+    answers(*made[0], opcode(OP_RELEASE_SLOT));
+    EXPECT_EQ(neighbour.sent(), Answers{slotGranted});
+    EXPECT_EQ(answers(neighbour, request), data);
+    // Who only claims that address, and says no hello, has nothing of it.
+    TestPeer& impostor = stranger(5);
+    answers(impostor, opcode(OP_NEW_IDENTITY, le32(addressOf(3)) + le32(0)));
+    EXPECT_EQ(answers(impostor, request), Answers{});
+    impostor.end();
+    TestPeer& himself = stranger(3);
+    EXPECT_EQ(answers(himself, opcode(OP_HELLO, "\x10" + identity(3))).back(), slotGranted);
+    EXPECT_EQ(answers(himself, request), data);
+    EXPECT_EQ(drawn(), "2 |");
 }
 
 TEST_F(UploadPoolTest, WhoHasCrossedIntoAnotherPartMakesWay) {

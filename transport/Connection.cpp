@@ -210,10 +210,11 @@ void Connection::countMoved(Relaxed<u32>& counter, u32 bytes) {
 void Connection::checkStall(u32 now) {
     const u32 limit = stallLimit();
     if (limit == 0 || isBusy()) return;
-    const bool waits = hasToSend() || awaitsFirst() || receivesHalf();
+    const bool waits = hasToSend() || receivesHalf();
     if (!waits || moved_ || lastMoved_ == 0) lastMoved_ = now;
+    if (!awaitsFirst() || awaitedSince_ == 0) awaitedSince_ = now;
     moved_ = false;
-    if (now - lastMoved_ > limit) close();
+    if (now - lastMoved_ > limit || now - awaitedSince_ > limit) close();
 }
 
 // Turns.

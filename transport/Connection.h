@@ -98,11 +98,12 @@ class Connection : public Task, public RefCounter {
     virtual u32 bodyLimit() const;
     // The connection ends if more than this many bytes are queued. By default 16 MiB.
     virtual u32 queueLimit() const;
-    // The time in ms after which a stalled connection ends: an incomplete packet, a queue that the other side
-    // doesn't read, or a missing first message of an accepted connection. By default 120,000; 0 for no limit.
+    // How many milliseconds something half done may stand still before the connection ends: a packet of
+    // which the rest doesn't come, and a queue that the other side doesn't take. Also, how long
+    // awaitsFirst() may hold, whatever moves meanwhile. By default 120,000; 0 for no limit.
     virtual u32 stallLimit() const;
-    // True if the other side has to send something, so that stallLimit() applies. By default until the first
-    // message of an accepted connection.
+    // Whether the word by which the other side makes itself known is still to come: by default until the
+    // first message of a connection that came in.
     virtual bool awaitsFirst() const;
     // The events to poll for: reading and errors, and writing while there is something to send.
     virtual u32 wantedEvents();
@@ -154,7 +155,8 @@ class Connection : public Task, public RefCounter {
 
     // Used by the pool's thread only.
     bool inSet_ = false;
-    u32 asked_ = 0;       // the events that the set reports
-    u32 lastMoved_ = 0;   // ticks when it last moved, or had nothing to move; 0 for never
-    bool moved_ = false;  // a byte was moved since the last checkStall()
+    u32 asked_ = 0;         // what the set is asked about at present
+    u32 lastMoved_ = 0;     // ticks at which it last moved, or had nothing to move; 0 for not yet
+    u32 awaitedSince_ = 0;  // ticks since when awaitsFirst() has held; 0 for not looked yet
+    bool moved_ = false;    // a byte, since checkStall() last looked; turns set it
 };

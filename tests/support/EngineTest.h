@@ -143,10 +143,19 @@ class EngineTest : public testing::Test, protected OwnEngine {
         made.emplace_back(new TestPeer(clientApp.socketPool, addressOf(last), engine.peerNeeds));
         return *made.back();
     }
-    // A peer that has said hello and received the answer.
-    TestPeer& peer(u8 last, const std::string& name = "") {
+    // One that has said hello, and heard the answer.
+    TestPeer& peer(u8 last, const std::string& name = "") { return visitor(last, identity(last, name)); }
+    TestPeer& visitor(u8 address, const std::string& who) {
+        TestPeer& result = stranger(address);
+        EXPECT_TRUE(result.hear(opcode(OP_HELLO, "\x10" + who)));
+        result.sent();
+        return result;
+    }
+    // One that we called, and that has answered.
+    TestPeer& reached(u8 last) {
         TestPeer& result = stranger(last);
-        EXPECT_TRUE(result.hear(opcode(OP_HELLO, "\x10" + identity(last, name))));
+        result.connected();
+        EXPECT_TRUE(result.hear(opcode(OP_HELLO_ANSWER, identity(last))));
         result.sent();
         return result;
     }
