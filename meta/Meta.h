@@ -30,19 +30,17 @@ class Meta : public Serializable {
 
     // Reading keeps what was read before a failure. From the network it adds to what is there, and drops tags
     // beyond the limits; from disk it replaces it.
-    bool toNetwork(i4_file& file) const override;
-    bool fromNetwork(i4_file& file) override;
-    bool toDisk(i4_file& file) override;
-    bool fromDisk(i4_file& file) override;
+    [[nodiscard]] bool toNetwork(i4_file& file) const override;
+    [[nodiscard]] bool fromNetwork(i4_file& file) override;
+    [[nodiscard]] bool toDisk(i4_file& file) override;
+    [[nodiscard]] bool fromDisk(i4_file& file) override;
     u32 byteSize() const override;
     virtual void copyFrom(const Meta* other);  // null does nothing
 
-    MetaTag* findTag(const char* name) const;
-    MetaTag* findTag(TagIndex index) const { return findTag(tagTable[index].wireName); }
-    void addTag(std::unique_ptr<MetaTag> tag);            // null is ignored
-    bool addTag(const char* name, MetaTag::Value value);  // false if the name is there
-    bool removeTag(const char* name);                     // the first of that name; false if there is none
-    bool removeTag(TagIndex index) { return removeTag(tagTable[index].wireName); }
+    MetaTag* findTag(TagKey key) const;
+    void addTag(std::unique_ptr<MetaTag> tag);           // null is ignored
+    bool addTag(TagKey key, MetaTag::Value value);       // false if the name is there
+    bool removeTag(TagKey key);                          // the first of that name; false if there is none
     void removeTags(std::span<const TagIndex> indexes);  // every tag of one of these names
     void clearTags();
 
@@ -73,8 +71,8 @@ class Meta : public Serializable {
     // Reads a count and tags. Each tag goes to `keep`.
     template <class Keep>
     bool readTags(i4_file& file, bool& damaged, Keep keep);
-    Tags::const_iterator find(const char* name) const;
-    void place(const char* name, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
+    Tags::const_iterator find(TagKey key) const;
+    void place(TagKey key, std::unique_ptr<MetaTag> tag);  // instead of that tag, or at the end
 
     Tags tags_;  // none is null
 };

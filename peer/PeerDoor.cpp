@@ -9,9 +9,9 @@ PeerDoor::~PeerDoor() = default;
 
 bool PeerDoor::canAccept() { return pool().count < 2 * needs_.core.preferences.maxCon; }
 
-Connection* PeerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
+Ref<Connection> PeerDoor::newConnection(std::unique_ptr<i4_socket> accepted) {
     makeRoom();
-    return newest_.emplace_back(new Peer(pool(), needs_, std::move(accepted))).get();
+    return newest_.emplace_back(makeRef<Peer>(pool(), needs_, std::move(accepted)));
 }
 
 void PeerDoor::makeRoom() {

@@ -18,7 +18,7 @@ class PeerDoor : public DoorTask {
     ~PeerDoor() override;
     bool canAccept() override;  // while the pool has less than twice maxCon connections
     // When maxCon connections have come in and not said hello, the oldest of them gives way.
-    Connection* newConnection(std::unique_ptr<i4_socket> accepted) override;
+    Ref<Connection> newConnection(std::unique_ptr<i4_socket> accepted) override;
 
   private:
     void makeRoom();

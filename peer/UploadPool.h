@@ -87,7 +87,7 @@ class CAPABILITY("uploadPool") UploadPool : public UploadOwner {
 
     const PeerNeeds& needs_;
     i4_mutex lock_{LockRank::uploadPool};
-    LL<Upload> uploads_ GUARDED_BY(lock_);
+    std::vector<Ref<Upload>> uploads_ GUARDED_BY(lock_);
     OwnLL<QueuedUser> queue_ GUARDED_BY(lock_);  // first in line first; each user once
     OwnLL<UploadSlot> slots_ GUARDED_BY(lock_);
     LL<Upload> replaceable_ GUARDED_BY(lock_);  // oldest first
