@@ -14,6 +14,8 @@ constexpr i32 saveEvery = 300'000;      // ms
 constexpr i32 checkDiskEvery = 60'000;  // ms
 constexpr i32 sourcePacing = 500;       // ms
 constexpr i64 idleLimit = 120'000;      // ms after which a silent Peer is closed
+constexpr i64 banTime = 4 * 3'600'000;  // ms
+constexpr std::size_t mostBans = 1000;
 constexpr f32 leastThreshold = 0.5F;    // KB/s
 
 }  // namespace
@@ -259,40 +261,46 @@ u64 DLPool::fitInto(u64 bytes) {
     return reserved;
 }
 
+void DLPool::on(const MD4Hash& file, Peer& peer, const PeerEvent& event) {
+    if (const Ref<Download> download = find(file)) download->on(peer, event);
+}
+
+void DLPool::on(Peer& peer, const PeerEvent& event) {
+    if (std::holds_alternative<PeerConnected>(event)) wake();  // it may become idle
+    const bool isForOne = std::holds_alternative<SlotEnded>(event);
+    const i4_guard guard(downloads_);
+    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
+        if (download->on(peer, event) && isForOne) return;
+    }
+}
+
+void DLPool::on(const ReachEvent& event) {
+    forEach([&](Download& download) { download.on(event); });
+}
+
+// A slot that is in use already may be offered once more: the message that one download has left it crosses
+// with the peer's next grant. Giving it back would end the transfer.
 void DLPool::slotGranted(Peer& peer) {
     bool taken = false;
     {
         const i4_guard guard(downloads_);
-        // A slot that is in use already may be offered once more: the message that one download has left it
-        // crosses with the peer's next grant. Giving it back would end the transfer.
-        taken = byPriority([&](Download& download) { return download.offerSlot(peer); }) ||
-                byPriority([&](Download& download) { return download.usesSlot(peer); });
+        taken = byPriority([&](Download& download) { return download.on(peer, SlotGranted{}); });
     }
     if (!taken) needs_.queues.release(peer);
 }
 
-void DLPool::slotEnded(Peer& peer) {
-    const i4_guard guard(downloads_);
-    for (LL<Download>::Cursor c; Download* download = downloads_.next(c);) {
-        if (download->slotEnded(peer)) return;
-    }
+void DLPool::ban(const SourceAccount& account) {
+    const i4_lock guard(banLock_);
+    if (bans_.size() == mostBans) bans_.pop_front();
+    bans_.push_back({account.hash, account.id, account.port, later(clock_.now(), banTime)});
 }
 
-void DLPool::peerConnected(Peer& peer) {
-    wake();  // it may become idle
-    forEach([&](Download& download) { download.peerConnected(peer); });
-}
-
-void DLPool::peerGone(Peer& peer) {
-    forEach([&](Download& download) { download.peerGone(peer); });
-}
-
-void DLPool::callbackFailed(u32 serverIp, u32 clientId) {
-    forEach([&](Download& download) { download.callbackFailed(serverIp, clientId); });
-}
-
-void DLPool::connectFailed(u32 ip, u16 port) {
-    forEach([&](Download& download) { download.connectFailed(ip, port); });
+bool DLPool::isBanned(const UserMeta& user) {
+    const i4_lock guard(banLock_);
+    while (!bans_.empty() && msBetween(clock_.now(), bans_.front().until) <= 0) bans_.pop_front();
+    return std::any_of(bans_.begin(), bans_.end(), [&](const Ban& ban) {
+        return (!ban.hash.isZero() && ban.hash == user.hash) || (ban.id == user.id && ban.port == user.port);
+    });
 }
 
 void DLPool::idChanged() {

@@ -1,6 +1,7 @@
 // DLPool, which holds all downloads and is the clock of the download engine.
 #pragma once
 
+#include <deque>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -39,12 +40,12 @@ class DLPool : public Thread, public DownloadOwner {
     // doesn't fit stops. The result is the bytes that those which run still need.
     u64 checkDisk();
     u64 fitInto(u64 bytes);  // the same for that much space
-    void peerConnected(Peer& peer);
-    void peerGone(Peer& peer);
+    // To the download of this file.
+    void on(const MD4Hash& file, Peer& peer, const PeerEvent& event);
+    // To all of them.
+    void on(Peer& peer, const PeerEvent& event);
+    void on(const ReachEvent& event);
     void slotGranted(Peer& peer);  // also message 23
-    void slotEnded(Peer& peer);
-    void callbackFailed(u32 serverIp, u32 clientId);
-    void connectFailed(u32 ip, u16 port);
     void idChanged();
     i32 count();
     LLsafe<Download>& getDownloads() RETURN_CAPABILITY(downloads_) { return downloads_; }
@@ -55,6 +56,8 @@ class DLPool : public Thread, public DownloadOwner {
     void transferStarted() override { transferCount_.add(1); }
     void transferEnded() override { transferCount_.add(-1); }
     void ticksWanted() override { wake(); }
+    void ban(const SourceAccount& account) override EXCLUDES(banLock_);
+    bool isBanned(const UserMeta& user) override EXCLUDES(banLock_);
 
   private:
     bool isDataFileInUse(const FileMeta& record);
@@ -75,6 +78,13 @@ class DLPool : public Thread, public DownloadOwner {
 
     void sayAbout(u32 number, const FileMeta& file);
 
+    struct Ban {
+        MD4Hash hash;
+        u32 id;
+        u16 port;
+        Moment until;
+    };
+
     const DownloadNeeds& needs_;
     const Clock& clock_;
     Moment lastTick_;
@@ -84,6 +94,8 @@ class DLPool : public Thread, public DownloadOwner {
     std::unordered_set<std::string> dataFiles_ GUARDED_BY(downloads_);        // by their bare names
     i32 saveTimer_ = 300'000;                                                 // ms
     i32 diskTimer_ = 60'000;                                                  // ms
+    i4_mutex banLock_{LockRank::leaf};
+    std::deque<Ban> bans_ GUARDED_BY(banLock_);  // the oldest first
     Relaxed<i32> sinceStart_{500};  // ms since a source was last tried
     Relaxed<u8> canStart_{1};
     Relaxed<i32> transferCount_{0};  // of sources

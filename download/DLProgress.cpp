@@ -1,30 +1,34 @@
 #include "download/DLProgress.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "download/PartialFile.h"
 #include "i4min/memory/Random.h"
 
-namespace {
+u32 Chunk::part() const { return start / PARTSIZE; }
 
-bool rarerFirst(const GapCounter* a, const GapCounter* b) { return a->count <= b->count; }
-
-}  // namespace
-
-void DLProgress::setup(PartialFile& partial, Random& random) {
-    deleteAll(partList_);
+void DLProgress::setup(const PartialFile& partial, Random& random) {
+    const i64 size = partial.fileSize();
     GapList here;
     here.assign(partial);
-    here.invert(partial.fileSize());
-    setSize(partial.fileSize());
+    here.invert(size);
+    setSize(size);
     for (const Gap& range : here.gaps()) addDone(range.start, range.end);
-    for (i64 part = 0; part < partial.getPartCount(); ++part) {
-        const i64 start = part * PARTSIZE;
-        // One that isn't verified yet may become missing again.
-        if (partial.overlaps(start, start + PARTSIZE) || !partial.isVerified(static_cast<u32>(part)))
-            partList_.own(std::make_unique<GapCounter>(GapCounter{start, start + PARTSIZE, 0}));
+    parts_.assign(partial.getPartCount(), {});
+    std::vector<u32> lots(parts_.size());
+    std::iota(lots.begin(), lots.end(), 0U);
+    for (std::size_t i = lots.size(); i > 1; --i)
+        std::swap(lots[i - 1], lots[random.below(static_cast<u32>(i))]);
+    for (u32 i = 0; i < parts_.size(); ++i) {
+        const i64 start = i64{i} * PARTSIZE;
+        Part& part = parts_[i];
+        part.start = static_cast<u32>(start);
+        part.end = static_cast<u32>(std::min(start + PARTSIZE, size));
+        part.lot = lots[i];
+        part.isBegun = here.overlaps(part.start, part.end);
+        part.isVerified = partial.isVerified(i);
     }
-    partList_.shuffle(random);
 }
 
 void DLProgress::addParts(const BoolArray* parts) {
@@ -36,34 +40,91 @@ void DLProgress::removeParts(const BoolArray* parts) {
 }
 
 void DLProgress::changeParts(const BoolArray& parts, i32 delta) {
-    for (i64 part = 0; part < parts.size(); ++part) {
-        if (parts.get(static_cast<i32>(part))) change(part * PARTSIZE, (part + 1) * PARTSIZE, delta);
+    for (u32 i = 0; i < parts_.size(); ++i) {
+        if (!parts.get(static_cast<i32>(i))) continue;
+        change(parts_[i].start, parts_[i].end, delta);
+        parts_[i].sources = std::max(0, parts_[i].sources + delta);
     }
-    bool changed = false;
-    for (LL<GapCounter>::Cursor c; GapCounter* part = partList_.next(c);) {
-        if (!parts.get(static_cast<i32>(part->start / PARTSIZE))) continue;
-        part->count = std::max(0, part->count + delta);
-        changed = true;
-    }
-    if (changed) partList_.sort(rarerFirst);
 }
 
-bool DLProgress::pickChunk(const BoolArray* parts, i64 most, u32& start, u32& end) {
-    if (!parts) return false;
-    for (LL<GapCounter>::Cursor c; const GapCounter* part = partList_.next(c);) {
-        if (!parts->get(static_cast<i32>(part->start / PARTSIZE))) continue;
-        if (findFree(part->start, part->end, most, start, end)) {
-            addRequested(start, end);
-            return true;
-        }
+bool DLProgress::comesBefore(const Part& a, const Part& b) {
+    if (a.isAlone != b.isAlone) return a.isAlone;
+    if (a.sources != b.sources) return a.sources < b.sources;
+    if (a.isBegun != b.isBegun) return a.isBegun;
+    return a.lot < b.lot;
+}
+
+// A part that failed is being fetched again, or checked.
+bool DLProgress::isRepairing() const {
+    return std::any_of(parts_.begin(), parts_.end(), [](const Part& part) {
+        return part.isAlone && !part.isVerified && part.holder != nobody;
+    });
+}
+
+bool DLProgress::mayFetch(const Part& part, const Asker& asker, bool repairing) {
+    if (part.isVerified) return false;
+    if (part.isAlone && part.holder != nobody) return part.holder == asker.account;
+    if (asker.isProven) return true;
+    return !repairing && (!part.isAlone || asker.mayRepair);
+}
+
+Chunk DLProgress::pickChunk(const Asker& asker, i64 most) {
+    Chunk best;
+    Part* from = nullptr;
+    const bool repairing = isRepairing();
+    for (u32 i = 0; asker.parts && i < parts_.size(); ++i) {
+        Part& part = parts_[i];
+        if (!asker.parts->get(static_cast<i32>(i)) || !mayFetch(part, asker, repairing)) continue;
+        if (from && !comesBefore(part, *from)) continue;
+        const Chunk free = firstIn(part, countRequested);
+        if (free.isEmpty()) continue;
+        best = free;
+        from = &part;
+    }
+    if (!from) return {};
+    // A range that was asked for before the part failed could be taken for a repetition of that request.
+    const i64 length = most - 1024 * std::min(from->failures, 64);
+    best.end = static_cast<u32>(std::min<i64>(best.end, best.start + length));
+    addRequested(best.start, best.end);
+    from->isBegun = true;
+    ++from->requests;
+    if (from->isAlone) from->holder = asker.account;
+    return best;
+}
+
+void DLProgress::giveBack(const Chunk& chunk) {
+    if (chunk.isEmpty()) return;
+    removeRequested(chunk.start, chunk.end);
+    --parts_[chunk.part()].requests;
+}
+
+std::vector<u32> DLProgress::heldBy(u32 account) const {
+    std::vector<u32> held;
+    for (u32 i = 0; i < parts_.size(); ++i) {
+        if (parts_[i].isAlone && !parts_[i].isVerified && parts_[i].holder == account) held.push_back(i);
+    }
+    return held;
+}
+
+void DLProgress::handOver(const Chunk& chunk) { ++parts_[chunk.part()].requests; }
+
+void DLProgress::partFailed(u32 number) {
+    Part& part = parts_[number];
+    removeDone(part.start, part.end);
+    part.isAlone = true;
+    part.holder = nobody;
+    ++part.failures;
+}
+
+bool DLProgress::hasMissing(const BoolArray* parts) const {
+    for (u32 i = 0; parts && i < parts_.size(); ++i) {
+        if (!parts->get(static_cast<i32>(i)) || parts_[i].isVerified) continue;
+        if (!firstIn(parts_[i], countDone).isEmpty()) return true;
     }
     return false;
 }
 
-bool DLProgress::findFree(i64 partStart, i64 partEnd, i64 most, u32& start, u32& end) {
-    Gap free;
-    if (!firstFree({partStart, partEnd}, free)) return false;
-    start = static_cast<u32>(free.start);
-    end = static_cast<u32>(std::min(free.end, free.start + most));
-    return true;
+Chunk DLProgress::firstIn(const Part& part, i32 limit) const {
+    const Gap found = firstBelow(limit, {part.start, part.end});
+    return {static_cast<u32>(found.start), static_cast<u32>(found.end)};
 }

@@ -1,18 +1,20 @@
 #include "download/DLS_Downloading.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <numeric>
 #include <utility>
 
 #include "download/DownloadBody.h"
-#include "download/FileSourceState.h"
+#include "download/FSS_States.h"
 
 namespace {
 
 constexpr i32 hashSetEvery = 60'000;        // ms
 constexpr i32 serverListEvery = 1'200'000;  // ms
 constexpr i32 speedSample = 2000;           // ms
+constexpr i32 moreEvery = 1000;             // ms
 constexpr i32 smallFileChunks = 4;          // a file of that many chunks that moves gets no more sources
 constexpr f32 smallFileSpeed = 1.0F;        // KB/s
 // Servers and strangers name sources without end; and below a thousand, no count of them is taken for that of
@@ -42,22 +44,37 @@ bool DLS_Downloading::untilTrue(Operation operation) {
 }
 
 void DLS_Downloading::tick(i32 elapsedMs) {
-    // Nothing is missing: an empty file, or one that was whole when the program ended.
-    if (download.partial().isComplete()) return finish();
+    if (stopOnLoss()) return;
+    // The verifier had no room, or the file was whole when the program ended.
+    if (isUnchecked_ || download.partial().isComplete()) hashSetKnown();
+    if (finishIfWhole()) return;
     updateSpeed(elapsedMs);
     LL<FileSource>::Cursor before;
     LL<FileSource>::Cursor at;
     while (FileSource* source = sources_.next(at)) {
-        if (source->state().tick(elapsedMs)) {
+        if (source->tick(elapsedMs)) {
             before = at;
         } else {
             const std::unique_ptr<FileSource> removed(source);
             at = before = sources_.removeNext(before);
         }
     }
+    moreTimer_ += elapsedMs;
+    if (moreTimer_ >= moreEvery) letSourcesAsk();
     refreshServers(elapsedMs);
     startMore();
     askHashSet(elapsedMs);
+}
+
+// What one has given back, or may give to a faster one, is for another. A part that failed is offered first
+// to those who may fetch it: once one of them does, the others wait.
+void DLS_Downloading::letSourcesAsk() {
+    moreTimer_ = 0;
+    for (const bool suspects : {false, true}) {
+        for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+            if (source->isSuspect() == suspects) source->state().askForMore();
+        }
+    }
 }
 
 void DLS_Downloading::askHashSet(i32 elapsedMs) {
@@ -65,7 +82,27 @@ void DLS_Downloading::askHashSet(i32 elapsedMs) {
     hashTimer_ += elapsedMs;
     if (hashTimer_ <= hashSetEvery) return;
     hashTimer_ = 0;
-    untilTrue([](FileSourceState& state) { return state.askHashSet(); });
+    askSomeHashSet();
+}
+
+// The next one behind the one that was asked last, whose answer may have been no good.
+void DLS_Downloading::askSomeHashSet() {
+    bool passed = false;
+    FileSource* first = nullptr;
+    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+        const bool wasLast = source == lastAsked_;
+        if (source->peer() && (passed || !first) && !wasLast) {
+            if (passed) {
+                lastAsked_ = source;
+                source->state().askHashSet();
+                return;
+            }
+            first = source;
+        }
+        passed = passed || wasLast;
+    }
+    lastAsked_ = first;
+    if (first) first->state().askHashSet();
 }
 
 // A window in which a failed part took bytes back counts as no progress.
@@ -127,48 +164,113 @@ void DLS_Downloading::startMore() {
 }
 
 void DLS_Downloading::pause() {
-    forEachSource([](FileSourceState& state) { state.pause(); });
+    dropAll();
     download.needs.core.messages.post(MESSAGE_CHECK_DISK);
     download.become(Stage::paused);
 }
 
 void DLS_Downloading::cancel() {
-    forEachSource([](FileSourceState& state) { state.drop(); });
+    dropAll();
     DownloadState::cancel();
 }
 
 void DLS_Downloading::diskFull() {
-    forEachSource([](FileSourceState& state) { state.diskFull(); });
+    dropAll();
     download.become(Stage::diskFull);
 }
 
-void DLS_Downloading::stop() {
-    forEachSource([](FileSourceState& state) { state.stop(); });
+void DLS_Downloading::dropAll() {
+    forEachSource([](FileSourceState& state) { state.drop(); });
 }
 
 void DLS_Downloading::idChanged() {
     forEachSource([](FileSourceState& state) { state.idChanged(); });
 }
 
-void DLS_Downloading::gotData(i4_ram_file_class& packet, Peer& peer) {
-    u32 start = 0;
-    u32 end = 0;
-    const bool more = download.partial().writeData(packet, start, end);
-    if (!more) return finish();
-    for (const u32 part : download.partial().takeReopened()) {
-        forEachSource([part](FileSourceState& state) { state.partReopened(part); });
+// --- data
+
+void DLS_Downloading::gotData(FileSource& source, i4_ram_file_class& packet) {
+    const u32 start = packet.read_32();
+    const u32 end = packet.read_32();
+    if (start >= end || !source.state().wasAskedFor(start, end)) {
+        return source.gotUnasked(packet.bytesLeft().value_or(0));
     }
-    forEachSource([&](FileSourceState& state) { state.gotData(peer); });
+    if (const std::optional<u32> bytes = take(packet, start, end, source.openAccount())) {
+        source.state().gotData(*bytes);
+    }
 }
 
-void DLS_Downloading::finish() {
-    forEachSource([](FileSourceState& state) { state.complete(); });
+std::optional<u32> DLS_Downloading::take(i4_ram_file_class& packet, u32 start, u32 end, u32 account) {
+    u32 bytes = 0;
+    for (const Gap& gap : download.partial().writeData(packet, start, end)) {
+        const u32 from = static_cast<u32>(gap.start);
+        const u32 to = static_cast<u32>(gap.end);
+        bytes += to - from;
+        if (account != nobody) download.accounts.gave(account, from, to);
+    }
+    if (stopOnLoss()) return std::nullopt;
+    if (bytes > 0) checkParts(start / PARTSIZE, end / PARTSIZE);
+    if (finishIfWhole()) return std::nullopt;
+    return bytes;
+}
+
+// True where the disk took not all: the download stops until there is room, or until the user says so.
+bool DLS_Downloading::stopOnLoss() {
+    const int error = download.partial().reopenLost();
+    if (error == 0) return false;
+    if (error == ENOSPC || error == EDQUOT) {
+        diskFull();
+    } else {
+        pause();
+    }
+    return true;
+}
+
+void DLS_Downloading::hashSetKnown() { checkParts(0, download.partial().getPartCount() - 1); }
+
+void DLS_Downloading::checkParts(u32 first, u32 last) {
+    isUnchecked_ = false;
+    for (u32 part = first; part <= last && part < download.partial().getPartCount(); ++part) {
+        if (download.partial().mayCheck(part) && !download.check(part)) isUnchecked_ = true;
+    }
+}
+
+// A bad part's bytes are missing again, and a source with an account that gave wrong ones is out.
+void DLS_Downloading::partChecked(const CheckedPart& checked, const std::vector<u32>& liars) {
+    if (!liars.empty()) {
+        for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+            const u32 account = source->account();
+            if (account != nobody && download.accounts[account].isOut) source->state().drop();
+        }
+    }
+    if (checked.outcome != CheckedPart::Outcome::passed) {
+        forEachSource([&](FileSourceState& state) { state.partReopened(checked.part); });
+    }
+    if (!finishIfWhole()) letSourcesAsk();
+}
+
+bool DLS_Downloading::hasOthersToAsk() {
+    for (LL<FileSource>::Cursor c; const FileSource* source = sources_.next(c);) {
+        const u32 account = source->account();
+        if (account == nobody || download.accounts[account].failedParts == 0) return true;
+    }
+    return false;
+}
+
+// Nothing is missing, and nothing is left to be checked.
+bool DLS_Downloading::finishIfWhole() {
+    if (!download.partial().isComplete() || download.partial().isChecking() || isUnchecked_) return false;
+    dropAll();
     DownloadBody& body = download;
     body.become(Stage::completing);
     body.startCompleter();
+    return true;
 }
 
+// --- sources
+
 void DLS_Downloading::addSource(const UserMeta& user) {
+    if (download.owner.isBanned(user)) return;
     u32 count = 0;
     for (LL<FileSource>::Cursor c; const FileSource* source = sources_.next(c);) {
         if (source->sameUser(user) || ++count == mostSources) return;
@@ -177,42 +279,59 @@ void DLS_Downloading::addSource(const UserMeta& user) {
     sources_.shuffle(download.needs.core.host.random);
 }
 
-void DLS_Downloading::peerConnected(Peer& peer) {
-    forEachSource([&](FileSourceState& state) { state.peerConnected(peer); });
+// The source that talks to this peer; else the first that is the same user.
+FileSource* DLS_Downloading::sourceOf(Peer& peer) {
+    const auto found = download.talking.find(&peer);
+    if (found != download.talking.end()) return found->second;
+    UserMeta user;
+    peer.copyUser(user);
+    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+        if (source->sameUser(user)) return source;
+    }
+    return nullptr;
 }
 
-bool DLS_Downloading::offerSlot(Peer& peer) {
-    return untilTrue([&](FileSourceState& state) { return state.offerSlot(peer); });
+bool DLS_Downloading::on(Peer& peer, const PeerEvent& event) {
+    // Only these are for a source that doesn't talk to the peer yet.
+    if (std::holds_alternative<PeerConnected>(event)) {
+        FileSource* source = sourceOf(peer);
+        if (source && !source->peer()) source->state().peerConnected(peer);
+        return source != nullptr;
+    }
+    if (std::holds_alternative<SlotGranted>(event)) {
+        FileSource* source = sourceOf(peer);
+        return source && (source->state().usesSlot() || source->state().offerSlot(peer));
+    }
+    if (const auto* name = std::get_if<GotFileName>(&event)) {
+        if (FileSource* source = sourceOf(peer)) source->gotName(name->name);
+        return true;
+    }
+    const auto found = download.talking.find(&peer);
+    if (found == download.talking.end()) return false;
+    FileSource& source = *found->second;
+    if (const auto* data = std::get_if<GotData>(&event)) {
+        gotData(source, data->packet);
+    } else if (const auto* told = std::get_if<GotFileStatus>(&event)) {
+        source.state().gotFileStatus(told->parts);
+    } else if (std::holds_alternative<SlotEnded>(event)) {
+        const bool used = source.state().usesSlot();
+        source.state().slotEnded();
+        return used;
+    } else if (std::holds_alternative<PeerGone>(event)) {
+        source.state().peerGone();
+    } else {
+        source.state().noSuchFile();
+    }
+    return true;
 }
 
-bool DLS_Downloading::usesSlot(const Peer& peer) {
-    return untilTrue([&](FileSourceState& state) { return state.usesSlot(peer); });
-}
-
-bool DLS_Downloading::slotEnded(Peer& peer) {
-    return untilTrue([&](FileSourceState& state) { return state.slotEnded(peer); });
-}
-
-bool DLS_Downloading::gotFileStatus(Peer& peer, const BoolArray& parts) {
-    return untilTrue([&](FileSourceState& state) { return state.gotFileStatus(peer, parts); });
-}
-
-void DLS_Downloading::noSuchFile(Peer& peer) {
-    forEachSource([&](FileSourceState& state) { state.noSuchFile(peer); });
-}
-
-void DLS_Downloading::peerGone(Peer& peer) {
-    forEachSource([&](FileSourceState& state) { state.peerGone(peer); });
-}
-
-void DLS_Downloading::gotFileName(const char* name, Peer& peer) {
-    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) source->gotName(name, peer);
-}
-
-void DLS_Downloading::callbackFailed(u32 serverIp, u32 clientId) {
-    forEachSource([&](FileSourceState& state) { state.callbackFailed(serverIp, clientId); });
-}
-
-void DLS_Downloading::connectFailed(u32 ip, u16 port) {
-    forEachSource([&](FileSourceState& state) { state.connectFailed(ip, port); });
+void DLS_Downloading::on(const ReachEvent& event) {
+    const auto* callback = std::get_if<CallbackFailed>(&event);
+    const auto* connect = std::get_if<ConnectFailed>(&event);
+    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+        const UserMeta& user = source->user;
+        if (callback ? user.id == callback->clientId && user.serverIp == callback->serverIp
+                     : user.id == connect->ip && user.port == connect->port)
+            source->state().reachFailed(event);
+    }
 }

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "download/DownloadState.h"
@@ -23,23 +24,27 @@ class DLS_Downloading : public DownloadState {
     void pause() override;
     void cancel() override;
     void diskFull() override;
-    void stop() override;
+    void stop() override { dropAll(); }
     void idChanged() override;
-    void gotData(i4_ram_file_class& packet, Peer& peer) override;
     void addSource(const UserMeta& user) override;
-    void peerConnected(Peer& peer) override;
-    bool offerSlot(Peer& peer) override;
-    bool usesSlot(const Peer& peer) override;
-    bool slotEnded(Peer& peer) override;
-    bool gotFileStatus(Peer& peer, const BoolArray& parts) override;
-    void noSuchFile(Peer& peer) override;
-    void peerGone(Peer& peer) override;
-    void gotFileName(const char* name, Peer& peer) override;
-    void callbackFailed(u32 serverIp, u32 clientId) override;
-    void connectFailed(u32 ip, u16 port) override;
+    bool on(Peer& peer, const PeerEvent& event) override;
+    void on(const ReachEvent& event) override;
+    void hashSetKnown() override;
+    void partChecked(const CheckedPart& checked, const std::vector<u32>& liars) override;
+    bool hasOthersToAsk() override;
+
+    // Writes bytes that an account gave, nobody for none, and has the verifier check what is complete. The
+    // result is what was missing of them; nothing where they ended this state.
+    std::optional<u32> take(i4_ram_file_class& packet, u32 start, u32 end, u32 account);
 
   private:
-    void finish();
+    void gotData(FileSource& source, i4_ram_file_class& packet);
+    FileSource* sourceOf(Peer& peer);
+    void checkParts(u32 first, u32 last);
+    bool finishIfWhole();
+    bool stopOnLoss();
+    void letSourcesAsk();
+    void dropAll();
     void askHashSet(i32 elapsedMs);
     void updateSpeed(i32 elapsedMs);
     void startMore();
@@ -49,11 +54,15 @@ class DLS_Downloading : public DownloadState {
     void forEachSource(Operation operation);
     template <class Operation>
     bool untilTrue(Operation operation);
+    void askSomeHashSet();
 
     std::vector<ServerAsk> servers_;
     OwnLL<FileSource> sources_;
     i32 serverListAge_ = 0;         // ms
     i32 hashTimer_ = 60'000;        // ms since the part hashes were last asked for
+    const FileSource* lastAsked_ = nullptr;  // for the part hashes; only compared
+    bool isUnchecked_ = false;      // the verifier had no room for a part
+    i32 moreTimer_ = 0;             // ms since the sources looked for more to ask for
     i32 speedWindow_ = 0;           // ms in the current sample
     std::array<f32, 8> samples_{};  // bytes per ms
     u32 lastTransferred_;

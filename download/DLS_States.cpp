@@ -33,8 +33,6 @@ void DLS_Queued::tick(i32 elapsedMs) {
 
 void DLS_Queued::pause() { download.become(Stage::paused); }
 
-DLS_Paused::DLS_Paused(DownloadBody& owner) : DownloadState(owner, DL_STATUS_PAUSED) { owner.speed = 0; }
-
 void DLS_Paused::resume() {
     checkDisk(download);
     download.become(Stage::queued);
@@ -54,10 +52,6 @@ void DLS_NoSources::tick(i32 elapsedMs) {
 }
 
 void DLS_NoSources::pause() { download.become(Stage::paused); }
-
-DLS_Done::DLS_Done(DownloadBody& owner, i32 statusNumber) : DownloadState(owner, statusNumber) {
-    owner.speed = 0;
-}
 
 void DLS_Hashing::cancel() { refuseCancel(download); }
 

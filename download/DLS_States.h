@@ -32,7 +32,7 @@ class DLS_Queued : public DownloadState {
 
 class DLS_Paused : public DownloadState {
   public:
-    explicit DLS_Paused(DownloadBody& owner);
+    explicit DLS_Paused(DownloadBody& owner) : DownloadState(owner, DL_STATUS_PAUSED) {}
     bool isPaused() override { return true; }
     void resume() override;
 };
@@ -58,7 +58,7 @@ class DLS_NoSources : public DownloadState {
 // The end of a download, or its failure: status 9 to 13.
 class DLS_Done : public DownloadState {
   public:
-    DLS_Done(DownloadBody& owner, i32 statusNumber);
+    using DownloadState::DownloadState;
     void cancel() override {}
 };
 

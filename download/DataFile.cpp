@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "core/UIInterface.h"
 
@@ -41,11 +42,6 @@ void DataFile::flush() {
     writeUpTo(end_);
 }
 
-void DataFile::flushRange(u64 start, u64 end) {
-    i4_lock guard(lock_);
-    if (start < end_ && start_ < end) writeUpTo(end_);
-}
-
 void DataFile::writeUpTo(u64 stop) {
     if (stop <= start_) return;
     std::array<i4_piece, mostPieces> pieces{};
@@ -57,7 +53,7 @@ void DataFile::writeUpTo(u64 stop) {
         pieces[count] = {piece.bytes.get(), length};
         at += length;
     }
-    sayFailure(file_->writeAt(start_, {pieces.data(), count}), stop - start_);
+    noteOutcome(file_->writeAt(start_, {pieces.data(), count}), stop - start_);
     start_ = stop;
     // Of the last piece, some may lie behind.
     Piece& last = waiting_[count - 1];
@@ -69,12 +65,20 @@ void DataFile::writeUpTo(u64 stop) {
     waiting_.erase(waiting_.begin(), waiting_.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-void DataFile::sayFailure(i64 written, u64 wanted) {
+// What lies behind the bytes that were written is lost.
+void DataFile::noteOutcome(i64 written, u64 wanted) {
     const int error = written < 0 ? errno : ENOSPC;
     const bool failed = written != static_cast<i64>(wanted);
+    const u64 done = static_cast<u64>(std::max<i64>(0, written));
     if (failed && !failed_) {
-        log_.printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(std::max<i64>(0, written)),
-                       static_cast<i32>(wanted), path_.c_str(), std::strerror(error));
+        log_.printLine("Not all written(%d,%d): %s: %s", static_cast<i32>(done), static_cast<i32>(wanted),
+                       path_.c_str(), std::strerror(error));
     }
+    if (failed) losses_.push_back({start_ + done, start_ + wanted, error});
     failed_ = failed;
+}
+
+std::vector<DataFile::Loss> DataFile::takeLosses() {
+    i4_lock guard(lock_);
+    return std::exchange(losses_, {});
 }

@@ -13,7 +13,7 @@ class UIInterface;
 
 // What arrives in packets, one behind the other, waits in the packets' own memory until it reaches the end of
 // a block of the file: the system takes a few large pieces with a fraction of the work. A failure, most
-// likely a full disk, is said once until a write succeeds again.
+// likely a full disk, is said once until a write succeeds again, and its range is kept for takeLosses().
 // Thread: any; but open(), close(), isOpen() and stream() one at a time.
 // Owns: its descriptor, and the memory of what waits.
 class DataFile {
@@ -34,7 +34,13 @@ class DataFile {
     // long as this file holds it.
     void write(u64 at, std::shared_ptr<const u8> bytes, u32 length) EXCLUDES(lock_);
     void flush() EXCLUDES(lock_);                         // writes what waits
-    void flushRange(u64 start, u64 end) EXCLUDES(lock_);  // the same, if some of it lies in that range
+    // The ranges that were to be written since the last call and weren't.
+    struct Loss {
+        u64 start;
+        u64 end;
+        int error;  // the system's
+    };
+    std::vector<Loss> takeLosses() EXCLUDES(lock_);
 
   private:
     struct Piece {
@@ -42,7 +48,7 @@ class DataFile {
         u32 length;
     };
     void writeUpTo(u64 stop) REQUIRES(lock_);
-    void sayFailure(i64 written, u64 wanted) REQUIRES(lock_);
+    void noteOutcome(i64 written, u64 wanted) REQUIRES(lock_);
 
     UIInterface& log_;
     i4_mutex lock_{LockRank::dataFile};
@@ -52,4 +58,5 @@ class DataFile {
     u64 start_ GUARDED_BY(lock_) = 0;               // the range of what waits
     u64 end_ GUARDED_BY(lock_) = 0;
     bool failed_ GUARDED_BY(lock_) = false;  // and it was said
+    std::vector<Loss> losses_ GUARDED_BY(lock_);
 };

@@ -49,6 +49,7 @@ bool Download::create(FileMeta& meta) {
     }
     setHash(partial_->getHash());
     progress_.setup(*partial_, needs.core.host.random);
+    accounts.setSize(partial_->fileSize());
     needs.ui.downloadAdded(this);
     return true;
 }
@@ -89,6 +90,7 @@ void Download::hashingEnded() {
     const i4_guard guard(lock_);
     setHash(partial_->getHash());
     progress_.setup(*partial_, needs.core.host.random);
+    accounts.setSize(partial_->fileSize());
     state_->hashDone();
 }
 
@@ -155,6 +157,7 @@ DownloadState& Download::become(Stage stage) {
     lock_.assertHeld();
     state_.reset();
     state_ = makeState(stage);
+    if (stage != Stage::downloading) speed = 0;
     paused_ = state_->isPaused() ? 1 : 0;
     wantsTicks_ = state_->wantsTicks() ? 1 : 0;
     if (wantsTicks_ != 0) owner.ticksWanted();
@@ -196,7 +199,48 @@ std::unique_ptr<FileMeta> Download::stop() {
 
 void Download::gotHashSet(i4_file& stream) {
     const i4_guard guard(lock_);
-    partial_->setPartHashes(stream);
+    if (partial_->setPartHashes(stream)) state_->hashSetKnown();
+}
+
+bool Download::check(u32 part) {
+    std::optional<PartToCheck> check = partial_->beginCheck(part);
+    if (!check) return true;  // complete() tells what is wrong with the file
+    check->tell = [self = Ref<Download>(this)](const CheckedPart& checked) { self->partChecked(checked); };
+    check->givers = accounts.giversOf(part);
+    check->evidence = accounts.evidenceOf(part);
+    if (needs.verifier.check(std::move(*check))) return true;
+    partial_->endCheck({part, CheckedPart::Outcome::abandoned, {}});
+    return false;
+}
+
+// Who gave wrong bytes, by the outcome. They are said and banned.
+std::vector<u32> Download::judge(const CheckedPart& checked) {
+    std::vector<u32> liars;
+    if (checked.outcome == CheckedPart::Outcome::passed)
+        liars = accounts.passed(checked.part, checked.pieces);
+    if (checked.outcome == CheckedPart::Outcome::failed)
+        liars = accounts.failed(checked.part, partial_->partLength(checked.part), checked.pieces);
+    for (const u32 liar : liars) {
+        const SourceAccount& account = accounts[liar];
+        const i4_string name = getName();
+        needs.core.log.printLine("%s gave wrong data for %s and is no source any more.",
+                                 orEmpty(account.name), orEmpty(name));
+        owner.ban(account);
+    }
+    return liars;
+}
+
+void Download::partChecked(const CheckedPart& checked) {
+    const i4_guard guard(lock_);
+    if (partial_->isFinished()) return;
+    const std::vector<u32> liars = judge(checked);
+    const bool isWhole = partial_->getPartCount() == 1;
+    if (isWhole && checked.outcome == CheckedPart::Outcome::failed && !state_->hasOthersToAsk()) {
+        partial_->acceptAsItIs(checked.part);
+    } else {
+        partial_->endCheck(checked);
+    }
+    state_->partChecked(checked, liars);
 }
 
 // What follows only takes the lock and forwards to the state.
@@ -252,57 +296,38 @@ void Download::addSource(const UserMeta& user) {
     state_->addSource(user);
 }
 
-void Download::peerConnected(Peer& peer) {
+bool Download::on(Peer& peer, const PeerEvent& event) {
     const i4_guard guard(lock_);
-    state_->peerConnected(peer);
+    return state_->on(peer, event);
 }
 
-bool Download::offerSlot(Peer& peer) {
+void Download::on(const ReachEvent& event) {
     const i4_guard guard(lock_);
-    return state_->offerSlot(peer);
+    state_->on(event);
 }
 
-bool Download::usesSlot(const Peer& peer) {
-    const i4_guard guard(lock_);
-    return state_->usesSlot(peer);
+Chunk Download::takeOver(FileSource& taker, f32 itsSpeed) {
+    if (!taker.parts()) return {};
+    for (const auto& [peer, source] : talking) {
+        if (source == &taker) continue;
+        const Chunk chunk = source->state().letGo(*taker.parts(), itsSpeed);
+        if (chunk.isEmpty()) continue;
+        progress_.handOver(chunk);
+        return chunk;
+    }
+    return {};
 }
 
-bool Download::slotEnded(Peer& peer) {
-    const i4_guard guard(lock_);
-    return state_->slotEnded(peer);
+bool Download::hasUnsuspected() const {
+    return std::any_of(talking.begin(), talking.end(), [](const auto& entry) {
+        return entry.second->state().usesSlot() && !entry.second->isSuspect();
+    });
 }
 
-bool Download::gotFileStatus(Peer& peer, const BoolArray& parts) {
-    const i4_guard guard(lock_);
-    return state_->gotFileStatus(peer, parts);
-}
-
-void Download::noSuchFile(Peer& peer) {
-    const i4_guard guard(lock_);
-    state_->noSuchFile(peer);
-}
-
-void Download::peerGone(Peer& peer) {
-    const i4_guard guard(lock_);
-    state_->peerGone(peer);
-}
-
-void Download::gotFileName(const char* name, Peer& peer) {
-    const i4_guard guard(lock_);
-    state_->gotFileName(name, peer);
-}
-
-void Download::callbackFailed(u32 serverIp, u32 clientId) {
-    const i4_guard guard(lock_);
-    state_->callbackFailed(serverIp, clientId);
-}
-
-void Download::connectFailed(u32 ip, u16 port) {
-    const i4_guard guard(lock_);
-    state_->connectFailed(ip, port);
-}
-
-void Download::gotData(i4_ram_file_class& packet, Peer& peer) {
-    const i4_guard guard(lock_);
-    state_->gotData(packet, peer);
+void Download::leaveParts(u32 account) {
+    for (const u32 part : progress_.heldBy(account)) {
+        if (partial_->isHere(part)) continue;
+        accounts.forget(part);
+        partial_->reopenPart(part);
+    }
 }

@@ -64,18 +64,11 @@ class Download : public RefCounter, public DownloadBody {
     // At shut-down. The result is the record to save, null for none.
     std::unique_ptr<FileMeta> stop() EXCLUDES(lock_);
     void addSource(const UserMeta& user) EXCLUDES(lock_);
-    void peerConnected(Peer& peer) EXCLUDES(lock_);
-    bool offerSlot(Peer& peer) EXCLUDES(lock_);
-    bool usesSlot(const Peer& peer) EXCLUDES(lock_);  // a source transfers by the slot that this peer gave
-    bool slotEnded(Peer& peer) EXCLUDES(lock_);
-    bool gotFileStatus(Peer& peer, const BoolArray& parts) EXCLUDES(lock_);
-    void noSuchFile(Peer& peer) EXCLUDES(lock_);
-    void peerGone(Peer& peer) EXCLUDES(lock_);
-    void gotFileName(const char* name, Peer& peer) EXCLUDES(lock_);
-    void callbackFailed(u32 serverIp, u32 clientId) EXCLUDES(lock_);
-    void connectFailed(u32 ip, u16 port) EXCLUDES(lock_);
-    void gotData(i4_ram_file_class& packet, Peer& peer) EXCLUDES(lock_);
+    bool on(Peer& peer, const PeerEvent& event) EXCLUDES(lock_);
+    void on(const ReachEvent& event) EXCLUDES(lock_);
     void gotHashSet(i4_file& stream) EXCLUDES(lock_);
+    // Thread: the verifier's.
+    void partChecked(const CheckedPart& checked) EXCLUDES(lock_);
 
     // Whether tick() may have something to do. Thread: any.
     bool wantsTicks() const { return wantsTicks_ != 0; }
@@ -97,6 +90,11 @@ class Download : public RefCounter, public DownloadBody {
     void show() override;
     void startCompleter() override;
     void completed(PartialFile::Completion how) override EXCLUDES(lock_);
+    bool check(u32 part) override;
+    Chunk takeOver(FileSource& taker, f32 itsSpeed) override;
+    void leaveParts(u32 account) override;
+    bool hasUnsuspected() const override;
+    std::vector<u32> judge(const CheckedPart& checked);
     std::unique_ptr<DownloadState> makeState(Stage stage);
     void setHash(const MD4Hash& hash) EXCLUDES(hashLock_);
 

@@ -1,11 +1,15 @@
 // DownloadBody, what the states and the sources of a download work on.
 #pragma once
 
+#include <unordered_map>
+
 #include "download/DLProgress.h"
 #include "download/DownloadNeeds.h"
 #include "download/PartialFile.h"
+#include "download/SourceAccounts.h"
 
 class DownloadState;
+class FileSource;
 
 // The line that all downloads share. Thread: any.
 class DownloadOwner {
@@ -15,6 +19,9 @@ class DownloadOwner {
     virtual void transferStarted() = 0;  // of a source
     virtual void transferEnded() = 0;
     virtual void ticksWanted() = 0;  // a download has something to do again
+    // A user who gave wrong bytes is no source of any file for some hours.
+    virtual void ban(const SourceAccount& account) = 0;
+    virtual bool isBanned(const UserMeta& user) = 0;
 
   protected:
     ~DownloadOwner() = default;
@@ -53,9 +60,21 @@ class DownloadBody {
     virtual void startCompleter() = 0;
     // The completer has ended. Thread: the completer's, without the lock.
     virtual void completed(PartialFile::Completion how) = 0;
+    // Has the verifier check a part; Download::partChecked() gets the outcome. False where its queue is full.
+    virtual bool check(u32 part) = 0;
+
+    // For a source with an empty place: the rest of a chunk that another one doesn't get done, which is
+    // then this one's. Empty where there is none.
+    virtual Chunk takeOver(FileSource& taker, f32 itsSpeed) = 0;
+    // The source gives no part alone any more: what it gave of one is dropped, and another gives all of it.
+    virtual void leaveParts(u32 account) = 0;
+    // Some source transfers that has given nothing wrong.
+    virtual bool hasUnsuspected() const = 0;
 
     const DownloadNeeds& needs;
     DownloadOwner& owner;
+    SourceAccounts accounts;
+    std::unordered_map<const Peer*, FileSource*> talking;  // the sources that talk, by their peers
     Relaxed<f32> speed;  // bytes per ms, the mean of the last eight samples. Thread: any
 
   protected:

@@ -12,6 +12,7 @@ class FileList;
 class FileMeta;
 class PartFileNamer;
 class RemoteQueueList;
+class Verifier;
 
 // The events of downloads and of hashing that a user interface shows. Thread: any.
 class DownloadUI {
@@ -48,4 +49,5 @@ struct DownloadNeeds {
     PartFileNamer& namer;
     RemoteQueueList& queues;
     LLsafe<Peer>& peers;
+    Verifier& verifier;
 };

@@ -2,9 +2,11 @@
 // the DLS_* classes override what differs.
 #pragma once
 
-#include "i4min/file/file.h"
+#include <vector>
+
+#include "download/SourceEvent.h"
+#include "download/Verifier.h"
 #include "i4min/memory/LL.h"
-#include "meta/BoolArray.h"
 
 class DownloadBody;
 class FileSource;
@@ -50,18 +52,16 @@ class DownloadState {
     virtual void hashDone() {}
     virtual void stop() {}
     virtual void idChanged() {}
-    virtual void gotData(i4_ram_file_class& /*packet*/, Peer& /*peer*/) {}
     virtual void addSource(const UserMeta& /*user*/) {}
-    virtual void peerConnected(Peer& /*peer*/) {}
-    virtual bool offerSlot(Peer& /*peer*/) { return false; }
-    virtual bool usesSlot(const Peer& /*peer*/) { return false; }
-    virtual bool slotEnded(Peer& /*peer*/) { return false; }
-    virtual bool gotFileStatus(Peer& /*peer*/, const BoolArray& /*parts*/) { return false; }
-    virtual void noSuchFile(Peer& /*peer*/) {}
-    virtual void peerGone(Peer& /*peer*/) {}
-    virtual void gotFileName(const char* /*name*/, Peer& /*peer*/) {}
-    virtual void callbackFailed(u32 /*serverIp*/, u32 /*clientId*/) {}
-    virtual void connectFailed(u32 /*ip*/, u16 /*port*/) {}
+    // True where a source took it.
+    virtual bool on(Peer& /*peer*/, const PeerEvent& /*event*/) { return false; }
+    virtual void on(const ReachEvent& /*event*/) {}
+    // All part hashes are known now.
+    virtual void hashSetKnown() {}
+    // The verifier has checked a part; `liars` have been found to have given wrong bytes.
+    virtual void partChecked(const CheckedPart& /*checked*/, const std::vector<u32>& /*liars*/) {}
+    // Somebody may still give a file of one part which failed.
+    virtual bool hasOthersToAsk() { return true; }
 
     DownloadBody& download;
     const i32 status;

@@ -8,15 +8,16 @@
 
 namespace {
 
-constexpr i32 connectionLimit = 240'000;  // ms
-constexpr i32 queueCheckEvery = 600'000;  // ms
-constexpr i32 stallLimit = 360'000;       // ms
-constexpr i32 statusEvery = 1'800'000;    // ms
-constexpr i32 retryEvery = 1'800'000;     // ms
+constexpr i32 stallLimit = 360'000;     // ms
+constexpr i32 statusEvery = 1'800'000;  // ms
+constexpr i32 slowAfter = 10'000;       // ms without useful data: others may ask for the same chunks
+constexpr i32 lostAfter = 20'000;       // ms without useful data: the chunks are free again
+constexpr i32 speedSample = 1000;       // ms
+constexpr f32 muchSlower = 2.0F;        // times
 
 template <class State, class... Arguments>
 void change(FileSource& source, Arguments&... arguments) {
-    source.setState(std::make_unique<State>(source, arguments...));
+    source.become<State>(arguments...);
 }
 
 bool hasNeededPart(const FileSource& source) {
@@ -31,15 +32,20 @@ bool hasPart(const FileSource& source, u32 part) {
 
 void FileSourceState::drop() { change<FSS_BadSource>(source); }
 
+bool FileSourceState::tick(i32 elapsedMs) {
+    waited_ += elapsedMs;
+    return limit_ == 0 || waited_ <= limit_ || timedOut();
+}
+
 // --- FSS_Unasked
 
-// Always true: whatever comes of it, this source has had the turn.
+// A source that only waits in its queue costs no connection.
 bool FSS_Unasked::tryConnect() {
     const DownloadNeeds& needs = source.download.needs;
     if (!needs.reach.mayConnect()) return true;
     if (needs.queues.isWaiting(source.user)) {
         change<FSS_OnQueue>(source);
-        return true;
+        return false;
     }
     Ref<Peer> peer;
     switch (needs.reach.connectToUser(source.user, peer)) {
@@ -59,8 +65,9 @@ bool FSS_Unasked::tryConnect() {
     return true;
 }
 
+void FSS_Unasked::peerConnected(Peer& peer) { source.gotPeer(peer); }
+
 bool FSS_Unasked::offerSlot(Peer& peer) {
-    if (!source.isPeer(peer)) return false;
     FileSource& owner = source;
     if (hasNeededPart(owner)) {
         change<FSS_Transfering>(owner, peer);
@@ -71,7 +78,7 @@ bool FSS_Unasked::offerSlot(Peer& peer) {
         change<FSS_Transfering>(owner, peer);
     } else {
         change<FSS_BadSource>(owner);
-        source.download.needs.core.messages.post(MESSAGE_OFFER_SLOT, Ref<Peer>(&peer));
+        owner.download.needs.core.messages.post(MESSAGE_OFFER_SLOT, Ref<Peer>(&peer));
     }
     return true;
 }
@@ -81,226 +88,267 @@ bool FSS_Unasked::offerSlot(Peer& peer) {
 // Remote queues hold this client under its old ID.
 void FSS_OnQueue::idChanged() { change<FSS_Unasked>(source); }
 
-bool FSS_OnQueue::tick(i32 elapsedMs) {
-    waited_ += elapsedMs;
-    if (waited_ > queueCheckEvery) change<FSS_Unasked>(source);
+bool FSS_OnQueue::timedOut() {
+    change<FSS_Unasked>(source);
     return true;
 }
 
 // --- FSS_WaitForConnection
 
-void FSS_WaitForConnection::peerConnected(Peer& peer) {
-    if (source.isPeer(peer)) source.gotPeer(peer);
-}
+void FSS_WaitForConnection::peerConnected(Peer& peer) { source.gotPeer(peer); }
 
-bool FSS_WaitForConnection::callbackFailed(u32 serverIp, u32 clientId) {
-    if (source.user.id != clientId || source.user.serverIp != serverIp) return false;
-    source.download.needs.queues.forget(serverIp, clientId);
-    change<FSS_BadSource>(source);
-    return true;
-}
-
-bool FSS_WaitForConnection::connectFailed(u32 ip, u16 port) {
-    if (source.user.id != ip || source.user.port != port) return false;
-    source.download.needs.queues.forgetAddress(ip, port);
-    change<FSS_BadSource>(source);
-    return true;
-}
-
-bool FSS_WaitForConnection::tick(i32 elapsedMs) {
-    waited_ += elapsedMs;
-    return waited_ <= connectionLimit;
+void FSS_WaitForConnection::reachFailed(const ReachEvent& how) {
+    RemoteQueueList& queues = source.download.needs.queues;
+    if (const auto* callback = std::get_if<CallbackFailed>(&how)) {
+        queues.forget(callback->serverIp, callback->clientId);
+    } else {
+        const auto& connect = std::get<ConnectFailed>(how);
+        queues.forgetAddress(connect.ip, connect.port);
+    }
+    drop();
 }
 
 // --- with a Peer
 
+PeerState::PeerState(FileSource& owner, const char* text, i32 limitMs, Peer& peer)
+    : FileSourceState(owner, text, limitMs) {
+    owner.talkWith(Ref<Peer>(&peer));
+}
+
+PeerState::~PeerState() { source.talkWith({}); }
+
 bool PeerState::askHashSet() {
-    peer_->askHashSet(source.download.partial().getHash());
+    source.peer()->askHashSet(source.download.partial().getHash());
     return true;
 }
 
-void PeerState::leaveSlot(Ref<Peer> peer) {
-    source.download.needs.core.messages.post(MESSAGE_OFFER_SLOT, std::move(peer));
+bool PeerState::timedOut() {
+    drop();
+    return true;
 }
+
+void PeerState::leaveSlot() { source.download.needs.core.messages.post(MESSAGE_OFFER_SLOT, source.peer()); }
 
 // --- FSS_WaitForChunksBQ
 
-bool FSS_WaitForChunksBQ::gotFileStatus(Peer& peer, const BoolArray& parts) {
-    if (!isMine(peer)) return false;
+void FSS_WaitForChunksBQ::gotFileStatus(const BoolArray& parts) {
     source.setParts(parts);
     if (hasNeededPart(source)) {
-        source.download.needs.queues.note(peer);
+        source.download.needs.queues.note(*source.peer());
         change<FSS_OnQueue>(source);
     } else {
         change<FSS_NoNeededParts>(source);
     }
-    return true;
-}
-
-void FSS_WaitForChunksBQ::peerGone(Peer& peer) {
-    if (isMine(peer)) change<FSS_BadSource>(source);
-}
-
-void FSS_WaitForChunksBQ::noSuchFile(Peer& peer) {
-    if (isMine(peer)) change<FSS_BadSource>(source);
 }
 
 // --- FSS_WaitForChunks
 
 void FSS_WaitForChunks::drop() {
-    leaveSlot(peer_);
+    leaveSlot();
     change<FSS_BadSource>(source);
 }
 
-void FSS_WaitForChunks::stop() { drop(); }
-
-bool FSS_WaitForChunks::gotFileStatus(Peer& peer, const BoolArray& parts) {
-    if (!isMine(peer)) return false;
+void FSS_WaitForChunks::gotFileStatus(const BoolArray& parts) {
+    const Ref<Peer> peer = source.peer();
     source.setParts(parts);
-    if (hasNeededPart(source)) {
-        change<FSS_Transfering>(source, peer);
-    } else {
-        leaveSlot(peer_);
-        change<FSS_NoNeededParts>(source);
-    }
-    return true;
+    if (hasNeededPart(source)) return change<FSS_Transfering>(source, *peer);
+    leaveSlot();
+    change<FSS_NoNeededParts>(source);
 }
 
-bool FSS_WaitForChunks::slotEnded(Peer& peer) {
-    if (!isMine(peer)) return false;
-    change<FSS_OnQueue>(source);
-    return true;
-}
-
-void FSS_WaitForChunks::peerGone(Peer& peer) {
-    if (isMine(peer)) change<FSS_BadSource>(source);
-}
-
-void FSS_WaitForChunks::noSuchFile(Peer& peer) {
-    if (isMine(peer)) drop();
-}
+void FSS_WaitForChunks::slotEnded() { change<FSS_OnQueue>(source); }
 
 // --- FSS_Transfering
 
-FSS_Transfering::FSS_Transfering(FileSource& owner, Peer& peer) : PeerState(owner, "Transferring", peer) {
+FSS_Transfering::FSS_Transfering(FileSource& owner, Peer& peer)
+    : PeerState(owner, "Transferring", stallLimit, peer) {
     owner.download.owner.transferStarted();
 }
 
-FSS_Transfering::~FSS_Transfering() { source.download.owner.transferEnded(); }
+FSS_Transfering::~FSS_Transfering() {
+    for (Place& place : places_) giveBack(place);
+    source.download.leaveParts(source.account());
+    source.download.owner.transferEnded();
+}
 
 // While the part hashes are unknown they are asked for before the chunks.
 void FSS_Transfering::enter() {
     if (!source.download.partial().partHashesKnown()) askHashSet();
-    requestChunks();
+    askForMore();
 }
 
-void FSS_Transfering::requestChunks() {
-    const i64 most = source.download.needs.core.preferences.pSize;
-    bool filled = false;
-    bool pending = false;
-    for (int i = 0; i < chunks; ++i) {
-        if (ends_[i] != 0) {
-            pending = true;
-        } else if (source.download.progress().pickChunk(source.parts(), most, starts_[i], ends_[i])) {
-            filled = true;
-        }
+// A place whose chunk was finished out of order waits for those before it.
+bool FSS_Transfering::closeRanks() {
+    const PartialFile& partial = source.download.partial();
+    bool moved = false;
+    while (!places_[0].chunk.isEmpty() && !partial.overlaps(places_[0].chunk.start, places_[0].chunk.end)) {
+        if (places_[0].isMine) source.download.progress().finished(places_[0].chunk);
+        std::rotate(places_.begin(), places_.begin() + 1, places_.end());
+        places_.back() = {};
+        moved = true;
     }
-    if (filled) {
-        peer_->requestParts(source.download.partial().getHash(), starts_, ends_);
-    } else if (!pending) {
-        leaveSlot(peer_);
+    return moved;
+}
+
+// True where it asks for something new.
+bool FSS_Transfering::fillPlaces() {
+    DownloadBody& download = source.download;
+    bool filled = false;
+    for (Place& place : places_) {
+        if (!place.chunk.isEmpty()) continue;
+        place.chunk = download.progress().pickChunk(source.asker(), download.needs.core.preferences.pSize);
+        if (place.chunk.isEmpty() && !filled) place.chunk = download.takeOver(source, speed_);
+        place.isMine = !place.chunk.isEmpty();
+        if (!place.isMine) break;
+        filled = true;
+    }
+    return filled;
+}
+
+void FSS_Transfering::askForMore() {
+    const bool wasIdle = places_[0].chunk.isEmpty();
+    if (fillPlaces()) {
+        if (wasIdle) {
+            restartLimit();
+            busy_ = 0;
+        }
+        u32 starts[3];
+        u32 ends[3];
+        for (std::size_t i = 0; i < places_.size(); ++i) {
+            starts[i] = places_[i].chunk.start;
+            ends[i] = places_[i].chunk.end;
+        }
+        source.peer()->requestParts(source.download.partial().getHash(), starts, ends);
+    } else if (places_[0].chunk.isEmpty() && !source.download.progress().hasMissing(source.parts())) {
+        leaveSlot();
         change<FSS_NoNeededParts>(source);
     }
 }
 
-// Only the oldest chunk is looked at: one that was finished out of order waits for those before it.
-void FSS_Transfering::gotData(Peer& peer) {
-    if (!isMine(peer)) return;
-    idleTimer_ = 0;
-    if (ends_[0] == 0) return;
-    if (source.download.partial().overlaps(starts_[0], ends_[0])) return;
-    for (int i = 0; i + 1 < chunks; ++i) {
-        starts_[i] = starts_[i + 1];
-        ends_[i] = ends_[i + 1];
-    }
-    starts_[chunks - 1] = ends_[chunks - 1] = 0;
-    requestChunks();
+bool FSS_Transfering::wasAskedFor(u32 start, u32 end) const {
+    return std::any_of(places_.begin(), places_.end(), [&](const Place& place) {
+        return start >= place.chunk.start && end <= place.chunk.end;
+    });
 }
 
-void FSS_Transfering::giveBack() {
-    for (int i = 0; i < chunks; ++i) {
-        source.download.progress().removeRequested(starts_[i], ends_[i]);
-        starts_[i] = ends_[i] = 0;
-    }
+void FSS_Transfering::gotData(u32 bytes) {
+    if (bytes > 0) restartLimit();
+    windowBytes_ += bytes;
+    if (closeRanks()) askForMore();
 }
 
-void FSS_Transfering::pause() {
-    giveBack();
-    drop();
+void FSS_Transfering::giveBack(Place& place) {
+    if (place.isMine) source.download.progress().giveBack(place.chunk);
+    place.isMine = false;
 }
 
 void FSS_Transfering::drop() {
-    peer_->stopUpload(source.download.partial().getHash());
-    leaveSlot(peer_);
+    source.peer()->stopUpload(source.download.partial().getHash());
+    leaveSlot();
     change<FSS_BadSource>(source);
 }
 
-bool FSS_Transfering::gotFileStatus(Peer& peer, const BoolArray& parts) {
-    if (!isMine(peer)) return false;
+void FSS_Transfering::gotFileStatus(const BoolArray& parts) {
     source.setParts(parts);
-    return true;
+    askForMore();
 }
 
-bool FSS_Transfering::slotEnded(Peer& peer) {
-    if (!isMine(peer)) return false;
-    giveBack();
-    change<FSS_OnQueue>(source);
-    return true;
-}
+void FSS_Transfering::slotEnded() { change<FSS_OnQueue>(source); }
 
-void FSS_Transfering::peerGone(Peer& peer) {
-    if (!isMine(peer)) return;
-    giveBack();
-    source.download.needs.queues.release(peer);
+void FSS_Transfering::peerGone() {
+    source.download.needs.queues.release(*source.peer());
+    // One that had nothing to do was closed because of that.
+    if (places_[0].chunk.isEmpty()) return change<FSS_Unasked>(source);
     change<FSS_BadSource>(source);
 }
 
-void FSS_Transfering::noSuchFile(Peer& peer) {
-    if (!isMine(peer)) return;
-    giveBack();
-    leaveSlot(peer_);
+void FSS_Transfering::noSuchFile() {
+    leaveSlot();
     change<FSS_BadSource>(source);
+}
+
+bool FSS_Transfering::timedOut() {
+    change<FSS_Unasked>(source);
+    return true;
+}
+
+void FSS_Transfering::measureSpeed(i32 elapsedMs) {
+    if (places_[0].chunk.isEmpty()) return;
+    busy_ += elapsedMs;
+    speedWindow_ += elapsedMs;
+    if (speedWindow_ < speedSample) return;
+    const f32 now = static_cast<f32>(windowBytes_) / static_cast<f32>(speedWindow_);
+    speed_ = speed_ == 0 ? now : (3 * speed_ + now) / 4;
+    speedWindow_ = 0;
+    windowBytes_ = 0;
 }
 
 bool FSS_Transfering::tick(i32 elapsedMs) {
-    idleTimer_ += elapsedMs;
-    if (idleTimer_ > stallLimit) {
-        giveBack();
-        change<FSS_Unasked>(source);
-        return true;
+    // Its chunks are free for others; what it sends of them is still taken.
+    if (waited() + elapsedMs > lostAfter) {
+        for (Place& place : places_) giveBack(place);
+        source.download.leaveParts(source.account());
     }
     statusTimer_ += elapsedMs;
     if (statusTimer_ > statusEvery) {
         statusTimer_ = 0;
-        source.askFileStatus(*peer_);
+        source.askFileStatus(*source.peer());
     }
-    return true;
+    measureSpeed(elapsedMs);
+    return PeerState::tick(elapsedMs);
 }
 
-// A source with room in its slots asks again; chunks that were asked for come anyway.
-void FSS_Transfering::partReopened(u32 part) {
-    const bool hasRoom = std::any_of(ends_, ends_ + chunks, [](u32 end) { return end == 0; });
-    if (hasRoom && hasPart(source, part)) requestChunks();
+// What was asked for of the part would come in vain: it was asked for before the part failed.
+void FSS_Transfering::partReopened(u32 part) { dropChunksOf(part); }
+
+void FSS_Transfering::dropChunksOf(u32 part) {
+    for (Place& place : places_) {
+        if (place.chunk.isEmpty() || place.chunk.part() != part) continue;
+        giveBack(place);
+        place = {};
+    }
+    std::stable_partition(places_.begin(), places_.end(),
+                          [](const Place& place) { return !place.chunk.isEmpty(); });
+}
+
+// Whether `bytes` take it more than twice as long as the rest of a chunk takes another. A source has some
+// time to come up to its speed, and more where it is to give a part alone.
+bool FSS_Transfering::isMuchSlower(f32 bytes, const Chunk& rest, f32 takersSpeed) const {
+    if (waited() >= slowAfter) return true;
+    if (source.download.progress().isAlone(rest.part()))
+        return busy_ >= lostAfter && takersSpeed > muchSlower * speed_;
+    return busy_ >= slowAfter && bytes * takersSpeed > muchSlower * static_cast<f32>(rest.bytes()) * speed_;
+}
+
+// A part that it was to give alone is free as a whole, for the next who asks.
+Chunk FSS_Transfering::letGo(const BoolArray& takersParts, f32 takersSpeed) {
+    const PartialFile& partial = source.download.partial();
+    f32 bytes = 0;
+    for (Place& place : places_) {
+        if (!place.isMine) continue;
+        const std::vector<Gap> missing = partial.missing(place.chunk.start, place.chunk.end);
+        if (missing.empty()) continue;
+        const Chunk rest{static_cast<u32>(missing.front().start), static_cast<u32>(missing.back().end)};
+        bytes += static_cast<f32>(rest.bytes());
+        if (!takersParts.get(static_cast<i32>(rest.part()))) continue;
+        if (!isMuchSlower(bytes, rest, takersSpeed)) continue;
+        if (source.download.progress().isAlone(rest.part())) {
+            dropChunksOf(rest.part());
+            source.download.leaveParts(source.account());
+            return {};
+        }
+        place.isMine = false;
+        source.download.progress().finished(place.chunk);
+        return rest;
+    }
+    return {};
 }
 
 // --- FSS_NoNeededParts
 
-bool FSS_NoNeededParts::tick(i32 elapsedMs) {
-    waited_ += elapsedMs;
-    if (waited_ > retryEvery) {
-        source.clearParts();
-        change<FSS_Unasked>(source);
-    }
+bool FSS_NoNeededParts::timedOut() {
+    source.clearParts();
+    change<FSS_Unasked>(source);
     return true;
 }
 

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::size_t longestSourceName = 255;  // bytes
+constexpr u64 mostUnasked = 2'000'000;          // bytes: more than was under way when it was told to stop
 
 }  // namespace
 
@@ -19,18 +20,23 @@ FileSource::FileSource(const UserMeta& who, DownloadBody& owner) : download(owne
 }
 
 FileSource::~FileSource() {
-    clearParts();
     state_.reset();
+    clearParts();
 }
 
-void FileSource::setState(std::unique_ptr<FileSourceState> state) {
-    state_.reset();
-    state_ = std::move(state);
-    state_->enter();
+// A peer that closes, or was closed before its state began, tells nobody any more.
+bool FileSource::tick(i32 elapsedMs) {
+    if (peer_ && (peer_->isClosing() || peer_->isDead())) state_->peerGone();
+    return state_->tick(elapsedMs);
 }
 
 bool FileSource::sameUser(const UserMeta& other) const { return user.sameUser(&other); }
-bool FileSource::isPeer(const Peer& peer) const { return peer.sameUser(user); }
+
+void FileSource::talkWith(Ref<Peer> peer) {
+    if (peer_) download.talking.erase(peer_.get());
+    peer_ = std::move(peer);
+    if (peer_) download.talking.emplace(peer_.get(), this);
+}
 
 void FileSource::setParts(const BoolArray& parts) {
     clearParts();
@@ -56,24 +62,41 @@ bool FileSource::askFileStatus(Peer& peer) const {
     return peer.askFileStatus(partial.getHash(), partial.fileSize());
 }
 
+// A user who is here already by another address counts once.
 void FileSource::gotPeer(Peer& peer) {
     peer.copyUser(user);
+    if (download.owner.isBanned(user) || download.talking.contains(&peer)) return become<FSS_BadSource>();
     if (name.length() == 0) peer.askFileName(download.partial().getHash());
     const bool needed = parts_ && download.partial().hasNeededPart(*parts_);
-    if (!needed && askFileStatus(peer)) {
-        setState(std::make_unique<FSS_WaitForChunksBQ>(*this, peer));
-        return;
-    }
+    if (!needed && askFileStatus(peer)) return become<FSS_WaitForChunksBQ>(peer);
     if (!parts_) {
         takeAllParts();
     } else if (!needed) {
-        setState(std::make_unique<FSS_BadSource>(*this));
-        return;
+        return become<FSS_BadSource>();
     }
     download.needs.queues.note(peer);
-    setState(std::make_unique<FSS_OnQueue>(*this));
+    become<FSS_OnQueue>();
 }
 
-void FileSource::gotName(const char* given, const Peer& peer) {
-    if (isPeer(peer)) name = i4_string(given, std::min(i4_strlen(given), longestSourceName));
+void FileSource::gotName(const char* given) {
+    name = i4_string(given, std::min(i4_strlen(given), longestSourceName));
+}
+
+void FileSource::gotUnasked(u32 bytes) {
+    SourceAccount& account = download.accounts[openAccount()];
+    account.unasked += bytes;
+    if (account.unasked > mostUnasked + account.delivered) state_->drop();
+}
+
+u32 FileSource::account() const { return download.accounts.find(user); }
+u32 FileSource::openAccount() { return download.accounts.idOf(user); }
+
+bool FileSource::isSuspect() const {
+    const u32 id = account();
+    return id != nobody && download.accounts[id].isSuspect();
+}
+
+Asker FileSource::asker() {
+    const u32 id = openAccount();
+    return {parts_.get(), id, download.accounts[id].isProven, !isSuspect() || !download.hasUnsuspected()};
 }

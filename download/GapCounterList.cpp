@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "download/GapList.h"
-
 namespace {
 
 void adjust(i32& count, i32 delta) {
@@ -34,12 +32,10 @@ void GapCounterList::change(i64 start, i64 end, i32 delta) {
     counts_.change(start, end, [&](i32& count) { adjust(count, delta); });
 }
 
-bool GapCounterList::firstFree(const Gap& range, Gap& out) const {
+Gap GapCounterList::firstBelow(i32 limit, const Gap& range) const {
     const i4_lock guard(lock_);
     for (const auto& run : counts_.runs(range.start, range.end)) {
-        if (run.value >= countRequested) continue;
-        out = {std::max(range.start, run.start), std::min(range.end, run.end)};
-        return true;
+        if (run.value < limit) return {std::max(range.start, run.start), std::min(range.end, run.end)};
     }
-    return false;
+    return {};
 }

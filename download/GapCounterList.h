@@ -1,12 +1,11 @@
 // GapCounterList, a whole file as runs of bytes that share one count.
 #pragma once
 
+#include "download/GapList.h"
 #include "download/RangeMap.h"
 #include "i4min/memory/annotations.h"
 #include "i4min/memory/mutex.h"
 #include "i4min/memory/types.h"
-
-struct Gap;
 
 // What a run's count says.
 //
@@ -44,9 +43,9 @@ class GapCounterList {
     void addDone(i64 start, i64 end) { change(start, end, countDone); }
     void removeDone(i64 start, i64 end) { change(start, end, -countDone); }
 
-    // The first bytes of the range that are neither here nor requested, up to where their count changes or
-    // the range ends. False, and `out` is as it was, where there are none.
-    bool firstFree(const Gap& range, Gap& out) const;
+    // The first bytes of the range whose count is below that, up to where it changes or the range ends. An
+    // empty range where there are none.
+    Gap firstBelow(i32 limit, const Gap& range) const;
 
     // Calls `visit` with each run, as a GapCounter, in ascending order. It holds the lock meanwhile, so
     // `visit` must not call this list.

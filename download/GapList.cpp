@@ -22,6 +22,15 @@ bool GapList::overlaps(i64 start, i64 end) const {
     return false;
 }
 
+std::vector<Gap> GapList::missing(i64 start, i64 end) const {
+    const i4_lock guard(lock_);
+    std::vector<Gap> found;
+    for (const auto& run : orders_.runs(start, end)) {
+        if (run.value != present) found.push_back({std::max(start, run.start), std::min(end, run.end)});
+    }
+    return found;
+}
+
 bool GapList::isWithin(i64 start, i64 end) const {
     const i4_lock guard(lock_);
     const auto run = orders_.at(start);

@@ -45,6 +45,9 @@ class GapList {
     // there.
     bool overlaps(i64 start, i64 end) const;
 
+    // What lies in both the range and a gap, ascending.
+    std::vector<Gap> missing(i64 start, i64 end) const;
+
     // Joins the range and the gaps that it meets or touches into one gap. An empty range changes nothing.
     void addGap(i64 start, i64 end);
     void removeGap(i64 start, i64 end);  // an empty range changes nothing

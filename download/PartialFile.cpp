@@ -89,6 +89,7 @@ void PartialFile::finishSetup(const FileMeta& tags, const FileMeta& record) {
     fileSize_ = meta_.getSize();
     partCount_ = fileSize_ / PARTSIZE + 1;
     partsDone_.setSize(static_cast<i32>(partCount_));
+    isWithVerifier_.assign(partCount_, false);
     partHashesKnown_ = partCount_ < 2;
     if (isHashSet(record.partHashes)) meta_.partHashes = record.partHashes;
 }
@@ -154,93 +155,155 @@ void PartialFile::reopenLostEnd() {
     addGap(fileEnd_, fileSize_);
 }
 
-bool PartialFile::writeData(i4_ram_file_class& packet, u32& start, u32& end) {
-    const u32 from = packet.read_32();
-    const u32 to = packet.read_32();
-    if (to <= from || from > fileSize_ || to > fileSize_ || !writeFile_.isOpen() ||
-        to - from > packet.bytesLeft().value_or(0) || (count() >= mostGaps && isWithin(from, to))) {
+std::vector<Gap> PartialFile::writeData(i4_ram_file_class& packet, u32 start, u32 end) {
+    if (end <= start || end > fileSize_ || !writeFile_.isOpen() ||
+        end - start > packet.bytesLeft().value_or(0) || (count() >= mostGaps && isWithin(start, end))) {
         needs_.core.log.printVerbose("Crazy packet\n");
-        return true;
+        return {};
     }
-    transferred_.add(to - from);
-    writeUnverified(packet, from, to);
-    fileEnd_ = std::max(fileEnd_.get(), to);
-    removeGap(from, to);
-    start = from;
-    end = to;
-    // Marked as here before the parts are checked, so that one which fails is open as a whole.
-    progress_.addDone(from, to);
-    // Only a part that was written to can have become complete, once those from before the hashes are
-    // checked.
-    const bool all = std::exchange(hashesArrived_, false);
-    checkRange(all ? 0 : from / PARTSIZE, all ? partCount_ - 1 : to / PARTSIZE, {});
-    return !isComplete();
-}
-
-// A source that sends other bytes for a verified part must not spoil it. What isn't written fails the check
-// of its part.
-void PartialFile::writeUnverified(i4_ram_file_class& packet, u32 start, u32 end) {
+    std::vector<Gap> written = missing(start, end);
     const u8* const bytes = packet.here();
     const bool large = packet.capacity() > DataFile::blockSize;
     const std::shared_ptr<const u8> block(packet.release(),
                                           [](const u8* taken) { i4_free(const_cast<u8*>(taken)); });
-    for (u64 at = start; at < end;) {
-        const u32 part = static_cast<u32>(at / PARTSIZE);
-        const u64 stop = std::min<u64>(end, (static_cast<u64>(part) + 1) * PARTSIZE);
-        if (!isVerified(part)) {
-            writeFile_.write(at, {block, bytes + (at - start)}, static_cast<u32>(stop - at));
-        }
-        at = stop;
+    for (const Gap& gap : written) {
+        const u32 length = static_cast<u32>(gap.end - gap.start);
+        writeFile_.write(static_cast<u64>(gap.start), {block, bytes + (gap.start - start)}, length);
+        removeGap(gap.start, gap.end);
+        progress_.addDone(gap.start, gap.end);
+        transferred_.add(length);
+        fileEnd_ = std::max(fileEnd_.get(), static_cast<u32>(gap.end));
     }
     // What waits may hold no more memory than a few small blocks.
     if (large) writeFile_.flush();
+    return written;
 }
 
+int PartialFile::reopenLost() {
+    int error = 0;
+    for (const DataFile::Loss& loss : writeFile_.takeLosses()) {
+        const u32 bytes = static_cast<u32>(loss.end - loss.start);
+        transferred_ = transferred_ - std::min(transferred_.get(), bytes);
+        addGap(static_cast<i64>(loss.start), static_cast<i64>(loss.end));
+        progress_.removeDone(static_cast<i64>(loss.start), static_cast<i64>(loss.end));
+        error = loss.error;
+    }
+    return error;
+}
+
+u32 PartialFile::partLength(u32 part) const {
+    return static_cast<u32>(std::min<u64>(PARTSIZE, fileSize_ - u64{part} * PARTSIZE));
+}
+
+// A file of one part has its part's hash. The hashes that a collection stores aren't those of its own bytes:
+// complete() decides.
+const MD4Hash* PartialFile::hashOfPart(u32 part) const {
+    if (Collection::isOne(meta_)) return nullptr;
+    if (partCount_ == 1) return &meta_.hash;
+    return part < meta_.partHashes.size() ? &meta_.partHashes[part] : nullptr;
+}
+
+bool PartialFile::mayCheck(u32 part) const {
+    if (isVerified(part) || isWithVerifier_[part] || isAccepted_ || !writeFile_.isOpen() || !hashOfPart(part))
+        return false;
+    return isHere(part);
+}
+
+bool PartialFile::isHere(u32 part) const {
+    const i64 start = i64{part} * PARTSIZE;
+    return !overlaps(start, start + partLength(part));
+}
+
+std::optional<PartToCheck> PartialFile::beginCheck(u32 part) {
+    writeFile_.flush();
+    PartToCheck check;
+    check.part = part;
+    check.start = part * PARTSIZE;
+    check.end = check.start + partLength(part);
+    check.expected = *hashOfPart(part);
+    check.file = needs_.core.host.disk.open(meta_.path.c_str(), I4_FILE_READ);
+    if (!check.file) return std::nullopt;
+    isWithVerifier_[part] = true;
+    ++checking_;
+    return check;
+}
+
+void PartialFile::endCheck(const CheckedPart& checked) {
+    isWithVerifier_[checked.part] = false;
+    --checking_;
+    switch (checked.outcome) {
+        case CheckedPart::Outcome::passed:
+            markVerified(checked.part);
+            progress_.partVerified(checked.part);
+            if (partCount_ > 1) publish();
+            break;
+        case CheckedPart::Outcome::failed:
+            sayCorrupted(checked.part);
+            reopenPart(checked.part);
+            break;
+        case CheckedPart::Outcome::unreadable:
+            sayUnreadable();
+            reopenPart(checked.part);
+            break;
+        case CheckedPart::Outcome::abandoned:
+            break;
+    }
+}
+
+void PartialFile::acceptAsItIs(u32 part) {
+    isWithVerifier_[part] = false;
+    --checking_;
+    isAccepted_ = true;
+}
+
+void PartialFile::markVerified(u32 part) {
+    i4_lock guard(doneLock_);
+    partsDone_.set(static_cast<i32>(part), true);
+}
+
+void PartialFile::sayUnreadable() const {
+    needs_.core.log.printLine("ERROR file couldn't be hashed: %s ", orEmpty(getName().c_str()));
+    needs_.core.log.printLine("Please close the tarnwick and run scandisk.");
+}
+
+void PartialFile::sayCorrupted(u32 part) const {
+    needs_.core.log.printLine("%s %s %s %u", needs_.core.strings.get(STRINGS_CORRUPTION_FOUND),
+                              orEmpty(getName().c_str()), needs_.core.strings.get(STRINGS_AT), part);
+}
+
+void PartialFile::reopenPart(u32 part) {
+    const i64 start = i64{part} * PARTSIZE;
+    transferred_ = transferred_ > PARTSIZE ? transferred_ - PARTSIZE : 0;
+    addGap(start, start + partLength(part));
+    progress_.partFailed(part);
+}
+
+// Of a file that was loaded, whose progress is set up afterwards.
 PartialFile::PartCheck PartialFile::checkPart(u32 part) {
     const u32 start = part * PARTSIZE;
-    const u32 end = static_cast<u32>(std::min<u64>(static_cast<u64>(start) + PARTSIZE, fileSize_));
+    const u32 end = start + partLength(part);
     if (overlaps(start, end)) return PartCheck::missing;
-    if (part >= meta_.partHashes.size() || !writeFile_.isOpen()) return PartCheck::unknown;
-    writeFile_.flush();
+    const MD4Hash* const expected = hashOfPart(part);
+    if (!expected || !writeFile_.isOpen()) return PartCheck::unknown;
     MD4Hash hash;
-    const i4_string name = getName();
-    if (!MD4Hash::compute(hash, writeFile_.stream(), start, end)) {
-        needs_.core.log.printLine("ERROR file couldn't be hashed: %s ", name.isNull() ? "" : name.c_str());
-        needs_.core.log.printLine("Please close the tarnwick and run scandisk.");
-        reopenPart(part, start, end);
-        return PartCheck::unreadable;
-    }
-    if (hash == meta_.partHashes[part]) return PartCheck::good;
-    // The hashes that a collection stores aren't those of its own parts: complete() tells.
-    if (Collection::isOne(meta_)) return PartCheck::unknown;
-    needs_.core.log.printLine("%s %s %s %u", needs_.core.strings.get(STRINGS_CORRUPTION_FOUND),
-                              name.isNull() ? "" : name.c_str(), needs_.core.strings.get(STRINGS_AT), part);
-    reopenPart(part, start, end);
-    return PartCheck::corrupted;
-}
-
-void PartialFile::reopenPart(u32 part, u32 start, u32 end) {
+    const bool readable = MD4Hash::compute(hash, writeFile_.stream(), start, end);
+    if (readable && hash == *expected) return PartCheck::good;
+    readable ? sayCorrupted(part) : sayUnreadable();
     transferred_ = transferred_ > PARTSIZE ? transferred_ - PARTSIZE : 0;
     addGap(start, end);
-    progress_.removeDone(start, end);
-    reopened_.push_back(part);
+    return readable ? PartCheck::corrupted : PartCheck::unreadable;
 }
 
 PartialFile::Check PartialFile::checkParts(const GiveUp& giveUp) {
-    return checkRange(0, partCount_ - 1, giveUp);
-}
-
-PartialFile::Check PartialFile::checkRange(u32 first, u32 last, const GiveUp& giveUp) {
     if (partCount_ < 2) return Check::done;
     bool passed = false;
-    for (u32 part = first; part <= last; ++part) {
+    for (u32 part = 0; part < partCount_; ++part) {
         if (isVerified(part)) continue;
         if (giveUp && giveUp()) return Check::abandoned;
         const PartCheck result = checkPart(part);
         if (result == PartCheck::unreadable) return Check::unreadable;
         if (result != PartCheck::good) continue;
-        i4_lock guard(doneLock_);
-        partsDone_.set(static_cast<i32>(part), true);
+        markVerified(part);
         passed = true;
     }
     if (passed) publish();
@@ -250,7 +313,7 @@ PartialFile::Check PartialFile::checkRange(u32 first, u32 last, const GiveUp& gi
 void PartialFile::publish() {
     if (sharedMeta_) return;
     auto record = std::make_unique<FileMeta>();
-    record->copyFrom(&meta_);
+    copyMeta(*record);
     // A record without a path is one of a file that isn't whole.
     record->setPath(nullptr);
     sharedMeta_ = record.get();
@@ -272,10 +335,15 @@ PartialFile::Read PartialFile::readData(u8* buffer, u32 start, u32 end) {
             break;
     }
     if (end > fileSize_ || start > end || overlaps(start, end)) return Read::unavailable;
+    {
+        const i4_lock guard(doneLock_);
+        for (u64 at = start; at < end; at += PARTSIZE - at % PARTSIZE) {
+            if (!isVerified(static_cast<u32>(at / PARTSIZE))) return Read::unavailable;
+        }
+    }
     i4_lock guard(fileLock_);
     if (!readFile_) readFile_ = needs_.core.host.disk.open(meta_.path.c_str(), I4_FILE_READ);
     if (!readFile_) return Read::unavailable;
-    writeFile_.flushRange(start, end);
     readFile_->seek(start);
     try {
         readFile_->readAll({buffer, end - start});
@@ -401,14 +469,15 @@ std::unique_ptr<FileMeta> PartialFile::makeRecord(i32 priority, bool paused) {
     return record;
 }
 
-void PartialFile::setPartHashes(i4_file& stream) {
-    if (partHashesKnown_) return;
+bool PartialFile::setPartHashes(i4_file& stream) {
+    if (partHashesKnown_) return false;
     FileMeta offered;
     offered.readPartHashes(stream);
-    if (!isHashSet(offered.partHashes)) return;
+    if (!isHashSet(offered.partHashes)) return false;
     i4_lock guard(doneLock_);
     meta_.partHashes = std::move(offered.partHashes);
-    partHashesKnown_ = hashesArrived_ = true;
+    partHashesKnown_ = true;
+    return true;
 }
 
 bool PartialFile::hasNeededPart(const BoolArray& parts) const {

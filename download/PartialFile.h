@@ -4,11 +4,12 @@
 
 #include <atomic>
 #include <memory>
-#include <utility>
+#include <optional>
 #include <vector>
 
 #include "download/DataFile.h"
 #include "download/GapList.h"
+#include "download/Verifier.h"
 #include "i4min/file/file.h"
 #include "i4min/memory/relaxed.h"
 #include "meta/BoolArray.h"
@@ -38,12 +39,26 @@ class PartialFile : public GapList, public PartReader {
     // is what the record tells.
     Load load(const FileMeta& record, i32& priority);
 
-    // Writes a packet's data, which stands behind opcode and hash: u32 start, u32 end, bytes. A range that
-    // makes no sense, or would make one of far too many gaps, writes nothing and leaves start and end alone.
-    // What lies in a verified part stays as it
-    // is, whatever the packet says. The packet's block is taken, and freed once it is on the disk. True while
-    // gaps remain.
-    bool writeData(i4_ram_file_class& packet, u32& start, u32& end);
+    // Writes what is missing of a packet's bytes for [start, end); the rest of the file stays as it is. A
+    // range that makes no sense, or would make one of far too many gaps, writes nothing. The packet's block
+    // is taken, and freed once it is on the disk. The result is what was missing.
+    std::vector<Gap> writeData(i4_ram_file_class& packet, u32 start, u32 end);
+    // Opens again what couldn't be written since the last call. The result is the system's error, 0 for none.
+    int reopenLost();
+
+    // Whether all of the part is here, and not checked, and its hash is known.
+    bool mayCheck(u32 part) const;
+    // The part, for the verifier, which hashes it meanwhile; empty where it can't be read.
+    std::optional<PartToCheck> beginCheck(u32 part);
+    // A part that failed, or couldn't be read, is missing again.
+    void endCheck(const CheckedPart& checked);
+    // A file of one part failed, and nobody else has it: it ends as it is.
+    void acceptAsItIs(u32 part);
+    bool isChecking() const { return checking_ > 0; }
+    u32 partLength(u32 part) const;
+    bool isHere(u32 part) const;  // all of its bytes
+    // All of the part is missing again.
+    void reopenPart(u32 part);
     // Verifies every part that is complete. Thread: the hash thread's, in a state that accepts no data.
     Check checkParts(const GiveUp& giveUp = {});
     // For uploads. Thread: any.
@@ -63,9 +78,8 @@ class PartialFile : public GapList, public PartReader {
     void republish();  // again, after the shared list was emptied
     // The part hashes, as a peer sent them: u16 count, 16 bytes each. They count only if there are as many as
     // the file has parts and their MD4 is the file's hash.
-    void setPartHashes(i4_file& stream);
-    // The parts that have failed their check since the last call, and are missing again.
-    std::vector<u32> takeReopened() { return std::exchange(reopened_, {}); }
+    // True where they do.
+    bool setPartHashes(i4_file& stream);
     // The name of the data file that a meta file's record is about; may be null.
     static const char* dataFileOf(const FileMeta& record);
     bool hasNeededPart(const BoolArray& parts) const;  // false for an array of another length
@@ -92,11 +106,12 @@ class PartialFile : public GapList, public PartReader {
     void finishSetup(const FileMeta& tags, const FileMeta& record);
     bool openForWriting(u32 flags);
     void reopenLostEnd();
-    void writeUnverified(i4_ram_file_class& packet, u32 start, u32 end);
     bool isHashSet(const std::vector<MD4Hash>& hashes) const;
-    Check checkRange(u32 first, u32 last, const GiveUp& giveUp);
     PartCheck checkPart(u32 part);
-    void reopenPart(u32 part, u32 start, u32 end);
+    const MD4Hash* hashOfPart(u32 part) const;
+    void markVerified(u32 part);
+    void sayUnreadable() const;
+    void sayCorrupted(u32 part) const;
     void keepCorrupted();
     bool enterIncoming(const std::vector<MD4Hash>& parts, const GiveUp& giveUp);
     void endUploads(Status status) EXCLUDES(fileLock_);
@@ -121,8 +136,9 @@ class PartialFile : public GapList, public PartReader {
     Relaxed<u32> fileSize_;
     Relaxed<u32> transferred_;
     bool partHashesKnown_ = false;
-    bool hashesArrived_ = false;  // parts that were complete before have not been checked since
-    std::vector<u32> reopened_;
+    std::vector<bool> isWithVerifier_;  // by part
+    u32 checking_ = 0;                  // parts that are with the verifier
+    bool isAccepted_ = false;
     bool failed_ = false;                // it couldn't be loaded: its files stay as they are
     std::atomic<bool> finished_{false};  // before the meta file is removed
 };

@@ -13,6 +13,7 @@ Engine::Engine(Host& onHost, const char* workDir, CoreUIInterface& speakThrough)
 }
 
 Engine::~Engine() {
+    verifier.shutdown();  // the same
     messageQ.stop();
     messageQ.clear();  // the messages refer to downloads and peers, which need members destroyed first
 }
@@ -37,7 +38,7 @@ void Engine::callbackAsked(const UserMeta& user) {
 }
 
 void Engine::callbackFailed(u32 serverIp, u32 clientId) {
-    dlPool.callbackFailed(serverIp, clientId);
+    dlPool.on(CallbackFailed{serverIp, clientId});
     uploadPool.callbackFailed(serverIp, clientId);
 }
 
@@ -48,7 +49,7 @@ void Engine::gotUserList(UserList* list) { ui.gotUserList(list); }
 // PeerListener.
 
 void Engine::met(Peer& peer, Met how) {
-    dlPool.peerConnected(peer);
+    dlPool.on(peer, PeerConnected{});
     friendList.peerConnected(peer);
     if (how != Met::hello) callList.peerConnected(peer);
     if (how != Met::newIdentity) uploadPool.gotCall(peer);
@@ -56,37 +57,36 @@ void Engine::met(Peer& peer, Met how) {
 
 void Engine::gone(Peer& peer) {
     uploadPool.peerGone(peer);
-    dlPool.peerGone(peer);
+    dlPool.on(peer, PeerGone{});
     friendList.peerGone(peer);
     callList.peerGone(peer);
 }
 
 void Engine::connectFailed(u32 ip, u16 port) {
-    dlPool.connectFailed(ip, port);
+    dlPool.on(ConnectFailed{ip, port});
     uploadPool.connectFailed(ip, port);
 }
 
-// Accepts data only from peers that were asked for it, so that no other peer can spoil a download.
 void Engine::gotFileData(Peer& peer, const MD4Hash& file, i4_ram_file_class& stream) {
-    const Ref<Download> download = dlPool.find(file);
-    if (download && download->usesSlot(peer)) download->gotData(stream, peer);
+    dlPool.on(file, peer, GotData{stream});
 }
 
 void Engine::gotFileStatus(Peer& peer, const MD4Hash& file, const BoolArray& parts) {
     const Ref<Download> download = dlPool.find(file);
     if (!download) return;
     if (parts.size() > 0) {
-        download->gotFileStatus(peer, parts);
+        download->on(peer, GotFileStatus{parts});
         return;
     }
     BoolArray all(static_cast<i32>(download->partialRef()->getPartCount()));
     all.setAll(true);
-    download->gotFileStatus(peer, all);
+    download->on(peer, GotFileStatus{all});
 }
 
 void Engine::gotFileName(Peer& peer, const MD4Hash& file, i4_file& stream) {
     if (const Ref<Download> download = dlPool.find(file)) {
-        download->gotFileName(i4_string(stream).c_str(), peer);
+        const i4_string name(stream);
+        download->on(peer, GotFileName{name.c_str()});
     }
 }
 
@@ -94,15 +94,14 @@ void Engine::gotHashSet(const MD4Hash& file, i4_file& stream) {
     if (const Ref<Download> download = dlPool.find(file)) download->gotHashSet(stream);
 }
 
-void Engine::noSuchFile(Peer& peer, const MD4Hash& file) {
-    if (const Ref<Download> download = dlPool.find(file)) download->noSuchFile(peer);
-}
+void Engine::noSuchFile(Peer& peer, const MD4Hash& file) { dlPool.on(file, peer, NoSuchFile{}); }
 
 void Engine::slotGranted(Peer& peer) {
     if (peer.isKnown()) dlPool.slotGranted(peer);
 }
 
-void Engine::slotEnded(Peer& peer) { dlPool.slotEnded(peer); }
+void Engine::slotEnded(Peer& peer) { dlPool.on(peer, SlotEnded{}); }
+
 void Engine::gotSlotRequest(Peer& peer) {
     if (peer.isKnown()) uploadPool.gotSlotRequest(peer);
 }

@@ -5,6 +5,7 @@
 #include "download/DLPool.h"
 #include "download/HashThread.h"
 #include "download/PartFileNamer.h"
+#include "download/Verifier.h"
 #include "engine/ClientApp.h"
 #include "engine/EngineUI.h"
 #include "peer/CallList.h"
@@ -58,8 +59,9 @@ class Engine final : private MessageDuties,
     ServerPool serverPool{serverNeeds};
 
     PartFileNamer partFileNamer{core};
+    Verifier verifier{host.scheduler};
     const DownloadNeeds downloadNeeds{core, ui, *this, serverPool, *this, partFileNamer, remoteQueueList,
-                                      peers};
+                                      peers, verifier};
     DLPool dlPool{downloadNeeds};
     HashThread hashThread{core, ui, *this};
 

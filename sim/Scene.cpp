@@ -21,6 +21,7 @@ SceneClient::SceneClient(Scene& scene, std::string itsName, SimMachine& itsMachi
     : name(std::move(itsName)), machine(itsMachine), disk(scene.world, SimClient::home), scene_(scene) {
     scene_.picture.name(machine.address(), name);
     scene_.given_[machine.address()] = 0;
+    scene_.taken_[machine.address()] = 0;
 }
 
 SceneClient::~SceneClient() = default;
@@ -88,11 +89,13 @@ void SceneClient::checkRate() {
 
 // --- The scene
 
-Scene::Scene(u64 seed) : world(seed), network(world) {
+Scene::Scene(u64 seed) : world(seed), network(world), seed_(seed) {
     addIndex();
     network.onCarried = [this](const Carried& carried) {
         const auto giver = given_.find(carried.from);
         if (giver != given_.end() && carried.to != index().address()) giver->second += carried.bytes;
+        const auto taker = taken_.find(carried.to);
+        if (taker != taken_.end() && carried.from != index().address()) taker->second += carried.bytes;
         picture.carried(carried.at, carried.from, carried.to, carried.bytes);
     };
 }

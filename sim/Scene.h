@@ -91,6 +91,8 @@ class Scene {
     double now() const;  // seconds
     const std::string& log() const { return log_; }
     u64 given(const SceneClient& client) const { return given_.at(client.machine.address()); }  // bytes
+    u64 taken(const SceneClient& client) const { return taken_.at(client.machine.address()); }  // bytes
+    u64 seed() const { return seed_; }
     bool has(const SceneClient& client, const SimFileOffer& file) const;
     // The time in seconds when its download was reported as finished; below 0 if it wasn't.
     double finishedAt(const SceneClient& client, const SimFileOffer& file) const;
@@ -109,7 +111,9 @@ class Scene {
 
     std::vector<std::unique_ptr<SimIndex>> indexes_;
     std::map<std::string, SimFileOffer> files_;
+    const u64 seed_;
     std::map<u32, u64> given_;
+    std::map<u32, u64> taken_;
     std::map<std::pair<const SceneClient*, std::string>, double> finished_;
     std::vector<std::unique_ptr<SceneClient>> clients_;
     std::vector<std::unique_ptr<SimDisk>> opponentDisks_;

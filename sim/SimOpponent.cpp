@@ -1,6 +1,7 @@
 #include "sim/SimOpponent.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "meta/FileMeta.h"
 #include "meta/address.h"
@@ -129,6 +130,13 @@ void SimOpponent::serve(SimTalk& talk) {
         if (talk.kind_ != SimTalk::Kind::toIndex) handle(talk, opcode, reader);
     }
     if (talk.frames_.isBroken(longestBody)) talk.ended_ = true;
+    // Range by range: a request may name others before all has left.
+    while (!talk.ended_ && !talk.asked_.empty() && talk.toSend_.size() < dataAtOnce) {
+        const std::pair range = talk.asked_.front();
+        talk.asked_.erase(talk.asked_.begin());
+        talk.sent_ = {range, talk.sent_[0], talk.sent_[1]};
+        askedRange(talk, range.first, range.second);
+    }
 }
 
 // Sends an index server the log-on and the shared file, or a client a hello.
@@ -173,10 +181,18 @@ void SimOpponent::handle(SimTalk& talk, u8 opcode, ByteReader body) {
             body.hash();
             u32 starts[3];
             for (u32& start : starts) start = body.read32();
+            talk.asked_.clear();
             for (const u32 start : starts) {
-                const u32 end = body.read32();
-                if (start < end && !body.failed()) askedRange(talk, start, end);
+                const std::pair range(start, body.read32());
+                if (range.first < range.second && !body.failed()) talk.asked_.push_back(range);
             }
+            // A request that names the newest that was sent was made before that arrived, and so what was
+            // sent shortly before it.
+            const auto isSent = [&](const auto& range) {
+                return std::find(talk.sent_.begin(), talk.sent_.end(), range) != talk.sent_.end();
+            };
+            if (std::find(talk.asked_.begin(), talk.asked_.end(), talk.sent_.front()) != talk.asked_.end())
+                std::erase_if(talk.asked_, isSent);
             return;
         }
         default:

@@ -1,8 +1,10 @@
 // SimOpponent: a machine that speaks the client protocol by a script, honest or hostile.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "i4min/threads/linux/Thread.h"
@@ -40,8 +42,10 @@ class SimTalk {
     std::unique_ptr<i4_socket> socket_;
     FrameReader frames_;
     Bytes toSend_;
-    u32 watched_ = 0;    // the events that the set reports
-    bool isUp_ = false;  // the connection is established
+    std::vector<std::pair<u32, u32>> asked_;        // ranges of the last request that are still to be sent
+    std::array<std::pair<u32, u32>, 3> sent_ = {};  // the newest first
+    u32 watched_ = 0;                               // what the set is asked about
+    bool isUp_ = false;                             // the connection stands
     bool ended_ = false;
 };
 

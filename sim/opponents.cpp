@@ -23,7 +23,71 @@ class Twister : public SimOpponent {
     }
 };
 
-// Grants a slot, then sends only empty packets.
+// Turns one bit of each part.
+class Flipper : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        Bytes bytes = bytesOf(start, end);
+        if (start % PARTSIZE <= flipped && end - start > flipped) bytes[flipped - start % PARTSIZE] ^= 4;
+        sendData(talk, start, end, bytes);
+    }
+    static constexpr u32 flipped = 1000;  // byte of a part
+};
+
+// Is honest with the first nine tenths of the file.
+class Turncoat : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        if (start < offer_.content.size / 10 * 9) return sendData(talk, start, end);
+        sendData(talk, start, end, garbage(end - start));
+    }
+};
+
+// Sends a few bytes a second of what it was asked for last.
+class Trickler : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void askedRange(SimTalk&, u32 start, u32 end) override { asked_ = {start, end}; }
+    void eachSecond(SimTalk& talk) override {
+        const u32 end = std::min(asked_.second, asked_.first + 100);
+        if (asked_.first < end) sendData(talk, asked_.first, end);
+        asked_.first = end;
+    }
+    std::pair<u32, u32> asked_{0, 0};
+};
+
+// Hangs up, each time at another question.
+class Leaver : public SimOpponent {
+    using SimOpponent::SimOpponent;
+    void gotHello(SimTalk& talk) override {
+        goOn(talk, [&] { SimOpponent::gotHello(talk); });
+    }
+    void askedStatus(SimTalk& talk) override {
+        goOn(talk, [&] { SimOpponent::askedStatus(talk); });
+    }
+    void askedHashSet(SimTalk& talk) override {
+        goOn(talk, [&] { SimOpponent::askedHashSet(talk); });
+    }
+    void askedSlot(SimTalk& talk) override {
+        goOn(talk, [&] { SimOpponent::askedSlot(talk); });
+    }
+    void askedRange(SimTalk& talk, u32 start, u32 end) override {
+        goOn(talk, [&] { sendData(talk, start, end); });
+    }
+    template <class Answer>
+    void goOn(SimTalk& talk, Answer answer) {
+        if (++questions_ >= patience_) {
+            talk.hangUp();
+            questions_ = 0;
+            ++patience_;
+        } else {
+            answer();
+        }
+    }
+    int questions_ = 0;
+    int patience_ = 1;
+};
+
+// Grants a slot and sends an empty packet now and then.
 class Miser : public SimOpponent {
     using SimOpponent::SimOpponent;
     void askedRange(SimTalk& talk, u32 start, u32) override { sendData(talk, start, start, {}); }
@@ -115,9 +179,11 @@ std::unique_ptr<SimOpponent> make(SimHost& host, const SimFileOffer& offer) {
 }  // namespace
 
 const SimOpponentKind opponentKinds[] = {
-    {"liar", make<Liar>},           {"twister", make<Twister>},   {"miser", make<Miser>},
-    {"mute", make<Mute>},           {"babbler", make<Babbler>},   {"mumbler", make<Mumbler>},
-    {"quitter", make<Quitter>},     {"forger", make<Forger>},     {"stuffer", make<Stuffer>},
-    {"trickster", make<Trickster>}, {"nameless", make<Nameless>},
+    {"honest", make<SimOpponent>}, {"liar", make<Liar>},         {"flipper", make<Flipper>},
+    {"twister", make<Twister>},    {"turncoat", make<Turncoat>}, {"miser", make<Miser>},
+    {"trickler", make<Trickler>},  {"mute", make<Mute>},         {"babbler", make<Babbler>},
+    {"mumbler", make<Mumbler>},    {"quitter", make<Quitter>},   {"leaver", make<Leaver>},
+    {"forger", make<Forger>},      {"stuffer", make<Stuffer>},   {"trickster", make<Trickster>},
+    {"nameless", make<Nameless>},
 };
 const std::size_t opponentKindCount = std::size(opponentKinds);

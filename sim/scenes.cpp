@@ -116,12 +116,38 @@ void playOpponents(Scene& scene) {
     }
     scene.run(5);
     scene.fetch(leecher, film);
-    scene.run(300);
+    scene.untilAllHave({&leecher}, film, 1500);
     scene.require(leecher->isOnline() && seed->isOnline(), "both go on");
 }
 
-// A thousand clients on one index server for a day. Each searches now and then, and ten times downloads a
-// file that another shares.
+// One who fetches from many sources of which some mean harm, all in one way. The seed says which: of each 72
+// seeds in a row, each number of sources meets each share and each way.
+void playLiars(Scene& scene) {
+    static constexpr const char* ways[] = {"liar",    "flipper", "turncoat", "forger",
+                                           "stuffer", "miser",   "trickler", "leaver"};
+    static constexpr int counts[] = {1, 4, 20};
+    static constexpr int shares[] = {0, 4, 2};  // one in so many
+    const u64 row = scene.seed() % 72;
+    const char* way = ways[row % 8];
+    const int sources = counts[row / 24];
+    const int share = shares[row / 8 % 3];
+    const int liars = share == 0 ? 0 : sources / share;
+    const SimFileOffer& film = scene.makeFile("film.avi", 95 * megabyte);
+    const Link line{.upBytesPerSecond = 400'000, .downBytesPerSecond = 4'000'000};
+    for (int n = 0; n < sources; ++n) scene.oppose(n < liars ? way : "honest", film, line);
+    SceneClient& leecher = scene.arrive("leecher", 0, {.downBytesPerSecond = 8'000'000});
+    scene.run(5);
+    const double start = scene.now();
+    scene.fetch(leecher, film);
+    scene.untilAllHave({&leecher}, film, patience);
+    const double times = static_cast<double>(scene.taken(leecher)) / static_cast<double>(film.content.size);
+    scene.tell(std::string(way) + text(", %.0f of %.0f sources", liars, sources) +
+               text(": fetched %.3f times in %.0f s", times, scene.now() - start));
+    scene.require(times <= 2.2, "little is fetched in vain");
+}
+
+// A thousand clients on one index server for a day: each searches now and then, and ten times fetches a file
+// that somebody shares.
 void playDay(Scene& scene) {
     constexpr int clients = 1000;
     constexpr int fetches = 10;
@@ -171,6 +197,8 @@ const SceneRow scenes[] = {
     {"router", "a seed behind a router that a neighbour shares", playRouter},
     {"bad-line", "a slow line that loses, is reset and cut", playBadLine},
     {"opponents", "one honest seed, and one of each who means harm", playOpponents},
+    {"liars", "many sources, of which some mean harm; the seed says which", playLiars,
+     SceneRow::Length::extended},
     {"day", "a thousand clients for a day: searches and 10,000 transfers", playDay,
      SceneRow::Length::extended},
 };

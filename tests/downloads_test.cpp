@@ -148,11 +148,10 @@ TEST_F(DownloadStates, AvailabilityIsWholeOnlyWhenNothingIsLacking) {
 
 std::string pick(DLProgress& progress, const std::string& flags) {
     const BoolArray array = partsOf(flags);
-    u32 start = 0;
-    u32 end = 0;
-    if (!progress.pickChunk(&array, 184'320, start, end)) return "none";
-    return std::to_string(start / PARTSIZE) + ":" + std::to_string(start % PARTSIZE) + "+" +
-           std::to_string(end - start);
+    const Chunk chunk = progress.pickChunk({&array, 0, false, true}, 184'320);
+    if (chunk.isEmpty()) return "none";
+    return std::to_string(chunk.part()) + ":" + std::to_string(chunk.start % PARTSIZE) + "+" +
+           std::to_string(chunk.bytes());
 }
 
 TEST_F(DownloadStates, TheNextChunkIsTheFirstFreeOfTheRarestPart) {

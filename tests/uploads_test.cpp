@@ -41,14 +41,15 @@ class UploadTest : public Downloads {
             const u32 start = u32At(body, 17);
             const u32 end = u32At(body, 21);
             EXPECT_TRUE(body == opcode(OP_FILE_DATA, bytesOf(hash)) + le32(start) + le32(end) +
-                                    file.bytes.substr(start, end - start));
+                                    sending->bytes.substr(start, end - start));
             told += (told.empty() ? "" : " ") + std::to_string(start) + "-" + std::to_string(end);
         }
         return told;
     }
 
     RemoteFile file{"shared.bin", 2'000'000};
-    const MD4Hash hash = file.record.hash;
+    const RemoteFile* sending = &file;
+    MD4Hash hash = file.record.hash;
     TestPeer& to = peer(1);
     Ref<Upload> upload;
 };
@@ -132,24 +133,31 @@ TEST_F(UploadTest, EndsWhenItIsStoppedOrCantRead) {
 }
 
 // An upload of a file being downloaded; then the file moves, and the upload continues.
-TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsThere) {
-    clientApp.shared.clear();
-    const Ref<Download> download = add(file);
-    give(*download, file, 0, 50'000);
+TEST_F(UploadTest, OfAFileUnderDownloadItSendsWhatIsVerified) {
+    const RemoteFile film("shared.bin", PARTSIZE + 100'000);
+    sending = &film;
+    hash = film.record.hash;
+    const Ref<Download> download = add(film);
+    giveHashSet(*download, film.parts);
+    give(*download, film, 0, PARTSIZE + 50'000);
     const auto parts = [&] { return engine.peerNeeds.files.partsFor(hash, User(1)); };
-    upload = Ref<Upload>(new PartUpload(uploadPool, log, host.disk, parts(), to, hash));
+    const auto begin = [&] {
+        upload = Ref<Upload>(new PartUpload(uploadPool, log, host.disk, parts(), to, hash));
+    };
+    begin();
     {
         const i4_guard guard(download->stateLock());
         EXPECT_EQ(download->state().getSources()->count(), 1U) << "whoever fetches has, or will have, parts";
     }
-    EXPECT_EQ(ask({{49'995, 50'005}}), "") << "not there";
-    upload = Ref<Upload>(new PartUpload(uploadPool, log, host.disk, parts(), to, hash));
+    EXPECT_EQ(ask({{PARTSIZE + 100, PARTSIZE + 200}}), "") << "not verified";
+    begin();
     EXPECT_EQ(ask({{0, 20'000}}, 1), "0-10240");
     writeFile(incoming("shared.bin"), "of another download of that name");
-    give(*download, file, 50'000, file.size());
+    give(*download, film, PARTSIZE + 50'000, film.size());
     waitUntilGone(download);
     EXPECT_EQ(leave(), "10240-20000");
-    EXPECT_EQ(ask({{1'999'990, 2'000'000}}), "1999990-2000000");
+    EXPECT_EQ(ask({{PARTSIZE + 99'990, PARTSIZE + 100'000}}),
+              std::to_string(PARTSIZE + 99'990) + "-" + std::to_string(PARTSIZE + 100'000));
 }
 
 // --- Assignment of slots

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "download/DLS_Downloading.h"
 #include "tests/support/EngineTest.h"
 #include "tests/support/bytes.h"
 #include "tests/support/eventually.h"
@@ -94,7 +95,16 @@ class Downloads : public EngineTest {
     }
     void giveBytes(Download& download, i64 start, i64 end, const std::string& bytes) {
         DataPacket packet(static_cast<u32>(start), static_cast<u32>(end), bytes);
-        download.gotData(packet, *Ref<Peer>(new Peer(clientApp.socketPool, engine.peerNeeds, 0x0100007F, 9)));
+        packet.seek(8);
+        {
+            const i4_guard guard(download.stateLock());
+            auto* const state = dynamic_cast<DLS_Downloading*>(&download.state());
+            if (state) state->take(packet, static_cast<u32>(start), static_cast<u32>(end), nobody);
+        }
+        waitForVerifier();
+    }
+    void waitForVerifier() {
+        EXPECT_TRUE(eventually([&] { return engine.verifier.isIdle(); }));
     }
     void give(Download& download, const RemoteFile& file, i64 start, i64 end) {
         giveBytes(download, start, end,
@@ -111,6 +121,7 @@ class Downloads : public EngineTest {
         for (const MD4Hash& part : parts) body += bytesOf(part);
         BytesFile stream(i4_bytes(body));
         download.gotHashSet(stream);
+        waitForVerifier();
     }
     // A flag for each part: whether its hash was verified.
     std::string verified(const Download& download) {
