@@ -16,7 +16,7 @@ constexpr i32 sourcePacing = 500;       // ms
 constexpr i64 idleLimit = 120'000;      // ms after which a silent Peer is closed
 constexpr i64 banTime = 4 * 3'600'000;  // ms
 constexpr std::size_t mostBans = 1000;
-constexpr f32 leastThreshold = 0.5F;    // KB/s
+constexpr f32 leastThreshold = 0.5F;  // KB/s
 
 }  // namespace
 

@@ -96,7 +96,7 @@ class DLPool : public Thread, public DownloadOwner {
     i32 diskTimer_ = 60'000;                                                  // ms
     i4_mutex banLock_{LockRank::leaf};
     std::deque<Ban> bans_ GUARDED_BY(banLock_);  // the oldest first
-    Relaxed<i32> sinceStart_{500};  // ms since a source was last tried
+    Relaxed<i32> sinceStart_{500};               // ms since a source was last tried
     Relaxed<u8> canStart_{1};
     Relaxed<i32> transferCount_{0};  // of sources
     Relaxed<u64> freeSpace_{0};      // bytes, the smaller of the temp and the incoming file system

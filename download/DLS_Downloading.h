@@ -58,13 +58,13 @@ class DLS_Downloading : public DownloadState {
 
     std::vector<ServerAsk> servers_;
     OwnLL<FileSource> sources_;
-    i32 serverListAge_ = 0;         // ms
-    i32 hashTimer_ = 60'000;        // ms since the part hashes were last asked for
+    i32 serverListAge_ = 0;                  // ms
+    i32 hashTimer_ = 60'000;                 // ms since the part hashes were last asked for
     const FileSource* lastAsked_ = nullptr;  // for the part hashes; only compared
-    bool isUnchecked_ = false;      // the verifier had no room for a part
-    i32 moreTimer_ = 0;             // ms since the sources looked for more to ask for
-    i32 speedWindow_ = 0;           // ms in the current sample
-    std::array<f32, 8> samples_{};  // bytes per ms
+    bool isUnchecked_ = false;               // the verifier had no room for a part
+    i32 moreTimer_ = 0;                      // ms since the sources looked for more to ask for
+    i32 speedWindow_ = 0;                    // ms in the current sample
+    std::array<f32, 8> samples_{};           // bytes per ms
     u32 lastTransferred_;
     u32 sampleIndex_ = 0;
 };

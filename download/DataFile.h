@@ -33,7 +33,7 @@ class DataFile {
     // Writes, sooner or later, `length` bytes at `at`; not closed meanwhile. The memory stays as it is as
     // long as this file holds it.
     void write(u64 at, std::shared_ptr<const u8> bytes, u32 length) EXCLUDES(lock_);
-    void flush() EXCLUDES(lock_);                         // writes what waits
+    void flush() EXCLUDES(lock_);  // writes what waits
     // The ranges that were to be written since the last call and weren't.
     struct Loss {
         u64 start;

@@ -54,7 +54,9 @@ std::vector<GivenPiece> SourceAccounts::giversOf(u32 part) const {
     for (const auto& run : given_.runs(start, end)) {
         if (run.value == nobody) continue;
         pieces.push_back({static_cast<u32>(std::max(start, run.start)),
-                          static_cast<u32>(std::min(end, run.end)), run.value, {}});
+                          static_cast<u32>(std::min(end, run.end)),
+                          run.value,
+                          {}});
     }
     return pieces;
 }

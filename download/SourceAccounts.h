@@ -69,7 +69,6 @@ class SourceAccounts {
     std::vector<u32> failed(u32 part, u32 length, const std::vector<GivenPiece>& pieces);
 
   private:
-
     std::vector<SourceAccount> accounts_;
     RangeMap<u32> given_;  // the accounts of who gave what is not verified
     std::map<u32, std::vector<GivenPiece>> evidence_;

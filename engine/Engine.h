@@ -60,8 +60,8 @@ class Engine final : private MessageDuties,
 
     PartFileNamer partFileNamer{core};
     Verifier verifier{host.scheduler};
-    const DownloadNeeds downloadNeeds{core, ui, *this, serverPool, *this, partFileNamer, remoteQueueList,
-                                      peers, verifier};
+    const DownloadNeeds downloadNeeds{
+        core, ui, *this, serverPool, *this, partFileNamer, remoteQueueList, peers, verifier};
     DLPool dlPool{downloadNeeds};
     HashThread hashThread{core, ui, *this};
 
