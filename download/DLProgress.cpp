@@ -57,13 +57,13 @@ bool DLProgress::comesBefore(const Part& a, const Part& b) {
 // A part that failed is being fetched again, or checked.
 bool DLProgress::isRepairing() const {
     return std::any_of(parts_.begin(), parts_.end(), [](const Part& part) {
-        return part.isAlone && !part.isVerified && part.holder != nobody;
+        return part.isAlone && !part.isVerified && part.holder != noAccount;
     });
 }
 
 bool DLProgress::mayFetch(const Part& part, const Asker& asker, bool repairing) {
     if (part.isVerified) return false;
-    if (part.isAlone && part.holder != nobody) return part.holder == asker.account;
+    if (part.isAlone && part.holder != noAccount) return part.holder == asker.account;
     if (asker.isProven) return true;
     return !repairing && (!part.isAlone || asker.mayRepair);
 }
@@ -112,7 +112,7 @@ void DLProgress::partFailed(u32 number) {
     Part& part = parts_[number];
     removeDone(part.start, part.end);
     part.isAlone = true;
-    part.holder = nobody;
+    part.holder = noAccount;
     ++part.failures;
 }
 

@@ -76,8 +76,8 @@ class DLProgress : public GapCounterList {
         i32 requests = 0;  // chunks that are being fetched
         bool isBegun = false;
         bool isVerified = false;
-        bool isAlone = false;  // it failed
-        u32 holder = nobody;   // who gives it alone
+        bool isAlone = false;    // it failed
+        u32 holder = noAccount;  // who gives it alone
         i32 failures = 0;
     };
     static bool mayFetch(const Part& part, const Asker& asker, bool repairing);

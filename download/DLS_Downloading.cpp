@@ -70,8 +70,9 @@ void DLS_Downloading::tick(i32 elapsedMs) {
 // to those who may fetch it: once one of them does, the others wait.
 void DLS_Downloading::letSourcesAsk() {
     moreTimer_ = 0;
+    const std::vector<FileSource*> all = download.talkers;
     for (const bool suspects : {false, true}) {
-        for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
+        for (FileSource* source : all) {
             if (source->isSuspect() == suspects) source->state().askForMore();
         }
     }
@@ -85,24 +86,10 @@ void DLS_Downloading::askHashSet(i32 elapsedMs) {
     askSomeHashSet();
 }
 
-// The next one behind the one that was asked last, whose answer may have been no good.
+// One after the other: the answer of the last one may have been no good.
 void DLS_Downloading::askSomeHashSet() {
-    bool passed = false;
-    FileSource* first = nullptr;
-    for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
-        const bool wasLast = source == lastAsked_;
-        if (source->peer() && (passed || !first) && !wasLast) {
-            if (passed) {
-                lastAsked_ = source;
-                source->state().askHashSet();
-                return;
-            }
-            first = source;
-        }
-        passed = passed || wasLast;
-    }
-    lastAsked_ = first;
-    if (first) first->state().askHashSet();
+    const std::vector<FileSource*>& all = download.talkers;
+    if (!all.empty()) all[hashQuestions_++ % all.size()]->state().askHashSet();
 }
 
 // A window in which a failed part took bytes back counts as no progress.
@@ -206,7 +193,7 @@ std::optional<u32> DLS_Downloading::take(i4_ram_file_class& packet, u32 start, u
         const u32 from = static_cast<u32>(gap.start);
         const u32 to = static_cast<u32>(gap.end);
         bytes += to - from;
-        if (account != nobody) download.accounts.gave(account, from, to);
+        if (account != noAccount) download.accounts.gave(account, from, to);
     }
     if (stopOnLoss()) return std::nullopt;
     if (bytes > 0) checkParts(start / PARTSIZE, end / PARTSIZE);
@@ -237,11 +224,10 @@ void DLS_Downloading::checkParts(u32 first, u32 last) {
 
 // A bad part's bytes are missing again, and a source with an account that gave wrong ones is out.
 void DLS_Downloading::partChecked(const CheckedPart& checked, const std::vector<u32>& liars) {
-    if (!liars.empty()) {
-        for (LL<FileSource>::Cursor c; FileSource* source = sources_.next(c);) {
-            const u32 account = source->account();
-            if (account != nobody && download.accounts[account].isOut) source->state().drop();
-        }
+    const std::vector<FileSource*> all = download.talkers;
+    for (FileSource* source : all) {
+        const u32 account = source->account();
+        if (std::find(liars.begin(), liars.end(), account) != liars.end()) source->state().drop();
     }
     if (checked.outcome != CheckedPart::Outcome::passed) {
         forEachSource([&](FileSourceState& state) { state.partReopened(checked.part); });
@@ -252,7 +238,7 @@ void DLS_Downloading::partChecked(const CheckedPart& checked, const std::vector<
 bool DLS_Downloading::hasOthersToAsk() {
     for (LL<FileSource>::Cursor c; const FileSource* source = sources_.next(c);) {
         const u32 account = source->account();
-        if (account == nobody || download.accounts[account].failedParts == 0) return true;
+        if (account == noAccount || download.accounts[account].failedParts == 0) return true;
     }
     return false;
 }

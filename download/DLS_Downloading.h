@@ -33,7 +33,7 @@ class DLS_Downloading : public DownloadState {
     void partChecked(const CheckedPart& checked, const std::vector<u32>& liars) override;
     bool hasOthersToAsk() override;
 
-    // Writes bytes that an account gave, nobody for none, and has the verifier check what is complete. The
+    // Writes bytes that an account gave, noAccount for none, and has the verifier check what is complete. The
     // result is what was missing of them; nothing where they ended this state.
     std::optional<u32> take(i4_ram_file_class& packet, u32 start, u32 end, u32 account);
 
@@ -58,13 +58,13 @@ class DLS_Downloading : public DownloadState {
 
     std::vector<ServerAsk> servers_;
     OwnLL<FileSource> sources_;
-    i32 serverListAge_ = 0;                  // ms
-    i32 hashTimer_ = 60'000;                 // ms since the part hashes were last asked for
-    const FileSource* lastAsked_ = nullptr;  // for the part hashes; only compared
-    bool isUnchecked_ = false;               // the verifier had no room for a part
-    i32 moreTimer_ = 0;                      // ms since the sources looked for more to ask for
-    i32 speedWindow_ = 0;                    // ms in the current sample
-    std::array<f32, 8> samples_{};           // bytes per ms
+    i32 serverListAge_ = 0;          // ms
+    i32 hashTimer_ = 60'000;         // ms since the part hashes were last asked for
+    std::size_t hashQuestions_ = 0;  // how often a source was asked for the part hashes
+    bool isUnchecked_ = false;       // the verifier had no room for a part
+    i32 moreTimer_ = 0;              // ms since the sources looked for more to ask for
+    i32 speedWindow_ = 0;            // ms in the current sample
+    std::array<f32, 8> samples_{};   // bytes per ms
     u32 lastTransferred_;
     u32 sampleIndex_ = 0;
 };

@@ -308,7 +308,7 @@ void Download::on(const ReachEvent& event) {
 
 Chunk Download::takeOver(FileSource& taker, f32 itsSpeed) {
     if (!taker.parts()) return {};
-    for (const auto& [peer, source] : talking) {
+    for (FileSource* source : talkers) {
         if (source == &taker) continue;
         const Chunk chunk = source->state().letGo(*taker.parts(), itsSpeed);
         if (chunk.isEmpty()) continue;
@@ -319,9 +319,8 @@ Chunk Download::takeOver(FileSource& taker, f32 itsSpeed) {
 }
 
 bool Download::hasUnsuspected() const {
-    return std::any_of(talking.begin(), talking.end(), [](const auto& entry) {
-        return entry.second->state().usesSlot() && !entry.second->isSuspect();
-    });
+    return std::any_of(talkers.begin(), talkers.end(),
+                       [](FileSource* source) { return source->state().usesSlot() && !source->isSuspect(); });
 }
 
 void Download::leaveParts(u32 account) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <unordered_map>
+#include <vector>
 
 #include "download/DLProgress.h"
 #include "download/DownloadNeeds.h"
@@ -75,6 +76,7 @@ class DownloadBody {
     DownloadOwner& owner;
     SourceAccounts accounts;
     std::unordered_map<const Peer*, FileSource*> talking;  // the sources that talk, by their peers
+    std::vector<FileSource*> talkers;                      // the same, in the order in which they began
     Relaxed<f32> speed;  // bytes per ms, the mean of the last eight samples. Thread: any
 
   protected:

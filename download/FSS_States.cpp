@@ -8,12 +8,12 @@
 
 namespace {
 
-constexpr i32 stallLimit = 360'000;     // ms
-constexpr i32 statusEvery = 1'800'000;  // ms
-constexpr i32 slowAfter = 10'000;       // ms without useful data: others may ask for the same chunks
-constexpr i32 lostAfter = 20'000;       // ms without useful data: the chunks are free again
-constexpr i32 speedSample = 1000;       // ms
-constexpr f32 muchSlower = 2.0F;        // times
+constexpr i32 stallLimit = 360'000;      // ms
+constexpr i32 statusEvery = 1'800'000;   // ms
+constexpr i32 slowAfter = 10'000;        // ms without useful data: others may ask for the same chunks
+constexpr i32 lostAfter = 20'000;        // ms without useful data: the chunks are free again
+constexpr i32 sourceSpeedSample = 1000;  // ms
+constexpr f32 muchSlower = 2.0F;         // times
 
 template <class State, class... Arguments>
 void change(FileSource& source, Arguments&... arguments) {
@@ -276,7 +276,7 @@ void FSS_Transfering::measureSpeed(i32 elapsedMs) {
     if (places_[0].chunk.isEmpty()) return;
     busy_ += elapsedMs;
     speedWindow_ += elapsedMs;
-    if (speedWindow_ < speedSample) return;
+    if (speedWindow_ < sourceSpeedSample) return;
     const f32 now = static_cast<f32>(windowBytes_) / static_cast<f32>(speedWindow_);
     speed_ = speed_ == 0 ? now : (3 * speed_ + now) / 4;
     speedWindow_ = 0;

@@ -33,9 +33,14 @@ bool FileSource::tick(i32 elapsedMs) {
 bool FileSource::sameUser(const UserMeta& other) const { return user.sameUser(&other); }
 
 void FileSource::talkWith(Ref<Peer> peer) {
-    if (peer_) download.talking.erase(peer_.get());
+    if (peer_) {
+        download.talking.erase(peer_.get());
+        std::erase(download.talkers, this);
+    }
     peer_ = std::move(peer);
-    if (peer_) download.talking.emplace(peer_.get(), this);
+    if (!peer_) return;
+    download.talking.emplace(peer_.get(), this);
+    download.talkers.push_back(this);
 }
 
 void FileSource::setParts(const BoolArray& parts) {
@@ -65,6 +70,7 @@ bool FileSource::askFileStatus(Peer& peer) const {
 // A user who is here already by another address counts once.
 void FileSource::gotPeer(Peer& peer) {
     peer.copyUser(user);
+    account_ = download.accounts.find(user);
     if (download.owner.isBanned(user) || download.talking.contains(&peer)) return become<FSS_BadSource>();
     if (name.length() == 0) peer.askFileName(download.partial().getHash());
     const bool needed = parts_ && download.partial().hasNeededPart(*parts_);
@@ -88,12 +94,13 @@ void FileSource::gotUnasked(u32 bytes) {
     if (account.unasked > mostUnasked + account.delivered) state_->drop();
 }
 
-u32 FileSource::account() const { return download.accounts.find(user); }
-u32 FileSource::openAccount() { return download.accounts.idOf(user); }
+u32 FileSource::openAccount() {
+    if (account_ == noAccount) account_ = download.accounts.idOf(user);
+    return account_;
+}
 
 bool FileSource::isSuspect() const {
-    const u32 id = account();
-    return id != nobody && download.accounts[id].isSuspect();
+    return account_ != noAccount && download.accounts[account_].isSuspect();
 }
 
 Asker FileSource::asker() {

@@ -48,8 +48,8 @@ class FileSource {
     void clearParts();
     const BoolArray* parts() const { return parts_.get(); }  // null while unknown
 
-    // Its account; openAccount() makes one where there is none.
-    u32 account() const;
+    // Its account, noAccount for none; openAccount() makes one.
+    u32 account() const { return account_; }
     u32 openAccount();
     // It gave a part, or some of one, that failed, and nothing since that passed.
     bool isSuspect() const;
@@ -63,4 +63,5 @@ class FileSource {
     std::unique_ptr<FileSourceState> state_;
     std::unique_ptr<BoolArray> parts_;
     Ref<Peer> peer_;
+    u32 account_ = noAccount;
 };

@@ -165,7 +165,7 @@ bool HashThread::takeFile() {
     const std::string path = dirs_.front() + core_.preferences.pathSeparator + name;
     i4_file_status status = listing_->file_status[fileIndex_];
     ++fileIndex_;
-    if (listingIsOld_) disk_.status(path.c_str(), status);
+    if (listingIsOld_) static_cast<void>(disk_.status(path.c_str(), status));  // else as the listing has it
     if (!isShareable(path, name, status)) return true;
     FileMeta* file = duties_.known().find(static_cast<u32>(status.size), status.last_modified, name);
     if (file) {

@@ -20,12 +20,12 @@ bool isSame(const SourceAccount& account, const UserMeta& user) {
 u32 SourceAccounts::find(const UserMeta& user) const {
     const auto found = std::find_if(accounts_.begin(), accounts_.end(),
                                     [&](const SourceAccount& account) { return isSame(account, user); });
-    return found == accounts_.end() ? nobody : static_cast<u32>(found - accounts_.begin());
+    return found == accounts_.end() ? noAccount : static_cast<u32>(found - accounts_.begin());
 }
 
 u32 SourceAccounts::idOf(const UserMeta& user) {
     u32 id = find(user);
-    if (id == nobody) {
+    if (id == noAccount) {
         id = static_cast<u32>(accounts_.size());
         accounts_.emplace_back();
     }
@@ -52,7 +52,7 @@ std::vector<GivenPiece> SourceAccounts::giversOf(u32 part) const {
     const i64 start = i64{part} * PARTSIZE;
     const i64 end = start + PARTSIZE;
     for (const auto& run : given_.runs(start, end)) {
-        if (run.value == nobody) continue;
+        if (run.value == noAccount) continue;
         pieces.push_back({static_cast<u32>(std::max(start, run.start)),
                           static_cast<u32>(std::min(end, run.end)),
                           run.value,
@@ -68,7 +68,7 @@ std::vector<GivenPiece> SourceAccounts::evidenceOf(u32 part) const {
 
 void SourceAccounts::forget(u32 part) {
     const i64 start = i64{part} * PARTSIZE;
-    given_.set(start, start + PARTSIZE, nobody);
+    given_.set(start, start + PARTSIZE, noAccount);
 }
 
 std::vector<u32> SourceAccounts::passed(u32 part, const std::vector<GivenPiece>& evidence) {

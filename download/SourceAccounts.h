@@ -12,7 +12,7 @@
 class UserMeta;
 
 // No account.
-inline constexpr u32 nobody = 0xFFFFFFFF;
+inline constexpr u32 noAccount = 0xFFFFFFFF;
 
 // One user who gave bytes of the file, over all of his connections.
 struct SourceAccount {
@@ -45,8 +45,8 @@ struct GivenPiece {
 // Thread: under Download's lock.
 class SourceAccounts {
   public:
-    void setSize(u32 fileSize) { given_.reset(fileSize, nobody); }
-    // The account of this user, or nobody.
+    void setSize(u32 fileSize) { given_.reset(fileSize, noAccount); }
+    // The account of this user, or noAccount.
     u32 find(const UserMeta& user) const;
     // The same; opens one where there is none.
     u32 idOf(const UserMeta& user);

@@ -99,7 +99,7 @@ class Downloads : public EngineTest {
         {
             const i4_guard guard(download.stateLock());
             auto* const state = dynamic_cast<DLS_Downloading*>(&download.state());
-            if (state) state->take(packet, static_cast<u32>(start), static_cast<u32>(end), nobody);
+            if (state) state->take(packet, static_cast<u32>(start), static_cast<u32>(end), noAccount);
         }
         waitForVerifier();
     }
